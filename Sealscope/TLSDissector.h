@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "Sealscope/TLSCertificate.h"
+#include "Sealscope/TLSHandshake.h"
+#include "Sealscope/TLSRecord.h"
+#include "host/VELDependencies/VELNodeProtocol.h"
+#include "platform/Bundle.h"
+#include "platform/Data.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace sealscope {
+
+class StreamData;
+
+/// Reads TLS out of bytes: records, handshake messages, hellos, certificates, and the tree of a packet's fields.
+/// It has no state; any thread may call any operation. Nothing throws: what is cut short ends a list, is marked truncated
+/// or gives nothing. Where a base offset is asked for, results count from it; otherwise from the start of the bytes.
+class TLSDissector {
+public:
+    /// The start test: five bytes that can open a TLS record of version 1.0 or later, with 1 ... 18432 bytes of body.
+    static bool looksLikeTLS(DataView bytes);
+    static bool looksLikeTLS(const StreamData& bytes);
+    /// All record headers in order. After the first, every five bytes are taken as a header whatever they hold; a
+    /// truncated record is the last.
+    static std::vector<TLSRecord> parseRecords(DataView bytes);
+    static std::vector<TLSRecord> parseRecords(const StreamData& bytes);
+
+    /// The messages of one record body; a truncated message is the last.
+    static std::vector<TLSHandshakeMessage> parseHandshakeMessages(DataView body, std::int64_t baseOffset);
+    static std::optional<ClientHelloInfo> parseClientHello(DataView body, std::int64_t baseOffset);
+    static std::optional<ServerHelloInfo> parseServerHello(DataView body, std::int64_t baseOffset);
+    /// `bytes` begin at the 2-byte length of an extension list.
+    static std::vector<TLSExtension> parseExtensions(DataView bytes, std::int64_t baseOffset);
+    // The three readers of an extension's data take the whole hello body, which also bounds what they read.
+    static std::optional<std::string> parseServerName(DataView body, std::int64_t extensionBodyOffset, std::int64_t baseOffset);
+    static std::vector<std::string> parseALPN(DataView body, std::int64_t extensionBodyOffset, std::int64_t baseOffset);
+    static std::vector<std::uint16_t> parseSupportedVersions(DataView body, std::int64_t extensionBodyOffset, std::int64_t baseOffset);
+
+    /// The certificates of a Certificate message body (RFC 5246 §7.4.2); stops at the first entry that does not fit.
+    static std::vector<TLSCertEntry> parseCertificates(DataView body, std::int64_t baseOffset);
+    /// Nothing when the bytes are no X.509 certificate. Verifies nothing.
+    static std::optional<CertSummary> certSummary(DataView der);
+
+    /// The tree of one payload: an array of one root node. Labels come from the bundle's table "LocalizableTLS".
+    static VELNodeList nodes(DataView payload, const Bundle& bundle);
+};
+
+}  // namespace sealscope

@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "app/capture/CaptureError.h"
+#include "app/capture/CapturedPacket.h"
+
+#include <cstdint>
+#include <expected>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace sealscope {
+
+struct CaptureOptions {
+    /// Keep every byte reachable through `Capture::bytes` after its packet was read. Files that cannot be mapped (pipes,
+    /// compressed files) are then spooled to an unlinked temporary file as they are read; without it one pass needs no spool.
+    bool randomAccess = false;
+    /// A capture filter in the pcap-filter language; empty for none. Packets that it rejects keep their numbers and are not
+    /// handed out.
+    std::string filter;
+    std::int64_t maximumPackets = -1;  ///< stop after so many packets that pass the filter; negative for no limit
+};
+
+/// One or more capture files read as one capture: in order of their first packets' times, packet numbers running on.
+/// Read by one thread; `bytes` may be called from any thread.
+class Capture {
+public:
+    /// Opens the files ("-" is standard input). Fails when a file cannot be opened, is no capture, or the filter does not
+    /// compile; `files` must not be empty.
+    static std::expected<std::unique_ptr<Capture>, CaptureError> open(const std::vector<std::string>& files, CaptureOptions options);
+    virtual ~Capture() = default;
+
+    /// The next packet; false at the end of the last file. Damage ends its file, not the capture.
+    virtual bool next(CapturedPacket& packet) = 0;
+    /// Files that were not read to their end, and why; complete when `next` has returned false.
+    virtual const std::vector<CaptureError>& errors() const = 0;
+
+    /// `count` bytes at an address, cut to what is there. Needs random access.
+    virtual DataView bytes(CaptureAddress address, std::int64_t count) const = 0;
+    /// Keeps bytes that lie in no file, such as a datagram put together from fragments; returns their address.
+    virtual CaptureAddress keep(DataView bytes) = 0;
+
+    /// TLS key log text of the decryption secrets blocks read so far, in capture order, each block's lines whole.
+    virtual std::string embeddedKeyLog() const = 0;
+
+    virtual std::int64_t bytesRead() const = 0;
+    /// Size of all files in bytes as stored; negative when one of them is a pipe. For progress only.
+    virtual std::int64_t bytesTotal() const = 0;
+};
+
+}  // namespace sealscope

@@ -1,0 +1,20 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace sealscope {
+
+/// What is wrong with a capture, where, and how much was read before it. The sentence is made by `text()`.
+struct CaptureError {
+    std::string file;                   ///< as the user named it; "-" is standard input
+    std::string reason;                 ///< lower case, without the file's name: "block at byte 88104: length 12 is too short …"
+    std::int64_t packetsBefore = 0;     ///< packets of this file that were read before the damage
+    bool couldNotOpen = false;          ///< nothing of the file could be read
+
+    /// "office.pcapng: block at byte 88104: …; 411 packets before it were read"
+    std::string text() const;
+};
+
+}  // namespace sealscope

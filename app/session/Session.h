@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "app/capture/Capture.h"
+#include "app/capture/PacketDecoder.h"
+#include "host/VELModels/TCPStream.h"
+
+#include <cstdint>
+#include <expected>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace sealscope {
+
+struct SessionOptions {
+    std::vector<std::string> files;
+    std::string filter;
+    std::int64_t maximumPackets = -1;
+    /// Called now and then while the capture is indexed, with bytes read and bytes in all (negative when unknown); false
+    /// ends the indexing early with what was seen.
+    std::function<bool(std::int64_t, std::int64_t)> progress;
+};
+
+/// One TCP connection, as far as it is known without its bytes.
+struct StreamSummary {
+    std::int64_t number = 0;
+    TCPStreamKey::Endpoint client;
+    TCPStreamKey::Endpoint server;
+    std::int64_t clientBytes = 0;   ///< size of the direction's reassembled data, lost bytes included
+    std::int64_t serverBytes = 0;
+    std::int64_t missingBytes = 0;  ///< of both directions: bytes that no packet carried, filled with zeros
+    double startTime = 0;           ///< seconds since 1970
+    double endTime = 0;
+    std::int64_t packets = 0;
+    std::int64_t contradictingBytes = 0;  ///< retransmitted with other content; the first copy stands
+    std::int64_t restarts = 0;            ///< jumps in a direction's sequence numbers that are no plausible loss
+    bool hasSYN = false;                  ///< false: the capture begins in mid-connection
+};
+
+/// One opened capture with its packets and streams: the one way in for every program. Streams are indexed in one pass
+/// and assembled only when they are looked at. After `open` any thread may call anything.
+class Session {
+public:
+    /// Indexes the capture. Fails when nothing could be read; damage further on is in `errors()`.
+    static std::expected<std::unique_ptr<Session>, CaptureError> open(SessionOptions options);
+    ~Session();
+
+    std::int64_t packetCount() const;
+    std::int64_t streamCount() const;
+    StreamSummary summary(std::int64_t stream) const;
+    /// The reassembled connection. Its bytes stay where the capture has them; it may outlive the session.
+    TCPStream stream(std::int64_t stream) const;
+
+    const std::vector<CaptureError>& errors() const;
+    const DecoderNotes& notes() const;
+    /// True when `progress` ended the indexing early.
+    bool wasInterrupted() const;
+    /// Key log text of the secrets that the capture carries.
+    std::string embeddedKeyLog() const;
+
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+private:
+    class Implementation;
+    explicit Session(std::unique_ptr<Implementation> implementation);
+    std::unique_ptr<Implementation> implementation_;
+};
+
+}  // namespace sealscope

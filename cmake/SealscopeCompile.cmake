@@ -1,0 +1,49 @@
+# SPDX-License-Identifier: Apache-2.0
+# How every target of the project is compiled: standard, warnings, visibility, hardening, sanitizers, reproducible paths.
+set(CMAKE_CXX_STANDARD 23)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_LINK_DEPENDS_NO_SHARED ON)
+set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O2 -g1 -DNDEBUG")
+
+find_program(SEALSCOPE_CCACHE ccache)
+if(SEALSCOPE_CCACHE)
+    set(CMAKE_CXX_COMPILER_LAUNCHER "${SEALSCOPE_CCACHE}")
+endif()
+
+add_library(sealscope_compile INTERFACE)
+add_library(sealscope::compile ALIAS sealscope_compile)
+target_compile_options(sealscope_compile INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wimplicit-fallthrough -Werror
+    -fstack-protector-strong
+    "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=")
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    # GCC 12 reports bounds it cannot know in inlined library code.
+    target_compile_options(sealscope_compile INTERFACE -Wno-array-bounds -Wno-stringop-overflow -Wno-stringop-overread -Wno-restrict -Wno-maybe-uninitialized -Wno-missing-field-initializers)
+else()
+    target_compile_options(sealscope_compile INTERFACE -Wno-missing-designated-field-initializers -Wno-missing-field-initializers)
+endif()
+if(NOT CMAKE_BUILD_TYPE STREQUAL "Debug" AND NOT SEALSCOPE_SANITIZE)
+    target_compile_options(sealscope_compile INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+endif()
+target_link_options(sealscope_compile INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,--no-undefined)
+
+if(SEALSCOPE_SANITIZE)
+    # --no-undefined would refuse the sanitizer runtime, which only programs carry.
+    set_property(TARGET sealscope_compile PROPERTY INTERFACE_LINK_OPTIONS "")
+    target_compile_options(sealscope_compile INTERFACE
+        -fsanitize=${SEALSCOPE_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -O1)
+    target_link_options(sealscope_compile INTERFACE -fsanitize=${SEALSCOPE_SANITIZE})
+    # Bundles and their programs share type information across library borders only through exported symbols.
+    target_compile_options(sealscope_compile INTERFACE $<$<NOT:$<STREQUAL:${SEALSCOPE_SANITIZE},thread>>:-fno-sanitize=vptr,function>)
+endif()
+if(SEALSCOPE_FUZZ)
+    target_compile_options(sealscope_compile INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+
+# Programs and bundles find the project's shared libraries beside themselves, in the build tree and when installed.
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+set(CMAKE_INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")

@@ -1,0 +1,40 @@
+# SPDX-License-Identifier: Apache-2.0
+# One line per test, fuzz target and benchmark; each mirrors the path of what it exercises.
+
+# sealscope_test(streams/ReassemblerTest.cpp LINK sealscope::streams [LABELS slow])
+# A GoogleTest program, one CTest test per program.
+function(sealscope_test source)
+    cmake_parse_arguments(ARG "" "" "LINK;LABELS" ${ARGN})
+    get_filename_component(name "${source}" NAME_WE)
+    add_executable(${name} "${source}")
+    target_link_libraries(${name} PRIVATE sealscope::compile sealscope_test_support ${ARG_LINK} GTest::gtest GTest::gmock GTest::gtest_main)
+    target_include_directories(${name} PRIVATE "${PROJECT_SOURCE_DIR}")
+    target_compile_definitions(${name} PRIVATE SEALSCOPE_SOURCE_DIR="${PROJECT_SOURCE_DIR}" SEALSCOPE_BINARY_DIR="${PROJECT_BINARY_DIR}")
+    target_precompile_headers(${name} REUSE_FROM sealscope_test_pch)
+    add_test(NAME ${name} COMMAND ${name})
+    set_tests_properties(${name} PROPERTIES TIMEOUT 300 LABELS "${ARG_LABELS}")
+endfunction()
+
+# sealscope_fuzz(capture/CaptureReaderFuzz.cpp LINK sealscope::capture)
+# A libFuzzer program with the seed corpus fuzz/corpus/<name>, and a CTest test that runs it for SEALSCOPE_FUZZ_SECONDS.
+set(SEALSCOPE_FUZZ_SECONDS 30 CACHE STRING "How long each fuzz test runs")
+function(sealscope_fuzz source)
+    cmake_parse_arguments(ARG "" "" "LINK" ${ARGN})
+    get_filename_component(name "${source}" NAME_WE)
+    add_executable(${name} "${source}")
+    target_link_libraries(${name} PRIVATE sealscope::compile ${ARG_LINK})
+    target_include_directories(${name} PRIVATE "${PROJECT_SOURCE_DIR}")
+    target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+    add_test(NAME ${name} COMMAND "${PROJECT_SOURCE_DIR}/scripts/fuzz" --binary $<TARGET_FILE:${name}> --seconds ${SEALSCOPE_FUZZ_SECONDS})
+    set_tests_properties(${name} PROPERTIES LABELS fuzz TIMEOUT 1200)
+endfunction()
+
+# sealscope_bench(streams/ReassemblerBench.cpp LINK sealscope::streams)
+# A Google Benchmark program.
+function(sealscope_bench source)
+    cmake_parse_arguments(ARG "" "" "LINK" ${ARGN})
+    get_filename_component(name "${source}" NAME_WE)
+    add_executable(${name} "${source}")
+    target_link_libraries(${name} PRIVATE sealscope::compile ${ARG_LINK} benchmark::benchmark benchmark::benchmark_main)
+    target_include_directories(${name} PRIVATE "${PROJECT_SOURCE_DIR}")
+endfunction()

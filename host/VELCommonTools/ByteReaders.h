@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "platform/Data.h"
+
+#include <concepts>
+#include <cstdint>
+#include <cstring>
+#include <optional>
+
+namespace sealscope SEALSCOPE_API {
+
+/// The bytes of an unsigned integer that start at `offset`, in the machine's own byte order and without alignment;
+/// nothing when they do not all lie inside the buffer.
+template <std::unsigned_integral Integer>
+std::optional<Integer> loadUnaligned(DataView bytes, std::int64_t fromByteOffset)
+{
+    if (!bytes.holds(fromByteOffset, sizeof(Integer))) return std::nullopt;
+    Integer value;
+    std::memcpy(&value, bytes.data() + fromByteOffset, sizeof value);
+    return value;
+}
+
+/// `count` bytes from an offset, sharing the buffer's bytes; offset 0 of the result is its first byte.
+inline Data slice(const Data& bytes, std::int64_t from, std::int64_t count) { return bytes.sub(from, count); }
+inline Data slice(const Data& bytes, std::int64_t from) { return bytes.sub(from, bytes.size() - from); }
+inline DataView slice(DataView bytes, std::int64_t from, std::int64_t count) { return bytes.sub(from, count); }
+inline DataView slice(DataView bytes, std::int64_t from) { return bytes.from(from); }
+
+}  // namespace sealscope

@@ -1,0 +1,131 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "host/VELModels/TCPStream.h"
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace sealscope SEALSCOPE_API {
+
+/// Why a stream does not decrypt.
+enum class TLSDecryptionFailure : std::uint8_t { noHandshake, unsupportedVersion, noKeyMaterial, keyMismatch };
+
+/// A probe's answer: decrypted, or why not.
+struct TLSDecryptionOutcome {
+    std::optional<TLSDecryptionFailure> failure;
+    static constexpr TLSDecryptionOutcome decrypted() { return {}; }
+    static constexpr TLSDecryptionOutcome notDecrypted(TLSDecryptionFailure failure) { return {failure}; }
+    bool isDecrypted() const { return !failure; }
+    bool operator==(const TLSDecryptionOutcome&) const = default;
+};
+
+/// Takes the plaintext of a stream as it opens. Each direction's bytes come in stream order, one record a call.
+class PlaintextSink {
+public:
+    virtual ~PlaintextSink() = default;
+    /// The bytes are lent for the call. `record` is the byte range of the record's body in the captured direction.
+    /// False ends the direction.
+    virtual bool plaintext(TCPSegment::Direction direction, DataView bytes, ByteRange record) = 0;
+};
+
+/// How far one direction of a stream opened, and what stands where it stopped.
+struct TLSDirectionReport {
+    enum class Stop : std::uint8_t {
+        endOfData,          ///< every record opened
+        nothingProtected,   ///< the direction holds no protected record
+        noSecret,           ///< the key log lacks the direction's traffic secret
+        noHandshakeSecret,  ///< application secret there, handshake secret missing, and the first record does not open
+        badSecret,          ///< a secret that no such connection can have (its length)
+        lostBytes,          ///< the record at `stopOffset` overlaps bytes that the capture lost
+        cutRecord,          ///< the data end inside the record at `stopOffset`
+        earlyData,          ///< the record at `stopOffset` is early data (0-RTT), whose secret is not used
+        keyUpdate,          ///< the record before `stopOffset` was a key update
+        doesNotOpen,        ///< the record at `stopOffset` does not authenticate
+        notAttempted,       ///< version, suite or handshake stand in the way of the whole stream
+    };
+    Stop stop = Stop::notAttempted;
+    std::int64_t stopOffset = 0;        ///< of the record's header in the direction's data
+    std::int64_t protectedRecords = 0;  ///< records under encryption
+    std::int64_t openedRecords = 0;
+    std::int64_t skippedRecords = 0;    ///< did not open, while later ones did
+    std::int64_t plaintextBytes = 0;    ///< of application data
+    bool operator==(const TLSDirectionReport&) const = default;
+};
+
+/// A key log label, and the length of its secret where a key log has one for the connection.
+struct TLSSecretReport {
+    std::string label;
+    std::optional<std::int64_t> secretLength;
+    bool operator==(const TLSSecretReport&) const = default;
+};
+
+/// What a probe knows of a stream, as facts; sentences are the application's. No secret is in it.
+struct TLSDecryptionReport {
+    enum class Hello : std::uint8_t {
+        found,
+        missing,    ///< the direction's data hold none
+        cutByRecords,  ///< one begins, and continues in a further record
+        cutByData,  ///< one begins, and the data end, or were lost, inside it
+    };
+    Hello clientHello = Hello::missing;
+    Hello serverHello = Hello::missing;
+    std::optional<Data> clientRandom;
+    std::optional<std::string> serverName;
+    std::optional<std::uint16_t> version;      ///< negotiated
+    std::string versionName;
+    std::optional<std::uint16_t> cipherSuite;
+    std::string cipherSuiteName;               ///< the registered name where it is known, else the code point
+    bool isSupportedVersion = false;
+    bool isSupportedSuite = false;
+    std::vector<TLSSecretReport> secrets;      ///< every label that this version reads
+    TLSDirectionReport client;
+    TLSDirectionReport server;
+};
+
+/// What the secrets at hand amount to.
+struct TLSKeyMaterialReport {
+    std::int64_t secrets = 0;        ///< entries of the merged key log
+    std::int64_t clientRandoms = 0;  ///< different ones among them
+};
+
+/// Answers whether a stream decrypts. Any thread may ask.
+class TLSStreamDecryptionProbing {
+public:
+    virtual ~TLSStreamDecryptionProbing() = default;
+    virtual TLSDecryptionOutcome probe(const TCPStream& stream) const = 0;
+
+    // What a probe may offer beyond the answer itself.
+
+    /// The facts behind the answer. `walk` opens both directions to their ends and counts.
+    virtual std::optional<TLSDecryptionReport> report(const TCPStream& stream, bool walk) const;
+    /// Opens the stream and hands its plaintext over; false when nothing opened.
+    virtual bool openPlaintext(const TCPStream& stream, PlaintextSink& sink) const;
+    virtual TLSKeyMaterialReport keyMaterial() const;
+    /// Whether any secret is there for a client random (32 bytes).
+    virtual bool hasSecrets(DataView clientRandom) const;
+    /// Key log lines for a stream's connection, in the SSLKEYLOGFILE format, for a file that shall carry its secrets.
+    virtual std::string keyLogLines(const TCPStream& stream) const;
+};
+
+/// The probes that the host knows. Any thread may call it.
+class TLSDecryptionProbeRegistry {
+public:
+    static TLSDecryptionProbeRegistry& shared();
+    void registerProbe(std::shared_ptr<const TLSStreamDecryptionProbing> probe);
+    std::vector<std::shared_ptr<const TLSStreamDecryptionProbing>> snapshot() const;
+
+    TLSDecryptionProbeRegistry(const TLSDecryptionProbeRegistry&) = delete;
+    TLSDecryptionProbeRegistry& operator=(const TLSDecryptionProbeRegistry&) = delete;
+
+private:
+    TLSDecryptionProbeRegistry() = default;
+    mutable std::mutex mutex_;
+    std::vector<std::shared_ptr<const TLSStreamDecryptionProbing>> probes_;
+};
+
+}  // namespace sealscope

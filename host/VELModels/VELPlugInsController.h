@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "host/VELDependencies/VELPlugInStructure.h"
+#include "platform/Bundle.h"
+
+#include <mutex>
+#include <vector>
+
+namespace sealscope SEALSCOPE_API {
+
+/// The host's plug-in manager. Any thread may read it; plug-ins register on the main thread.
+class VELPlugInsController {
+public:
+    static VELPlugInsController& sharedManager();
+
+    /// Registers a plug-in, or replaces what the same bundle and principal class registered before. Lists its analyzer
+    /// class in `VELStreamInterpreterRegistry` when it interprets streams. False when the description names no analyzer.
+    bool registerVELPlugIn(VELPlugInStructure plugIn, const Bundle& forBundle);
+
+    struct Registration {
+        VELPlugInStructure plugIn;
+        const Bundle* bundle = nullptr;
+    };
+    /// What is registered at this moment, in order of registration.
+    std::vector<Registration> plugIns() const;
+
+    VELPlugInsController(const VELPlugInsController&) = delete;
+    VELPlugInsController& operator=(const VELPlugInsController&) = delete;
+
+private:
+    VELPlugInsController() = default;
+    mutable std::mutex mutex_;
+    std::vector<Registration> plugIns_;
+};
+
+}  // namespace sealscope

@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "host/VELModels/StreamMessage.h"
+#include "host/VELModels/TCPStream.h"
+
+#include <concepts>
+#include <mutex>
+#include <string_view>
+#include <vector>
+
+namespace sealscope SEALSCOPE_API {
+
+/// A type that can interpret streams: what the contract asks of the type itself, not of an instance.
+template <class Type>
+concept StreamInterpreterType = requires(const TCPStream& stream) {
+    { Type::streamDisplayName } -> std::convertible_to<std::string_view>;
+    { Type::canInterpret(stream) } -> std::same_as<bool>;
+    { Type::interpret(stream) } -> std::same_as<StreamInterpretation>;
+};
+
+/// An interpreter type as a value. There is one for each type; its address is the type's identity.
+struct VELStreamInterpreting {
+    std::string_view streamDisplayName;
+    bool (*canInterpret)(const TCPStream& stream) = nullptr;
+    StreamInterpretation (*interpret)(const TCPStream& stream) = nullptr;
+
+    template <StreamInterpreterType Type>
+    static const VELStreamInterpreting* type()
+    {
+        static constexpr VELStreamInterpreting descriptor{Type::streamDisplayName, &Type::canInterpret, &Type::interpret};
+        return &descriptor;
+    }
+};
+
+/// The interpreter types that the host knows. Any thread may call it.
+class VELStreamInterpreterRegistry {
+public:
+    static VELStreamInterpreterRegistry& shared();
+    /// Adds a type at the end; a type that is listed already stays where it is.
+    void add(const VELStreamInterpreting* interpreter);
+    void remove(const VELStreamInterpreting* interpreter);
+    /// The types registered at this moment, in the registry's order.
+    std::vector<const VELStreamInterpreting*> snapshot() const;
+
+    VELStreamInterpreterRegistry(const VELStreamInterpreterRegistry&) = delete;
+    VELStreamInterpreterRegistry& operator=(const VELStreamInterpreterRegistry&) = delete;
+
+private:
+    VELStreamInterpreterRegistry() = default;
+    mutable std::mutex mutex_;
+    std::vector<const VELStreamInterpreting*> interpreters_;
+};
+
+struct VELStreamInterpreter {
+    VELStreamInterpreter() = delete;
+    /// The first of the types that accepts the stream, or null.
+    static const VELStreamInterpreting* firstInterpreter(
+        const TCPStream& stream, const std::vector<const VELStreamInterpreting*>& among);
+};
+
+}  // namespace sealscope
