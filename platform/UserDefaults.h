@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "platform/Data.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace sealscope SEALSCOPE_API {
+
+/// Typed settings by key, kept in one JSON file under `$XDG_CONFIG_HOME/sealscope/`. Every write is read back from the file
+/// and replaced as a whole, so that several processes lose none of each other's. Any thread may call it; no value is cached
+/// longer than the file stays as it was read.
+class UserDefaults {
+public:
+    using Value = std::variant<bool, std::int64_t, double, std::string, Data>;
+
+    /// The user's own settings.
+    static UserDefaults& standard();
+    /// Settings in a file of their own.
+    explicit UserDefaults(std::filesystem::path file);
+    ~UserDefaults();
+
+    /// What is stored under a key, of whatever type.
+    std::optional<Value> object(std::string_view key) const;
+    // A stored value of another type counts as absent.
+    std::optional<std::string> string(std::string_view key) const;
+    std::optional<Data> data(std::string_view key) const;
+    /// False when nothing is stored.
+    bool boolean(std::string_view key) const;
+
+    /// Stores a value. False when it could not be written; `lastProblem` then says why.
+    bool set(std::string_view key, Value value);
+    bool remove(std::string_view key);
+    std::vector<std::pair<std::string, Value>> all() const;
+
+    /// What stands in the way of reading or keeping settings, as a sentence for the user; nothing when all is well.
+    std::optional<std::string> lastProblem() const;
+
+    /// Calls `changed` on the writing thread after the value under a key has changed through this object, and on
+    /// `synchronize` after another process changed it. The observation ends with the returned token.
+    [[nodiscard]] std::shared_ptr<void> observe(std::string key, std::function<void()> changed);
+    /// Looks for changes that other processes made and tells the observers.
+    void synchronize();
+
+    UserDefaults(const UserDefaults&) = delete;
+    UserDefaults& operator=(const UserDefaults&) = delete;
+
+private:
+    class Implementation;
+    std::unique_ptr<Implementation> implementation_;
+};
+
+}  // namespace sealscope
