@@ -2,6 +2,7 @@
 #pragma once
 
 #include "platform/Data.h"
+#include "platform/ObserverList.h"
 
 #include <cstdint>
 #include <filesystem>
@@ -16,9 +17,10 @@
 
 namespace sealscope SEALSCOPE_API {
 
-/// Typed settings by key, kept in one JSON file under `$XDG_CONFIG_HOME/sealscope/`. Every write is read back from the file
-/// and replaced as a whole, so that several processes lose none of each other's. Any thread may call it; no value is cached
-/// longer than the file stays as it was read.
+/// Typed settings by key, kept in one JSON file, `$XDG_CONFIG_HOME/sealscope/settings.json`. A write reads the file anew and
+/// replaces it as a whole, so that several processes lose none of each other's; a damaged file is kept beside it. What
+/// cannot be written lasts as long as the object. Any thread may call it; no value is cached longer than the file stays as
+/// it was read.
 class UserDefaults {
 public:
     using Value = std::variant<bool, std::int64_t, double, std::string, Data>;
@@ -37,7 +39,7 @@ public:
     /// False when nothing is stored.
     bool boolean(std::string_view key) const;
 
-    /// Stores a value. False when it could not be written; `lastProblem` then says why.
+    /// Stores a value; a number must be finite. False when it could not be written; `lastProblem` then says why.
     bool set(std::string_view key, Value value);
     bool remove(std::string_view key);
     std::vector<std::pair<std::string, Value>> all() const;
@@ -47,7 +49,7 @@ public:
 
     /// Calls `changed` on the writing thread after the value under a key has changed through this object, and on
     /// `synchronize` after another process changed it. The observation ends with the returned token.
-    [[nodiscard]] std::shared_ptr<void> observe(std::string key, std::function<void()> changed);
+    [[nodiscard]] ObservationToken observe(std::string key, std::function<void()> changed);
     /// Looks for changes that other processes made and tells the observers.
     void synchronize();
 
@@ -56,7 +58,9 @@ public:
 
 private:
     class Implementation;
+    /// `home` has to exist before anything is made in it.
+    UserDefaults(std::filesystem::path file, std::filesystem::path home);
     std::unique_ptr<Implementation> implementation_;
 };
 
-}  // namespace sealscope
+}  // namespace sealscope SEALSCOPE_API

@@ -1,0 +1,482 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The file is one JSON object, a member a setting: true and false, numbers and strings stand as they are, bytes as
+// {"data": "<Base64>"}, and a string that is not UTF-8, such as a path of old, as {"string": "<Base64>"}.
+// A member of any other form was not written here; it counts as absent, and stays.
+//
+// Writers take turns by a lock file beside it, read the file anew, change one member, and rename a complete new file into its place.
+// So readers need no lock, and no writer overwrites what another has just written. What cannot be written is kept in memory:
+// the program goes on with the setting, and the next write that succeeds takes it along.
+#include "platform/UserDefaults.h"
+
+#include "platform/Base64.h"
+#include "platform/UTF8.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <expected>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <map>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <pwd.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <system_error>
+#include <thread>
+#include <unistd.h>
+
+namespace sealscope {
+
+namespace {
+
+namespace fs = std::filesystem;
+using Value = UserDefaults::Value;
+using Json = nlohmann::json;
+
+constexpr std::int64_t largestFile = 16 * 1024 * 1024;
+constexpr std::chrono::microseconds longestPause{5'000};
+constexpr std::chrono::milliseconds longestWait{2'000};  ///< for other writers, each of which needs well under a millisecond
+
+std::string errorText(int error) { return std::generic_category().message(error); }
+
+class FileDescriptor {
+public:
+    explicit FileDescriptor(int number) : number_(number) {}
+    FileDescriptor(FileDescriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
+    FileDescriptor& operator=(FileDescriptor&&) = delete;
+    ~FileDescriptor()
+    {
+        if (number_ >= 0) close(number_);
+    }
+    int number() const { return number_; }
+    explicit operator bool() const { return number_ >= 0; }
+
+private:
+    int number_;
+};
+
+/// Tells one state of a file from another: each write makes a new file, and every edit changes the times.
+struct FileStamp {
+    bool exists = false;
+    dev_t device = 0;
+    ino_t inode = 0;
+    off_t size = 0;
+    std::int64_t changed = 0;
+    std::int64_t modified = 0;
+    bool operator==(const FileStamp&) const = default;
+};
+
+FileStamp stampOf(const struct stat& status)
+{
+    const auto nanoseconds = [](const timespec& time) { return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec; };
+    return {true, status.st_dev, status.st_ino, status.st_size, nanoseconds(status.st_ctim), nanoseconds(status.st_mtim)};
+}
+
+FileStamp stampOf(const fs::path& file)
+{
+    struct stat status{};
+    return stat(file.c_str(), &status) == 0 ? stampOf(status) : FileStamp{};
+}
+
+Json jsonOf(const Value& value)
+{
+    struct Form {
+        Json operator()(const std::string& text) const
+        {
+            const DataView bytes(text);
+            return utf8::isWellFormed(bytes) ? Json(text) : Json{{"string", base64(bytes)}};
+        }
+        Json operator()(const Data& bytes) const { return {{"data", base64(bytes)}}; }
+        Json operator()(bool flag) const { return flag; }
+        Json operator()(std::int64_t number) const { return number; }
+        Json operator()(double number) const { return number; }
+    };
+    return std::visit(Form{}, value);
+}
+
+std::optional<Value> valueOf(const Json& json)
+{
+    if (json.is_boolean()) return json.get<bool>();
+    if (json.is_number_unsigned() && json.get<std::uint64_t>() > INT64_MAX) return json.get<double>();
+    if (json.is_number_integer()) return json.get<std::int64_t>();
+    if (json.is_number_float()) return json.get<double>();
+    if (json.is_string()) return json.get<std::string>();
+    if (!json.is_object() || json.size() != 1) return std::nullopt;
+    const auto member = json.begin();
+    if (!member->is_string()) return std::nullopt;
+    const auto bytes = fromBase64(member->get_ref<const std::string&>());
+    if (!bytes) return std::nullopt;
+    if (member.key() == "data") return *bytes;
+    if (member.key() == "string") return std::string(bytes->view().text());
+    return std::nullopt;
+}
+
+/// What the file holds. Without a file there is nothing stored, and nothing is wrong.
+struct Contents {
+    enum class State : std::uint8_t { missing, fine, damaged, unreadable };
+    State state = State::missing;
+    std::string reason;  ///< of the last two
+    Json members = Json::object();
+    FileStamp stamp;
+};
+
+Contents readContents(const fs::path& file)
+{
+    const auto failed = [](Contents::State state, std::string reason, FileStamp stamp) {
+        return Contents{state, std::move(reason), Json::object(), stamp};
+    };
+    const FileDescriptor descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!descriptor) {
+        if (errno == ENOENT || errno == ENOTDIR) return {};
+        return failed(Contents::State::unreadable, errorText(errno), stampOf(file));
+    }
+    struct stat status{};
+    if (fstat(descriptor.number(), &status) != 0) return failed(Contents::State::unreadable, errorText(errno), {});
+    const FileStamp stamp = stampOf(status);
+    if (!S_ISREG(status.st_mode)) return failed(Contents::State::unreadable, "not a regular file", stamp);
+    if (status.st_size > largestFile) return failed(Contents::State::unreadable, "too large for settings", stamp);
+
+    std::string text(static_cast<std::size_t>(status.st_size), '\0');
+    std::size_t length = 0;
+    while (length < text.size()) {
+        const ssize_t count = read(descriptor.number(), text.data() + length, text.size() - length);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return failed(Contents::State::unreadable, errorText(errno), stamp);
+        if (count == 0) break;
+        length += static_cast<std::size_t>(count);
+    }
+    text.resize(length);
+
+    Json members = Json::parse(text, nullptr, false);
+    if (members.is_discarded()) return failed(Contents::State::damaged, text.empty() ? "it is empty" : "it is not JSON", stamp);
+    if (!members.is_object()) return failed(Contents::State::damaged, "it is JSON, but no object", stamp);
+    return {Contents::State::fine, {}, std::move(members), stamp};
+}
+
+/// The first folder of the path's that exists.
+fs::path nearestFolder(fs::path folder)
+{
+    std::error_code error;
+    while (!fs::exists(folder, error) && folder.has_relative_path()) folder = folder.parent_path();
+    return folder;
+}
+
+/// Why a file must be left as it is although the system might let us replace it.
+std::optional<std::string> reasonToLeave(const fs::path& file)
+{
+    struct stat status{};
+    if (stat(file.c_str(), &status) == 0) {
+        if (status.st_uid != geteuid()) return "it belongs to another user";
+        if ((status.st_mode & S_IWUSR) == 0) return "it is read-only";
+    } else if (geteuid() == 0 && stat(nearestFolder(file.parent_path()).c_str(), &status) == 0 && status.st_uid != 0) {
+        // A file of the administrator's in a user's folder would lock the user out of the settings.
+        return "its folder belongs to another user";
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> makeFolder(const fs::path& folder)
+{
+    if (folder.empty() || mkdir(folder.c_str(), 0700) == 0 || errno == EEXIST) return std::nullopt;
+    const int error = errno;
+    if (error != ENOENT || !folder.has_relative_path()) return fmt::format("{}: {}", folder.string(), errorText(error));
+    if (auto problem = makeFolder(folder.parent_path())) return problem;
+    if (mkdir(folder.c_str(), 0700) == 0 || errno == EEXIST) return std::nullopt;
+    return fmt::format("{}: {}", folder.string(), errorText(errno));
+}
+
+/// The lock that writers of a file take turns by. It ends with the descriptor.
+std::expected<FileDescriptor, std::string> lockFor(const fs::path& file, std::chrono::milliseconds patience)
+{
+    const fs::path path = file.string() + ".lock";
+    FileDescriptor lock(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!lock) return std::unexpected(errorText(errno));
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    for (std::chrono::microseconds pause{50}; flock(lock.number(), LOCK_EX | LOCK_NB) != 0; pause = std::min(pause * 2, longestPause)) {
+        if (errno != EWOULDBLOCK && errno != EINTR) return std::unexpected(errorText(errno));
+        if (std::chrono::steady_clock::now() > deadline) return std::unexpected("another process keeps it locked");
+        std::this_thread::sleep_for(pause);
+    }
+    return lock;
+}
+
+/// Puts a complete new file in the place of the old one; readers see either. Gives the new file's stamp.
+std::expected<FileStamp, std::string> replaceFile(const fs::path& file, const std::string& text)
+{
+    std::string temporary = file.string() + ".XXXXXX";
+    const FileDescriptor descriptor(mkostemp(temporary.data(), O_CLOEXEC));
+    if (!descriptor) return std::unexpected(errorText(errno));
+    const auto abandoned = [&](int error) {
+        unlink(temporary.c_str());
+        return std::unexpected(errorText(error));
+    };
+
+    for (std::size_t written = 0; written < text.size();) {
+        const ssize_t count = write(descriptor.number(), text.data() + written, text.size() - written);
+        if (count < 0 && errno != EINTR) return abandoned(errno);
+        if (count > 0) written += static_cast<std::size_t>(count);
+    }
+    struct stat status{};
+    if (stat(file.c_str(), &status) == 0) fchmod(descriptor.number(), status.st_mode & 0777);
+    if (rename(temporary.c_str(), file.c_str()) != 0) return abandoned(errno);
+    // After the rename, which changes the file's times.
+    if (fstat(descriptor.number(), &status) != 0) return FileStamp{};
+    return stampOf(status);
+}
+
+/// Moves a file out of the way, under the first free name "<file>.damaged", "<file>.damaged-2" …
+std::expected<fs::path, std::string> setAside(const fs::path& file)
+{
+    for (int number = 1; number < 1'000; ++number) {
+        const fs::path aside = fmt::format("{}.damaged{}", file.string(), number == 1 ? std::string{} : fmt::format("-{}", number));
+        // A link fails where a name is taken; a rename would overwrite it, and is for file systems without links.
+        if (link(file.c_str(), aside.c_str()) == 0) return aside;
+        if (errno == EEXIST) continue;
+        if (access(aside.c_str(), F_OK) != 0 && rename(file.c_str(), aside.c_str()) == 0) return aside;
+        return std::unexpected(errorText(errno));
+    }
+    return std::unexpected("there are too many damaged ones already");
+}
+
+}  // namespace
+
+class UserDefaults::Implementation {
+public:
+    Implementation(fs::path file, fs::path home) : file_(std::move(file)), home_(std::move(home)) {}
+
+    std::optional<Value> object(std::string_view key) const
+    {
+        const std::lock_guard lock(mutex_);
+        return current(key);
+    }
+
+    std::vector<std::pair<std::string, Value>> all() const
+    {
+        const std::lock_guard lock(mutex_);
+        refresh();
+        std::map<std::string, Value, std::less<>> values;
+        for (const auto& [key, member] : contents_.members.items())
+            if (auto value = valueOf(member)) values.emplace(key, std::move(*value));
+        for (const auto& [key, value] : unsaved_) {
+            values.erase(key);
+            if (value) values.emplace(key, *value);
+        }
+        return {values.begin(), values.end()};
+    }
+
+    bool store(std::string_view key, std::optional<Value> value)
+    {
+        bool isKept = false;
+        bool isChange = false;
+        {
+            const std::lock_guard lock(mutex_);
+            isChange = current(key) != value;
+            if (!isChange && unsaved_.empty()) return true;
+            unsaved_.insert_or_assign(std::string(key), value);
+            const auto problem = save();
+            isKept = !problem;
+            writeProblem_ = problem.transform([&](const std::string& reason) {
+                return fmt::format("{}: settings are not kept: {}", file_.empty() ? "settings" : file_.string(), reason);
+            });
+        }
+        if (isChange) notify(key, value);
+        return isKept;
+    }
+
+    std::optional<std::string> lastProblem() const
+    {
+        const std::lock_guard lock(mutex_);
+        refresh();
+        if (writeProblem_) return writeProblem_;
+        if (contents_.state == Contents::State::unreadable)
+            return fmt::format("{}: the settings cannot be read: {}", file_.string(), contents_.reason);
+        if (contents_.state == Contents::State::damaged)
+            return fmt::format("{}: the settings are damaged and count as empty: {}", file_.string(), contents_.reason);
+        return damage_;
+    }
+
+    ObservationToken observe(std::string key, std::function<void()> changed)
+    {
+        auto observer = std::make_shared<Observer>(Observer{std::move(key), std::move(changed)});
+        const std::lock_guard lock(mutex_);
+        std::erase_if(observers_, [](const auto& other) { return other.expired(); });
+        observers_.push_back(observer);
+        lastSeen_.try_emplace(observer->key, current(observer->key));
+        return observer;
+    }
+
+    void synchronize()
+    {
+        std::vector<std::pair<std::string, std::optional<Value>>> changes;
+        {
+            const std::lock_guard lock(mutex_);
+            for (const auto& [key, seen] : lastSeen_)
+                if (auto value = current(key); value != seen) changes.emplace_back(key, std::move(value));
+        }
+        for (const auto& [key, value] : changes) notify(key, value);
+    }
+
+private:
+    struct Observer {
+        std::string key;
+        std::function<void()> changed;
+    };
+
+    void refresh() const
+    {
+        if (file_.empty()) return;
+        if (wasRead_ && stampOf(file_) == contents_.stamp) return;
+        contents_ = readContents(file_);
+        wasRead_ = true;
+    }
+
+    std::optional<Value> current(std::string_view key) const
+    {
+        if (const auto unsaved = unsaved_.find(key); unsaved != unsaved_.end()) return unsaved->second;
+        refresh();
+        const auto member = contents_.members.find(key);
+        return member == contents_.members.end() ? std::nullopt : valueOf(*member);
+    }
+
+    /// Writes what is not saved yet; gives the reason when that is not possible.
+    std::optional<std::string> save()
+    {
+        if (file_.empty()) return "there is no home directory to keep them in";
+        std::error_code error;
+        if (!home_.empty() && !fs::is_directory(home_, error)) return fmt::format("the home directory {} does not exist", home_.string());
+        // Through a symbolic link the file that it points to is meant.
+        fs::path target = fs::canonical(file_, error);
+        if (error) target = file_;
+        if (auto reason = reasonToLeave(target)) return reason;
+        if (auto problem = makeFolder(target.parent_path())) return problem;
+        const auto lock = lockFor(target, patience_);
+        if (!lock) {
+            patience_ = {};  // one wait is enough: who holds it for so long does not write settings
+            return lock.error();
+        }
+
+        Contents contents = readContents(target);
+        if (contents.state == Contents::State::unreadable) return contents.reason;
+        Json members = contents.members;
+        for (const auto& [key, value] : unsaved_) {
+            if (value)
+                members[key] = jsonOf(*value);
+            else
+                members.erase(key);
+        }
+        if (contents.state == Contents::State::damaged) {
+            const auto aside = setAside(target);
+            if (!aside) return fmt::format("they are damaged and cannot be set aside: {}", aside.error());
+            damage_ = fmt::format("{}: the settings were damaged: {}; they are kept as {}", file_.string(), contents.reason,
+                                  aside->filename().string());
+        } else if (members == contents.members) {
+            contents_ = std::move(contents);
+            wasRead_ = true;
+            unsaved_.clear();
+            return std::nullopt;
+        }
+
+        const auto stamp = replaceFile(target, members.dump(4, ' ', false, Json::error_handler_t::replace) + "\n");
+        if (!stamp) return stamp.error();
+        contents_ = {Contents::State::fine, {}, std::move(members), *stamp};
+        wasRead_ = true;
+        unsaved_.clear();
+        return std::nullopt;
+    }
+
+    void notify(std::string_view key, const std::optional<Value>& value)
+    {
+        std::vector<std::shared_ptr<Observer>> observers;
+        {
+            const std::lock_guard lock(mutex_);
+            if (const auto seen = lastSeen_.find(key); seen != lastSeen_.end()) seen->second = value;
+            for (const auto& weak : observers_)
+                if (auto observer = weak.lock(); observer && observer->key == key) observers.push_back(std::move(observer));
+        }
+        for (const auto& observer : observers) observer->changed();
+    }
+
+    const fs::path file_;
+    const fs::path home_;  ///< has to exist before anything is made in it; empty when nothing has to
+    mutable std::mutex mutex_;
+    mutable Contents contents_;
+    mutable bool wasRead_ = false;
+    std::map<std::string, std::optional<Value>, std::less<>> unsaved_;  ///< set or removed, and not in the file yet
+    std::optional<std::string> writeProblem_;
+    std::optional<std::string> damage_;
+    std::chrono::milliseconds patience_ = longestWait;
+    std::vector<std::weak_ptr<Observer>> observers_;
+    std::map<std::string, std::optional<Value>, std::less<>> lastSeen_;  ///< by observed key, what its observers know of
+};
+
+UserDefaults::UserDefaults(fs::path file) : UserDefaults(std::move(file), {}) {}
+
+UserDefaults::UserDefaults(fs::path file, fs::path home)
+    : implementation_(std::make_unique<Implementation>(std::move(file), std::move(home)))
+{}
+
+UserDefaults::~UserDefaults() = default;
+
+UserDefaults& UserDefaults::standard()
+{
+    // Never torn down: observers and other threads may outlive main.
+    static UserDefaults& defaults = [&]() -> UserDefaults& {
+        const auto variable = [](const char* name) {
+            const char* value = std::getenv(name);
+            return fs::path(value ? value : "");
+        };
+        const fs::path name = "sealscope/settings.json";
+        // A path that is not absolute counts as none (XDG Base Directory Specification, "Basics").
+        if (const fs::path config = variable("XDG_CONFIG_HOME"); config.is_absolute()) return *new UserDefaults(config / name, {});
+        fs::path home = variable("HOME");
+        if (home.empty())
+            if (const passwd* user = getpwuid(geteuid()); user && user->pw_dir) home = user->pw_dir;
+        if (home.empty()) return *new UserDefaults({}, {});
+        return *new UserDefaults(home / ".config" / name, home);
+    }();
+    return defaults;
+}
+
+std::optional<Value> UserDefaults::object(std::string_view key) const { return implementation_->object(key); }
+
+std::optional<std::string> UserDefaults::string(std::string_view key) const
+{
+    const auto value = object(key);
+    const auto* text = value ? std::get_if<std::string>(&*value) : nullptr;
+    return text ? std::optional(*text) : std::nullopt;
+}
+
+std::optional<Data> UserDefaults::data(std::string_view key) const
+{
+    const auto value = object(key);
+    const auto* bytes = value ? std::get_if<Data>(&*value) : nullptr;
+    return bytes ? std::optional(*bytes) : std::nullopt;
+}
+
+bool UserDefaults::boolean(std::string_view key) const
+{
+    const auto value = object(key);
+    const auto* flag = value ? std::get_if<bool>(&*value) : nullptr;
+    return flag && *flag;
+}
+
+bool UserDefaults::set(std::string_view key, Value value) { return implementation_->store(key, std::move(value)); }
+
+bool UserDefaults::remove(std::string_view key) { return implementation_->store(key, std::nullopt); }
+
+std::vector<std::pair<std::string, Value>> UserDefaults::all() const { return implementation_->all(); }
+
+std::optional<std::string> UserDefaults::lastProblem() const { return implementation_->lastProblem(); }
+
+ObservationToken UserDefaults::observe(std::string key, std::function<void()> changed)
+{
+    return implementation_->observe(std::move(key), std::move(changed));
+}
+
+void UserDefaults::synchronize() { implementation_->synchronize(); }
+
+}  // namespace sealscope
