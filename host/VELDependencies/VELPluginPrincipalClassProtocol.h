@@ -40,4 +40,7 @@ struct VELBundleEntry {
     const VELPrincipalClass* principalClass = nullptr;
 };
 
-}  // namespace sealscope
+/// Defined by each bundle's module, and the only symbol that it exports.
+extern "C" const VELBundleEntry velBundleEntry;
+
+}  // namespace sealscope SEALSCOPE_API

@@ -25,6 +25,12 @@ void TLSDecryptionProbeRegistry::registerProbe(std::shared_ptr<const TLSStreamDe
     probes_.push_back(std::move(probe));
 }
 
+void TLSDecryptionProbeRegistry::unregisterProbe(const std::shared_ptr<const TLSStreamDecryptionProbing>& probe)
+{
+    const std::lock_guard lock(mutex_);
+    std::erase(probes_, probe);
+}
+
 std::vector<std::shared_ptr<const TLSStreamDecryptionProbing>> TLSDecryptionProbeRegistry::snapshot() const
 {
     const std::lock_guard lock(mutex_);

@@ -52,8 +52,8 @@ struct TLSDirectionReport {
     std::int64_t stopOffset = 0;        ///< of the record's header in the direction's data
     std::int64_t protectedRecords = 0;  ///< records under encryption
     std::int64_t openedRecords = 0;
-    std::int64_t skippedRecords = 0;    ///< did not open, while later ones did
-    std::int64_t plaintextBytes = 0;    ///< of application data
+    std::int64_t skippedRecords = 0;  ///< did not open, while later ones did
+    std::int64_t plaintextBytes = 0;  ///< of application data
     bool operator==(const TLSDirectionReport&) const = default;
 };
 
@@ -68,21 +68,21 @@ struct TLSSecretReport {
 struct TLSDecryptionReport {
     enum class Hello : std::uint8_t {
         found,
-        missing,    ///< the direction's data hold none
+        missing,       ///< the direction's data hold none
         cutByRecords,  ///< one begins, and continues in a further record
-        cutByData,  ///< one begins, and the data end, or were lost, inside it
+        cutByData,     ///< one begins, and the data end, or were lost, inside it
     };
     Hello clientHello = Hello::missing;
     Hello serverHello = Hello::missing;
     std::optional<Data> clientRandom;
     std::optional<std::string> serverName;
-    std::optional<std::uint16_t> version;      ///< negotiated
+    std::optional<std::uint16_t> version;  ///< negotiated
     std::string versionName;
     std::optional<std::uint16_t> cipherSuite;
-    std::string cipherSuiteName;               ///< the registered name where it is known, else the code point
+    std::string cipherSuiteName;  ///< the registered name where it is known, else the code point
     bool isSupportedVersion = false;
     bool isSupportedSuite = false;
-    std::vector<TLSSecretReport> secrets;      ///< every label that this version reads
+    std::vector<TLSSecretReport> secrets;  ///< every label that this version reads
     TLSDirectionReport client;
     TLSDirectionReport server;
 };
@@ -117,6 +117,7 @@ class TLSDecryptionProbeRegistry {
 public:
     static TLSDecryptionProbeRegistry& shared();
     void registerProbe(std::shared_ptr<const TLSStreamDecryptionProbing> probe);
+    void unregisterProbe(const std::shared_ptr<const TLSStreamDecryptionProbing>& probe);
     std::vector<std::shared_ptr<const TLSStreamDecryptionProbing>> snapshot() const;
 
     TLSDecryptionProbeRegistry(const TLSDecryptionProbeRegistry&) = delete;
@@ -128,4 +129,4 @@ private:
     std::vector<std::shared_ptr<const TLSStreamDecryptionProbing>> probes_;
 };
 
-}  // namespace sealscope
+}  // namespace sealscope SEALSCOPE_API

@@ -22,9 +22,20 @@ bool VELPlugInsController::registerVELPlugIn(VELPlugInStructure plugIn, const Bu
     const auto same = std::ranges::find_if(plugIns_, [&](const Registration& other) {
         return other.bundle == &forBundle && other.plugIn.plugInPrincipalClass == plugIn.plugInPrincipalClass;
     });
-    if (same != plugIns_.end()) same->plugIn = std::move(plugIn);
-    else plugIns_.push_back({std::move(plugIn), &forBundle});
+    if (same != plugIns_.end())
+        same->plugIn = std::move(plugIn);
+    else
+        plugIns_.push_back({std::move(plugIn), &forBundle});
     return true;
+}
+
+void VELPlugInsController::unregisterVELPlugIn(const UUID& id)
+{
+    const std::lock_guard lock(mutex_);
+    const auto found = std::ranges::find_if(plugIns_, [&](const Registration& other) { return other.plugIn.id == id; });
+    if (found == plugIns_.end()) return;
+    VELStreamInterpreterRegistry::shared().remove(found->plugIn.plugInAnalyzerClass->streamInterpreter);
+    plugIns_.erase(found);
 }
 
 std::vector<VELPlugInsController::Registration> VELPlugInsController::plugIns() const

@@ -17,6 +17,8 @@ public:
     /// Registers a plug-in, or replaces what the same bundle and principal class registered before. Lists its analyzer
     /// class in `VELStreamInterpreterRegistry` when it interprets streams. False when the description names no analyzer.
     bool registerVELPlugIn(VELPlugInStructure plugIn, const Bundle& forBundle);
+    /// Takes a description out again by its id, and its analyzer class out of the list of interpreters.
+    void unregisterVELPlugIn(const UUID& id);
 
     struct Registration {
         VELPlugInStructure plugIn;
@@ -34,4 +36,4 @@ private:
     std::vector<Registration> plugIns_;
 };
 
-}  // namespace sealscope
+}  // namespace sealscope SEALSCOPE_API
