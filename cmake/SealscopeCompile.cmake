@@ -47,3 +47,7 @@ endif()
 # Programs and bundles find the project's shared libraries beside themselves, in the build tree and when installed.
 set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
 set(CMAKE_INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+
+# Where the bundles of installed programs lie.
+set(SEALSCOPE_PLUGIN_DIR "${CMAKE_INSTALL_LIBDIR}/sealscope/plugins")
+set(SEALSCOPE_FULL_PLUGIN_DIR "${CMAKE_INSTALL_FULL_LIBDIR}/sealscope/plugins")

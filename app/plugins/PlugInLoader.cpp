@@ -1,0 +1,213 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/plugins/PlugInLoader.h"
+
+#include "host/VELModels/TLSDecryptionProbeRegistry.h"
+#include "host/VELModels/VELPlugInsController.h"
+#include "platform/Bundle.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <dlfcn.h>
+#include <exception>
+#include <expected>
+#include <fmt/format.h>
+#include <memory>
+#include <set>
+#include <sys/stat.h>
+
+namespace sealscope {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// Principal objects live as long as the process: nothing is torn down while it ends, when half of it is gone.
+std::vector<std::unique_ptr<VELPluginPrincipalClassProtocol>>& principals()
+{
+    static auto& kept = *new std::vector<std::unique_ptr<VELPluginPrincipalClassProtocol>>;
+    return kept;
+}
+
+/// Identifiers of the bundles that were loaded.
+std::set<std::string>& loadedIdentifiers()
+{
+    static std::set<std::string> identifiers;
+    return identifiers;
+}
+
+/// What the host has registered at one moment, to take back what came later.
+class Registrations {
+public:
+    void takeBackLaterOnes() const
+    {
+        for (const auto& registration : VELPlugInsController::sharedManager().plugIns()) {
+            const auto same = [&](const auto& other) { return other.plugIn.id == registration.plugIn.id; };
+            if (std::ranges::none_of(plugIns_, same)) VELPlugInsController::sharedManager().unregisterVELPlugIn(registration.plugIn.id);
+        }
+        for (const auto& probe : TLSDecryptionProbeRegistry::shared().snapshot())
+            if (std::ranges::find(probes_, probe) == probes_.end()) TLSDecryptionProbeRegistry::shared().unregisterProbe(probe);
+    }
+
+private:
+    std::vector<VELPlugInsController::Registration> plugIns_ = VELPlugInsController::sharedManager().plugIns();
+    std::vector<std::shared_ptr<const TLSStreamDecryptionProbing>> probes_ = TLSDecryptionProbeRegistry::shared().snapshot();
+};
+
+std::string otherVersion(std::int64_t version)
+{
+    return fmt::format("is built for version {} of the plug-in contract, this program has version {}", version, velContractVersion);
+}
+
+/// The dynamic linker's last complaint, without the path that begins it.
+std::string linkerReason(const fs::path& module)
+{
+    const char* message = dlerror();
+    std::string_view reason = message ? message : "the dynamic linker gives no reason";
+    if (reason.starts_with(module.native() + ": ")) reason.remove_prefix(module.native().size() + 2);
+    return fmt::format("does not load: {}", reason);
+}
+
+/// The module that the information dictionary names, inside the bundle.
+std::expected<fs::path, std::string> moduleOf(const Bundle& bundle)
+{
+    const std::string name = bundle.infoString("CFBundleExecutable").value_or(bundle.path().stem().string() + ".so");
+    if (name.empty() || name.contains('/') || name == "..")
+        return std::unexpected(fmt::format("its information dictionary names a module outside it: {}", name));
+    const fs::path module = bundle.path() / name;
+    std::error_code error;
+    if (!fs::is_regular_file(module, error)) return std::unexpected(fmt::format("has no module {}", name));
+    return module;
+}
+
+std::expected<const VELPrincipalClass*, std::string> principalClassOf(const Bundle& bundle)
+{
+    // Asked before any of the bundle's code runs; the module's own word is taken below.
+    if (const auto version = bundle.infoDictionary().find("VELContractVersion"); version != bundle.infoDictionary().end())
+        if (const auto* number = std::get_if<std::int64_t>(&version->second); number && *number != velContractVersion)
+            return std::unexpected(otherVersion(*number));
+
+    const auto module = moduleOf(bundle);
+    if (!module) return std::unexpected(module.error());
+    // Never closed: the host keeps pointers into the module for good.
+    void* handle = dlopen(module->c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (!handle) return std::unexpected(linkerReason(*module));
+
+    const auto* entry = static_cast<const VELBundleEntry*>(dlsym(handle, "velBundleEntry"));
+    if (!entry) return std::unexpected("is no plug-in: its module does not export velBundleEntry");
+    if (entry->contractVersion != velContractVersion) return std::unexpected(otherVersion(entry->contractVersion));
+    if (!entry->principalClass || !entry->principalClass->create) return std::unexpected("has no principal class");
+    return entry->principalClass;
+}
+
+std::expected<LoadedPlugIn, std::string> load(const Bundle& bundle)
+{
+    const auto principalClass = principalClassOf(bundle);
+    if (!principalClass) return std::unexpected(principalClass.error());
+
+    const Registrations before;
+    std::string reason = "its principal class gave no object";
+    try {
+        if (auto principal = (*principalClass)->create()) {
+            principals().push_back(std::move(principal));
+            return LoadedPlugIn{bundle.path(), *principalClass, principals().back().get()};
+        }
+    } catch (const std::exception& error) {
+        reason = fmt::format("failed while being created: {}", error.what());
+    } catch (...) {
+        reason = "failed while being created, for a reason that it does not tell";
+    }
+    before.takeBackLaterOnes();
+    return std::unexpected(reason);
+}
+
+/// The bundles in a folder, by name; the folder itself when it is a bundle.
+std::vector<fs::path> bundlesIn(const fs::path& folder, std::error_code& error)
+{
+    if (folder.extension() == ".bundle" && fs::is_directory(folder)) return {folder};
+    std::vector<fs::path> bundles;
+    for (fs::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error))
+        if (entry->path().extension() == ".bundle") bundles.push_back(entry->path());
+    std::ranges::sort(bundles);
+    return bundles;
+}
+
+std::vector<fs::path> foldersOfEnvironment()
+{
+    std::vector<fs::path> folders;
+    const char* variable = std::getenv("SEALSCOPE_PLUGIN_PATH");
+    std::string_view rest = variable ? variable : "";
+    while (!rest.empty()) {
+        const std::string_view folder = rest.substr(0, rest.find(':'));
+        if (!folder.empty()) folders.emplace_back(folder);
+        rest.remove_prefix(std::min(rest.size(), folder.size() + 1));
+    }
+    return folders;
+}
+
+bool haveSameOwner(const fs::path& one, const fs::path& other)
+{
+    struct stat a{}, b{};
+    return stat(one.c_str(), &a) == 0 && stat(other.c_str(), &b) == 0 && a.st_uid == b.st_uid;
+}
+
+class Loading {
+public:
+    void addFolder(const fs::path& folder)
+    {
+        std::error_code error;
+        const std::vector<fs::path> bundles = bundlesIn(folder.lexically_normal(), error);
+        if (error) result_.problems.push_back({folder, fmt::format("cannot be searched for plug-ins: {}", error.message())});
+        for (const fs::path& path : bundles) addBundle(path);
+    }
+
+    PlugInLoading result() &&
+    {
+        if (result_.loaded.empty() && result_.problems.empty())
+            result_.problems.push_back({PlugInLoader::ownFolder(), "holds no plug-in, and no other folder was named"});
+        return std::move(result_);
+    }
+
+private:
+    void addBundle(const fs::path& path)
+    {
+        const Bundle bundle(path);
+        const std::string identifier = bundle.infoString("CFBundleIdentifier").value_or(path.filename().string());
+        if (loadedIdentifiers().contains(identifier)) return;
+        if (auto plugIn = load(bundle)) {
+            loadedIdentifiers().insert(identifier);
+            result_.loaded.push_back(std::move(*plugIn));
+        } else {
+            result_.problems.push_back({path, plugIn.error()});
+        }
+    }
+
+    PlugInLoading result_;
+};
+
+}  // namespace
+
+std::string PlugInProblem::text() const { return fmt::format("{}: {}", bundle.string(), reason); }
+
+fs::path PlugInLoader::ownFolder()
+{
+    std::error_code error;
+    const fs::path program = fs::read_symlink("/proc/self/exe", error);
+    const fs::path folder = program.parent_path();
+    fs::path installed = (folder / SEALSCOPE_PLUGINS_FROM_BIN).lexically_normal();
+    if (fs::is_directory(installed, error)) return installed;
+    // Programs of the build tree stand two folders deep in it. Somebody else's folder of that name is not ours to load.
+    fs::path built = (folder / "../../bundles").lexically_normal();
+    return haveSameOwner(program, built) ? built : installed;
+}
+
+PlugInLoading PlugInLoader::load(const std::vector<fs::path>& named)
+{
+    Loading loading;
+    for (const fs::path& folder : named) loading.addFolder(folder);
+    for (const fs::path& folder : foldersOfEnvironment()) loading.addFolder(folder);
+    std::error_code error;
+    if (const fs::path own = ownFolder(); fs::is_directory(own, error)) loading.addFolder(own);
+    return std::move(loading).result();
+}
+
+}  // namespace sealscope

@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "host/VELDependencies/VELPluginPrincipalClassProtocol.h"
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace sealscope {
+
+/// A plug-in that was loaded; it stays for the life of the process.
+struct LoadedPlugIn {
+    std::filesystem::path bundle;
+    const VELPrincipalClass* principalClass = nullptr;
+    VELPluginPrincipalClassProtocol* principal = nullptr;
+};
+
+/// A bundle, or a folder of bundles, that cannot be used, and why.
+struct PlugInProblem {
+    std::filesystem::path bundle;
+    std::string reason;  ///< lower case, without the bundle's path
+    /// "/home/me/plugins/Mail.bundle: is built for version 7 of the plug-in contract, this program has version 1"
+    std::string text() const;
+    bool operator==(const PlugInProblem&) const = default;
+};
+
+struct PlugInLoading {
+    std::vector<LoadedPlugIn> loaded;  ///< in the order of loading
+    std::vector<PlugInProblem> problems;
+};
+
+/// Finds and loads bundles, and creates their principal classes, which register with the host's plug-in manager. It runs on
+/// the main thread. One bundle that cannot be used takes nothing from the others.
+struct PlugInLoader {
+    PlugInLoader() = delete;
+
+    /// Where bundles come from, most wanted first: the named folders, those of `SEALSCOPE_PLUGIN_PATH` (joined with ":"),
+    /// then the folder that belongs to the program, installed or in its build tree. Of several bundles with one
+    /// identifier the first that loads is used. A named folder may be a bundle itself.
+    static PlugInLoading load(const std::vector<std::filesystem::path>& named);
+
+    /// The folder that belongs to the running program; it need not exist.
+    static std::filesystem::path ownFolder();
+};
+
+}  // namespace sealscope
