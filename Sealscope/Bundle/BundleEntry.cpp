@@ -1,0 +1,7 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Sealscope/TLSPlugInController.h"
+
+extern "C" constinit const sealscope::VELBundleEntry sealscope::velBundleEntry{
+    .contractVersion = velContractVersion,
+    .principalClass = &TLSPlugInController::principalClass,
+};
