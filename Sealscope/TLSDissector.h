@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace sealscope {
@@ -25,10 +26,12 @@ public:
     /// The start test: five bytes that can open a TLS record of version 1.0 or later, with 1 ... 18432 bytes of body.
     static bool looksLikeTLS(DataView bytes);
     static bool looksLikeTLS(const StreamData& bytes);
+    static bool looksLikeTLS(const Data& bytes) { return looksLikeTLS(bytes.view()); }
     /// All record headers in order. After the first, every five bytes are taken as a header whatever they hold; a
     /// truncated record is the last.
     static std::vector<TLSRecord> parseRecords(DataView bytes);
     static std::vector<TLSRecord> parseRecords(const StreamData& bytes);
+    static std::vector<TLSRecord> parseRecords(const Data& bytes) { return parseRecords(bytes.view()); }
 
     /// The messages of one record body; a truncated message is the last.
     static std::vector<TLSHandshakeMessage> parseHandshakeMessages(DataView body, std::int64_t baseOffset);
@@ -40,6 +43,11 @@ public:
     static std::optional<std::string> parseServerName(DataView body, std::int64_t extensionBodyOffset, std::int64_t baseOffset);
     static std::vector<std::string> parseALPN(DataView body, std::int64_t extensionBodyOffset, std::int64_t baseOffset);
     static std::vector<std::uint16_t> parseSupportedVersions(DataView body, std::int64_t extensionBodyOffset, std::int64_t baseOffset);
+
+    /// Whether `parseClientHello` accepts a body.
+    static bool isClientHello(DataView body);
+    /// The server name that `parseClientHello` finds, as a view of the body's bytes; cheaper where nothing else is wanted.
+    static std::optional<std::string_view> clientHelloServerName(DataView body);
 
     /// The certificates of a Certificate message body (RFC 5246 §7.4.2); stops at the first entry that does not fit.
     static std::vector<TLSCertEntry> parseCertificates(DataView body, std::int64_t baseOffset);
