@@ -58,10 +58,7 @@ public:
     }
     /// Three single bytes, most significant first; each counts as 0 where it is missing.
     constexpr std::int64_t u24(std::int64_t offset) const { return u8(offset) << 16 | u8(offset + 1) << 8 | u8(offset + 2); }
-    constexpr std::uint32_t u32(std::int64_t offset) const
-    {
-        return static_cast<std::uint32_t>(u16(offset)) << 16 | u16(offset + 2);
-    }
+    constexpr std::uint32_t u32(std::int64_t offset) const { return static_cast<std::uint32_t>(u16(offset)) << 16 | u16(offset + 2); }
 
     /// `count` bytes from `offset`, cut to what the view holds.
     constexpr DataView sub(std::int64_t offset, std::int64_t count) const
@@ -118,12 +115,8 @@ private:
 /// Lower-case hexadecimal, two digits a byte. Never called on secrets.
 std::string hexText(DataView bytes);
 
-}  // namespace sealscope
+}  // namespace sealscope SEALSCOPE_API
 
-template <>
-struct std::hash<sealscope::Data> {
-    std::size_t operator()(const sealscope::Data& data) const noexcept
-    {
-        return std::hash<std::string_view>{}(data.view().text());
-    }
+template <> struct std::hash<sealscope::Data> {
+    std::size_t operator()(const sealscope::Data& data) const noexcept { return std::hash<std::string_view>{}(data.view().text()); }
 };

@@ -85,8 +85,10 @@ std::string repaired(DataView bytes)
     text.reserve(static_cast<std::size_t>(bytes.size()));
     for (std::int64_t offset = 0; offset < bytes.size();) {
         const Extent extent = extentAt(bytes, offset);
-        if (extent.complete) text += bytes.sub(offset, extent.length).text();
-        else text += "\xEF\xBF\xBD";
+        if (extent.complete)
+            text += bytes.sub(offset, extent.length).text();
+        else
+            text += "\xEF\xBF\xBD";
         offset += extent.length;
     }
     return text;

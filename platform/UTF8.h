@@ -32,4 +32,4 @@ std::string repaired(DataView bytes);
 void append(std::string& text, char32_t scalar);
 
 }  // namespace utf8
-}  // namespace sealscope
+}  // namespace sealscope SEALSCOPE_API

@@ -12,8 +12,7 @@ namespace sealscope SEALSCOPE_API {
 
 /// The bytes of an unsigned integer that start at `offset`, in the machine's own byte order and without alignment;
 /// nothing when they do not all lie inside the buffer.
-template <std::unsigned_integral Integer>
-std::optional<Integer> loadUnaligned(DataView bytes, std::int64_t fromByteOffset)
+template <std::unsigned_integral Integer> std::optional<Integer> loadUnaligned(DataView bytes, std::int64_t fromByteOffset)
 {
     if (!bytes.holds(fromByteOffset, sizeof(Integer))) return std::nullopt;
     Integer value;
@@ -27,4 +26,4 @@ inline Data slice(const Data& bytes, std::int64_t from) { return bytes.sub(from,
 inline DataView slice(DataView bytes, std::int64_t from, std::int64_t count) { return bytes.sub(from, count); }
 inline DataView slice(DataView bytes, std::int64_t from) { return bytes.from(from); }
 
-}  // namespace sealscope
+}  // namespace sealscope SEALSCOPE_API

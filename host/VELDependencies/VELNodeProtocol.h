@@ -31,4 +31,4 @@ public:
 
 using VELNodeList = std::vector<std::shared_ptr<VELNodeProtocol>>;
 
-}  // namespace sealscope
+}  // namespace sealscope SEALSCOPE_API

@@ -70,4 +70,4 @@ struct VELPlugInStructure {
     std::vector<VELPlugInColumn> plugInColumnKeyBindings;
 };
 
-}  // namespace sealscope
+}  // namespace sealscope SEALSCOPE_API

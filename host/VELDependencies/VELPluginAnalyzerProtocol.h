@@ -44,4 +44,4 @@ struct VELAnalyzerClass {
     const VELStreamInterpreting* streamInterpreter = nullptr;
 };
 
-}  // namespace sealscope
+}  // namespace sealscope SEALSCOPE_API

@@ -19,4 +19,4 @@ enum class VELValueType : std::uint8_t { boolean, number, real, string, data };
 /// The value as a person reads it: text as it is, numbers in decimal, bytes in hexadecimal.
 std::string displayText(const VELValue& value);
 
-}  // namespace sealscope
+}  // namespace sealscope SEALSCOPE_API

@@ -46,10 +46,7 @@ public:
     /// An index that is kept elsewhere.
     explicit ByteToSegmentIndex(std::shared_ptr<const ByteLocator> locator) : locator_(std::move(locator)) {}
 
-    ByteLocation locate(ByteRange range) const
-    {
-        return locator_ && !range.isEmpty() ? locator_->locate(range) : ByteLocation{};
-    }
+    ByteLocation locate(ByteRange range) const { return locator_ && !range.isEmpty() ? locator_->locate(range) : ByteLocation{}; }
 
 private:
     std::shared_ptr<const ByteLocator> locator_;
@@ -67,4 +64,4 @@ private:
     bool ascending_ = true;
 };
 
-}  // namespace sealscope
+}  // namespace sealscope SEALSCOPE_API

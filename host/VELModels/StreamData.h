@@ -77,4 +77,4 @@ private:
     std::int64_t start_ = 0;
 };
 
-}  // namespace sealscope
+}  // namespace sealscope SEALSCOPE_API

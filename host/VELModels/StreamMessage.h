@@ -38,9 +38,9 @@ struct StreamBodyHint {
 class StreamMessage {
 public:
     StreamMessage(TCPSegment::Direction messageDirection, StreamMessageKind messageKind, std::string messageSummary,
-        std::vector<DetailRow> messageDetail, std::optional<Data> messageBody, std::optional<StreamBodyHint> messageBodyHint,
-        std::optional<ByteRange> messageByteRange, std::vector<std::int64_t> messagePacketIds, double messageTimestamp,
-        std::optional<std::string> messageFilename, bool messageIsDecrypted)
+                  std::vector<DetailRow> messageDetail, std::optional<Data> messageBody, std::optional<StreamBodyHint> messageBodyHint,
+                  std::optional<ByteRange> messageByteRange, std::vector<std::int64_t> messagePacketIds, double messageTimestamp,
+                  std::optional<std::string> messageFilename, bool messageIsDecrypted)
         : id(UUID::random()), direction(messageDirection), kind(messageKind), summary(std::move(messageSummary)),
           detail(std::move(messageDetail)), body(std::move(messageBody)), bodyHint(messageBodyHint), byteRange(messageByteRange),
           packetIds(std::move(messagePacketIds)), timestamp(messageTimestamp), filename(std::move(messageFilename)),
@@ -54,10 +54,10 @@ public:
     std::vector<DetailRow> detail;
     std::optional<Data> body;
     std::optional<StreamBodyHint> bodyHint;
-    std::optional<ByteRange> byteRange;      ///< of the direction's data; nothing when the message covers none
+    std::optional<ByteRange> byteRange;  ///< of the direction's data; nothing when the message covers none
     std::vector<std::int64_t> packetIds;
-    double timestamp;                        ///< seconds since 1970; 0 when unknown
-    std::optional<std::string> filename;     ///< suggested for saving the body
+    double timestamp;                     ///< seconds since 1970; 0 when unknown
+    std::optional<std::string> filename;  ///< suggested for saving the body
     bool isDecrypted;
 };
 
@@ -78,4 +78,4 @@ struct StreamInterpretation {
     std::optional<std::vector<Pairing>> pairings;
 };
 
-}  // namespace sealscope
+}  // namespace sealscope SEALSCOPE_API

@@ -14,10 +14,10 @@ struct TCPSegment {
     enum class Direction : std::uint8_t { clientToServer, serverToClient };
 
     Direction direction = Direction::clientToServer;
-    std::int64_t packetId = 0;        ///< of the packet that carried it
+    std::int64_t packetId = 0;         ///< of the packet that carried it
     std::uint32_t sequenceNumber = 0;  ///< of its first byte, or of its SYN (RFC 9293 §3.1)
-    std::int64_t payloadLength = 0;   ///< bytes
-    double timestamp = 0;             ///< seconds since 1970
+    std::int64_t payloadLength = 0;    ///< bytes
+    double timestamp = 0;              ///< seconds since 1970
     bool operator==(const TCPSegment&) const = default;
 };
 
@@ -48,4 +48,4 @@ private:
     std::shared_ptr<const TCPSegmentSource> source_;
 };
 
-}  // namespace sealscope
+}  // namespace sealscope SEALSCOPE_API

@@ -56,4 +56,4 @@ struct TCPStream {
     }
 };
 
-}  // namespace sealscope
+}  // namespace sealscope SEALSCOPE_API

@@ -31,4 +31,4 @@ private:
     VELNodeList children_;
 };
 
-}  // namespace sealscope
+}  // namespace sealscope SEALSCOPE_API

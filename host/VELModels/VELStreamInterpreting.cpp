@@ -29,8 +29,8 @@ std::vector<const VELStreamInterpreting*> VELStreamInterpreterRegistry::snapshot
     return interpreters_;
 }
 
-const VELStreamInterpreting* VELStreamInterpreter::firstInterpreter(
-    const TCPStream& stream, const std::vector<const VELStreamInterpreting*>& among)
+const VELStreamInterpreting* VELStreamInterpreter::firstInterpreter(const TCPStream& stream,
+                                                                    const std::vector<const VELStreamInterpreting*>& among)
 {
     const auto found = std::ranges::find_if(among, [&](const VELStreamInterpreting* type) { return type->canInterpret(stream); });
     return found == among.end() ? nullptr : *found;

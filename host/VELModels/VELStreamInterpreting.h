@@ -25,8 +25,7 @@ struct VELStreamInterpreting {
     bool (*canInterpret)(const TCPStream& stream) = nullptr;
     StreamInterpretation (*interpret)(const TCPStream& stream) = nullptr;
 
-    template <StreamInterpreterType Type>
-    static const VELStreamInterpreting* type()
+    template <StreamInterpreterType Type> static const VELStreamInterpreting* type()
     {
         static constexpr VELStreamInterpreting descriptor{Type::streamDisplayName, &Type::canInterpret, &Type::interpret};
         return &descriptor;
@@ -55,8 +54,7 @@ private:
 struct VELStreamInterpreter {
     VELStreamInterpreter() = delete;
     /// The first of the types that accepts the stream, or null.
-    static const VELStreamInterpreting* firstInterpreter(
-        const TCPStream& stream, const std::vector<const VELStreamInterpreting*>& among);
+    static const VELStreamInterpreting* firstInterpreter(const TCPStream& stream, const std::vector<const VELStreamInterpreting*>& among);
 };
 
-}  // namespace sealscope
+}  // namespace sealscope SEALSCOPE_API
