@@ -169,9 +169,10 @@ public:
 
     bool handshake();
     void perform(const TLSStep& step);
+    void inject(Direction from, Data wire, DataView plaintext);
     void seal(Direction from, DataView payload, std::vector<std::uint8_t>& wire);
     void sealClose(Direction from, std::vector<std::uint8_t>& wire);
-    TLSSession finish();
+    TLSSession session();
 
 private:
     static void keepKeyLogLine(const SSL* ssl, const char* line)
@@ -256,7 +257,8 @@ std::shared_ptr<TLSContexts> makeTLSContexts(const TLSSessionOptions& options)
         check(SSL_CTX_set_tlsext_max_fragment_length(client, static_cast<std::uint8_t>(options.negotiatedFragmentCode)) == 1,
               "choosing max_fragment_length");
     SSL_CTX_set_max_early_data(server, options.maximumEarlyData);
-    SSL_CTX_set_recv_max_early_data(server, options.maximumEarlyData);
+    // A server that takes no early data still skips what an eager client sent (RFC 8446 §4.2.10).
+    SSL_CTX_set_recv_max_early_data(server, std::max(options.maximumEarlyData, std::uint32_t{SSL3_RT_MAX_PLAIN_LENGTH}));
     SSL_CTX_set_options(server, SSL_OP_NO_ANTI_REPLAY);
     if (options.resume && options.resume->server) {
         const SSLSessionPointer copy(SSL_SESSION_dup(options.resume->server.get()));  // a session is linked into one context only
@@ -390,6 +392,12 @@ bool TLSConversation::Implementation::handshake()
 {
     if (!options().earlyData.isEmpty() && !sendEarlyData()) throw std::runtime_error("early data got stuck");
     if (step(Direction::clientToServer)) pump(Direction::clientToServer);
+    if (SSL_get_early_data_status(peers_[0].ssl.get()) == SSL_EARLY_DATA_REJECTED) {
+        // What the server skipped was never said.
+        peers_[0].sent.clear();
+        peers_[0].announced = 0;
+        for (TLSFlight& flight : flights_) flight.plaintext = {};
+    }
     const bool isComplete = SSL_is_init_finished(peers_[0].ssl.get()) && SSL_is_init_finished(peers_[1].ssl.get()) && failure_.empty();
     if (!isComplete && failure_.empty()) failure_ = "the handshake stopped";
     return isComplete;
@@ -434,6 +442,14 @@ void TLSConversation::Implementation::perform(const TLSStep& step)
     if (!failure_.empty()) throw std::runtime_error("the session broke: " + failure_);
 }
 
+void TLSConversation::Implementation::inject(Direction from, Data wire, DataView plaintext)
+{
+    Peer& side = peer(from);
+    side.sent.insert(side.sent.end(), plaintext.begin(), plaintext.end());
+    check(BIO_write(side.output, wire.data(), static_cast<int>(wire.size())) == static_cast<int>(wire.size()), "injecting records");
+    pump(from);
+}
+
 void TLSConversation::Implementation::seal(Direction from, DataView payload, std::vector<std::uint8_t>& wire)
 {
     isSealing_ = true;
@@ -448,11 +464,11 @@ void TLSConversation::Implementation::sealClose(Direction from, std::vector<std:
     drain(peer(from), wire);
 }
 
-TLSSession TLSConversation::Implementation::finish()
+TLSSession TLSConversation::Implementation::session()
 {
     SSL* client = peers_[0].ssl.get();
     TLSSession session;
-    session.flights = std::move(flights_);
+    session.flights = flights_;
     session.keyLog = keyLog_;
     session.failure = failure_;
     session.isComplete = failure_.empty() && SSL_is_init_finished(client) != 0;
@@ -468,12 +484,12 @@ TLSSession TLSConversation::Implementation::finish()
         for (const std::size_t sender : {std::size_t{0}, std::size_t{1}})
             if (peers_[1 - sender].received != peers_[sender].sent) throw std::runtime_error("what arrived is not what was sent");
     }
-    session.clientPlaintext = Data(std::move(peers_[0].sent));
-    session.serverPlaintext = Data(std::move(peers_[1].sent));
+    session.clientPlaintext = Data(DataView(peers_[0].sent));
+    session.serverPlaintext = Data(DataView(peers_[1].sent));
     if (clientSession_) {
         auto resumption = std::make_shared<TLSResumption>();
-        resumption->client = std::move(clientSession_);
-        resumption->server = std::move(serverSession_);
+        resumption->client.reset(SSL_SESSION_dup(clientSession_.get()));
+        if (serverSession_) resumption->server.reset(SSL_SESSION_dup(serverSession_.get()));
         session.resumption = std::move(resumption);
     }
     return session;
@@ -485,19 +501,20 @@ TLSConversation::TLSConversation(std::shared_ptr<TLSContexts> contexts, std::uin
 TLSConversation::~TLSConversation() = default;
 bool TLSConversation::handshake() { return implementation_->handshake(); }
 void TLSConversation::perform(const TLSStep& step) { implementation_->perform(step); }
+void TLSConversation::inject(Direction from, Data wire, DataView plaintext) { implementation_->inject(from, std::move(wire), plaintext); }
 void TLSConversation::seal(Direction from, DataView payload, std::vector<std::uint8_t>& wire)
 {
     implementation_->seal(from, payload, wire);
 }
 void TLSConversation::sealClose(Direction from, std::vector<std::uint8_t>& wire) { implementation_->sealClose(from, wire); }
-TLSSession TLSConversation::finish() { return implementation_->finish(); }
+TLSSession TLSConversation::session() { return implementation_->session(); }
 
 TLSSession runTLS(const TLSSessionOptions& options, const std::vector<TLSStep>& steps)
 {
     TLSConversation conversation(options);
     if (conversation.handshake())
         for (const TLSStep& step : steps) conversation.perform(step);
-    return conversation.finish();
+    return conversation.session();
 }
 
 Data TLSSession::wire(Direction direction) const

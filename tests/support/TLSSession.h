@@ -27,7 +27,7 @@ class TLSResumption;
 /// One TLS session as it went.
 struct TLSSession {
     std::vector<TLSFlight> flights;  ///< in the order in which they were sent
-    Data clientPlaintext;            ///< application data that the client sent, early data included
+    Data clientPlaintext;            ///< application data that the client sent, early data included if it was accepted
     Data serverPlaintext;
     std::string keyLog;       ///< lines of the SSLKEYLOGFILE format, as libssl writes them
     bool isComplete = false;  ///< the handshake came to its end
@@ -123,12 +123,15 @@ public:
     /// False when it failed.
     bool handshake();
     void perform(const TLSStep& step);
+    /// Sends records made elsewhere (`TLSRecordSealer`), which carry this plaintext, in the name of a peer; libssl reads them,
+    /// but does not count them where it sends: after this, the peer only has more to inject.
+    void inject(TCPSegment::Direction from, Data wire, DataView plaintext);
     /// Appends the records that protect application data to `wire`, without the peer reading them. For bulk data: after
     /// this, only `seal` and closing in the same direction make sense.
     void seal(TCPSegment::Direction from, DataView payload, std::vector<std::uint8_t>& wire);
     void sealClose(TCPSegment::Direction from, std::vector<std::uint8_t>& wire);
-    /// The session up to here; compares what arrived with what was sent.
-    TLSSession finish();
+    /// The session up to here; throws std::runtime_error when what arrived is not what was sent.
+    TLSSession session();
 
     TLSConversation(const TLSConversation&) = delete;
     TLSConversation& operator=(const TLSConversation&) = delete;
