@@ -29,7 +29,7 @@ struct StreamSummary {
     std::int64_t number = 0;
     TCPStreamKey::Endpoint client;
     TCPStreamKey::Endpoint server;
-    std::int64_t clientBytes = 0;   ///< size of the direction's reassembled data, lost bytes included
+    std::int64_t clientBytes = 0;  ///< size of the direction's reassembled data, lost bytes included
     std::int64_t serverBytes = 0;
     std::int64_t missingBytes = 0;  ///< of both directions: bytes that no packet carried, filled with zeros
     double startTime = 0;           ///< seconds since 1970

@@ -1,0 +1,120 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/session/Session.h"
+
+#include "app/streams/ConnectionIndex.h"
+#include "app/streams/ReassembledStream.h"
+
+#include <array>
+#include <mutex>
+#include <utility>
+
+namespace sealscope {
+
+namespace {
+
+/// Packets between two calls of `SessionOptions::progress`; some milliseconds.
+constexpr std::int64_t packetsPerProgress = 1 << 14;
+
+}  // namespace
+
+class Session::Implementation {
+public:
+    explicit Implementation(std::shared_ptr<Capture> capture) : capture_(std::move(capture)) {}
+
+    void index(const std::function<bool(std::int64_t, std::int64_t)>& progress)
+    {
+        const auto connections = std::make_shared<ConnectionIndex>();
+        PacketDecoder decoder(capture_.get());
+        CapturedPacket packet;
+        TCPPacket segment;
+        while (capture_->next(packet)) {
+            ++packetCount;
+            if (decoder.decode(packet, segment)) connections->add(segment, packet.number, packet.time.value());
+            if (progress && packetCount % packetsPerProgress == 0 && !progress(capture_->bytesRead(), capture_->bytesTotal())) {
+                wasInterrupted = true;
+                break;
+            }
+        }
+        notes = decoder.notes();
+        errors = capture_->errors();
+        connections_ = connections;
+        measured_ = std::make_unique<Measured[]>(static_cast<std::size_t>(connections_->size()));
+    }
+
+    const Capture& capture() const { return *capture_; }
+    const ConnectionIndex& connections() const { return *connections_; }
+    TCPStream stream(std::int64_t number) const { return reassembledStream(capture_, connections_, number); }
+
+    /// Measured when it is first asked for, then kept: a list of streams asks again and again.
+    StreamMeasures measures(std::int64_t number) const
+    {
+        const auto index = static_cast<std::size_t>(number);
+        const std::lock_guard lock(locks_[index % locks_.size()]);
+        Measured& measured = measured_[index];
+        if (!measured.isKnown) {
+            measured.measures = measureStream(*capture_, (*connections_)[number]);
+            measured.isKnown = true;
+        }
+        return measured.measures;
+    }
+
+    std::int64_t packetCount = 0;
+    bool wasInterrupted = false;
+    DecoderNotes notes;
+    std::vector<CaptureError> errors;
+
+private:
+    struct Measured {
+        StreamMeasures measures;
+        bool isKnown = false;
+    };
+
+    std::shared_ptr<Capture> capture_;
+    std::shared_ptr<const ConnectionIndex> connections_;
+    std::unique_ptr<Measured[]> measured_;
+    mutable std::array<std::mutex, 64> locks_;  ///< each guards the entries of `measured_` whose number it divides
+};
+
+Session::Session(std::unique_ptr<Implementation> implementation) : implementation_(std::move(implementation)) {}
+Session::~Session() = default;
+
+std::expected<std::unique_ptr<Session>, CaptureError> Session::open(SessionOptions options)
+{
+    auto capture =
+        Capture::open(options.files, {.randomAccess = true, .filter = std::move(options.filter), .maximumPackets = options.maximumPackets});
+    if (!capture) return std::unexpected(std::move(capture.error()));
+    auto implementation = std::make_unique<Implementation>(std::move(*capture));
+    implementation->index(options.progress);
+    return std::unique_ptr<Session>(new Session(std::move(implementation)));
+}
+
+std::int64_t Session::packetCount() const { return implementation_->packetCount; }
+std::int64_t Session::streamCount() const { return implementation_->connections().size(); }
+
+StreamSummary Session::summary(std::int64_t stream) const
+{
+    const Connection& connection = implementation_->connections()[stream];
+    const StreamMeasures measures = implementation_->measures(stream);
+    return {
+        .number = stream,
+        .client = connection.endpoints[connection.client],
+        .server = connection.endpoints[1 - connection.client],
+        .clientBytes = measures.clientBytes,
+        .serverBytes = measures.serverBytes,
+        .missingBytes = measures.missingBytes,
+        .startTime = connection.startTime,
+        .endTime = connection.endTime,
+        .packets = connection.packets(),
+        .contradictingBytes = measures.contradictingBytes,
+        .restarts = measures.restarts,
+        .hasSYN = connection.sides[0].hasSYN || connection.sides[1].hasSYN,
+    };
+}
+
+TCPStream Session::stream(std::int64_t stream) const { return implementation_->stream(stream); }
+const std::vector<CaptureError>& Session::errors() const { return implementation_->errors; }
+const DecoderNotes& Session::notes() const { return implementation_->notes; }
+bool Session::wasInterrupted() const { return implementation_->wasInterrupted; }
+std::string Session::embeddedKeyLog() const { return implementation_->capture().embeddedKeyLog(); }
+
+}  // namespace sealscope

@@ -1,0 +1,92 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "app/capture/PacketDecoder.h"
+#include "app/streams/SegmentList.h"
+#include "host/VELModels/TCPStream.h"
+
+#include <absl/container/flat_hash_set.h>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <optional>
+
+namespace sealscope {
+
+/// How far the receiver has acknowledged one direction's bytes.
+struct Acknowledged {
+    std::uint32_t reference = 0;  ///< a sequence number of the direction's beginning
+    std::int64_t highest = 0;     ///< the highest acknowledgment number, counted from `reference`; does not wrap
+};
+
+/// One direction of a connection, as its packets have shown it so far.
+struct ConnectionSide {
+    SegmentList segments;
+    Acknowledged acknowledged;                ///< its reference counts from the first packet that shows a sequence number
+    std::uint32_t initialSequenceNumber = 0;  ///< of its SYN
+    std::uint32_t lowest = 0;                 ///< lowest sequence number shown, by either end
+    std::uint32_t next = 0;                   ///< what follows the highest sequence number sent
+    bool hasSYN = false;
+    bool hasReference = false;  ///< `acknowledged.reference` and `lowest` are known
+    bool hasNext = false;
+    bool isAcknowledged = false;  ///< `acknowledged.highest` is known
+};
+
+/// Two endpoints and what they sent each other.
+struct Connection {
+    /// What tells the client from the server, the weakest first.
+    enum class Evidence : std::uint8_t { higherPort, clientHello, SYN };
+
+    std::array<TCPStreamKey::Endpoint, 2> endpoints;  ///< the lower one first
+    std::array<ConnectionSide, 2> sides;              ///< what the endpoint at the same position sent
+    double startTime = 0;                             ///< earliest packet, seconds since 1970
+    double endTime = 0;                               ///< latest packet
+    std::uint8_t client = 0;                          ///< position of the client among the endpoints
+    Evidence clientEvidence = Evidence::higherPort;
+    bool isClosed = false;  ///< a FIN or RST was seen
+    bool hasData = false;
+
+    std::int64_t packets() const { return std::int64_t{sides[0].segments.size()} + sides[1].segments.size(); }
+    std::optional<Acknowledged> acknowledged(std::size_t side) const
+    {
+        return sides[side].isAcknowledged ? std::optional(sides[side].acknowledged) : std::nullopt;
+    }
+};
+
+/// All TCP connections of a capture, numbered from 0 in order of their first packets: made in one pass over the packets, which
+/// keeps 32 bytes of each and none of its payload. Filled by one thread; then any thread may read it.
+class ConnectionIndex {
+public:
+    ConnectionIndex();
+    /// Takes the next packet in capture order.
+    void add(const TCPPacket& packet, std::int64_t packetNumber, double time);
+
+    std::int64_t size() const { return static_cast<std::int64_t>(connections_.size()); }
+    const Connection& operator[](std::int64_t number) const { return connections_[static_cast<std::size_t>(number)]; }
+
+    ConnectionIndex(const ConnectionIndex&) = delete;
+    ConnectionIndex& operator=(const ConnectionIndex&) = delete;
+
+private:
+    using Endpoints = std::array<TCPStreamKey::Endpoint, 2>;
+    /// The set of current connections holds numbers only; their endpoints are looked up where they stand.
+    struct Lookup {
+        using is_transparent = void;
+        const std::deque<Connection>* connections = nullptr;
+        const Endpoints& key(std::uint32_t number) const { return (*connections)[number].endpoints; }
+        const Endpoints& key(const Endpoints& endpoints) const { return endpoints; }
+        std::size_t operator()(const auto& what) const { return hash(key(what)); }
+        bool operator()(const auto& a, const auto& b) const { return key(a) == key(b); }
+        static std::size_t hash(const Endpoints& endpoints);
+    };
+
+    std::uint32_t start(const Endpoints& endpoints, std::size_t sender, double time);
+
+    SegmentArena arena_;
+    std::deque<Connection> connections_;
+    absl::flat_hash_set<std::uint32_t, Lookup, Lookup> current_;  ///< the latest connection between each two endpoints
+    std::uint32_t latest_ = 0;                                    ///< connection of the packet before
+};
+
+}  // namespace sealscope

@@ -1,0 +1,266 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/streams/ReassembledStream.h"
+
+#include "app/capture/Capture.h"
+#include "app/streams/Reassembler.h"
+#include "app/streams/SequenceSpace.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <utility>
+
+namespace sealscope {
+
+namespace {
+
+/// What lost bytes are read from, piece by piece.
+constexpr std::array<std::uint8_t, 16'384> zeros{};
+
+/// One direction of a connection: its data, and the packets that carried it.
+class ReassembledDirection final : public StreamByteSource, public ByteLocator {
+public:
+    ReassembledDirection(const Capture& capture, const Connection& connection, std::size_t side)
+        : capture_(capture), acknowledged_(connection.acknowledged(side)), segments_(connection.sides[side].segments),
+          data_(reassemble(segments_, acknowledged_))
+    {}
+
+    const SegmentTable& segments() const { return segments_; }
+    const Reassembly& data() const { return data_; }
+
+    DataView stretch(std::int64_t offset) const override
+    {
+        const Owner owner = ownerOf(offset);
+        const DataView bytes = bytesOf(owner, offset);
+        // A capture file that became shorter since it was indexed leaves nothing to show either.
+        return bytes.isEmpty() ? DataView(zeros).sub(0, owner.end - offset) : bytes;
+    }
+
+    ByteLocation locate(ByteRange range) const override
+    {
+        ByteLocation location;
+        PacketIdCollector packets(location.packetIds);
+        const std::int64_t upper = std::min(range.upper, data_.size);
+        for (std::int64_t offset = std::max<std::int64_t>(range.lower, 0); offset < upper;) {
+            const Owner owner = ownerOf(offset);
+            if (owner.segment) {
+                packets.add(owner.segment->packetNumber());
+                location.timestamp = std::min(location.timestamp.value_or(owner.segment->time), owner.segment->time);
+            }
+            offset = owner.end;
+        }
+        return location;
+    }
+
+    /// How many bytes of segments differ from the copy that stands in the data.
+    std::int64_t contradictingBytes() const;
+
+private:
+    /// Who carried a byte and those after it: a segment, or none when they were lost.
+    struct Owner {
+        const SegmentRecord* segment = nullptr;
+        std::int64_t begin = 0;  ///< offset at which the segment's payload begins
+        std::int64_t end = 0;    ///< offset up to which the bytes are its own
+    };
+
+    /// The owner of an offset that lies inside the data.
+    Owner ownerOf(std::int64_t offset) const;
+    DataView bytesOf(const Owner& owner, std::int64_t offset) const
+    {
+        return owner.segment ? capture_.bytes(owner.segment->address + (offset - owner.begin), owner.end - offset) : DataView();
+    }
+
+    /// Offset after the last byte that a segment of a run brings, counted from the run's first byte.
+    static std::int64_t endInRun(const SegmentRun& run, const SegmentRecord& segment)
+    {
+        return sequenceDistance(run.number, segment.dataNumber()) + segment.capturedData();
+    }
+
+    const Capture& capture_;
+    std::optional<Acknowledged> acknowledged_;
+    SegmentTable segments_;
+    Reassembly data_;
+    /// Run and segment of the last answer, in the upper and the lower half. Most questions are about the same segment or the
+    /// next. A hint only: it may come from another thread, and is checked before it is used.
+    mutable std::atomic<std::uint64_t> latest_ = 0;
+};
+
+ReassembledDirection::Owner ReassembledDirection::ownerOf(std::int64_t offset) const
+{
+    const std::vector<SegmentRun>& runs = data_.runs;
+    const std::uint64_t latest = latest_.load(std::memory_order_relaxed);
+
+    // The last run that begins at or before the offset.
+    std::size_t index = latest >> 32;
+    const auto holdsOffset = [&](std::size_t run) { return run < runs.size() && runs[run].offset <= offset && offset < runs[run].end(); };
+    if (!holdsOffset(index) && !holdsOffset(++index)) {
+        const auto after = std::ranges::upper_bound(runs, offset, {}, &SegmentRun::offset);
+        if (after == runs.begin()) return {.end = runs.empty() ? data_.size : runs.front().offset};
+        index = static_cast<std::size_t>(after - runs.begin()) - 1;
+        if (runs[index].end() <= offset) return {.end = after == runs.end() ? data_.size : after->offset};
+    }
+    const SegmentRun& run = runs[index];
+
+    // The first of its segments that ends after the offset.
+    const std::int64_t inRun = offset - run.offset;
+    const auto endsAfter = [&](std::uint32_t position) { return endInRun(run, segments_[position]) > inRun; };
+    const std::uint32_t runEnd = run.first + run.count;
+    auto position = static_cast<std::uint32_t>(latest);
+    bool isFound = false;
+    if (position >= run.first && position < runEnd && (position == run.first || !endsAfter(position - 1))) {
+        const std::uint32_t last = std::min(position + 4, runEnd);
+        while (position < last && !(isFound = endsAfter(position))) ++position;
+    }
+    if (!isFound) {
+        std::uint32_t low = run.first;
+        for (std::uint32_t count = run.count; count > 0;) {
+            const std::uint32_t half = count / 2;
+            if (endsAfter(low + half)) {
+                count = half;
+            } else {
+                low += half + 1;
+                count -= half + 1;
+            }
+        }
+        position = low;
+    }
+    latest_.store(std::uint64_t{index} << 32 | position, std::memory_order_relaxed);
+
+    const SegmentRecord& segment = segments_[position];
+    const std::int64_t end = run.offset + endInRun(run, segment);
+    return {.segment = &segment, .begin = end - segment.capturedData(), .end = std::min(end, run.end())};
+}
+
+std::int64_t ReassembledDirection::contradictingBytes() const
+{
+    if (!data_.hasOverlaps) return 0;
+    std::int64_t contradicting = 0;
+    SequenceSpace space(acknowledged_);
+    for (std::uint32_t position = 0; position < segments_.size(); ++position) {
+        const SegmentRecord& segment = segments_[position];
+        const auto placed = space.place(segment);
+        if (!placed || placed->isNew) continue;
+        const std::int64_t end = data_.offsetOf(placed->capturedEnd);
+        for (std::int64_t offset = std::max<std::int64_t>(data_.offsetOf(placed->begin), 0); offset < end;) {
+            const Owner owner = ownerOf(offset);
+            const std::int64_t until = std::min(owner.end, end);
+            if (owner.segment && owner.segment != &segment) {
+                const std::int64_t inSegment = static_cast<std::int64_t>(segment.captured) - (end - offset);
+                const DataView first = capture_.bytes(owner.segment->address + (offset - owner.begin), until - offset);
+                const DataView again = capture_.bytes(segment.address + inSegment, until - offset);
+                if (!(first == again))
+                    for (std::int64_t i = 0; i < std::min(first.size(), again.size()); ++i) contradicting += first[i] != again[i];
+            }
+            offset = until;
+        }
+    }
+    return contradicting;
+}
+
+/// The segments of both directions, merged by packet number.
+class MergedSegments final : public TCPSegmentSource {
+public:
+    MergedSegments(const SegmentTable& client, const SegmentTable& server) : client_(client), server_(server) {}
+
+    std::int64_t count() const override { return std::int64_t{client_.size()} + server_.size(); }
+
+    TCPSegment segment(std::int64_t position) const override
+    {
+        // Of the first `position` segments, as many are the client's as keeps the numbers of both sides in order.
+        std::int64_t low = std::max<std::int64_t>(0, position - server_.size());
+        std::int64_t high = std::min<std::int64_t>(position, client_.size());
+        while (low < high) {
+            const std::int64_t middle = low + (high - low) / 2;
+            if (number(client_, middle) < number(server_, position - middle - 1)) {
+                low = middle + 1;
+            } else {
+                high = middle;
+            }
+        }
+        const std::int64_t other = position - low;
+        const bool isClient = other >= server_.size() || (low < client_.size() && number(client_, low) < number(server_, other));
+        const SegmentRecord& record = isClient ? client_[static_cast<std::uint32_t>(low)] : server_[static_cast<std::uint32_t>(other)];
+        return {
+            .direction = isClient ? TCPSegment::Direction::clientToServer : TCPSegment::Direction::serverToClient,
+            .packetId = record.packetNumber(),
+            .sequenceNumber = record.sequenceNumber,
+            .payloadLength = static_cast<std::int64_t>(record.length),
+            .timestamp = record.time,
+        };
+    }
+
+private:
+    static std::int64_t number(const SegmentTable& segments, std::int64_t position)
+    {
+        return segments[static_cast<std::uint32_t>(position)].packetNumber();
+    }
+
+    const SegmentTable& client_;
+    const SegmentTable& server_;
+};
+
+/// Everything that a stream's records point to, kept together until the last of them goes.
+struct ReassembledStream {
+    std::shared_ptr<const Capture> capture;
+    std::shared_ptr<const ConnectionIndex> index;
+    ReassembledDirection client;
+    ReassembledDirection server;
+    MergedSegments segments;
+
+    ReassembledStream(std::shared_ptr<const Capture> ofCapture, std::shared_ptr<const ConnectionIndex> ofIndex,
+                      const Connection& connection)
+        : capture(std::move(ofCapture)), index(std::move(ofIndex)), client(*capture, connection, connection.client),
+          server(*capture, connection, 1 - connection.client), segments(client.segments(), server.segments())
+    {}
+};
+
+/// The number before the first byte's where the SYN was not captured; 0 when not even a byte was.
+std::uint32_t initialSequenceNumber(const ConnectionSide& side, const Reassembly& data)
+{
+    if (side.hasSYN) return side.initialSequenceNumber;
+    return data.firstNumber ? *data.firstNumber - 1 : side.hasReference ? side.lowest - 1 : 0;
+}
+
+}  // namespace
+
+TCPStream reassembledStream(std::shared_ptr<const Capture> capture, std::shared_ptr<const ConnectionIndex> index, std::int64_t number)
+{
+    const Connection& connection = (*index)[number];
+    const auto stream = std::make_shared<const ReassembledStream>(std::move(capture), std::move(index), connection);
+    const std::size_t client = connection.client;
+    const auto data = [&](const ReassembledDirection& direction) {
+        return StreamData(std::shared_ptr<const StreamByteSource>(stream, &direction), direction.data().size);
+    };
+    const auto byteIndex = [&](const ReassembledDirection& direction) {
+        return ByteToSegmentIndex(std::shared_ptr<const ByteLocator>(stream, &direction));
+    };
+    return {
+        .key = {connection.endpoints[client], connection.endpoints[1 - client], number},
+        .segments = TCPSegments(std::shared_ptr<const TCPSegmentSource>(stream, &stream->segments)),
+        .clientToServerData = data(stream->client),
+        .serverToClientData = data(stream->server),
+        .clientByteIndex = byteIndex(stream->client),
+        .serverByteIndex = byteIndex(stream->server),
+        .clientISN = initialSequenceNumber(connection.sides[client], stream->client.data()),
+        .serverISN = initialSequenceNumber(connection.sides[1 - client], stream->server.data()),
+        .clientEndpoint = connection.endpoints[client],
+        .serverEndpoint = connection.endpoints[1 - client],
+        .startTime = connection.startTime,
+        .endTime = connection.endTime,
+    };
+}
+
+StreamMeasures measureStream(const Capture& capture, const Connection& connection)
+{
+    const ReassembledDirection client(capture, connection, connection.client);
+    const ReassembledDirection server(capture, connection, 1 - connection.client);
+    return {
+        .clientBytes = client.data().size,
+        .serverBytes = server.data().size,
+        .missingBytes = client.data().missingBytes + server.data().missingBytes,
+        .contradictingBytes = client.contradictingBytes() + server.contradictingBytes(),
+        .restarts = client.data().restarts + server.data().restarts,
+    };
+}
+
+}  // namespace sealscope

@@ -1,0 +1,207 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/streams/Reassembler.h"
+
+#include "app/streams/SequenceSpace.h"
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+// Three steps. First, in capture order, segments that follow each other become runs; a stream without disorder is one run, a
+// stream with some has a few for each disturbance. Second, the runs are sorted by where they begin. Third, where runs overlap,
+// a sweep from the left gives each byte to the earliest run that has it:
+//
+//     run 0   [0 ........ 100)                     capture order counts, so with    run 0  [0, 100)
+//     run 1            [80 .............. 200)     80 ..< 100 carried twice and     run 1  [100, 200)
+//     run 2      [60 ...................... 240)   200 ..< 240 only by run 2        run 2  [200, 240)
+//
+// Runs may be treated as one in the third step because their segments are neighbours in the list: all of an earlier run
+// were captured before any of a later one.
+
+namespace sealscope {
+
+namespace {
+
+/// Longer runs are cut, so that 32 bits hold their length and sequence numbers compare within them.
+constexpr std::int64_t maximumRunLength = std::int64_t{1} << 30;
+
+/// Segments in a row that add nothing end a run: whoever walks its segments would have to pass them all.
+constexpr std::uint32_t maximumIdleSegments = 16;
+
+/// From so many segments on, runs are counted before they are made: a second pass costs less than a vector that grows.
+constexpr std::uint32_t manySegments = 1 << 16;
+
+/// Makes runs of segments that are given in capture order.
+class RunBuilder {
+public:
+    void add(std::uint32_t position, const SegmentRecord& segment, const std::optional<SequenceSpace::Placed>& placed)
+    {
+        if (!placed || placed->capturedEnd == placed->begin) return pass(segment);
+        if (isKnown(placed->begin, placed->capturedEnd)) return pass(segment);
+        widenKnown(placed->begin, placed->capturedEnd);
+        if (!extends(position, *placed)) {
+            close();
+            run_ = {.offset = placed->begin, .number = placed->number, .first = position};
+            isOpen_ = true;
+        }
+        run_.length = static_cast<std::uint32_t>(placed->capturedEnd - run_.offset);
+        run_.count = position - run_.first + 1;
+    }
+
+    /// Ends the run at hand.
+    void close()
+    {
+        if (run_.length == 0) return;
+        ++count_;
+        if (runs_) runs_->push_back(run_);
+        run_ = {};
+        isOpen_ = false;
+    }
+
+    /// Keeps the runs that end from now on; without, they are only counted.
+    void collect(std::vector<SegmentRun>& runs) { runs_ = &runs; }
+    std::size_t count() const { return count_; }
+
+private:
+    /// A segment that adds nothing. The run can go on after it when it ends where the run does; most acknowledgments do.
+    void pass(const SegmentRecord& segment)
+    {
+        const std::uint32_t end = segment.dataNumber() + static_cast<std::uint32_t>(segment.capturedData());
+        isOpen_ = isOpen_ && end == run_.number + run_.length;
+    }
+
+    bool extends(std::uint32_t position, const SequenceSpace::Placed& placed) const
+    {
+        return isOpen_ && placed.begin >= run_.offset && placed.begin <= run_.end() && placed.capturedEnd > run_.end() &&
+               placed.capturedEnd - run_.offset <= maximumRunLength && position - (run_.first + run_.count) <= maximumIdleSegments;
+    }
+
+    // One stretch without a hole is kept in mind, the one around the latest data. What lies inside it, such as every other
+    // packet of a capture that has each twice, needs no run.
+    bool isKnown(std::int64_t begin, std::int64_t end) const { return begin >= knownBegin_ && end <= knownEnd_; }
+    void widenKnown(std::int64_t begin, std::int64_t end)
+    {
+        if (begin > knownEnd_) {
+            knownBegin_ = begin;
+            knownEnd_ = end;
+        } else if (end >= knownBegin_) {
+            knownBegin_ = std::min(knownBegin_, begin);
+            knownEnd_ = std::max(knownEnd_, end);
+        }
+    }
+
+    SegmentRun run_;
+    bool isOpen_ = false;  ///< the run can go on
+    std::size_t count_ = 0;
+    std::vector<SegmentRun>* runs_ = nullptr;
+    std::int64_t knownBegin_ = std::numeric_limits<std::int64_t>::max();
+    std::int64_t knownEnd_ = std::numeric_limits<std::int64_t>::min();
+};
+
+/// The part begin ..< end of a run.
+SegmentRun part(const SegmentRun& run, std::int64_t begin, std::int64_t end)
+{
+    return {
+        .offset = begin,
+        .length = static_cast<std::uint32_t>(end - begin),
+        .number = run.number + static_cast<std::uint32_t>(begin - run.offset),
+        .first = run.first,
+        .count = run.count,
+    };
+}
+
+/// Gives each byte to the earliest of the runs that have it. The runs are sorted by offset.
+std::vector<SegmentRun> withoutOverlaps(const std::vector<SegmentRun>& runs)
+{
+    std::vector<SegmentRun> parts;
+    parts.reserve(runs.size());
+    // Runs that have begun, the earliest in capture order on top.
+    std::vector<std::uint32_t> begun;
+    const auto isLater = [&](std::uint32_t a, std::uint32_t b) { return runs[a].first > runs[b].first; };
+    std::uint32_t next = 0;
+    const auto begin = [&] {
+        begun.push_back(next++);
+        std::ranges::push_heap(begun, isLater);
+    };
+
+    std::int64_t at = 0;
+    while (next < runs.size() || !begun.empty()) {
+        if (begun.empty()) {
+            at = runs[next].offset;
+            begin();
+        }
+        const SegmentRun& run = runs[begun.front()];
+        if (run.end() <= at) {
+            std::ranges::pop_heap(begun, isLater);
+            begun.pop_back();
+            continue;
+        }
+        while (next < runs.size() && runs[next].offset < run.end() && runs[next].first > run.first) begin();
+        const bool isInterrupted = next < runs.size() && runs[next].offset < run.end();
+        const std::int64_t until = isInterrupted ? runs[next].offset : run.end();
+        if (until > at) parts.push_back(part(run, at, until));
+        at = until;
+        if (isInterrupted) begin();
+    }
+    return parts;
+}
+
+}  // namespace
+
+std::int64_t Reassembly::offsetOf(std::int64_t position) const { return position + eraShifts[SequenceSpace::eraOf(position)]; }
+
+Reassembly reassemble(const SegmentTable& segments, std::optional<Acknowledged> acknowledged)
+{
+    Reassembly result;
+    SequenceSpace space(acknowledged);
+    const auto buildRuns = [&](RunBuilder& builder) {
+        for (std::uint32_t position = 0; position < segments.size(); ++position) {
+            const auto placed = space.place(segments[position]);
+            builder.add(position, segments[position], placed);
+            if (placed) result.hasOverlaps |= !placed->isNew;
+        }
+        builder.close();
+    };
+
+    std::vector<SegmentRun> runs;
+    if (segments.size() >= manySegments) {
+        RunBuilder counter;
+        buildRuns(counter);
+        runs.reserve(counter.count());
+        space = SequenceSpace(acknowledged);
+    }
+    RunBuilder builder;
+    builder.collect(runs);
+    buildRuns(builder);
+
+    const auto isBefore = [](const SegmentRun& a, const SegmentRun& b) {
+        return a.offset != b.offset ? a.offset < b.offset : a.first < b.first;
+    };
+    if (!std::ranges::is_sorted(runs, isBefore)) std::ranges::sort(runs, isBefore);
+    const auto overlaps = [](const SegmentRun& a, const SegmentRun& b) { return b.offset < a.end(); };
+    if (std::ranges::adjacent_find(runs, overlaps) != runs.end()) runs = withoutOverlaps(runs);
+
+    // The eras follow each other; of each counts what lies after its SYN.
+    const std::vector<SequenceSpace::Era>& eras = space.eras();
+    for (const SequenceSpace::Era& era : eras) {
+        result.eraShifts.push_back(result.size - era.begin);
+        result.size += era.end - era.begin;
+    }
+    result.restarts = std::max<std::int64_t>(static_cast<std::int64_t>(eras.size()) - 1, 0);
+    if (!eras.empty()) result.firstNumber = eras.front().numberAt(eras.front().begin);
+
+    std::int64_t captured = 0;
+    std::erase_if(runs, [&](SegmentRun& run) {
+        const std::int64_t begin = eras[SequenceSpace::eraOf(run.offset)].begin;
+        if (run.end() <= begin) return true;
+        run = part(run, std::max(run.offset, begin), run.end());
+        run.offset = result.offsetOf(run.offset);
+        captured += run.length;
+        return false;
+    });
+    result.runs = std::move(runs);
+    result.missingBytes = result.size - captured;
+    return result;
+}
+
+}  // namespace sealscope
