@@ -3,6 +3,7 @@
 
 #include "platform/Export.h"
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -21,27 +22,33 @@ public:
 
     [[nodiscard]] ObservationToken add(Function function)
     {
-        auto observer = std::make_shared<const Function>(std::move(function));
+        auto observer = std::make_shared<Observer>(std::move(function));
         const std::lock_guard lock(mutex_);
-        std::erase_if(observers_, [](const auto& other) { return other.expired(); });
+        std::erase_if(observers_, [](const auto& other) { return !other->isActive; });
         observers_.push_back(observer);
-        return std::const_pointer_cast<Function>(observer);
+        return {observer.get(), [observer](void*) { observer->isActive = false; }};
     }
 
     void notify(Arguments... arguments) const
     {
-        std::vector<std::weak_ptr<const Function>> observers;
+        std::vector<std::shared_ptr<const Observer>> observers;
         {
             const std::lock_guard lock(mutex_);
-            observers = observers_;
+            observers.assign(observers_.begin(), observers_.end());
         }
-        for (const auto& weak : observers)
-            if (const auto observer = weak.lock()) (*observer)(arguments...);
+        for (const auto& observer : observers)
+            if (observer->isActive) observer->function(arguments...);
     }
 
 private:
+    struct Observer {
+        explicit Observer(Function called) : function(std::move(called)) {}
+        Function function;
+        std::atomic<bool> isActive = true;
+    };
+
     mutable std::mutex mutex_;
-    std::vector<std::weak_ptr<const Function>> observers_;
+    std::vector<std::shared_ptr<Observer>> observers_;
 };
 
 }  // namespace sealscope SEALSCOPE_API

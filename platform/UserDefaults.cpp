@@ -299,14 +299,12 @@ public:
         return damage_;
     }
 
-    ObservationToken observe(std::string key, std::function<void()> changed)
+    ObservationToken observe(const std::string& key, std::function<void()> changed)
     {
-        auto observer = std::make_shared<Observer>(Observer{std::move(key), std::move(changed)});
         const std::lock_guard lock(mutex_);
-        std::erase_if(observers_, [](const auto& other) { return other.expired(); });
-        observers_.push_back(observer);
-        lastSeen_.try_emplace(observer->key, current(observer->key));
-        return observer;
+        const auto [entry, isNew] = observed_.try_emplace(key);
+        if (isNew) entry->second.lastSeen = current(key);
+        return entry->second.observers.add(std::move(changed));
     }
 
     void synchronize()
@@ -314,16 +312,16 @@ public:
         std::vector<std::pair<std::string, std::optional<Value>>> changes;
         {
             const std::lock_guard lock(mutex_);
-            for (const auto& [key, seen] : lastSeen_)
-                if (auto value = current(key); value != seen) changes.emplace_back(key, std::move(value));
+            for (const auto& [key, observed] : observed_)
+                if (auto value = current(key); value != observed.lastSeen) changes.emplace_back(key, std::move(value));
         }
         for (const auto& [key, value] : changes) notify(key, value);
     }
 
 private:
-    struct Observer {
-        std::string key;
-        std::function<void()> changed;
+    struct Observed {
+        ObserverList<> observers;
+        std::optional<Value> lastSeen;  ///< what they know of
     };
 
     void refresh() const
@@ -390,14 +388,15 @@ private:
 
     void notify(std::string_view key, const std::optional<Value>& value)
     {
-        std::vector<std::shared_ptr<Observer>> observers;
+        Observed* observed = nullptr;
         {
             const std::lock_guard lock(mutex_);
-            if (const auto seen = lastSeen_.find(key); seen != lastSeen_.end()) seen->second = value;
-            for (const auto& weak : observers_)
-                if (auto observer = weak.lock(); observer && observer->key == key) observers.push_back(std::move(observer));
+            const auto found = observed_.find(key);
+            if (found == observed_.end()) return;
+            observed = &found->second;
+            observed->lastSeen = value;
         }
-        for (const auto& observer : observers) observer->changed();
+        observed->observers.notify();
     }
 
     const fs::path file_;
@@ -409,8 +408,7 @@ private:
     std::optional<std::string> writeProblem_;
     std::optional<std::string> damage_;
     std::chrono::milliseconds patience_ = longestWait;
-    std::vector<std::weak_ptr<Observer>> observers_;
-    std::map<std::string, std::optional<Value>, std::less<>> lastSeen_;  ///< by observed key, what its observers know of
+    std::map<std::string, Observed, std::less<>> observed_;  ///< by key; entries stay
 };
 
 UserDefaults::UserDefaults(fs::path file) : UserDefaults(std::move(file), {}) {}
@@ -472,9 +470,9 @@ std::vector<std::pair<std::string, Value>> UserDefaults::all() const { return im
 
 std::optional<std::string> UserDefaults::lastProblem() const { return implementation_->lastProblem(); }
 
-ObservationToken UserDefaults::observe(std::string key, std::function<void()> changed)
+ObservationToken UserDefaults::observe(const std::string& key, std::function<void()> changed)
 {
-    return implementation_->observe(std::move(key), std::move(changed));
+    return implementation_->observe(key, std::move(changed));
 }
 
 void UserDefaults::synchronize() { implementation_->synchronize(); }

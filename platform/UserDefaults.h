@@ -49,7 +49,7 @@ public:
 
     /// Calls `changed` on the writing thread after the value under a key has changed through this object, and on
     /// `synchronize` after another process changed it. The observation ends with the returned token.
-    [[nodiscard]] ObservationToken observe(std::string key, std::function<void()> changed);
+    [[nodiscard]] ObservationToken observe(const std::string& key, std::function<void()> changed);
     /// Looks for changes that other processes made and tells the observers.
     void synchronize();
 
