@@ -26,19 +26,23 @@ struct CaptureOptions {
 /// Read by one thread; `bytes` may be called from any thread.
 class Capture {
 public:
-    /// Opens the files ("-" is standard input). Fails when a file cannot be opened, is no capture, or the filter does not
-    /// compile; `files` must not be empty.
+    /// Opens the files ("-" is standard input), of which there must be one at least. Fails when none of them can be read at
+    /// all, or the filter does not compile (the error then names no file). One of several that cannot be read is passed
+    /// over and told in `errors`.
     static std::expected<std::unique_ptr<Capture>, CaptureError> open(const std::vector<std::string>& files, CaptureOptions options);
     virtual ~Capture() = default;
 
     /// The next packet; false at the end of the last file. Damage ends its file, not the capture.
     virtual bool next(CapturedPacket& packet) = 0;
-    /// Files that were not read to their end, and why; complete when `next` has returned false.
+    /// The files in capture order, as the user named them; `CapturedPacket::file` counts these.
+    virtual const std::vector<std::string>& files() const = 0;
+    /// Files that were not read to their end or have damaged places, and why; complete when `next` has returned false.
     virtual const std::vector<CaptureError>& errors() const = 0;
 
     /// `count` bytes at an address, cut to what is there. Needs random access.
     virtual DataView bytes(CaptureAddress address, std::int64_t count) const = 0;
-    /// Keeps bytes that lie in no file, such as a datagram put together from fragments; returns their address.
+    /// Keeps bytes that lie in no file, such as a datagram put together from fragments; returns their address. Negative when
+    /// there is no room left for them; the reason is then among the errors.
     virtual CaptureAddress keep(DataView bytes) = 0;
 
     /// TLS key log text of the decryption secrets blocks read so far, in capture order, each block's lines whole.

@@ -26,16 +26,16 @@ struct TCPPacket {
     std::uint16_t window = 0;
     std::uint16_t urgentPointer = 0;
     std::uint8_t flags = 0;
-    DataView payload;                    ///< captured bytes, bounded by the IP length; lent as the frame is
-    std::int64_t payloadLength = 0;      ///< bytes on the wire; more than `payload` holds when the packet was cut
-    CaptureAddress payloadAddress = 0;   ///< of `payload`, when the capture has random access
+    DataView payload;                   ///< captured bytes, bounded by the IP length; lent as the frame is
+    std::int64_t payloadLength = 0;     ///< bytes on the wire; more than `payload` holds when the packet was cut
+    CaptureAddress payloadAddress = 0;  ///< of `payload`, when the capture has random access
 };
 
 /// What the decoder met and could not use, by kind; for telling the user once, at the end.
 struct DecoderNotes {
     std::map<std::uint32_t, std::int64_t> unknownLinkTypes;  ///< LINKTYPE_ number to packets
-    std::int64_t damagedPackets = 0;       ///< a header contradicts itself or the bytes that are there
-    std::int64_t incompleteDatagrams = 0;  ///< fragments of which some never came
+    std::int64_t damagedPackets = 0;                         ///< a header contradicts itself or the bytes that are there
+    std::int64_t incompleteDatagrams = 0;                    ///< fragments of which some never came
 };
 
 /// Finds the TCP segment in a packet: link layer, VLAN tags, MPLS, tunnels, IPv4 and IPv6 with options, extension headers

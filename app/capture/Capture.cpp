@@ -1,0 +1,251 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/capture/Capture.h"
+
+#include "app/capture/CaptureFile.h"
+#include "app/capture/PacketFilter.h"
+#include "app/capture/SpoolFile.h"
+
+#include <algorithm>
+#include <atomic>
+#include <optional>
+#include <span>
+#include <utility>
+
+namespace sealscope {
+namespace {
+
+constexpr CaptureAddress firstKeptAddress = CaptureAddress{1} << 46;  // above any file
+constexpr std::uint32_t ethernet = 1;
+
+/// A file that was found readable, before its turn.
+struct Candidate {
+    std::string name;
+    std::optional<CapturedPacket> first;  ///< its bytes are there while the file is open
+    bool isSwapped = false;
+    std::unique_ptr<CaptureFile> file;  ///< null when it was closed again until its turn
+
+    bool isBefore(const Candidate& other) const
+    {
+        if (!first || !other.first) return first.has_value() && !other.first.has_value();
+        const CaptureTime &a = first->time, &b = other.first->time;
+        if (a.seconds != b.seconds) return a.seconds < b.seconds;
+        __extension__ using Wide = unsigned __int128;
+        return Wide{a.units} * b.resolution < Wide{b.units} * a.resolution;
+    }
+};
+
+class FileSequence final : public Capture {
+public:
+    FileSequence(std::vector<Candidate> candidates, CaptureOptions options, std::optional<PacketFilter> filter,
+                 std::vector<CaptureError> errors)
+        : options_(std::move(options)), filter_(std::move(filter)), candidates_(std::move(candidates)), errors_(std::move(errors)),
+          places_(std::make_unique<Place[]>(candidates_.size())), packetsLeft_(options_.maximumPackets)
+    {
+        for (const Candidate& candidate : candidates_) {
+            names_.push_back(candidate.name);
+            const std::int64_t size = storedSize(candidate.name);
+            bytesTotal_ = size < 0 || bytesTotal_ < 0 ? -1 : bytesTotal_ + size;
+        }
+    }
+
+    bool next(CapturedPacket& packet) override
+    {
+        while (packetsLeft_ != 0) {
+            if (pending_) [[unlikely]] {
+                packet = *std::exchange(pending_, std::nullopt);
+            } else if (!file_ || !file_->next(packet)) [[unlikely]] {
+                if (!advance()) return false;
+                continue;
+            }
+            ++packetsOfFile_;
+            packet.number = ++number_;
+            packet.file = static_cast<std::uint32_t>(position_ - 1);
+            packet.address += base_;
+            if (filter_ && !filter_->passes(packet, file_->isSwapped())) continue;
+            --packetsLeft_;
+            return true;
+        }
+        collectRemainingSecrets();
+        return false;
+    }
+
+    const std::vector<std::string>& files() const override { return names_; }
+    const std::vector<CaptureError>& errors() const override { return errors_; }
+
+    DataView bytes(CaptureAddress address, std::int64_t count) const override
+    {
+        if (address >= firstKeptAddress) return kept_ ? kept_->bytes().sub(address - firstKeptAddress, count) : DataView();
+        const std::span<const Place> places(places_.get(), placeCount_.load(std::memory_order_acquire));
+        const auto behind = std::ranges::upper_bound(places, address, {}, &Place::base);
+        if (behind == places.begin()) return {};
+        const Place& place = *std::prev(behind);
+        return place.file->input().bytes(address - place.base, count);
+    }
+
+    CaptureAddress keep(DataView bytes) override
+    {
+        std::string reason;
+        if (!kept_) {
+            if (auto made = SpoolFile::create())
+                kept_ = std::move(*made);
+            else
+                reason = made.error();
+        }
+        if (kept_) {
+            if (const auto room = kept_->room(bytes.size())) {
+                const CaptureAddress address = firstKeptAddress + kept_->bytes().size();
+                std::ranges::copy(bytes, room->begin());
+                kept_->commit(bytes.size());
+                return address;
+            } else {
+                reason = room.error();
+            }
+        }
+        if (!std::exchange(hasKeepingFailed_, true))
+            errors_.push_back({.reason = "fragments cannot be put together: " + reason, .packetsBefore = number_});
+        return -1;
+    }
+
+    std::string embeddedKeyLog() const override { return file_ ? keyLog_ + file_->keyLog() : keyLog_; }
+
+    std::int64_t bytesRead() const override { return storedBytesBefore_ + (file_ ? file_->input().storedBytesRead() : 0); }
+    std::int64_t bytesTotal() const override { return bytesTotal_; }
+
+private:
+    /// A file whose bytes stay reachable, and its first byte's address.
+    struct Place {
+        CaptureAddress base = 0;
+        std::unique_ptr<CaptureFile> file;
+    };
+
+    /// Ends the current file and opens the next; false after the last.
+    bool advance()
+    {
+        leaveFile();
+        if (position_ == candidates_.size() && filter_ && filter_->failureCount() > 0 && !std::exchange(isFilterFailureTold_, true))
+            errors_.push_back({.reason = filter_->failure(), .packetsBefore = number_});
+        while (position_ < candidates_.size()) {
+            Candidate& candidate = candidates_[position_++];
+            if (candidate.file) pending_ = candidate.first;
+            auto opened = candidate.file ? std::expected<std::unique_ptr<CaptureFile>, std::string>(std::move(candidate.file))
+                                         : CaptureFile::open(candidate.name, options_.randomAccess);
+            if (!opened) {
+                errors_.push_back({.file = candidate.name, .reason = opened.error(), .couldNotOpen = true});
+                continue;
+            }
+            file_ = opened->get();
+            Place& place = places_[placeCount_];
+            place = {base_, std::move(*opened)};
+            placeCount_.store(placeCount_ + 1, std::memory_order_release);
+            return true;
+        }
+        return false;
+    }
+
+    /// Secrets count wherever they stand, also behind the last packet that is wanted. Not worth waiting for a pipe, though.
+    void collectRemainingSecrets()
+    {
+        CapturedPacket ignored;
+        const std::size_t errorsSoFar = errors_.size();
+        while (file_) {
+            while (options_.randomAccess && file_->input().isMapped() && file_->next(ignored)) {}
+            if (!advance()) break;
+        }
+        errors_.resize(errorsSoFar);
+    }
+
+    void leaveFile()
+    {
+        if (!file_) return;
+        const std::string& name = names_[position_ - 1];
+        if (file_->passedOverCount() > 0)
+            errors_.push_back(
+                {.file = name, .reason = file_->passedOver(), .packetsBefore = packetsOfFile_, .passedOver = file_->passedOverCount()});
+        if (!file_->damage().empty()) errors_.push_back({.file = name, .reason = file_->damage(), .packetsBefore = packetsOfFile_});
+        keyLog_ += file_->keyLog();
+        storedBytesBefore_ += file_->input().storedBytesRead();
+        packetsOfFile_ = 0;
+        file_->input().finish();
+        if (options_.randomAccess) {
+            base_ += file_->input().size();
+        } else {
+            placeCount_ = 0;
+            places_[0].file.reset();
+        }
+        file_ = nullptr;
+    }
+
+    CaptureOptions options_;
+    std::optional<PacketFilter> filter_;
+    std::vector<Candidate> candidates_;
+    std::vector<std::string> names_;
+    std::vector<CaptureError> errors_;
+
+    CaptureFile* file_ = nullptr;  // the last of `places_`, while it is read
+    std::size_t position_ = 0;     // of the candidate behind it
+    std::optional<CapturedPacket> pending_;
+    CaptureAddress base_ = 0;
+    std::int64_t number_ = 0;
+    std::int64_t packetsOfFile_ = 0;
+    std::string keyLog_;
+    std::int64_t bytesTotal_ = 0;
+    std::int64_t storedBytesBefore_ = 0;
+
+    std::unique_ptr<Place[]> places_;
+    std::atomic<std::size_t> placeCount_{0};
+    std::int64_t packetsLeft_;
+    std::unique_ptr<SpoolFile> kept_;
+    bool hasKeepingFailed_ = false;
+    bool isFilterFailureTold_ = false;
+};
+
+std::expected<Candidate, std::string> openCandidate(const std::string& name, const CaptureOptions& options, bool isOnlyOne)
+{
+    // Many files are not held open at once, where they can be opened again.
+    const bool staysOpen = isOnlyOne || storedSize(name) < 0 || name == "-";
+    auto opened = CaptureFile::open(name, staysOpen && options.randomAccess);
+    if (!opened) return std::unexpected(std::move(opened.error()));
+    Candidate candidate{.name = name, .file = std::move(*opened)};
+    if (CapturedPacket packet; (!isOnlyOne || !options.filter.empty()) && candidate.file->next(packet)) candidate.first = packet;
+    candidate.isSwapped = candidate.file->isSwapped();
+    if (!staysOpen) candidate.file.reset();
+    return candidate;
+}
+
+/// Compiles the filter for the first packet there is.
+std::expected<PacketFilter, std::string> compileFilter(const std::string& expression, const std::vector<Candidate>& candidates)
+{
+    const auto first = std::ranges::find_if(candidates, [](const Candidate& candidate) { return candidate.first.has_value(); });
+    if (first == candidates.end()) return PacketFilter::compile(expression, ethernet, false);
+    auto filter = PacketFilter::compile(expression, first->first->linkType, first->isSwapped);
+    if (filter || PacketFilter::isKnown(first->first->linkType)) return filter;
+    // The expression is not to blame for a link type that the compiler does not know; `passes` will tell.
+    return PacketFilter::compile(expression, ethernet, false);
+}
+
+}  // namespace
+
+std::expected<std::unique_ptr<Capture>, CaptureError> Capture::open(const std::vector<std::string>& files, CaptureOptions options)
+{
+    std::vector<Candidate> candidates;
+    std::vector<CaptureError> errors;
+    for (const std::string& name : files) {
+        auto candidate = openCandidate(name, options, files.size() == 1);
+        if (candidate)
+            candidates.push_back(std::move(*candidate));
+        else
+            errors.push_back({.file = name, .reason = candidate.error(), .couldNotOpen = true});
+    }
+    if (candidates.empty()) return std::unexpected(errors.front());
+    std::ranges::stable_sort(candidates, [](const Candidate& a, const Candidate& b) { return a.isBefore(b); });
+
+    std::optional<PacketFilter> filter;
+    if (!options.filter.empty()) {
+        auto compiled = compileFilter(options.filter, candidates);
+        if (!compiled) return std::unexpected(CaptureError{.reason = compiled.error(), .couldNotOpen = true});
+        filter = std::move(*compiled);
+    }
+    return std::make_unique<FileSequence>(std::move(candidates), std::move(options), std::move(filter), std::move(errors));
+}
+
+}  // namespace sealscope

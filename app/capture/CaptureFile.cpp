@@ -1,0 +1,49 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/capture/CaptureFile.h"
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+namespace sealscope {
+
+std::expected<std::unique_ptr<CaptureFile>, std::string> CaptureFile::open(const std::string& name, bool keepAll)
+{
+    auto opened = CaptureInput::open(name, keepAll);
+    if (!opened) return std::unexpected(opened.error());
+    std::unique_ptr<CaptureInput> input = std::move(*opened);
+    input->require(4);
+    const DataView head(input->data(), std::min<std::int64_t>(input->available(), 4));
+    if (auto pcap = PcapReader::recognise(head)) {
+        if (!pcap->begin(*input)) return std::unexpected(pcap->damage());
+        return std::unique_ptr<CaptureFile>(new CaptureFile(std::move(input), std::move(*pcap)));
+    }
+    if (PcapngReader::recognises(head)) return std::unique_ptr<CaptureFile>(new CaptureFile(std::move(input), PcapngReader()));
+    if (!input->failure().empty()) return std::unexpected(input->failure());
+    if (head.isEmpty()) return std::unexpected("is empty");
+    return std::unexpected(fmt::format("is not a capture file (it begins with {:02x})", fmt::join(head, " ")));
+}
+
+const std::string& CaptureFile::damage() const
+{
+    return std::visit([](const auto& reader) -> const std::string& { return reader.damage(); }, reader_);
+}
+
+std::string CaptureFile::passedOver() const
+{
+    const auto* reader = std::get_if<PcapngReader>(&reader_);
+    return reader ? reader->passedOver() : std::string();
+}
+
+std::int64_t CaptureFile::passedOverCount() const
+{
+    const auto* reader = std::get_if<PcapngReader>(&reader_);
+    return reader ? reader->passedOverCount() : 0;
+}
+
+std::string CaptureFile::keyLog() const
+{
+    const auto* reader = std::get_if<PcapngReader>(&reader_);
+    return reader ? reader->keyLog() : std::string();
+}
+
+}  // namespace sealscope

@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "app/capture/CaptureInput.h"
+#include "app/capture/PcapReader.h"
+#include "app/capture/PcapngReader.h"
+
+#include <expected>
+#include <memory>
+#include <string>
+#include <variant>
+
+namespace sealscope {
+
+/// One capture file of any known format, packet by packet.
+class CaptureFile {
+public:
+    /// Opens a file and reads its header. Fails with a reason that does not repeat the name.
+    static std::expected<std::unique_ptr<CaptureFile>, std::string> open(const std::string& name, bool keepAll);
+
+    /// The next packet, without its number and file; its address counts from the file's first byte.
+    bool next(CapturedPacket& packet)
+    {
+        if (auto* pcap = std::get_if<PcapReader>(&reader_)) return pcap->next(*input_, packet);
+        return std::get_if<PcapngReader>(&reader_)->next(*input_, packet);
+    }
+
+    /// Why the file could not be read to its end; empty when it was.
+    const std::string& damage() const;
+    /// Place and reason of the first block that was passed over, and how many were.
+    std::string passedOver() const;
+    std::int64_t passedOverCount() const;
+    /// Key log text of the secrets read so far.
+    std::string keyLog() const;
+    /// Whether the last packet's byte order is not this machine's.
+    bool isSwapped() const
+    {
+        return std::visit([](const auto& reader) { return reader.byteOrder().isSwapped; }, reader_);
+    }
+
+    CaptureInput& input() { return *input_; }
+    const CaptureInput& input() const { return *input_; }
+
+private:
+    CaptureFile(std::unique_ptr<CaptureInput> input, std::variant<PcapReader, PcapngReader> reader)
+        : input_(std::move(input)), reader_(std::move(reader))
+    {}
+
+    std::unique_ptr<CaptureInput> input_;
+    std::variant<PcapReader, PcapngReader> reader_;
+};
+
+}  // namespace sealscope

@@ -1,0 +1,305 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/capture/CaptureInput.h"
+
+#include "app/capture/Decompressor.h"
+#include "app/capture/MappedFile.h"
+#include "app/capture/SpoolFile.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+namespace sealscope {
+namespace {
+
+constexpr std::int64_t mappedWindow = 4 << 20;     // pages brought in and let go together
+constexpr std::int64_t streamedPiece = 256 << 10;  // read at once; stays in the processor's cache
+constexpr const char* becameShorter = "became shorter while it was being read";
+
+std::string systemReason(int error) { return std::generic_category().message(error); }
+
+/// A file descriptor that is closed when it was opened here.
+class Descriptor {
+public:
+    Descriptor(int number, bool isOwned) : number_(number), isOwned_(isOwned) {}
+    Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)), isOwned_(other.isOwned_) {}
+    Descriptor& operator=(Descriptor&& other) noexcept
+    {
+        std::swap(number_, other.number_);
+        std::swap(isOwned_, other.isOwned_);
+        return *this;
+    }
+    ~Descriptor()
+    {
+        if (isOwned_ && number_ >= 0) close(number_);
+    }
+    int number() const { return number_; }
+
+private:
+    int number_;
+    bool isOwned_;
+};
+
+/// Bytes read, negative with `errno` on failure; fewer than asked for when a pipe holds no more for now.
+std::int64_t readSome(int descriptor, std::span<std::uint8_t> target)
+{
+    for (;;) {
+        const ssize_t count = read(descriptor, target.data(), target.size());
+        if (count >= 0 || errno != EINTR) return count;
+    }
+}
+
+/// A file mapped in place. The bytes come forward window by window, so that pages enter in one go and leave behind the reader.
+class MappedInput final : public CaptureInput {
+public:
+    MappedInput(Descriptor descriptor, std::unique_ptr<MappedFile> file)
+        : descriptor_(std::move(descriptor)), file_(std::move(file)), size_(file_->bytes().size())
+    {
+        start_ = at_ = end_ = file_->bytes().data();
+    }
+
+    bool isSuspicious() const override { return file_->isDamaged(); }
+    bool isMapped() const override { return true; }
+    DataView bytes(std::int64_t offset, std::int64_t count) const override { return file_->bytes().sub(offset, count); }
+    std::int64_t size() const override { return file_->bytes().size(); }
+    std::int64_t storedBytesRead() const override { return position(); }
+
+    void finish() override
+    {
+        file_->release(0, size());
+        descriptor_ = Descriptor(-1, false);
+    }
+
+    bool verify() override
+    {
+        struct stat status;
+        const std::int64_t now = fstat(descriptor_.number(), &status) == 0 ? status.st_size : 0;
+        if (now < file_->bytes().size()) {
+            failure_ = becameShorter;
+            size_ = std::min(size_, now);
+        } else if (file_->isDamaged()) {
+            failure_ = systemReason(EIO);
+            size_ = std::min(size_, position());
+        }
+        end_ = std::min(end_, start_ + std::max(size_, position()));
+        return failure_.empty();
+    }
+
+protected:
+    bool fill(std::int64_t count) override
+    {
+        verify();
+        const std::int64_t at = position(), ready = end_ - start_;
+        const std::int64_t wanted = std::min(size_, std::max(at + count, ready + mappedWindow));
+        if (wanted > ready) {
+            file_->prefetch(ready, wanted - ready);
+            end_ = start_ + wanted;
+        }
+        // What lies more than a window back is unlikely to be looked at again soon.
+        if (const std::int64_t kept = at - mappedWindow; kept > released_) {
+            file_->release(released_, kept - released_);
+            released_ = kept;
+        }
+        return end_ - at_ >= count;
+    }
+
+private:
+    Descriptor descriptor_;
+    std::unique_ptr<MappedFile> file_;
+    std::int64_t size_;          // shrinks with the file
+    std::int64_t released_ = 0;  // pages before it were let go
+};
+
+/// A pipe or a compressed file, through one buffer, or into a temporary file when all bytes are to be kept.
+class StreamedInput final : public CaptureInput {
+public:
+    StreamedInput(Descriptor descriptor, std::unique_ptr<SpoolFile> spool)
+        : descriptor_(std::move(descriptor)), packed_(static_cast<std::size_t>(streamedPiece)), spool_(std::move(spool))
+    {}
+
+    /// Reads the beginning and finds out whether it is compressed.
+    void begin()
+    {
+        while (packedEnd_ < Decompressor::recognisedFrom && readPacked()) {}
+        decompressor_ = Decompressor::recognise(DataView(packed_.data(), packedEnd_));
+    }
+
+    DataView bytes(std::int64_t offset, std::int64_t count) const override
+    {
+        return spool_ ? spool_->bytes().sub(offset, count) : DataView();
+    }
+    std::int64_t size() const override { return position() + available(); }
+    std::int64_t storedBytesRead() const override { return storedBytesRead_; }
+
+protected:
+    bool fill(std::int64_t count) override
+    {
+        while (end_ - at_ < count) {
+            std::span<std::uint8_t> room = makeRoom(count);
+            if (room.empty()) return false;
+            const std::int64_t written = decompressor_ ? unpack(room) : take(room);
+            if (written == 0) return false;
+            if (spool_) spool_->commit(written);
+            end_ += written;
+        }
+        return true;
+    }
+
+private:
+    /// Room behind `end_`, with what is there from `at_` on in one place with it. Empty when there is none to be had.
+    std::span<std::uint8_t> makeRoom(std::int64_t count)
+    {
+        if (spool_) {
+            auto room = spool_->room(streamedPiece);
+            if (!room) {
+                failure_ = room.error();
+                return {};
+            }
+            if (!start_) start_ = at_ = end_ = room->data();
+            if (const std::int64_t kept = position() - mappedWindow; kept - released_ > mappedWindow) {
+                spool_->release(released_, kept - released_);
+                released_ = kept;
+            }
+            return *room;
+        }
+        const std::int64_t held = end_ - at_;
+        // Grows by what has arrived, not by what was announced.
+        const std::int64_t needed = std::max(streamedPiece, std::min(count, 2 * held + streamedPiece));
+        const std::int64_t consumed = at_ - start_;
+        if (static_cast<std::int64_t>(buffer_.size()) < needed) {
+            std::vector<std::uint8_t> larger(static_cast<std::size_t>(needed));
+            std::copy(at_, end_, larger.begin());
+            buffer_ = std::move(larger);
+        } else {
+            std::memmove(buffer_.data(), at_, static_cast<std::size_t>(held));
+        }
+        startPosition_ += consumed;
+        start_ = at_ = buffer_.data();
+        end_ = start_ + held;
+        return std::span(buffer_).subspan(static_cast<std::size_t>(held));
+    }
+
+    bool readPacked()
+    {
+        const std::int64_t count = readSome(descriptor_.number(), std::span(packed_).subspan(static_cast<std::size_t>(packedEnd_)));
+        if (count < 0) failure_ = systemReason(errno);
+        if (count <= 0)
+            isAtEnd_ = true;
+        else
+            packedEnd_ += count, storedBytesRead_ += count;
+        return count > 0;
+    }
+
+    /// Plain bytes: those of the beginning first, then straight from the descriptor.
+    std::int64_t take(std::span<std::uint8_t> room)
+    {
+        if (packedAt_ < packedEnd_) {
+            const auto count = std::min(packedEnd_ - packedAt_, static_cast<std::int64_t>(room.size()));
+            std::copy_n(packed_.begin() + packedAt_, count, room.begin());
+            packedAt_ += count;
+            return count;
+        }
+        if (isAtEnd_) return 0;
+        const std::int64_t count =
+            readSome(descriptor_.number(), room.first(std::min(room.size(), static_cast<std::size_t>(streamedPiece))));
+        if (count < 0) failure_ = systemReason(errno);
+        if (count <= 0)
+            isAtEnd_ = true;
+        else
+            storedBytesRead_ += count;
+        return std::max<std::int64_t>(count, 0);
+    }
+
+    std::int64_t unpack(std::span<std::uint8_t> room)
+    {
+        std::span<std::uint8_t> output = room;
+        while (output.size() == room.size() && failure_.empty()) {
+            if (packedAt_ == packedEnd_ && !isAtEnd_) {
+                packedAt_ = packedEnd_ = 0;
+                readPacked();
+            }
+            const bool hadInput = packedAt_ < packedEnd_;
+            std::span<const std::uint8_t> input(packed_.data() + packedAt_, static_cast<std::size_t>(packedEnd_ - packedAt_));
+            const std::string reason = decompressor_->step(input, output);
+            packedAt_ = packedEnd_ - static_cast<std::int64_t>(input.size());
+            const std::int64_t place = storedBytesRead_ - (packedEnd_ - packedAt_);
+            if (!reason.empty()) {
+                failure_ = fmt::format("{} data damaged near byte {} of the file ({})", decompressor_->name(), place, reason);
+            } else if (!hadInput && output.size() == room.size()) {
+                if (failure_.empty() && !decompressor_->mayEnd())
+                    failure_ = fmt::format("{} data ends too early, after {} bytes", decompressor_->name(), place);
+                break;
+            }
+        }
+        return static_cast<std::int64_t>(room.size() - output.size());
+    }
+
+    Descriptor descriptor_;
+    std::vector<std::uint8_t> packed_;  // bytes as stored
+    std::int64_t packedAt_ = 0;
+    std::int64_t packedEnd_ = 0;
+    std::atomic<std::int64_t> storedBytesRead_{0};
+    bool isAtEnd_ = false;
+    std::unique_ptr<Decompressor> decompressor_;
+    std::vector<std::uint8_t> buffer_;
+    std::unique_ptr<SpoolFile> spool_;
+    std::int64_t released_ = 0;
+};
+
+}  // namespace
+
+std::expected<std::unique_ptr<CaptureInput>, std::string> CaptureInput::open(const std::string& name, bool keepAll)
+{
+    const bool isStandardInput = name == "-";
+    Descriptor descriptor(isStandardInput ? STDIN_FILENO : ::open(name.c_str(), O_RDONLY | O_CLOEXEC), !isStandardInput);
+    struct stat status;
+    if (descriptor.number() < 0 || fstat(descriptor.number(), &status) != 0) return std::unexpected(systemReason(errno));
+    if (S_ISDIR(status.st_mode)) return std::unexpected("is a directory");
+
+    if (S_ISREG(status.st_mode) && status.st_size > 0 && lseek(descriptor.number(), 0, SEEK_CUR) == 0) {
+        std::uint8_t head[Decompressor::recognisedFrom];
+        const ssize_t count = pread(descriptor.number(), head, sizeof head, 0);
+        if (count < 0) return std::unexpected(systemReason(errno));
+        if (!Decompressor::recognise(DataView(head, count))) {
+            // A file system without mapping still reads.
+            if (auto file = MappedFile::map(descriptor.number(), status.st_size))
+                return std::make_unique<MappedInput>(std::move(descriptor), std::move(*file));
+        }
+    }
+    std::unique_ptr<SpoolFile> spool;
+    if (keepAll) {
+        auto made = SpoolFile::create();
+        if (!made) return std::unexpected(made.error());
+        spool = std::move(*made);
+    }
+    auto input = std::make_unique<StreamedInput>(std::move(descriptor), std::move(spool));
+    input->begin();
+    if (!input->failure().empty()) return std::unexpected(input->failure());
+    if (input->storedBytesRead() == 0) return std::unexpected("is empty");
+    return input;
+}
+
+bool CaptureInput::skip(std::int64_t count)
+{
+    while (count > available()) {
+        count -= available();
+        consume(available());
+        if (!require(1)) return false;
+    }
+    consume(count);
+    return true;
+}
+
+std::int64_t storedSize(const std::string& name)
+{
+    struct stat status;
+    const int result = name == "-" ? fstat(STDIN_FILENO, &status) : stat(name.c_str(), &status);
+    return result == 0 && S_ISREG(status.st_mode) ? status.st_size : -1;
+}
+
+}  // namespace sealscope

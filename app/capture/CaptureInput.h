@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "platform/Data.h"
+
+#include <atomic>
+#include <expected>
+#include <memory>
+#include <string>
+
+namespace sealscope {
+
+/// The bytes of one capture file from front to back, uncompressed: mapped where the file allows it, else read piece by piece.
+/// One thread reads forward; `bytes` may be called from any thread.
+class CaptureInput {
+public:
+    /// Opens a file ("-" is standard input). With `keepAll` every byte stays reachable through `bytes`; what cannot be mapped
+    /// is then spooled to a temporary file. Fails with a reason that does not repeat the name.
+    static std::expected<std::unique_ptr<CaptureInput>, std::string> open(const std::string& name, bool keepAll);
+    virtual ~CaptureInput() = default;
+
+    /// True when `count` bytes lie in one place at `data()`. False where the bytes end, or cannot be had: see `failure()`.
+    bool require(std::int64_t count) { return end_ - at_ >= count || fill(count); }
+    /// The bytes that `require` made sure of; lent until the next call of `require` or `skip`.
+    const std::uint8_t* data() const { return at_; }
+    /// Bytes that lie at `data()` already; after `require` has failed, all that are left.
+    std::int64_t available() const { return end_ - at_; }
+    /// Goes on behind `count` bytes that `require` made sure of.
+    void consume(std::int64_t count) { at_ += count; }
+    /// Goes on behind `count` bytes without having them in one place; false when there are fewer.
+    bool skip(std::int64_t count);
+    /// Offset of `data()` in the uncompressed file.
+    std::int64_t position() const { return startPosition_ + (at_ - start_); }
+
+    /// Why the bytes ended before the end of the file; empty when they did not.
+    const std::string& failure() const { return failure_; }
+    /// Finds out whether bytes that looked fine were there at all; false when not, with the reason in `failure()`.
+    virtual bool verify() { return true; }
+    /// True when `verify` has something to find.
+    virtual bool isSuspicious() const { return false; }
+
+    /// Ends the reading forward and lets go of what only that needs.
+    virtual void finish() {}
+
+    /// `count` bytes at an offset in the uncompressed file, cut to what was read. Needs `keepAll`.
+    virtual DataView bytes(std::int64_t offset, std::int64_t count) const = 0;
+    /// Offset behind the last byte that `bytes` can give.
+    virtual std::int64_t size() const = 0;
+    /// Bytes of the file, as stored, that were read.
+    virtual std::int64_t storedBytesRead() const = 0;
+    /// True when the rest of the file can be walked without waiting for somebody to write it.
+    virtual bool isMapped() const { return false; }
+
+protected:
+    /// Tries to have `count` bytes at `at_`.
+    virtual bool fill(std::int64_t count) = 0;
+
+    const std::uint8_t* start_ = nullptr;  ///< byte `startPosition_` of the file
+    const std::uint8_t* at_ = nullptr;
+    const std::uint8_t* end_ = nullptr;
+    std::int64_t startPosition_ = 0;
+    std::string failure_;
+};
+
+/// Size of a regular file in bytes, as stored; negative for anything else, or nothing.
+std::int64_t storedSize(const std::string& name);
+
+}  // namespace sealscope

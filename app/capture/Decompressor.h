@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "platform/Data.h"
+
+#include <memory>
+#include <span>
+#include <string>
+
+namespace sealscope {
+
+/// Unpacks a compressed stream piece by piece. Streams of one kind laid end to end (gzip members, frames) count as one.
+class Decompressor {
+public:
+    /// Bytes of a file's beginning that tell whether and how it is compressed.
+    static constexpr std::int64_t recognisedFrom = 64;
+    /// The one for a file that begins with `head`; null when the file is not compressed in a known way.
+    static std::unique_ptr<Decompressor> recognise(DataView head);
+    virtual ~Decompressor() = default;
+
+    /// "gzip", "zstd" or "lz4".
+    virtual const char* name() const = 0;
+    /// Unpacks from the front of `input` to the front of `output` and shortens both by what was used; stops when either is
+    /// used up. Without input it gives what it still holds. Returns the reason when the input is damaged, else nothing.
+    virtual std::string step(std::span<const std::uint8_t>& input, std::span<std::uint8_t>& output) = 0;
+    /// True where the compressed stream may end: between members, not inside of one.
+    virtual bool mayEnd() const = 0;
+};
+
+}  // namespace sealscope

@@ -1,0 +1,87 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "app/capture/CapturedPacket.h"
+
+#include <array>
+#include <compare>
+#include <cstdint>
+#include <list>
+#include <optional>
+#include <unordered_map>
+#include <vector>
+
+namespace sealscope {
+
+/// What the fragments of one datagram have in common (RFC 791 §3.2, RFC 8200 §4.5).
+struct DatagramKey {
+    std::array<std::uint8_t, 16> source{};
+    std::array<std::uint8_t, 16> destination{};
+    std::uint32_t identification = 0;
+    std::uint8_t protocol = 0;  ///< of IPv4; IPv6 tells datagrams apart without it
+    bool isIPv6 = false;
+    bool operator==(const DatagramKey&) const = default;
+};
+
+/// One fragment's part of the datagram's payload.
+struct Fragment {
+    DataView bytes;           ///< as captured
+    std::int64_t length = 0;  ///< on the wire
+    std::int64_t offset = 0;  ///< a multiple of 8
+    bool isLast = false;
+    std::uint8_t protocol = 0;  ///< what the first fragment says the payload is
+};
+
+/// A datagram's payload put together.
+struct Datagram {
+    std::vector<std::uint8_t> bytes;  ///< up to the first byte that the snapshot length cut
+    std::int64_t length = 0;          ///< on the wire
+    std::uint8_t protocol = 0;
+};
+
+/// Puts datagrams together from fragments in any order. The first copy of a byte wins. What it waits for is bounded in number,
+/// bytes and time; beyond that the oldest is given up.
+class FragmentAssembler {
+public:
+    static constexpr std::size_t mostDatagrams = 4'096;
+    static constexpr std::int64_t mostBytes = 8 << 20;
+    static constexpr std::int64_t patience = 60;  ///< seconds (RFC 8200 §4.5; RFC 1122 §3.3.2 gives 60 to 120)
+
+    /// Takes a fragment that arrived at `seconds` since 1970; the datagram when it was the last one missing.
+    /// `countsWhenLost` says whether giving this datagram up is worth telling.
+    std::optional<Datagram> add(const DatagramKey& key, const Fragment& fragment, std::int64_t seconds, bool countsWhenLost);
+
+    /// Datagrams that were given up or still wait.
+    std::int64_t incompleteCount() const;
+
+private:
+    static constexpr std::int64_t unit = 8;  // offsets count these
+    static constexpr std::size_t words = 65'536 / unit / 64;
+
+    struct Pending {
+        DatagramKey key;
+        std::vector<std::uint8_t> bytes;
+        std::array<std::uint64_t, words> arrived{};  // a bit for each unit
+        std::int64_t unitsArrived = 0;
+        std::int64_t length = -1;  // unknown until the last fragment comes
+        std::int64_t cutAt = std::int64_t{1} << 32;
+        std::int64_t seconds = 0;
+        std::uint8_t protocol = 0;
+        bool countsWhenLost = false;
+    };
+    struct Hash {
+        std::size_t operator()(const DatagramKey& key) const;
+    };
+    using Position = std::list<Pending>::iterator;
+
+    void take(Pending& pending, const Fragment& fragment);
+    void giveUp(Position position);
+    void forget(Position position);
+
+    std::list<Pending> pending_;  // oldest first
+    std::unordered_map<DatagramKey, Position, Hash> known_;
+    std::int64_t bytesHeld_ = 0;
+    std::int64_t givenUp_ = 0;
+};
+
+}  // namespace sealscope

@@ -1,0 +1,87 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/capture/PcapReader.h"
+
+#include <fmt/format.h>
+#include <utility>
+
+namespace sealscope {
+namespace {
+
+constexpr std::int64_t fileHeaderLength = 24;
+constexpr std::uint32_t microseconds = 0xa1b2'c3d4, nanoseconds = 0xa1b2'3c4d;
+// Packet headers of 24 bytes: after the usual four fields interface (4), protocol (2), packet type (1), padding (1).
+constexpr std::uint32_t modified = 0xa1b2'cd34;
+
+}  // namespace
+
+std::optional<PcapReader> PcapReader::recognise(DataView head)
+{
+    if (!head.holds(0, 4)) return std::nullopt;
+    for (const ByteOrder order : {ByteOrder{false}, ByteOrder{true}}) {
+        const std::uint32_t magic = order.u32(head.data());
+        if (magic != microseconds && magic != nanoseconds && magic != modified) continue;
+        PcapReader reader;
+        reader.order_ = order;
+        if (magic == nanoseconds) reader.resolution_ = 1'000'000'000;
+        if (magic == modified) reader.packetHeaderLength_ = 24;
+        return reader;
+    }
+    return std::nullopt;
+}
+
+bool PcapReader::begin(CaptureInput& input)
+{
+    if (!input.require(fileHeaderLength))
+        return fail(input, fmt::format("the file ends after {} of the {} bytes of its header", input.available(), fileHeaderLength));
+    const std::uint8_t* const header = input.data();
+    const std::uint16_t major = order_.u16(header + 4), minor = order_.u16(header + 6);
+    if (major != 2) return fail(input, fmt::format("pcap version {}.{} is not known", major, minor));
+    // Before version 2.3 the two lengths stood in the other order, and some writers of 2.3 kept to that.
+    mayHaveLengthsSwapped_ = minor <= 3;
+    linkType_ = order_.u32(header + 20) & 0xffff;  // the upper bits tell about the frame check sequence
+    input.consume(fileHeaderLength);
+    return true;
+}
+
+bool PcapReader::next(CaptureInput& input, CapturedPacket& packet)
+{
+    if (!input.require(packetHeaderLength_)) [[unlikely]] {
+        if (input.available() == 0 && input.failure().empty()) return false;
+        return fail(input,
+                    fmt::format("the file ends after {} of the {} bytes of a packet's header", input.available(), packetHeaderLength_));
+    }
+    const std::uint8_t* header = input.data();
+    std::int64_t captured = order_.u32(header + 8);
+    std::int64_t original = order_.u32(header + 12);
+    if (mayHaveLengthsSwapped_ && captured > original) [[unlikely]]
+        std::swap(captured, original);
+    if (captured > longestPacket) [[unlikely]]
+        return fail(input, fmt::format("it announces {} captured bytes, more than a packet can have ({})", captured, longestPacket));
+    if (!input.require(packetHeaderLength_ + captured)) [[unlikely]]
+        return fail(input, fmt::format("the file ends after {} of its {} bytes", input.available() - packetHeaderLength_, captured));
+    // Zeros read like an empty packet, and zeros are what stands where a file lost its end.
+    if ((captured == 0 || input.isSuspicious()) && !input.verify()) [[unlikely]]
+        return fail(input, {});
+
+    header = input.data();
+    packet.time = {order_.u32(header), order_.u32(header + 4), resolution_};
+    if (packet.time.units >= resolution_) [[unlikely]] {
+        packet.time.seconds += static_cast<std::int64_t>(packet.time.units / resolution_);
+        packet.time.units %= resolution_;
+    }
+    packet.address = input.position() + packetHeaderLength_;
+    packet.frame = {header + packetHeaderLength_, captured};
+    packet.originalLength = std::max(captured, original);
+    packet.linkType = linkType_;
+    input.consume(packetHeaderLength_ + captured);
+    return true;
+}
+
+bool PcapReader::fail(CaptureInput& input, const std::string& reason)
+{
+    input.verify();
+    damage_ = !input.failure().empty() ? input.failure() : fmt::format("packet at byte {}: {}", input.position(), reason);
+    return false;
+}
+
+}  // namespace sealscope

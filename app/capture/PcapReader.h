@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "app/capture/ByteOrder.h"
+#include "app/capture/CaptureInput.h"
+#include "app/capture/CapturedPacket.h"
+
+#include <optional>
+#include <string>
+
+namespace sealscope {
+
+/// More captured bytes than any packet has. A packet that announces more is damage.
+inline constexpr std::int64_t longestPacket = 32 << 20;
+
+/// Reads a file in the classic pcap format (draft-ietf-opsawg-pcap), in either byte order: microseconds, nanoseconds, and the
+/// modified variant whose packet headers name an interface.
+class PcapReader {
+public:
+    /// A reader for a file that begins with `head` (4 bytes); nothing when that is another format.
+    static std::optional<PcapReader> recognise(DataView head);
+
+    /// Reads the file header. False with the reason in `damage()`.
+    bool begin(CaptureInput& input);
+    /// The next packet. False at the end, and at damage with its place and reason in `damage()`.
+    bool next(CaptureInput& input, CapturedPacket& packet);
+
+    const std::string& damage() const { return damage_; }
+    ByteOrder byteOrder() const { return order_; }
+
+private:
+    bool fail(CaptureInput& input, const std::string& reason);
+
+    ByteOrder order_;
+    std::int64_t packetHeaderLength_ = 16;
+    std::uint64_t resolution_ = 1'000'000;
+    std::uint32_t linkType_ = 0;
+    bool mayHaveLengthsSwapped_ = false;
+    std::string damage_;
+};
+
+}  // namespace sealscope

@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "platform/Data.h"
+
+#include <atomic>
+#include <expected>
+#include <memory>
+#include <span>
+#include <string>
+
+namespace sealscope {
+
+/// Bytes that grow at their end and never move: an unlinked temporary file in $TMPDIR (or /tmp), mapped. One thread writes;
+/// any thread reads what was committed.
+class SpoolFile {
+public:
+    /// Makes the file. Fails with a reason that names the directory.
+    static std::expected<std::unique_ptr<SpoolFile>, std::string> create();
+    ~SpoolFile();
+
+    /// At least `count` writable bytes behind the committed ones. Fails with a reason, such as a full disk.
+    std::expected<std::span<std::uint8_t>, std::string> room(std::int64_t count);
+    /// Counts the first `count` bytes of that room as written.
+    void commit(std::int64_t count) { size_.fetch_add(count, std::memory_order_release); }
+
+    DataView bytes() const { return {base_, size_.load(std::memory_order_acquire)}; }
+    /// Takes whole pages of the range out of this process; they stay in the file and come back when touched.
+    void release(std::int64_t offset, std::int64_t count) const;
+
+    SpoolFile(const SpoolFile&) = delete;
+    SpoolFile& operator=(const SpoolFile&) = delete;
+
+private:
+    SpoolFile(int descriptor, std::string directory, std::uint8_t* base, std::int64_t reserved)
+        : descriptor_(descriptor), directory_(std::move(directory)), base_(base), reserved_(reserved)
+    {}
+
+    int descriptor_;
+    std::string directory_;
+    std::uint8_t* base_;
+    std::int64_t reserved_;  ///< address space set aside, so that growing never moves a byte
+    std::int64_t mapped_ = 0;
+    std::atomic<std::int64_t> size_{0};
+};
+
+}  // namespace sealscope
