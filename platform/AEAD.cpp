@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/AEAD.h"
+
+#include <climits>
+#include <openssl/core_names.h>
+#include <openssl/evp.h>
+#include <openssl/params.h>
+
+namespace sealscope {
+
+namespace {
+
+/// Looked up by name once: fetching costs more than opening a short message.
+const EVP_CIPHER* cipherFor(AEADAlgorithm algorithm, std::int64_t keySize)
+{
+    static const EVP_CIPHER* const aes128 = EVP_CIPHER_fetch(nullptr, "AES-128-GCM", nullptr);
+    static const EVP_CIPHER* const aes192 = EVP_CIPHER_fetch(nullptr, "AES-192-GCM", nullptr);
+    static const EVP_CIPHER* const aes256 = EVP_CIPHER_fetch(nullptr, "AES-256-GCM", nullptr);
+    static const EVP_CIPHER* const chaCha20 = EVP_CIPHER_fetch(nullptr, "ChaCha20-Poly1305", nullptr);
+    if (algorithm == AEADAlgorithm::chaCha20Poly1305) return keySize == 32 ? chaCha20 : nullptr;
+    switch (keySize) {
+    case 16: return aes128;
+    case 24: return aes192;
+    case 32: return aes256;
+    default: return nullptr;
+    }
+}
+
+}  // namespace
+
+void AEADOpener::Free::operator()(evp_cipher_ctx_st* context) const { EVP_CIPHER_CTX_free(context); }
+
+AEADOpener::AEADOpener(AEADAlgorithm algorithm, DataView key) : algorithm_(algorithm)
+{
+    const EVP_CIPHER* const cipher = cipherFor(algorithm, key.size());
+    if (!cipher) return;
+    context_.reset(EVP_CIPHER_CTX_new());
+    if (context_ && EVP_DecryptInit_ex2(context_.get(), cipher, key.data(), nullptr, nullptr) != 1) context_.reset();
+}
+
+bool AEADOpener::begin(DataView nonce, DataView tag)
+{
+    if (!context_ || tag.size() != tagSize || nonce.size() < 12 || nonce.size() > INT_MAX) return false;
+    if (nonce.size() != nonceSize_) {
+        if (algorithm_ == AEADAlgorithm::chaCha20Poly1305) return false;
+        const int size = static_cast<int>(nonce.size());
+        if (EVP_CIPHER_CTX_ctrl(context_.get(), EVP_CTRL_AEAD_SET_IVLEN, size, nullptr) != 1) return false;
+        nonceSize_ = nonce.size();
+    }
+    const OSSL_PARAM parameters[] = {
+        OSSL_PARAM_construct_octet_string(OSSL_CIPHER_PARAM_AEAD_TAG, const_cast<std::uint8_t*>(tag.data()), tagSize),
+        OSSL_PARAM_construct_end()};
+    return EVP_DecryptInit_ex2(context_.get(), nullptr, nullptr, nonce.data(), parameters) == 1;
+}
+
+bool AEADOpener::open(DataView nonce, DataView additionalData, DataView ciphertext, DataView tag, std::uint8_t* plaintext)
+{
+    if (ciphertext.size() > INT_MAX || additionalData.size() > INT_MAX || !begin(nonce, tag)) return false;
+    EVP_CIPHER_CTX* const context = context_.get();
+    // A call for no bytes would mean something else to the library than no bytes.
+    int written = 0;
+    if (!additionalData.isEmpty() &&
+        EVP_DecryptUpdate(context, nullptr, &written, additionalData.data(), static_cast<int>(additionalData.size())) != 1)
+        return false;
+    if (!ciphertext.isEmpty() &&
+        EVP_DecryptUpdate(context, plaintext, &written, ciphertext.data(), static_cast<int>(ciphertext.size())) != 1)
+        return false;
+    std::uint8_t rest[EVP_MAX_BLOCK_LENGTH];
+    return EVP_DecryptFinal_ex(context, rest, &written) == 1;
+}
+
+}  // namespace sealscope
