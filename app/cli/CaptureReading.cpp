@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/cli/CaptureReading.h"
+
+#include "app/cli/Messages.h"
+
+#include <fmt/format.h>
+
+namespace sealscope::cli {
+
+namespace {
+
+std::string_view plural(std::int64_t count) { return count == 1 ? "" : "s"; }
+
+}  // namespace
+
+ExitStatus complainAbout(const CaptureError& error)
+{
+    const bool isOfFilter = error.file.empty();
+    complain(isOfFilter ? "--filter: " + error.text() : error.text());
+    return isOfFilter ? wrongCommandLine : failed;
+}
+
+std::unique_ptr<Capture> openCapture(const CommandContext& context, ExitStatus& status)
+{
+    auto capture = Capture::open(context.options.arguments, {.filter = context.options.filter, .maximumPackets = context.options.count});
+    if (capture) return std::move(*capture);
+    status = complainAbout(capture.error());
+    return nullptr;
+}
+
+ExitStatus complainAboutDamage(const std::vector<CaptureError>& errors, const DecoderNotes& notes, std::int64_t packets,
+                               bool wasInterrupted)
+{
+    ExitStatus status = done;
+    for (const CaptureError& error : errors) status = complainAbout(error);
+
+    std::int64_t unreadable = 0;
+    for (const auto& [linkType, count] : notes.unknownLinkTypes) unreadable += count;
+    // A capture of which nothing could be read is no success; one with some packets of another kind is.
+    const bool nothingWasReadable = unreadable > 0 && unreadable == packets;
+    for (const auto& [linkType, count] : notes.unknownLinkTypes) {
+        const std::string sentence =
+            fmt::format("link type {} is not known; {} packet{} of it could not be read", linkType, count, plural(count));
+        if (nothingWasReadable)
+            complain(sentence);
+        else
+            remark(sentence);
+    }
+    if (nothingWasReadable) status = failed;
+    if (notes.damagedPackets > 0)
+        remark(fmt::format("{} packet{} with damaged headers could not be read", notes.damagedPackets, plural(notes.damagedPackets)));
+    if (notes.incompleteDatagrams > 0)
+        remark(fmt::format("{} datagram{} could not be put together: fragments are missing", notes.incompleteDatagrams,
+                           plural(notes.incompleteDatagrams)));
+    if (wasInterrupted) {
+        remark("interrupted; what was read until then is printed");
+        status = failed;
+    }
+    return status;
+}
+
+}  // namespace sealscope::cli

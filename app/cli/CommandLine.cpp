@@ -1,0 +1,269 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/cli/CommandLine.h"
+
+#include "app/cli/Command.h"
+
+#include <algorithm>
+#include <charconv>
+#include <fmt/format.h>
+#include <getopt.h>
+#include <numeric>
+#include <unistd.h>
+
+namespace sealscope::cli {
+
+namespace {
+
+constexpr OptionSpec specs[] = {
+    {Option::keylog, 'k', "keylog", "FILE", "take secrets from FILE instead of the key log of the settings; may be given again"},
+    {Option::json, 0, "json", "", "print one JSON object a line"},
+    {Option::filter, 'f', "filter", "EXPR", "only packets that a capture filter passes, as in \"tcp port 443\""},
+    {Option::count, 'n', "count", "N", "stop after N packets"},
+    {Option::packet, 0, "packet", "N", "only packet N, counted from 1"},
+    {Option::hex, 0, "hex", "", "show the bytes of each field"},
+    {Option::stream, 0, "stream", "I", "only stream I, counted from 0; may be given again"},
+    {Option::noInterpreters, 0, "no-interpreters", "", "show decrypted bytes as they are, to no further interpreter"},
+    {Option::output, 'o', "output", "DIR", "write the plaintext of each direction to a file in DIR"},
+    {Option::pcap, 0, "pcap", "OUT", "write the plaintext as a capture without TLS"},
+    {Option::injectSecrets, 0, "inject-secrets", "OUT", "write the capture again, as pcapng with its secrets inside"},
+    {Option::stripSecrets, 0, "strip-secrets", "OUT", "write the capture again, as pcapng without any secrets, for sharing"},
+    {Option::force, 0, "force", "", "replace files that exist"},
+    {Option::interface, 'i', "interface", "NAME", "capture from this network interface"},
+    {Option::write, 'w', "write", "FILE", "keep the captured packets in FILE"},
+    {Option::plugInPath, 0, "plugin-path", "DIR", "look for plug-ins in DIR first; may be given again"},
+    {Option::color, 0, "color", "WHEN", "colours: auto (the default), always or never"},
+    {Option::quiet, 'q', "quiet", "", "no progress and no remarks on standard error, only errors"},
+    {Option::version, 0, "version", "", "print the version"},
+    {Option::help, 'h', "help", "", "print this help"},
+};
+
+const OptionSpec& specOf(Option option) { return *std::ranges::find(specs, option, &OptionSpec::option); }
+
+// getopt_long hands back the option that it met as a number: `firstOption` and up, so that it is never mistaken for a letter.
+constexpr int firstOption = 1'000;
+
+/// How many letters to insert, leave out, change or swap with a neighbour make one word from the other.
+std::size_t editDistance(std::string_view a, std::string_view b)
+{
+    std::vector<std::size_t> beforePrevious(b.size() + 1), previous(b.size() + 1), current(b.size() + 1);
+    std::iota(previous.begin(), previous.end(), std::size_t{0});
+    for (std::size_t i = 1; i <= a.size(); ++i) {
+        current[0] = i;
+        for (std::size_t j = 1; j <= b.size(); ++j) {
+            current[j] = std::min({previous[j] + 1, current[j - 1] + 1, previous[j - 1] + (a[i - 1] != b[j - 1])});
+            const bool isSwap = i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1];
+            if (isSwap) current[j] = std::min(current[j], beforePrevious[j - 2] + 1);
+        }
+        std::swap(beforePrevious, previous);
+        std::swap(previous, current);
+    }
+    return previous[b.size()];
+}
+
+std::string helpHint(const Command* command)
+{
+    return command ? fmt::format("'sealscope {} --help' lists the options", command->name) : "'sealscope --help' lists the options";
+}
+
+bool knows(const Command& command, Option option) { return (command.options | commonOptions).contains(option); }
+
+std::optional<std::int64_t> wholeNumber(std::string_view text, std::int64_t least)
+{
+    std::int64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc{} || end != text.data() + text.size() || number < least) return std::nullopt;
+    return number;
+}
+
+/// Enters an option into the record; gives what is wrong with its argument, or nothing.
+std::string enter(Options& options, const OptionSpec& spec, std::string_view argument)
+{
+    const auto refuse = [&](std::string_view wanted) { return fmt::format("--{} {}: {}", spec.name, argument, wanted); };
+    if (!spec.argument.empty() && argument.empty()) return fmt::format("--{}: the {} is empty", spec.name, spec.argument);
+    const auto number = [&](std::int64_t least) { return wholeNumber(argument, least); };
+    switch (spec.option) {
+    case Option::keylog: options.keylogs.emplace_back(argument); break;
+    case Option::json: options.json = true; break;
+    case Option::filter: options.filter = argument; break;
+    case Option::count:
+        if (const auto count = number(1))
+            options.count = *count;
+        else
+            return refuse("is no number of packets from 1 on");
+        break;
+    case Option::packet:
+        if (!(options.packet = number(1))) return refuse("is no packet number; packets are numbered from 1");
+        break;
+    case Option::hex: options.hex = true; break;
+    case Option::stream:
+        if (const auto stream = number(0))
+            options.streams.push_back(*stream);
+        else
+            return refuse("is no stream number; streams are numbered from 0");
+        break;
+    case Option::noInterpreters: options.noInterpreters = true; break;
+    case Option::output: options.output = argument; break;
+    case Option::pcap: options.pcap = argument; break;
+    case Option::injectSecrets: options.injectSecrets = argument; break;
+    case Option::stripSecrets: options.stripSecrets = argument; break;
+    case Option::force: options.force = true; break;
+    case Option::interface: options.interface = argument; break;
+    case Option::write: options.write = argument; break;
+    case Option::plugInPath: options.plugInPaths.emplace_back(argument); break;
+    case Option::color:
+        if (argument == "auto")
+            options.color = ColorChoice::automatic;
+        else if (argument == "always")
+            options.color = ColorChoice::always;
+        else if (argument == "never")
+            options.color = ColorChoice::never;
+        else
+            return refuse("is none of auto, always and never");
+        break;
+    case Option::quiet: options.quiet = true; break;
+    case Option::version: options.version = true; break;
+    case Option::help: options.help = true; break;
+    }
+    return {};
+}
+
+/// The options as getopt wants them.
+struct GetoptTables {
+    std::string letters = "-:";  // words in between come one by one; a missing argument is told apart from an unknown option
+    std::vector<::option> names;
+
+    GetoptTables()
+    {
+        for (const OptionSpec& spec : specs) {
+            const bool takesArgument = !spec.argument.empty();
+            if (spec.letter != 0) letters += spec.letter;
+            if (spec.letter != 0 && takesArgument) letters += ':';
+            names.push_back(
+                {spec.name.data(), takesArgument ? required_argument : no_argument, nullptr, firstOption + static_cast<int>(spec.option)});
+        }
+        names.push_back({});
+    }
+};
+
+std::string unknownOption(std::string_view word, const Command* command)
+{
+    const std::string_view name = word.substr(0, word.find('='));
+    std::vector<std::string> spellings;
+    for (const OptionSpec& spec : specs)
+        if (!command || knows(*command, spec.option)) spellings.push_back(fmt::format("--{}", spec.name));
+    const std::vector<std::string_view> candidates(spellings.begin(), spellings.end());
+    const std::string_view near = name.starts_with("--") ? nearestMatch(name, candidates) : std::string_view{};
+    return near.empty() ? fmt::format("unknown option '{}'; {}", name, helpHint(command))
+                        : fmt::format("unknown option '{}'; did you mean '{}'?", name, near);
+}
+
+/// The command that the first word names, when it is one. A word that is neither command nor file, and is much like a
+/// command, is taken for a mistyped one.
+std::expected<const Command*, std::string> commandFor(std::string_view word)
+{
+    if (const Command* command = commandNamed(word)) return command;
+    if (word == "-" || access(std::string(word).c_str(), F_OK) == 0) return nullptr;
+    std::vector<std::string_view> names{"help"};
+    for (const Command* command : commands()) names.push_back(command->name);
+    const std::string_view near = nearestMatch(word, names);
+    if (near.empty()) return nullptr;
+    return std::unexpected(fmt::format("'{}' is neither a command nor a file; did you mean '{}'?", word, near));
+}
+
+}  // namespace
+
+std::span<const OptionSpec> optionSpecs() { return specs; }
+
+std::string_view nearestMatch(std::string_view word, std::span<const std::string_view> candidates)
+{
+    std::string_view nearest;
+    std::size_t least = word.size() / 3 + 1;  // further away it would be a guess
+    for (const std::string_view candidate : candidates) {
+        // A word that was cut short is near too, when enough of it is there.
+        const bool isStart = word.size() >= 3 && candidate.starts_with(word);
+        const std::size_t distance = isStart ? 1 : editDistance(word, candidate);
+        if (distance < least || (distance == least && nearest.empty() && distance <= 2)) {
+            nearest = candidate;
+            least = distance;
+        }
+    }
+    return nearest;
+}
+
+std::expected<Options, std::string> parseCommandLine(int argumentCount, char** arguments)
+{
+    Options options;
+    std::vector<Option> met;
+    std::string problem;  // the first; what stands behind it may still be `--help`
+    const auto note = [&](std::string text) {
+        if (problem.empty()) problem = std::move(text);
+    };
+
+    const GetoptTables tables;
+    bool isNamed = false;
+    opterr = 0;
+    optind = 0;
+    for (int found = 0; (found = getopt_long(argumentCount, arguments, tables.letters.c_str(), tables.names.data(), nullptr)) != -1;) {
+        if (found == 1) {  // a word
+            const std::string_view word = optarg;
+            if (!isNamed && options.arguments.empty() && !options.command) {
+                if (word == "help") {
+                    options.help = isNamed = true;
+                    continue;
+                }
+                const auto command = commandFor(word);
+                if (!command)
+                    note(command.error());
+                else
+                    options.command = *command;
+                if (!command || options.command) continue;
+            } else if (isNamed && !options.command) {
+                options.command = commandNamed(word);
+                continue;
+            }
+            options.arguments.emplace_back(word);
+            continue;
+        }
+        const std::string_view spelling = optind > 0 ? arguments[optind - 1] : "";
+        if (found == ':') {
+            note(fmt::format("{} wants an argument; {}", spelling, helpHint(options.command)));
+        } else if (found == '?') {
+            if (optopt >= firstOption)
+                note(fmt::format("--{} takes no argument", specOf(static_cast<Option>(optopt - firstOption)).name));
+            else
+                note(unknownOption(optopt != 0 ? fmt::format("-{}", static_cast<char>(optopt)) : std::string(spelling), options.command));
+        } else {
+            const auto spec = std::ranges::find_if(specs, [&](const OptionSpec& candidate) {
+                return found == candidate.letter || found == firstOption + static_cast<int>(candidate.option);
+            });
+            met.push_back(spec->option);
+            note(enter(options, *spec, optarg ? optarg : ""));
+        }
+    }
+    for (int rest = optind; rest < argumentCount; ++rest) options.arguments.emplace_back(arguments[rest]);
+
+    if (options.help || options.version) return options;
+    if (!problem.empty()) return std::unexpected(problem);
+    if (!options.command) {
+        if (options.arguments.empty()) return std::unexpected("no capture file and no command is named; 'sealscope --help' shows how");
+        options.command = commandNamed("follow");
+    }
+    const Command& command = *options.command;
+    for (const Option option : met) {
+        if (knows(command, option)) continue;
+        std::vector<std::string_view> others;
+        for (const Command* other : commands())
+            if (knows(*other, option)) others.push_back(other->name);
+        return std::unexpected(
+            fmt::format("'{}' does not know --{}; it belongs to {}", command.name, specOf(option).name, fmt::join(others, ", ")));
+    }
+    const auto count = std::ssize(options.arguments);
+    if (count < command.fewestArguments)
+        return std::unexpected(fmt::format("'{0}' wants {1}; 'sealscope {0} --help' shows how", command.name, command.arguments));
+    if (command.mostArguments >= 0 && count > command.mostArguments)
+        return std::unexpected(fmt::format("'{0}' does not know what to do with '{1}'; 'sealscope {0} --help' shows how", command.name,
+                                           options.arguments[static_cast<std::size_t>(command.mostArguments)]));
+    return options;
+}
+
+}  // namespace sealscope::cli

@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "app/cli/Terminal.h"
+
+#include <cstdint>
+#include <expected>
+#include <initializer_list>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace sealscope::cli {
+
+struct Command;
+
+/// Every option of every command; `optionSpecs()` describes them.
+enum class Option : std::uint8_t {
+    keylog,
+    json,
+    filter,
+    count,
+    packet,
+    hex,
+    stream,
+    noInterpreters,
+    output,
+    pcap,
+    injectSecrets,
+    stripSecrets,
+    force,
+    interface,
+    write,
+    plugInPath,
+    color,
+    quiet,
+    version,
+    help
+};
+
+/// A set of options, such as those that a command knows.
+class OptionSet {
+public:
+    constexpr OptionSet(std::initializer_list<Option> options)
+    {
+        for (const Option option : options) bits_ |= bit(option);
+    }
+    constexpr bool contains(Option option) const { return (bits_ & bit(option)) != 0; }
+    constexpr OptionSet operator|(OptionSet other) const
+    {
+        other.bits_ |= bits_;
+        return other;
+    }
+
+private:
+    static constexpr std::uint32_t bit(Option option) { return std::uint32_t{1} << static_cast<unsigned>(option); }
+    std::uint32_t bits_ = 0;
+};
+
+/// How an option is written, and what it does.
+struct OptionSpec {
+    Option option;
+    char letter;                ///< 0 for none
+    std::string_view name;      ///< without the dashes
+    std::string_view argument;  ///< what its argument is called in the help; empty for an option without one
+    std::string_view help;
+};
+std::span<const OptionSpec> optionSpecs();
+
+/// A command line, read.
+struct Options {
+    const Command* command = nullptr;
+    bool isFollowByDefault = false;      ///< the command was not named
+    std::vector<std::string> arguments;  ///< files, or the words of `settings`
+    std::vector<std::string> keylogs;
+    bool json = false;
+    std::string filter;
+    std::int64_t count = -1;  ///< negative for no limit
+    std::optional<std::int64_t> packet;
+    bool hex = false;
+    std::vector<std::int64_t> streams;  ///< empty for all
+    bool noInterpreters = false;
+    std::string output;
+    std::string pcap;
+    std::string injectSecrets;
+    std::string stripSecrets;
+    bool force = false;
+    std::string interface;
+    std::string write;
+    std::vector<std::string> plugInPaths;
+    ColorChoice color = ColorChoice::automatic;
+    bool quiet = false;
+    bool version = false;
+    bool help = false;
+};
+
+/// Reads a command line; what is wrong with it comes back as a sentence that names the word and, where there is one, the
+/// nearest right one.
+std::expected<Options, std::string> parseCommandLine(int argumentCount, char** arguments);
+
+/// The candidate that a mistyped word was most likely meant to be; empty when none is near.
+std::string_view nearestMatch(std::string_view word, std::span<const std::string_view> candidates);
+
+}  // namespace sealscope::cli

@@ -1,0 +1,20 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/cli/Commands.h"
+
+#include <algorithm>
+
+namespace sealscope::cli {
+
+std::span<const Command* const> commands()
+{
+    static constexpr const Command* all[] = {&packetsCommand, &treeCommand};
+    return all;
+}
+
+const Command* commandNamed(std::string_view name)
+{
+    const auto found = std::ranges::find(commands(), name, &Command::name);
+    return found == commands().end() ? nullptr : *found;
+}
+
+}  // namespace sealscope::cli

@@ -1,0 +1,12 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+namespace sealscope::cli {
+
+/// From here on the first Ctrl-C (or SIGTERM, SIGHUP) only asks the work to end, so that what was found is kept; the second ends
+/// the program. `onInterrupt` is called in the signal handler and must be safe there.
+void catchInterrupts(void (*onInterrupt)() = nullptr);
+/// Whether the user has asked since then.
+bool isInterrupted();
+
+}  // namespace sealscope::cli

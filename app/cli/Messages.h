@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <string_view>
+
+namespace sealscope::cli {
+
+/// Writes "sealscope: SENTENCE" on standard error, as one line that a terminal obeys nothing in.
+void complain(std::string_view sentence);
+
+/// Whether `remark` says anything; `--quiet` turns it off.
+void setRemarks(bool wanted);
+/// As `complain`, for what the user may want to know and can do without.
+void remark(std::string_view sentence);
+
+}  // namespace sealscope::cli

@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/cli/Command.h"
+#include "app/cli/Help.h"
+#include "app/cli/Messages.h"
+#include "app/plugins/PlugInLoader.h"
+
+#include <csignal>
+#include <cstring>
+#include <exception>
+#include <fmt/format.h>
+#include <new>
+#include <unistd.h>
+
+namespace sealscope::cli {
+
+namespace {
+
+/// Ends what was printed: a disk that was full is told, a reader that went away is not.
+ExitStatus finish(Output& output, ExitStatus status)
+{
+    output.flush();
+    if (output.error() == 0) return output.isOpen() ? status : done;
+    complain(fmt::format("standard output: {}", std::strerror(output.error())));
+    return failed;
+}
+
+ExitStatus runCommand(const Options& options, Output& output)
+{
+    const Terminal terminal = Terminal::standardOutput(options.color);
+    setRemarks(!options.quiet);
+    const PlugInLoading plugIns = PlugInLoader::load({options.plugInPaths.begin(), options.plugInPaths.end()});
+    for (const PlugInProblem& problem : plugIns.problems) complain(problem.text());
+    if (terminal.isTerminal && !options.json) output.flushEachWrite();
+    return options.command->run({.options = options, .terminal = terminal, .output = output});
+}
+
+ExitStatus runProgram(int argumentCount, char** arguments)
+{
+    std::signal(SIGPIPE, SIG_IGN);
+    const auto options = parseCommandLine(argumentCount, arguments);
+    if (!options) {
+        complain(options.error());
+        return wrongCommandLine;
+    }
+    Output output(STDOUT_FILENO);
+    if (options->help) {
+        output.write(helpText(options->command));
+        return finish(output, done);
+    }
+    if (options->version) {
+        output.write("sealscope " SEALSCOPE_VERSION "\n");
+        return finish(output, done);
+    }
+    return finish(output, runCommand(*options, output));
+}
+
+}  // namespace
+
+}  // namespace sealscope::cli
+
+int main(int argumentCount, char** arguments)
+{
+    using namespace sealscope::cli;
+    try {
+        return runProgram(argumentCount, arguments);
+    } catch (const std::bad_alloc&) {
+        complain("out of memory");
+    } catch (const std::exception& problem) {
+        complain(problem.what());
+    }
+    return failed;
+}
