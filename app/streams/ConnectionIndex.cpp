@@ -2,6 +2,7 @@
 #include "app/streams/ConnectionIndex.h"
 
 #include "app/streams/SequenceNumber.h"
+#include "app/streams/SequenceSpace.h"
 
 #include <absl/hash/hash.h>
 #include <algorithm>
@@ -29,8 +30,9 @@ bool opensAnother(const Connection& connection, const ConnectionSide& side, std:
     const bool isUsed = connection.isClosed || connection.hasData;
     if (side.hasSYN) return isUsed && side.initialSequenceNumber != sequenceNumber;
     if (!side.hasReference) return connection.isClosed;
+    const std::uint32_t lowest = side.hasSent ? side.lowest : side.acknowledged.reference;
     // Captured late: the connection's own SYN stands right before the first byte, or a little before when bytes were lost.
-    const std::int64_t before = sequenceDistance(sequenceNumber + 1, side.lowest);
+    const std::int64_t before = sequenceDistance(sequenceNumber + 1, lowest);
     return isUsed && !(before >= 0 && before <= (connection.isClosed ? 0 : plausibleFlight));
 }
 
@@ -44,20 +46,15 @@ bool isKeepAlive(const ConnectionSide& side, const TCPPacket& packet)
     if (!side.hasReference) return packet.payload.u8(0) == 0;
     const std::uint32_t after = packet.sequenceNumber + 1;
     const std::uint32_t acknowledged = side.acknowledged.reference + static_cast<std::uint32_t>(side.acknowledged.highest);
-    return (side.hasNext && after == side.next) || (side.isAcknowledged && after == acknowledged);
+    return (side.hasSent && after == side.next) || (side.isAcknowledged && after == acknowledged);
 }
 
 /// Notes that a number of the direction's sequence space was seen.
 void show(ConnectionSide& side, std::uint32_t sequenceNumber)
 {
-    if (!side.hasReference) {
-        side.acknowledged.reference = side.lowest = sequenceNumber;
-        side.hasReference = true;
-        return;
-    }
-    // Farther down lies no disorder, but a sequence number that wrapped or is none of this stream.
-    const std::int64_t before = sequenceDistance(sequenceNumber, side.lowest);
-    if (before > 0 && before <= std::int64_t{1} << 30) side.lowest = sequenceNumber;
+    if (side.hasReference) return;
+    side.acknowledged.reference = sequenceNumber;
+    side.hasReference = true;
 }
 
 void acknowledge(ConnectionSide& side, std::uint32_t acknowledgmentNumber)
@@ -77,19 +74,21 @@ void send(ConnectionSide& side, const TCPPacket& packet, bool isKeepAlive)
     if (isSYN) {
         if (side.hasSYN && side.initialSequenceNumber != packet.sequenceNumber) {
             // A second attempt on a connection that never came about: what the first one showed is void.
-            side.hasReference = side.hasNext = side.isAcknowledged = false;
+            side.hasReference = side.hasSent = side.isAcknowledged = false;
             side.acknowledged = {};
         }
         side.hasSYN = true;
         side.initialSequenceNumber = packet.sequenceNumber;
     }
     if (isKeepAlive) return;
-    const std::int64_t taken = packet.payloadLength + (isSYN ? 1 : 0) + ((packet.flags & TCPFlag::fin) ? 1 : 0);
-    const std::uint32_t next = packet.sequenceNumber + static_cast<std::uint32_t>(taken);
-    // A keep-alive without a byte names a number before the next one too, so only what takes numbers, or goes on, is shown.
-    if (taken > 0 || !side.hasReference) show(side, packet.sequenceNumber + (isSYN ? 1 : 0));
-    if (!side.hasNext || sequenceDistance(side.next, next) > 0) side.next = next;
-    side.hasNext = true;
+    const std::uint32_t first = packet.sequenceNumber + (isSYN ? 1 : 0);
+    const auto next = first + static_cast<std::uint32_t>(packet.payloadLength) + ((packet.flags & TCPFlag::fin) ? 1 : 0);
+    show(side, first);
+    // Farther down lies no disorder, but a sequence number that wrapped or is none of this stream.
+    const std::int64_t below = sequenceDistance(first, side.lowest);
+    if (!side.hasSent || (below > 0 && below <= SequenceSpace::largestLoss)) side.lowest = first;
+    if (!side.hasSent || sequenceDistance(side.next, next) > 0) side.next = next;
+    side.hasSent = true;
 }
 
 }  // namespace

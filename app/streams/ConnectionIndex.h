@@ -25,11 +25,11 @@ struct ConnectionSide {
     SegmentList segments;
     Acknowledged acknowledged;                ///< its reference counts from the first packet that shows a sequence number
     std::uint32_t initialSequenceNumber = 0;  ///< of its SYN
-    std::uint32_t lowest = 0;                 ///< lowest sequence number shown, by either end
+    std::uint32_t lowest = 0;                 ///< lowest sequence number sent, that of the SYN apart
     std::uint32_t next = 0;                   ///< what follows the highest sequence number sent
     bool hasSYN = false;
-    bool hasReference = false;  ///< `acknowledged.reference` and `lowest` are known
-    bool hasNext = false;
+    bool hasSent = false;         ///< `lowest` and `next` are known
+    bool hasReference = false;    ///< `acknowledged.reference` is known
     bool isAcknowledged = false;  ///< `acknowledged.highest` is known
 };
 

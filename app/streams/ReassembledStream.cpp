@@ -218,7 +218,7 @@ struct ReassembledStream {
 std::uint32_t initialSequenceNumber(const ConnectionSide& side, const Reassembly& data)
 {
     if (side.hasSYN) return side.initialSequenceNumber;
-    return data.firstNumber ? *data.firstNumber - 1 : side.hasReference ? side.lowest - 1 : 0;
+    return data.firstNumber ? *data.firstNumber - 1 : side.hasReference ? side.acknowledged.reference - 1 : 0;
 }
 
 }  // namespace
