@@ -21,32 +21,39 @@ template <class Integer> void append(std::vector<std::uint8_t>& bytes, Integer v
 
 }  // namespace
 
+PcapBuilder::PcapBuilder(std::uint32_t linkType, PcapFormat format) : format_(format)
+{
+    const auto put = [&](auto value) { append(bytes_, value, format_.isBigEndian); };
+    put(std::uint32_t{format_.isModified ? 0xA1B2CD34 : format_.hasNanoseconds ? 0xA1B23C4D : 0xA1B2C3D4});
+    put(std::uint16_t{2});
+    put(std::uint16_t{4});
+    put(std::uint64_t{0});
+    put(format_.snapLength);
+    put(linkType);
+}
+
+PcapBuilder& PcapBuilder::packet(const CapturePacket& packet)
+{
+    const auto put = [&](auto value) { append(bytes_, value, format_.isBigEndian); };
+    const std::int64_t units = packet.time % nanosecondsASecond;
+    put(static_cast<std::uint32_t>(packet.time / nanosecondsASecond));
+    put(static_cast<std::uint32_t>(format_.hasNanoseconds && !format_.isModified ? units : units / 1'000));
+    put(static_cast<std::uint32_t>(packet.frame.size()));
+    put(static_cast<std::uint32_t>(packet.originalLength));
+    if (format_.isModified) {
+        put(std::uint32_t{1});       // interface
+        put(std::uint16_t{0x0008});  // protocol
+        put(std::uint16_t{0});       // packet type, padding
+    }
+    bytes_.insert(bytes_.end(), packet.frame.view().begin(), packet.frame.view().end());
+    return *this;
+}
+
 Data pcapFile(const std::vector<CapturePacket>& packets, PcapFormat format)
 {
-    std::vector<std::uint8_t> bytes;
-    const auto put32 = [&](std::uint64_t value) { append(bytes, static_cast<std::uint32_t>(value), format.isBigEndian); };
-    const auto put16 = [&](std::uint16_t value) { append(bytes, value, format.isBigEndian); };
-    put32(format.isModified ? 0xA1B2CD34 : format.hasNanoseconds ? 0xA1B23C4D : 0xA1B2C3D4);
-    put16(2);
-    put16(4);
-    put32(0);
-    put32(0);
-    put32(format.snapLength);
-    put32(packets.empty() ? 1 : packets.front().linkType);
-    for (const CapturePacket& packet : packets) {
-        const std::int64_t units = packet.time % nanosecondsASecond;
-        put32(static_cast<std::uint64_t>(packet.time / nanosecondsASecond));
-        put32(static_cast<std::uint64_t>(format.hasNanoseconds && !format.isModified ? units : units / 1'000));
-        put32(static_cast<std::uint64_t>(packet.frame.size()));
-        put32(static_cast<std::uint64_t>(packet.originalLength));
-        if (format.isModified) {
-            put32(1);       // interface
-            put16(0x0008);  // protocol
-            put16(0);       // packet type, padding
-        }
-        bytes.insert(bytes.end(), packet.frame.view().begin(), packet.frame.view().end());
-    }
-    return Data(std::move(bytes));
+    PcapBuilder builder(packets.empty() ? 1 : packets.front().linkType, format);
+    for (const CapturePacket& packet : packets) builder.packet(packet);
+    return Data(DataView(builder.bytes()));
 }
 
 template <class Integer> void PcapngBuilder::put(Integer value) { append(bytes_, value, isBigEndian_); }

@@ -17,6 +17,19 @@ struct PcapFormat {
     std::uint32_t snapLength = 262'144;
 };
 
+/// Writes a capture in the classic format packet by packet.
+class PcapBuilder {
+public:
+    explicit PcapBuilder(std::uint32_t linkType, PcapFormat format = {});
+    PcapBuilder& packet(const CapturePacket& packet);
+    const std::vector<std::uint8_t>& bytes() const { return bytes_; }
+    /// Forgets what was written so far, so that a large file can be written piece by piece.
+    void clear() { bytes_.clear(); }
+
+private:
+    PcapFormat format_;
+    std::vector<std::uint8_t> bytes_;
+};
 /// A capture in the classic format; its link type is that of the first packet.
 Data pcapFile(const std::vector<CapturePacket>& packets, PcapFormat format = {});
 
@@ -46,7 +59,6 @@ public:
 
     const std::vector<std::uint8_t>& bytes() const { return bytes_; }
     Data data() const { return Data(DataView(bytes_)); }
-    /// Forgets what was written so far, so that a large file can be written piece by piece.
     void clear() { bytes_.clear(); }
 
 private:

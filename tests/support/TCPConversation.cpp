@@ -53,34 +53,42 @@ PlannedSegment& TCPConversation::add(Direction from, std::uint8_t flags, Data pa
     return segments.emplace_back(std::move(segment));
 }
 
-void TCPConversation::open(DataView synData)
+void TCPConversation::open(const Data& synData)
 {
     side(Direction::clientToServer).next = options_.clientISN;
     side(Direction::serverToClient).next = options_.serverISN;
-    add(Direction::clientToServer, syn, Data(synData));
+    add(Direction::clientToServer, syn, synData);
     ++side(Direction::clientToServer).next;
     add(Direction::serverToClient, syn | ack, {});
     ++side(Direction::serverToClient).next;
     add(Direction::clientToServer, ack, {});
 }
 
-void TCPConversation::send(Direction from, DataView bytes)
+void TCPConversation::send(Direction from, const Data& bytes) { send(from, bytes, options_.acknowledges); }
+
+void TCPConversation::send(Direction from, const Data& bytes, bool isAnswered)
 {
+    std::int64_t unanswered = 0;
     for (std::int64_t at = 0; at < bytes.size(); at += options_.segmentSize) {
         const bool isLast = at + options_.segmentSize >= bytes.size();
-        add(from, isLast ? psh | ack : ack, Data(bytes.sub(at, options_.segmentSize)));
+        add(from, isLast ? psh | ack : ack, bytes.sub(at, options_.segmentSize));
+        if (!options_.acknowledges || !(isLast ? isAnswered : ++unanswered == options_.segmentsPerAcknowledgment)) continue;
+        acknowledge(opposite(from));
+        unanswered = 0;
     }
-    if (options_.acknowledges && !bytes.isEmpty()) acknowledge(opposite(from));
 }
 
 void TCPConversation::send(const std::vector<TLSFlight>& flights)
 {
-    for (const TLSFlight& flight : flights) send(flight.direction, flight.wire);
+    for (std::size_t at = 0; at < flights.size(); ++at) {
+        const bool isAnsweredByData = at + 1 < flights.size() && flights[at + 1].direction != flights[at].direction;
+        send(flights[at].direction, flights[at].wire, options_.acknowledges && !isAnsweredByData);
+    }
 }
 
-void TCPConversation::sendUrgent(Direction from, DataView bytes)
+void TCPConversation::sendUrgent(Direction from, const Data& bytes)
 {
-    add(from, psh | ack | urg, Data(bytes)).urgentPointer = static_cast<std::uint16_t>(bytes.size());
+    add(from, psh | ack | urg, bytes).urgentPointer = static_cast<std::uint16_t>(bytes.size());
 }
 
 void TCPConversation::skip(Direction from, std::int64_t count) { side(from).next += static_cast<std::uint32_t>(count); }

@@ -37,8 +37,9 @@ struct TCPConversationOptions {
     std::int64_t interval = 1'000'000;                   ///< nanoseconds from segment to segment
     std::uint32_t clientISN = 1'000;                     ///< near 2^32 the sequence numbers wrap
     std::uint32_t serverISN = 2'000;
-    std::int64_t segmentSize = 1'448;  ///< payload bytes at most
-    bool acknowledges = true;          ///< the other side answers a flight with an empty ACK
+    std::int64_t segmentSize = 1'448;            ///< payload bytes at most
+    std::int64_t segmentsPerAcknowledgment = 0;  ///< 0: one answer to all that is sent at once
+    bool acknowledges = true;                    ///< the other side answers with empty ACKs
 };
 
 /// A TCP connection written down segment by segment as its two sides would send them.
@@ -49,11 +50,13 @@ public:
     std::vector<PlannedSegment> segments;
 
     /// The three segments of the TCP handshake; the client's SYN may carry data (RFC 7413).
-    void open(DataView synData = {});
-    void send(TCPSegment::Direction from, DataView bytes);
+    void open(const Data& synData = {});
+    /// Segments share the bytes.
+    void send(TCPSegment::Direction from, const Data& bytes);
+    /// A flight that the other side answers with one of its own gets no empty ACK.
     void send(const std::vector<TLSFlight>& flights);
     /// Data with the URG flag, whose urgent pointer stands behind its last byte (RFC 9293 §3.8.5, RFC 6093).
-    void sendUrgent(TCPSegment::Direction from, DataView bytes);
+    void sendUrgent(TCPSegment::Direction from, const Data& bytes);
     /// The sequence numbers go on as if bytes had been sent that no packet carries.
     void skip(TCPSegment::Direction from, std::int64_t count);
     void acknowledge(TCPSegment::Direction from, std::uint16_t window = 64'240);
@@ -73,10 +76,10 @@ public:
 private:
     struct Side {
         std::uint32_t next = 0;  ///< sequence number of its next byte
-        bool isSilent = true;    ///< has said nothing that the other could acknowledge
     };
     Side& side(TCPSegment::Direction direction) { return sides_[direction == TCPSegment::Direction::clientToServer ? 0 : 1]; }
     const Side& side(TCPSegment::Direction direction) const { return sides_[direction == TCPSegment::Direction::clientToServer ? 0 : 1]; }
+    void send(TCPSegment::Direction from, const Data& bytes, bool isAnswered);
     PlannedSegment& add(TCPSegment::Direction from, std::uint8_t flags, Data payload);
 
     TCPConversationOptions options_;
