@@ -2,6 +2,7 @@
 #include "Sealscope/TLSPlugInController.h"
 
 #include "Sealscope/PlugInBundle.h"
+#include "Sealscope/TLSKeylogSection.h"
 #include "Sealscope/TLSNames.h"
 #include "Sealscope/TLSProtocolAnalyzer.h"
 #include "host/VELCommonTools/Color.h"
@@ -198,7 +199,7 @@ std::optional<AnalyzerSettingsConfig> TLSPlugInController::analyzerSettingsConfi
         .toggles = {},
         .color = AnalyzerColorSpec{kTLSUsesColor, kTLSColor},
         .ports = std::nullopt,
-        .extraContent = {},
+        .extraContent = [] { return TLSKeylogSection().body(); },
     };
 }
 

@@ -38,7 +38,7 @@ public:
     /// Describes the plug-in anew, registers the description and a decryption probe; gives the host's answer to the description.
     bool setupPlugIn();
     /// Writes the protocol list, and the colour settings that are missing; with `reset` those that are there too.
-    void setDefaultSettings(bool reset);
+    void setDefaultSettings(bool reset) override;
 
     /// Absent until `setupPlugIn` has run.
     const std::optional<VELPlugInStructure>& pluginStruct() const { return pluginStruct_; }

@@ -207,8 +207,9 @@ std::expected<FileDescriptor, std::string> lockFor(const fs::path& file, std::ch
 /// Puts a complete new file in the place of the old one; readers see either. Gives the new file's stamp.
 std::expected<FileStamp, std::string> replaceFile(const fs::path& file, const std::string& text)
 {
-    std::string temporary = file.string() + ".XXXXXX";
-    const FileDescriptor descriptor(mkostemp(temporary.data(), O_CLOEXEC));
+    // One name for all: writers take turns, and what one that was killed has left is used up by the next.
+    const std::string temporary = file.string() + ".new";
+    const FileDescriptor descriptor(open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!descriptor) return std::unexpected(errorText(errno));
     const auto abandoned = [&](int error) {
         unlink(temporary.c_str());

@@ -23,6 +23,8 @@ public:
     virtual bool usesColor() = 0;
     virtual Color protocolColor() = 0;
     virtual std::optional<AnalyzerSettingsConfig> analyzerSettingsConfig() = 0;
+    /// Stores the plug-in's defaults where nothing is stored; with `reset` in place of what is stored too.
+    virtual void setDefaultSettings(bool reset) = 0;
 };
 
 }  // namespace sealscope SEALSCOPE_API
