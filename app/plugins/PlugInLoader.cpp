@@ -21,18 +21,17 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// Principal objects live as long as the process: nothing is torn down while it ends, when half of it is gone.
-std::vector<std::unique_ptr<VELPluginPrincipalClassProtocol>>& principals()
-{
-    static auto& kept = *new std::vector<std::unique_ptr<VELPluginPrincipalClassProtocol>>;
-    return kept;
-}
+/// What was loaded. Principal objects live as long as the process: nothing is torn down while it ends, when half of it is gone.
+struct Loaded {
+    std::vector<LoadedPlugIn> plugIns;
+    std::vector<std::unique_ptr<VELPluginPrincipalClassProtocol>> principals;
+    std::set<std::string> identifiers;
+};
 
-/// Identifiers of the bundles that were loaded.
-std::set<std::string>& loadedIdentifiers()
+Loaded& loadedSoFar()
 {
-    static std::set<std::string> identifiers;
-    return identifiers;
+    static auto& loaded = *new Loaded;
+    return loaded;
 }
 
 /// What the host has registered at one moment, to take back what came later.
@@ -108,8 +107,8 @@ std::expected<LoadedPlugIn, std::string> load(const Bundle& bundle)
     std::string reason = "its principal class gave no object";
     try {
         if (auto principal = (*principalClass)->create()) {
-            principals().push_back(std::move(principal));
-            return LoadedPlugIn{bundle.path(), *principalClass, principals().back().get()};
+            loadedSoFar().principals.push_back(std::move(principal));
+            return LoadedPlugIn{bundle.path(), *principalClass, loadedSoFar().principals.back().get()};
         }
     } catch (const std::exception& error) {
         reason = fmt::format("failed while being created: {}", error.what());
@@ -162,7 +161,7 @@ public:
 
     PlugInLoading result() &&
     {
-        if (result_.loaded.empty() && result_.problems.empty())
+        if (loadedSoFar().plugIns.empty() && result_.problems.empty())
             result_.problems.push_back({PlugInLoader::ownFolder(), "holds no plug-in, and no other folder was named"});
         return std::move(result_);
     }
@@ -172,10 +171,11 @@ private:
     {
         const Bundle bundle(path);
         const std::string identifier = bundle.infoString("CFBundleIdentifier").value_or(path.filename().string());
-        if (loadedIdentifiers().contains(identifier)) return;
+        if (loadedSoFar().identifiers.contains(identifier)) return;
         if (auto plugIn = load(bundle)) {
-            loadedIdentifiers().insert(identifier);
-            result_.loaded.push_back(std::move(*plugIn));
+            loadedSoFar().identifiers.insert(identifier);
+            loadedSoFar().plugIns.push_back(*plugIn);
+            result_.loaded.push_back(*std::move(plugIn));
         } else {
             result_.problems.push_back({path, plugIn.error()});
         }
@@ -187,6 +187,8 @@ private:
 }  // namespace
 
 std::string PlugInProblem::text() const { return fmt::format("{}: {}", bundle.string(), reason); }
+
+const std::vector<LoadedPlugIn>& PlugInLoader::loaded() { return loadedSoFar().plugIns; }
 
 fs::path PlugInLoader::ownFolder()
 {

@@ -40,6 +40,9 @@ struct PlugInLoader {
     /// identifier the first that loads is used. A named folder may be a bundle itself.
     static PlugInLoading load(const std::vector<std::filesystem::path>& named);
 
+    /// Everything that was loaded so far.
+    static const std::vector<LoadedPlugIn>& loaded();
+
     /// The folder that belongs to the running program; it need not exist.
     static std::filesystem::path ownFolder();
 };
