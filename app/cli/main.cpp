@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "app/cli/Command.h"
+#include "app/cli/Commands.h"
 #include "app/cli/Help.h"
 #include "app/cli/Messages.h"
 #include "app/plugins/PlugInLoader.h"
+#include "platform/UserDefaults.h"
 
 #include <csignal>
 #include <cstring>
@@ -30,6 +31,9 @@ ExitStatus runCommand(const Options& options, Output& output)
     setRemarks(!options.quiet);
     const PlugInLoading plugIns = PlugInLoader::load({options.plugInPaths.begin(), options.plugInPaths.end()});
     for (const PlugInProblem& problem : plugIns.problems) complain(problem.text());
+    // Everything works without kept settings; `settings` says it itself.
+    const auto settingsProblem = UserDefaults::standard().lastProblem();
+    if (settingsProblem && options.command != &settingsCommand) remark(*settingsProblem);
     if (terminal.isTerminal && !options.json) output.flushEachWrite();
     return options.command->run({.options = options, .terminal = terminal, .output = output});
 }
