@@ -20,8 +20,8 @@ struct TLSStreamParser {
     /// One item of the stream view with its sort keys: time, client before server, first byte.
     struct Entry {
         StreamMessage message;
-        double timestamp = 0;             ///< seconds since 1970, as in the message
-        std::int64_t directionOrder = 0;  ///< 0 for the client's side, 1 for the server's
+        double timestamp = 0;              ///< seconds since 1970, as in the message
+        std::int64_t directionOrder = 0;   ///< 0 for the client's side, 1 for the server's
         std::int64_t firstByteOffset = 0;  ///< in the direction's data
         std::optional<std::uint8_t> handshakeType;
     };
@@ -40,18 +40,17 @@ struct TLSStreamParser {
         std::optional<double> timestamp;       ///< the earliest
     };
 
-    struct Interpretation {
-        std::vector<StreamMessage> messages;
-        std::optional<std::vector<Pairing>> pairings;
-    };
-
+    /// All items of one direction, in the order in which they complete.
     static std::vector<Entry> entries(TCPSegment::Direction direction, const TCPStream& stream);
-    static std::vector<Entry> handshakeEntries(
-        const std::vector<TLSRecord>& records, const StreamData& data, TCPSegment::Direction direction, const TCPStream& stream);
-    static std::optional<Entry> applicationDataEntry(
-        const std::vector<TLSRecord>& records, TCPSegment::Direction direction, const TCPStream& stream);
-    static LocatedSpan locateSpan(ByteRange concatRange, const std::vector<HandshakeFragment>& fragments,
-        TCPSegment::Direction direction, const TCPStream& stream);
+    /// One entry per complete message of an unbroken run of handshake records.
+    static std::vector<Entry> handshakeEntries(const std::vector<TLSRecord>& records, const StreamData& data,
+                                               TCPSegment::Direction direction, const TCPStream& stream);
+    /// One entry for a run of application-data records; nothing for an empty run.
+    static std::optional<Entry> applicationDataEntry(const std::vector<TLSRecord>& records, TCPSegment::Direction direction,
+                                                     const TCPStream& stream);
+    /// Where the bytes `concatRange` of a run lie in the capture.
+    static LocatedSpan locateSpan(ByteRange concatRange, const std::vector<HandshakeFragment>& fragments, TCPSegment::Direction direction,
+                                  const TCPStream& stream);
 
     /// Summary and rows of one handshake message; `body` comes without its 4-byte header.
     static std::pair<std::string, std::vector<DetailRow>> handshakeSummary(std::uint8_t type, DataView body, std::int64_t baseOffset);
@@ -60,12 +59,12 @@ struct TLSStreamParser {
     static std::optional<std::vector<Pairing>> handshakePairings(const std::vector<Entry>& entries);
     /// Pairings of one message list as pairings of another that holds the same messages; those whose request is not there,
     /// or whose indices lie outside their list, are dropped.
-    static std::vector<Pairing> remapPairings(
-        const std::vector<Pairing>& pairings, const std::vector<StreamMessage>& from, const std::vector<StreamMessage>& into);
+    static std::vector<Pairing> remapPairings(const std::vector<Pairing>& pairings, const std::vector<StreamMessage>& from,
+                                              const std::vector<StreamMessage>& into);
 
     /// The whole stream: both directions in order of time, with decrypted messages in place of encrypted application data
     /// when the stream decrypts.
-    static Interpretation interpretation(const TCPStream& stream);
+    static StreamInterpretation interpretation(const TCPStream& stream);
 };
 
 }  // namespace sealscope
