@@ -32,10 +32,10 @@ std::optional<PcapReader> PcapReader::recognise(DataView head)
 bool PcapReader::begin(CaptureInput& input)
 {
     if (!input.require(fileHeaderLength))
-        return fail(input, fmt::format("the file ends after {} of the {} bytes of its header", input.available(), fileHeaderLength));
+        return refuse(input, fmt::format("the file ends after {} of the {} bytes of its header", input.available(), fileHeaderLength));
     const std::uint8_t* const header = input.data();
     const std::uint16_t major = order_.u16(header + 4), minor = order_.u16(header + 6);
-    if (major != 2) return fail(input, fmt::format("pcap version {}.{} is not known", major, minor));
+    if (major != 2) return refuse(input, fmt::format("pcap version {}.{} is not known", major, minor));
     // Before version 2.3 the two lengths stood in the other order, and some writers of 2.3 kept to that.
     mayHaveLengthsSwapped_ = minor <= 3;
     linkType_ = order_.u32(header + 20) & 0xffff;  // the upper bits tell about the frame check sequence
@@ -74,13 +74,19 @@ bool PcapReader::next(CaptureInput& input, CapturedPacket& packet)
     packet.originalLength = std::max(captured, original);
     packet.linkType = linkType_;
     input.consume(packetHeaderLength_ + captured);
+    input.announce();
     return true;
 }
 
 bool PcapReader::fail(CaptureInput& input, const std::string& reason)
 {
+    return refuse(input, fmt::format("packet at byte {}: {}", input.position(), reason));
+}
+
+bool PcapReader::refuse(CaptureInput& input, std::string reason)
+{
     input.verify();
-    damage_ = !input.failure().empty() ? input.failure() : fmt::format("packet at byte {}: {}", input.position(), reason);
+    damage_ = input.failure().empty() ? std::move(reason) : input.failure();
     return false;
 }
 

@@ -29,7 +29,9 @@ public:
     ByteOrder byteOrder() const { return order_; }
 
 private:
+    /// Notes what is wrong with the packet at the input's position, or with the file; always false.
     bool fail(CaptureInput& input, const std::string& reason);
+    bool refuse(CaptureInput& input, std::string reason);
 
     ByteOrder order_;
     std::int64_t packetHeaderLength_ = 16;

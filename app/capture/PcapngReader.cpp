@@ -107,6 +107,7 @@ bool PcapngReader::next(CaptureInput& input, CapturedPacket& packet)
             readSecrets(input, {input.data() + blockHeaderLength, length - shortestBlock});
         }
         input.consume(length);
+        input.announce();
         if (hasPacket) return true;
     }
 }
