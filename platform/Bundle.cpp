@@ -75,12 +75,15 @@ void appendLanguages(std::vector<std::string>& languages, std::string_view local
     const std::string_view modifier = locale.substr(at);
     const std::string_view territorial = locale.substr(0, std::min(locale.find('.'), at));
     const std::string_view plain = territorial.substr(0, territorial.find('_'));
-    for (const std::string_view suffix : {modifier, std::string_view()}) {
-        for (const std::string_view name : {territorial, plain}) {
-            std::string language = std::string(name).append(suffix);
-            if (std::ranges::find(languages, language) == languages.end()) languages.push_back(std::move(language));
-        }
-    }
+    const auto append = [&](std::string language) {
+        if (std::ranges::find(languages, language) == languages.end()) languages.push_back(std::move(language));
+    };
+    for (const std::string_view suffix : {modifier, std::string_view()})
+        for (const std::string_view name : {territorial, plain}) append(std::string(name).append(suffix));
+    // Chinese is written in two ways, and tables are called after the way, not after where it is used.
+    if (plain != "zh") return;
+    const bool isTraditional = territorial == "zh_TW" || territorial == "zh_HK" || territorial == "zh_MO";
+    append(isTraditional ? "zh-Hant" : "zh-Hans");
 }
 
 /// The texts of a table in the first of the user's languages that has it; none without such a language.

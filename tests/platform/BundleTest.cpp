@@ -63,6 +63,8 @@ TEST(Bundle, ReadsLanguagesAsGettextDoes)
     EXPECT_THAT(languages("de_AT.UTF-8"), ElementsAre("de_AT", "de"));
     EXPECT_THAT(languages("fr"), ElementsAre("fr"));
     EXPECT_THAT(languages("sr_RS.UTF-8@latin"), ElementsAre("sr_RS@latin", "sr@latin", "sr_RS", "sr"));
+    EXPECT_THAT(languages("zh_CN.UTF-8"), ElementsAre("zh_CN", "zh", "zh-Hans"));
+    EXPECT_THAT(languages("zh_TW.UTF-8"), ElementsAre("zh_TW", "zh", "zh-Hant"));
     EXPECT_THAT(languages("de_DE.UTF-8", "", "fr_FR.UTF-8", "es_ES"), ElementsAre("fr_FR", "fr")) << "LC_ALL comes first";
     EXPECT_THAT(languages("de_DE.UTF-8", "", "", "es_ES"), ElementsAre("es_ES", "es"));
     EXPECT_THAT(languages("de_DE.UTF-8", "", "C"), IsEmpty());
