@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/cli/PacketAnalyzers.h"
 
+#include "app/cli/ColorSequence.h"
+#include "host/VELDependencies/VELPluginPreferencesProtocol.h"
 #include "host/VELModels/VELPlugInsController.h"
 
 #include <algorithm>
@@ -25,6 +27,8 @@ PacketAnalyzers::PacketAnalyzers()
             plugIn.columns.push_back({column.columnTitle, column.keyPath, position++});
         }
         for (const VELPlugInAnalyzerAttribute& attribute : declared.plugInAnalyzerAttributes) addKey(attribute.attributeKey);
+        if (auto* preferences = declared.plugInPreferencesInstance; preferences && preferences->usesColor())
+            plugIn.fill = fillSequence(preferences->protocolColor());
     }
 }
 

@@ -20,6 +20,7 @@ struct PacketPlugIn {
         std::size_t position = 0;  ///< among the columns of all plug-ins
     };
     std::vector<Column> columns;
+    std::string fill;  ///< sequence that fills its rows with the colour of the settings; empty when they have none
 };
 
 /// An analyzer that accepted a payload, and whose it is; neither when none did.

@@ -45,7 +45,7 @@ public:
     void append(std::string& text, const PacketRow& row) override
     {
         if (!std::exchange(hasHeading_, true)) table_.appendHeading(text);
-        table_.appendRow(text, cells(row));
+        table_.appendRow(text, cells(row), row.match.plugIn->fill);
     }
 
 private:

@@ -49,13 +49,17 @@ void TextTable::appendHeading(std::string& text)
 {
     std::vector<std::string_view> titles;
     for (const TextColumn& column : columns_) titles.push_back(column.title);
-    appendCells(text, titles, true);
+    appendCells(text, titles, true, {});
 }
 
-void TextTable::appendRow(std::string& text, std::span<const std::string_view> cells) { appendCells(text, cells, false); }
-
-void TextTable::appendCells(std::string& text, std::span<const std::string_view> cells, bool isHeading)
+void TextTable::appendRow(std::string& text, std::span<const std::string_view> cells, std::string_view fill)
 {
+    appendCells(text, cells, false, terminal_.hasColors ? fill : std::string_view());
+}
+
+void TextTable::appendCells(std::string& text, std::span<const std::string_view> cells, bool isHeading, std::string_view fill)
+{
+    text += fill;
     std::size_t lineEnd = text.size();  // blanks at the end of a line are left out
     for (std::size_t i = 0; i < columns_.size(); ++i) {
         const TextColumn& column = columns_[i];
@@ -82,7 +86,7 @@ void TextTable::appendCells(std::string& text, std::span<const std::string_view>
         const auto padding = static_cast<std::size_t>(isLast ? 0 : widths_[i] - width);
         if (column.alignment == TextColumn::Alignment::right) text.append(padding, ' ');
         const Style style = isHeading ? Style::strong : column.style;
-        const bool isColored = terminal_.hasColors && style != Style::plain && !cell_.empty();
+        const bool isColored = terminal_.hasColors && fill.empty() && style != Style::plain && !cell_.empty();
         if (isColored) text += sequence(style);
         text += cell_;
         if (isColored) text += resetSequence;
@@ -91,6 +95,7 @@ void TextTable::appendCells(std::string& text, std::span<const std::string_view>
         if (!isLast) text.append(gap, ' ');
     }
     text.resize(lineEnd);
+    if (!fill.empty()) text += resetSequence;
     text += '\n';
 }
 

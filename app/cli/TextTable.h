@@ -30,13 +30,14 @@ public:
     /// Lets the widths take a row into account, before the heading is written.
     void measure(std::span<const std::string_view> cells);
     void appendHeading(std::string& text);
-    void appendRow(std::string& text, std::span<const std::string_view> cells);
+    /// A row; `fill` is the sequence of its own colour, in place of the columns' styles.
+    void appendRow(std::string& text, std::span<const std::string_view> cells, std::string_view fill = {});
 
 private:
     static constexpr int gap = 2;
 
     void fitToTerminal();
-    void appendCells(std::string& text, std::span<const std::string_view> cells, bool isHeading);
+    void appendCells(std::string& text, std::span<const std::string_view> cells, bool isHeading, std::string_view fill);
 
     std::vector<TextColumn> columns_;
     std::vector<int> widths_;

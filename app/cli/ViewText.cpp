@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/cli/ViewText.h"
 
+#include "app/cli/ColorSequence.h"
 #include "app/cli/DisplayText.h"
 #include "host/VELCommonTools/Color.h"
 #include "platform/UTF8.h"
@@ -201,7 +202,7 @@ private:
         const auto color = well.color.get();
         Cell cell = cellOf(fmt::format("{} {}", well.title, color ? rawValue(*color) : "—"));
         if (!color || !hasColors_) return cell;
-        cell.text += fmt::format(" \x1B[48;2;{};{};{}m    {}", color->red, color->green, color->blue, resetSequence);
+        cell.text += fmt::format(" {}    {}", fillSequence(*color), resetSequence);
         cell.width += 5;
         return cell;
     }
