@@ -5,13 +5,31 @@ namespace sealscope {
 
 std::optional<TLSDecryptionReport> TLSStreamDecryptionProbing::report(const TCPStream&, bool) const { return std::nullopt; }
 
-bool TLSStreamDecryptionProbing::openPlaintext(const TCPStream&, PlaintextSink&) const { return false; }
+std::unique_ptr<PlaintextReader> TLSStreamDecryptionProbing::plaintextReader(const TCPStream&, TCPSegment::Direction) const
+{
+    return nullptr;
+}
+
+bool TLSStreamDecryptionProbing::openPlaintext(const TCPStream& stream, PlaintextSink& sink) const
+{
+    bool anything = false;
+    for (const auto direction : {TCPSegment::Direction::clientToServer, TCPSegment::Direction::serverToClient}) {
+        const auto reader = plaintextReader(stream, direction);
+        while (const auto record = reader ? reader->next() : std::nullopt) {
+            anything = true;
+            if (!sink.plaintext(direction, record->plaintext, record->body)) break;
+        }
+    }
+    return anything;
+}
 
 TLSKeyMaterialReport TLSStreamDecryptionProbing::keyMaterial() const { return {}; }
 
 bool TLSStreamDecryptionProbing::hasSecrets(DataView) const { return false; }
 
-std::string TLSStreamDecryptionProbing::keyLogLines(const TCPStream&) const { return {}; }
+SecretText TLSStreamDecryptionProbing::keyLogLines(const TCPStream&) const { return {}; }
+
+TLSKeyLogLineCount TLSStreamDecryptionProbing::countKeyLogLines(std::string_view) const { return {}; }
 
 TLSDecryptionProbeRegistry& TLSDecryptionProbeRegistry::shared()
 {

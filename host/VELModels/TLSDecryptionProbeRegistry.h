@@ -2,12 +2,15 @@
 #pragma once
 
 #include "host/VELModels/TCPStream.h"
+#include "platform/SecretMemory.h"
 
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace sealscope SEALSCOPE_API {
@@ -24,13 +27,36 @@ struct TLSDecryptionOutcome {
     bool operator==(const TLSDecryptionOutcome&) const = default;
 };
 
-/// Takes the plaintext of a stream as it opens. Each direction's bytes come in stream order, one record a call.
+/// The application data of one protected record. The bytes are lent until the reader moves on.
+struct PlaintextRecord {
+    DataView plaintext;
+    ByteRange body;  ///< of the record's body in the captured direction's data
+};
+
+/// Opens one direction of a stream, a record at a time and without keeping any: a stream larger than memory can be read.
+/// Used by one thread at a time; keeps what it needs of the stream.
+class PlaintextReader {
+public:
+    virtual ~PlaintextReader() = default;
+    /// The next record whose plaintext is application data and not empty; nothing after the last.
+    virtual std::optional<PlaintextRecord> next() = 0;
+};
+
+/// Takes the plaintext of a stream as it opens.
 class PlaintextSink {
 public:
     virtual ~PlaintextSink() = default;
-    /// The bytes are lent for the call. `record` is the byte range of the record's body in the captured direction.
-    /// False ends the direction.
+    /// One record of a direction, in stream order. The bytes are lent for the call. `record` is the byte range of the
+    /// record's body in the captured direction. False ends the direction.
     virtual bool plaintext(TCPSegment::Direction direction, DataView bytes, ByteRange record) = 0;
+};
+
+/// An alert that a side sent in the clear (RFC 8446 §6).
+struct TLSAlertReport {
+    std::uint8_t level = 0;
+    std::uint8_t description = 0;
+    std::string name;  ///< as registered, "handshake_failure"; the number where it is not
+    bool operator==(const TLSAlertReport&) const = default;
 };
 
 /// How far one direction of a stream opened, and what stands where it stopped.
@@ -38,22 +64,25 @@ struct TLSDirectionReport {
     enum class Stop : std::uint8_t {
         endOfData,          ///< every record opened
         nothingProtected,   ///< the direction holds no protected record
-        noSecret,           ///< the key log lacks the direction's traffic secret
+        noSecret,           ///< the key log lacks the direction's secret
         noHandshakeSecret,  ///< application secret there, handshake secret missing, and the first record does not open
         badSecret,          ///< a secret that no such connection can have (its length)
         lostBytes,          ///< the record at `stopOffset` overlaps bytes that the capture lost
         cutRecord,          ///< the data end inside the record at `stopOffset`
+        noRecord,           ///< what stands at `stopOffset` is no TLS record
         earlyData,          ///< the record at `stopOffset` is early data (0-RTT), whose secret is not used
         keyUpdate,          ///< the record before `stopOffset` was a key update
+        renegotiation,      ///< the keys of the record at `stopOffset` come from a second, encrypted handshake (TLS 1.2)
         doesNotOpen,        ///< the record at `stopOffset` does not authenticate
-        notAttempted,       ///< version, suite or handshake stand in the way of the whole stream
+        notAttempted,       ///< not asked for, or version, suite or handshake stand in the way of the whole stream
     };
     Stop stop = Stop::notAttempted;
     std::int64_t stopOffset = 0;        ///< of the record's header in the direction's data
-    std::int64_t protectedRecords = 0;  ///< records under encryption
+    std::int64_t protectedRecords = 0;  ///< records under encryption that can be opened: application data on the outside
     std::int64_t openedRecords = 0;
-    std::int64_t skippedRecords = 0;  ///< did not open, while later ones did
-    std::int64_t plaintextBytes = 0;  ///< of application data
+    std::int64_t skippedRecords = 0;      ///< did not open, while later ones did
+    std::int64_t plaintextBytes = 0;      ///< of application data
+    std::optional<TLSAlertReport> alert;  ///< the first that the direction holds in the clear; looked for where no data opens
     bool operator==(const TLSDirectionReport&) const = default;
 };
 
@@ -83,6 +112,8 @@ struct TLSDecryptionReport {
     bool isSupportedVersion = false;
     bool isSupportedSuite = false;
     std::vector<TLSSecretReport> secrets;  ///< every label that this version reads
+    /// Other known labels under which the key logs hold a secret for the client random: those of another version, say.
+    std::vector<std::string> otherLabels;
     TLSDirectionReport client;
     TLSDirectionReport server;
 };
@@ -91,6 +122,16 @@ struct TLSDecryptionReport {
 struct TLSKeyMaterialReport {
     std::int64_t secrets = 0;        ///< entries of the merged key log
     std::int64_t clientRandoms = 0;  ///< different ones among them
+    /// The known labels among them, with the number of entries of each.
+    std::vector<std::pair<std::string, std::int64_t>> labels;
+};
+
+/// What stands in a key log text, line by line. Comments and empty lines do not count.
+struct TLSKeyLogLineCount {
+    std::int64_t lines = 0;
+    std::int64_t validLines = 0;
+    std::int64_t firstInvalidLine = 0;  ///< counted from 1 over all lines of the text; 0 when each is valid
+    bool operator==(const TLSKeyLogLineCount&) const = default;
 };
 
 /// Answers whether a stream decrypts. Any thread may ask.
@@ -103,13 +144,17 @@ public:
 
     /// The facts behind the answer. `walk` opens both directions to their ends and counts.
     virtual std::optional<TLSDecryptionReport> report(const TCPStream& stream, bool walk) const;
-    /// Opens the stream and hands its plaintext over; false when nothing opened.
-    virtual bool openPlaintext(const TCPStream& stream, PlaintextSink& sink) const;
+    /// Null when the direction lacks secrets, or cannot be opened at all.
+    virtual std::unique_ptr<PlaintextReader> plaintextReader(const TCPStream& stream, TCPSegment::Direction direction) const;
+    /// Opens the stream, first the client's direction, and hands its plaintext over; false when nothing opened.
+    bool openPlaintext(const TCPStream& stream, PlaintextSink& sink) const;
     virtual TLSKeyMaterialReport keyMaterial() const;
     /// Whether any secret is there for a client random (32 bytes).
     virtual bool hasSecrets(DataView clientRandom) const;
     /// Key log lines for a stream's connection, in the SSLKEYLOGFILE format, for a file that shall carry its secrets.
-    virtual std::string keyLogLines(const TCPStream& stream) const;
+    virtual SecretText keyLogLines(const TCPStream& stream) const;
+    /// Reads a text as a key log and counts its lines, keeping nothing.
+    virtual TLSKeyLogLineCount countKeyLogLines(std::string_view text) const;
 };
 
 /// The probes that the host knows. Any thread may call it.

@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/VELCommonTools/KeylogLocations.h"
+
+#include <cstdlib>
+#include <pwd.h>
+#include <string>
+#include <unistd.h>
+
+namespace sealscope {
+
+namespace {
+
+std::filesystem::path homeFolder()
+{
+    if (const char* home = std::getenv("HOME"); home && *home) return home;
+    passwd entry{};
+    passwd* found = nullptr;
+    std::string buffer(4096, '\0');
+    if (getpwuid_r(getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found && found->pw_dir) return found->pw_dir;
+    return "/";
+}
+
+}  // namespace
+
+std::filesystem::path KeylogLocations::liveKeylog()
+{
+    // A relative path is invalid there and is to be ignored (XDG Base Directory Specification).
+    const char* const dataHome = std::getenv("XDG_DATA_HOME");
+    const bool isUsable = dataHome && *dataHome == '/';
+    return (isUsable ? std::filesystem::path(dataHome) : homeFolder() / ".local" / "share") / "sealscope" / "keylog.txt";
+}
+
+}  // namespace sealscope

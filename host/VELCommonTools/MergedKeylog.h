@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "platform/SecretMemory.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace sealscope SEALSCOPE_API {
+
+/// The key logs that apply, as one text. Any thread may call any operation.
+struct MergedKeylog {
+    MergedKeylog() = delete;
+
+    /// A place that secrets come from: a file, or what the opened capture carries.
+    struct Source {
+        std::filesystem::path file;  ///< empty for the capture's secrets
+        bool isEmbedded() const { return file.empty(); }
+        bool operator==(const Source&) const = default;
+    };
+
+    /// Two stamps of a source differ when it may have changed between them. Nothing of a file is read for it.
+    struct SourceStamp {
+        Source source;
+        bool exists = false;
+        std::uint64_t device = 0;
+        std::uint64_t inode = 0;
+        std::int64_t size = 0;                ///< bytes
+        std::int64_t modified = 0;            ///< nanoseconds since 1970
+        std::int64_t changed = 0;             ///< the same, of the file's metadata: a time of modification can be set back
+        std::int64_t embeddedGeneration = 0;  ///< of the capture's secrets
+        bool operator==(const SourceStamp&) const = default;
+    };
+
+    /// Why a file contributes no secrets, or nothing of the kind.
+    struct Examination {
+        enum class Problem : std::uint8_t {
+            none,
+            cannotOpen,  ///< `error` says why; a file that does not exist is one
+            cannotRead,  ///< `error` says why
+            isDirectory,
+            isNoFile,  ///< a pipe, a device, a socket
+            tooLarge,  ///< for the memory of this machine
+            isEmpty,
+            noValidLine,  ///< not one of its `lines` is a key log line
+        };
+        Problem problem = Problem::none;
+        int error = 0;           ///< errno
+        std::int64_t size = 0;   ///< bytes
+        std::int64_t lines = 0;  ///< comments and empty lines left out
+        std::int64_t validLines = 0;
+        std::int64_t firstInvalidLine = 0;  ///< counted from 1 over all lines; 0 when each is valid
+    };
+
+    /// The sources in the order of their texts: the capture's secrets, the managed key log, and then the user's files
+    /// (those of the override, else `userPath`) or, when there are none, `envPath`. Empty paths count as none.
+    static std::vector<Source> sources(const std::optional<std::string>& userPath, const std::optional<std::string>& envPath);
+    static std::vector<SourceStamp> signature(const std::vector<Source>& sources);
+    /// The bytes of the readable sources one behind another, each source's lines whole. What cannot be read contributes nothing.
+    static SecretText mergedText(const std::vector<Source>& sources);
+
+    /// Key log text of the secrets inside the opened capture, in place of any that was set before.
+    static void setEmbeddedSecrets(SecretText text);
+
+    /// Reads a file and says what is the matter with it. Lines are counted by the registered decryption probes; without
+    /// one, none are.
+    static Examination examine(const std::filesystem::path& file);
+};
+
+}  // namespace sealscope SEALSCOPE_API
