@@ -51,6 +51,12 @@ template <TLSVisitor<TLSRecord> Visit> void forEachRecord(const StreamData& byte
     detail::walkRecords(StreamReader(bytes), offset, visit);
 }
 
+/// The same with a reader that keeps its place, for a walk that is taken up again.
+template <TLSVisitor<TLSRecord> Visit> void forEachRecord(StreamReader& bytes, Visit visit, std::int64_t offset)
+{
+    detail::walkRecords(bytes, offset, visit);
+}
+
 /// The handshake messages of one record body, as `TLSDissector::parseHandshakeMessages` lists them.
 template <TLSVisitor<TLSHandshakeMessage> Visit> void forEachHandshakeMessage(DataView body, std::int64_t baseOffset, Visit visit)
 {

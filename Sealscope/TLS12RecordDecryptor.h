@@ -1,0 +1,112 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "host/VELModels/TCPSegment.h"
+#include "platform/AEAD.h"
+#include "platform/SymmetricKey.h"
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <vector>
+
+namespace sealscope {
+
+/// How a cipher suite protects records. The tag has 16 bytes in both cases.
+using AEADCipher = AEADAlgorithm;
+
+/// What decryption needs to know of a TLS 1.2 cipher suite. Lengths are bytes.
+struct TLS12SuiteParameters {
+    AEADCipher cipher = AEADCipher::aesGCM;
+    std::int64_t keyLength = 0;      ///< of each write key
+    std::int64_t fixedIVLength = 0;  ///< of each write IV in the key block
+    bool usesSHA384 = false;         ///< in the PRF; otherwise SHA-256
+    bool operator==(const TLS12SuiteParameters&) const = default;
+};
+
+/// One record of a direction as it was captured.
+struct TLS12Record {
+    std::uint8_t contentType = 0;
+    std::uint16_t version = 0x0303;  ///< of the record header
+    Data payload;                    ///< everything after the header
+    std::vector<std::int64_t> packetIds;
+    double timestamp = 0;  ///< seconds since 1970; 0 when unknown
+};
+
+/// One opened record, with the packets and the time of what it was opened from.
+struct TLS12DecryptedRecord {
+    Data plaintext;
+    std::vector<std::int64_t> packetIds;
+    double timestamp = 0;
+};
+
+/// Opens the application data of TLS 1.2 connections whose suite is an AEAD. Stateless; any thread may call any operation.
+struct TLS12RecordDecryptor {
+    TLS12RecordDecryptor() = delete;
+
+    struct DirectionKeys {
+        SymmetricKey key;
+        SecretBytes fixedIV;  ///< AES-GCM: the 4 implicit bytes of the nonce; ChaCha20-Poly1305: 12 bytes, to mix with the sequence number
+    };
+
+    /// Nothing for a suite that cannot be opened.
+    static std::optional<TLS12SuiteParameters> suiteParameters(std::uint16_t cipherSuite);
+    static SecretBytes hmac(DataView key, DataView data, bool usesSHA384);
+    /// The key expansion of RFC 5246 §6.3. Both randoms have 32 bytes, the master secret 48.
+    static std::optional<DirectionKeys> directionKeys(TCPSegment::Direction direction, const TLS12SuiteParameters& parameters,
+                                                      DataView clientRandom, DataView serverRandom, DataView masterSecret);
+
+    static std::array<std::uint8_t, 8> sequenceBytes(std::uint64_t sequence);
+    /// Additional data of a record (RFC 5246 §6.2.3.3); `length` is that of the plaintext.
+    static std::array<std::uint8_t, 13> additionalData(std::uint64_t sequence, std::uint8_t contentType, std::uint16_t version,
+                                                       std::uint16_t length);
+    /// RFC 7905 §2. An IV that does not have 12 bytes stays as it is.
+    static std::vector<std::uint8_t> chaChaNonce(DataView fixedIV, std::uint64_t sequence);
+    /// The plaintext, or nothing when the record is too short or does not authenticate.
+    static std::optional<Data> decrypt(const TLS12Record& record, const DirectionKeys& keys, std::uint64_t sequence, AEADCipher cipher);
+    /// Opens what opens of a direction's application data, from its ChangeCipherSpec on; what does not open is left out.
+    static std::vector<TLS12DecryptedRecord> decryptDirection(const std::vector<TLS12Record>& records, const DirectionKeys& keys,
+                                                              AEADCipher cipher);
+
+    class Opener;
+    class Walk;
+};
+
+/// Opens single records under one key.
+class TLS12RecordDecryptor::Opener {
+public:
+    Opener(const DirectionKeys& keys, AEADCipher cipher);
+
+    /// Opens a record's payload into `plaintext`, which has room for as many bytes as the payload has, and returns how many
+    /// the plaintext has; nothing when the record is too short or does not authenticate.
+    std::optional<std::int64_t> open(std::uint64_t sequence, std::uint16_t version, DataView payload, std::uint8_t* plaintext);
+
+private:
+    AEADCipher cipher_;
+    SecretBytes fixedIV_;
+    AEADOpener aead_;
+    std::vector<std::uint8_t> nonce_;
+};
+
+/// The walk of a direction, one record at a time: which records are protected, and which sequence number each has.
+class TLS12RecordDecryptor::Walk {
+public:
+    Walk(const DirectionKeys& keys, AEADCipher cipher) : opener_(keys, cipher) {}
+
+    /// Moves on to a direction's next record. True when it is protected application data, which `open` opens.
+    bool advance(std::uint8_t contentType);
+    std::optional<std::int64_t> open(std::uint16_t version, DataView payload, std::uint8_t* plaintext)
+    {
+        return opener_.open(sequence_ - 1, version, payload, plaintext);
+    }
+    /// ChangeCipherSpec records so far. The second begins another epoch, whose keys come from a handshake that is encrypted.
+    std::int64_t changeCipherSpecs() const { return changeCipherSpecs_; }
+
+private:
+    Opener opener_;
+    std::int64_t changeCipherSpecs_ = 0;
+    std::uint64_t sequence_ = 0;  ///< of the next protected record
+};
+
+}  // namespace sealscope

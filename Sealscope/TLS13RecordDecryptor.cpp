@@ -1,0 +1,129 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Sealscope/TLS13RecordDecryptor.h"
+
+#include "platform/HKDF.h"
+
+#include <algorithm>
+#include <functional>
+#include <utility>
+
+namespace sealscope {
+
+std::optional<TLS13SuiteParameters> TLS13RecordDecryptor::suiteParameters(std::uint16_t cipherSuite)
+{
+    switch (cipherSuite) {
+    case 0x1301: return TLS13SuiteParameters{AEADCipher::aesGCM, 16, 12, HashFunction::sha256};
+    case 0x1302: return TLS13SuiteParameters{AEADCipher::aesGCM, 32, 12, HashFunction::sha384};
+    case 0x1303: return TLS13SuiteParameters{AEADCipher::chaCha20Poly1305, 32, 12, HashFunction::sha256};
+    default: return std::nullopt;
+    }
+}
+
+std::vector<std::uint8_t> TLS13RecordDecryptor::hkdfLabel(std::uint16_t length, std::string_view label, DataView context)
+{
+    constexpr std::string_view prefix = "tls13 ";
+    std::vector<std::uint8_t> bytes{static_cast<std::uint8_t>(length >> 8), static_cast<std::uint8_t>(length),
+                                    static_cast<std::uint8_t>(prefix.size() + label.size())};
+    bytes.insert(bytes.end(), prefix.begin(), prefix.end());
+    bytes.insert(bytes.end(), label.begin(), label.end());
+    bytes.push_back(static_cast<std::uint8_t>(context.size()));
+    bytes.insert(bytes.end(), context.begin(), context.end());
+    return bytes;
+}
+
+std::optional<TLS13TrafficKeys> TLS13RecordDecryptor::trafficKeys(DataView secret, const TLS13SuiteParameters& suite)
+{
+    HMAC keyed(suite.hash, secret);
+    SecretBytes key(static_cast<std::size_t>(suite.keyLength));
+    SecretBytes iv(static_cast<std::size_t>(suite.ivLength));
+    if (!hkdfExpand(keyed, hkdfLabel(static_cast<std::uint16_t>(suite.keyLength), "key", {}), key)) return std::nullopt;
+    if (!hkdfExpand(keyed, hkdfLabel(static_cast<std::uint16_t>(suite.ivLength), "iv", {}), iv)) return std::nullopt;
+    return TLS13TrafficKeys{.key = SymmetricKey(viewOf(key)), .iv = std::move(iv)};
+}
+
+std::vector<std::uint8_t> TLS13RecordDecryptor::recordNonce(DataView iv, std::uint64_t sequence)
+{
+    std::vector<std::uint8_t> nonce(iv.begin(), iv.end());
+    if (nonce.size() < 8) return nonce;
+    const std::array<std::uint8_t, 8> counter = TLS12RecordDecryptor::sequenceBytes(sequence);
+    std::transform(counter.begin(), counter.end(), nonce.end() - 8, nonce.end() - 8, std::bit_xor{});
+    return nonce;
+}
+
+std::optional<Data> TLS13RecordDecryptor::open(const TLS13CipherRecord& record, const SymmetricKey& key, DataView nonce, AEADCipher cipher)
+{
+    const DataView body = record.body;
+    const std::int64_t length = body.size() - AEADOpener::tagSize;
+    if (length < 0) return std::nullopt;
+    std::vector<std::uint8_t> plaintext(static_cast<std::size_t>(length));
+    if (!AEADOpener(cipher, key.bytes()).open(nonce, record.header, body.sub(0, length), body.from(length), plaintext.data()))
+        return std::nullopt;
+    return Data(std::move(plaintext));
+}
+
+std::optional<std::pair<std::uint8_t, DataView>> TLS13RecordDecryptor::innerPlaintext(DataView bytes)
+{
+    std::int64_t typeAt = bytes.size() - 1;
+    while (typeAt >= 0 && bytes[typeAt] == 0) --typeAt;
+    if (typeAt < 0) return std::nullopt;
+    return std::pair(bytes[typeAt], bytes.sub(0, typeAt));
+}
+
+std::optional<TLS13RecordDecryptor::Opener::Opened> TLS13RecordDecryptor::Opener::open(DataView header, DataView body,
+                                                                                       std::uint8_t* plaintext)
+{
+    const std::int64_t length = body.size() - AEADOpener::tagSize;
+    if (length < 0) return std::nullopt;
+    const std::vector<std::uint8_t> nonce = recordNonce(viewOf(iv_), sequence_);
+    if (!aead_.open(nonce, header, body.sub(0, length), body.from(length), plaintext)) return std::nullopt;
+    const auto inner = innerPlaintext({plaintext, length});
+    if (!inner) return std::nullopt;
+    ++sequence_;
+    return Opened{.innerType = inner->first, .length = inner->second.size()};
+}
+
+std::optional<TLS13RecordDecryptor::Walk> TLS13RecordDecryptor::Walk::begin(std::optional<DataView> handshakeSecret,
+                                                                            DataView applicationSecret, const TLS13SuiteParameters& suite)
+{
+    const auto applicationKeys = trafficKeys(applicationSecret, suite);
+    if (!applicationKeys) return std::nullopt;
+    Walk walk(Opener(*applicationKeys, suite.cipher));
+    if (!handshakeSecret) return walk;
+    const auto handshakeKeys = trafficKeys(*handshakeSecret, suite);
+    if (!handshakeKeys) return std::nullopt;
+    walk.handshake_.emplace(*handshakeKeys, suite.cipher);
+    return walk;
+}
+
+std::optional<TLS13RecordDecryptor::Opener::Opened> TLS13RecordDecryptor::Walk::open(DataView header, DataView body,
+                                                                                     std::uint8_t* plaintext)
+{
+    // Too short for a tag: no key is given up over it.
+    if (body.size() < AEADOpener::tagSize) return std::nullopt;
+    if (handshake_) {
+        if (const auto opened = handshake_->open(header, body, plaintext)) return opened;
+        handshake_.reset();
+    }
+    return application_.open(header, body, plaintext);
+}
+
+std::optional<std::vector<TLS13DecryptedRecord>> TLS13RecordDecryptor::decryptRecords(const std::vector<TLS13CipherRecord>& records,
+                                                                                      std::optional<DataView> handshakeSecret,
+                                                                                      DataView applicationSecret, std::uint16_t cipherSuite)
+{
+    const auto suite = suiteParameters(cipherSuite);
+    if (!suite) return std::nullopt;
+    auto walk = Walk::begin(handshakeSecret, applicationSecret, *suite);
+    if (!walk) return std::nullopt;
+    std::vector<TLS13DecryptedRecord> decrypted;
+    for (const TLS13CipherRecord& record : records) {
+        std::vector<std::uint8_t> plaintext(static_cast<std::size_t>(record.body.size()));
+        const auto opened = walk->open(record.header, record.body, plaintext.data());
+        if (!opened) break;
+        plaintext.resize(static_cast<std::size_t>(opened->length));
+        decrypted.push_back({opened->innerType, Data(std::move(plaintext)), record.packetIds, record.timestamp});
+    }
+    return decrypted;
+}
+
+}  // namespace sealscope

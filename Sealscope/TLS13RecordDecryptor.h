@@ -1,0 +1,110 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "Sealscope/TLS12RecordDecryptor.h"
+#include "platform/HMAC.h"
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace sealscope {
+
+/// What decryption needs to know of a TLS 1.3 cipher suite. Lengths are bytes.
+struct TLS13SuiteParameters {
+    AEADCipher cipher = AEADCipher::aesGCM;
+    std::int64_t keyLength = 0;
+    std::int64_t ivLength = 12;
+    HashFunction hash = HashFunction::sha256;
+    bool operator==(const TLS13SuiteParameters&) const = default;
+};
+
+/// One protected record as it was captured.
+struct TLS13CipherRecord {
+    Data header;  ///< the 5 bytes of the record header, which are the additional data
+    Data body;    ///< tag included
+    std::vector<std::int64_t> packetIds;
+    double timestamp = 0;  ///< seconds since 1970; 0 when unknown
+};
+
+/// One opened record, with the packets and the time of what it was opened from.
+struct TLS13DecryptedRecord {
+    std::uint8_t innerType = 0;  ///< content type within the protection (RFC 8446 §5.2)
+    Data plaintext;              ///< without inner type and padding
+    std::vector<std::int64_t> packetIds;
+    double timestamp = 0;
+};
+
+/// The record keys of one traffic secret.
+struct TLS13TrafficKeys {
+    SymmetricKey key;
+    SecretBytes iv;
+};
+
+/// Opens the records of TLS 1.3 connections. Stateless; any thread may call any operation.
+struct TLS13RecordDecryptor {
+    TLS13RecordDecryptor() = delete;
+
+    /// Nothing for a suite that cannot be opened.
+    static std::optional<TLS13SuiteParameters> suiteParameters(std::uint16_t cipherSuite);
+    /// The HkdfLabel of RFC 8446 §7.1. The label without its prefix has at most 249 bytes, the context at most 255.
+    static std::vector<std::uint8_t> hkdfLabel(std::uint16_t length, std::string_view label, DataView context);
+    /// The keys of a traffic secret of any length (RFC 8446 §7.3); nothing where the cryptographic library refuses.
+    static std::optional<TLS13TrafficKeys> trafficKeys(DataView secret, const TLS13SuiteParameters& suite);
+    /// RFC 8446 §5.3. An IV shorter than 8 bytes stays as it is.
+    static std::vector<std::uint8_t> recordNonce(DataView iv, std::uint64_t sequence);
+    /// The inner plaintext, or nothing when the record is too short or does not authenticate.
+    static std::optional<Data> open(const TLS13CipherRecord& record, const SymmetricKey& key, DataView nonce, AEADCipher cipher);
+    /// Inner content type and content of an inner plaintext, which ends in the type and any number of zeros (RFC 8446 §5.2);
+    /// nothing when it is all zeros.
+    static std::optional<std::pair<std::uint8_t, DataView>> innerPlaintext(DataView bytes);
+    /// Opens a direction's records, first with the handshake keys, where there are any, and from the first that these do not
+    /// open on with the application keys; ends at the first that does not open. Nothing when the suite cannot be opened.
+    static std::optional<std::vector<TLS13DecryptedRecord>> decryptRecords(const std::vector<TLS13CipherRecord>& records,
+                                                                           std::optional<DataView> handshakeSecret,
+                                                                           DataView applicationSecret, std::uint16_t cipherSuite);
+
+    class Opener;
+    class Walk;
+};
+
+/// Opens records under the keys of one traffic secret, in order.
+class TLS13RecordDecryptor::Opener {
+public:
+    struct Opened {
+        std::uint8_t innerType = 0;
+        std::int64_t length = 0;  ///< bytes of content
+    };
+
+    Opener(const TLS13TrafficKeys& keys, AEADCipher cipher) : iv_(keys.iv), aead_(cipher, keys.key.bytes()) {}
+
+    /// Opens the record that follows those opened before into `plaintext`, which has room for as many bytes as the body has.
+    /// A record that does not open leaves the sequence number as it is.
+    std::optional<Opened> open(DataView header, DataView body, std::uint8_t* plaintext);
+
+private:
+    SecretBytes iv_;
+    AEADOpener aead_;
+    std::uint64_t sequence_ = 0;
+};
+
+/// The walk of a direction, one record at a time.
+class TLS13RecordDecryptor::Walk {
+public:
+    /// Nothing where the cryptographic library refuses.
+    static std::optional<Walk> begin(std::optional<DataView> handshakeSecret, DataView applicationSecret,
+                                     const TLS13SuiteParameters& suite);
+
+    /// Opens the direction's next protected record as `Opener` does; nothing ends the walk.
+    std::optional<Opener::Opened> open(DataView header, DataView body, std::uint8_t* plaintext);
+
+private:
+    explicit Walk(Opener application) : application_(std::move(application)) {}
+
+    std::optional<Opener> handshake_;  ///< until the first record that it does not open
+    Opener application_;
+};
+
+}  // namespace sealscope

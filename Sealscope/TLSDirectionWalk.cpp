@@ -1,0 +1,129 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Sealscope/TLSDirectionWalk.h"
+
+#include "Sealscope/TLSNames.h"
+#include "Sealscope/TLSWalk.h"
+
+#include <array>
+#include <utility>
+
+namespace sealscope {
+
+namespace {
+
+constexpr std::int64_t masterSecretLength = 48;  // RFC 5246 §8.1
+constexpr std::uint8_t applicationData = std::to_underlying(TLSContentType::applicationData);
+
+std::optional<TLS12RecordDecryptor::Walk> beginTLS12(TCPSegment::Direction direction, const TLSStreamDecryption::Context& context,
+                                                     const TLSKeyLog& keyLog)
+{
+    const auto masterSecret = keyLog.secrets.find(secretLabels(false, direction).application, context.clientRandom);
+    if (!masterSecret || masterSecret->size() != masterSecretLength) return std::nullopt;
+    const auto parameters = TLS12RecordDecryptor::suiteParameters(context.cipherSuite);
+    if (!parameters) return std::nullopt;
+    const auto keys =
+        TLS12RecordDecryptor::directionKeys(direction, *parameters, context.clientRandom, context.serverRandom, *masterSecret);
+    if (!keys) return std::nullopt;
+    return TLS12RecordDecryptor::Walk(*keys, parameters->cipher);
+}
+
+std::optional<TLS13RecordDecryptor::Walk> beginTLS13(TCPSegment::Direction direction, const TLSStreamDecryption::Context& context,
+                                                     const TLSKeyLog& keyLog)
+{
+    const TLSSecretLabels labels = secretLabels(true, direction);
+    const auto applicationSecret = keyLog.secrets.find(labels.application, context.clientRandom);
+    if (!applicationSecret) return std::nullopt;
+    const auto handshakeSecret = keyLog.secrets.find(labels.handshake, context.clientRandom);
+    const auto suite = TLS13RecordDecryptor::suiteParameters(context.cipherSuite);
+    if (!suite) return std::nullopt;
+    return TLS13RecordDecryptor::Walk::begin(handshakeSecret, *applicationSecret, *suite);
+}
+
+}  // namespace
+
+std::optional<TLSDirectionWalk> TLSDirectionWalk::begin(const StreamData& data, TCPSegment::Direction direction,
+                                                        const TLSStreamDecryption::Context& context, const TLSKeyLog& keyLog)
+{
+    if (context.isTLS13) {
+        if (auto walk = beginTLS13(direction, context, keyLog)) return TLSDirectionWalk(data, std::move(*walk));
+    } else {
+        if (auto walk = beginTLS12(direction, context, keyLog)) return TLSDirectionWalk(data, std::move(*walk));
+    }
+    return std::nullopt;
+}
+
+bool TLSDirectionWalk::isProtected(const TLSRecord& record)
+{
+    if (auto* walk = std::get_if<TLS12RecordDecryptor::Walk>(&records_)) return walk->advance(record.contentType);
+    return record.contentType == applicationData;
+}
+
+bool TLSDirectionWalk::moveToProtectedRecord()
+{
+    bool isFound = false;
+    forEachRecord(
+        reader_,
+        [&](const TLSRecord& record) {
+            if (record.isTruncated) return false;
+            record_ = record;
+            isFound = isProtected(record);
+            return !isFound;
+        },
+        nextOffset_);
+    nextOffset_ = isFound ? record_.endOffset() : data_->size();
+    return isFound;
+}
+
+std::optional<TLS13RecordDecryptor::Opener::Opened> TLSDirectionWalk::open(DataView body, std::uint8_t* target)
+{
+    if (auto* walk = std::get_if<TLS12RecordDecryptor::Walk>(&records_)) {
+        const auto length = walk->open(record_.version(), body, target);
+        if (!length) return std::nullopt;
+        return TLS13RecordDecryptor::Opener::Opened{.innerType = applicationData, .length = *length};
+    }
+    const std::array<std::uint8_t, TLSRecord::headerLength> header{record_.contentType, record_.majorVersion, record_.minorVersion,
+                                                                   static_cast<std::uint8_t>(record_.declaredLength >> 8),
+                                                                   static_cast<std::uint8_t>(record_.declaredLength)};
+    return std::get<TLS13RecordDecryptor::Walk>(records_).open(DataView(header), body, target);
+}
+
+TLSDirectionWalk::Step TLSDirectionWalk::next(std::uint8_t* target)
+{
+    if (!moveToProtectedRecord()) return Step::end;
+    const DataView body = data_->gather(record_.bodyOffset, record_.declaredLength, gathered_);
+    if (!target) {
+        if (static_cast<std::int64_t>(buffer_.size()) < body.size()) buffer_.resize(static_cast<std::size_t>(body.size()));
+        target = buffer_.data();
+    }
+    const auto opened = open(body, target);
+    if (!opened) {
+        if (std::holds_alternative<TLS13RecordDecryptor::Walk>(records_)) nextOffset_ = data_->size();
+        return Step::refused;
+    }
+    innerType_ = opened->innerType;
+    plaintext_ = {target, opened->length};
+    return Step::opened;
+}
+
+TLSDirectionWalk::Step TLSDirectionWalk::next() { return next(nullptr); }
+
+bool TLSDirectionWalk::nextApplicationData()
+{
+    while (true) {
+        switch (next()) {
+        case Step::opened:
+            if (innerType_ == applicationData && !plaintext_.isEmpty()) return true;
+            break;
+        case Step::refused: break;
+        case Step::end: return false;
+        }
+    }
+}
+
+std::int64_t TLSDirectionWalk::changeCipherSpecs() const
+{
+    const auto* walk = std::get_if<TLS12RecordDecryptor::Walk>(&records_);
+    return walk ? walk->changeCipherSpecs() : 0;
+}
+
+}  // namespace sealscope

@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "Sealscope/TLSRecord.h"
+#include "Sealscope/TLSStreamDecryption.h"
+
+#include <cstdint>
+#include <optional>
+#include <variant>
+#include <vector>
+
+namespace sealscope {
+
+/// Opens the protected records of one direction of a stream one after another. Everything that decrypts a stream does it
+/// by this walk, and takes from it no more records than it needs. Used by one thread; outlived by the data.
+class TLSDirectionWalk {
+public:
+    /// Nothing when the key log lacks the direction's secret or has one of no usable length, or the suite cannot be opened.
+    static std::optional<TLSDirectionWalk> begin(const StreamData& data, TCPSegment::Direction direction,
+                                                 const TLSStreamDecryption::Context& context, const TLSKeyLog& keyLog);
+
+    enum class Step : std::uint8_t {
+        opened,   ///< `innerType` and `plaintext` tell what came out
+        refused,  ///< the record does not open; in TLS 1.3 none is tried after it
+        end,
+    };
+    /// Moves on to the next protected record and opens it into a buffer of the walk.
+    Step next();
+    /// The same into `target`, which has room for as many bytes as the direction has.
+    Step next(std::uint8_t* target);
+    /// Moves on to the next record of application data that opens and is not empty; false at the end.
+    bool nextApplicationData();
+
+    const TLSRecord& record() const { return record_; }  ///< the last that `next` moved to
+    std::uint8_t innerType() const { return innerType_; }
+    DataView plaintext() const { return plaintext_; }
+    /// ChangeCipherSpec records met so far; counted for TLS 1.2 alone.
+    std::int64_t changeCipherSpecs() const;
+
+private:
+    using Records = std::variant<TLS12RecordDecryptor::Walk, TLS13RecordDecryptor::Walk>;
+    TLSDirectionWalk(const StreamData& data, Records records) : data_(&data), reader_(data), records_(std::move(records)) {}
+
+    bool moveToProtectedRecord();
+    bool isProtected(const TLSRecord& record);
+    std::optional<TLS13RecordDecryptor::Opener::Opened> open(DataView body, std::uint8_t* target);
+
+    const StreamData* data_;
+    StreamReader reader_;
+    Records records_;
+    TLSRecord record_;
+    std::int64_t nextOffset_ = 0;
+    std::uint8_t innerType_ = 0;
+    DataView plaintext_;
+    std::vector<std::uint8_t> gathered_;
+    std::vector<std::uint8_t> buffer_;
+};
+
+}  // namespace sealscope

@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Sealscope/TLSKeyLogStore.h"
+
+#include "host/VELCommonTools/KeylogUserFile.h"
+#include "platform/UserDefaults.h"
+
+#include <cstdlib>
+#include <string>
+#include <utility>
+
+namespace sealscope {
+
+TLSKeyLogStore& TLSKeyLogStore::shared()
+{
+    static TLSKeyLogStore store;
+    return store;
+}
+
+void TLSKeyLogStore::reloadIfNeeded()
+{
+    const auto userPath = KeylogUserFile::resolvedPath(UserDefaults::standard());
+    const char* const environment = std::getenv("SSLKEYLOGFILE");
+    const auto envPath = environment ? std::optional<std::string>(environment) : std::nullopt;
+    const std::vector<MergedKeylog::Source> sources = MergedKeylog::sources(userPath, envPath);
+    std::vector<MergedKeylog::SourceStamp> signature = MergedKeylog::signature(sources);
+    {
+        const std::lock_guard lock(mutex_);
+        if (state_.keyLog && state_.signature == signature) return;
+    }
+    State fresh{std::move(signature), TLSKeyLog(MergedKeylog::mergedText(sources))};
+    const std::lock_guard lock(mutex_);
+    // What was there before is let go after the lock.
+    std::swap(state_, fresh);
+}
+
+std::optional<Data> TLSKeyLogStore::secret(std::string_view label, DataView clientRandom)
+{
+    return current().secrets.find(label, clientRandom);
+}
+
+TLSKeyLog TLSKeyLogStore::current()
+{
+    reloadIfNeeded();
+    const std::lock_guard lock(mutex_);
+    return state_.keyLog.value_or(TLSKeyLog{});
+}
+
+}  // namespace sealscope

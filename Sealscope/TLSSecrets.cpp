@@ -1,0 +1,148 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Sealscope/TLSSecrets.h"
+
+#include "platform/SecretMemory.h"
+
+#include <absl/container/flat_hash_set.h>
+#include <absl/hash/hash.h>
+#include <algorithm>
+#include <cstring>
+#include <utility>
+#include <vector>
+
+// A key log of a million lines is ordinary on a busy server, so an entry costs little more than its bytes: label, client
+// random and secret lie one behind another in large blocks, and the hash table holds a pointer an entry.
+
+namespace sealscope {
+
+namespace {
+
+/// Stands in front of an entry's bytes: label, client random, secret.
+struct Entry {
+    std::int64_t labelLength = 0;
+    std::int64_t randomLength = 0;
+    std::int64_t secretLength = 0;
+
+    const std::uint8_t* bytes() const { return reinterpret_cast<const std::uint8_t*>(this + 1); }
+    DataView label() const { return {bytes(), labelLength}; }
+    DataView clientRandom() const { return {bytes() + labelLength, randomLength}; }
+    DataView secret() const { return {bytes() + labelLength + randomLength, secretLength}; }
+};
+
+struct Key {
+    std::string_view label;
+    std::string_view clientRandom;
+    bool operator==(const Key&) const = default;
+};
+
+Key keyOf(const Key& key) { return key; }
+Key keyOf(const Entry* entry) { return {entry->label().text(), entry->clientRandom().text()}; }
+
+struct KeyHash {
+    using is_transparent = void;
+    std::size_t operator()(const auto& item) const
+    {
+        const Key key = keyOf(item);
+        return absl::HashOf(key.label, key.clientRandom);
+    }
+};
+
+struct KeyEqual {
+    using is_transparent = void;
+    bool operator()(const auto& a, const auto& b) const { return keyOf(a) == keyOf(b); }
+};
+
+/// Memory that is given out front to back and wiped as a whole.
+class Blocks {
+public:
+    Blocks() = default;
+    Blocks(const Blocks&) = delete;
+    Blocks& operator=(const Blocks&) = delete;
+    ~Blocks()
+    {
+        for (const Block& block : blocks_) wipe(block.words.get(), block.used * sizeof(Word));
+    }
+
+    void* allocate(std::size_t size)
+    {
+        const std::size_t words = (size + sizeof(Word) - 1) / sizeof(Word);
+        if (blocks_.empty() || blocks_.back().size - blocks_.back().used < words) addBlock(words);
+        Block& block = blocks_.back();
+        return block.words.get() + std::exchange(block.used, block.used + words);
+    }
+
+private:
+    using Word = std::uint64_t;
+    struct Block {
+        std::unique_ptr<Word[]> words;
+        std::size_t size = 0;
+        std::size_t used = 0;
+    };
+
+    /// Blocks grow from 4 KiB to 1 MiB, so that a small key log stays small and a large one wastes no more than a block.
+    void addBlock(std::size_t words)
+    {
+        const std::size_t grown = blocks_.empty() ? 512 : std::min<std::size_t>(blocks_.back().size * 2, 131'072);
+        const std::size_t size = std::max(words, grown);
+        blocks_.push_back({.words = std::make_unique_for_overwrite<Word[]>(size), .size = size});
+    }
+
+    std::vector<Block> blocks_;
+};
+
+}  // namespace
+
+class TLSSecrets::Storage {
+public:
+    void put(const Key& key, DataView secret)
+    {
+        const auto found = entries.find(key);
+        if (found != entries.end()) {
+            if ((*found)->secret() == secret) return;
+            entries.erase(found);
+        }
+        const DataView label(key.label);
+        const DataView clientRandom(key.clientRandom);
+        void* const memory = blocks.allocate(sizeof(Entry) + static_cast<std::size_t>(label.size() + clientRandom.size() + secret.size()));
+        auto* bytes = static_cast<std::uint8_t*>(memory) + sizeof(Entry);
+        for (const DataView part : {label, clientRandom, secret}) bytes = std::copy(part.begin(), part.end(), bytes);
+        entries.insert(new (memory) Entry{label.size(), clientRandom.size(), secret.size()});
+    }
+
+    absl::flat_hash_set<const Entry*, KeyHash, KeyEqual> entries;
+    Blocks blocks;
+};
+
+std::int64_t TLSSecrets::size() const { return storage_ ? static_cast<std::int64_t>(storage_->entries.size()) : 0; }
+
+std::optional<Data> TLSSecrets::find(std::string_view label, DataView clientRandom) const
+{
+    if (!storage_) return std::nullopt;
+    const auto found = storage_->entries.find(Key{label, clientRandom.text()});
+    if (found == storage_->entries.end()) return std::nullopt;
+    return Data(storage_, (*found)->secret());
+}
+
+void TLSSecrets::forEach(const std::function<void(std::string_view, DataView, DataView)>& visit) const
+{
+    if (!storage_) return;
+    for (const Entry* entry : storage_->entries) visit(entry->label().text(), entry->clientRandom(), entry->secret());
+}
+
+TLSSecrets::Builder::Builder(std::int64_t expectedSecrets) : storage_(std::make_shared<Storage>())
+{
+    storage_->entries.reserve(static_cast<std::size_t>(expectedSecrets));
+}
+
+void TLSSecrets::Builder::put(std::string_view label, DataView clientRandom, DataView secret)
+{
+    storage_->put({label, clientRandom.text()}, secret);
+}
+
+TLSSecrets TLSSecrets::Builder::take() &&
+{
+    if (storage_->entries.empty()) storage_.reset();
+    return TLSSecrets(std::exchange(storage_, std::make_shared<Storage>()));
+}
+
+}  // namespace sealscope

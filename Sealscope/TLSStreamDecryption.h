@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "Sealscope/TLS12RecordDecryptor.h"
+#include "Sealscope/TLS13RecordDecryptor.h"
+#include "Sealscope/TLSHandshake.h"
+#include "Sealscope/TLSKeyLog.h"
+#include "host/VELModels/TCPStream.h"
+
+#include <cstdint>
+#include <expected>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+namespace sealscope {
+
+/// Decrypts whole streams with the secrets of `TLSKeyLogStore::shared`, one direction at a time. Stateless; any thread may
+/// call any operation.
+struct TLSStreamDecryption {
+    TLSStreamDecryption() = delete;
+
+    /// The parameters of one connection.
+    struct Context {
+        Data clientRandom;  ///< of the first ClientHello
+        Data serverRandom;  ///< of the first ServerHello
+        std::uint16_t cipherSuite = 0;
+        bool isTLS13 = false;
+    };
+
+    /// Why a stream has no context.
+    enum class ContextFailure : std::uint8_t { noHandshake, unsupportedVersion };
+
+    /// The plaintext of one direction: its application data, and which packets carried them.
+    struct DirectionPlain {
+        Data data;
+        ByteToSegmentIndex index;
+    };
+
+    static std::expected<Context, ContextFailure> context(const TCPStream& stream);
+    /// What the two hellos settle; the client random is not looked at.
+    static std::expected<Context, ContextFailure> context(Data clientRandom, const ServerHelloInfo& serverHello);
+    // The first hello that lies within one record; one that is spread over records is not found.
+    static std::optional<Data> firstClientRandom(const StreamData& clientToServer);
+    static std::optional<ServerHelloInfo> firstServerHello(const StreamData& serverToClient);
+
+    // Nothing when a secret is missing or has no usable length, the suite cannot be opened, or no application data opens.
+    static std::optional<DirectionPlain> decryptTLS12(TCPSegment::Direction direction, const TCPStream& stream, const Context& context);
+    static std::optional<DirectionPlain> decryptTLS13(TCPSegment::Direction direction, const TCPStream& stream, const Data& clientRandom,
+                                                      std::uint16_t cipherSuite);
+    /// One of the two, by the context's version, with the secrets of a key log.
+    static std::optional<DirectionPlain> decrypt(TCPSegment::Direction direction, const TCPStream& stream, const Context& context,
+                                                 const TLSKeyLog& keyLog);
+    /// Opened records one behind another; nothing when they hold no byte.
+    static std::optional<DirectionPlain> plainDirection(const std::vector<TLS12DecryptedRecord>& records);
+};
+
+/// The labels of a version's secrets for one direction. TLS 1.2 has one for both directions, and no handshake secret.
+struct TLSSecretLabels {
+    std::string_view application;
+    std::string_view handshake;
+};
+TLSSecretLabels secretLabels(bool isTLS13, TCPSegment::Direction direction);
+
+}  // namespace sealscope
