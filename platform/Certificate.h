@@ -16,7 +16,7 @@ namespace sealscope SEALSCOPE_API {
 /// as the certificate has them, control characters and NUL included. Not copyable; any thread may read it.
 class Certificate {
 public:
-    /// Longer ones, forty times what is seen in the wild, are not read: what they hold could grow to many times their size.
+    /// Longer ones, ten times what TLS libraries accept as a whole chain, are not read: their parts take many times their bytes.
     static constexpr std::int64_t longestDER = 1 << 20;
 
     /// One attribute of a distinguished name (RFC 5280 §4.1.2.4).
