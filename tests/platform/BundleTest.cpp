@@ -164,5 +164,11 @@ TEST(Bundle, CodeOutsideBundlesHasAnEmptyOne)
     EXPECT_EQ(&Bundle::containing(&local), &bundle) << "an address of no module";
 }
 
+TEST(Bundle, TheProgramsTextsLieBesideIt)
+{
+    EXPECT_EQ(Bundle::main().path(), std::filesystem::read_symlink("/proc/self/exe").parent_path());
+    EXPECT_EQ(Bundle::main().localizedString("key", "Localizable"), "key");
+}
+
 }  // namespace
 }  // namespace sealscope
