@@ -2,6 +2,7 @@
 #include "Sealscope/TLSPlugInController.h"
 
 #include "Sealscope/PlugInBundle.h"
+#include "Sealscope/TLSDecryptionProbe.h"
 #include "Sealscope/TLSKeylogSection.h"
 #include "Sealscope/TLSNames.h"
 #include "Sealscope/TLSProtocolAnalyzer.h"
@@ -161,6 +162,7 @@ bool TLSPlugInController::setupPlugIn()
         .plugInColumnKeyBindings = std::move(columns),
     };
     const bool isRegistered = VELPlugInsController::sharedManager().registerVELPlugIn(structure, bundle);
+    TLSDecryptionProbeRegistry::shared().registerProbe(std::make_shared<const TLSDecryptionProbe>());
     setPluginStruct(std::move(structure));
     return isRegistered;
 }

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 namespace sealscope {
 
@@ -141,6 +142,18 @@ TEST_F(TLSKeylogSectionTest, IsLaidOutInThreeGroups)
     EXPECT_TRUE(path.isSelectable);
     EXPECT_EQ(std::get<HStack>(managed.content()).children[1].style().tooltip,
               "Copy an export line to point a browser or curl at the managed key log");
+}
+
+TEST_F(TLSKeylogSectionTest, ShowsNoTextThatIsNotTranslated)
+{
+    const Data bytes = readFile(SEALSCOPE_SOURCE_DIR "/app/resources/de.lproj/Localizable.json");
+    const auto table = nlohmann::json::parse(bytes.view().text());
+    std::vector<std::string> texts{field().placeholder, "Copy an export line to point a browser or curl at the managed key log"};
+    for (const Button& button : all<Button>(view)) texts.push_back(button.title);
+    for (const Text& text : all<Text>(view)) texts.push_back(text.text);
+    const auto isShownAsWritten = [](const std::string& text) { return text == managedKeylog || text.starts_with("Point this at"); };
+    EXPECT_EQ(std::erase_if(texts, isShownAsWritten), 2U);
+    for (const std::string& text : texts) EXPECT_TRUE(table.contains(text)) << text;
 }
 
 TEST_F(TLSKeylogSectionTest, BindsTheFieldBothWaysAndAnnouncesEachChange)

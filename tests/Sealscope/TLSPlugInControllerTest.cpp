@@ -48,7 +48,9 @@ protected:
 
 TEST_F(TLSPlugInControllerTest, DescribesThePlugInToTheHost)
 {
+    const std::size_t probes = TLSDecryptionProbeRegistry::shared().snapshot().size();
     const TLSPlugInController controller;
+    EXPECT_EQ(TLSDecryptionProbeRegistry::shared().snapshot().size(), probes + 1);
     ASSERT_TRUE(controller.pluginStruct());
     const VELPlugInStructure& plugIn = *controller.pluginStruct();
     EXPECT_EQ(plugIn.plugInTitle, "Sealscope");
