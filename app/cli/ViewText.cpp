@@ -170,7 +170,7 @@ private:
         const auto isFlexible = [](const AnyView& view) {
             return view.style().lineLimit == 1 || std::holds_alternative<TextField>(view.content());
         };
-        int left = columns;
+        int left = columns == boundless ? boundless : columns + gap;
         for (const AnyView& child : stack.children) {
             if (columns == boundless) break;
             left -= gap;
