@@ -85,7 +85,8 @@ int appendUnicode(std::string& output, std::string_view text, int columns)
     int cutWidth = 0;
     for (std::int64_t offset = 0; offset < bytes.size();) {
         const utf8::Scalar scalar = *utf8::scalarAt(bytes, offset);
-        const int scalarWidth = isInvisible(scalar.value) ? -1 : ::wcwidth(static_cast<wchar_t>(scalar.value));
+        const bool isHidden = scalar.value < 0x20 || isInvisible(scalar.value);
+        const int scalarWidth = isHidden ? -1 : ::wcwidth(static_cast<wchar_t>(scalar.value));
         const Piece piece = scalarWidth < 0 ? escaped(scalar.value, escape) : Piece{bytes.sub(offset, scalar.length).text(), scalarWidth};
         if (piece.width > columns - width) {
             output.resize(cut);

@@ -4,10 +4,13 @@
 #include "platform/Base64.h"
 #include "platform/UTF8.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstring>
 #include <fmt/format.h>
 #include <type_traits>
+#include <utility>
 #include <variant>
 
 namespace sealscope::cli {
@@ -20,6 +23,20 @@ constexpr auto isPlain = [] {
     for (int byte = 0x20; byte < 0x7F; ++byte) plain[static_cast<std::size_t>(byte)] = byte != '"' && byte != '\\';
     return plain;
 }();
+
+/// Whether eight characters are all plain; read at once, since most of what is written is.
+bool areEightPlain(const std::uint8_t* characters)
+{
+    constexpr std::uint64_t ones = 0x0101010101010101;
+    constexpr std::uint64_t tops = ones << 7;
+    std::uint64_t word;
+    std::memcpy(&word, characters, sizeof word);
+    // The top bit of a byte comes out set where the byte is below the bound (up to 0x80), and perhaps in those above the
+    // first such byte, which changes nothing here.
+    const auto below = [](std::uint64_t bytes, std::uint64_t bound) { return (bytes - ones * bound) & ~bytes; };
+    const auto holds = [&](std::uint64_t byte) { return below(word ^ (ones * byte), 1); };
+    return ((word | below(word, 0x20) | holds('"') | holds('\\') | holds(0x7F)) & tops) == 0;
+}
 
 void appendEscape(std::string& text, char32_t scalar)
 {
@@ -37,29 +54,49 @@ void appendEscape(std::string& text, char32_t scalar)
     unit(0xDC00 + ((scalar - 0x10000) & 0x3FF));
 }
 
-/// Of the characters that are not plain: those that JSON wants escaped, that are line ends to some readers (LINE and
-/// PARAGRAPH SEPARATOR), or that terminals obey (controls, direction marks and overrides).
+/// Characters that JSON wants escaped, that are line ends to some readers (LINE and PARAGRAPH SEPARATOR), or that terminals
+/// obey (controls, direction marks and overrides).
 bool wantsEscape(char32_t scalar)
 {
+    if (scalar < 0x80) return !isPlain[scalar];
     return scalar < 0xA0 || (scalar >= 0x200E && scalar <= 0x200F) || (scalar >= 0x2028 && scalar <= 0x202E) ||
            (scalar >= 0x2066 && scalar <= 0x2069) || scalar == 0x061C || scalar == 0xFEFF;
+}
+
+bool areAllPlain(DataView bytes)
+{
+    std::int64_t offset = 0;
+    for (; bytes.size() - offset >= 8; offset += 8)
+        if (!areEightPlain(bytes.data() + offset)) return false;
+    return std::ranges::all_of(bytes.from(offset), [](std::uint8_t byte) { return isPlain[byte]; });
+}
+
+/// Appends a text in quotation marks, character by character.
+void appendEscaped(std::string& text, std::string_view characters)
+{
+    const std::string repaired = utf8::repaired(DataView(characters));
+    const DataView bytes(repaired);
+    text += '"';
+    for (std::int64_t offset = 0; offset < bytes.size();) {
+        const utf8::Scalar scalar = *utf8::scalarAt(bytes, offset);
+        if (wantsEscape(scalar.value))
+            appendEscape(text, scalar.value);
+        else
+            text += bytes.sub(offset, scalar.length).text();
+        offset += scalar.length;
+    }
+    text += '"';
 }
 
 }  // namespace
 
 void JSONLineWriter::key(std::string_view name)
 {
-    separate();
-    quoted(name);
-    text_ += ':';
+    quoted(name, ":");
     needsComma_ = false;
 }
 
-void JSONLineWriter::value(std::string_view characters)
-{
-    separate();
-    quoted(characters);
-}
+void JSONLineWriter::value(std::string_view characters) { quoted(characters, ""); }
 
 void JSONLineWriter::integer(std::int64_t number)
 {
@@ -77,34 +114,27 @@ void JSONLineWriter::value(double number)
     if (shortest.find_first_of(".e") == std::string_view::npos) text_ += ".0";
 }
 
-void JSONLineWriter::quoted(std::string_view characters)
+void JSONLineWriter::quoted(std::string_view characters, std::string_view behind)
 {
-    const DataView bytes(characters);
-    const std::size_t start = text_.size();
-    text_ += '"';
-    std::int64_t written = 0;
-    const auto writeUpTo = [&](std::int64_t offset) {
-        text_.append(characters, static_cast<std::size_t>(written), static_cast<std::size_t>(offset - written));
-    };
-    for (std::int64_t offset = 0; offset < bytes.size();) {
-        if (isPlain[bytes[offset]]) {
-            ++offset;
-            continue;
-        }
-        const auto scalar = utf8::scalarAt(bytes, offset);
-        if (!scalar) {
-            text_.resize(start);
-            return quoted(utf8::repaired(bytes));
-        }
-        if (wantsEscape(scalar->value)) {
-            writeUpTo(offset);
-            appendEscape(text_, scalar->value);
-            written = offset + scalar->length;
-        }
-        offset += scalar->length;
+    if (!areAllPlain(DataView(characters))) {
+        separate();
+        appendEscaped(text_, characters);
+        text_ += behind;
+        return;
     }
-    writeUpTo(bytes.size());
-    text_ += '"';
+    // Most texts: one growth of the line for all of it.
+    const bool hasComma = std::exchange(needsComma_, true);
+    const std::size_t start = text_.size();
+    const std::size_t end = start + characters.size() + behind.size() + 2 + hasComma;
+    text_.resize_and_overwrite(end, [&](char* line, std::size_t) {  // whose size may be what the text has room for
+        char* next = line + start;
+        if (hasComma) *next++ = ',';
+        *next++ = '"';
+        next = std::ranges::copy(characters, next).out;
+        *next++ = '"';
+        std::ranges::copy(behind, next);
+        return end;
+    });
 }
 
 void JSONLineWriter::value(const VELValue& any)

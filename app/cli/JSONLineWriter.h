@@ -73,7 +73,7 @@ private:
         text_ += word;
     }
     void integer(std::int64_t number);
-    void quoted(std::string_view characters);
+    void quoted(std::string_view characters, std::string_view behind);
 
     std::string& text_;
     bool needsComma_ = false;

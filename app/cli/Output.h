@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -11,7 +12,7 @@
 
 namespace sealscope::cli {
 
-/// A descriptor that text is written to in large blocks. One thread writes; `flushEvery` adds one of its own.
+/// A descriptor that text is written to in large blocks. One thread at a time writes; `flushEvery` adds one of its own.
 class Output {
 public:
     explicit Output(int descriptor) : descriptor_(descriptor) { buffer_.reserve(capacity + capacity / 4); }
@@ -44,7 +45,7 @@ private:
     int descriptor_;
     std::string buffer_;
     bool flushesEachWrite_ = false;
-    bool isOpen_ = true;
+    std::atomic<bool> isOpen_ = true;
     int error_ = 0;
     std::function<void()> prepare_;
     std::mutex mutex_;  ///< guards the buffer, once a second thread flushes it

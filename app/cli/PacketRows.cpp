@@ -34,7 +34,8 @@ private:
 class TableRows final : public PacketRowFormat {
 public:
     TableRows(const PacketAnalyzers& analyzers, const Terminal& terminal)
-        : texts_(fixedColumns + analyzers.columnTitles().size() + 1), cells_(texts_.size()), table_(columns(analyzers), terminal)
+        : isNarrow_(terminal.columns > 0 && terminal.columns < 100), texts_(fixedColumns + analyzers.columnTitles().size() + 1),
+          cells_(texts_.size()), table_(columns(analyzers), terminal)
     {}
 
     void prepare(std::span<const PacketRow> rows) override
@@ -54,13 +55,18 @@ private:
     static std::vector<TextColumn> columns(const PacketAnalyzers& analyzers)
     {
         std::vector<TextColumn> columns{
-            {.title = "No.", .alignment = TextColumn::Alignment::right, .narrowest = 4, .widest = 12, .style = Style::faint},
-            {.title = "Time", .narrowest = 12, .widest = TimeText::clockWidth, .style = Style::faint},
-            {.title = "Source", .narrowest = 9, .widest = 47, .style = Style::accent},
-            {.title = "Destination", .narrowest = 9, .widest = 47, .style = Style::accent},
+            {.title = "No.",
+             .alignment = TextColumn::Alignment::right,
+             .narrowest = 4,
+             .widest = 12,
+             .isFirm = true,
+             .style = Style::faint},
+            {.title = "Time", .narrowest = 12, .widest = TimeText::clockWidth, .isFirm = true, .style = Style::faint},
+            {.title = "Source", .narrowest = 9, .widest = 47, .isFirm = true, .style = Style::accent},
+            {.title = "Destination", .narrowest = 9, .widest = 47, .isFirm = true, .style = Style::accent},
         };
         for (const std::string& title : analyzers.columnTitles()) columns.push_back({.title = title, .narrowest = 6, .widest = 32});
-        columns.push_back({.title = "Info", .narrowest = 24});
+        columns.push_back({.title = "Info", .narrowest = 16});
         return columns;
     }
 
@@ -69,6 +75,7 @@ private:
         for (std::string& text : texts_) text.clear();
         texts_[0] = fmt::format_int(row.number).c_str();
         time_.appendClock(texts_[1], row.time);
+        if (isNarrow_) texts_[1].resize(TimeText::clockWidth - 3);  // milliseconds are enough there
         texts_[2] = endpoints_.text(row.source);
         texts_[3] = endpoints_.text(row.destination);
         for (const PacketPlugIn::Column& column : row.match.plugIn->columns)
@@ -79,6 +86,7 @@ private:
         return cells_;
     }
 
+    bool isNarrow_;
     std::vector<std::string> texts_;
     std::vector<std::string_view> cells_;
     TextTable table_;

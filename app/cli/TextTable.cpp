@@ -36,9 +36,16 @@ void TextTable::fitToTerminal()
     for (;;) {
         lastWidth_ = terminal_.columns - gaps - std::accumulate(widths_.begin(), widths_.end() - 1, 0);
         if (lastWidth_ >= columns_.back().narrowest) return;
-        std::size_t giver = columns_.size();
-        for (std::size_t i = 0; i + 1 < columns_.size(); ++i)
-            if (widths_[i] > columns_[i].narrowest && (giver == columns_.size() || widths_[i] > widths_[giver])) giver = i;
+        const auto widest = [&](bool isFirm) {
+            std::size_t giver = columns_.size();
+            for (std::size_t i = 0; i + 1 < columns_.size(); ++i) {
+                const bool canGive = columns_[i].isFirm == isFirm && widths_[i] > columns_[i].narrowest;
+                if (canGive && (giver == columns_.size() || widths_[i] > widths_[giver])) giver = i;
+            }
+            return giver;
+        };
+        std::size_t giver = widest(false);
+        if (giver == columns_.size()) giver = widest(true);
         if (giver == columns_.size()) break;
         --widths_[giver];
     }
@@ -73,7 +80,7 @@ void TextTable::appendCells(std::string& text, std::span<const std::string_view>
             // Perhaps cut: the column may still grow, as long as the last one keeps its own.
             std::string whole;
             const int wanted = std::min(appendDisplaySafe(whole, cells[i]), column.widest);
-            const int growth = std::min(wanted - room, lastWidth_ - column.narrowest);
+            const int growth = std::min(wanted - room, lastWidth_ - columns_.back().narrowest);
             if (growth > 0) {
                 widths_[i] += growth;
                 lastWidth_ -= growth;

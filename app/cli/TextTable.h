@@ -15,8 +15,9 @@ struct TextColumn {
     enum class Alignment { left, right };
     std::string title;
     Alignment alignment = Alignment::left;
-    int narrowest = 4;  ///< columns that it keeps however narrow the terminal is
-    int widest = 40;    ///< a longer text does not widen it on a terminal
+    int narrowest = 4;    ///< columns that it keeps however narrow the terminal is
+    int widest = 40;      ///< a longer text does not widen it on a terminal
+    bool isFirm = false;  ///< gives room only when the others have none left to give
     Style style = Style::plain;
 };
 

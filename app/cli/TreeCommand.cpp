@@ -219,6 +219,7 @@ const Command treeCommand{
                 "sealscope tree --packet 4 --hex capture.pcapng|with their bytes\n"
                 "sealscope tree --json capture.pcapng|one JSON object a packet\n",
     .options = {Option::packet, Option::hex, Option::json, Option::filter, Option::count},
+    .isPaged = true,
     .run = run};
 
 }  // namespace sealscope::cli

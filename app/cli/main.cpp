@@ -34,8 +34,12 @@ ExitStatus runCommand(const Options& options, Output& output)
     // Everything works without kept settings; `settings` says it itself.
     const auto settingsProblem = UserDefaults::standard().lastProblem();
     if (settingsProblem && options.command != &settingsCommand) remark(*settingsProblem);
-    if (terminal.isTerminal && !options.json) output.flushEachWrite();
-    return options.command->run({.options = options, .terminal = terminal, .output = output});
+    Pager pager;
+    if (terminal.isTerminal) output.flushEachWrite();
+    if (terminal.isTerminal && options.command->isPaged && !options.json) output.beforeFirstByte([&] { pager.start(); });
+    const ExitStatus status = options.command->run({.options = options, .terminal = terminal, .output = output});
+    output.flush();
+    return status;
 }
 
 ExitStatus runProgram(int argumentCount, char** arguments)

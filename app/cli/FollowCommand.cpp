@@ -1,0 +1,212 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/cli/Commands.h"
+#include "app/cli/DisplayText.h"
+#include "app/cli/InOrder.h"
+#include "app/cli/Interrupt.h"
+#include "app/cli/JSONLineWriter.h"
+#include "app/cli/Messages.h"
+#include "app/cli/StreamReading.h"
+#include "app/cli/StreamText.h"
+#include "app/cli/StreamVerdict.h"
+
+#include <fmt/format.h>
+#include <optional>
+#include <utility>
+#include <vector>
+
+namespace sealscope::cli {
+
+namespace {
+
+/// The interpreters of captured streams. When further interpreters are not wanted the registry is empty from here on: what
+/// a plug-in decrypts is offered to those that it lists.
+std::vector<const VELStreamInterpreting*> takeInterpreters(bool forDecryptedBytesToo)
+{
+    auto& registry = VELStreamInterpreterRegistry::shared();
+    auto interpreters = registry.snapshot();
+    if (!forDecryptedBytesToo)
+        for (const VELStreamInterpreting* interpreter : interpreters) registry.remove(interpreter);
+    return interpreters;
+}
+
+std::string_view name(TCPSegment::Direction direction)
+{
+    return direction == TCPSegment::Direction::clientToServer ? "clientToServer" : "serverToClient";
+}
+
+std::string_view name(StreamMessageKind kind)
+{
+    switch (kind) {
+    case StreamMessageKind::data: return "data";
+    case StreamMessageKind::handshake: return "handshake";
+    case StreamMessageKind::request: return "request";
+    case StreamMessageKind::reply: return "reply";
+    }
+    std::unreachable();
+}
+
+void writeMessage(JSONLineWriter& json, const StreamMessage& message)
+{
+    json.beginObject();
+    json.member("direction", name(message.direction));
+    json.member("kind", name(message.kind));
+    json.member("summary", message.summary);
+    json.key("detail");
+    json.beginArray();
+    for (const DetailRow& row : message.detail) {
+        json.beginObject();
+        json.member("name", row.name);
+        json.member("value", row.value);
+        json.endObject();
+    }
+    json.endArray();
+    json.key("body");
+    if (message.body)
+        json.base64(*message.body);
+    else
+        json.null();
+    json.key("bodyHint");
+    if (message.bodyHint)
+        json.value(message.bodyHint->form == StreamBodyHint::Form::text ? "text" : "binary");
+    else
+        json.null();
+    json.key("byteRange");
+    if (message.byteRange) {
+        json.beginArray();
+        json.value(message.byteRange->lower);
+        json.value(message.byteRange->upper);
+        json.endArray();
+    } else {
+        json.null();
+    }
+    json.key("packetIds");
+    json.beginArray();
+    for (const std::int64_t packet : message.packetIds) json.value(packet);
+    json.endArray();
+    json.member("timestamp", message.timestamp);
+    json.member("filename", message.filename);
+    json.member("isDecrypted", message.isDecrypted);
+    json.endObject();
+}
+
+void writePairing(JSONLineWriter& json, const Pairing& pairing)
+{
+    json.beginObject();
+    json.member("requestIndex", pairing.requestIndex);
+    json.member("replyIndex", pairing.replyIndex);
+    json.member("summary", pairing.summary);
+    json.member("status", pairing.status == PairingStatus::matched ? "matched" : "unmatched");
+    json.endObject();
+}
+
+void appendJSON(std::string& text, std::int64_t stream, const StreamInterpretation& interpretation)
+{
+    JSONLineWriter json(text);
+    json.beginObject();
+    json.member("stream", stream);
+    json.key("messages");
+    json.beginArray();
+    for (const StreamMessage& message : interpretation.messages) writeMessage(json, message);
+    json.endArray();
+    json.key("pairings");
+    if (interpretation.pairings) {
+        json.beginArray();
+        for (const Pairing& pairing : *interpretation.pairings) writePairing(json, pairing);
+        json.endArray();
+    } else {
+        json.null();
+    }
+    json.endObject();
+    text += '\n';
+}
+
+class Follower {
+public:
+    Follower(const CommandContext& context, const Session& session)
+        : context_(context), session_(session), interpreters_(takeInterpreters(!context.options.noInterpreters)), verdicts_(session)
+    {}
+
+    /// The text of a stream; nothing for one that no interpreter accepts.
+    std::optional<std::string> text(std::int64_t number) const
+    {
+        const TCPStream stream = session_.stream(number);
+        const VELStreamInterpreting* interpreter = VELStreamInterpreter::firstInterpreter(stream, interpreters_);
+        if (!interpreter) return std::nullopt;
+        const StreamInterpretation interpretation = interpreter->interpret(stream);
+        std::string text;
+        if (context_.options.json) {
+            appendJSON(text, number, interpretation);
+        } else {
+            appendStreamText(
+                text,
+                {.summary = session_.summary(number), .interpreter = interpreter->streamDisplayName, .report = verdicts_.report(stream)},
+                interpretation, context_.terminal);
+        }
+        return text;
+    }
+
+    /// Of a stream that was asked for and that no interpreter accepts.
+    void explainMissing(std::int64_t number) const
+    {
+        remark(fmt::format("--stream {}: no plug-in recognises what was said in this connection", number));
+        if (!context_.options.json) return;
+        std::string text;
+        appendJSON(text, number, {});
+        context_.output.write(text);
+    }
+
+private:
+    const CommandContext& context_;
+    const Session& session_;
+    std::vector<const VELStreamInterpreting*> interpreters_;
+    StreamVerdicts verdicts_;
+};
+
+ExitStatus run(const CommandContext& context)
+{
+    ExitStatus status = done;
+    const auto session = openSession(context, status);
+    if (!session) return status;
+    const auto streams = wantedStreams(context, *session, status);
+    const bool areNamed = !context.options.streams.empty();
+    const Follower follower(context, *session);
+
+    using Followed = std::pair<std::int64_t, std::optional<std::string>>;
+    std::int64_t shown = 0;
+    const auto weight = [&](std::int64_t number) {
+        const StreamSummary summary = session->summary(number);
+        return summary.clientBytes + summary.serverBytes;
+    };
+    const auto follow = [&](std::int64_t number) { return Followed(number, follower.text(number)); };
+    const auto print = [&](Followed followed) {
+        if (followed.second) {
+            context.output.write(*followed.second);
+            ++shown;
+        } else if (areNamed) {
+            follower.explainMissing(followed.first);
+        }
+        return context.output.isOpen() && !isInterrupted();
+    };
+    inOrder(streams, weight, follow, print);
+    context.output.flush();
+    if (shown == 0 && !areNamed && status == done)
+        remark(fmt::format("no plug-in recognises any of the {} TCP connections of this capture", streams.size()));
+    return complainAboutDamage(*session, status);
+}
+
+}  // namespace
+
+const Command followCommand{
+    .name = "follow",
+    .arguments = "FILE…",
+    .summary = "what was said, stream by stream: messages, and which answers which",
+    .description = "Prints the messages of each TCP connection that a plug-in recognises, as a conversation. Where the key logs hold the\n"
+                   "secrets it is the decrypted one.",
+    .examples = "sealscope follow capture.pcapng|every conversation\n"
+                "sealscope follow --stream 3 -k keys.txt capture.pcapng|one of them, decrypted\n"
+                "sealscope follow --json capture.pcapng|one JSON object a stream\n",
+    .options = {Option::stream, Option::keylog, Option::noInterpreters, Option::json, Option::filter, Option::count},
+    .isPaged = true,
+    .run = run};
+
+}  // namespace sealscope::cli

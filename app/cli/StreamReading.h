@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "app/cli/Command.h"
+#include "app/session/Session.h"
+#include "host/VELModels/VELStreamInterpreting.h"
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace sealscope::cli {
+
+/// Opens the files of the command line as one session, with the secrets that it names and those inside the capture in
+/// place; says why not when it fails, and sets `status`.
+std::unique_ptr<Session> openSession(const CommandContext& context, ExitStatus& status);
+
+/// The streams that the command line asks for, in ascending order. Says so when the capture does not have one of them,
+/// and sets `status`.
+std::vector<std::int64_t> wantedStreams(const CommandContext& context, const Session& session, ExitStatus& status);
+
+/// Says what of the capture was not read, after the rest has been printed. The worse of both statuses is given.
+ExitStatus complainAboutDamage(const Session& session, ExitStatus status);
+
+/// The interpreter that streams must be accepted by for a decryption probe to be asked; null when no plug-in brings it.
+const VELStreamInterpreting* tlsInterpreter();
+
+}  // namespace sealscope::cli

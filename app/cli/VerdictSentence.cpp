@@ -1,0 +1,152 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/cli/VerdictSentence.h"
+
+#include "app/cli/StreamVerdict.h"
+#include "app/session/Session.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <utility>
+#include <vector>
+
+namespace sealscope::cli {
+
+namespace {
+
+using Hello = TLSDecryptionReport::Hello;
+using Stop = TLSDirectionReport::Stop;
+
+std::string counted(std::int64_t count, std::string_view noun) { return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s"); }
+
+/// The start of a client random: enough to find its line in a key log.
+std::string clientRandomText(const TLSDecryptionReport& report)
+{
+    return report.clientRandom ? fmt::format("client random {}…", hexText(report.clientRandom->view().sub(0, 8))) : "this client random";
+}
+
+/// The alert that a side sent in the clear, as the end of a sentence; empty when it sent none.
+std::string alertText(const TLSDecryptionReport& report)
+{
+    if (const auto& alert = report.server.alert) return fmt::format("; the server sent the alert {}", alert->name);
+    if (const auto& alert = report.client.alert) return fmt::format("; the client sent the alert {}", alert->name);
+    return "";
+}
+
+std::string noHandshake(const TLSDecryptionReport& report, const StreamSummary& summary)
+{
+    switch (report.clientHello) {
+    case Hello::missing:
+        if (!summary.hasSYN) return "the capture begins after the Client Hello; start capturing before the connection opens";
+        return "no Client Hello is among the client's bytes; they were lost, or TLS begins later in this connection";
+    case Hello::cutByRecords: return "the Client Hello is spread over several TLS records, which are not put together for decryption";
+    case Hello::cutByData: return "the Client Hello is cut off by the end of the capture, or by bytes that it lost";
+    case Hello::found: break;
+    }
+    switch (report.serverHello) {
+    case Hello::missing:
+        if (summary.serverBytes == 0) return "the capture holds no bytes of the server; capture both directions, and until the answer";
+        return "no Server Hello is among the server's bytes" + alertText(report);
+    case Hello::cutByRecords: return "the Server Hello is spread over several TLS records, which are not put together for decryption";
+    case Hello::cutByData: return "the Server Hello is cut off by the end of the capture, or by bytes that it lost";
+    case Hello::found: break;
+    }
+    return "the handshake is not complete in the capture" + alertText(report);
+}
+
+std::string noKeyMaterial(const StreamVerdict& verdict)
+{
+    const KeyLogFacts facts = verdict.keyLog.value_or(KeyLogFacts{});
+    if (facts.material.secrets == 0) {
+        if (!facts.problems.empty()) return fmt::format("there is no secret at hand: {}", fmt::join(facts.problems, "; "));
+        return "there is no secret at hand; name a key log with --keylog, or let the client write one by SSLKEYLOGFILE";
+    }
+    if (!verdict.report) return "the key log holds no secret for this connection";
+    const TLSDecryptionReport& report = *verdict.report;
+
+    std::vector<std::string_view> wanted, present;
+    for (const TLSSecretReport& secret : report.secrets) (secret.secretLength ? present : wanted).push_back(secret.label);
+    if (!present.empty() || !report.otherLabels.empty()) {
+        present.insert(present.end(), report.otherLabels.begin(), report.otherLabels.end());
+        return fmt::format("the key log has only {} for this connection; {} needs {}", fmt::join(present, ", "), report.versionName,
+                           fmt::join(wanted, ", "));
+    }
+    const std::string missing = fmt::format("the key log has no line for {}", clientRandomText(report));
+    if (facts.connections == 0)
+        return fmt::format("{}, and none of its {} is of this capture: it is the log of another session, or of the other leg of a proxy",
+                           missing, counted(facts.material.clientRandoms, "client random"));
+    return fmt::format("{}; it has {} other{}, {} of this capture: perhaps it was begun anew, or another program opened this connection",
+                       missing, facts.material.clientRandoms, facts.material.clientRandoms == 1 ? "" : "s", facts.connections);
+}
+
+/// Where a direction stopped opening, as a clause; empty when nothing is the matter.
+std::string stopText(const TLSDirectionReport& direction)
+{
+    const auto at = [&](std::string_view what) { return fmt::format("up to byte {}, where {}", direction.stopOffset, what); };
+    switch (direction.stop) {
+    case Stop::endOfData:
+    case Stop::nothingProtected: return "";
+    case Stop::noSecret: return "the key log lacks this direction's secret";
+    case Stop::noHandshakeSecret: return "the key log has its application secret without the handshake secret";
+    case Stop::badSecret: return "the key log's secret has a length that no such connection has";
+    case Stop::lostBytes: return at("the capture lost bytes");
+    case Stop::cutRecord: return at("the capture ends within a record");
+    case Stop::noRecord: return at("no TLS record stands");
+    case Stop::earlyData: return at("early data begins, whose secret is not used");
+    case Stop::keyUpdate: return at("a key update changed the key");
+    case Stop::renegotiation: return at("a second handshake changed the keys");
+    case Stop::doesNotOpen: return at("a record does not authenticate");
+    case Stop::notAttempted: return "was not tried";
+    }
+    std::unreachable();
+}
+
+/// How much of a direction opened, as in "client 3 of 4 records, 517 bytes, up to byte 901, where the capture lost bytes".
+std::string openedText(std::string_view side, const TLSDirectionReport& direction)
+{
+    if (direction.stop == Stop::nothingProtected) return fmt::format("{} sent nothing protected", side);
+    std::string text = fmt::format("{} {} of {}, {}", side, direction.openedRecords, counted(direction.protectedRecords, "record"),
+                                   counted(direction.plaintextBytes, "byte"));
+    if (direction.skippedRecords > 0) text += fmt::format(", {} skipped", direction.skippedRecords);
+    if (const std::string stop = stopText(direction); !stop.empty()) text += ", " + stop;
+    return text;
+}
+
+std::string keyMismatch(const TLSDecryptionReport& report)
+{
+    if (!report.isSupportedSuite)
+        return fmt::format("cipher suite {} is none that can be opened; AES-GCM and ChaCha20-Poly1305 suites are", report.cipherSuiteName);
+    const TLSDirectionReport* sides[] = {&report.server, &report.client};
+    const auto any = [&](Stop stop) { return std::ranges::any_of(sides, [&](const auto* side) { return side->stop == stop; }); };
+    const auto all = [&](Stop stop) { return std::ranges::all_of(sides, [&](const auto* side) { return side->stop == stop; }); };
+    if (all(Stop::nothingProtected)) return "the secrets are there, but the capture holds no protected record of this connection";
+    if (any(Stop::badSecret)) {
+        std::string sentence = "a secret of the key log has a length that no such connection has";
+        for (const TLSSecretReport& secret : report.secrets)
+            if (secret.secretLength) sentence += fmt::format(", {} {}", secret.label, counted(*secret.secretLength, "byte"));
+        return sentence;
+    }
+    if (any(Stop::noHandshakeSecret))
+        return "the key log has the application secrets without the handshake secrets, which the first records need; log those too";
+    return fmt::format("the key log's secrets open nothing of this connection: {}; {}{}", openedText("client", report.client),
+                       openedText("server", report.server), alertText(report));
+}
+
+}  // namespace
+
+std::string verdictSentence(const StreamVerdict& verdict, const StreamSummary& summary)
+{
+    const auto& report = verdict.report;
+    if (verdict.outcome.isDecrypted())
+        return report ? fmt::format("{}; {}", openedText("client", report->client), openedText("server", report->server))
+                      : "the stream decrypts";
+    switch (*verdict.outcome.failure) {
+    case TLSDecryptionFailure::noHandshake: return report ? noHandshake(*report, summary) : "the capture holds no complete handshake";
+    case TLSDecryptionFailure::unsupportedVersion:
+        return fmt::format("{} cannot be opened; TLS 1.2 and TLS 1.3 can", report ? report->versionName : "this version");
+    case TLSDecryptionFailure::noKeyMaterial: return noKeyMaterial(verdict);
+    case TLSDecryptionFailure::keyMismatch: return report ? keyMismatch(*report) : "the secrets do not fit this connection";
+    }
+    std::unreachable();
+}
+
+}  // namespace sealscope::cli

@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <string>
+
+namespace sealscope {
+struct StreamSummary;
+}
+
+namespace sealscope::cli {
+
+struct StreamVerdict;
+
+/// One sentence on why a stream does not decrypt and what to do about it, or on how much of it opened.
+std::string verdictSentence(const StreamVerdict& verdict, const StreamSummary& summary);
+
+}  // namespace sealscope::cli
