@@ -38,8 +38,8 @@ bool opensAnother(const Connection& connection, const ConnectionSide& side, std:
 
 /// The one byte of a keep-alive was sent and acknowledged before, and may now be anything (RFC 9293 §3.8.4). What is pushed is
 /// data: a stack does not push what it repeats to keep a connection alive. When nothing is known of the direction, a lone zero
-/// byte is taken for a keep-alive's.
-bool isKeepAlive(const ConnectionSide& side, const TCPPacket& packet)
+/// byte looks like one. Whether the byte is data after all shows when the whole direction is known.
+bool looksLikeKeepAlive(const ConnectionSide& side, const TCPPacket& packet)
 {
     constexpr std::uint8_t others = TCPFlag::syn | TCPFlag::fin | TCPFlag::rst | TCPFlag::psh | TCPFlag::urg;
     if (packet.payloadLength != 1 || (packet.flags & others) != 0) return false;
@@ -135,7 +135,7 @@ void ConnectionIndex::add(const TCPPacket& packet, std::int64_t packetNumber, do
 
     Connection& connection = connections_[latest_];
     ConnectionSide& side = connection.sides[sender];
-    const bool keepAlive = isKeepAlive(side, packet);
+    const bool keepAlive = looksLikeKeepAlive(side, packet);
     send(side, packet, keepAlive);
     if (isACK && !isRST) acknowledge(connection.sides[1 - sender], packet.acknowledgmentNumber);
 

@@ -111,7 +111,9 @@ ReassembledDirection::Owner ReassembledDirection::ownerOf(std::int64_t offset) c
         const std::uint32_t last = std::min(position + 4, runEnd);
         while (position < last && !(isFound = endsAfter(position))) ++position;
     }
-    if (!isFound) {
+    if (run.count == 1) {
+        position = run.first;
+    } else if (!isFound) {
         std::uint32_t low = run.first;
         for (std::uint32_t count = run.count; count > 0;) {
             const std::uint32_t half = count / 2;
@@ -127,8 +129,8 @@ ReassembledDirection::Owner ReassembledDirection::ownerOf(std::int64_t offset) c
     latest_.store(std::uint64_t{index} << 32 | position, std::memory_order_relaxed);
 
     const SegmentRecord& segment = segments_[position];
-    const std::int64_t end = run.offset + endInRun(run, segment);
-    return {.segment = &segment, .begin = end - segment.capturedData(), .end = std::min(end, run.end())};
+    const std::int64_t begin = run.offset + sequenceDistance(run.number, segment.dataNumber());
+    return {.segment = &segment, .begin = begin, .end = std::min(begin + static_cast<std::int64_t>(segment.captured), run.end())};
 }
 
 std::int64_t ReassembledDirection::contradictingBytes() const

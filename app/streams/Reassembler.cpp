@@ -146,6 +146,38 @@ std::vector<SegmentRun> withoutOverlaps(const std::vector<SegmentRun>& runs)
     return parts;
 }
 
+/// The byte of a segment that looks like a keep-alive.
+struct DoubtfulByte {
+    std::int64_t position = 0;
+    std::uint32_t segment = 0;
+    std::uint32_t number = 0;  ///< sequence number
+    auto operator<=>(const DoubtfulByte&) const = default;
+};
+
+/// Adds the doubtful bytes that are data after all: captured behind their own acknowledgment, in a stream of tiny segments.
+/// Such a byte follows the data before it and nothing else brings it. A keep-alive repeats the last byte of a segment, which
+/// stands in the data; or that segment was lost as a whole, and then what comes before the byte is missing too. Before the
+/// first byte of a direction without a SYN, a lone byte is a keep-alive's: long silent connections begin with one.
+std::vector<SegmentRun> withDoubtfulBytes(const std::vector<SegmentRun>& runs, std::vector<DoubtfulByte>& bytes,
+                                          std::vector<SequenceSpace::Era>& eras)
+{
+    std::ranges::sort(bytes);
+    std::vector<SegmentRun> result;
+    result.reserve(runs.size() + bytes.size());
+    auto run = runs.begin();
+    for (const DoubtfulByte& byte : bytes) {
+        while (run != runs.end() && run->offset <= byte.position) result.push_back(*run++);
+        SequenceSpace::Era& era = eras[SequenceSpace::eraOf(byte.position)];
+        const bool isFirst = era.hasSYN && byte.position == era.begin && (result.empty() || result.back().end() <= byte.position);
+        const bool follows = !result.empty() && result.back().end() == byte.position && byte.position > era.begin;
+        if (!isFirst && !follows) continue;
+        result.push_back({.offset = byte.position, .length = 1, .number = byte.number, .first = byte.segment, .count = 1});
+        era.end = std::max(era.end, byte.position + 1);
+    }
+    result.insert(result.end(), run, runs.end());
+    return result;
+}
+
 }  // namespace
 
 std::int64_t Reassembly::offsetOf(std::int64_t position) const { return position + eraShifts[SequenceSpace::eraOf(position)]; }
@@ -154,11 +186,19 @@ Reassembly reassemble(const SegmentTable& segments, std::optional<Acknowledged> 
 {
     Reassembly result;
     SequenceSpace space(acknowledged);
+    std::vector<DoubtfulByte> doubtful;
+    std::optional<std::uint32_t> numberOfFIN;
+    const auto doubt = [&](std::uint32_t position) {
+        if (const auto at = space.positionOf(segments[position]); at && segments[position].captured > 0)
+            doubtful.push_back({*at, position, segments[position].dataNumber()});
+    };
     const auto buildRuns = [&](RunBuilder& builder) {
         for (std::uint32_t position = 0; position < segments.size(); ++position) {
             const auto placed = space.place(segments[position]);
             builder.add(position, segments[position], placed);
             if (placed) result.hasOverlaps |= !placed->isNew;
+            if (segments[position].isKeepAlive()) doubt(position);
+            if (segments[position].flags & TCPFlag::fin) numberOfFIN = segments[position].nextNumber() - 1;
         }
         builder.close();
     };
@@ -169,6 +209,7 @@ Reassembly reassemble(const SegmentTable& segments, std::optional<Acknowledged> 
         buildRuns(counter);
         runs.reserve(counter.count());
         space = SequenceSpace(acknowledged);
+        doubtful.clear();
     }
     RunBuilder builder;
     builder.collect(runs);
@@ -180,9 +221,12 @@ Reassembly reassemble(const SegmentTable& segments, std::optional<Acknowledged> 
     if (!std::ranges::is_sorted(runs, isBefore)) std::ranges::sort(runs, isBefore);
     const auto overlaps = [](const SegmentRun& a, const SegmentRun& b) { return b.offset < a.end(); };
     if (std::ranges::adjacent_find(runs, overlaps) != runs.end()) runs = withoutOverlaps(runs);
+    std::vector<SequenceSpace::Era> eras = space.eras();
+    // A keep-alive after the FIN repeats the FIN's number.
+    std::erase_if(doubtful, [&](const DoubtfulByte& byte) { return byte.number == numberOfFIN; });
+    if (!doubtful.empty()) runs = withDoubtfulBytes(runs, doubtful, eras);
 
     // The eras follow each other; of each counts what lies after its SYN.
-    const std::vector<SequenceSpace::Era>& eras = space.eras();
     for (const SequenceSpace::Era& era : eras) {
         result.eraShifts.push_back(result.size - era.begin);
         result.size += era.end - era.begin;

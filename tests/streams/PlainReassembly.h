@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <fmt/format.h>
-#include <limits>
 #include <map>
 #include <optional>
 #include <span>
@@ -27,7 +26,7 @@ struct SegmentStep {
 /// that no jump between them is too large for disorder.
 class PlainReassembly {
 public:
-    explicit PlainReassembly(bool hasSYN) : begin_(hasSYN ? 0 : std::numeric_limits<std::int64_t>::max()), hasSYN_(hasSYN) {}
+    explicit PlainReassembly(bool hasSYN) : begin_(hasSYN ? 0 : farAway), hasSYN_(hasSYN) {}
 
     void add(const SegmentStep& step, std::int64_t packetId)
     {
@@ -80,9 +79,11 @@ private:
         std::uint8_t value = 0;
         std::int64_t packetId = 0;
     };
+    static constexpr std::int64_t farAway = std::int64_t{1} << 60;
+
     std::map<std::int64_t, Byte> bytes_;
     std::int64_t begin_;
-    std::int64_t end_ = std::numeric_limits<std::int64_t>::min() / 2;
+    std::int64_t end_ = -farAway;
     std::int64_t contradicting_ = 0;
     bool hasSYN_;
 };
