@@ -20,7 +20,8 @@ EVP_PKEY* key(CertificateKey kind, int use)
     static std::map<std::pair<CertificateKey, int>, EVPKeyPointer> keys;
     EVPKeyPointer& found = keys[{kind, use}];
     if (!found) {
-        const DeterministicRandom random(0x5EA1 + static_cast<std::uint64_t>(kind) * 100 + static_cast<std::uint64_t>(use));
+        RandomSequence sequence(0x5EA1 + static_cast<std::uint64_t>(kind) * 100 + static_cast<std::uint64_t>(use));
+        const DeterministicRandom random(sequence);
         switch (kind) {
         case CertificateKey::rsa2048: found.reset(EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", std::size_t{2048})); break;
         case CertificateKey::ecdsaP256: found.reset(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256")); break;
@@ -94,7 +95,8 @@ std::string pem(EVP_PKEY* privateKey)
 
 std::shared_ptr<const CertificateChain> build(const CertificateOptions& options)
 {
-    const DeterministicRandom random(0xCE27);
+    RandomSequence sequence(0xCE27);
+    const DeterministicRandom random(sequence);
     auto chain = std::make_shared<CertificateChain>();
 
     // From the root down; authorities have ECDSA keys of their own.

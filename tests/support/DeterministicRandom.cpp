@@ -11,7 +11,7 @@ namespace sealscope {
 
 namespace {
 
-thread_local DeterministicRandom* current = nullptr;
+thread_local RandomSequence* current = nullptr;
 
 int randomBytes(unsigned char* bytes, int count)
 {
@@ -34,16 +34,16 @@ void install()
 
 }  // namespace
 
-DeterministicRandom::DeterministicRandom(std::uint64_t seed) : state_(seed), outer_(current)
+DeterministicRandom::DeterministicRandom(RandomSequence& sequence) : outer_(current)
 {
     install();
-    current = this;
+    current = &sequence;
 }
 
 DeterministicRandom::~DeterministicRandom() { current = outer_; }
 
 // SplitMix64: every seed, also a small one, starts a different and well mixed sequence.
-std::uint64_t DeterministicRandom::next()
+std::uint64_t RandomSequence::next()
 {
     std::uint64_t word = state_ += 0x9E3779B97F4A7C15;
     word = (word ^ (word >> 30)) * 0xBF58476D1CE4E5B9;

@@ -5,20 +5,27 @@
 
 namespace sealscope {
 
-/// While one lives, libcrypto's random bytes in this thread come from a generator with the given seed, so that a TLS
-/// session or a key can be made again, byte for byte. Scopes nest.
-class DeterministicRandom {
+/// A sequence of random-looking numbers, the same for the same seed.
+class RandomSequence {
 public:
-    explicit DeterministicRandom(std::uint64_t seed);
-    ~DeterministicRandom();
-    DeterministicRandom(const DeterministicRandom&) = delete;
-    DeterministicRandom& operator=(const DeterministicRandom&) = delete;
-
+    explicit RandomSequence(std::uint64_t seed) : state_(seed) {}
     std::uint64_t next();
 
 private:
     std::uint64_t state_;
-    DeterministicRandom* outer_;
+};
+
+/// For the length of a scope, libcrypto's random bytes in this thread come from a sequence, so that a TLS session or a key can
+/// be made again, byte for byte. Scopes nest.
+class DeterministicRandom {
+public:
+    explicit DeterministicRandom(RandomSequence& sequence);
+    ~DeterministicRandom();
+    DeterministicRandom(const DeterministicRandom&) = delete;
+    DeterministicRandom& operator=(const DeterministicRandom&) = delete;
+
+private:
+    RandomSequence* outer_;
 };
 
 }  // namespace sealscope

@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 #include <map>
+#include <memory>
 
 namespace sealscope {
 namespace {
@@ -77,6 +78,15 @@ TEST(TLSSession, GivesEqualBytesForEqualSeeds)
     const auto flights = [&](std::uint64_t seed) { return runTLS({.tickets = 0, .seed = seed}, steps).flights; };
     EXPECT_EQ(flights(1), flights(1));
     EXPECT_NE(flights(1), flights(2));
+
+    // Others at the same time change nothing, also when they end first.
+    auto other = std::make_unique<TLSConversation>(TLSSessionOptions{.seed = 3});
+    TLSConversation conversation(TLSSessionOptions{.tickets = 0, .seed = 1});
+    other->handshake();
+    conversation.handshake();
+    other.reset();
+    for (const TLSStep& step : steps) conversation.perform(step);
+    EXPECT_EQ(conversation.session().flights, flights(1));
 }
 
 // The peer that reads the records is libssl; the session throws when it does not find what was sealed.

@@ -197,7 +197,7 @@ private:
     static void drain(Peer& from, std::vector<std::uint8_t>& wire);
 
     std::shared_ptr<TLSContexts> contexts_;
-    DeterministicRandom random_;
+    RandomSequence random_;  ///< in use while one of the operations runs, so that conversations may take turns
     std::array<Peer, 2> peers_;
     std::vector<TLSFlight> flights_;
     std::string keyLog_;
@@ -270,6 +270,7 @@ std::shared_ptr<TLSContexts> makeTLSContexts(const TLSSessionOptions& options)
 TLSConversation::Implementation::Implementation(std::shared_ptr<TLSContexts> contexts, std::uint64_t seed)
     : contexts_(std::move(contexts)), random_(seed)
 {
+    const DeterministicRandom random(random_);
     SSL_CTX_set_keylog_callback(contexts_->client.get(), keepKeyLogLine);
     SSL_CTX_sess_set_new_cb(contexts_->client.get(), keepSession<false>);
     SSL_CTX_sess_set_new_cb(contexts_->server.get(), keepSession<true>);
@@ -390,6 +391,7 @@ bool TLSConversation::Implementation::sendEarlyData()
 
 bool TLSConversation::Implementation::handshake()
 {
+    const DeterministicRandom random(random_);
     if (!options().earlyData.isEmpty() && !sendEarlyData()) throw std::runtime_error("early data got stuck");
     if (step(Direction::clientToServer)) pump(Direction::clientToServer);
     if (SSL_get_early_data_status(peers_[0].ssl.get()) == SSL_EARLY_DATA_REJECTED) {
@@ -412,6 +414,7 @@ void TLSConversation::Implementation::writeAll(SSL* ssl, DataView payload)
 
 void TLSConversation::Implementation::perform(const TLSStep& step)
 {
+    const DeterministicRandom random(random_);
     if (isSealing_) throw std::runtime_error("the peers no longer read each other");
     Peer& from = peer(step.from);
     SSL* ssl = from.ssl.get();
@@ -444,6 +447,7 @@ void TLSConversation::Implementation::perform(const TLSStep& step)
 
 void TLSConversation::Implementation::inject(Direction from, Data wire, DataView plaintext)
 {
+    const DeterministicRandom random(random_);
     Peer& side = peer(from);
     side.sent.insert(side.sent.end(), plaintext.begin(), plaintext.end());
     check(BIO_write(side.output, wire.data(), static_cast<int>(wire.size())) == static_cast<int>(wire.size()), "injecting records");
@@ -452,6 +456,7 @@ void TLSConversation::Implementation::inject(Direction from, Data wire, DataView
 
 void TLSConversation::Implementation::seal(Direction from, DataView payload, std::vector<std::uint8_t>& wire)
 {
+    const DeterministicRandom random(random_);
     isSealing_ = true;
     writeAll(peer(from).ssl.get(), payload);
     drain(peer(from), wire);
@@ -459,6 +464,7 @@ void TLSConversation::Implementation::seal(Direction from, DataView payload, std
 
 void TLSConversation::Implementation::sealClose(Direction from, std::vector<std::uint8_t>& wire)
 {
+    const DeterministicRandom random(random_);
     isSealing_ = true;
     SSL_shutdown(peer(from).ssl.get());
     drain(peer(from), wire);
