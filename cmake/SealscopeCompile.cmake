@@ -51,9 +51,18 @@ if(SEALSCOPE_FUZZ)
     target_compile_options(sealscope_compile INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
-# Programs and bundles find the project's shared libraries beside themselves, in the build tree and when installed.
+# Programs find the project's shared libraries from where they are themselves, in the build tree and when installed, so that an
+# installation may be moved. Among the system's own folders the linker looks by itself.
 set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
-set(CMAKE_INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_LIBDIR BASE_DIRECTORY "${CMAKE_INSTALL_FULL_BINDIR}" OUTPUT_VARIABLE libraries_from_bin)
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    set(CMAKE_INSTALL_RPATH "")
+    set(SEALSCOPE_LIBRARY_RPATH "")
+else()
+    set(CMAKE_INSTALL_RPATH "$ORIGIN/${libraries_from_bin}")
+    set(SEALSCOPE_LIBRARY_RPATH "$ORIGIN")
+endif()
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME runtime)
 
 # Where the bundles of installed programs lie.
 set(SEALSCOPE_PLUGIN_DIR "${CMAKE_INSTALL_LIBDIR}/sealscope/plugins")

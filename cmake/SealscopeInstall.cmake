@@ -1,0 +1,34 @@
+# SPDX-License-Identifier: Apache-2.0
+# What is installed besides programs and bundles: the contract for people who write plug-ins (headers, libraries, CMake package,
+# pkg-config file), the manual page, the completions and the licence; and how Debian packages are made of it.
+include(CMakePackageConfigHelpers)
+
+# The contract. Headers are included as they are here: "host/…" and "platform/…".
+set(host_cmake_dir "${CMAKE_INSTALL_LIBDIR}/cmake/SealscopeHost")
+install(TARGETS sealscope_platform sealscope_host
+    EXPORT SealscopeHostTargets
+    LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT libraries NAMELINK_COMPONENT development)
+install(DIRECTORY platform host DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/sealscope" COMPONENT development FILES_MATCHING PATTERN "*.h")
+install(EXPORT SealscopeHostTargets NAMESPACE sealscope:: DESTINATION "${host_cmake_dir}" COMPONENT development)
+configure_package_config_file(cmake/SealscopeHostConfig.cmake.in "${PROJECT_BINARY_DIR}/SealscopeHostConfig.cmake"
+    INSTALL_DESTINATION "${host_cmake_dir}" PATH_VARS CMAKE_INSTALL_INCLUDEDIR SEALSCOPE_PLUGIN_DIR)
+write_basic_package_version_file("${PROJECT_BINARY_DIR}/SealscopeHostConfigVersion.cmake" COMPATIBILITY SameMinorVersion)
+install(FILES "${PROJECT_BINARY_DIR}/SealscopeHostConfig.cmake" "${PROJECT_BINARY_DIR}/SealscopeHostConfigVersion.cmake"
+    cmake/SealscopeBundle.cmake DESTINATION "${host_cmake_dir}" COMPONENT development)
+install(DIRECTORY cmake/bundle DESTINATION "${host_cmake_dir}" COMPONENT development)
+
+# Paths in the pkg-config file count from the file itself, so that an installation may be moved.
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" OUTPUT_VARIABLE prefix_from_pc)
+configure_file(cmake/sealscope-host.pc.in "${PROJECT_BINARY_DIR}/sealscope-host.pc" @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/sealscope-host.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT development)
+
+# For the people at the terminal.
+install(FILES docs/sealscope.1 DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
+install(FILES completions/sealscope.bash DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" RENAME sealscope)
+install(FILES completions/sealscope.fish DESTINATION "${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d")
+# Debian keeps what packages bring apart from what is installed by hand.
+set(zsh_functions "site-functions")
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    set(zsh_functions "vendor-completions")
+endif()
+install(FILES completions/_sealscope DESTINATION "${CMAKE_INSTALL_DATADIR}/zsh/${zsh_functions}")

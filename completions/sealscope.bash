@@ -1,0 +1,82 @@
+# SPDX-License-Identifier: Apache-2.0
+# Completion of sealscope(1) for bash.
+
+_sealscope() {
+    local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
+    local commands="follow packets tree streams decrypt live plugins settings help"
+    local common="--plugin-path --color --quiet --version --help"
+    local words="" command="" word index
+
+    # The command is the first word that is neither an option nor an option's argument.
+    for ((index = 1; index < COMP_CWORD; index++)); do
+        word=${COMP_WORDS[index]}
+        case $word in
+            -k | --keylog | -f | --filter | -n | --count | --packet | --stream | -o | --output | --pcap | --inject-secrets | \
+                --strip-secrets | -i | --interface | -w | --write | --plugin-path | --color) ((index++)) ;;
+            -*) ;;
+            *)
+                command=$word
+                break
+                ;;
+        esac
+    done
+
+    case $previous in
+        --color)
+            mapfile -t COMPREPLY < <(compgen -W "auto always never" -- "$current")
+            return
+            ;;
+        -i | --interface)
+            mapfile -t COMPREPLY < <(compgen -W "$(ls /sys/class/net 2>/dev/null)" -- "$current")
+            return
+            ;;
+        -o | --output | --plugin-path)
+            compopt -o filenames
+            mapfile -t COMPREPLY < <(compgen -d -- "$current")
+            return
+            ;;
+        -k | --keylog | --pcap | --inject-secrets | --strip-secrets | -w | --write)
+            compopt -o filenames
+            mapfile -t COMPREPLY < <(compgen -f -- "$current")
+            return
+            ;;
+        -f | --filter | -n | --count | --packet | --stream) return ;;
+    esac
+
+    if [[ $command == settings && $current != -* ]]; then
+        case $previous in
+            settings) words="list get set reset keylog-line" ;;
+            get | set) words=$(sealscope settings list 2>/dev/null | cut -d ' ' -f 1) ;;
+            *_use) words="true false" ;;
+            *_keylog_path)
+                compopt -o filenames
+                mapfile -t COMPREPLY < <(compgen -f -- "$current")
+                return
+                ;;
+        esac
+        mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current")
+        return
+    fi
+
+    if [[ $current == -* ]]; then
+        case $command in
+            packets) words="--json --filter --count" ;;
+            tree) words="--packet --hex --json --filter --count" ;;
+            streams) words="--keylog --json --filter --count" ;;
+            decrypt) words="--keylog --stream --output --pcap --inject-secrets --strip-secrets --force --filter --count --json" ;;
+            live) words="--interface --write --filter --count --json" ;;
+            plugins | settings) words="--json" ;;
+            *) words="--keylog --stream --no-interpreters --json --filter --count" ;;
+        esac
+        mapfile -t COMPREPLY < <(compgen -W "$words $common" -- "$current")
+        return
+    fi
+
+    compopt -o filenames
+    mapfile -t COMPREPLY < <(compgen -f -- "$current")
+    if [[ -z $command ]]; then
+        mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -W "$commands" -- "$current")
+    fi
+}
+
+complete -F _sealscope sealscope
