@@ -12,13 +12,12 @@
 #include <system_error>
 #include <unistd.h>
 #include <utility>
-#include <vector>
 
 namespace sealscope {
 namespace {
 
 constexpr std::int64_t mappedWindow = 4 << 20;     // pages brought in and let go together
-constexpr std::int64_t streamedPiece = 256 << 10;  // read at once; stays in the processor's cache
+constexpr std::int64_t streamedPiece = 128 << 10;  // read at once; stays in the processor's cache
 constexpr const char* becameShorter = "became shorter while it was being read";
 
 std::string systemReason(int error) { return std::generic_category().message(error); }
@@ -119,14 +118,15 @@ private:
 class StreamedInput final : public CaptureInput {
 public:
     StreamedInput(Descriptor descriptor, std::unique_ptr<SpoolFile> spool)
-        : descriptor_(std::move(descriptor)), packed_(static_cast<std::size_t>(streamedPiece)), spool_(std::move(spool))
+        : descriptor_(std::move(descriptor)),
+          packed_(std::make_unique_for_overwrite<std::uint8_t[]>(static_cast<std::size_t>(streamedPiece))), spool_(std::move(spool))
     {}
 
     /// Reads the beginning and finds out whether it is compressed.
     void begin()
     {
         while (packedEnd_ < Decompressor::recognisedFrom && readPacked()) {}
-        decompressor_ = Decompressor::recognise(DataView(packed_.data(), packedEnd_));
+        decompressor_ = Decompressor::recognise(DataView(packed_.get(), packedEnd_));
     }
 
     DataView bytes(std::int64_t offset, std::int64_t count) const override
@@ -171,22 +171,24 @@ private:
         // Grows by what has arrived, not by what was announced.
         const std::int64_t needed = std::max(streamedPiece, std::min(count, 2 * held + streamedPiece));
         const std::int64_t consumed = at_ - start_;
-        if (static_cast<std::int64_t>(buffer_.size()) < needed) {
-            std::vector<std::uint8_t> larger(static_cast<std::size_t>(needed));
-            std::copy(at_, end_, larger.begin());
+        if (bufferSize_ < needed) {
+            auto larger = std::make_unique_for_overwrite<std::uint8_t[]>(static_cast<std::size_t>(needed));
+            std::copy(at_, end_, larger.get());
             buffer_ = std::move(larger);
-        } else {
-            std::memmove(buffer_.data(), at_, static_cast<std::size_t>(held));
+            bufferSize_ = needed;
+        } else if (held > 0) {
+            std::memmove(buffer_.get(), at_, static_cast<std::size_t>(held));
         }
         startPosition_ += consumed;
-        start_ = at_ = buffer_.data();
+        start_ = at_ = buffer_.get();
         end_ = start_ + held;
-        return std::span(buffer_).subspan(static_cast<std::size_t>(held));
+        return {buffer_.get() + held, static_cast<std::size_t>(bufferSize_ - held)};
     }
 
     bool readPacked()
     {
-        const std::int64_t count = readSome(descriptor_.number(), std::span(packed_).subspan(static_cast<std::size_t>(packedEnd_)));
+        const std::int64_t count =
+            readSome(descriptor_.number(), {packed_.get() + packedEnd_, static_cast<std::size_t>(streamedPiece - packedEnd_)});
         if (count < 0) failure_ = systemReason(errno);
         if (count <= 0)
             isAtEnd_ = true;
@@ -200,7 +202,7 @@ private:
     {
         if (packedAt_ < packedEnd_) {
             const auto count = std::min(packedEnd_ - packedAt_, static_cast<std::int64_t>(room.size()));
-            std::copy_n(packed_.begin() + packedAt_, count, room.begin());
+            std::copy_n(packed_.get() + packedAt_, count, room.begin());
             packedAt_ += count;
             return count;
         }
@@ -224,7 +226,7 @@ private:
                 readPacked();
             }
             const bool hadInput = packedAt_ < packedEnd_;
-            std::span<const std::uint8_t> input(packed_.data() + packedAt_, static_cast<std::size_t>(packedEnd_ - packedAt_));
+            std::span<const std::uint8_t> input(packed_.get() + packedAt_, static_cast<std::size_t>(packedEnd_ - packedAt_));
             const std::string reason = decompressor_->step(input, output);
             packedAt_ = packedEnd_ - static_cast<std::int64_t>(input.size());
             const std::int64_t place = storedBytesRead_ - (packedEnd_ - packedAt_);
@@ -240,13 +242,14 @@ private:
     }
 
     Descriptor descriptor_;
-    std::vector<std::uint8_t> packed_;  // bytes as stored
+    std::unique_ptr<std::uint8_t[]> packed_;  // bytes as stored
     std::int64_t packedAt_ = 0;
     std::int64_t packedEnd_ = 0;
     std::atomic<std::int64_t> storedBytesRead_{0};
     bool isAtEnd_ = false;
     std::unique_ptr<Decompressor> decompressor_;
-    std::vector<std::uint8_t> buffer_;
+    std::unique_ptr<std::uint8_t[]> buffer_;
+    std::int64_t bufferSize_ = 0;
     std::unique_ptr<SpoolFile> spool_;
     std::int64_t released_ = 0;
 };

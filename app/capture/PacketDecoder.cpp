@@ -14,6 +14,7 @@
 #include "app/capture/FragmentAssembler.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <vector>
 
@@ -46,42 +47,48 @@ constexpr std::uint8_t hopByHop = 0, ipv4 = 4, tcp = 6, udp = 17, ipv6 = 41, rou
 }
 
 constexpr std::uint16_t vxlanPort = 4'789;
-constexpr std::int64_t tcpHeaderLength = 20, udpHeaderLength = 8, vxlanHeaderLength = 8;
+constexpr std::int32_t tcpHeaderLength = 20, udpHeaderLength = 8, vxlanHeaderLength = 8;
 constexpr std::int64_t longestDatagram = 65'535;
 
-/// The bytes of one layer.
+/// The bytes of one layer. Small enough to be passed in two registers: through memory, layers cost more than all that is done
+/// with them. No packet is longer than 32 bits can say.
 struct Layer {
     const std::uint8_t* at = nullptr;
-    std::int64_t size = 0;    ///< captured
-    std::int64_t length = 0;  ///< on the wire
-    bool has(std::int64_t count) const { return size >= count; }
-    std::uint16_t u16(std::int64_t offset) const { return networkOrder.u16(at + offset); }
-    std::uint32_t u32(std::int64_t offset) const { return networkOrder.u32(at + offset); }
+    std::int32_t size = 0;    ///< captured
+    std::int32_t length = 0;  ///< on the wire
+    bool has(std::int32_t count) const { return size >= count; }
+    std::uint16_t u16(std::int32_t offset) const { return networkOrder.u16(at + offset); }
+    std::uint32_t u32(std::int32_t offset) const { return networkOrder.u32(at + offset); }
+    DataView bytes() const { return {at, size}; }
     /// What follows a header. A header may be longer than what was captured of it.
-    Layer behind(std::int64_t header) const
+    Layer behind(std::int32_t header) const
     {
-        const std::int64_t taken = std::min(header, size);
+        const std::int32_t taken = std::min(header, size);
         return {at + taken, size - taken, length - header};
     }
     /// The layer without what lies behind its first `count` bytes.
-    Layer upTo(std::int64_t count) const { return {at, std::min(size, count), count}; }
+    Layer upTo(std::int32_t count) const { return {at, std::min(size, count), count}; }
 };
+static_assert(sizeof(Layer) == 16);
 
 /// The addresses that an IP header gives.
 struct Network {
-    const std::uint8_t* source = nullptr;
-    const std::uint8_t* destination = nullptr;
+    const std::uint8_t* addresses = nullptr;  ///< the source's, and right behind it the destination's
     bool isIPv6 = false;
+    const std::uint8_t* source() const { return addresses; }
+    const std::uint8_t* destination() const { return addresses + (isIPv6 ? 16 : 4); }
 };
 
-TCPStreamKey::Endpoint endpoint(const Network& network, const std::uint8_t* address, std::uint16_t port)
+/// All of an address in one store: read again as a whole soon after, it would have to wait for several small ones.
+void storeAddress(std::array<std::uint8_t, 16>& target, const std::uint8_t* address, bool isIPv6)
 {
-    TCPStreamKey::Endpoint endpoint{.port = port, .isIPv6 = network.isIPv6};
-    if (network.isIPv6)
-        std::memcpy(endpoint.address.data(), address, 16);
+    using Words = std::uint32_t __attribute__((vector_size(16)));
+    Words words = {};
+    if (isIPv6)
+        std::memcpy(&words, address, 16);
     else
-        std::memcpy(endpoint.address.data(), address, 4);
-    return endpoint;
+        std::memcpy(&words, address, 4);
+    std::memcpy(target.data(), &words, 16);
 }
 
 }  // namespace
@@ -97,7 +104,9 @@ public:
         tunnels_ = 0;
         if (!reassembled_.empty()) [[unlikely]]
             reassembled_.clear();
-        return decodeLink({packet.frame.data(), packet.frame.size(), packet.originalLength});
+        constexpr std::int64_t most = 1 << 30;
+        return decodeLink({packet.frame.data(), static_cast<std::int32_t>(std::min(packet.frame.size(), most)),
+                           static_cast<std::int32_t>(std::min(packet.originalLength, most))});
     }
 
     const DecoderNotes& notes() const
@@ -135,9 +144,9 @@ private:
     bool decodeEitherIP(Layer layer);
     bool decodeIPv4(Layer layer);
     bool decodeIPv6(Layer layer);
-    bool decodeFragment(const Network& network, std::uint32_t identification, std::uint8_t protocol, Fragment fragment, Layer payload);
-    bool decodeIPPayload(const Network& network, std::uint8_t protocol, Layer layer);
-    bool decodeTCP(const Network& network, Layer layer);
+    bool decodeFragment(Network network, std::uint32_t identification, std::uint8_t protocol, Fragment fragment, Layer payload);
+    bool decodeIPPayload(Network network, std::uint8_t protocol, Layer layer);
+    bool decodeTCP(Network network, Layer layer);
     bool decodeUDP(Layer layer);
     bool decodeGRE(Layer layer);
 
@@ -196,7 +205,7 @@ bool PacketDecoder::Implementation::decodeEtherType(std::uint16_t type, Layer la
         case EtherType::mpls:
         case EtherType::mplsUpstream: return decodeMPLS(layer);
         case EtherType::pppoeSession: return decodePPPoE(layer);
-        default: return type < EtherType::least && decodeLLC(layer.upTo(std::min<std::int64_t>(type, layer.length)));
+        default: return type < EtherType::least && decodeLLC(layer.upTo(std::min<std::int32_t>(type, layer.length)));
         }
     }
 }
@@ -252,7 +261,7 @@ bool PacketDecoder::Implementation::decodePPPoE(Layer layer)
     // Version and type (1), code (1), session (2), length (2) (RFC 2516 §4).
     if (!layer.has(6)) return tooShort(layer);
     if (layer.at[1] != 0) return false;  // discovery
-    const std::int64_t length = layer.u16(4);
+    const std::int32_t length = layer.u16(4);
     layer = layer.behind(6);
     return decodePPP(length == 0 || length > layer.length ? layer : layer.upTo(length));
 }
@@ -298,19 +307,19 @@ bool PacketDecoder::Implementation::decodeIPv4(Layer layer)
 {
     // RFC 791 §3.1.
     if (!layer.has(20)) return tooShort(layer);
-    const std::int64_t headerLength = (layer.at[0] & 15) * 4;
+    const std::int32_t headerLength = (layer.at[0] & 15) * 4;
     if (layer.at[0] >> 4 != 4 || headerLength < 20) return damaged();
-    const std::int64_t announced = layer.u16(2);
+    const std::int32_t announced = layer.u16(2);
     // Segmentation offload leaves the length to the network card: what was captured counts.
-    const std::int64_t totalLength = announced != 0 ? announced : layer.size;
+    const std::int32_t totalLength = announced != 0 ? announced : layer.size;
     if (totalLength < headerLength) return damaged();
-    const Network network{layer.at + 12, layer.at + 16, false};
+    const Network network{layer.at + 12, false};
     const std::uint8_t protocol = layer.at[9];
     const std::uint16_t fragmentation = layer.u16(6);
     const std::uint32_t identification = layer.u16(4);
     const Layer payload = layer.upTo(totalLength).behind(headerLength);
     const bool hasMore = fragmentation & 0x2000;
-    const std::int64_t offset = (fragmentation & 0x1fff) * 8;
+    const std::int32_t offset = (fragmentation & 0x1fff) * 8;
     if (hasMore || offset != 0) [[unlikely]]
         return decodeFragment(network, identification, protocol, {.bytes = {}, .offset = offset, .isLast = !hasMore}, payload);
     return decodeIPPayload(network, protocol, payload);
@@ -321,18 +330,18 @@ bool PacketDecoder::Implementation::decodeIPv6(Layer layer)
     // RFC 8200 §3. A length of 0 is a jumbogram's or segmentation offload's: what was captured counts.
     if (!layer.has(40)) return tooShort(layer);
     if (layer.at[0] >> 4 != 6) return damaged();
-    const Network network{layer.at + 8, layer.at + 24, true};
+    const Network network{layer.at + 8, true};
     std::uint8_t next = layer.at[6];
-    const std::int64_t announced = layer.u16(4);
+    const std::int32_t announced = layer.u16(4);
     Layer payload = layer.behind(40);
     payload = payload.upTo(announced != 0 ? announced : payload.size);
     return decodeIPPayload(network, next, payload);
 }
 
-bool PacketDecoder::Implementation::decodeIPPayload(const Network& network, std::uint8_t protocol, Layer layer)
+bool PacketDecoder::Implementation::decodeIPPayload(Network network, std::uint8_t protocol, Layer layer)
 {
     for (;;) {
-        std::int64_t headerLength = 0;
+        std::int32_t headerLength = 0;
         switch (protocol) {
         case IPProtocol::tcp: return decodeTCP(network, layer);
         case IPProtocol::udp: return decodeUDP(layer);
@@ -360,7 +369,7 @@ bool PacketDecoder::Implementation::decodeIPPayload(const Network& network, std:
             if (!layer.has(8)) return tooShort(layer);
             const std::uint16_t fragmentation = layer.u16(2);
             const bool hasMore = fragmentation & 1;
-            const std::int64_t offset = fragmentation & 0xfff8;
+            const std::int32_t offset = fragmentation & 0xfff8;
             // A datagram may come in one fragment (RFC 6946).
             if (hasMore || offset != 0)
                 return decodeFragment(network, layer.u32(4), layer.at[0], {.bytes = {}, .offset = offset, .isLast = !hasMore},
@@ -375,43 +384,47 @@ bool PacketDecoder::Implementation::decodeIPPayload(const Network& network, std:
     }
 }
 
-bool PacketDecoder::Implementation::decodeFragment(const Network& network, std::uint32_t identification, std::uint8_t protocol,
-                                                   Fragment fragment, Layer payload)
+bool PacketDecoder::Implementation::decodeFragment(Network network, std::uint32_t identification, std::uint8_t protocol, Fragment fragment,
+                                                   Layer payload)
 {
     // Every fragment but the last holds whole units of eight bytes; what goes beyond them does not count.
     if (!fragment.isLast) payload = payload.upTo(payload.length / 8 * 8);
     if (payload.length <= 0 || fragment.offset + payload.length > longestDatagram) return damaged();
-    fragment.bytes = {payload.at, payload.size};
+    fragment.bytes = payload.bytes();
     fragment.length = payload.length;
     fragment.protocol = protocol;
 
     DatagramKey key{.identification = identification, .protocol = network.isIPv6 ? std::uint8_t{0} : protocol, .isIPv6 = network.isIPv6};
-    std::memcpy(key.source.data(), network.source, network.isIPv6 ? 16 : 4);
-    std::memcpy(key.destination.data(), network.destination, network.isIPv6 ? 16 : 4);
+    std::memcpy(key.source.data(), network.source(), network.isIPv6 ? 16 : 4);
+    std::memcpy(key.destination.data(), network.destination(), network.isIPv6 ? 16 : 4);
     // UDP is collected for the tunnels it may hold; most of it is none, and no loss.
     const bool countsWhenLost = protocol != IPProtocol::udp;
     auto datagram = fragments_.add(key, fragment, packet_->time.seconds, countsWhenLost);
     if (!datagram || !enterTunnel()) return false;
     const std::vector<std::uint8_t>& bytes = reassembled_.emplace_back(std::move(datagram->bytes));
-    return decodeIPPayload(network, datagram->protocol, {bytes.data(), static_cast<std::int64_t>(bytes.size()), datagram->length});
+    return decodeIPPayload(network, datagram->protocol,
+                           {bytes.data(), static_cast<std::int32_t>(bytes.size()), static_cast<std::int32_t>(datagram->length)});
 }
 
-bool PacketDecoder::Implementation::decodeTCP(const Network& network, Layer layer)
+bool PacketDecoder::Implementation::decodeTCP(Network network, Layer layer)
 {
     // RFC 9293 §3.1.
     if (!layer.has(tcpHeaderLength)) return tooShort(layer);
-    const std::int64_t headerLength = (layer.at[12] >> 4) * 4;
+    const std::int32_t headerLength = (layer.at[12] >> 4) * 4;
     if (headerLength < tcpHeaderLength || headerLength > layer.length) return damaged();
     TCPPacket& segment = *segment_;
-    segment.source = endpoint(network, network.source, layer.u16(0));
-    segment.destination = endpoint(network, network.destination, layer.u16(2));
+    storeAddress(segment.source.address, network.source(), network.isIPv6);
+    storeAddress(segment.destination.address, network.destination(), network.isIPv6);
+    segment.source.port = layer.u16(0);
+    segment.destination.port = layer.u16(2);
+    segment.source.isIPv6 = segment.destination.isIPv6 = network.isIPv6;
     segment.sequenceNumber = layer.u32(4);
     segment.acknowledgmentNumber = layer.u32(8);
     segment.flags = layer.at[13];
     segment.window = layer.u16(14);
     segment.urgentPointer = layer.u16(18);
     const Layer payload = layer.behind(headerLength);
-    segment.payload = {payload.at, payload.size};
+    segment.payload = payload.bytes();
     segment.payloadLength = payload.length;
     if (reassembled_.empty()) [[likely]] {
         segment.payloadAddress = packet_->address + (payload.at - packet_->frame.data());
@@ -438,7 +451,7 @@ bool PacketDecoder::Implementation::decodeGRE(Layer layer)
     const bool hasChecksum = flags & 0x8000, hasRouting = flags & 0x4000, hasKey = flags & 0x2000, hasSequence = flags & 0x1000,
                hasAcknowledgment = flags & 0x0080;
     if (version > 1) return false;
-    std::int64_t headerLength = 4;
+    std::int32_t headerLength = 4;
     if (hasChecksum || hasRouting) headerLength += 4;
     if (hasKey) headerLength += 4;
     if (hasSequence) headerLength += 4;
@@ -446,7 +459,7 @@ bool PacketDecoder::Implementation::decodeGRE(Layer layer)
     layer = layer.behind(headerLength);
     if (version == 0 && hasRouting) {
         // Source routes: family (2), offset (1), length (1), addresses; the last one has length 0.
-        for (std::int64_t length = -1; length != 0;) {
+        for (std::int32_t length = -1; length != 0;) {
             if (!layer.has(4)) return tooShort(layer);
             length = layer.at[3];
             layer = layer.behind(4 + length);

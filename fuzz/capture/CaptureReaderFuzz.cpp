@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: Apache-2.0
+// One capture file, read as a mapped file and as a stream.
+#include "app/capture/Capture.h"
+#include "fuzz/Require.h"
+
+#include <cstdlib>
+#include <string>
+#include <sys/mman.h>
+#include <unistd.h>
+#include <vector>
+
+using namespace sealscope;
+
+namespace {
+
+/// A file in memory that is written anew for every input.
+class Input {
+public:
+    explicit Input(int descriptor) : descriptor_(descriptor) { require(descriptor_ >= 0, "files in memory can be made"); }
+    /// The bytes behind some others, with the file's position between the two.
+    void write(DataView before, DataView bytes) const
+    {
+        const std::int64_t size = before.size() + bytes.size();
+        require(ftruncate(descriptor_, 0) == 0 &&
+                    pwrite(descriptor_, before.data(), static_cast<std::size_t>(before.size()), 0) == before.size() &&
+                    pwrite(descriptor_, bytes.data(), static_cast<std::size_t>(bytes.size()), before.size()) == bytes.size() &&
+                    ftruncate(descriptor_, size) == 0 && lseek(descriptor_, before.size(), SEEK_SET) == before.size(),
+                "the input is written");
+    }
+    std::string path() const { return "/proc/self/fd/" + std::to_string(descriptor_); }
+
+private:
+    int descriptor_;
+};
+
+struct Read {
+    std::vector<CapturedPacket> packets;
+    std::vector<std::vector<std::uint8_t>> frames;
+    std::size_t errors = 0;
+    bool isOpen = false;
+    std::string keyLog;
+};
+
+Read readAll(const std::string& name, bool randomAccess, std::int64_t size)
+{
+    Read read;
+    auto opened = Capture::open({name}, {.randomAccess = randomAccess});
+    read.isOpen = opened.has_value();
+    if (!opened) {
+        require(opened.error().couldNotOpen && !opened.error().reason.empty(), "a file that cannot be opened has a reason");
+        return read;
+    }
+    Capture& capture = **opened;
+    CapturedPacket packet;
+    while (capture.next(packet)) {
+        require(packet.number == static_cast<std::int64_t>(read.packets.size()) + 1, "packets are numbered from 1");
+        require(packet.originalLength >= packet.frame.size(), "no more is captured than there was");
+        require(packet.time.units < packet.time.resolution, "a fraction is below a second");
+        packet.time.nanoseconds();
+        read.packets.push_back(packet);
+        read.frames.emplace_back(packet.frame.begin(), packet.frame.end());
+    }
+    require(!capture.next(packet), "the end stays the end");
+    read.errors = capture.errors().size();
+    for (const CaptureError& error : capture.errors()) require(!error.reason.empty(), "an error has a reason");
+    read.keyLog = capture.embeddedKeyLog();
+    if (randomAccess)
+        for (std::size_t i = 0; i < read.packets.size(); ++i)
+            require(capture.bytes(read.packets[i].address, read.packets[i].frame.size()) == DataView(read.frames[i]),
+                    "addresses lead to the bytes");
+    // Compressed, one byte makes a thousand at most.
+    require(static_cast<std::int64_t>(read.packets.size()) * 16 <= size * 2'000, "packets are bounded by the file");
+    return read;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    static const Input file(memfd_create("file", 0));
+    // A file whose position is not its beginning cannot be mapped.
+    static const Input stream([] {
+        const int descriptor = memfd_create("stream", 0);
+        dup2(descriptor, STDIN_FILENO);
+        return descriptor;
+    }());
+    static const bool isInMemory = setenv("TMPDIR", "/dev/shm", 1) == 0;  // for speed
+    require(isInMemory, "the environment can be changed");
+    static const std::uint8_t before[] = {'x'};
+    const DataView bytes(data, static_cast<std::int64_t>(size));
+    file.write({}, bytes);
+    stream.write({before, 1}, bytes);
+
+    const Read mapped = readAll(file.path(), size % 2 == 0, bytes.size());
+    const Read streamed = readAll("-", size % 3 == 0, bytes.size());
+    require(mapped.isOpen == streamed.isOpen && mapped.errors == streamed.errors && mapped.keyLog == streamed.keyLog &&
+                mapped.frames == streamed.frames,
+            "a file and a stream read the same");
+    for (std::size_t i = 0; i < mapped.packets.size(); ++i) {
+        const CapturedPacket &a = mapped.packets[i], &b = streamed.packets[i];
+        require(a.time.seconds == b.time.seconds && a.time.units == b.time.units && a.linkType == b.linkType &&
+                    a.originalLength == b.originalLength,
+                "a file and a stream have the same packets");
+    }
+    return 0;
+}
