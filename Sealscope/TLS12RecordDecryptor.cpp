@@ -112,12 +112,17 @@ std::array<std::uint8_t, 13> TLS12RecordDecryptor::additionalData(std::uint64_t 
     return bytes;
 }
 
+void TLS12RecordDecryptor::mixSequence(std::span<std::uint8_t> iv, std::uint64_t sequence)
+{
+    if (iv.size() < 8) return;
+    const std::array<std::uint8_t, 8> counter = sequenceBytes(sequence);
+    for (std::size_t i = 0; i < 8; ++i) iv[iv.size() - 8 + i] ^= counter[i];
+}
+
 std::vector<std::uint8_t> TLS12RecordDecryptor::chaChaNonce(DataView fixedIV, std::uint64_t sequence)
 {
     std::vector<std::uint8_t> nonce(fixedIV.begin(), fixedIV.end());
-    if (nonce.size() != 12) return nonce;
-    const std::array<std::uint8_t, 8> counter = sequenceBytes(sequence);
-    for (std::size_t i = 0; i < 8; ++i) nonce[4 + i] ^= counter[i];
+    if (nonce.size() == 12) mixSequence(nonce, sequence);
     return nonce;
 }
 
@@ -133,12 +138,11 @@ std::optional<std::int64_t> TLS12RecordDecryptor::Opener::open(std::uint64_t seq
     const std::int64_t length = payload.size() - prefix - AEADOpener::tagSize;
     if (length < 0) return std::nullopt;
 
-    if (isGCM) {
-        nonce_.assign(fixedIV_.begin(), fixedIV_.end());
+    nonce_.assign(fixedIV_.begin(), fixedIV_.end());
+    if (isGCM)
         nonce_.insert(nonce_.end(), payload.begin(), payload.begin() + explicitNonceLength);
-    } else {
-        nonce_ = chaChaNonce(viewOf(fixedIV_), sequence);
-    }
+    else if (nonce_.size() == 12)
+        mixSequence(nonce_, sequence);
     constexpr auto contentType = std::to_underlying(TLSContentType::applicationData);
     const auto header = additionalData(sequence, contentType, version, static_cast<std::uint16_t>(length));
     const bool isOpen = aead_.open(nonce_, DataView(header), payload.sub(prefix, length), payload.from(prefix + length), plaintext);

@@ -61,6 +61,9 @@ struct TLS12RecordDecryptor {
     /// Additional data of a record (RFC 5246 §6.2.3.3); `length` is that of the plaintext.
     static std::array<std::uint8_t, 13> additionalData(std::uint64_t sequence, std::uint8_t contentType, std::uint16_t version,
                                                        std::uint16_t length);
+    /// The nonce of RFC 7905 §2 and RFC 8446 §5.3 from an IV: the sequence number is mixed into the last 8 bytes. Fewer bytes stay
+    /// as they are.
+    static void mixSequence(std::span<std::uint8_t> iv, std::uint64_t sequence);
     /// RFC 7905 §2. An IV that does not have 12 bytes stays as it is.
     static std::vector<std::uint8_t> chaChaNonce(DataView fixedIV, std::uint64_t sequence);
     /// The plaintext, or nothing when the record is too short or does not authenticate.

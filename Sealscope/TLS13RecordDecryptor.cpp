@@ -3,8 +3,6 @@
 
 #include "platform/HKDF.h"
 
-#include <algorithm>
-#include <functional>
 #include <utility>
 
 namespace sealscope {
@@ -44,9 +42,7 @@ std::optional<TLS13TrafficKeys> TLS13RecordDecryptor::trafficKeys(DataView secre
 std::vector<std::uint8_t> TLS13RecordDecryptor::recordNonce(DataView iv, std::uint64_t sequence)
 {
     std::vector<std::uint8_t> nonce(iv.begin(), iv.end());
-    if (nonce.size() < 8) return nonce;
-    const std::array<std::uint8_t, 8> counter = TLS12RecordDecryptor::sequenceBytes(sequence);
-    std::transform(counter.begin(), counter.end(), nonce.end() - 8, nonce.end() - 8, std::bit_xor{});
+    TLS12RecordDecryptor::mixSequence(nonce, sequence);
     return nonce;
 }
 
@@ -74,8 +70,9 @@ std::optional<TLS13RecordDecryptor::Opener::Opened> TLS13RecordDecryptor::Opener
 {
     const std::int64_t length = body.size() - AEADOpener::tagSize;
     if (length < 0) return std::nullopt;
-    const std::vector<std::uint8_t> nonce = recordNonce(viewOf(iv_), sequence_);
-    if (!aead_.open(nonce, header, body.sub(0, length), body.from(length), plaintext)) return std::nullopt;
+    nonce_.assign(iv_.begin(), iv_.end());
+    TLS12RecordDecryptor::mixSequence(nonce_, sequence_);
+    if (!aead_.open(nonce_, header, body.sub(0, length), body.from(length), plaintext)) return std::nullopt;
     const auto inner = innerPlaintext({plaintext, length});
     if (!inner) return std::nullopt;
     ++sequence_;

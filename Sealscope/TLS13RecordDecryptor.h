@@ -87,6 +87,7 @@ public:
 private:
     SecretBytes iv_;
     AEADOpener aead_;
+    std::vector<std::uint8_t> nonce_;
     std::uint64_t sequence_ = 0;
 };
 

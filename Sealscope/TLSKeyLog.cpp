@@ -34,24 +34,40 @@ constexpr std::array<std::int8_t, 256> digitValues = [] {
 
 int digitValue(char character) { return digitValues[static_cast<std::uint8_t>(character)]; }
 
-/// Appends the bytes of the digit pairs at the front of `text`; returns how many characters they took.
-std::size_t takeDigits(std::string_view text, SecretBytes& bytes)
-{
-    bytes.resize(text.size() / 2);
-    std::size_t pairs = 0;
-    for (; pairs < bytes.size(); ++pairs) {
-        const int high = digitValue(text[2 * pairs]);
-        const int low = digitValue(text[2 * pairs + 1]);
-        if ((high | low) < 0) break;
-        bytes[pairs] = static_cast<std::uint8_t>(high << 4 | low);
+/// Secret bytes that are decoded one field after another into the same memory.
+class DecodedField {
+public:
+    void clear(std::size_t capacity)
+    {
+        if (memory_.size() < capacity) memory_.resize(capacity);
+        size_ = 0;
     }
-    bytes.resize(pairs);
-    return 2 * pairs;
+    void append(int high, int low) { memory_[size_++] = static_cast<std::uint8_t>(high << 4 | low); }
+    bool isEmpty() const { return size_ == 0; }
+    DataView view() const { return viewOf(memory_).sub(0, static_cast<std::int64_t>(size_)); }
+
+private:
+    SecretBytes memory_;
+    std::size_t size_ = 0;
+};
+
+/// Decodes the digit pairs at the front of `text`; returns how many characters they took.
+std::size_t takeDigits(std::string_view text, DecodedField& field)
+{
+    field.clear(text.size() / 2);
+    std::size_t taken = 0;
+    for (; taken + 2 <= text.size(); taken += 2) {
+        const int high = digitValue(text[taken]);
+        const int low = digitValue(text[taken + 1]);
+        if ((high | low) < 0) break;
+        field.append(high, low);
+    }
+    return taken;
 }
 
-bool decodeHex(std::string_view text, SecretBytes& bytes)
+bool decodeField(std::string_view text, DecodedField& field)
 {
-    bytes.clear();
+    field.clear(text.size() / 2);
     if (text.size() % 2 != 0) return false;
     for (std::size_t i = 0; i < text.size(); i += 2) {
         int high = digitValue(text[i]);
@@ -59,7 +75,7 @@ bool decodeHex(std::string_view text, SecretBytes& bytes)
         // A pair is read as a number of base 16, and a number may have a sign; a byte has no value below 0.
         if (text[i] == '+' || (text[i] == '-' && low == 0)) high = 0;
         if ((high | low) < 0) return false;
-        bytes.push_back(static_cast<std::uint8_t>(high << 4 | low));
+        field.append(high, low);
     }
     return true;
 }
@@ -157,11 +173,6 @@ std::size_t lineBreakLength(std::string_view text)
 template <class Put> class Parser {
 public:
     explicit Parser(Put put) : put_(std::move(put)) {}
-    ~Parser()
-    {
-        wipe(clientRandom_.data(), clientRandom_.size());
-        wipe(secret_.data(), secret_.size());
-    }
 
     TLSKeyLogLineCount parse(std::string_view text)
     {
@@ -186,15 +197,15 @@ private:
         while (labelLength < line.size() && line[labelLength] > ' ' && line[labelLength] < 0x7F) ++labelLength;
         if (labelLength == 0 || line[0] == '#') return false;
         std::string_view rest = line.substr(labelLength);
-        for (SecretBytes* const field : {&clientRandom_, &secret_}) {
+        for (DecodedField* const field : {&clientRandom_, &secret_}) {
             if (!rest.starts_with(' ')) return false;
             rest.remove_prefix(1);
             rest.remove_prefix(takeDigits(rest, *field));
-            if (field->empty()) return false;
+            if (field->isEmpty()) return false;
         }
         if (!rest.empty()) return false;
         countValid();
-        put_(line.substr(0, labelLength), viewOf(clientRandom_), viewOf(secret_));
+        put_(line.substr(0, labelLength), clientRandom_.view(), secret_.view());
         return true;
     }
 
@@ -219,8 +230,9 @@ private:
         std::string_view rest = trimmed(line);
         if (rest.empty() || (rest[0] == '#' && !attachesToPrevious(scalarAt(rest, 1)))) return;
         const std::string_view label = takeField(rest);
-        const bool isValid = decodeHex(takeField(rest), clientRandom_) && !clientRandom_.empty() && decodeHex(takeField(rest), secret_) &&
-                             !secret_.empty() && rest.empty();
+        // An empty field is one that is not there.
+        const bool isValid = decodeField(takeField(rest), clientRandom_) && !clientRandom_.isEmpty() &&
+                             decodeField(takeField(rest), secret_) && !secret_.isEmpty() && rest.empty();
         if (!isValid) {
             ++count_.lines;
             if (count_.firstInvalidLine == 0) count_.firstInvalidLine = lineNumber_;
@@ -228,9 +240,9 @@ private:
         }
         countValid();
         if (utf8::isWellFormed(DataView(label)))
-            put_(label, viewOf(clientRandom_), viewOf(secret_));
+            put_(label, clientRandom_.view(), secret_.view());
         else
-            put_(utf8::repaired(DataView(label)), viewOf(clientRandom_), viewOf(secret_));
+            put_(utf8::repaired(DataView(label)), clientRandom_.view(), secret_.view());
     }
 
     void countValid()
@@ -242,16 +254,16 @@ private:
     Put put_;
     TLSKeyLogLineCount count_;
     std::int64_t lineNumber_ = 1;
-    SecretBytes clientRandom_;
-    SecretBytes secret_;
+    DecodedField clientRandom_;
+    DecodedField secret_;
 };
 
 }  // namespace
 
 TLSKeyLog::TLSKeyLog(std::string_view text)
 {
-    // The shortest line in use, that of an AES-128 session of TLS 1.2, has 175 bytes.
-    TLSSecrets::Builder builder(static_cast<std::int64_t>(text.size() / 175));
+    // No line in use is shorter than that of an exporter secret of 32 bytes, which has 146 characters.
+    TLSSecrets::Builder builder(static_cast<std::int64_t>(text.size() / 146));
     Parser([&](std::string_view label, DataView clientRandom, DataView secret) { builder.put(label, clientRandom, secret); }).parse(text);
     secrets = std::move(builder).take();
 }
@@ -263,9 +275,9 @@ TLSKeyLogLineCount TLSKeyLog::countLines(std::string_view text)
 
 std::optional<SecretBytes> TLSKeyLog::decodeHex(std::string_view text)
 {
-    SecretBytes bytes;
-    if (!sealscope::decodeHex(text, bytes)) return std::nullopt;
-    return bytes;
+    DecodedField field;
+    if (!decodeField(text, field)) return std::nullopt;
+    return SecretBytes(field.view().begin(), field.view().end());
 }
 
 }  // namespace sealscope

@@ -96,21 +96,30 @@ class TLSSecrets::Storage {
 public:
     void put(const Key& key, DataView secret)
     {
-        const auto found = entries.find(key);
-        if (found != entries.end()) {
-            if ((*found)->secret() == secret) return;
-            entries.erase(found);
-        }
-        const DataView label(key.label);
-        const DataView clientRandom(key.clientRandom);
-        void* const memory = blocks.allocate(sizeof(Entry) + static_cast<std::size_t>(label.size() + clientRandom.size() + secret.size()));
-        auto* bytes = static_cast<std::uint8_t*>(memory) + sizeof(Entry);
-        for (const DataView part : {label, clientRandom, secret}) bytes = std::copy(part.begin(), part.end(), bytes);
-        entries.insert(new (memory) Entry{label.size(), clientRandom.size(), secret.size()});
+        bool isNew = false;
+        const auto found = entries.lazy_emplace(key, [&](const auto& construct) {
+            construct(makeEntry(key, secret));
+            isNew = true;
+        });
+        if (isNew || (*found)->secret() == secret) return;
+        entries.erase(found);
+        entries.insert(makeEntry(key, secret));
     }
 
     absl::flat_hash_set<const Entry*, KeyHash, KeyEqual> entries;
-    Blocks blocks;
+
+private:
+    const Entry* makeEntry(const Key& key, DataView secret)
+    {
+        const DataView label(key.label);
+        const DataView clientRandom(key.clientRandom);
+        void* const memory = blocks_.allocate(sizeof(Entry) + static_cast<std::size_t>(label.size() + clientRandom.size() + secret.size()));
+        auto* bytes = static_cast<std::uint8_t*>(memory) + sizeof(Entry);
+        for (const DataView part : {label, clientRandom, secret}) bytes = std::copy(part.begin(), part.end(), bytes);
+        return new (memory) Entry{label.size(), clientRandom.size(), secret.size()};
+    }
+
+    Blocks blocks_;
 };
 
 std::int64_t TLSSecrets::size() const { return storage_ ? static_cast<std::int64_t>(storage_->entries.size()) : 0; }

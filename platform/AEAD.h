@@ -23,9 +23,9 @@ public:
 
     AEADOpener(AEADAlgorithm algorithm, DataView key);
 
-    /// Opens into `plaintext`, which has room for as many bytes as the ciphertext has and either is the ciphertext or does not
-    /// touch it. False when the message does not authenticate, or key, nonce or tag have no length that the algorithm takes;
-    /// what then stands in `plaintext` means nothing.
+    /// Opens into `plaintext`, which has room for as many bytes as the ciphertext has and does not touch it. False when the
+    /// message does not authenticate, or key, nonce or tag have no length that the algorithm takes; what then stands in
+    /// `plaintext` means nothing.
     [[nodiscard]] bool open(DataView nonce, DataView additionalData, DataView ciphertext, DataView tag, std::uint8_t* plaintext);
 
 private:
@@ -33,9 +33,13 @@ private:
         void operator()(evp_cipher_ctx_st* context) const;
     };
     bool begin(DataView nonce, DataView tag);
+    bool beginNext(DataView nonce, DataView tag);
+    bool finish(DataView additionalData, DataView ciphertext, std::uint8_t* plaintext);
 
     AEADAlgorithm algorithm_;
     std::int64_t nonceSize_ = 12;
+    bool hasBegun_ = false;
+    bool nextIsProven_ = false;
     std::unique_ptr<evp_cipher_ctx_st, Free> context_;  ///< null when the key cannot be used
 };
 

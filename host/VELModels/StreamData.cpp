@@ -20,9 +20,11 @@ DataView StreamData::gather(std::int64_t from, std::int64_t count, std::vector<s
 {
     from = std::clamp<std::int64_t>(from, 0, size_);
     count = std::clamp<std::int64_t>(count, 0, size_ - from);
-    if (const DataView here = stretch(from); here.size() >= count) return here.sub(0, count);
+    const DataView here = stretch(from);
+    if (here.size() >= count) return here.sub(0, count);
     scratch.resize(static_cast<std::size_t>(count));
-    copy(from, scratch);
+    std::ranges::copy(here, scratch.begin());
+    copy(from + here.size(), std::span(scratch).subspan(static_cast<std::size_t>(here.size())));
     return scratch;
 }
 
