@@ -79,7 +79,14 @@ public:
         const auto behind = std::ranges::upper_bound(places, address, {}, &Place::base);
         if (behind == places.begin()) return {};
         const Place& place = *std::prev(behind);
-        return place.file->input().bytes(address - place.base, count);
+        return place.file ? place.file->input().bytes(address - place.base, count) : DataView();
+    }
+
+    DataView fileBytes(std::size_t file) const override
+    {
+        if (file >= placeCount_.load(std::memory_order_acquire) || !places_[file].file) return {};
+        const CaptureInput& input = places_[file].file->input();
+        return input.bytes(0, input.size());
     }
 
     CaptureAddress keep(DataView bytes) override
@@ -102,7 +109,8 @@ public:
             }
         }
         if (!std::exchange(hasKeepingFailed_, true))
-            errors_.push_back({.reason = "fragments cannot be put together: " + reason, .packetsBefore = number_});
+            errors_.push_back(
+                {.file = names_[position_ - 1], .reason = "fragments cannot be put together: " + reason, .packetsBefore = packetsOfFile_});
         return -1;
     }
 
@@ -112,31 +120,30 @@ public:
     std::int64_t bytesTotal() const override { return bytesTotal_; }
 
 private:
-    /// A file whose bytes stay reachable, and its first byte's address.
+    /// A file from its turn on, as long as its bytes are wanted, and its first byte's address.
     struct Place {
         CaptureAddress base = 0;
-        std::unique_ptr<CaptureFile> file;
+        std::unique_ptr<CaptureFile> file;  ///< null when it could not be opened again
     };
 
     /// Ends the current file and opens the next; false after the last.
     bool advance()
     {
         leaveFile();
-        if (position_ == candidates_.size() && filter_ && filter_->failureCount() > 0 && !std::exchange(isFilterFailureTold_, true))
-            errors_.push_back({.reason = filter_->failure(), .packetsBefore = number_});
         while (position_ < candidates_.size()) {
             Candidate& candidate = candidates_[position_++];
             if (candidate.file) pending_ = candidate.first;
             auto opened = candidate.file ? std::expected<std::unique_ptr<CaptureFile>, std::string>(std::move(candidate.file))
                                          : CaptureFile::open(candidate.name, options_.randomAccess);
-            if (!opened) {
+            Place& place = places_[position_ - 1];
+            place.base = base_;
+            if (opened) place.file = std::move(*opened);
+            placeCount_.store(position_, std::memory_order_release);
+            file_ = place.file.get();
+            if (!file_) {
                 errors_.push_back({.file = candidate.name, .reason = opened.error(), .couldNotOpen = true});
                 continue;
             }
-            file_ = opened->get();
-            Place& place = places_[placeCount_];
-            place = {base_, std::move(*opened)};
-            placeCount_.store(placeCount_ + 1, std::memory_order_release);
             return true;
         }
         return false;
@@ -145,19 +152,22 @@ private:
     /// Secrets count wherever they stand, also behind the last packet that is wanted. Not worth waiting for a pipe, though.
     void collectRemainingSecrets()
     {
-        CapturedPacket ignored;
+        if (!file_) return;
         const std::size_t errorsSoFar = errors_.size();
-        while (file_) {
-            while (options_.randomAccess && file_->input().isMapped() && file_->next(ignored)) {}
-            if (!advance()) break;
-        }
-        errors_.resize(errorsSoFar);
+        CapturedPacket ignored;
+        do {
+            while (options_.randomAccess && file_->input().isRegularFile() && file_->next(ignored)) {}
+        } while (options_.randomAccess && advance());
+        leaveFile();
+        errors_.resize(errorsSoFar);  // what lies behind the last wanted packet may be damaged
     }
 
     void leaveFile()
     {
         if (!file_) return;
         const std::string& name = names_[position_ - 1];
+        if (filter_ && filter_->failureCount() > 0)
+            errors_.push_back({.file = name, .reason = filter_->takeFailure(), .packetsBefore = -1});
         if (file_->passedOverCount() > 0)
             errors_.push_back(
                 {.file = name, .reason = file_->passedOver(), .packetsBefore = packetsOfFile_, .passedOver = file_->passedOverCount()});
@@ -166,12 +176,10 @@ private:
         storedBytesBefore_ += file_->input().storedBytesRead();
         packetsOfFile_ = 0;
         file_->input().finish();
-        if (options_.randomAccess) {
+        if (options_.randomAccess)
             base_ += file_->input().size();
-        } else {
-            placeCount_ = 0;
-            places_[0].file.reset();
-        }
+        else
+            places_[position_ - 1].file.reset();
         file_ = nullptr;
     }
 
@@ -181,7 +189,7 @@ private:
     std::vector<std::string> names_;
     std::vector<CaptureError> errors_;
 
-    CaptureFile* file_ = nullptr;  // the last of `places_`, while it is read
+    CaptureFile* file_ = nullptr;  // of the last place, while it is read
     std::size_t position_ = 0;     // of the candidate behind it
     std::optional<CapturedPacket> pending_;
     CaptureAddress base_ = 0;
@@ -196,7 +204,6 @@ private:
     std::int64_t packetsLeft_;
     std::unique_ptr<SpoolFile> kept_;
     bool hasKeepingFailed_ = false;
-    bool isFilterFailureTold_ = false;
 };
 
 std::expected<Candidate, std::string> openCandidate(const std::string& name, const CaptureOptions& options, bool isOnlyOne)

@@ -41,6 +41,8 @@ public:
 
     /// `count` bytes at an address, cut to what is there. Needs random access.
     virtual DataView bytes(CaptureAddress address, std::int64_t count) const = 0;
+    /// All bytes of a file, uncompressed, as far as it was read. Needs random access.
+    virtual DataView fileBytes(std::size_t) const { return {}; }
     /// Keeps bytes that lie in no file, such as a datagram put together from fragments; returns their address. Negative when
     /// there is no room left for them; the reason is then among the errors.
     virtual CaptureAddress keep(DataView bytes) = 0;

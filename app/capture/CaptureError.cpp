@@ -8,7 +8,7 @@ namespace sealscope {
 std::string CaptureError::text() const
 {
     const std::string place = file.empty() ? reason : fmt::format("{}: {}", file == "-" ? "standard input" : file, reason);
-    if (couldNotOpen || file.empty()) return place;
+    if (couldNotOpen || packetsBefore < 0) return place;
     const std::string before = packetsBefore == 0   ? "no packet before it was read"
                                : packetsBefore == 1 ? "1 packet before it was read"
                                                     : fmt::format("{} packets before it were read", packetsBefore);

@@ -63,7 +63,6 @@ public:
     }
 
     bool isSuspicious() const override { return file_->isDamaged(); }
-    bool isMapped() const override { return true; }
     DataView bytes(std::int64_t offset, std::int64_t count) const override { return file_->bytes().sub(offset, count); }
     std::int64_t size() const override { return file_->bytes().size(); }
     std::int64_t storedBytesRead() const override { return position(); }
@@ -134,6 +133,11 @@ public:
         return spool_ ? spool_->bytes().sub(offset, count) : DataView();
     }
     std::int64_t size() const override { return position() + available(); }
+    bool isRegularFile() const override
+    {
+        struct stat status;
+        return fstat(descriptor_.number(), &status) == 0 && S_ISREG(status.st_mode);
+    }
     std::int64_t storedBytesRead() const override { return storedBytesRead_; }
 
 protected:
@@ -254,7 +258,28 @@ private:
     std::int64_t released_ = 0;
 };
 
+/// Bytes in memory.
+class MemoryInput final : public CaptureInput {
+public:
+    explicit MemoryInput(DataView bytes) : bytes_(bytes)
+    {
+        start_ = at_ = bytes.begin();
+        end_ = bytes.end();
+    }
+    DataView bytes(std::int64_t offset, std::int64_t count) const override { return bytes_.sub(offset, count); }
+    std::int64_t size() const override { return bytes_.size(); }
+    std::int64_t storedBytesRead() const override { return position(); }
+
+protected:
+    bool fill(std::int64_t) override { return false; }
+
+private:
+    DataView bytes_;
+};
+
 }  // namespace
+
+std::unique_ptr<CaptureInput> CaptureInput::over(DataView bytes) { return std::make_unique<MemoryInput>(bytes); }
 
 std::expected<std::unique_ptr<CaptureInput>, std::string> CaptureInput::open(const std::string& name, bool keepAll)
 {

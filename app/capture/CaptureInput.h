@@ -17,6 +17,8 @@ public:
     /// Opens a file ("-" is standard input). With `keepAll` every byte stays reachable through `bytes`; what cannot be mapped
     /// is then spooled to a temporary file. Fails with a reason that does not repeat the name.
     static std::expected<std::unique_ptr<CaptureInput>, std::string> open(const std::string& name, bool keepAll);
+    /// Bytes that are in memory already, and outlive the input.
+    static std::unique_ptr<CaptureInput> over(DataView bytes);
     virtual ~CaptureInput() = default;
 
     /// True when `count` bytes lie in one place at `data()`. False where the bytes end, or cannot be had: see `failure()`.
@@ -55,8 +57,8 @@ public:
     virtual std::int64_t size() const = 0;
     /// Bytes of the file, as stored, that were read.
     virtual std::int64_t storedBytesRead() const = 0;
-    /// True when the rest of the file can be walked without waiting for somebody to write it.
-    virtual bool isMapped() const { return false; }
+    /// True when all of the file is there, and its end need not be waited for.
+    virtual bool isRegularFile() const { return true; }
 
 protected:
     /// Tries to have `count` bytes at `at_`.

@@ -113,10 +113,10 @@ bool PacketFilter::passes(const CapturedPacket& packet, bool isSwapped)
 
 std::int64_t PacketFilter::failureCount() const { return implementation_->failureCount; }
 
-std::string PacketFilter::failure() const
+std::string PacketFilter::takeFailure()
 {
-    return fmt::format("{} packets were left out, since the filter cannot be applied to {}", implementation_->failureCount,
-                       implementation_->failure);
+    return fmt::format("{} packets were left out, since the filter cannot be applied to {}",
+                       std::exchange(implementation_->failureCount, 0), implementation_->failure);
 }
 
 }  // namespace sealscope

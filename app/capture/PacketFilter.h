@@ -24,9 +24,10 @@ public:
     /// True for a packet that passes. `isSwapped` tells that the capturing machine's byte order is not this one's, which
     /// decides how some link types' headers read. Of a link type that the expression cannot be compiled for, none passes.
     bool passes(const CapturedPacket& packet, bool isSwapped);
-    /// Packets that could not be filtered, and of which link type and why.
+    /// Packets that could not be filtered since the failure was taken the last time.
     std::int64_t failureCount() const;
-    std::string failure() const;
+    /// How many they are, of which link type, and why.
+    std::string takeFailure();
 
 private:
     struct Implementation;

@@ -38,6 +38,7 @@ bool PcapReader::begin(CaptureInput& input)
     if (major != 2) return refuse(input, fmt::format("pcap version {}.{} is not known", major, minor));
     // Before version 2.3 the two lengths stood in the other order, and some writers of 2.3 kept to that.
     mayHaveLengthsSwapped_ = minor <= 3;
+    snapLength_ = order_.u32(header + 16);
     linkType_ = order_.u32(header + 20) & 0xffff;  // the upper bits tell about the frame check sequence
     input.consume(fileHeaderLength);
     return true;

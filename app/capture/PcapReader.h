@@ -27,6 +27,10 @@ public:
 
     const std::string& damage() const { return damage_; }
     ByteOrder byteOrder() const { return order_; }
+    // Of the file header, once it was read.
+    std::uint32_t linkType() const { return linkType_; }
+    std::uint32_t snapLength() const { return snapLength_; }
+    std::uint8_t decimals() const { return resolution_ == 1'000'000 ? 6 : 9; }  ///< digits of a second that times have
 
 private:
     /// Notes what is wrong with the packet at the input's position, or with the file; always false.
@@ -37,6 +41,7 @@ private:
     std::int64_t packetHeaderLength_ = 16;
     std::uint64_t resolution_ = 1'000'000;
     std::uint32_t linkType_ = 0;
+    std::uint32_t snapLength_ = 0;
     bool mayHaveLengthsSwapped_ = false;
     std::string damage_;
 };
