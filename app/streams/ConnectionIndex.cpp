@@ -24,9 +24,11 @@ bool looksLikeClientHello(DataView payload)
            isMinorVersion(10);
 }
 
-/// True when a SYN's sequence number is not that of the connection at hand, so that the endpoints have opened another one.
-bool opensAnother(const Connection& connection, const ConnectionSide& side, std::uint32_t sequenceNumber)
+/// True when a SYN does not belong to the connection at hand, so that its endpoints have opened another one.
+bool opensAnother(const Connection& connection, const ConnectionSide& side, std::uint32_t sequenceNumber, bool isACK)
 {
+    // Some hosts, and most traffic that is made up, begin every connection with the same number.
+    if (connection.isOver && !isACK) return true;
     const bool isUsed = connection.isClosed || connection.hasData;
     if (side.hasSYN) return isUsed && side.initialSequenceNumber != sequenceNumber;
     if (!side.hasReference) return connection.isClosed;
@@ -53,7 +55,7 @@ bool looksLikeKeepAlive(const ConnectionSide& side, const TCPPacket& packet)
 void show(ConnectionSide& side, std::uint32_t sequenceNumber)
 {
     if (side.hasReference) return;
-    side.acknowledged.reference = sequenceNumber;
+    side.acknowledged = {.reference = sequenceNumber};
     side.hasReference = true;
 }
 
@@ -67,16 +69,14 @@ void acknowledge(ConnectionSide& side, std::uint32_t acknowledgmentNumber)
 }
 
 /// Notes what the header and length of a segment say of its sender's direction.
-void send(ConnectionSide& side, const TCPPacket& packet, bool isKeepAlive)
+void send(ConnectionSide& side, const TCPPacket& packet, bool isKeepAlive, bool connectionHasData)
 {
     if (packet.flags & TCPFlag::rst) return;
     const bool isSYN = packet.flags & TCPFlag::syn;
     if (isSYN) {
-        if (side.hasSYN && side.initialSequenceNumber != packet.sequenceNumber) {
-            // A second attempt on a connection that never came about: what the first one showed is void.
-            side.hasReference = side.hasSent = side.isAcknowledged = false;
-            side.acknowledged = {};
-        }
+        // Another attempt on a connection that did not come about before: what was seen of the direction so far is void.
+        const bool isRepeated = side.hasSYN && side.initialSequenceNumber == packet.sequenceNumber;
+        if (!isRepeated && !connectionHasData) side.hasReference = side.hasSent = side.isAcknowledged = false;
         side.hasSYN = true;
         side.initialSequenceNumber = packet.sequenceNumber;
     }
@@ -91,28 +91,29 @@ void send(ConnectionSide& side, const TCPPacket& packet, bool isKeepAlive)
     side.hasSent = true;
 }
 
-}  // namespace
-
-std::size_t ConnectionIndex::Lookup::hash(const Endpoints& endpoints)
+std::uint32_t hashOf(const std::array<TCPStreamKey::Endpoint, 2>& endpoints)
 {
     const auto bytes = [](const TCPStreamKey::Endpoint& endpoint) {
         return std::string_view(reinterpret_cast<const char*>(endpoint.address.data()), endpoint.isIPv6 ? 16 : 4);
     };
-    return absl::HashOf(bytes(endpoints[0]), endpoints[0].port, bytes(endpoints[1]), endpoints[1].port);
+    return static_cast<std::uint32_t>(absl::HashOf(bytes(endpoints[0]), endpoints[0].port, bytes(endpoints[1]), endpoints[1].port));
 }
 
-ConnectionIndex::ConnectionIndex() : current_(0, Lookup{&connections_}, Lookup{&connections_}) {}
+}  // namespace
 
-std::uint32_t ConnectionIndex::start(const Endpoints& endpoints, std::size_t sender, double time)
+ConnectionIndex::ConnectionIndex() : current_(0, {}, Equal{&connections_}) {}
+
+void ConnectionIndex::start(const Key& key, std::size_t sender, double time)
 {
-    const auto number = static_cast<std::uint32_t>(connections_.size());
-    Connection& connection = connections_.emplace_back();
-    connection.endpoints = endpoints;
-    connection.startTime = connection.endTime = time;
-    const bool differ = endpoints[0].port != endpoints[1].port;
-    connection.client = static_cast<std::uint8_t>(differ ? endpoints[1].port > endpoints[0].port : sender);
-    current_.insert(number);
-    return number;
+    latest_ = static_cast<std::uint32_t>(connections_.size());
+    const auto& [first, second] = key.endpoints;
+    connections_.push_back({
+        .endpoints = key.endpoints,
+        .startTime = time,
+        .endTime = time,
+        .client = static_cast<std::uint8_t>(first.port != second.port ? second.port > first.port : sender),
+    });
+    current_.insert({latest_, key.hash});
 }
 
 void ConnectionIndex::add(const TCPPacket& packet, std::int64_t packetNumber, double time)
@@ -125,18 +126,23 @@ void ConnectionIndex::add(const TCPPacket& packet, std::int64_t packetNumber, do
 
     // Packets of one connection tend to follow each other.
     if (connections_.empty() || connections_[latest_].endpoints != endpoints) {
-        const auto found = current_.find(endpoints);
-        latest_ = found != current_.end() ? *found : start(endpoints, sender, time);
+        const Key key{endpoints, hashOf(endpoints)};
+        if (const auto found = current_.find(key); found != current_.end()) {
+            latest_ = found->number;
+        } else {
+            start(key, sender, time);
+        }
     }
-    if (isSYN && opensAnother(connections_[latest_], connections_[latest_].sides[sender], packet.sequenceNumber)) {
-        current_.erase(latest_);
-        latest_ = start(endpoints, sender, time);
+    if (isSYN && opensAnother(connections_[latest_], connections_[latest_].sides[sender], packet.sequenceNumber, isACK)) {
+        const Key key{endpoints, hashOf(endpoints)};
+        current_.erase(key);
+        start(key, sender, time);
     }
 
     Connection& connection = connections_[latest_];
     ConnectionSide& side = connection.sides[sender];
     const bool keepAlive = looksLikeKeepAlive(side, packet);
-    send(side, packet, keepAlive);
+    send(side, packet, keepAlive, connection.hasData);
     if (isACK && !isRST) acknowledge(connection.sides[1 - sender], packet.acknowledgmentNumber);
 
     if (isSYN && connection.clientEvidence != Connection::Evidence::SYN) {
@@ -148,8 +154,13 @@ void ConnectionIndex::add(const TCPPacket& packet, std::int64_t packetNumber, do
     }
     connection.startTime = std::min(connection.startTime, time);
     connection.endTime = std::max(connection.endTime, time);
-    connection.isClosed |= (packet.flags & (TCPFlag::fin | TCPFlag::rst)) != 0;
     connection.hasData |= packet.payloadLength > 0 && !isRST && !keepAlive;
+    if (packet.flags & (TCPFlag::fin | TCPFlag::rst)) {
+        connection.isClosed = true;
+        side.hasFIN |= !isRST;
+        const auto& [first, second] = connection.sides;
+        connection.isOver |= connection.hasData && (first.hasSYN || second.hasSYN) && (isRST || (first.hasFIN && second.hasFIN));
+    }
 
     // A negative address: the capture had no room to keep a datagram that came in fragments.
     const std::int64_t captured = packet.payloadAddress < 0 ? 0 : std::min(packet.payload.size(), SegmentRecord::maximumLength);

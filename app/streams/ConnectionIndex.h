@@ -28,6 +28,7 @@ struct ConnectionSide {
     std::uint32_t lowest = 0;                 ///< lowest sequence number sent, that of the SYN apart
     std::uint32_t next = 0;                   ///< what follows the highest sequence number sent
     bool hasSYN = false;
+    bool hasFIN = false;
     bool hasSent = false;         ///< `lowest` and `next` are known
     bool hasReference = false;    ///< `acknowledged.reference` is known
     bool isAcknowledged = false;  ///< `acknowledged.highest` is known
@@ -46,6 +47,7 @@ struct Connection {
     Evidence clientEvidence = Evidence::higherPort;
     bool isClosed = false;  ///< a FIN or RST was seen
     bool hasData = false;
+    bool isOver = false;  ///< a RST or both FINs were seen, after a SYN and data
 
     std::int64_t packets() const { return std::int64_t{sides[0].segments.size()} + sides[1].segments.size(); }
     std::optional<Acknowledged> acknowledged(std::size_t side) const
@@ -70,23 +72,37 @@ public:
 
 private:
     using Endpoints = std::array<TCPStreamKey::Endpoint, 2>;
-    /// The set of current connections holds numbers only; their endpoints are looked up where they stand.
-    struct Lookup {
+    /// Entry of the set of current connections: the endpoints stand in the connection alone, their hash also here, so that the
+    /// set grows without a look at them.
+    struct Entry {
+        std::uint32_t number = 0;
+        std::uint32_t hash = 0;
+    };
+    struct Key {
+        const Endpoints& endpoints;
+        std::uint32_t hash = 0;
+    };
+    struct Hash {
+        using is_transparent = void;
+        std::size_t operator()(const auto& key) const { return key.hash * 0x9E37'79B9'7F4A'7C15U; }
+    };
+    struct Equal {
         using is_transparent = void;
         const std::deque<Connection>* connections = nullptr;
-        const Endpoints& key(std::uint32_t number) const { return (*connections)[number].endpoints; }
-        const Endpoints& key(const Endpoints& endpoints) const { return endpoints; }
-        std::size_t operator()(const auto& what) const { return hash(key(what)); }
-        bool operator()(const auto& a, const auto& b) const { return key(a) == key(b); }
-        static std::size_t hash(const Endpoints& endpoints);
+        bool operator()(const Entry& a, const Entry& b) const { return a.number == b.number; }
+        bool operator()(const Entry& entry, const Key& key) const
+        {
+            return entry.hash == key.hash && (*connections)[entry.number].endpoints == key.endpoints;
+        }
+        bool operator()(const Key& key, const Entry& entry) const { return (*this)(entry, key); }
     };
 
-    std::uint32_t start(const Endpoints& endpoints, std::size_t sender, double time);
+    void start(const Key& key, std::size_t sender, double time);
 
     SegmentArena arena_;
     std::deque<Connection> connections_;
-    absl::flat_hash_set<std::uint32_t, Lookup, Lookup> current_;  ///< the latest connection between each two endpoints
-    std::uint32_t latest_ = 0;                                    ///< connection of the packet before
+    absl::flat_hash_set<Entry, Hash, Equal> current_;  ///< the latest connection between each two endpoints
+    std::uint32_t latest_ = 0;                         ///< connection of the packet before
 };
 
 }  // namespace sealscope

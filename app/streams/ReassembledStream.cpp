@@ -63,6 +63,8 @@ private:
         std::int64_t end = 0;    ///< offset up to which the bytes are its own
     };
 
+    /// How many bytes of a segment's captured part, which lies at begin ..< end, differ from the data.
+    std::int64_t differences(const SegmentRecord& segment, std::int64_t begin, std::int64_t end) const;
     /// The owner of an offset that lies inside the data.
     Owner ownerOf(std::int64_t offset) const;
     DataView bytesOf(const Owner& owner, std::int64_t offset) const
@@ -138,25 +140,33 @@ std::int64_t ReassembledDirection::contradictingBytes() const
     if (!data_.hasOverlaps) return 0;
     std::int64_t contradicting = 0;
     SequenceSpace space(acknowledged_);
-    for (std::uint32_t position = 0; position < segments_.size(); ++position) {
-        const SegmentRecord& segment = segments_[position];
-        const auto placed = space.place(segment);
-        if (!placed || placed->isNew) continue;
-        const std::int64_t end = data_.offsetOf(placed->capturedEnd);
-        for (std::int64_t offset = std::max<std::int64_t>(data_.offsetOf(placed->begin), 0); offset < end;) {
-            const Owner owner = ownerOf(offset);
-            const std::int64_t until = std::min(owner.end, end);
-            if (owner.segment && owner.segment != &segment) {
-                const std::int64_t inSegment = static_cast<std::int64_t>(segment.captured) - (end - offset);
-                const DataView first = capture_.bytes(owner.segment->address + (offset - owner.begin), until - offset);
-                const DataView again = capture_.bytes(segment.address + inSegment, until - offset);
-                if (!(first == again))
-                    for (std::int64_t i = 0; i < std::min(first.size(), again.size()); ++i) contradicting += first[i] != again[i];
-            }
-            offset = until;
+    for (std::uint32_t position = 0; position < segments_.size();) {
+        for (const SegmentRecord& segment : segments_.chunkFrom(position)) {
+            const auto placed = space.place(segment);
+            if (placed && !placed->isNew)
+                contradicting += differences(segment, data_.offsetOf(placed->begin), data_.offsetOf(placed->capturedEnd));
+            ++position;
         }
     }
     return contradicting;
+}
+
+std::int64_t ReassembledDirection::differences(const SegmentRecord& segment, std::int64_t begin, std::int64_t end) const
+{
+    std::int64_t count = 0;
+    for (std::int64_t offset = begin; offset < end;) {
+        const Owner owner = ownerOf(offset);
+        const std::int64_t until = std::min(owner.end, end);
+        if (owner.segment && owner.segment != &segment) {
+            const std::int64_t inSegment = static_cast<std::int64_t>(segment.captured) - (end - offset);
+            const DataView first = capture_.bytes(owner.segment->address + (offset - owner.begin), until - offset);
+            const DataView again = capture_.bytes(segment.address + inSegment, until - offset);
+            if (!(first == again))
+                for (std::int64_t i = 0; i < std::min(first.size(), again.size()); ++i) count += first[i] != again[i];
+        }
+        offset = until;
+    }
+    return count;
 }
 
 /// The segments of both directions, merged by packet number.

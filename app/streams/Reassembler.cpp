@@ -34,6 +34,9 @@ constexpr std::uint32_t manySegments = 1 << 16;
 /// Makes runs of segments that are given in capture order.
 class RunBuilder {
 public:
+    /// Appends the runs to `runs`; without, they are only counted.
+    explicit RunBuilder(std::vector<SegmentRun>* runs = nullptr) : runs_(runs) {}
+
     void add(std::uint32_t position, const SegmentRecord& segment, const std::optional<SequenceSpace::Placed>& placed)
     {
         if (!placed || placed->capturedEnd == placed->begin) return pass(segment);
@@ -58,8 +61,6 @@ public:
         isOpen_ = false;
     }
 
-    /// Keeps the runs that end from now on; without, they are only counted.
-    void collect(std::vector<SegmentRun>& runs) { runs_ = &runs; }
     std::size_t count() const { return count_; }
 
 private:
@@ -93,7 +94,7 @@ private:
     SegmentRun run_;
     bool isOpen_ = false;  ///< the run can go on
     std::size_t count_ = 0;
-    std::vector<SegmentRun>* runs_ = nullptr;
+    std::vector<SegmentRun>* runs_;
     std::int64_t knownBegin_ = std::numeric_limits<std::int64_t>::max();
     std::int64_t knownEnd_ = std::numeric_limits<std::int64_t>::min();
 };
@@ -158,8 +159,7 @@ struct DoubtfulByte {
 /// Such a byte follows the data before it and nothing else brings it. A keep-alive repeats the last byte of a segment, which
 /// stands in the data; or that segment was lost as a whole, and then what comes before the byte is missing too. Before the
 /// first byte of a direction without a SYN, a lone byte is a keep-alive's: long silent connections begin with one.
-std::vector<SegmentRun> withDoubtfulBytes(const std::vector<SegmentRun>& runs, std::vector<DoubtfulByte>& bytes,
-                                          std::vector<SequenceSpace::Era>& eras)
+std::vector<SegmentRun> withDoubtfulBytes(const std::vector<SegmentRun>& runs, std::vector<DoubtfulByte>& bytes, SequenceSpace::Eras& eras)
 {
     std::ranges::sort(bytes);
     std::vector<SegmentRun> result;
@@ -178,73 +178,95 @@ std::vector<SegmentRun> withDoubtfulBytes(const std::vector<SegmentRun>& runs, s
     return result;
 }
 
-}  // namespace
-
-std::int64_t Reassembly::offsetOf(std::int64_t position) const { return position + eraShifts[SequenceSpace::eraOf(position)]; }
-
-Reassembly reassemble(const SegmentTable& segments, std::optional<Acknowledged> acknowledged)
-{
-    Reassembly result;
-    SequenceSpace space(acknowledged);
+/// What one pass over a direction's segments finds.
+struct Collected {
+    std::vector<SegmentRun> runs;  ///< in capture order; their offsets are positions in the sequence space
     std::vector<DoubtfulByte> doubtful;
-    std::optional<std::uint32_t> numberOfFIN;
-    const auto doubt = [&](std::uint32_t position) {
-        if (const auto at = space.positionOf(segments[position]); at && segments[position].captured > 0)
-            doubtful.push_back({*at, position, segments[position].dataNumber()});
-    };
-    const auto buildRuns = [&](RunBuilder& builder) {
-        for (std::uint32_t position = 0; position < segments.size(); ++position) {
-            const auto placed = space.place(segments[position]);
-            builder.add(position, segments[position], placed);
-            if (placed) result.hasOverlaps |= !placed->isNew;
-            if (segments[position].isKeepAlive()) doubt(position);
-            if (segments[position].flags & TCPFlag::fin) numberOfFIN = segments[position].nextNumber() - 1;
-        }
-        builder.close();
-    };
+    SequenceSpace::Eras eras;
+    bool hasOverlaps = false;
+};
 
-    std::vector<SegmentRun> runs;
+void collect(const SegmentTable& segments, std::optional<Acknowledged> acknowledged, RunBuilder& builder, Collected& collected)
+{
+    SequenceSpace space(acknowledged);
+    std::optional<std::uint32_t> numberOfFIN;
+    for (std::uint32_t position = 0; position < segments.size();) {
+        for (const SegmentRecord& segment : segments.chunkFrom(position)) {
+            const auto placed = space.place(segment);
+            builder.add(position, segment, placed);
+            if (placed) collected.hasOverlaps |= !placed->isNew;
+            if (segment.flags & TCPFlag::fin) numberOfFIN = segment.nextNumber() - 1;
+            if (segment.isKeepAlive() && segment.captured > 0)
+                if (const auto at = space.positionOf(segment)) collected.doubtful.push_back({*at, position, segment.sequenceNumber});
+            ++position;
+        }
+    }
+    builder.close();
+    // A keep-alive after the FIN repeats the FIN's number.
+    std::erase_if(collected.doubtful, [&](const DoubtfulByte& byte) { return byte.number == numberOfFIN; });
+    collected.eras = space.eras();
+}
+
+Collected collect(const SegmentTable& segments, std::optional<Acknowledged> acknowledged)
+{
+    Collected collected;
     if (segments.size() >= manySegments) {
         RunBuilder counter;
-        buildRuns(counter);
-        runs.reserve(counter.count());
-        space = SequenceSpace(acknowledged);
-        doubtful.clear();
+        Collected counted;
+        collect(segments, acknowledged, counter, counted);
+        collected.runs.reserve(counter.count());
     }
-    RunBuilder builder;
-    builder.collect(runs);
-    buildRuns(builder);
+    RunBuilder builder(&collected.runs);
+    collect(segments, acknowledged, builder, collected);
+    return collected;
+}
 
+/// Sorts runs by position and gives each byte to one of them.
+void putInOrder(std::vector<SegmentRun>& runs)
+{
     const auto isBefore = [](const SegmentRun& a, const SegmentRun& b) {
         return a.offset != b.offset ? a.offset < b.offset : a.first < b.first;
     };
     if (!std::ranges::is_sorted(runs, isBefore)) std::ranges::sort(runs, isBefore);
-    const auto overlaps = [](const SegmentRun& a, const SegmentRun& b) { return b.offset < a.end(); };
-    if (std::ranges::adjacent_find(runs, overlaps) != runs.end()) runs = withoutOverlaps(runs);
-    std::vector<SequenceSpace::Era> eras = space.eras();
-    // A keep-alive after the FIN repeats the FIN's number.
-    std::erase_if(doubtful, [&](const DoubtfulByte& byte) { return byte.number == numberOfFIN; });
-    if (!doubtful.empty()) runs = withDoubtfulBytes(runs, doubtful, eras);
+    const auto overlap = [](const SegmentRun& a, const SegmentRun& b) { return b.offset < a.end(); };
+    if (std::ranges::adjacent_find(runs, overlap) != runs.end()) runs = withoutOverlaps(runs);
+}
 
+}  // namespace
+
+std::int64_t Reassembly::offsetOf(std::int64_t position) const
+{
+    const Era& era = eras[SequenceSpace::eraOf(position)];
+    return era.offset + std::max<std::int64_t>(position - era.position, 0);
+}
+
+Reassembly reassemble(const SegmentTable& segments, std::optional<Acknowledged> acknowledged)
+{
+    Collected collected = collect(segments, acknowledged);
+    putInOrder(collected.runs);
+    if (!collected.doubtful.empty()) collected.runs = withDoubtfulBytes(collected.runs, collected.doubtful, collected.eras);
+
+    Reassembly result{.hasOverlaps = collected.hasOverlaps};
     // The eras follow each other; of each counts what lies after its SYN.
-    for (const SequenceSpace::Era& era : eras) {
-        result.eraShifts.push_back(result.size - era.begin);
+    for (const SequenceSpace::Era& era : collected.eras) {
+        result.eras.push_back({.position = era.begin, .offset = result.size});
         result.size += era.end - era.begin;
     }
-    result.restarts = std::max<std::int64_t>(static_cast<std::int64_t>(eras.size()) - 1, 0);
-    if (!eras.empty()) result.firstNumber = eras.front().numberAt(eras.front().begin);
+    if (!collected.eras.empty()) {
+        result.restarts = std::ssize(collected.eras) - 1;
+        result.firstNumber = collected.eras.front().numberAt(collected.eras.front().begin);
+    }
 
-    std::int64_t captured = 0;
-    std::erase_if(runs, [&](SegmentRun& run) {
-        const std::int64_t begin = eras[SequenceSpace::eraOf(run.offset)].begin;
+    result.missingBytes = result.size;
+    std::erase_if(collected.runs, [&](SegmentRun& run) {
+        const std::int64_t begin = std::max(run.offset, result.eras[SequenceSpace::eraOf(run.offset)].position);
         if (run.end() <= begin) return true;
-        run = part(run, std::max(run.offset, begin), run.end());
-        run.offset = result.offsetOf(run.offset);
-        captured += run.length;
+        run = part(run, begin, run.end());
+        run.offset = result.offsetOf(begin);
+        result.missingBytes -= run.length;
         return false;
     });
-    result.runs = std::move(runs);
-    result.missingBytes = result.size - captured;
+    result.runs = std::move(collected.runs);
     return result;
 }
 

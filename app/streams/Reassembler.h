@@ -4,6 +4,7 @@
 #include "app/streams/ConnectionIndex.h"
 #include "app/streams/SegmentList.h"
 
+#include <absl/container/inlined_vector.h>
 #include <cstdint>
 #include <optional>
 #include <vector>
@@ -25,13 +26,19 @@ struct SegmentRun {
 
 /// One direction's data: which segment carries which bytes. What lies between the runs was lost.
 struct Reassembly {
+    /// Where an era of `SequenceSpace` begins, there and in the data.
+    struct Era {
+        std::int64_t position = 0;
+        std::int64_t offset = 0;
+    };
+
     std::vector<SegmentRun> runs;  ///< by offset; they do not overlap
     std::int64_t size = 0;         ///< bytes, lost ones included
     std::int64_t missingBytes = 0;
     std::int64_t restarts = 0;                 ///< jumps in the sequence numbers that are no plausible loss
     std::optional<std::uint32_t> firstNumber;  ///< sequence number of the data's first byte, when one is known
-    std::vector<std::int64_t> eraShifts;       ///< what takes a position of an era of `SequenceSpace` to an offset
-    bool hasOverlaps = false;                  ///< some segment was not beyond all those before it
+    absl::InlinedVector<Era, 1> eras;
+    bool hasOverlaps = false;  ///< some segment was not beyond all those before it
 
     /// The offset of a position in `SequenceSpace`.
     std::int64_t offsetOf(std::int64_t position) const;

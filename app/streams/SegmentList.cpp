@@ -77,4 +77,10 @@ const SegmentRecord& SegmentTable::operator[](std::uint32_t position) const
     return chunks_[slot.chunk][slot.position];
 }
 
+std::span<const SegmentRecord> SegmentTable::chunkFrom(std::uint32_t position) const
+{
+    const Slot slot = slotOf(position);
+    return {chunks_[slot.chunk] + slot.position, std::min(slot.capacity - slot.position, size_ - position)};
+}
+
 }  // namespace sealscope

@@ -4,10 +4,10 @@
 #include "app/capture/CapturedPacket.h"
 #include "app/capture/PacketDecoder.h"
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <vector>
 
 namespace sealscope {
@@ -76,6 +76,8 @@ public:
     explicit SegmentTable(const SegmentList& list);
     std::uint32_t size() const { return size_; }
     const SegmentRecord& operator[](std::uint32_t position) const;
+    /// The record at a position and those after it that lie in one place with it; at least one.
+    std::span<const SegmentRecord> chunkFrom(std::uint32_t position) const;
 
 private:
     std::vector<const SegmentRecord*> chunks_;

@@ -69,13 +69,20 @@ std::optional<SequenceSpace::Placed> SequenceSpace::place(const SegmentRecord& s
     if (segment.isSYN()) takeSYN(segment.dataNumber());
     if (!segment.carriesData()) return std::nullopt;
     const std::uint32_t number = segment.dataNumber();
-    const auto index = eraFor(number, static_cast<std::int64_t>(segment.length));
+    const auto length = static_cast<std::int64_t>(segment.length);
+    if (!eras_.empty() && eras_[current_].hasData && number == eras_[current_].numberAt(eras_[current_].end)) {
+        // What most segments do: they go on where the data ends.
+        const std::int64_t begin = eras_[current_].end;
+        eras_[current_].end += length;
+        return Placed{begin, begin + static_cast<std::int64_t>(segment.captured), begin + length, number, true};
+    }
+    const auto index = eraFor(number, length);
     if (!index) return std::nullopt;
     current_ = *index;
     Era& era = eras_[*index];
 
     const std::int64_t position = era.positionOf(number);
-    const std::int64_t end = position + static_cast<std::int64_t>(segment.length);
+    const std::int64_t end = position + length;
     // Without a SYN the data begins with the lowest byte that is seen in time: before more than a flight has followed, or
     // right before what begins the data so far.
     if (!era.hasSYN && position < era.begin && (end >= era.begin || era.end - position <= plausibleFlight)) era.begin = position;

@@ -5,9 +5,9 @@
 #include "app/streams/SegmentList.h"
 #include "app/streams/SequenceNumber.h"
 
+#include <absl/container/inlined_vector.h>
 #include <cstdint>
 #include <optional>
-#include <vector>
 
 namespace sealscope {
 
@@ -36,6 +36,8 @@ public:
         std::int64_t positionOf(std::uint32_t number) const { return end + sequenceDistance(numberAt(end), number); }
     };
 
+    using Eras = absl::InlinedVector<Era, 1>;
+
     /// The positions of a segment's payload. `begin` counts from where the era's data begins at the least.
     struct Placed {
         std::int64_t begin = 0;
@@ -54,7 +56,7 @@ public:
     /// Where a segment would lie among those before it, without taking it in; nothing when it fits nowhere.
     std::optional<std::int64_t> positionOf(const SegmentRecord& segment) const;
 
-    const std::vector<Era>& eras() const { return eras_; }
+    const Eras& eras() const { return eras_; }
     static std::size_t eraOf(std::int64_t position) { return static_cast<std::size_t>(position / eraLength); }
 
 private:
@@ -64,7 +66,7 @@ private:
     std::optional<std::size_t> eraFor(std::uint32_t number, std::int64_t length);
 
     std::optional<Acknowledged> acknowledged_;
-    std::vector<Era> eras_;
+    Eras eras_;
     std::size_t current_ = 0;
 };
 
