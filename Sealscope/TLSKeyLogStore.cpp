@@ -16,7 +16,7 @@ TLSKeyLogStore& TLSKeyLogStore::shared()
     return store;
 }
 
-void TLSKeyLogStore::reloadIfNeeded()
+TLSKeyLog TLSKeyLogStore::current()
 {
     const auto userPath = KeylogUserFile::resolvedPath(UserDefaults::standard());
     const char* const environment = std::getenv("SSLKEYLOGFILE");
@@ -25,24 +25,21 @@ void TLSKeyLogStore::reloadIfNeeded()
     std::vector<MergedKeylog::SourceStamp> signature = MergedKeylog::signature(sources);
     {
         const std::lock_guard lock(mutex_);
-        if (state_.keyLog && state_.signature == signature) return;
+        if (state_.keyLog && state_.signature == signature) return *state_.keyLog;
     }
-    State fresh{std::move(signature), TLSKeyLog(MergedKeylog::mergedText(sources))};
+    const TLSKeyLog keyLog(MergedKeylog::mergedText(sources));
+    State fresh{std::move(signature), keyLog};
+    // What was there before is let go after the lock. The answer is what this call read: another may have stored less since.
     const std::lock_guard lock(mutex_);
-    // What was there before is let go after the lock.
     std::swap(state_, fresh);
+    return keyLog;
 }
+
+void TLSKeyLogStore::reloadIfNeeded() { current(); }
 
 std::optional<Data> TLSKeyLogStore::secret(std::string_view label, DataView clientRandom)
 {
     return current().secrets.find(label, clientRandom);
-}
-
-TLSKeyLog TLSKeyLogStore::current()
-{
-    reloadIfNeeded();
-    const std::lock_guard lock(mutex_);
-    return state_.keyLog.value_or(TLSKeyLog{});
 }
 
 }  // namespace sealscope

@@ -5,6 +5,7 @@
 #include "Sealscope/TLSDissector.h"
 #include "tests/Sealscope/WithKeyLog.h"
 #include "tests/support/Hex.h"
+#include "tests/support/TLSRecordSealer.h"
 #include "tests/support/TLSSession.h"
 #include "tests/support/VectorStream.h"
 
@@ -80,6 +81,260 @@ TEST(TLSStreamDecryption, OpensEverySuite)
     }
     // What libssl offers of both tables: DH_RSA it does not.
     EXPECT_EQ(opened, 11 + 3);
+}
+
+const TLSSessionOptions tls12{.version = 0x0303};
+const TLSSessionOptions tls13{.version = 0x0304};
+
+TLSSessionOptions with(TLSSessionOptions options, auto change)
+{
+    change(options);
+    return options;
+}
+
+TEST(TLSStreamDecryption, OpensEveryKindOfSession)
+{
+    const auto resuming = [](const TLSSessionOptions& options) {
+        const TLSSession first = runTLS(options, {serverSends("ticket, please"), clientSends("thanks")});
+        const TLSSession second = runTLS(with(options, [&](auto& again) { again.resume = first.resumption; }), conversation());
+        EXPECT_TRUE(second.isResumed);
+        return second;
+    };
+    struct Case {
+        const char* name;
+        TLSSession session;
+    };
+    const Case cases[] = {
+        {"1.2 with a client certificate",
+         runTLS(with(tls12, [](auto& o) { o.requiresClientCertificate = true, o.clientCertificate.emplace(); }), conversation())},
+        {"1.3 with a client certificate",
+         runTLS(with(tls13, [](auto& o) { o.requiresClientCertificate = true, o.clientCertificate.emplace(); }), conversation())},
+        {"1.2 resumed by ticket", resuming(tls12)},
+        {"1.2 resumed by session identifier", resuming(with(tls12, [](auto& o) { o.usesTickets = false; }))},
+        {"1.3 resumed", resuming(tls13)},
+        {"1.3 with a HelloRetryRequest", runTLS(with(tls13, [](auto& o) { o.serverGroups = "P-384"; }), conversation())},
+        {"1.3 with padding", runTLS(with(tls13, [](auto& o) { o.paddingBlock = 1'024; }), conversation())},
+        {"1.3 without ChangeCipherSpec", runTLS(with(tls13, [](auto& o) { o.usesMiddleboxCompatibility = false; }), conversation())},
+        {"1.3 with tickets between the data", runTLS(tls13, {serverSends("one"), serverDoes(Action::sendTicket), serverSends("two")})},
+        {"1.2 in records of 512 bytes", runTLS(with(tls12, [](auto& o) { o.maximumFragment = 512; }), conversation())},
+        {"1.3 in records of 512 bytes", runTLS(with(tls13, [](auto& o) { o.maximumFragment = 512; }), conversation())},
+        {"1.2 with a negotiated fragment length", runTLS(with(tls12, [](auto& o) { o.negotiatedFragmentCode = 2; }), conversation())},
+        {"1.2 with a DHE suite and no extended master secret",
+         runTLS(with(tls12, [](auto& o) { o.suites = "DHE-RSA-AES256-GCM-SHA384", o.usesExtendedMasterSecret = false; }), conversation())},
+        {"1.2 and one side is silent", runTLS(tls12, {serverSends("only the server speaks")})},
+        {"1.3 and one side is silent", runTLS(tls13, {clientSends("only the client speaks")})},
+        {"1.2 and nobody says anything", runTLS(tls12, {})},
+    };
+    for (const auto& [name, session] : cases) expectWhatWasSent(session, name);
+}
+
+TEST(TLSStreamDecryption, OpensEmptyRecordsAndTheLongest)
+{
+    for (const TLSSessionOptions& options : {tls12, tls13}) {
+        TLSConversation conversation(with(options, [](auto& o) { o.tickets = 0; }));
+        ASSERT_TRUE(conversation.handshake());
+        TLSRecordSealer sealer(conversation.session(), client, options.version == 0x0304 ? 0 : 1);
+        for (const Data& text : {Data{}, Data::fromText("between"), Data{}, patternBytes(16'384)})
+            conversation.inject(client, sealer.seal(23, text, options.version == 0x0304 && text.isEmpty() ? 100 : 0), text);
+        expectWhatWasSent(conversation.session(), options.version == 0x0304 ? "TLS 1.3" : "TLS 1.2");
+    }
+}
+
+/// What opens of a direction, as text.
+std::string text(const TLSSession& session, Direction direction)
+{
+    const WithKeyLog keyLog(session.keyLog);
+    return std::string(plaintext(vectorStream(session.flights), direction).view().text());
+}
+
+TEST(TLSStreamDecryption, EndsWhereTheKeysChange)
+{
+    const std::vector<TLSStep> updates{clientSends("c1 "), serverSends("s1 "), clientDoes(Action::updateKey), clientSends("c2 "),
+                                       serverSends("s2 ")};
+    EXPECT_EQ(text(runTLS(tls13, updates), client), "c1 ");
+    EXPECT_EQ(text(runTLS(tls13, updates), server), "s1 s2 ") << "the other side's keys stay";
+
+    const std::vector<TLSStep> renegotiation{clientSends("c1 "), serverSends("s1 "), clientDoes(Action::renegotiate), clientSends("c2 "),
+                                             serverSends("s2 ")};
+    EXPECT_EQ(text(runTLS(tls12, renegotiation), client), "c1 ");
+    EXPECT_EQ(text(runTLS(tls12, renegotiation), server), "s1 ");
+}
+
+TEST(TLSStreamDecryption, LeavesADirectionThatBeginsWithEarlyDataClosed)
+{
+    TLSSessionOptions options = with(tls13, [](auto& o) { o.maximumEarlyData = 16'384; });
+    options.resume = runTLS(options, {serverSends("ticket, please"), clientSends("thanks")}).resumption;
+    options.earlyData = Data::fromText("early ");
+    const TLSSession session = runTLS(options, {clientSends("later"), serverSends("answer")});
+    ASSERT_TRUE(session.acceptedEarlyData);
+    EXPECT_EQ(text(session, client), "");
+    EXPECT_EQ(text(session, server), "answer");
+}
+
+TEST(TLSStreamDecryption, NeedsTheRightSecrets)
+{
+    const TLSSession v12 = runTLS(tls12, {clientSends("c"), serverSends("s")});
+    const TLSSession v13 = runTLS(tls13, {clientSends("c"), serverSends("s")});
+    const auto without = [](std::string log, std::string_view label) {
+        for (std::size_t at = log.find(label); at != std::string::npos; at = log.find(label)) log.erase(at, log.find('\n', at) + 1 - at);
+        return log;
+    };
+    const std::string masterSecret = v12.keyLog.substr(0, v12.keyLog.find('\n'));
+    struct Case {
+        const char* name;
+        const TLSSession& session;
+        std::string keyLog;
+        std::string_view expectedClient, expectedServer;
+    };
+    const Case cases[] = {
+        {"all of 1.2", v12, v12.keyLog, "c", "s"},
+        {"all of 1.3", v13, v13.keyLog, "c", "s"},
+        {"no secrets", v13, "", "", ""},
+        {"a master secret of 47 bytes", v12, masterSecret.substr(0, masterSecret.size() - 2), "", ""},
+        {"a master secret of 49 bytes", v12, masterSecret + "00", "", ""},
+        {"another master secret", v12,
+         masterSecret.substr(0, masterSecret.size() - 2) + "zz\n" + masterSecret.substr(0, 79) + std::string(96, '0'), "", ""},
+        {"the server's secrets alone", v13, without(v13.keyLog, "CLIENT_"), "", "s"},
+        {"no handshake secrets", v13, without(without(v13.keyLog, "CLIENT_HANDSHAKE"), "SERVER_HANDSHAKE"), "", ""},
+        {"no application secrets", v13, without(without(v13.keyLog, "CLIENT_TRAFFIC"), "SERVER_TRAFFIC"), "", ""},
+        {"one version's line for the other's connection", v13, v12.keyLog, "", ""},
+    };
+    for (const auto& [name, session, keyLog, expectedClient, expectedServer] : cases) {
+        const WithKeyLog secrets(keyLog);
+        const TCPStream stream = vectorStream(session.flights);
+        EXPECT_EQ(plaintext(stream, client).view().text(), expectedClient) << name;
+        EXPECT_EQ(plaintext(stream, server).view().text(), expectedServer) << name;
+    }
+}
+
+TEST(TLSStreamDecryption, FindsTheHellos)
+{
+    const TLSSession v10 = runTLS({.version = 0x0301}, {});
+    const TLSSession v11 = runTLS({.version = 0x0302}, {});
+    const TLSSession v12 = runTLS(tls12, {clientSends("c")});
+    const TLSSession v13 = runTLS(tls13, {clientSends("c")});
+    const TLSSession split = runTLS(with(tls12, [](auto& o) { o.handshakeRecordLength = 40; }), {clientSends("c")});
+    const auto answer = [](const TCPStream& stream) -> std::string {
+        const auto context = TLSStreamDecryption::context(stream);
+        if (!context) return context.error() == TLSStreamDecryption::ContextFailure::noHandshake ? "no handshake" : "unsupported version";
+        return context->isTLS13 ? "TLS 1.3" : "TLS 1.2";
+    };
+    const auto whole = [](const TLSSession& session) { return vectorStream(session.wire(client), session.wire(server)); };
+    EXPECT_EQ(answer(whole(v10)), "unsupported version");
+    EXPECT_EQ(answer(whole(v11)), "unsupported version");
+    EXPECT_EQ(answer(whole(v12)), "TLS 1.2");
+    EXPECT_EQ(answer(whole(v13)), "TLS 1.3");
+    EXPECT_EQ(answer(whole(split)), "no handshake") << "hellos that are spread over records";
+    EXPECT_EQ(answer(vectorStream(v13.wire(client), {})), "no handshake") << "one direction only";
+    EXPECT_EQ(answer(vectorStream({}, v13.wire(server))), "no handshake");
+    EXPECT_EQ(answer(vectorStream(v13.wire(server), v13.wire(client))), "no handshake") << "directions the wrong way round";
+
+    // A hello is found after records of other types and other messages, and not in a record that the data do not hold.
+    const Data hello = v12.wire(client).sub(0, 5 + v12.wire(client).view().u16(3));
+    const Data before = hex("15 0301 0002 0100  16 0303 0004 00000000  18 0303 0001 00");
+    EXPECT_EQ(answer(vectorStream(joined({before, hello}), v12.wire(server))), "TLS 1.2");
+    EXPECT_EQ(answer(vectorStream(hello.sub(0, hello.size() - 1), v12.wire(server))), "no handshake");
+    const auto random = TLSStreamDecryption::firstClientRandom(StreamData(joined({before, hello})));
+    EXPECT_EQ(random, hello.sub(11, 32));
+    const auto serverHello = TLSStreamDecryption::firstServerHello(StreamData(v12.wire(server)));
+    ASSERT_TRUE(serverHello);
+    EXPECT_EQ(serverHello->cipherSuite, v12.cipherSuite);
+}
+
+/// The records of one direction as lists, opened by the operations on lists: what the walk does by and by.
+std::optional<DirectionPlain> decryptedFromLists(const TCPStream& stream, Direction direction, const TLSKeyLog& keyLog)
+{
+    const auto context = TLSStreamDecryption::context(stream).value();
+    const Data bytes = stream.data(direction).whole();
+    const auto secret = [&](const char* label) { return keyLog.secret({label, context.clientRandom}); };
+    std::vector<TLS12Record> records12;
+    std::vector<TLS13CipherRecord> records13;
+    for (const TLSRecord& record : TLSDissector::parseRecords(bytes)) {
+        if (record.isTruncated) continue;
+        const ByteLocation location = stream.locate({record.bodyOffset, record.endOffset()}, direction);
+        const Data body = bytes.sub(record.bodyOffset, record.declaredLength);
+        const double timestamp = location.timestamp.value_or(0);
+        records12.push_back({record.contentType, record.version(), body, location.packetIds, timestamp});
+        if (record.contentType == 23) records13.push_back({bytes.sub(record.recordOffset, 5), body, location.packetIds, timestamp});
+    }
+    std::vector<TLS12DecryptedRecord> opened;
+    if (context.isTLS13) {
+        const bool isServer = direction == server;
+        const auto decrypted = TLS13RecordDecryptor::decryptRecords(
+            records13, secret(isServer ? "SERVER_HANDSHAKE_TRAFFIC_SECRET" : "CLIENT_HANDSHAKE_TRAFFIC_SECRET"),
+            *secret(isServer ? "SERVER_TRAFFIC_SECRET_0" : "CLIENT_TRAFFIC_SECRET_0"), context.cipherSuite);
+        for (const TLS13DecryptedRecord& record : decrypted.value())
+            if (record.innerType == 23) opened.push_back({record.plaintext, record.packetIds, record.timestamp});
+    } else {
+        const auto parameters = TLS12RecordDecryptor::suiteParameters(context.cipherSuite).value();
+        const auto keys = TLS12RecordDecryptor::directionKeys(direction, parameters, context.clientRandom, context.serverRandom,
+                                                              *secret("CLIENT_RANDOM"));
+        opened = TLS12RecordDecryptor::decryptDirection(records12, *keys, parameters.cipher);
+    }
+    return TLSStreamDecryption::plainDirection(opened);
+}
+
+TEST(TLSStreamDecryption, LocatesPlaintextInThePacketsOfItsRecords)
+{
+    for (const TLSSessionOptions& options : {tls12, tls13}) {
+        const TLSSession session = runTLS(options, conversation());
+        const TCPStream stream = vectorStream(session.flights, {.segmentSize = 700});
+        const WithKeyLog keyLog(session.keyLog);
+        for (const Direction direction : {client, server}) {
+            const auto plain = decrypted(stream, direction);
+            const auto fromLists = decryptedFromLists(stream, direction, TLSKeyLog(session.keyLog));
+            ASSERT_TRUE(plain && fromLists);
+            EXPECT_EQ(plain->data, fromLists->data);
+            const std::int64_t size = plain->data.size();
+            for (std::int64_t at = 0; at < size; at += 97)
+                ASSERT_EQ(plain->index.locate({at, at + 1}), fromLists->index.locate({at, at + 1})) << at;
+            for (const ByteRange range :
+                 {ByteRange{0, size}, ByteRange{size - 1, size}, ByteRange{size, size + 9}, ByteRange{3, 3}, ByteRange{16'000, 17'000}})
+                EXPECT_EQ(plain->index.locate(range), fromLists->index.locate(range)) << range.lower;
+        }
+    }
+    // The last word of the server came in one packet, and that is where it is found.
+    const TLSSession session = runTLS(tls13, {serverSends(patternBytes(20'000)), serverSends("bye")});
+    const TCPStream stream = vectorStream(session.flights);
+    const WithKeyLog keyLog(session.keyLog);
+    const auto plain = decrypted(stream, server);
+    ASSERT_TRUE(plain);
+    const std::int64_t end = stream.serverToClientData.size();
+    EXPECT_EQ(plain->index.locate({20'000, 20'003}), stream.locate({end - 1, end}, server));
+}
+
+/// The stream with the packets that carry these bytes of a direction lost.
+TCPStream withLostBytes(const TLSSession& session, Direction direction, ByteRange lost)
+{
+    std::vector<StreamPiece> pieces = streamPieces(session.flights, {.segmentSize = 100});
+    std::int64_t offset = 0;
+    for (StreamPiece& piece : pieces) {
+        if (piece.direction != direction) continue;
+        const ByteRange range{offset, offset + piece.bytes.size()};
+        offset = range.upper;
+        if (range.upper <= lost.lower || range.lower >= lost.upper) continue;
+        piece.bytes = Data(std::vector<std::uint8_t>(static_cast<std::size_t>(piece.bytes.size())));
+        piece.packetId.reset();
+    }
+    return vectorStream(pieces);
+}
+
+TEST(TLSStreamDecryption, SurvivesLostSegments)
+{
+    const std::vector<TLSStep> steps{serverSends(patternBytes(1'000, 1)), serverSends(patternBytes(1'000, 2)),
+                                     serverSends(patternBytes(1'000, 3))};
+    for (const TLSSessionOptions& options : {tls12, tls13}) {
+        const TLSSession session = runTLS(options, steps);
+        const std::int64_t end = session.wire(server).size();
+        const WithKeyLog keyLog(session.keyLog);
+        // Within the second of the three records, header left alone.
+        const Data opened = plaintext(withLostBytes(session, server, {end - 1'600, end - 1'500}), server);
+        const Data first = session.serverPlaintext.sub(0, 1'000);
+        if (options.version == 0x0303)
+            EXPECT_EQ(opened, joined({first, session.serverPlaintext.sub(2'000, 1'000)}));
+        else
+            EXPECT_EQ(opened, first);
+    }
 }
 
 }  // namespace
