@@ -61,8 +61,10 @@ HelloSearch<Info> searchHello(const TCPStream& stream, Direction direction, TLSH
             if (message.handshakeType != std::to_underlying(helloType)) return true;
             if (!record.isTruncated && !message.isTruncated)
                 search.info = parse(body.sub(message.bodyOffset - record.bodyOffset, message.length), message.bodyOffset);
+            // Zeros in place of lost bytes may read as a hello, but what is looked for is not in them.
+            const ByteRange random{message.bodyOffset + 2, message.bodyOffset + 34};
             if (search.info)
-                search.state = Hello::found;
+                search.state = hasLostBytes(stream, direction, random) ? Hello::cutByData : Hello::found;
             else if (isClear && search.state == Hello::missing) {
                 if (record.isTruncated || hasLostBytes(stream, direction, {record.recordOffset, record.endOffset()}))
                     search.state = Hello::cutByData;
