@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 # What is installed besides programs and bundles: the contract for people who write plug-ins (headers, libraries, CMake package,
-# pkg-config file), the manual page, the completions and the licence; and how Debian packages are made of it.
+# pkg-config file), the manual page, the completions and the licence.
 include(CMakePackageConfigHelpers)
 
 # The contract. Headers are included as they are here: "host/…" and "platform/…".
@@ -22,13 +22,14 @@ cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY "${CMAKE_INSTALL_FU
 configure_file(cmake/sealscope-host.pc.in "${PROJECT_BINARY_DIR}/sealscope-host.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/sealscope-host.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT development)
 
-# For the people at the terminal.
-install(FILES docs/sealscope.1 DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
+# For the people at the terminal. Debian compresses manual pages, has documents of each package in a folder of its own, and keeps
+# what packages bring apart from what is installed by hand: SealscopePackage.cmake sees to those.
+set(zsh_functions "vendor-completions")
+if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    set(zsh_functions "site-functions")
+    install(FILES docs/sealscope.1 DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
+    install(FILES LICENSE CHANGELOG.md docs/plugins.md DESTINATION "${CMAKE_INSTALL_DOCDIR}")
+endif()
 install(FILES completions/sealscope.bash DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" RENAME sealscope)
 install(FILES completions/sealscope.fish DESTINATION "${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d")
-# Debian keeps what packages bring apart from what is installed by hand.
-set(zsh_functions "site-functions")
-if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
-    set(zsh_functions "vendor-completions")
-endif()
 install(FILES completions/_sealscope DESTINATION "${CMAKE_INSTALL_DATADIR}/zsh/${zsh_functions}")

@@ -1,0 +1,77 @@
+# SPDX-License-Identifier: Apache-2.0
+# Debian packages, made by cpack from a build that is configured for /usr (the preset "package"):
+#   sealscope            program, plug-in, texts, manual page, completions
+#   libsealscope-host1   the shared libraries; its number is the version of the plug-in contract
+#   libsealscope-dev     headers, CMake package and pkg-config file for plug-ins
+set(library_package "libsealscope-host${SEALSCOPE_CONTRACT_VERSION}")
+find_program(gzip_program gzip REQUIRED)
+
+# Compressed without names and times, so that the same sources give the same packages.
+function(sealscope_install_compressed source name destination component)
+    set(compressed "${PROJECT_BINARY_DIR}/packaging/${component}/${name}.gz")
+    get_filename_component(folder "${compressed}" DIRECTORY)
+    file(MAKE_DIRECTORY "${folder}")
+    execute_process(COMMAND "${gzip_program}" -9n -c "${source}" OUTPUT_FILE "${compressed}" COMMAND_ERROR_IS_FATAL ANY)
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${source}")
+    install(FILES "${compressed}" DESTINATION "${destination}" COMPONENT ${component})
+endfunction()
+
+# The changelog in Debian's form; its date is that of the sources where SOURCE_DATE_EPOCH tells it.
+string(TIMESTAMP debian_date "%a, %d %b %Y %H:%M:%S +0000" UTC)
+configure_file(packaging/changelog.in "${PROJECT_BINARY_DIR}/packaging/changelog" @ONLY)
+foreach(pair "runtime:sealscope" "libraries:${library_package}" "development:libsealscope-dev")
+    string(REPLACE ":" ";" pair "${pair}")
+    list(GET pair 0 component)
+    list(GET pair 1 package)
+    set(folder "${CMAKE_INSTALL_DATADIR}/doc/${package}")
+    install(FILES packaging/copyright DESTINATION "${folder}" COMPONENT ${component})
+    sealscope_install_compressed("${PROJECT_BINARY_DIR}/packaging/changelog" changelog "${folder}" ${component})
+endforeach()
+
+sealscope_install_compressed("${PROJECT_SOURCE_DIR}/docs/sealscope.1" sealscope.1 "${CMAKE_INSTALL_MANDIR}/man1" runtime)
+install(FILES docs/plugins.md DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/libsealscope-dev" COMPONENT development)
+install(DIRECTORY examples/plugin DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/libsealscope-dev/examples" COMPONENT development)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME sealscope)
+set(CPACK_PACKAGE_VERSION "${PROJECT_VERSION}")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # each package brings its own, as the first line of its description
+set(CPACK_PACKAGE_VENDOR "The Sealscope developers")
+set(CPACK_PACKAGE_CONTACT "The Sealscope developers <sealscope@sealscope.example>")
+set(CPACK_STRIP_FILES ON)
+set(CPACK_COMPONENTS_ALL runtime libraries development)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${PROJECT_BINARY_DIR}/platform" "${PROJECT_BINARY_DIR}/host")
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME sealscope)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "${library_package} (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "see into the TLS traffic of a packet capture
+Reads packet captures, reassembles their TCP connections and shows the TLS
+in them: records, handshakes, certificates, and the plaintext where a key log
+in the SSLKEYLOGFILE format holds the secrets. Says why where it does not.")
+
+set(CPACK_DEBIAN_LIBRARIES_PACKAGE_NAME "${library_package}")
+set(CPACK_DEBIAN_LIBRARIES_PACKAGE_SECTION libs)
+# The linker's cache is brought up to date by a trigger. cpack would add scripts that do it themselves, unless it is told of other
+# ones; these are not there, so the package has none.
+set(CPACK_DEBIAN_LIBRARIES_PACKAGE_CONTROL_EXTRA
+    "${PROJECT_SOURCE_DIR}/packaging/triggers" "${PROJECT_BINARY_DIR}/packaging/shlibs"
+    "${PROJECT_BINARY_DIR}/packaging/none/postinst" "${PROJECT_BINARY_DIR}/packaging/none/postrm")
+file(WRITE "${PROJECT_BINARY_DIR}/packaging/shlibs"
+    "libsealscope_host ${SEALSCOPE_CONTRACT_VERSION} ${library_package} (>= ${PROJECT_VERSION})\n"
+    "libsealscope_platform ${SEALSCOPE_CONTRACT_VERSION} ${library_package} (>= ${PROJECT_VERSION})\n")
+set(CPACK_DEBIAN_LIBRARIES_DESCRIPTION "contract between sealscope and its plug-ins (shared libraries)
+The records and services that the program sealscope and its plug-ins share.")
+
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libsealscope-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${library_package} (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "contract between sealscope and its plug-ins (development files)
+Headers, CMake package and pkg-config file for writing plug-ins that teach
+sealscope a protocol.")
+include(CPack)
