@@ -1,0 +1,213 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/capture/LiveCapture.h"
+
+#include "app/capture/Privileges.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+#include <fmt/format.h>
+#include <pcap/pcap.h>
+#include <poll.h>
+#include <string_view>
+#include <sys/eventfd.h>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
+
+namespace sealscope {
+namespace {
+
+using std::chrono::milliseconds;
+
+/// For a capture whose descriptor does not tell when packets are there.
+constexpr milliseconds lookAgainAfter{10};
+constexpr int bufferBytes = 16 << 20;  // for a burst of packets while rows are printed
+
+struct CloseHandle {
+    void operator()(pcap_t* handle) const { pcap_close(handle); }
+};
+struct CloseFile {
+    void operator()(pcap_dumper_t* file) const { pcap_dump_close(file); }
+};
+
+/// Link types as files number them. The library's own numbers differ for raw IP alone, among those that the decoder knows.
+std::uint32_t linkTypeOf(int libraryNumber) { return libraryNumber == DLT_RAW ? 101 : static_cast<std::uint32_t>(libraryNumber); }
+
+std::string activationProblem(pcap_t* handle, int status)
+{
+    const std::string_view detail = pcap_geterr(handle);
+    const std::string reason = pcap_statustostr(status);
+    if (status == PCAP_ERROR_PERM_DENIED || status == PCAP_ERROR_PROMISC_PERM_DENIED)
+        return "no permission to capture on it; run as root, or give the program the capabilities cap_net_raw and cap_net_admin";
+    if (status == PCAP_ERROR_NO_SUCH_DEVICE) return "there is no such network interface";
+    if (status == PCAP_ERROR) return std::string(detail);
+    return detail.empty() ? reason : fmt::format("{} ({})", reason, detail);
+}
+
+}  // namespace
+
+struct LiveCapture::Implementation {
+    /// Waits until a packet may be there, but no longer than the timeout.
+    void wait(milliseconds timeout)
+    {
+        const int capture = pcap_get_selectable_fd(handle.get());
+        if (capture < 0) timeout = std::min(timeout, lookAgainAfter);
+        pollfd descriptors[] = {{.fd = stopEvent, .events = POLLIN, .revents = 0}, {.fd = capture, .events = POLLIN, .revents = 0}};
+        poll(descriptors, 2, static_cast<int>(std::min<std::int64_t>(timeout.count(), 1 << 30)));
+    }
+
+    void write(const pcap_pkthdr* header, const u_char* bytes)
+    {
+        if (!file || writeError != 0) return;
+        errno = 0;
+        pcap_dump(reinterpret_cast<u_char*>(file.get()), header, bytes);
+        if (std::ferror(pcap_dump_file(file.get()))) writeError = errno != 0 ? errno : EIO;
+        isFlushed = false;
+    }
+
+    void flush()
+    {
+        if (!file || isFlushed || writeError != 0) return;
+        if (pcap_dump_flush(file.get()) != 0) writeError = errno;
+        isFlushed = true;
+    }
+
+    LiveOptions options;
+    std::unique_ptr<pcap_t, CloseHandle> handle;
+    std::unique_ptr<pcap_dumper_t, CloseFile> file;
+    int writeError = 0;
+    bool isFlushed = true;
+    int stopEvent = -1;
+    std::atomic<std::int64_t> stopTime{0};  // nanoseconds since 1970; 0 while nobody has asked
+    std::uint32_t linkType = 0;
+    bool hasNanoseconds = false;
+    std::int64_t number = 0;
+    CaptureError error;
+
+    ~Implementation()
+    {
+        if (stopEvent >= 0) close(stopEvent);
+    }
+};
+
+LiveCapture::LiveCapture(std::unique_ptr<Implementation> implementation) : implementation_(std::move(implementation)) {}
+LiveCapture::~LiveCapture() = default;
+
+std::expected<std::unique_ptr<LiveCapture>, CaptureError> LiveCapture::open(const LiveOptions& options)
+{
+    const auto refused = [&](std::string reason) {
+        return std::unexpected(CaptureError{.file = options.interface, .reason = std::move(reason), .couldNotOpen = true});
+    };
+    auto self = std::make_unique<Implementation>();
+    self->options = options;
+    char problem[PCAP_ERRBUF_SIZE] = {};
+    self->handle.reset(pcap_create(options.interface.c_str(), problem));
+    if (!self->handle) return refused(problem);
+    pcap_t* const handle = self->handle.get();
+    pcap_set_snaplen(handle, options.snapLength);
+    pcap_set_promisc(handle, options.isPromiscuous);
+    pcap_set_immediate_mode(handle, 1);
+    pcap_set_buffer_size(handle, bufferBytes);
+    self->hasNanoseconds = pcap_set_tstamp_precision(handle, PCAP_TSTAMP_PRECISION_NANO) == 0;
+    if (const int status = pcap_activate(handle); status < 0) return refused(activationProblem(handle, status));
+    if (options.dropsPrivileges)
+        if (const auto dropped = dropPrivileges(); !dropped) return refused(dropped.error());
+
+    if (pcap_setnonblock(handle, 1, problem) != 0) return refused(problem);
+    self->linkType = linkTypeOf(pcap_datalink(handle));
+    if (!options.filter.empty()) {
+        bpf_program program = {};
+        if (pcap_compile(handle, &program, options.filter.c_str(), 1, PCAP_NETMASK_UNKNOWN) != 0)
+            return std::unexpected(CaptureError{.reason = pcap_geterr(handle), .couldNotOpen = true});
+        const int status = pcap_setfilter(handle, &program);
+        pcap_freecode(&program);
+        if (status != 0) return refused(pcap_geterr(handle));
+    }
+    if (!options.writeTo.empty()) {
+        errno = 0;
+        self->file.reset(pcap_dump_open(handle, options.writeTo.c_str()));
+        if (!self->file) {
+            // The library's sentence begins with the name, which the error says already.
+            const std::string reason = errno != 0 ? std::generic_category().message(errno) : pcap_geterr(handle);
+            return std::unexpected(CaptureError{.file = options.writeTo, .reason = reason, .couldNotOpen = true});
+        }
+    }
+    self->stopEvent = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (self->stopEvent < 0) return refused(std::generic_category().message(errno));
+    return std::unique_ptr<LiveCapture>(new LiveCapture(std::move(self)));
+}
+
+LiveCapture::Outcome LiveCapture::next(CapturedPacket& packet, milliseconds timeout)
+{
+    Implementation& self = *implementation_;
+    const auto end = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        const std::int64_t stopTime = self.stopTime;
+        pcap_pkthdr* header = nullptr;
+        const u_char* bytes = nullptr;
+        const int count = pcap_next_ex(self.handle.get(), &header, &bytes);
+        if (count == 1) {
+            packet = {.number = self.number + 1,
+                      .time = {.seconds = header->ts.tv_sec,
+                               .units = static_cast<std::uint64_t>(header->ts.tv_usec),
+                               .resolution = self.hasNanoseconds ? 1'000'000'000u : 1'000'000u},
+                      .frame = {bytes, header->caplen},
+                      .originalLength = std::max(header->len, header->caplen),
+                      .linkType = self.linkType};
+            // What had arrived before the stop still counts; a flood behind it would never end.
+            if (stopTime != 0 && packet.time.nanoseconds() > stopTime) return Outcome::stopped;
+            ++self.number;
+            self.write(header, bytes);
+            return Outcome::packet;
+        }
+        if (count < 0) {
+            self.flush();
+            self.error = {.file = self.options.interface, .reason = pcap_geterr(self.handle.get()), .packetsBefore = self.number};
+            return Outcome::failed;
+        }
+        self.flush();
+        if (stopTime != 0) return Outcome::stopped;
+        const auto left = std::chrono::ceil<milliseconds>(end - std::chrono::steady_clock::now());
+        if (left <= milliseconds::zero()) return Outcome::timeout;
+        self.wait(left);
+    }
+}
+
+void LiveCapture::stop()
+{
+    const int savedError = errno;
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    std::int64_t notAsked = 0;
+    implementation_->stopTime.compare_exchange_strong(notAsked, now.tv_sec * 1'000'000'000 + now.tv_nsec);
+    const std::uint64_t one = 1;
+    // A full counter has woken the reader already.
+    [[maybe_unused]] const ssize_t written = write(implementation_->stopEvent, &one, sizeof one);
+    errno = savedError;
+}
+
+LiveCounts LiveCapture::counts() const
+{
+    pcap_stat counted = {};
+    if (pcap_stats(implementation_->handle.get(), &counted) != 0) return {.received = implementation_->number};
+    return {.received = counted.ps_recv, .droppedByKernel = counted.ps_drop, .droppedByInterface = counted.ps_ifdrop};
+}
+
+const CaptureError& LiveCapture::error() const { return implementation_->error; }
+
+std::expected<void, CaptureError> LiveCapture::finishWriting()
+{
+    Implementation& self = *implementation_;
+    self.flush();
+    self.file.reset();
+    if (self.writeError == 0) return {};
+    return std::unexpected(
+        CaptureError{.file = self.options.writeTo,
+                     .reason = fmt::format("could not be written to its end: {}", std::generic_category().message(self.writeError)),
+                     .packetsBefore = -1});
+}
+
+}  // namespace sealscope
