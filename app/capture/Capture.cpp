@@ -114,6 +114,20 @@ public:
         return -1;
     }
 
+    std::vector<CaptureError> lostFiles() const override
+    {
+        std::vector<CaptureError> lost;
+        for (std::size_t file = 0; file < placeCount_.load(std::memory_order_acquire); ++file) {
+            const Place& place = places_[file];
+            if (!place.file || !place.file->input().isSuspicious()) continue;
+            const auto isOfIt = [&](const CaptureError& error) { return error.file == names_[file] && error.passedOver == 0; };
+            if (std::ranges::any_of(errors_, isOfIt)) continue;
+            lost.push_back(
+                {.file = names_[file], .reason = "became shorter after it was read; what is missing counts as zeros", .packetsBefore = -1});
+        }
+        return lost;
+    }
+
     std::string embeddedKeyLog() const override { return file_ ? keyLog_ + file_->keyLog() : keyLog_; }
 
     std::int64_t bytesRead() const override { return storedBytesBefore_ + (file_ ? file_->input().storedBytesRead() : 0); }

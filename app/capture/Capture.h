@@ -47,6 +47,10 @@ public:
     /// there is no room left for them; the reason is then among the errors.
     virtual CaptureAddress keep(DataView bytes) = 0;
 
+    /// Files that became shorter, or could not be read, when `bytes` or `fileBytes` looked at them again; what is missing reads
+    /// as zeros. To be asked when all is done, since nobody knows before. Of damage met in reading only `errors` tells.
+    virtual std::vector<CaptureError> lostFiles() const { return {}; }
+
     /// TLS key log text of the decryption secrets blocks read so far, in capture order, each block's lines whole.
     virtual std::string embeddedKeyLog() const = 0;
 

@@ -116,5 +116,6 @@ const std::vector<CaptureError>& Session::errors() const { return implementation
 const DecoderNotes& Session::notes() const { return implementation_->notes; }
 bool Session::wasInterrupted() const { return implementation_->wasInterrupted; }
 std::string Session::embeddedKeyLog() const { return implementation_->capture().embeddedKeyLog(); }
+const Capture& Session::capture() const { return implementation_->capture(); }
 
 }  // namespace sealscope

@@ -60,6 +60,8 @@ public:
     bool wasInterrupted() const;
     /// Key log text of the secrets that the capture carries.
     std::string embeddedKeyLog() const;
+    /// The files behind it, read with random access.
+    const Capture& capture() const;
 
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;

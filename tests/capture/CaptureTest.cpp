@@ -465,6 +465,22 @@ TEST(Capture, SurvivesAFileThatBecomesShorter)
     }
 }
 
+TEST(Capture, TellsOfAFileThatBecameShorterAfterwards)
+{
+    const TempDirectory directory;
+    const std::string path = directory.write("capture", pcapFile(somePackets(400)));
+    auto capture = Capture::open({path}, {.randomAccess = true});
+    ASSERT_TRUE(capture);
+    const ReadResult result = readAll(**capture);
+    EXPECT_THAT(result.errors, IsEmpty());
+    const DataView last = (*capture)->bytes(result.packets.back().address, 100);
+    EXPECT_THAT((*capture)->lostFiles(), IsEmpty());
+    std::filesystem::resize_file(path, 10'000);
+    EXPECT_EQ(last[50], 0);
+    ASSERT_EQ((*capture)->lostFiles().size(), 1u);
+    EXPECT_EQ((*capture)->lostFiles()[0].text(), path + ": became shorter after it was read; what is missing counts as zeros");
+}
+
 TEST(Capture, ReadsSeveralFilesAsOne)
 {
     const TempDirectory directory;
