@@ -7,8 +7,8 @@ namespace sealscope::cli {
 
 std::span<const Command* const> commands()
 {
-    static constexpr const Command* all[] = {&followCommand,  &packetsCommand, &treeCommand,
-                                             &streamsCommand, &plugInsCommand, &settingsCommand};
+    static constexpr const Command* all[] = {&followCommand,  &packetsCommand, &treeCommand,    &streamsCommand,
+                                             &decryptCommand, &plugInsCommand, &settingsCommand};
     return all;
 }
 

@@ -33,6 +33,7 @@ std::string reason(const Examination& found)
     case Examination::Problem::tooLarge: return fmt::format("has {} bytes, which is too much for the memory of this machine", found.size);
     case Examination::Problem::isEmpty: return "is empty";
     case Examination::Problem::noValidLine:
+        if (found.lines == 0) return "holds comments alone";
         return fmt::format("none of its {} line{} is one of a key log", found.lines, found.lines == 1 ? "" : "s");
     }
     std::unreachable();

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <fmt/format.h>
 #include <limits>
+#include <numeric>
 #include <vector>
 
 namespace sealscope::cli {
@@ -72,7 +73,11 @@ public:
                     unanswered[static_cast<std::size_t>(pairing.requestIndex)] = &pairing;
             }
         }
-        for (std::size_t i = 0; i < interpretation.messages.size(); ++i) {
+        // What has no time of its own, such as the plaintext of a whole direction, is read after what it came out of.
+        std::vector<std::size_t> order(interpretation.messages.size());
+        std::iota(order.begin(), order.end(), std::size_t{0});
+        std::ranges::stable_partition(order, [&](std::size_t i) { return interpretation.messages[i].timestamp != 0; });
+        for (const std::size_t i : order) {
             const StreamMessage& message = interpretation.messages[i];
             summaryLine(message);
             for (const DetailRow& row : message.detail) detail(row.name, row.value);
@@ -156,7 +161,7 @@ private:
             std::string_view line = body.substr(0, end);
             if (line.ends_with('\r')) line.remove_suffix(1);
             text_.append(detailIndent, ' ');
-            text_ += "│ ";
+            text_ += line.empty() ? "│" : "│ ";
             appendDisplaySafe(text_, line);
             text_ += '\n';
             body.remove_prefix(std::min(end + 1, body.size()));

@@ -162,6 +162,13 @@ std::optional<StreamVerdict> StreamVerdicts::verdict(const TCPStream& stream, bo
     return verdict;
 }
 
+std::unique_ptr<PlaintextReader> StreamVerdicts::plaintextReader(const TCPStream& stream, TCPSegment::Direction direction) const
+{
+    for (const auto& probe : probes_)
+        if (auto reader = probe->plaintextReader(stream, direction)) return reader;
+    return nullptr;
+}
+
 std::optional<TLSDecryptionReport> StreamVerdicts::report(const TCPStream& stream) const
 {
     for (const auto& probe : probes_)

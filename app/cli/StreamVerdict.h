@@ -42,6 +42,8 @@ public:
     explicit StreamVerdicts(const Session& session);
     /// Nothing when no probe is registered. `walk` opens both directions to their ends to say how much of them opens.
     std::optional<StreamVerdict> verdict(const TCPStream& stream, bool walk) const;
+    /// Opens one direction; null when no probe can.
+    std::unique_ptr<PlaintextReader> plaintextReader(const TCPStream& stream, TCPSegment::Direction direction) const;
     /// The facts alone; nothing when no probe gives any.
     std::optional<TLSDecryptionReport> report(const TCPStream& stream) const;
 

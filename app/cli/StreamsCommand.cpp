@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/cli/Commands.h"
-#include "app/cli/DisplayText.h"
 #include "app/cli/EndpointTexts.h"
 #include "app/cli/InOrder.h"
 #include "app/cli/Interrupt.h"
 #include "app/cli/JSONLineWriter.h"
 #include "app/cli/StreamReading.h"
 #include "app/cli/StreamVerdict.h"
-#include "app/cli/TextTable.h"
 #include "app/cli/TimeText.h"
 #include "app/cli/VerdictSentence.h"
+#include "app/cli/VerdictTable.h"
 
+#include <algorithm>
 #include <array>
 #include <fmt/format.h>
 #include <utility>
@@ -54,92 +54,71 @@ void appendJSON(std::string& text, const StreamRow& row)
     text += '\n';
 }
 
-/// The streams as a table. What is to say about a verdict follows its row on a terminal, whose width it would not fit, and
-/// is the last column elsewhere.
+/// The streams as a table for people. A narrow terminal shows less of each, and times as short as its width allows.
 class StreamTable {
 public:
-    explicit StreamTable(const Terminal& terminal) : terminal_(terminal), table_(columns(terminal), terminal) {}
+    explicit StreamTable(const Terminal& terminal)
+        : detail_(terminal.columns == 0    ? Detail::full
+                  : terminal.columns < 100 ? Detail::least
+                                           : Detail::reduced),
+          table_(columns(detail_), terminal)
+    {}
 
-    void measure(const StreamSummary& summary) { table_.measure(cells({.summary = summary})); }
+    void measure(const StreamSummary& summary) { table_.measure(cells(summary)); }
 
     void append(std::string& text, const StreamRow& row)
     {
-        if (!std::exchange(hasHeading_, true)) table_.appendHeading(text);
-        table_.appendRow(text, cells(row));
-        if (!terminal_.isTerminal || !row.verdict) return;
-        const std::string sentence = displaySafe(verdictSentence(*row.verdict, row.summary));
-        appendWrapped(text, sentence);
+        const std::string_view otherwise = row.canInterpret ? "not asked" : "not TLS";
+        table_.append(text, cells(row.summary), row.verdict ? verdictText(row.verdict->outcome) : otherwise,
+                      row.verdict ? verdictSentence(*row.verdict, row.summary) : std::string());
     }
 
 private:
-    static std::vector<TextColumn> columns(const Terminal& terminal)
+    enum class Detail { least, reduced, full };
+
+    static std::vector<TextColumn> columns(Detail detail)
     {
         using enum TextColumn::Alignment;
         std::vector<TextColumn> columns{
             {.title = "Stream", .alignment = right, .narrowest = 6, .widest = 10, .isFirm = true, .style = Style::faint},
-            {.title = "Start",
-             .narrowest = TimeText::clockWidth - 7,
-             .widest = TimeText::dateWidth + TimeText::clockWidth,
-             .style = Style::faint},
-            {.title = "Seconds", .alignment = right, .narrowest = 7, .widest = 14, .style = Style::faint},
             {.title = "Client", .narrowest = 9, .widest = 47, .isFirm = true, .style = Style::accent},
             {.title = "Server", .narrowest = 9, .widest = 47, .isFirm = true, .style = Style::accent},
             {.title = "Sent", .alignment = right, .narrowest = 5, .widest = 14},
             {.title = "Received", .alignment = right, .narrowest = 5, .widest = 14},
-            {.title = "Missing", .alignment = right, .narrowest = 4, .widest = 14},
-            {.title = "Verdict", .narrowest = 19, .style = Style::strong},
         };
-        if (!terminal.isTerminal) columns.push_back({.title = "Reason"});
+        if (detail == Detail::least) return columns;
+        columns.push_back({.title = "Missing", .alignment = right, .narrowest = 4, .widest = 14});
+        columns.push_back({.title = "Start", .narrowest = 8, .widest = TimeText::dateWidth + TimeText::clockWidth, .style = Style::faint});
+        columns.push_back({.title = "Seconds", .alignment = right, .narrowest = 7, .widest = 14, .style = Style::faint});
         return columns;
     }
 
-    std::span<const std::string_view> cells(const StreamRow& row)
+    std::span<const std::string_view> cells(const StreamSummary& summary)
     {
-        const StreamSummary& summary = row.summary;
         texts_[0] = fmt::to_string(summary.number);
-        texts_[1].clear();
-        // A terminal is narrow, and what is looked at there is mostly of one day.
-        if (terminal_.isTerminal)
-            time_.appendClock(texts_[1], summary.startTime);
-        else
-            time_.appendDateAndClock(texts_[1], summary.startTime);
-        texts_[2] = fmt::format("{:.6f}", summary.endTime - summary.startTime);
-        texts_[3] = endpoints_.text(summary.client);
-        texts_[4] = endpoints_.text(summary.server);
-        texts_[5] = fmt::to_string(summary.clientBytes);
-        texts_[6] = fmt::to_string(summary.serverBytes);
-        texts_[7] = fmt::to_string(summary.missingBytes);
-        texts_[8] = row.verdict ? verdictText(row.verdict->outcome) : row.canInterpret ? "not asked" : "not TLS";
-        texts_[9] = row.verdict && !terminal_.isTerminal ? verdictSentence(*row.verdict, summary) : "";
-        for (std::size_t i = 0; i < texts_.size(); ++i) cells_[i] = texts_[i];
-        return std::span(cells_).first(terminal_.isTerminal ? 9 : 10);
-    }
-
-    /// The sentence in lines that fit the terminal, cut at blanks.
-    void appendWrapped(std::string& text, std::string_view sentence) const
-    {
-        constexpr std::size_t indent = 8;
-        const std::size_t room = static_cast<std::size_t>(std::max(terminal_.columns, 40)) - indent;
-        while (!sentence.empty()) {
-            std::size_t length = sentence.size();
-            if (length > room) {
-                length = sentence.rfind(' ', room);
-                if (length == std::string_view::npos || length == 0) length = std::min(sentence.find(' '), sentence.size());
-            }
-            text.append(indent, ' ');
-            text += sentence.substr(0, length);
-            text += '\n';
-            sentence.remove_prefix(std::min(length + 1, sentence.size()));
+        texts_[1] = endpoints_.text(summary.client);
+        texts_[2] = endpoints_.text(summary.server);
+        texts_[3] = fmt::to_string(summary.clientBytes);
+        texts_[4] = fmt::to_string(summary.serverBytes);
+        texts_[5] = fmt::to_string(summary.missingBytes);
+        texts_[6].clear();
+        if (detail_ == Detail::full) {
+            time_.appendDateAndClock(texts_[6], summary.startTime);
+        } else {
+            time_.appendClock(texts_[6], summary.startTime);
+            texts_[6].resize(8);  // whole seconds
         }
+        texts_[7] = fmt::format("{:.{}f}", summary.endTime - summary.startTime, detail_ == Detail::full ? 6 : 3);
+        std::ranges::copy(texts_, cells_.begin());
+        return std::span(cells_).first(detail_ == Detail::least ? 5 : 8);
     }
 
-    Terminal terminal_;
-    TextTable table_;
+    Detail detail_;
+    VerdictTable table_;
     TimeText time_;
     EndpointTexts endpoints_;
-    std::array<std::string, 10> texts_;
-    std::array<std::string_view, 10> cells_;
-    bool hasHeading_ = false;
+    std::array<std::string, 8> texts_;
+    std::array<std::string_view, 8> cells_;
 };
 
 ExitStatus run(const CommandContext& context)

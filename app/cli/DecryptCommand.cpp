@@ -1,0 +1,329 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/cli/Commands.h"
+#include "app/cli/InOrder.h"
+#include "app/cli/Interrupt.h"
+#include "app/cli/JSONLineWriter.h"
+#include "app/cli/Messages.h"
+#include "app/cli/OutputFile.h"
+#include "app/cli/PlaintextCapture.h"
+#include "app/cli/StreamReading.h"
+#include "app/cli/StreamVerdict.h"
+#include "app/cli/VerdictSentence.h"
+#include "app/cli/VerdictTable.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <filesystem>
+#include <fmt/format.h>
+#include <memory>
+#include <oneapi/tbb/parallel_invoke.h>
+#include <oneapi/tbb/parallel_pipeline.h>
+#include <optional>
+#include <utility>
+#include <vector>
+
+namespace sealscope::cli {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// What came out of one direction of a stream.
+struct OpenedDirection {
+    std::int64_t bytes = 0;
+    std::string file;     ///< that holds them; empty when there is none
+    std::string problem;  ///< with that file, as a sentence
+};
+
+struct OpenedStream {
+    StreamSummary summary;
+    bool canInterpret = false;
+    std::optional<StreamVerdict> verdict;
+    OpenedDirection client;
+    OpenedDirection server;
+};
+
+/// Hands the plaintext of a direction on, record by record with the range of each in the captured direction. That of a large
+/// direction is opened on one thread while another one takes what was opened before.
+template <class Take> void forEachRecord(PlaintextReader& reader, bool isLarge, const Take& take)
+{
+    if (!isLarge) {
+        for (auto record = reader.next(); record && take(record->plaintext, record->body);) record = reader.next();
+        return;
+    }
+    struct Pack {
+        std::vector<std::uint8_t> bytes;
+        std::vector<std::pair<std::int64_t, ByteRange>> records;  ///< length and place of each
+    };
+    using PackPointer = std::shared_ptr<Pack>;
+    constexpr std::size_t packSize = 256 * 1'024;
+    std::atomic<bool> isWanted = true;
+    const auto open = [&](oneapi::tbb::flow_control& control) -> PackPointer {
+        auto pack = std::make_shared<Pack>();
+        pack->bytes.reserve(packSize + packSize / 8);
+        while (isWanted && pack->bytes.size() < packSize) {
+            const auto record = reader.next();
+            if (!record) break;
+            pack->bytes.insert(pack->bytes.end(), record->plaintext.begin(), record->plaintext.end());
+            pack->records.emplace_back(record->plaintext.size(), record->body);
+        }
+        if (pack->records.empty()) control.stop();
+        return pack;
+    };
+    const auto hand = [&](const PackPointer& pack) {
+        std::int64_t offset = 0;
+        for (const auto& [length, body] : pack->records) {
+            isWanted = isWanted && take(DataView(pack->bytes).sub(offset, length), body);
+            offset += length;
+        }
+    };
+    using oneapi::tbb::filter_mode;
+    oneapi::tbb::parallel_pipeline(4, oneapi::tbb::make_filter<void, PackPointer>(filter_mode::serial_in_order, open) &
+                                          oneapi::tbb::make_filter<PackPointer, void>(filter_mode::serial_in_order, hand));
+}
+
+/// Opens streams into the outputs that the command line names.
+class Decryptor {
+public:
+    Decryptor(const CommandContext& context, const Session& session, PlaintextCapture* capture)
+        : options_(context.options), session_(session), interpreter_(tlsInterpreter()), verdicts_(session), capture_(capture)
+    {}
+
+    OpenedStream open(std::int64_t number) const
+    {
+        OpenedStream opened{.summary = session_.summary(number)};
+        const TCPStream stream = session_.stream(number);
+        opened.canInterpret = interpreter_ && interpreter_->canInterpret(stream);
+        if (!opened.canInterpret) return opened;
+        opened.verdict = verdicts_.verdict(stream, false);
+        if (!opened.verdict || !opened.verdict->outcome.isDecrypted()) return opened;
+        const std::optional<std::uint32_t> connection = capture_ ? std::optional(capture_->addConnection(stream)) : std::nullopt;
+        oneapi::tbb::parallel_invoke([&] { opened.client = open(stream, TCPSegment::Direction::clientToServer, connection); },
+                                     [&] { opened.server = open(stream, TCPSegment::Direction::serverToClient, connection); });
+        return opened;
+    }
+
+private:
+    OpenedDirection open(const TCPStream& stream, TCPSegment::Direction direction, std::optional<std::uint32_t> connection) const
+    {
+        OpenedDirection opened;
+        const auto reader = verdicts_.plaintextReader(stream, direction);
+        if (!reader) return opened;
+
+        std::optional<OutputFile> file;
+        std::optional<PlaintextCapture::Direction> segments;
+        if (connection) segments.emplace(*capture_, *connection, direction);
+        const bool isClient = direction == TCPSegment::Direction::clientToServer;
+        const std::string path =
+            options_.output.empty()
+                ? std::string()
+                : (fs::path(options_.output) / fmt::format("stream-{}-{}.bin", stream.key.number, isClient ? "client" : "server")).string();
+        const auto take = [&](DataView plaintext, ByteRange body) {
+            if (!path.empty() && !file) {
+                auto created = OutputFile::create(path, options_.force);
+                if (!created) {
+                    opened.problem = path + ": " + created.error();
+                    return false;
+                }
+                file.emplace(std::move(*created));
+            }
+            opened.bytes += plaintext.size();
+            if (file) file->write(plaintext);
+            if (segments) segments->add(plaintext, stream.locate(body, direction));
+            return !isInterrupted() && (!file || file->isGood());
+        };
+        constexpr std::int64_t large = 4'000'000;
+        forEachRecord(*reader, stream.data(direction).size() > large, take);
+        if (!file) return opened;
+        if (const std::string problem = file->finish(); !problem.empty())
+            opened.problem = path + ": " + problem;
+        else
+            opened.file = path;
+        return opened;
+    }
+
+    const Options& options_;
+    const Session& session_;
+    const VELStreamInterpreting* interpreter_;
+    StreamVerdicts verdicts_;
+    PlaintextCapture* capture_;
+};
+
+void appendJSON(std::string& text, const OpenedStream& opened)
+{
+    const auto optionalFile = [](const OpenedDirection& direction) {
+        return direction.file.empty() ? std::nullopt : std::optional(direction.file);
+    };
+    JSONLineWriter json(text);
+    json.beginObject();
+    json.member("stream", opened.summary.number);
+    json.member("client", opened.summary.client.text());
+    json.member("server", opened.summary.server.text());
+    json.member("canInterpret", opened.canInterpret);
+    json.member("verdict", opened.verdict ? std::optional(verdictName(opened.verdict->outcome)) : std::nullopt);
+    json.key("reason");
+    if (opened.verdict && !opened.verdict->outcome.isDecrypted())
+        writeReason(json, *opened.verdict, opened.summary);
+    else
+        json.null();
+    json.member("clientPlaintextBytes", opened.client.bytes);
+    json.member("serverPlaintextBytes", opened.server.bytes);
+    json.member("clientFile", optionalFile(opened.client));
+    json.member("serverFile", optionalFile(opened.server));
+    json.endObject();
+    text += '\n';
+}
+
+/// What was opened, as a table for people.
+class OpenedTable {
+public:
+    explicit OpenedTable(const Terminal& terminal) : table_(columns(), terminal) {}
+
+    void measure(const StreamSummary& summary) { table_.measure(cells({.summary = summary})); }
+
+    void append(std::string& text, const OpenedStream& opened)
+    {
+        const std::string_view otherwise = opened.canInterpret ? "not asked" : "not TLS";
+        table_.append(text, cells(opened), opened.verdict ? verdictText(opened.verdict->outcome) : otherwise, sentence(opened));
+    }
+
+private:
+    static std::vector<TextColumn> columns()
+    {
+        using enum TextColumn::Alignment;
+        return {
+            {.title = "Stream", .alignment = right, .narrowest = 6, .widest = 10, .isFirm = true, .style = Style::faint},
+            {.title = "Client", .narrowest = 9, .widest = 47, .isFirm = true, .style = Style::accent},
+            {.title = "Server", .narrowest = 9, .widest = 47, .isFirm = true, .style = Style::accent},
+            {.title = "Sent", .alignment = right, .narrowest = 10, .widest = 14},
+            {.title = "Received", .alignment = right, .narrowest = 10, .widest = 14},
+        };
+    }
+
+    std::span<const std::string_view> cells(const OpenedStream& opened)
+    {
+        texts_ = {fmt::to_string(opened.summary.number), opened.summary.client.text(), opened.summary.server.text(),
+                  fmt::to_string(opened.client.bytes), fmt::to_string(opened.server.bytes)};
+        std::ranges::copy(texts_, cells_.begin());
+        return cells_;
+    }
+
+    static std::string sentence(const OpenedStream& opened)
+    {
+        if (!opened.verdict) return {};
+        if (!opened.verdict->outcome.isDecrypted()) return verdictSentence(*opened.verdict, opened.summary);
+        std::vector<std::string_view> files;
+        for (const OpenedDirection* direction : {&opened.client, &opened.server})
+            if (!direction->file.empty()) files.push_back(direction->file);
+        return fmt::format("{}", fmt::join(files, ", "));
+    }
+
+    VerdictTable table_;
+    std::array<std::string, 5> texts_;
+    std::array<std::string_view, 5> cells_;
+};
+
+/// Opens the wanted streams and prints what came of each.
+ExitStatus openStreams(const CommandContext& context, const Session& session, const std::vector<std::int64_t>& streams,
+                       PlaintextCapture* capture)
+{
+    const Options& options = context.options;
+    ExitStatus status = done;
+    const Decryptor decryptor(context, session, capture);
+    OpenedTable table(context.terminal);
+    for (std::size_t i = 0; i < std::min<std::size_t>(streams.size(), 1'000); ++i) table.measure(session.summary(streams[i]));
+
+    std::int64_t interpreted = 0, decrypted = 0;
+    std::string text;
+    const auto print = [&](const OpenedStream& opened) {
+        interpreted += opened.canInterpret;
+        decrypted += opened.verdict && opened.verdict->outcome.isDecrypted();
+        for (const OpenedDirection* direction : {&opened.client, &opened.server}) {
+            if (direction->problem.empty()) continue;
+            if (status == done) complain(direction->problem);  // the others would only say the same
+            status = failed;
+        }
+        if (options.pcap != "-" && (opened.canInterpret || !options.streams.empty())) {
+            text.clear();
+            if (options.json)
+                appendJSON(text, opened);
+            else
+                table.append(text, opened);
+            context.output.write(text);
+        }
+        return status == done && context.output.isOpen() && !isInterrupted();
+    };
+    const auto weight = [&](std::int64_t number) {
+        const StreamSummary summary = session.summary(number);
+        return summary.clientBytes + summary.serverBytes;
+    };
+    inOrder(streams, weight, [&](std::int64_t number) { return decryptor.open(number); }, print);
+    context.output.flush();
+    if (decrypted == 0 && status == done) {
+        if (interpreted == 0)
+            remark("the capture holds no TLS connection");
+        else
+            remark(fmt::format("none of {} TLS connection{} decrypts; 'sealscope streams' says why", interpreted,
+                               interpreted == 1 ? "" : "s"));
+    }
+    return status;
+}
+
+ExitStatus complainAboutOutput(const std::string& path, const std::string& problem)
+{
+    complain(fmt::format("{}: {}", path, problem));
+    return failed;
+}
+
+ExitStatus run(const CommandContext& context)
+{
+    const Options& options = context.options;
+    if (options.output.empty() && options.pcap.empty()) {
+        complain("'decrypt' wants --output or --pcap; 'sealscope decrypt --help' shows how");
+        return wrongCommandLine;
+    }
+    if (std::error_code error; !options.output.empty() && !fs::is_directory(options.output, error))
+        return complainAboutOutput(options.output, error ? error.message() : "is no directory");
+
+    std::optional<OutputFile> captureFile;
+    std::unique_ptr<PlaintextCapture> capture;
+    if (!options.pcap.empty()) {
+        auto file = OutputFile::create(options.pcap, options.force);
+        if (!file) return complainAboutOutput(options.pcap, file.error());
+        captureFile.emplace(std::move(*file));
+        const fs::path folder = options.pcap == "-" ? fs::temp_directory_path() : fs::absolute(options.pcap).parent_path();
+        auto created = PlaintextCapture::create(folder.string());
+        if (!created) return complainAboutOutput(folder.string(), created.error());
+        capture = std::move(*created);
+    }
+
+    ExitStatus status = done;
+    const auto session = openSession(context, status);
+    if (!session) return status;
+    const auto streams = wantedStreams(context, *session, status);
+    status = std::max(status, openStreams(context, *session, streams, capture.get()));
+    if (capture) {
+        std::string problem = capture->write(*captureFile);
+        if (problem.empty()) problem = captureFile->finish();
+        if (!problem.empty()) status = std::max(status, complainAboutOutput(options.pcap, problem));
+    }
+    return complainAboutDamage(*session, status);
+}
+
+}  // namespace
+
+const Command decryptCommand{
+    .name = "decrypt",
+    .arguments = "FILE…",
+    .summary = "the plaintext of what decrypts, as files or as a capture",
+    .description = "Writes the plaintext of every TLS connection that decrypts, or of those that --stream names, and prints what became\n"
+                   "of each. --output makes DIR/stream-0-client.bin, what the client sent, and DIR/stream-0-server.bin. --pcap makes a\n"
+                   "capture that other tools read: TCP connections without TLS, between the original endpoints, at the original times.\n"
+                   "What is written is readable for its owner alone.",
+    .examples = "sealscope decrypt -k keys.txt --output plain capture.pcapng|files in the folder plain\n"
+                "sealscope decrypt -k keys.txt --pcap plain.pcap capture.pcapng|a capture for other tools\n",
+    .options = {Option::stream, Option::keylog, Option::output, Option::pcap, Option::force, Option::json, Option::filter, Option::count},
+    .run = run};
+
+}  // namespace sealscope::cli

@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/cli/OutputFile.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+namespace sealscope::cli {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::int64_t largePiece = 64 * 1'024;
+
+std::string errorText(int error) { return std::strerror(error); }
+
+}  // namespace
+
+std::expected<OutputFile, std::string> OutputFile::create(const std::string& path, bool replace)
+{
+    OutputFile file;
+    file.path_ = path;
+    if (path == "-") {
+        file.descriptor_ = dup(STDOUT_FILENO);
+        if (file.descriptor_ < 0) return std::unexpected(errorText(errno));
+        return file;
+    }
+    struct stat status = {};
+    const bool exists = lstat(path.c_str(), &status) == 0;
+    if (exists && S_ISLNK(status.st_mode) && stat(path.c_str(), &status) != 0) return std::unexpected("is a link to nothing");
+    if (exists && S_ISDIR(status.st_mode)) return std::unexpected("is a directory");
+    if (exists && !S_ISREG(status.st_mode)) {
+        file.descriptor_ = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    } else if (exists) {
+        if (!replace) return std::unexpected("exists already; --force replaces it");
+        file.unfinishedPath_ = (fs::path(path).parent_path() / ".sealscope.XXXXXX").string();
+        file.descriptor_ = mkostemp(file.unfinishedPath_.data(), O_CLOEXEC);  // mode 0600
+    } else {
+        file.unfinishedPath_ = path;
+        file.descriptor_ = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    }
+    if (file.descriptor_ >= 0) return file;
+    file.unfinishedPath_.clear();
+    return std::unexpected(errorText(errno));
+}
+
+OutputFile::OutputFile(OutputFile&& other) noexcept
+    : path_(std::move(other.path_)), unfinishedPath_(std::exchange(other.unfinishedPath_, {})),
+      descriptor_(std::exchange(other.descriptor_, -1)), error_(other.error_), written_(other.written_), held_(std::move(other.held_))
+{}
+
+OutputFile::~OutputFile()
+{
+    if (descriptor_ >= 0) close(descriptor_);
+    if (!unfinishedPath_.empty()) unlink(unfinishedPath_.c_str());
+}
+
+void OutputFile::write(DataView bytes)
+{
+    written_ += bytes.size();
+    if (held_.empty() && bytes.size() >= largePiece / 8) return writeOut(bytes);
+    held_.insert(held_.end(), bytes.begin(), bytes.end());
+    if (std::ssize(held_) < largePiece) return;
+    writeOut(held_);
+    held_.clear();
+}
+
+void OutputFile::writeOut(DataView bytes)
+{
+    while (error_ == 0 && !bytes.isEmpty()) {
+        const ssize_t count = ::write(descriptor_, bytes.data(), static_cast<std::size_t>(bytes.size()));
+        if (count >= 0)
+            bytes = bytes.from(count);
+        else if (errno != EINTR)
+            error_ = errno;
+    }
+}
+
+std::string OutputFile::finish()
+{
+    writeOut(held_);
+    held_.clear();
+    // Some file systems only say here that there was no room.
+    if (close(std::exchange(descriptor_, -1)) != 0 && error_ == 0) error_ = errno;
+    if (error_ != 0) return errorText(error_);
+    if (!unfinishedPath_.empty() && unfinishedPath_ != path_ && std::rename(unfinishedPath_.c_str(), path_.c_str()) != 0)
+        return errorText(errno);
+    unfinishedPath_.clear();
+    return {};
+}
+
+}  // namespace sealscope::cli

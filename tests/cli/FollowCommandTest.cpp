@@ -1,0 +1,145 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/Base64.h"
+#include "tests/cli/Program.h"
+#include "tests/support/CaptureFile.h"
+#include "tests/support/Hex.h"
+#include "tests/support/TLSSession.h"
+#include "tests/support/TempDirectory.h"
+
+#include <gtest/gtest.h>
+
+namespace sealscope::cli {
+
+namespace {
+
+using nlohmann::json;
+
+const TLSSession& session()
+{
+    static const TLSSession made = runTLS({.suites = "TLS_AES_128_GCM_SHA256", .tickets = 0},
+                                          {clientSends("GET /\x1B[2J HTTP/1.0\r\n\r\n"), serverSends(Data{0, 1, 2, 0xFF})});
+    return made;
+}
+
+/// An alert in each direction, 20.25 ms apart.
+std::vector<TLSFlight> alerts()
+{
+    return {{.direction = TCPSegment::Direction::clientToServer, .wire = hex("15 03 03 00 02  01 00"), .plaintext = {}},
+            {.direction = TCPSegment::Direction::serverToClient, .wire = hex("15 03 03 00 02  02 28"), .plaintext = {}}};
+}
+
+std::string write(const TempDirectory& directory, const std::vector<TLSFlight>& flights, const TCPConversationOptions& options = {})
+{
+    return directory.write("capture.pcap", pcapFile(packets(tcpSegments(flights, options))));
+}
+
+}  // namespace
+
+TEST(FollowCommand, PrintsMessagesAndPairingsAsNDJSON)
+{
+    const TempDirectory directory;
+    const std::string capture = write(directory, alerts(), {.interval = 20'250'000});
+    const auto streams = jsonLines(sealscope({"follow", "--json", capture}).output);
+    ASSERT_EQ(streams.size(), 1);
+    EXPECT_EQ(streams[0], json::parse(R"json({"stream":0,"messages":[
+        {"direction":"clientToServer","kind":"data","summary":"Alert (Warning, 0)",
+         "detail":[{"name":"Level","value":"Warning"},{"name":"Description","value":"0"}],"body":null,"bodyHint":null,
+         "byteRange":[5,7],"packetIds":[4],"timestamp":1700000000.06075,"filename":null,"isDecrypted":false},
+        {"direction":"serverToClient","kind":"data","summary":"Alert (Fatal, 40)",
+         "detail":[{"name":"Level","value":"Fatal"},{"name":"Description","value":"40"}],"body":null,"bodyHint":null,
+         "byteRange":[5,7],"packetIds":[5],"timestamp":1700000000.081,"filename":null,"isDecrypted":false}],
+        "pairings":null})json"));
+}
+
+TEST(FollowCommand, ShowsWhatDecrypts)
+{
+    const TempDirectory directory;
+    const std::string capture = write(directory, session().flights);
+    const auto closed = jsonLines(sealscope({"follow", "--json", capture}).output)[0];
+    EXPECT_EQ(closed["pairings"][0]["status"], "matched");
+    EXPECT_EQ(closed["messages"][closed["pairings"][0]["requestIndex"].get<std::size_t>()]["summary"], "Client Hello (example.org)");
+    for (const json& message : closed["messages"]) EXPECT_EQ(message["isDecrypted"], false);
+
+    const std::string keyLog = directory.write("keys.txt", session().keyLog);
+    for (const std::vector<std::string>& arguments : {std::vector<std::string>{"follow", "--json", "-k", keyLog, capture},
+                                                      {"follow", "--json", "--no-interpreters", "-k", keyLog, capture}}) {
+        const auto open = jsonLines(sealscope(arguments).output)[0];
+        std::vector<json> decrypted;
+        std::ranges::copy_if(open["messages"], std::back_inserter(decrypted),
+                             [](const json& message) { return message["isDecrypted"] == true; });
+        ASSERT_EQ(decrypted.size(), 2);
+        EXPECT_EQ(decrypted[0]["direction"], "clientToServer");
+        EXPECT_EQ(decrypted[0]["body"], base64(session().clientPlaintext));
+        EXPECT_EQ(decrypted[0]["bodyHint"], "text");
+        EXPECT_EQ(decrypted[1]["body"], base64(session().serverPlaintext));
+        EXPECT_EQ(decrypted[1]["byteRange"], json());
+        EXPECT_EQ(open["messages"][open["pairings"][0]["requestIndex"].get<std::size_t>()]["summary"], "Client Hello (example.org)");
+    }
+}
+
+TEST(FollowCommand, ReadsLikeAConversation)
+{
+    const TempDirectory directory;
+    EXPECT_EQ(sealscope({"follow", write(directory, alerts(), {.interval = 20'250'000})}).output,
+              "stream 0  192.0.2.1:50000 → 192.0.2.2:443  2023-11-14 22:13:20.000000\n"
+              "  TLS, 7 bytes sent, 7 received\n"
+              "  22:13:20.060750 → Alert (Warning, 0)\n"
+              "                      Level: Warning\n"
+              "                      Description: 0\n"
+              "  22:13:20.081000 ← Alert (Fatal, 40)\n"
+              "                      Level: Fatal\n"
+              "                      Description: 40\n"
+              "\n");
+
+    const std::string capture = write(directory, session().flights);
+    const std::string text = sealscope({"follow", "-k", directory.write("keys.txt", session().keyLog), capture}).output;
+    struct Case {
+        const char* name;
+        std::string lines;
+    };
+    const Case cases[] = {
+        {"the heading", "stream 0  192.0.2.1:50000 → 192.0.2.2:443  2023-11-14 22:13:20.000000\n"
+                        "  example.org, TLS 1.3, TLS_AES_128_GCM_SHA256, "},
+        {"the answer", "Server Hello (TLS_AES_128_GCM_SHA256)\n"
+                       "                      Version: TLS 1.3\n"
+                       "                      Cipher Suite: TLS_AES_128_GCM_SHA256\n"
+                       "                      Answers: Client Hello (example.org)\n"},
+        {"a body that is text but for an escape character",
+         "→ Decrypted Application Data (22 bytes)\n"
+         "                      TLS: decrypted\n"
+         "                            0  47 45 54 20 2f 1b 5b 32 4a 20 48 54 54 50 2f 31  GET /.[2J HTTP/1\n"},
+        {"a body that is no text", "← Decrypted Application Data (4 bytes)\n"
+                                   "                      TLS: decrypted\n"
+                                   "                            0  00 01 02 ff  ....\n"},
+    };
+    for (const auto& [name, lines] : cases) EXPECT_THAT(text, testing::HasSubstr(lines)) << name;
+    EXPECT_EQ(text.find('\x1B'), std::string::npos);
+}
+
+TEST(FollowCommand, ShowsTheStreamsThatAreAskedFor)
+{
+    const TempDirectory directory;
+    std::vector<std::vector<PlannedSegment>> conversations;
+    for (std::uint16_t i = 0; i < 40; ++i) {
+        auto flights = alerts();
+        if (i % 2 == 1)
+            flights = {{.direction = TCPSegment::Direction::clientToServer, .wire = Data::fromText("plain text"), .plaintext = {}}};
+        conversations.push_back(tcpSegments(flights, {.client = endpoint("192.0.2.1", static_cast<std::uint16_t>(50'000 + i)),
+                                                      .startTime = 1'700'000'000'000'000'000 + i * 1'000'000'000LL}));
+    }
+    const std::string capture = directory.write("many.pcap", pcapFile(packets(merged(conversations))));
+    const auto all = jsonLines(sealscope({"follow", "--json", capture}).output);
+    ASSERT_EQ(all.size(), 20) << "every stream that an interpreter accepts";
+    for (std::size_t i = 0; i < all.size(); ++i) EXPECT_EQ(all[i]["stream"], 2 * i) << "in order";
+
+    EXPECT_EQ(jsonLines(sealscope({"follow", "--json", "--stream", "38", "--stream=0", capture}).output), (std::vector{all[0], all[19]}));
+    const ProgramResult plain = sealscope({"follow", "--json", "--stream", "1", capture});
+    EXPECT_EQ(plain.status, 0);
+    EXPECT_EQ(plain.errors, "sealscope: --stream 1: no plug-in recognises what was said in this connection\n");
+    EXPECT_EQ(jsonLines(plain.output), std::vector{json::parse(R"({"stream":1,"messages":[],"pairings":null})")});
+    const ProgramResult beyond = sealscope({"follow", "--stream", "40", capture});
+    EXPECT_EQ(beyond.status, 2);
+    EXPECT_EQ(beyond.errors, "sealscope: --stream 40: the capture has 40 TCP connections, numbered 0 to 39\n");
+}
+
+}  // namespace sealscope::cli
