@@ -10,6 +10,8 @@ namespace sealscope {
 
 namespace {
 
+constexpr std::int64_t largestNonce = 128;  // that libcrypto takes
+
 /// Looked up by name once: fetching costs more than opening a short message.
 const EVP_CIPHER* cipherFor(AEADAlgorithm algorithm, std::int64_t keySize)
 {
@@ -83,7 +85,7 @@ bool AEADOpener::finish(DataView additionalData, DataView ciphertext, std::uint8
 
 bool AEADOpener::open(DataView nonce, DataView additionalData, DataView ciphertext, DataView tag, std::uint8_t* plaintext)
 {
-    if (!context_ || tag.size() != tagSize || nonce.size() < 12 || nonce.size() > INT_MAX) return false;
+    if (!context_ || tag.size() != tagSize || nonce.size() < 12 || nonce.size() > largestNonce) return false;
     if (ciphertext.size() > INT_MAX || additionalData.size() > INT_MAX) return false;
     if (beginNext(nonce, tag)) {
         const bool isOpen = finish(additionalData, ciphertext, plaintext);

@@ -11,7 +11,7 @@ struct evp_cipher_ctx_st;
 namespace sealscope SEALSCOPE_API {
 
 enum class AEADAlgorithm : std::uint8_t {
-    aesGCM,            ///< NIST SP 800-38D with a key of 16, 24 or 32 bytes and a nonce of 12 or more
+    aesGCM,            ///< NIST SP 800-38D with a key of 16, 24 or 32 bytes and a nonce of 12 to 128
     chaCha20Poly1305,  ///< RFC 8439 with a key of 32 bytes and a nonce of 12
 };
 

@@ -2,7 +2,7 @@
 #include "Sealscope/TLSStreamDecryption.h"
 
 #include "Sealscope/TLSDecryptionProbe.h"
-#include "Sealscope/TLSDissector.h"
+#include "tests/Sealscope/DecryptionTwin.h"
 #include "tests/Sealscope/WithKeyLog.h"
 #include "tests/support/Hex.h"
 #include "tests/support/TLSRecordSealer.h"
@@ -241,39 +241,6 @@ TEST(TLSStreamDecryption, FindsTheHellos)
     EXPECT_EQ(serverHello->cipherSuite, v12.cipherSuite);
 }
 
-/// The records of one direction as lists, opened by the operations on lists: what the walk does by and by.
-std::optional<DirectionPlain> decryptedFromLists(const TCPStream& stream, Direction direction, const TLSKeyLog& keyLog)
-{
-    const auto context = TLSStreamDecryption::context(stream).value();
-    const Data bytes = stream.data(direction).whole();
-    const auto secret = [&](const char* label) { return keyLog.secret({label, context.clientRandom}); };
-    std::vector<TLS12Record> records12;
-    std::vector<TLS13CipherRecord> records13;
-    for (const TLSRecord& record : TLSDissector::parseRecords(bytes)) {
-        if (record.isTruncated) continue;
-        const ByteLocation location = stream.locate({record.bodyOffset, record.endOffset()}, direction);
-        const Data body = bytes.sub(record.bodyOffset, record.declaredLength);
-        const double timestamp = location.timestamp.value_or(0);
-        records12.push_back({record.contentType, record.version(), body, location.packetIds, timestamp});
-        if (record.contentType == 23) records13.push_back({bytes.sub(record.recordOffset, 5), body, location.packetIds, timestamp});
-    }
-    std::vector<TLS12DecryptedRecord> opened;
-    if (context.isTLS13) {
-        const bool isServer = direction == server;
-        const auto decrypted = TLS13RecordDecryptor::decryptRecords(
-            records13, secret(isServer ? "SERVER_HANDSHAKE_TRAFFIC_SECRET" : "CLIENT_HANDSHAKE_TRAFFIC_SECRET"),
-            *secret(isServer ? "SERVER_TRAFFIC_SECRET_0" : "CLIENT_TRAFFIC_SECRET_0"), context.cipherSuite);
-        for (const TLS13DecryptedRecord& record : decrypted.value())
-            if (record.innerType == 23) opened.push_back({record.plaintext, record.packetIds, record.timestamp});
-    } else {
-        const auto parameters = TLS12RecordDecryptor::suiteParameters(context.cipherSuite).value();
-        const auto keys = TLS12RecordDecryptor::directionKeys(direction, parameters, context.clientRandom, context.serverRandom,
-                                                              *secret("CLIENT_RANDOM"));
-        opened = TLS12RecordDecryptor::decryptDirection(records12, *keys, parameters.cipher);
-    }
-    return TLSStreamDecryption::plainDirection(opened);
-}
-
 TEST(TLSStreamDecryption, LocatesPlaintextInThePacketsOfItsRecords)
 {
     for (const TLSSessionOptions& options : {tls12, tls13}) {
@@ -282,7 +249,8 @@ TEST(TLSStreamDecryption, LocatesPlaintextInThePacketsOfItsRecords)
         const WithKeyLog keyLog(session.keyLog);
         for (const Direction direction : {client, server}) {
             const auto plain = decrypted(stream, direction);
-            const auto fromLists = decryptedFromLists(stream, direction, TLSKeyLog(session.keyLog));
+            const auto fromLists =
+                twin::decrypt(stream, direction, TLSStreamDecryption::context(stream).value(), TLSKeyLog(session.keyLog));
             ASSERT_TRUE(plain && fromLists);
             EXPECT_EQ(plain->data, fromLists->data);
             const std::int64_t size = plain->data.size();

@@ -4,6 +4,7 @@
 #include "tests/support/Hex.h"
 
 #include <gtest/gtest.h>
+#include <openssl/err.h>
 
 namespace sealscope {
 namespace {
@@ -126,6 +127,7 @@ TEST(AEAD, RefusesWhatWasTouched)
             EXPECT_FALSE(opened(opener, nonce, additionalData, withFlippedBit(ciphertext, i), tag)) << name << ", byte " << i;
         for (std::int64_t i = 0; i < tag.size(); ++i)
             EXPECT_FALSE(opened(opener, nonce, additionalData, ciphertext, withFlippedBit(tag, i))) << name << ", tag byte " << i;
+        EXPECT_EQ(ERR_peek_error(), 0u) << name << ": libcrypto's error queue, which others may read, is as it was";
     }
 }
 
@@ -157,6 +159,7 @@ TEST(AEAD, RefusesLengthsThatTheAlgorithmDoesNotTake)
     AEADOpener opener(aesGCM, zeros(16));
     EXPECT_FALSE(opened(opener, zeros(12), {}, {}, tag.sub(0, 12))) << "a tag cut short";
     EXPECT_TRUE(opened(opener, zeros(12), {}, {}, tag)) << "the same key with everything right";
+    EXPECT_EQ(ERR_peek_error(), 0u);
 }
 
 }  // namespace
