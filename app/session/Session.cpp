@@ -37,6 +37,7 @@ public:
         }
         notes = decoder.notes();
         errors = capture_->errors();
+        settleClients(capture_, connections);
         connections_ = connections;
         measured_ = std::make_unique<Measured[]>(static_cast<std::size_t>(connections_->size()));
     }

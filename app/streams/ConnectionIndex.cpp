@@ -12,18 +12,6 @@ namespace sealscope {
 
 namespace {
 
-/// The beginning of a TLS Client Hello: a handshake record of any version, and in it a handshake message of type 1 with a
-/// version of its own (RFC 8446 §4.1.2, §5.1); what lies behind the captured bytes may be anything.
-/// Streams are no place to know a protocol above TCP. This one fact is here because it tells who the client is where the
-/// capture missed the SYN, and everything that shows a direction depends on that.
-bool looksLikeClientHello(DataView payload)
-{
-    const auto isMajorVersion = [&](std::int64_t offset) { return payload.size() <= offset || payload[offset] == 3; };
-    const auto isMinorVersion = [&](std::int64_t offset) { return payload.size() <= offset || payload[offset] <= 4; };
-    return payload.size() >= 6 && payload[0] == 0x16 && isMajorVersion(1) && isMinorVersion(2) && payload[5] == 1 && isMajorVersion(9) &&
-           isMinorVersion(10);
-}
-
 /// True when a SYN does not belong to the connection at hand, so that its endpoints have opened another one.
 bool opensAnother(const Connection& connection, const ConnectionSide& side, std::uint32_t sequenceNumber, bool isACK)
 {
@@ -101,6 +89,14 @@ std::uint32_t hashOf(const std::array<TCPStreamKey::Endpoint, 2>& endpoints)
 
 }  // namespace
 
+bool looksLikeClientHello(DataView bytes)
+{
+    const auto isMajorVersion = [&](std::int64_t offset) { return bytes.size() <= offset || bytes[offset] == 3; };
+    const auto isMinorVersion = [&](std::int64_t offset) { return bytes.size() <= offset || bytes[offset] <= 4; };
+    return bytes.size() >= 6 && bytes[0] == 0x16 && isMajorVersion(1) && isMinorVersion(2) && bytes[5] == 1 && isMajorVersion(9) &&
+           isMinorVersion(10);
+}
+
 ConnectionIndex::ConnectionIndex() : current_(0, {}, Equal{&connections_}) {}
 
 void ConnectionIndex::start(const Key& key, std::size_t sender, double time)
@@ -176,6 +172,13 @@ void ConnectionIndex::add(const TCPPacket& packet, std::int64_t packetNumber, do
             .length = static_cast<std::uint64_t>(std::clamp(packet.payloadLength, captured, SegmentRecord::maximumLength)),
         },
         arena_);
+}
+
+void ConnectionIndex::setClient(std::int64_t number, std::uint8_t position)
+{
+    Connection& connection = connections_[static_cast<std::size_t>(number)];
+    connection.client = position;
+    connection.clientEvidence = Connection::Evidence::clientHello;
 }
 
 }  // namespace sealscope

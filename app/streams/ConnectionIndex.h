@@ -34,6 +34,14 @@ struct ConnectionSide {
     bool isAcknowledged = false;  ///< `acknowledged.highest` is known
 };
 
+/// The beginning of a TLS Client Hello: a handshake record of any version, and in it a handshake message of type 1 with a
+/// version of its own (RFC 8446 §4.1.2, §5.1); what lies behind the bytes at hand may be anything.
+/// Streams are no place to know a protocol above TCP. This one fact is here because it tells who the client is where the
+/// capture missed the SYN, and everything that shows a direction depends on that.
+bool looksLikeClientHello(DataView bytes);
+/// As many bytes as `looksLikeClientHello` looks at.
+inline constexpr std::int64_t clientHelloBytes = 11;
+
 /// Two endpoints and what they sent each other.
 struct Connection {
     /// What tells the client from the server, the weakest first.
@@ -63,6 +71,10 @@ public:
     ConnectionIndex();
     /// Takes the next packet in capture order.
     void add(const TCPPacket& packet, std::int64_t packetNumber, double time);
+
+    /// Makes the endpoint at a position of a connection's endpoints its client, because of a Client Hello that it sent; a SYN
+    /// would tell better.
+    void setClient(std::int64_t number, std::uint8_t position);
 
     std::int64_t size() const { return static_cast<std::int64_t>(connections_.size()); }
     const Connection& operator[](std::int64_t number) const { return connections_[static_cast<std::size_t>(number)]; }

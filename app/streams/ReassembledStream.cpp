@@ -275,4 +275,21 @@ StreamMeasures measureStream(const Capture& capture, const Connection& connectio
     };
 }
 
+void settleClients(const std::shared_ptr<const Capture>& capture, const std::shared_ptr<ConnectionIndex>& index)
+{
+    std::vector<std::uint8_t> scratch;
+    for (std::int64_t number = 0; number < index->size(); ++number) {
+        const Connection& connection = (*index)[number];
+        if (connection.clientEvidence != Connection::Evidence::higherPort || !connection.hasData) continue;
+        const TCPStream stream = reassembledStream(capture, index, number);
+        const auto beginsWithHello = [&](const StreamData& data) {
+            return looksLikeClientHello(data.gather(0, clientHelloBytes, scratch));
+        };
+        if (beginsWithHello(stream.clientToServerData))
+            index->setClient(number, connection.client);
+        else if (beginsWithHello(stream.serverToClientData))
+            index->setClient(number, 1 - connection.client);
+    }
+}
+
 }  // namespace sealscope

@@ -27,4 +27,8 @@ TCPStream reassembledStream(std::shared_ptr<const Capture> capture, std::shared_
 /// Measures a connection of the index. Reads payload only where segments overlap, to tell whether they contradict each other.
 StreamMeasures measureStream(const Capture& capture, const Connection& connection);
 
+/// Looks for the client of connections without a SYN once more, in the reassembled bytes: a Client Hello may have come in
+/// pieces too small to be told by themselves. To be called before anybody else has the index.
+void settleClients(const std::shared_ptr<const Capture>& capture, const std::shared_ptr<ConnectionIndex>& index);
+
 }  // namespace sealscope

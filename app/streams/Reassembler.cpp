@@ -159,7 +159,8 @@ struct DoubtfulByte {
 /// Such a byte follows the data before it and nothing else brings it. A keep-alive repeats the last byte of a segment, which
 /// stands in the data; or that segment was lost as a whole, and then what comes before the byte is missing too. Before the
 /// first byte of a direction without a SYN, a lone byte is a keep-alive's: long silent connections begin with one.
-std::vector<SegmentRun> withDoubtfulBytes(const std::vector<SegmentRun>& runs, std::vector<DoubtfulByte>& bytes, SequenceSpace::Eras& eras)
+std::vector<SegmentRun> withDoubtfulBytes(const std::vector<SegmentRun>& runs, std::vector<DoubtfulByte>& bytes,
+                                          const SequenceSpace::Eras& eras)
 {
     std::ranges::sort(bytes);
     std::vector<SegmentRun> result;
@@ -167,12 +168,11 @@ std::vector<SegmentRun> withDoubtfulBytes(const std::vector<SegmentRun>& runs, s
     auto run = runs.begin();
     for (const DoubtfulByte& byte : bytes) {
         while (run != runs.end() && run->offset <= byte.position) result.push_back(*run++);
-        SequenceSpace::Era& era = eras[SequenceSpace::eraOf(byte.position)];
+        const SequenceSpace::Era& era = eras[SequenceSpace::eraOf(byte.position)];
         const bool isFirst = era.hasSYN && byte.position == era.begin && (result.empty() || result.back().end() <= byte.position);
         const bool follows = !result.empty() && result.back().end() == byte.position && byte.position > era.begin;
         if (!isFirst && !follows) continue;
         result.push_back({.offset = byte.position, .length = 1, .number = byte.number, .first = byte.segment, .count = 1});
-        era.end = std::max(era.end, byte.position + 1);
     }
     result.insert(result.end(), run, runs.end());
     return result;
@@ -245,6 +245,13 @@ Reassembly reassemble(const SegmentTable& segments, std::optional<Acknowledged> 
     Collected collected = collect(segments, acknowledged);
     putInOrder(collected.runs);
     if (!collected.doubtful.empty()) collected.runs = withDoubtfulBytes(collected.runs, collected.doubtful, collected.eras);
+
+    // A byte counts as lost when the capture has a later one: what the snapshot length cut off the end of the data does not.
+    for (SequenceSpace::Era& era : collected.eras) era.end = era.begin;
+    for (const SegmentRun& run : collected.runs) {
+        SequenceSpace::Era& era = collected.eras[SequenceSpace::eraOf(run.offset)];
+        era.end = std::max(era.end, run.end());
+    }
 
     Reassembly result{.hasOverlaps = collected.hasOverlaps};
     // The eras follow each other; of each counts what lies after its SYN.

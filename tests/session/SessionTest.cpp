@@ -202,6 +202,21 @@ TEST(Session, CountsWhatTheSnapshotLengthCutAsLost)
     EXPECT_EQ(session->summary(0).missingBytes, cut);
 }
 
+TEST(Session, TakesTheSenderOfAClientHelloForTheClientWhereTheSYNIsMissing)
+{
+    const TempDirectory directory;
+    for (const std::int64_t segmentSize : {1, 4, 5, 6, 10, 1'448}) {
+        // The client's port is the lower one, so that nothing but the hello tells who it is.
+        const TCPConversationOptions options{
+            .client = endpoint("192.0.2.1", 443), .server = endpoint("192.0.2.2", 50'000), .segmentSize = segmentSize};
+        std::vector<PlannedSegment> segments = tcpSegments(realSession().flights, options);
+        segments.erase(segments.begin(), segments.begin() + 3);
+        const auto session = opened({.files = {directory.write("late.pcap", pcapFile(packets(segments)))}});
+        EXPECT_EQ(session->summary(0).client, options.client) << segmentSize << " bytes a segment";
+        EXPECT_EQ(session->stream(0).clientToServerData.whole(), realSession().wire(Direction::clientToServer));
+    }
+}
+
 TEST(Session, ReadsDatagramsThatCameInFragments)
 {
     std::vector<PlannedSegment> segments = tcpSegments(realSession().flights);

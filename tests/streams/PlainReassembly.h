@@ -31,9 +31,8 @@ public:
     void add(const SegmentStep& step, std::int64_t packetId)
     {
         if (step.isReset || step.payload.empty()) return;
-        const auto length = static_cast<std::int64_t>(step.payload.size());
         if (!hasSYN_) begin_ = std::min<std::int64_t>(begin_, step.offset);
-        if (step.offset + length > begin_) end_ = std::max(end_, step.offset + length);
+        if (step.captured > 0) end_ = std::max(end_, step.offset + step.captured);
         for (std::int64_t i = 0; i < step.captured; ++i) {
             if (hasSYN_ && step.offset + i < 0) continue;
             const auto [first, isFirst] = bytes_.try_emplace(step.offset + i, Byte{step.payload[static_cast<std::size_t>(i)], packetId});

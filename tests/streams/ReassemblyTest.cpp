@@ -195,7 +195,7 @@ TEST(Reassembly, PutsEveryByteInItsPlace)
          "abcde",
          "22477"},
 
-        {"cut by the snapshot length", {{-1, "", SYN}, {0, "abcd", ACK, 2}, {4, "efgh", ACK, 2}}, "ab__ef__", "22__33__", 4},
+        {"cut by the snapshot length", {{-1, "", SYN}, {0, "abcd", ACK, 2}, {4, "efgh", ACK, 2}}, "ab__ef", "22__33", 2},
         {"cut to nothing", {{-1, "", SYN}, {0, "abcd", ACK, 0}, {4, "e"}}, "_{4}e", "_{4}3", 4},
         {"cut, and whole later", {{-1, "", SYN}, {0, "abcd", ACK, 1}, {4, "ef"}, {0, "abcd"}}, "abcdef", "244433"},
         {"cut inside what is known", {{-1, "", SYN}, {0, "abcd"}, {2, "cdef", ACK, 1}, {6, "g"}}, "abcd__g", "2222__4", 2},
