@@ -8,7 +8,7 @@ namespace sealscope::cli {
 std::span<const Command* const> commands()
 {
     static constexpr const Command* all[] = {&followCommand,  &packetsCommand, &treeCommand,    &streamsCommand,
-                                             &decryptCommand, &plugInsCommand, &settingsCommand};
+                                             &decryptCommand, &liveCommand,    &plugInsCommand, &settingsCommand};
     return all;
 }
 

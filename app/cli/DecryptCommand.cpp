@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "app/capture/CaptureWriter.h"
 #include "app/cli/Commands.h"
 #include "app/cli/InOrder.h"
 #include "app/cli/Interrupt.h"
@@ -234,6 +235,8 @@ ExitStatus openStreams(const CommandContext& context, const Session& session, co
     OpenedTable table(context.terminal);
     for (std::size_t i = 0; i < std::min<std::size_t>(streams.size(), 1'000); ++i) table.measure(session.summary(streams[i]));
 
+    // Rows would be mixed up with a file that goes there.
+    const bool hasRows = options.pcap != "-" && options.injectSecrets != "-" && options.stripSecrets != "-";
     std::int64_t interpreted = 0, decrypted = 0;
     std::string text;
     const auto print = [&](const OpenedStream& opened) {
@@ -244,7 +247,7 @@ ExitStatus openStreams(const CommandContext& context, const Session& session, co
             if (status == done) complain(direction->problem);  // the others would only say the same
             status = failed;
         }
-        if (options.pcap != "-" && (opened.canInterpret || !options.streams.empty())) {
+        if (hasRows && (opened.canInterpret || !options.streams.empty())) {
             text.clear();
             if (options.json)
                 appendJSON(text, opened);
@@ -276,38 +279,96 @@ ExitStatus complainAboutOutput(const std::string& path, const std::string& probl
     return failed;
 }
 
+/// Secrets of the wanted streams, and of how many there are some.
+struct CollectedSecrets {
+    std::string keyLog;
+    std::int64_t connections = 0;
+};
+
+CollectedSecrets collectSecrets(const Session& session, const std::vector<std::int64_t>& streams)
+{
+    const StreamVerdicts verdicts(session);
+    const VELStreamInterpreting* interpreter = tlsInterpreter();
+    CollectedSecrets secrets;
+    for (const std::int64_t number : streams) {
+        const TCPStream stream = session.stream(number);
+        if (!interpreter || !interpreter->canInterpret(stream)) continue;
+        const SecretText lines = verdicts.keyLogLines(stream);
+        secrets.keyLog += lines;
+        secrets.connections += !lines.empty();
+    }
+    return secrets;
+}
+
+/// An output of the command line that was begun before the work, so that one which cannot be written is told at once.
+struct NamedOutput {
+    std::string path;
+    std::optional<OutputFile> file;
+
+    bool begin(bool replace)
+    {
+        if (path.empty()) return true;
+        auto created = OutputFile::create(path, replace);
+        if (!created)
+            complainAboutOutput(path, created.error());
+        else
+            file.emplace(std::move(*created));
+        return file.has_value();
+    }
+    ExitStatus finish(std::string problem)
+    {
+        if (problem.empty()) problem = file->finish();
+        return problem.empty() ? done : complainAboutOutput(path, problem);
+    }
+};
+
+/// Writes the capture again with other secrets inside.
+ExitStatus copyCapture(const Session& session, NamedOutput& output, const CaptureChanges& changes)
+{
+    CaptureWriter writer([&](DataView bytes) {
+        output.file->write(bytes);
+        return output.file->isGood();
+    });
+    writer.copy(session.capture(), changes);
+    return output.finish({});
+}
+
 ExitStatus run(const CommandContext& context)
 {
     const Options& options = context.options;
-    if (options.output.empty() && options.pcap.empty()) {
-        complain("'decrypt' wants --output or --pcap; 'sealscope decrypt --help' shows how");
+    const bool opens = !options.output.empty() || !options.pcap.empty();
+    if (!opens && options.injectSecrets.empty() && options.stripSecrets.empty()) {
+        complain("'decrypt' wants --output, --pcap, --inject-secrets or --strip-secrets; 'sealscope decrypt --help' shows how");
         return wrongCommandLine;
     }
     if (std::error_code error; !options.output.empty() && !fs::is_directory(options.output, error))
         return complainAboutOutput(options.output, error ? error.message() : "is no directory");
 
-    std::optional<OutputFile> captureFile;
-    std::unique_ptr<PlaintextCapture> capture;
-    if (!options.pcap.empty()) {
-        auto file = OutputFile::create(options.pcap, options.force);
-        if (!file) return complainAboutOutput(options.pcap, file.error());
-        captureFile.emplace(std::move(*file));
+    NamedOutput pcap{options.pcap}, injected{options.injectSecrets}, stripped{options.stripSecrets};
+    for (NamedOutput* output : {&pcap, &injected, &stripped})
+        if (!output->begin(options.force)) return failed;
+    std::unique_ptr<PlaintextCapture> plaintext;
+    if (pcap.file) {
         const fs::path folder = options.pcap == "-" ? fs::temp_directory_path() : fs::absolute(options.pcap).parent_path();
         auto created = PlaintextCapture::create(folder.string());
         if (!created) return complainAboutOutput(folder.string(), created.error());
-        capture = std::move(*created);
+        plaintext = std::move(*created);
     }
 
     ExitStatus status = done;
     const auto session = openSession(context, status);
     if (!session) return status;
     const auto streams = wantedStreams(context, *session, status);
-    status = std::max(status, openStreams(context, *session, streams, capture.get()));
-    if (capture) {
-        std::string problem = capture->write(*captureFile);
-        if (problem.empty()) problem = captureFile->finish();
-        if (!problem.empty()) status = std::max(status, complainAboutOutput(options.pcap, problem));
+    const auto note = [&](ExitStatus another) { status = std::max(status, another); };
+    if (opens) note(openStreams(context, *session, streams, plaintext.get()));
+    if (pcap.file) note(pcap.finish(plaintext->write(*pcap.file)));
+    if (injected.file) {
+        const CollectedSecrets secrets = collectSecrets(*session, streams);
+        note(copyCapture(*session, injected, {.addedSecrets = secrets.keyLog}));
+        remark(fmt::format("{}: carries secrets for {} connection{}", injected.path, secrets.connections,
+                           secrets.connections == 1 ? "" : "s"));
     }
+    if (stripped.file) note(copyCapture(*session, stripped, {.dropsSecrets = true}));
     return complainAboutDamage(*session, status);
 }
 
@@ -320,10 +381,14 @@ const Command decryptCommand{
     .description = "Writes the plaintext of every TLS connection that decrypts, or of those that --stream names, and prints what became\n"
                    "of each. --output makes DIR/stream-0-client.bin, what the client sent, and DIR/stream-0-server.bin. --pcap makes a\n"
                    "capture that other tools read: TCP connections without TLS, between the original endpoints, at the original times.\n"
-                   "What is written is readable for its owner alone.",
+                   "--inject-secrets and --strip-secrets write the capture again, with and without secrets inside. What is written is\n"
+                   "readable for its owner alone.",
     .examples = "sealscope decrypt -k keys.txt --output plain capture.pcapng|files in the folder plain\n"
-                "sealscope decrypt -k keys.txt --pcap plain.pcap capture.pcapng|a capture for other tools\n",
-    .options = {Option::stream, Option::keylog, Option::output, Option::pcap, Option::force, Option::json, Option::filter, Option::count},
+                "sealscope decrypt -k keys.txt --pcap plain.pcap capture.pcapng|a capture for other tools\n"
+                "sealscope decrypt -k keys.txt --inject-secrets all.pcapng capture.pcap|the capture with its secrets inside\n"
+                "sealscope decrypt --strip-secrets share.pcapng all.pcapng|the capture without any\n",
+    .options = {Option::stream, Option::keylog, Option::output, Option::pcap, Option::injectSecrets, Option::stripSecrets, Option::force,
+                Option::json, Option::filter, Option::count},
     .run = run};
 
 }  // namespace sealscope::cli

@@ -169,6 +169,13 @@ std::unique_ptr<PlaintextReader> StreamVerdicts::plaintextReader(const TCPStream
     return nullptr;
 }
 
+SecretText StreamVerdicts::keyLogLines(const TCPStream& stream) const
+{
+    for (const auto& probe : probes_)
+        if (auto lines = probe->keyLogLines(stream); !lines.empty()) return lines;
+    return {};
+}
+
 std::optional<TLSDecryptionReport> StreamVerdicts::report(const TCPStream& stream) const
 {
     for (const auto& probe : probes_)

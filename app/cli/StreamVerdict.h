@@ -44,6 +44,8 @@ public:
     std::optional<StreamVerdict> verdict(const TCPStream& stream, bool walk) const;
     /// Opens one direction; null when no probe can.
     std::unique_ptr<PlaintextReader> plaintextReader(const TCPStream& stream, TCPSegment::Direction direction) const;
+    /// Key log lines with the secrets of a stream's connection; empty when there are none.
+    SecretText keyLogLines(const TCPStream& stream) const;
     /// The facts alone; nothing when no probe gives any.
     std::optional<TLSDecryptionReport> report(const TCPStream& stream) const;
 

@@ -104,7 +104,7 @@ TEST(CommandLine, HelpsOnStandardOutput)
     EXPECT_EQ(help.status, 0);
     EXPECT_EQ(help.errors, "");
     EXPECT_TRUE(help.output.starts_with("Examples:\n"));
-    for (const char* command : {"follow", "packets", "tree", "streams", "plugins", "settings"}) {
+    for (const char* command : {"follow", "packets", "tree", "streams", "decrypt", "live", "plugins", "settings"}) {
         EXPECT_NE(help.output.find("\n  " + std::string(command) + ' '), std::string::npos) << command;
         const ProgramResult own = sealscope({command, "--help"});
         EXPECT_EQ(own.status, 0);

@@ -21,7 +21,7 @@ using Direction = TCPSegment::Direction;
 /// A session with a large answer, so that records lie over many packets, and one in which only the client says something.
 struct Sessions {
     TLSSession large = runTLS({}, {clientSends("GET / HTTP/1.0\r\n\r\n"), serverSends(patternBytes(300'000)), clientSends("thanks")});
-    TLSSession oneSided = runTLS({.version = 0x0303}, {clientSends("hello?")});
+    TLSSession oneSided = runTLS({.version = 0x0303, .seed = 2}, {clientSends("hello?")});
     std::string keyLog = large.keyLog + oneSided.keyLog;
 };
 const Sessions& sessions()
@@ -237,6 +237,33 @@ TEST(DecryptCommand, WritesACaptureToStandardOutputAlone)
     toOutput.insert(toOutput.end(), {"-", capture});
     EXPECT_EQ(sealscope(toFile).status, 0);
     EXPECT_EQ(sealscope(toOutput).output, readFile(directory.file("plain.pcap")).view().text());
+}
+
+TEST(DecryptCommand, PutsSecretsIntoACaptureAndTakesThemOutAgain)
+{
+    const TempDirectory directory;
+    const std::string capture = write(directory);
+    const std::string opened = directory.file("opened.pcapng");
+    const ProgramResult injected =
+        sealscope({"decrypt", "-k", directory.file("keys.txt"), "--stream", "0", "--inject-secrets", opened, capture});
+    EXPECT_EQ(injected.status, 0);
+    EXPECT_EQ(injected.output, "");
+    EXPECT_EQ(injected.errors, "sealscope: " + opened + ": carries secrets for 1 connection\n");
+    const auto verdicts = [](const std::string& file) {
+        std::vector<std::string> names;
+        for (const json& row : jsonLines(sealscope({"streams", "--json", file}).output)) names.push_back(row["verdict"]);
+        return names;
+    };
+    EXPECT_THAT(verdicts(opened), testing::ElementsAre("decrypted", "noKeyMaterial")) << "only what its connections need";
+    EXPECT_EQ(sealscope({"packets", "--json", opened}).output, sealscope({"packets", "--json", capture}).output);
+
+    const std::string shared = directory.file("shared.pcapng");
+    EXPECT_EQ(sealscope({"decrypt", "--strip-secrets", shared, opened}).status, 0);
+    EXPECT_THAT(verdicts(shared), testing::ElementsAre("noKeyMaterial", "noKeyMaterial"));
+    EXPECT_EQ(readFile(shared).view().text().find("CLIENT_TRAFFIC_SECRET_0"), std::string_view::npos);
+    EXPECT_EQ(sealscope({"packets", "--json", shared}).output, sealscope({"packets", "--json", capture}).output);
+    for (const std::string& file : {opened, shared})
+        EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
 }
 
 TEST(DecryptCommand, SaysThatNothingDecrypts)

@@ -1,0 +1,194 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/cli/VerdictSentence.h"
+
+#include "app/cli/StreamVerdict.h"
+
+#include <gtest/gtest.h>
+
+namespace sealscope::cli {
+
+namespace {
+
+using Report = TLSDecryptionReport;
+using Hello = Report::Hello;
+using Stop = TLSDirectionReport::Stop;
+
+const TLSDecryptionOutcome noHandshake = TLSDecryptionOutcome::notDecrypted(TLSDecryptionFailure::noHandshake);
+const TLSDecryptionOutcome unsupportedVersion = TLSDecryptionOutcome::notDecrypted(TLSDecryptionFailure::unsupportedVersion);
+const TLSDecryptionOutcome noKeyMaterial = TLSDecryptionOutcome::notDecrypted(TLSDecryptionFailure::noKeyMaterial);
+const TLSDecryptionOutcome keyMismatch = TLSDecryptionOutcome::notDecrypted(TLSDecryptionFailure::keyMismatch);
+
+/// A TLS 1.3 connection whose hellos are found, with secrets of these lengths.
+Report tls13(std::optional<std::int64_t> handshakeSecrets = {}, std::optional<std::int64_t> applicationSecrets = {})
+{
+    return {.clientHello = Hello::found,
+            .serverHello = Hello::found,
+            .clientRandom = Data{0x1A, 0x2B, 0x3C, 0x4D, 0x5E, 0x6F, 0x70, 0x81, 0x92},
+            .serverName = "example.org",
+            .version = 0x0304,
+            .versionName = "TLS 1.3",
+            .cipherSuite = 0x1301,
+            .cipherSuiteName = "TLS_AES_128_GCM_SHA256",
+            .isSupportedVersion = true,
+            .isSupportedSuite = true,
+            .secrets = {{"CLIENT_HANDSHAKE_TRAFFIC_SECRET", handshakeSecrets}, {"CLIENT_TRAFFIC_SECRET_0", applicationSecrets}},
+            .otherLabels = {},
+            .client = {},
+            .server = {}};
+}
+
+template <class Change> Report with(Report report, Change change)
+{
+    change(report);
+    return report;
+}
+
+TLSDirectionReport direction(Stop stop, std::int64_t offset, std::int64_t records, std::int64_t opened, std::int64_t bytes,
+                             std::int64_t skipped = 0)
+{
+    return {.stop = stop,
+            .stopOffset = offset,
+            .protectedRecords = records,
+            .openedRecords = opened,
+            .skippedRecords = skipped,
+            .plaintextBytes = bytes,
+            .alert = {}};
+}
+
+KeyLogFacts keyLog(std::int64_t clientRandoms, std::int64_t connections)
+{
+    return {.material = {.secrets = 4 * clientRandoms, .clientRandoms = clientRandoms, .labels = {}},
+            .connections = connections,
+            .problems = {}};
+}
+
+}  // namespace
+
+TEST(VerdictSentence, NamesTheCauseAndWhatHelps)
+{
+    struct Case {
+        const char* name;
+        StreamVerdict verdict;
+        StreamSummary summary;
+        const char* sentence;
+    };
+    const StreamSummary whole{.clientBytes = 500, .serverBytes = 4'000, .hasSYN = true};
+    const Case cases[] = {
+        {"a capture that begins too late",
+         {noHandshake, Report{}, {}},
+         {.clientBytes = 500, .serverBytes = 4'000},
+         "the capture begins after the Client Hello; start capturing before the connection opens"},
+        {"a hello that is not there",
+         {noHandshake, Report{}, {}},
+         whole,
+         "no Client Hello is among the client's bytes; they were lost, or TLS begins later in this connection"},
+        {"a hello over several records",
+         {noHandshake, Report{.clientHello = Hello::cutByRecords}, {}},
+         whole,
+         "the Client Hello is spread over several TLS records, which are not put together for decryption"},
+        {"a hello that is cut",
+         {noHandshake, Report{.clientHello = Hello::found, .serverHello = Hello::cutByData}, {}},
+         whole,
+         "the Server Hello is cut off by the end of the capture, or by bytes that it lost"},
+        {"one direction alone",
+         {noHandshake, Report{.clientHello = Hello::found}, {}},
+         {.clientBytes = 500, .hasSYN = true},
+         "the capture holds no bytes of the server; capture both directions, and until the answer"},
+        {"a refusal",
+         {noHandshake,
+          with(Report{.clientHello = Hello::found},
+               [](Report& report) { report.server.alert = TLSAlertReport{2, 40, "handshake_failure"}; }),
+          {}},
+         whole,
+         "no Server Hello is among the server's bytes; the server sent the alert handshake_failure"},
+        {"an old version",
+         {unsupportedVersion, Report{.version = 0x0302, .versionName = "TLS 1.1"}, {}},
+         whole,
+         "TLS 1.1 cannot be opened; TLS 1.2 and TLS 1.3 can"},
+        {"no key log",
+         {noKeyMaterial, tls13(), KeyLogFacts{}},
+         whole,
+         "there is no secret at hand; name a key log with --keylog, or let the client write one by SSLKEYLOGFILE"},
+        {"a key log that is not there",
+         {noKeyMaterial, tls13(), KeyLogFacts{.problems = {"keys.txt: No such file or directory"}}},
+         whole,
+         "there is no secret at hand: keys.txt: No such file or directory"},
+        {"the log of another session",
+         {noKeyMaterial, tls13(), keyLog(7, 0)},
+         whole,
+         "the key log has no line for client random 1a2b3c4d5e6f7081…, and none of its 7 client randoms is of this capture: it is the log "
+         "of another session, or of the other leg of a proxy"},
+        {"a log of some of the connections",
+         {noKeyMaterial, tls13(), keyLog(7, 3)},
+         whole,
+         "the key log has no line for client random 1a2b3c4d5e6f7081…; it has 7 others, 3 of this capture: perhaps it was begun anew, or "
+         "another program opened this connection"},
+        {"CLIENT_RANDOM for TLS 1.3",
+         {noKeyMaterial, with(tls13(), [](Report& report) { report.otherLabels = {"CLIENT_RANDOM"}; }), keyLog(1, 1)},
+         whole,
+         "the key log has only CLIENT_RANDOM for this connection; TLS 1.3 needs CLIENT_HANDSHAKE_TRAFFIC_SECRET, CLIENT_TRAFFIC_SECRET_0"},
+        {"handshake secrets alone",
+         {noKeyMaterial, tls13(32), keyLog(1, 1)},
+         whole,
+         "the key log has only CLIENT_HANDSHAKE_TRAFFIC_SECRET for this connection; TLS 1.3 needs CLIENT_TRAFFIC_SECRET_0"},
+        {"a suite that cannot be opened",
+         {keyMismatch,
+          with(tls13(32, 32),
+               [](Report& report) {
+                   report.isSupportedSuite = false;
+                   report.cipherSuiteName = "TLS_RSA_WITH_AES_128_CBC_SHA";
+               }),
+          {}},
+         whole,
+         "cipher suite TLS_RSA_WITH_AES_128_CBC_SHA is none that can be opened; AES-GCM and ChaCha20-Poly1305 suites are"},
+        {"application secrets without the handshake's",
+         {keyMismatch, with(tls13({}, 32), [](Report& report) { report.client.stop = report.server.stop = Stop::noHandshakeSecret; }), {}},
+         whole,
+         "the key log has the application secrets without the handshake secrets, which the first records need; log those too"},
+        {"a secret of a wrong length",
+         {keyMismatch, with(tls13(32, 31), [](Report& report) { report.client.stop = report.server.stop = Stop::badSecret; }), {}},
+         whole,
+         "a secret of the key log has a length that no such connection has, CLIENT_HANDSHAKE_TRAFFIC_SECRET 32 bytes, "
+         "CLIENT_TRAFFIC_SECRET_0 31 bytes"},
+        {"nothing to open",
+         {keyMismatch, with(tls13(32, 32), [](Report& report) { report.client.stop = report.server.stop = Stop::nothingProtected; }), {}},
+         whole,
+         "the secrets are there, but the capture holds no protected record of this connection"},
+        {"secrets that do not fit",
+         {keyMismatch,
+          with(tls13(32, 32),
+               [](Report& report) {
+                   report.client = direction(Stop::doesNotOpen, 330, 4, 0, 0);
+                   report.server = direction(Stop::noSecret, 0, 6, 0, 0);
+               }),
+          {}},
+         whole,
+         "the key log's secrets open nothing of this connection: client 0 of 4 records, 0 bytes, up to byte 330, where a record does not "
+         "authenticate; server 0 of 6 records, 0 bytes, the key log lacks this direction's secret"},
+        {"all of it",
+         {TLSDecryptionOutcome::decrypted(),
+          with(tls13(32, 32),
+               [](Report& report) {
+                   report.client = direction(Stop::endOfData, 900, 3, 3, 517);
+                   report.server = direction(Stop::endOfData, 5'000, 1, 1, 1);
+               }),
+          {}},
+         whole,
+         "client 3 of 3 records, 517 bytes; server 1 of 1 record, 1 byte"},
+        {"part of it",
+         {TLSDecryptionOutcome::decrypted(),
+          with(tls13(32, 32),
+               [](Report& report) {
+                   report.client = direction(Stop::keyUpdate, 900, 5, 3, 517);
+                   report.server = direction(Stop::lostBytes, 5'000, 14, 12, 4'096, 1);
+               }),
+          {}},
+         whole,
+         "client 3 of 5 records, 517 bytes, up to byte 900, where a key update changed the key; server 12 of 14 records, 4096 bytes, "
+         "1 skipped, up to byte 5000, where the capture lost bytes"},
+        {"a probe without facts", {keyMismatch, {}, {}}, whole, "the secrets do not fit this connection"},
+    };
+    for (const auto& [name, verdict, summary, sentence] : cases) EXPECT_EQ(verdictSentence(verdict, summary), sentence) << name;
+}
+
+}  // namespace sealscope::cli
