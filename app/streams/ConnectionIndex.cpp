@@ -26,17 +26,18 @@ bool opensAnother(const Connection& connection, const ConnectionSide& side, std:
     return isUsed && !(before >= 0 && before <= (connection.isClosed ? 0 : plausibleFlight));
 }
 
-/// The one byte of a keep-alive was sent and acknowledged before, and may now be anything (RFC 9293 §3.8.4). What is pushed is
-/// data: a stack does not push what it repeats to keep a connection alive. When nothing is known of the direction, a lone zero
-/// byte looks like one. Whether the byte is data after all shows when the whole direction is known.
-bool looksLikeKeepAlive(const ConnectionSide& side, const TCPPacket& packet)
+/// The one byte of a keep-alive repeats the last one sent, and may now be anything (RFC 9293 §3.8.4). Where that byte was captured
+/// before, the first copy stands and nothing need be told apart. Two places have no first copy: the number that the FIN took,
+/// and what stands before all that is known of a direction. What is pushed is data: a stack does not push what it repeats to
+/// keep a connection alive.
+bool isKeepAlive(const ConnectionSide& side, const TCPPacket& packet)
 {
     constexpr std::uint8_t others = TCPFlag::syn | TCPFlag::fin | TCPFlag::rst | TCPFlag::psh | TCPFlag::urg;
     if (packet.payloadLength != 1 || (packet.flags & others) != 0) return false;
-    if (!side.hasReference) return packet.payload.u8(0) == 0;
     const std::uint32_t after = packet.sequenceNumber + 1;
+    if (side.hasSent) return side.endsWithFIN && after == side.next;
     const std::uint32_t acknowledged = side.acknowledged.reference + static_cast<std::uint32_t>(side.acknowledged.highest);
-    return (side.hasSent && after == side.next) || (side.isAcknowledged && after == acknowledged);
+    return !side.hasSYN && (side.isAcknowledged ? after == acknowledged : packet.payload.u8(0) == 0);
 }
 
 /// Notes that a number of the direction's sequence space was seen.
@@ -75,7 +76,10 @@ void send(ConnectionSide& side, const TCPPacket& packet, bool isKeepAlive, bool 
     // Farther down lies no disorder, but a sequence number that wrapped or is none of this stream.
     const std::int64_t below = sequenceDistance(first, side.lowest);
     if (!side.hasSent || (below > 0 && below <= SequenceSpace::largestLoss)) side.lowest = first;
-    if (!side.hasSent || sequenceDistance(side.next, next) > 0) side.next = next;
+    if (!side.hasSent || sequenceDistance(side.next, next) > 0) {
+        side.next = next;
+        side.endsWithFIN = packet.flags & TCPFlag::fin;
+    }
     side.hasSent = true;
 }
 
@@ -137,7 +141,7 @@ void ConnectionIndex::add(const TCPPacket& packet, std::int64_t packetNumber, do
 
     Connection& connection = connections_[latest_];
     ConnectionSide& side = connection.sides[sender];
-    const bool keepAlive = looksLikeKeepAlive(side, packet);
+    const bool keepAlive = isKeepAlive(side, packet);
     send(side, packet, keepAlive, connection.hasData);
     if (isACK && !isRST) acknowledge(connection.sides[1 - sender], packet.acknowledgmentNumber);
 

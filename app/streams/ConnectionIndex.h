@@ -29,6 +29,7 @@ struct ConnectionSide {
     std::uint32_t next = 0;                   ///< what follows the highest sequence number sent
     bool hasSYN = false;
     bool hasFIN = false;
+    bool endsWithFIN = false;     ///< the number before `next` is that of a FIN
     bool hasSent = false;         ///< `lowest` and `next` are known
     bool hasReference = false;    ///< `acknowledged.reference` is known
     bool isAcknowledged = false;  ///< `acknowledged.highest` is known

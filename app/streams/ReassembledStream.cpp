@@ -143,7 +143,7 @@ std::int64_t ReassembledDirection::contradictingBytes() const
     for (std::uint32_t position = 0; position < segments_.size();) {
         for (const SegmentRecord& segment : segments_.chunkFrom(position)) {
             const auto placed = space.place(segment);
-            if (placed && !placed->isNew)
+            if (placed && !placed->isNew && !segment.mayRepeatAnything())
                 contradicting += differences(segment, data_.offsetOf(placed->begin), data_.offsetOf(placed->capturedEnd));
             ++position;
         }

@@ -147,41 +147,9 @@ std::vector<SegmentRun> withoutOverlaps(const std::vector<SegmentRun>& runs)
     return parts;
 }
 
-/// The byte of a segment that looks like a keep-alive.
-struct DoubtfulByte {
-    std::int64_t position = 0;
-    std::uint32_t segment = 0;
-    std::uint32_t number = 0;  ///< sequence number
-    auto operator<=>(const DoubtfulByte&) const = default;
-};
-
-/// Adds the doubtful bytes that are data after all: captured behind their own acknowledgment, in a stream of tiny segments.
-/// Such a byte follows the data before it and nothing else brings it. A keep-alive repeats the last byte of a segment, which
-/// stands in the data; or that segment was lost as a whole, and then what comes before the byte is missing too. Before the
-/// first byte of a direction without a SYN, a lone byte is a keep-alive's: long silent connections begin with one.
-std::vector<SegmentRun> withDoubtfulBytes(const std::vector<SegmentRun>& runs, std::vector<DoubtfulByte>& bytes,
-                                          const SequenceSpace::Eras& eras)
-{
-    std::ranges::sort(bytes);
-    std::vector<SegmentRun> result;
-    result.reserve(runs.size() + bytes.size());
-    auto run = runs.begin();
-    for (const DoubtfulByte& byte : bytes) {
-        while (run != runs.end() && run->offset <= byte.position) result.push_back(*run++);
-        const SequenceSpace::Era& era = eras[SequenceSpace::eraOf(byte.position)];
-        const bool isFirst = era.hasSYN && byte.position == era.begin && (result.empty() || result.back().end() <= byte.position);
-        const bool follows = !result.empty() && result.back().end() == byte.position && byte.position > era.begin;
-        if (!isFirst && !follows) continue;
-        result.push_back({.offset = byte.position, .length = 1, .number = byte.number, .first = byte.segment, .count = 1});
-    }
-    result.insert(result.end(), run, runs.end());
-    return result;
-}
-
 /// What one pass over a direction's segments finds.
 struct Collected {
     std::vector<SegmentRun> runs;  ///< in capture order; their offsets are positions in the sequence space
-    std::vector<DoubtfulByte> doubtful;
     SequenceSpace::Eras eras;
     bool hasOverlaps = false;
 };
@@ -189,21 +157,15 @@ struct Collected {
 void collect(const SegmentTable& segments, std::optional<Acknowledged> acknowledged, RunBuilder& builder, Collected& collected)
 {
     SequenceSpace space(acknowledged);
-    std::optional<std::uint32_t> numberOfFIN;
     for (std::uint32_t position = 0; position < segments.size();) {
         for (const SegmentRecord& segment : segments.chunkFrom(position)) {
             const auto placed = space.place(segment);
             builder.add(position, segment, placed);
             if (placed) collected.hasOverlaps |= !placed->isNew;
-            if (segment.flags & TCPFlag::fin) numberOfFIN = segment.nextNumber() - 1;
-            if (segment.isKeepAlive() && segment.captured > 0)
-                if (const auto at = space.positionOf(segment)) collected.doubtful.push_back({*at, position, segment.sequenceNumber});
             ++position;
         }
     }
     builder.close();
-    // A keep-alive after the FIN repeats the FIN's number.
-    std::erase_if(collected.doubtful, [&](const DoubtfulByte& byte) { return byte.number == numberOfFIN; });
     collected.eras = space.eras();
 }
 
@@ -244,7 +206,6 @@ Reassembly reassemble(const SegmentTable& segments, std::optional<Acknowledged> 
 {
     Collected collected = collect(segments, acknowledged);
     putInOrder(collected.runs);
-    if (!collected.doubtful.empty()) collected.runs = withDoubtfulBytes(collected.runs, collected.doubtful, collected.eras);
 
     // A byte counts as lost when the capture has a later one: what the snapshot length cut off the end of the data does not.
     for (SequenceSpace::Era& era : collected.eras) era.end = era.begin;

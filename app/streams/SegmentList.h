@@ -16,7 +16,7 @@ namespace sealscope {
 /// costs; the bytes themselves stay in the capture.
 struct SegmentRecord {
     static constexpr std::int64_t maximumLength = (1 << 24) - 1;  ///< longer payloads count as cut here
-    /// In `flags`: looks like a keep-alive, whose one byte may be garbage (RFC 9293 §3.8.4).
+    /// In `flags`: a keep-alive, whose one byte is no data (RFC 9293 §3.8.4).
     static constexpr std::uint8_t keepAlive = 0x40;
 
     CaptureAddress address = 0;        ///< of the payload's first byte
@@ -29,7 +29,6 @@ struct SegmentRecord {
     std::uint64_t length : 24 = 0;     ///< payload bytes on the wire
 
     std::int64_t packetNumber() const { return static_cast<std::int64_t>(std::uint64_t{packetHigh} << 32 | packetLow); }
-    bool isKeepAlive() const { return (flags & keepAlive) != 0; }
     bool isSYN() const { return (flags & (TCPFlag::syn | TCPFlag::rst)) == TCPFlag::syn; }
     /// The sequence number of the payload's first byte: a SYN takes one before it (RFC 9293 §3.4).
     std::uint32_t dataNumber() const { return sequenceNumber + (isSYN() ? 1 : 0); }
@@ -37,6 +36,9 @@ struct SegmentRecord {
     std::uint32_t nextNumber() const { return dataNumber() + static_cast<std::uint32_t>(length) + ((flags & TCPFlag::fin) ? 1 : 0); }
     /// False for a payload that is no part of the stream: what explains a reset (RFC 9293 §3.10.7), or a keep-alive's garbage.
     bool carriesData() const { return length != 0 && (flags & (TCPFlag::rst | keepAlive)) == 0; }
+    /// True for a lone byte that is not pushed: it may repeat one that was sent before with something else in its place, which
+    /// contradicts nothing (RFC 9293 §3.8.4).
+    bool mayRepeatAnything() const { return length == 1 && (flags & TCPFlag::psh) == 0; }
     /// Stream bytes that the capture holds of it.
     std::int64_t capturedData() const { return carriesData() ? static_cast<std::int64_t>(captured) : 0; }
 };

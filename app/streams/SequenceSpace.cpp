@@ -58,12 +58,6 @@ std::optional<std::size_t> SequenceSpace::eraFor(std::uint32_t number, std::int6
     return current_;
 }
 
-std::optional<std::int64_t> SequenceSpace::positionOf(const SegmentRecord& segment) const
-{
-    if (eras_.empty() || !fits(current_, segment.dataNumber(), static_cast<std::int64_t>(segment.length))) return std::nullopt;
-    return eras_[current_].positionOf(segment.dataNumber());
-}
-
 std::optional<SequenceSpace::Placed> SequenceSpace::place(const SegmentRecord& segment)
 {
     if (segment.isSYN()) takeSYN(segment.dataNumber());

@@ -53,9 +53,6 @@ public:
     /// Where the next segment's payload lies; nothing when it brings no bytes.
     std::optional<Placed> place(const SegmentRecord& segment);
 
-    /// Where a segment would lie among those before it, without taking it in; nothing when it fits nowhere.
-    std::optional<std::int64_t> positionOf(const SegmentRecord& segment) const;
-
     const Eras& eras() const { return eras_; }
     static std::size_t eraOf(std::int64_t position) { return static_cast<std::size_t>(position / eraLength); }
 

@@ -102,7 +102,7 @@ inline std::optional<std::string> differenceFromPlain(std::span<const SegmentSte
     }
     for (const SegmentStep& step : steps) {
         packet.sequenceNumber = initialSequenceNumber + 1 + static_cast<std::uint32_t>(step.offset);
-        // Pushed, so that no lone byte is taken for a keep-alive's.
+        // Pushed, so that a lone byte with other content contradicts.
         packet.flags = step.isReset ? TCPFlag::rst : TCPFlag::ack | TCPFlag::psh;
         packetId = capture.add(packet, step.payload, time(packetId + 1), step.captured);
         plain.add(step, packetId);
