@@ -182,9 +182,8 @@ private:
         const std::string& name = names_[position_ - 1];
         if (filter_ && filter_->failureCount() > 0)
             errors_.push_back({.file = name, .reason = filter_->takeFailure(), .packetsBefore = -1});
-        if (file_->passedOverCount() > 0)
-            errors_.push_back(
-                {.file = name, .reason = file_->passedOver(), .packetsBefore = packetsOfFile_, .passedOver = file_->passedOverCount()});
+        if (const auto [count, reason, before] = file_->passedOver(); count > 0)
+            errors_.push_back({.file = name, .reason = reason, .packetsBefore = before, .passedOver = count});
         if (!file_->damage().empty()) errors_.push_back({.file = name, .reason = file_->damage(), .packetsBefore = packetsOfFile_});
         keyLog_ += file_->keyLog();
         storedBytesBefore_ += file_->input().storedBytesRead();

@@ -12,9 +12,10 @@ std::string CaptureError::text() const
     const std::string before = packetsBefore == 0   ? "no packet before it was read"
                                : packetsBefore == 1 ? "1 packet before it was read"
                                                     : fmt::format("{} packets before it were read", packetsBefore);
-    if (passedOver == 0) return fmt::format("{}; {}", place, before);
-    return passedOver == 1 ? fmt::format("{}; it was passed over", place)
-                           : fmt::format("{}; it and {} more were passed over", place, passedOver - 1);
+    const std::string after = passedOver == 0   ? ""
+                              : passedOver == 1 ? ", and it was passed over"
+                                                : fmt::format(", and it and {} more were passed over", passedOver - 1);
+    return fmt::format("{}; {}{}", place, before, after);
 }
 
 }  // namespace sealscope

@@ -28,16 +28,10 @@ const std::string& CaptureFile::damage() const
     return std::visit([](const auto& reader) -> const std::string& { return reader.damage(); }, reader_);
 }
 
-std::string CaptureFile::passedOver() const
+PcapngReader::PassedOver CaptureFile::passedOver() const
 {
     const auto* reader = std::get_if<PcapngReader>(&reader_);
-    return reader ? reader->passedOver() : std::string();
-}
-
-std::int64_t CaptureFile::passedOverCount() const
-{
-    const auto* reader = std::get_if<PcapngReader>(&reader_);
-    return reader ? reader->passedOverCount() : 0;
+    return reader ? reader->passedOver() : PcapngReader::PassedOver();
 }
 
 std::string CaptureFile::keyLog() const

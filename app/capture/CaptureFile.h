@@ -27,9 +27,8 @@ public:
 
     /// Why the file could not be read to its end; empty when it was.
     const std::string& damage() const;
-    /// Place and reason of the first block that was passed over, and how many were.
-    std::string passedOver() const;
-    std::int64_t passedOverCount() const;
+    /// Blocks that were passed over.
+    PcapngReader::PassedOver passedOver() const;
     /// Key log text of the secrets read so far.
     std::string keyLog() const;
     /// Whether the last packet's byte order is not this machine's.

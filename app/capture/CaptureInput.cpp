@@ -60,9 +60,9 @@ public:
         : descriptor_(std::move(descriptor)), file_(std::move(file)), size_(file_->bytes().size())
     {
         start_ = at_ = end_ = file_->bytes().data();
+        damage_ = &file_->isDamaged();
     }
 
-    bool isSuspicious() const override { return file_->isDamaged(); }
     DataView bytes(std::int64_t offset, std::int64_t count) const override { return file_->bytes().sub(offset, count); }
     std::int64_t size() const override { return file_->bytes().size(); }
     std::int64_t storedBytesRead() const override { return position(); }
@@ -80,7 +80,7 @@ public:
         if (now < file_->bytes().size()) {
             failure_ = becameShorter;
             size_ = std::min(size_, now);
-        } else if (file_->isDamaged()) {
+        } else if (isSuspicious()) {
             failure_ = systemReason(EIO);
             size_ = std::min(size_, position());
         }

@@ -46,7 +46,7 @@ public:
     /// Finds out whether bytes that looked fine were there at all; false when not, with the reason in `failure()`.
     virtual bool verify() { return true; }
     /// True when `verify` has something to find.
-    virtual bool isSuspicious() const { return false; }
+    bool isSuspicious() const { return damage_ && damage_->load(std::memory_order_relaxed); }
 
     /// Ends the reading forward and lets go of what only that needs.
     virtual void finish() {}
@@ -68,6 +68,7 @@ protected:
     const std::uint8_t* at_ = nullptr;
     const std::uint8_t* end_ = nullptr;
     std::int64_t startPosition_ = 0;
+    const std::atomic<bool>* damage_ = nullptr;  ///< set while somebody reads bytes that are not there
     std::string failure_;
 };
 

@@ -99,7 +99,7 @@ MappedFile::~MappedFile()
     munmap(const_cast<std::uint8_t*>(bytes_.data()), static_cast<std::size_t>(bytes_.size()));
 }
 
-bool MappedFile::isDamaged() const { return guard_->isDamaged.load(std::memory_order_acquire); }
+const std::atomic<bool>& MappedFile::isDamaged() const { return guard_->isDamaged; }
 
 void MappedFile::prefetch(std::int64_t offset, std::int64_t count) const
 {

@@ -3,6 +3,7 @@
 
 #include "platform/Data.h"
 
+#include <atomic>
 #include <expected>
 #include <memory>
 #include <string>
@@ -21,7 +22,7 @@ public:
 
     DataView bytes() const { return bytes_; }
     /// True once somebody touched a byte that was no longer there.
-    bool isDamaged() const;
+    const std::atomic<bool>& isDamaged() const;
 
     /// Brings the pages of a range into memory in one go, in place of a fault for every few of them.
     void prefetch(std::int64_t offset, std::int64_t count) const;

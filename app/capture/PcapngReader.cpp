@@ -74,17 +74,10 @@ bool PcapngReader::next(CaptureInput& input, CapturedPacket& packet)
             return fail(input, fmt::format("length {} is too short for {} ({})", length, blockName(type), shortest));
 
         const bool isPacket = type == Pcapng::enhancedPacket || type == Pcapng::simplePacket || type == Pcapng::packetBlock;
-        const bool isLookedAt =
-            isPacket || type == Pcapng::sectionHeader || type == Pcapng::interfaceDescription || type == Pcapng::decryptionSecrets;
-        if (!isLookedAt) {
-            // Blocks of other kinds are never needed in one place, however long they are.
-            const std::int64_t at = input.position();
-            if (!input.skip(length - 4) || !input.require(4))
-                return fail(input, fmt::format("the file ends after {} of its {} bytes", input.position() + input.available() - at, length),
-                            at);
-            if (const std::int64_t again = order_.u32(input.data()); again != length)
-                return fail(input, fmt::format("its two lengths differ ({} and {})", length, again), at);
-            input.consume(4);
+        const bool isSection = type == Pcapng::sectionHeader, isInterface = type == Pcapng::interfaceDescription;
+        const bool isSecrets = type == Pcapng::decryptionSecrets;
+        if (!isPacket && !isSection && !isInterface && !isSecrets) {
+            if (!skipBlock(input, length)) return false;
             continue;
         }
         if (length > (isPacket ? longestPacket + Pcapng::longestBlock / 16 : Pcapng::longestBlock)) [[unlikely]]
@@ -96,20 +89,34 @@ bool PcapngReader::next(CaptureInput& input, CapturedPacket& packet)
         if (const std::int64_t again = order_.u32(input.data() + length - 4); again != length) [[unlikely]]
             return fail(input, fmt::format("its two lengths differ ({} and {})", length, again));
 
+        const DataView body(input.data() + blockHeaderLength, length - shortestBlock);
         bool hasPacket = false;
-        if (length < shortest) [[unlikely]] {
+        if (length < shortest) [[unlikely]]
             passOver(input, fmt::format("length {} is too short for {} ({})", length, blockName(type), shortest));
-        } else if (isPacket) {
+        else if (isPacket)
             hasPacket = readPacket(input, type, length, packet);
-        } else if (type == Pcapng::interfaceDescription) {
-            readInterface({input.data() + blockHeaderLength, length - shortestBlock});
-        } else if (type == Pcapng::decryptionSecrets) {
-            readSecrets(input, {input.data() + blockHeaderLength, length - shortestBlock});
-        }
+        else if (isSecrets)
+            readSecrets(input, body);
+        // Also one that cannot be read counts, since interfaces are numbered by their places.
+        if (isInterface) readInterface(input, length < shortest ? DataView() : body);
         input.consume(length);
         input.announce();
-        if (hasPacket) return true;
+        if (!hasPacket) continue;
+        ++packets_;
+        return true;
     }
+}
+
+bool PcapngReader::skipBlock(CaptureInput& input, std::int64_t length)
+{
+    // It is never needed in one place, however long it is.
+    const std::int64_t at = input.position();
+    if (!input.skip(length - 4) || !input.require(4))
+        return fail(input, fmt::format("the file ends after {} of its {} bytes", input.position() + input.available() - at, length), at);
+    if (const std::int64_t again = order_.u32(input.data()); again != length)
+        return fail(input, fmt::format("its two lengths differ ({} and {})", length, again), at);
+    input.consume(4);
+    return true;
 }
 
 bool PcapngReader::readSection(CaptureInput& input)
@@ -132,9 +139,15 @@ bool PcapngReader::readSection(CaptureInput& input)
     return fail(input, "a section header without its byte-order magic");
 }
 
-void PcapngReader::readInterface(DataView body)
+void PcapngReader::readInterface(const CaptureInput& input, DataView body)
 {
+    if (interfaces_.size() == Pcapng::mostInterfaces) {
+        passOver(input, fmt::format("a section can have no more than {} interfaces", Pcapng::mostInterfaces));
+        return;
+    }
     Interface& interface = interfaces_.emplace_back();
+    if (body.isEmpty()) return;
+    interface.isDescribed = true;
     interface.linkType = order_.u16(body.data());
     interface.snapLength = order_.u32(body.data() + 4);
     for (std::int64_t at = 8; body.holds(at, 4);) {
@@ -155,7 +168,7 @@ void PcapngReader::readInterface(DataView body)
     }
 }
 
-void PcapngReader::readSecrets(CaptureInput& input, DataView body)
+void PcapngReader::readSecrets(const CaptureInput& input, DataView body)
 {
     if (body.size() < 8) {
         passOver(input, "it is too short for decryption secrets");
@@ -165,6 +178,10 @@ void PcapngReader::readSecrets(CaptureInput& input, DataView body)
     const std::int64_t length = order_.u32(body.data() + 4);
     if (type != Pcapng::tlsKeyLog) return;
     const DataView text = body.sub(8, length);
+    if (text.size() + static_cast<std::int64_t>(keyLog_.size()) > Pcapng::longestBlock) {
+        passOver(input, fmt::format("with those before it, its secrets are more than {} bytes", Pcapng::longestBlock));
+        return;
+    }
     if (text.size() < length) passOver(input, fmt::format("it announces {} bytes of secrets, but has room for {}", length, text.size()));
     keyLog_ += text.text();
     if (!keyLog_.empty() && keyLog_.back() != '\n') keyLog_ += '\n';
@@ -189,7 +206,7 @@ bool PcapngReader::readPacket(CaptureInput& input, std::uint32_t type, std::int6
         captured = order_.u32(block + 20);
         original = order_.u32(block + 24);
     }
-    if (interface >= interfaces_.size()) [[unlikely]]
+    if (interface >= interfaces_.size() || !interfaces_[interface].isDescribed) [[unlikely]]
         return passOver(input, fmt::format("interface {} is not described (its section has {})", interface, interfaces_.size()));
     if (captured > length - 4 - dataOffset) [[unlikely]]
         return passOver(input, fmt::format("it announces {} captured bytes, but has room for {}", captured, length - 4 - dataOffset));
@@ -204,7 +221,10 @@ bool PcapngReader::readPacket(CaptureInput& input, std::uint32_t type, std::int6
 
 bool PcapngReader::passOver(const CaptureInput& input, const std::string& reason)
 {
-    if (passedOverCount_++ == 0) passedOver_ = fmt::format("block at byte {}: {}", input.position(), reason);
+    if (passedOver_.count++ == 0) {
+        passedOver_.reason = fmt::format("block at byte {}: {}", input.position(), reason);
+        passedOver_.packetsBefore = packets_;
+    }
     return false;
 }
 

@@ -18,7 +18,8 @@ inline constexpr std::uint32_t sectionHeader = 0x0a0d'0d0a, interfaceDescription
 inline constexpr std::uint32_t byteOrderMagic = 0x1a2b'3c4d;
 inline constexpr std::uint32_t tlsKeyLog = 0x544c'534b;  ///< secrets type of key log text
 inline constexpr std::uint16_t endOfOptions = 0, timeResolution = 9, timeOffset = 14;
-/// Longest block whose bytes are looked at as a whole: key logs can be long.
+inline constexpr std::size_t mostInterfaces = 1 << 16;  ///< of a section; more than any machine has
+/// Longest block whose bytes are looked at as a whole, and most key log text of a file: key logs can be long.
 inline constexpr std::int64_t longestBlock = 256 << 20;
 }  // namespace Pcapng
 
@@ -32,15 +33,20 @@ public:
     bool next(CaptureInput& input, CapturedPacket& packet);
 
     const std::string& damage() const { return damage_; }
-    /// Place and reason of the first block that contradicts itself and was passed over, and how many there are.
-    const std::string& passedOver() const { return passedOver_; }
-    std::int64_t passedOverCount() const { return passedOverCount_; }
+    /// Blocks that contradict themselves and were passed over: how many, and of the first its place and reason.
+    struct PassedOver {
+        std::int64_t count = 0;
+        std::string reason;
+        std::int64_t packetsBefore = 0;
+    };
+    const PassedOver& passedOver() const { return passedOver_; }
     ByteOrder byteOrder() const { return order_; }
     /// Key log text of the decryption secrets blocks so far, in order.
     const std::string& keyLog() const { return keyLog_; }
 
 private:
     struct Interface {
+        bool isDescribed = false;
         std::uint32_t linkType = 0;
         std::uint32_t snapLength = 0;  ///< 0 for none
         std::int64_t timeOffset = 0;   ///< seconds
@@ -51,8 +57,9 @@ private:
     };
 
     bool readSection(CaptureInput& input);
-    void readInterface(DataView body);
-    void readSecrets(CaptureInput& input, DataView body);
+    bool skipBlock(CaptureInput& input, std::int64_t length);
+    void readInterface(const CaptureInput& input, DataView body);
+    void readSecrets(const CaptureInput& input, DataView body);
     bool readPacket(CaptureInput& input, std::uint32_t type, std::int64_t length, CapturedPacket& packet);
     bool passOver(const CaptureInput& input, const std::string& reason);
     /// Notes what is wrong with the block at a position (of the input, when none is given); always false.
@@ -63,8 +70,8 @@ private:
     std::vector<Interface> interfaces_;
     std::string keyLog_;
     std::string damage_;
-    std::string passedOver_;
-    std::int64_t passedOverCount_ = 0;
+    PassedOver passedOver_;
+    std::int64_t packets_ = 0;
 };
 
 }  // namespace sealscope

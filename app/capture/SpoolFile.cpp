@@ -13,7 +13,7 @@ namespace sealscope {
 namespace {
 
 constexpr std::int64_t smallestStep = 256 << 10, largestStep = 64 << 20;
-constexpr std::int64_t largestReservation = std::int64_t{1} << 42, smallestReservation = std::int64_t{1} << 30;
+constexpr std::int64_t largestReservation = std::int64_t{1} << 42, smallestReservation = std::int64_t{1} << 26;
 
 std::string systemReason(int error) { return std::generic_category().message(error); }
 

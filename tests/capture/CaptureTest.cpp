@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <limits>
 #include <lz4frame.h>
 #include <optional>
 #include <sys/mman.h>
@@ -212,6 +213,23 @@ TEST(Capture, ReadsTimesOfEveryResolution)
     }
 }
 
+TEST(CaptureTime, ConvertsToNanoseconds)
+{
+    constexpr std::uint64_t finest = std::uint64_t{1} << 63;
+    struct Case {
+        CaptureTime time;
+        std::int64_t expected;
+    };
+    const Case cases[] = {
+        {{1, 500'000, 1'000'000}, 1'500'000'000},
+        {{-1, 500'000, 1'000'000}, -500'000'000},
+        {{0, finest - 1, finest}, 999'999'999},
+        {{std::int64_t{1} << 60, 0, 1}, std::numeric_limits<std::int64_t>::max()},
+        {{-(std::int64_t{1} << 60), 0, 1}, std::numeric_limits<std::int64_t>::min()},
+    };
+    for (const auto& [time, expected] : cases) EXPECT_EQ(time.nanoseconds(), expected);
+}
+
 TEST(Capture, ReadsEveryBlockOfEverySection)
 {
     const std::vector<CapturePacket> packets = somePackets(8);
@@ -388,6 +406,9 @@ TEST(Capture, TellsWhatIsWrongAndWhere)
         std::copy(bytes.begin(), bytes.end(), changed.begin() + static_cast<std::ptrdiff_t>(at));
         return Data(std::move(changed));
     };
+    // The packet of the interface that can be read is there.
+    PcapngBuilder shortInterface;
+    shortInterface.block(1, hex("01000000")).interface({}).interface({}).packet(packets[0], 1).packet(packets[0], 0);
     const std::size_t secondOfPcap = 24 + 16 + 61, secondOfPcapng = 28 + 20 + 96, thirdOfPcapng = secondOfPcapng + 100;
     struct Case {
         const char* name;
@@ -413,11 +434,15 @@ TEST(Capture, TellsWhatIsWrongAndWhere)
          "block at byte 144: length 0 is too short for an Enhanced Packet Block (32); 1 packet"},
         {"two lengths", pcapngWith(thirdOfPcapng - 4, {1}), 1, "block at byte 144: its two lengths differ (100 and 1); 1 packet"},
         {"an interface that is not there", pcapngWith(secondOfPcapng + 8, {1}), 2,
-         "block at byte 144: interface 1 is not described (its section has 1); it was passed over"},
+         "block at byte 144: interface 1 is not described (its section has 1); 1 packet before it was read, and it was passed over"},
         {"more captured than the block has", pcapngWith(secondOfPcapng + 20, {200}), 2,
-         "block at byte 144: it announces 200 captured bytes, but has room for 68; it was passed over"},
+         "block at byte 144: it announces 200 captured bytes, but has room for 68; 1 packet before it was read, and it was passed over"},
+        {"an interface that is too short", shortInterface.data(), 1,
+         "block at byte 28: length 16 is too short for an Interface Description Block (20); no packet before it was read, and it and 1 "
+         "more were passed over"},
         {"packets without an interface", pcapngWith(28, {77}), 0,
-         "block at byte 48: interface 0 is not described (its section has 0); it and 2 more were passed over"},
+         "block at byte 48: interface 0 is not described (its section has 0); no packet before it was read, and it and 2 more were passed "
+         "over"},
     };
     const TempDirectory directory;
     for (const auto& [name, file, count, message] : cases) {
