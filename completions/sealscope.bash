@@ -62,7 +62,7 @@ _sealscope() {
         case $command in
             packets) words="--json --filter --count" ;;
             tree) words="--packet --hex --json --filter --count" ;;
-            streams) words="--keylog --json --filter --count" ;;
+            streams) words="--keylog --stream --json --filter --count" ;;
             decrypt) words="--keylog --stream --output --pcap --inject-secrets --strip-secrets --force --filter --count --json" ;;
             live) words="--interface --write --filter --count --json" ;;
             plugins | settings) words="--json" ;;

@@ -21,7 +21,7 @@ complete -c sealscope -s h -l help -d "print help"
 
 set -l streaming "not __fish_seen_subcommand_from packets tree live plugins settings help"
 complete -c sealscope -n "$streaming" -s k -l keylog -rF -d "take secrets from this key log"
-complete -c sealscope -n "not __fish_seen_subcommand_from packets tree streams live plugins settings help" -l stream -x -d "only this stream"
+complete -c sealscope -n "$streaming" -l stream -x -d "only this stream"
 complete -c sealscope -n "not __fish_seen_subcommand_from packets tree streams decrypt live plugins settings help" -l no-interpreters -d "show decrypted bytes as they are"
 complete -c sealscope -n "not __fish_seen_subcommand_from help" -l json -d "one JSON object a line"
 complete -c sealscope -n "not __fish_seen_subcommand_from plugins settings help" -s f -l filter -x -d "only packets that a capture filter passes"

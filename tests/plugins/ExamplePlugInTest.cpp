@@ -35,7 +35,7 @@ protected:
         must({SEALSCOPE_CMAKE, "-S", SEALSCOPE_SOURCE_DIR "/examples/plugin", "-B", folder->file("build"),
               "-DCMAKE_PREFIX_PATH=" + folder->file("moved"), "-DCMAKE_CXX_COMPILER=" SEALSCOPE_CXX,
               "-DCMAKE_CXX_FLAGS=-Wall -Wextra -Werror "
-              "-Wno-missing-field-initializers"});
+              "-Wno-missing-field-initializers -Wno-deprecated-declarations"});
         must({SEALSCOPE_CMAKE, "--build", folder->file("build")});
     }
     static void TearDownTestSuite() { folder.reset(); }
