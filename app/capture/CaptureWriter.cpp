@@ -91,6 +91,7 @@ bool CaptureWriter::copyPcapng(DataView file, const CaptureChanges& changes)
         const std::uint32_t type = order_.u32(block);
         const bool isSection = type == Pcapng::sectionHeader;
         if (isSection) order_.isSwapped = ByteOrder{}.u32(block + 8) != Pcapng::byteOrderMagic;
+        if (isSection && order_.u32(block + 8) != Pcapng::byteOrderMagic) break;
         const std::int64_t length = order_.u32(block + 4);
         if (length < (isSection ? shortestSection : shortestBlock) || !file.holds(at, length) || order_.u32(block + length - 4) != length)
             break;  // damage, of which the capture has told

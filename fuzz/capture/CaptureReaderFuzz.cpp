@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// One capture file, read as a mapped file and as a stream.
+// One capture file, read as a mapped file and as a stream, and copied with other secrets inside.
 #include "app/capture/Capture.h"
+#include "app/capture/CaptureWriter.h"
 #include "fuzz/Require.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <string>
 #include <sys/mman.h>
@@ -39,7 +41,19 @@ struct Read {
     std::size_t errors = 0;
     bool isOpen = false;
     std::string keyLog;
+    std::vector<std::uint8_t> copy;  ///< with added secrets, of a capture with random access
+
+    bool hasPacketsOf(const Read& other) const
+    {
+        const auto isSame = [](const CapturedPacket& a, const CapturedPacket& b) {
+            return a.time.seconds == b.time.seconds && a.time.units == b.time.units && a.linkType == b.linkType &&
+                   a.originalLength == b.originalLength;
+        };
+        return frames == other.frames && std::ranges::equal(packets, other.packets, isSame);
+    }
 };
+
+constexpr const char* addedSecrets = "added\n";
 
 Read readAll(const std::string& name, bool randomAccess, std::int64_t size)
 {
@@ -64,10 +78,16 @@ Read readAll(const std::string& name, bool randomAccess, std::int64_t size)
     read.errors = capture.errors().size();
     for (const CaptureError& error : capture.errors()) require(!error.reason.empty(), "an error has a reason");
     read.keyLog = capture.embeddedKeyLog();
-    if (randomAccess)
+    if (randomAccess) {
         for (std::size_t i = 0; i < read.packets.size(); ++i)
             require(capture.bytes(read.packets[i].address, read.packets[i].frame.size()) == DataView(read.frames[i]),
                     "addresses lead to the bytes");
+        CaptureWriter writer([&](DataView piece) {
+            read.copy.insert(read.copy.end(), piece.begin(), piece.end());
+            return true;
+        });
+        require(writer.copy(capture, {.addedSecrets = addedSecrets, .dropsSecrets = size % 4 == 0}), "all is copied");
+    }
     // Compressed, one byte makes a thousand at most.
     require(static_cast<std::int64_t>(read.packets.size()) * 16 <= size * 2'000, "packets are bounded by the file");
     return read;
@@ -94,13 +114,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const Read mapped = readAll(file.path(), size % 2 == 0, bytes.size());
     const Read streamed = readAll("-", size % 3 == 0, bytes.size());
     require(mapped.isOpen == streamed.isOpen && mapped.errors == streamed.errors && mapped.keyLog == streamed.keyLog &&
-                mapped.frames == streamed.frames,
+                mapped.hasPacketsOf(streamed),
             "a file and a stream read the same");
-    for (std::size_t i = 0; i < mapped.packets.size(); ++i) {
-        const CapturedPacket &a = mapped.packets[i], &b = streamed.packets[i];
-        require(a.time.seconds == b.time.seconds && a.time.units == b.time.units && a.linkType == b.linkType &&
-                    a.originalLength == b.originalLength,
-                "a file and a stream have the same packets");
+    if (!mapped.packets.empty() && !mapped.copy.empty()) {
+        file.write({}, DataView(mapped.copy));
+        const Read copy = readAll(file.path(), false, bytes.size() + static_cast<std::int64_t>(mapped.copy.size()));
+        require(copy.hasPacketsOf(mapped), "a copy has the same packets");
+        require(copy.keyLog == (bytes.size() % 4 == 0 ? addedSecrets : addedSecrets + mapped.keyLog),
+                "a copy has the secrets it shall have");
     }
     return 0;
 }
