@@ -83,6 +83,7 @@ TEST(Session, PutsRealSessionsTogetherWhateverTheDisorder)
         {"reordered", {}, {.reordered = 0.5}},
         {"reordered far", {.segmentSize = 100}, {.reordered = 0.3, .reach = 200}},
         {"lone bytes, reordered", {.segmentSize = 1, .segmentsPerAcknowledgment = 2}, {.reordered = 0.3}},
+        {"lone bytes, reordered and lost", {.segmentSize = 1, .segmentsPerAcknowledgment = 2}, {.reordered = 0.3, .lost = 0.1}},
         {"retransmitted", {}, {.retransmitted = 0.4}},
         {"overlapping", {.segmentSize = 333}, {.overlapping = 0.4}},
         {"contradicting", {}, {.contradicting = 0.4}},
