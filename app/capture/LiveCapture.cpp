@@ -22,6 +22,11 @@ namespace {
 
 using std::chrono::milliseconds;
 
+/// The kernel hands packets over in blocks, which it gives up this long after the first of them. Its way of handing each one over
+/// at once takes a slot of the greatest length for every packet, so that a burst of some dozens is already too much.
+constexpr milliseconds blockTime{10};
+/// What arrived before a stop is there after so long.
+constexpr milliseconds lastBlocksWithin{50};
 /// For a capture whose descriptor does not tell when packets are there.
 constexpr milliseconds lookAgainAfter{10};
 constexpr int bufferBytes = 16 << 20;  // for a burst of packets while rows are printed
@@ -32,6 +37,21 @@ struct CloseHandle {
 struct CloseFile {
     void operator()(pcap_dumper_t* file) const { pcap_dump_close(file); }
 };
+
+/// Nanoseconds since 1970, by the clock that stamps packets. Safe in a signal handler.
+std::int64_t now()
+{
+    timespec time = {};
+    clock_gettime(CLOCK_REALTIME, &time);
+    return time.tv_sec * 1'000'000'000 + time.tv_nsec;
+}
+
+/// Time since then; long enough when the clock was set back meanwhile, which must not make anybody wait.
+milliseconds sinceTime(std::int64_t nanoseconds)
+{
+    const std::int64_t passed = now() - nanoseconds;
+    return passed < 0 ? lastBlocksWithin : milliseconds(passed / 1'000'000);
+}
 
 /// Link types as files number them. The library's own numbers differ for raw IP alone, among those that the decoder knows.
 std::uint32_t linkTypeOf(int libraryNumber) { return libraryNumber == DLT_RAW ? 101 : static_cast<std::uint32_t>(libraryNumber); }
@@ -50,12 +70,13 @@ std::string activationProblem(pcap_t* handle, int status)
 }  // namespace
 
 struct LiveCapture::Implementation {
-    /// Waits until a packet may be there, but no longer than the timeout.
+    /// Waits until a packet may be there or, unless that was already, somebody asks to stop; but no longer than the timeout.
     void wait(milliseconds timeout)
     {
         const int capture = pcap_get_selectable_fd(handle.get());
         if (capture < 0) timeout = std::min(timeout, lookAgainAfter);
-        pollfd descriptors[] = {{.fd = stopEvent, .events = POLLIN, .revents = 0}, {.fd = capture, .events = POLLIN, .revents = 0}};
+        pollfd descriptors[] = {{.fd = stopTime != 0 ? -1 : stopEvent, .events = POLLIN, .revents = 0},
+                                {.fd = capture, .events = POLLIN, .revents = 0}};
         poll(descriptors, 2, static_cast<int>(std::min<std::int64_t>(timeout.count(), 1 << 30)));
     }
 
@@ -109,7 +130,7 @@ std::expected<std::unique_ptr<LiveCapture>, CaptureError> LiveCapture::open(cons
     pcap_t* const handle = self->handle.get();
     pcap_set_snaplen(handle, options.snapLength);
     pcap_set_promisc(handle, options.isPromiscuous);
-    pcap_set_immediate_mode(handle, 1);
+    pcap_set_timeout(handle, static_cast<int>(blockTime.count()));
     pcap_set_buffer_size(handle, bufferBytes);
     self->hasNanoseconds = pcap_set_tstamp_precision(handle, PCAP_TSTAMP_PRECISION_NANO) == 0;
     if (const int status = pcap_activate(handle); status < 0) return refused(activationProblem(handle, status));
@@ -169,9 +190,9 @@ LiveCapture::Outcome LiveCapture::next(CapturedPacket& packet, milliseconds time
             return Outcome::failed;
         }
         self.flush();
-        if (stopTime != 0) return Outcome::stopped;
-        const auto left = std::chrono::ceil<milliseconds>(end - std::chrono::steady_clock::now());
-        if (left <= milliseconds::zero()) return Outcome::timeout;
+        const milliseconds left = stopTime != 0 ? lastBlocksWithin - sinceTime(stopTime)
+                                                : std::chrono::ceil<milliseconds>(end - std::chrono::steady_clock::now());
+        if (left <= milliseconds::zero()) return stopTime != 0 ? Outcome::stopped : Outcome::timeout;
         self.wait(left);
     }
 }
@@ -179,10 +200,8 @@ LiveCapture::Outcome LiveCapture::next(CapturedPacket& packet, milliseconds time
 void LiveCapture::stop()
 {
     const int savedError = errno;
-    timespec now = {};
-    clock_gettime(CLOCK_REALTIME, &now);
     std::int64_t notAsked = 0;
-    implementation_->stopTime.compare_exchange_strong(notAsked, now.tv_sec * 1'000'000'000 + now.tv_nsec);
+    implementation_->stopTime.compare_exchange_strong(notAsked, now());
     const std::uint64_t one = 1;
     // A full counter has woken the reader already.
     [[maybe_unused]] const ssize_t written = write(implementation_->stopEvent, &one, sizeof one);

@@ -30,7 +30,7 @@ struct LiveCounts {
     std::int64_t droppedByInterface = 0;  ///< where the driver tells
 };
 
-/// Packets of a network interface as they arrive, at once and one by one. Read by one thread.
+/// Packets of a network interface, one by one and within some hundredths of a second of their arrival. Read by one thread.
 class LiveCapture {
 public:
     /// Opens the interface. The error's file is the interface or the file to write; empty when the filter does not compile.
