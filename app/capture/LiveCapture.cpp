@@ -186,7 +186,7 @@ LiveCapture::Outcome LiveCapture::next(CapturedPacket& packet, milliseconds time
         }
         if (count < 0) {
             self.flush();
-            self.error = {.file = self.options.interface, .reason = pcap_geterr(self.handle.get()), .packetsBefore = self.number};
+            self.error = {.file = self.options.interface, .reason = pcap_geterr(self.handle.get()), .packetsBefore = -1};
             return Outcome::failed;
         }
         self.flush();
