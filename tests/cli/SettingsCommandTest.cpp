@@ -126,6 +126,17 @@ TEST_F(SettingsCommandTest, ColoursTheRowsOfThePacketList)
     EXPECT_THAT(run({"packets", "--color=never", capture}).output, testing::Not(HasSubstr("\x1B")));
 }
 
+TEST_F(SettingsCommandTest, ChoosesTheKeyLogThatStreamsDecryptWith)
+{
+    const std::string examples = SEALSCOPE_SOURCE_DIR "/examples/";
+    const auto verdict = [&] { return jsonLines(run({"streams", "--json", examples + "tls12.pcap"}).output).at(0).at("verdict"); };
+    EXPECT_EQ(verdict(), "noKeyMaterial");
+    run({"settings", "set", keylogPath, examples + "tls12.keylog"});
+    EXPECT_EQ(verdict(), "decrypted");
+    run({"settings", "set", keylogPath, ""});
+    EXPECT_EQ(verdict(), "noKeyMaterial");
+}
+
 TEST_F(SettingsCommandTest, SaysOnceWhatKeepsSettingsFromBeingKept)
 {
     const auto timesSaid = [](const std::string& text, std::string_view what) {

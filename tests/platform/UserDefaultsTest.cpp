@@ -3,6 +3,7 @@
 
 #include "tests/support/TempDirectory.h"
 
+#include <atomic>
 #include <chrono>
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -10,6 +11,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 namespace sealscope {
@@ -306,6 +308,29 @@ TEST(UserDefaults, TellsObserversOfChangesAndOfNothingElse)
     token.reset();
     defaults.set("a", std::string("four"));
     EXPECT_EQ(seen.size(), 3U);
+}
+
+TEST(UserDefaults, ServesManyThreads)
+{
+    const TempDirectory folder;
+    UserDefaults defaults(folder.path() / "settings.json");
+    std::atomic<int> changes = 0;
+    const auto token = defaults.observe("shared", [&] { ++changes; });
+    {
+        std::vector<std::jthread> threads;
+        for (int thread = 0; thread < 4; ++thread) {
+            threads.emplace_back([&, thread] {
+                for (std::int64_t round = 0; round < 25; ++round) {
+                    defaults.set(fmt::format("{}-{}", thread, round), round);
+                    defaults.set("shared", round * 4 + thread);
+                    defaults.boolean("shared");
+                    const auto passing = defaults.observe("shared", [] {});
+                }
+            });
+        }
+    }
+    EXPECT_EQ(UserDefaults(folder.path() / "settings.json").all().size(), 101U);
+    EXPECT_GT(changes, 0);
 }
 
 TEST(UserDefaults, LetsAnObserverChangeSettingsAndEndItself)
