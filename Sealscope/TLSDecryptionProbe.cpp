@@ -22,13 +22,6 @@ using Context = TLSStreamDecryption::Context;
 
 const DetailRow decryptedRow{.name = "TLS", .value = "decrypted"};
 
-bool hasKeyMaterial(const Context& context, const TLSKeyLog& keyLog)
-{
-    return std::ranges::any_of(std::array{Direction::clientToServer, Direction::serverToClient}, [&](Direction direction) {
-        return keyLog.secrets.find(secretLabels(context.isTLS13, direction).application, context.clientRandom).has_value();
-    });
-}
-
 /// Whether a direction has plaintext. The first byte of it settles that.
 bool opens(const TCPStream& stream, Direction direction, const Context& context, const TLSKeyLog& keyLog)
 {
@@ -89,7 +82,8 @@ TLSDecryptionOutcome TLSDecryptionProbe::probe(const TCPStream& stream) const
                                                                : TLSDecryptionFailure::noHandshake);
     }
     const TLSKeyLog keyLog = TLSKeyLogStore::shared().current();
-    if (!sealscope::hasKeyMaterial(*context, keyLog)) return TLSDecryptionOutcome::notDecrypted(TLSDecryptionFailure::noKeyMaterial);
+    if (!TLSStreamDecryption::hasKeyMaterial(*context, keyLog))
+        return TLSDecryptionOutcome::notDecrypted(TLSDecryptionFailure::noKeyMaterial);
     const bool isDecrypted =
         opens(stream, Direction::serverToClient, *context, keyLog) || opens(stream, Direction::clientToServer, *context, keyLog);
     return isDecrypted ? TLSDecryptionOutcome::decrypted() : TLSDecryptionOutcome::notDecrypted(TLSDecryptionFailure::keyMismatch);
@@ -154,7 +148,7 @@ TLSKeyLogLineCount TLSDecryptionProbe::countKeyLogLines(std::string_view text) c
 
 bool TLSDecryptionProbe::hasKeyMaterial(const Context& context)
 {
-    return sealscope::hasKeyMaterial(context, TLSKeyLogStore::shared().current());
+    return TLSStreamDecryption::hasKeyMaterial(context, TLSKeyLogStore::shared().current());
 }
 
 TLSDecryptionProbe::DecryptedInterpretation TLSDecryptionProbe::decryptedInterpretation(const TCPStream& stream)

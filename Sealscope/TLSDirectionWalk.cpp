@@ -39,7 +39,41 @@ std::optional<TLS13RecordDecryptor::Walk> beginTLS13(TCPSegment::Direction direc
     return TLS13RecordDecryptor::Walk::begin(handshakeSecret, *applicationSecret, *suite);
 }
 
+/// Whether a header can be one of TLS at all; after lost bytes headers are read where none are. 24 is a heartbeat.
+bool isForeign(const TLSRecord& record) { return record.contentType < 20 || record.contentType > 24 || record.majorVersion != 3; }
+
 }  // namespace
+
+void TLSFraming::take(const TLSRecord& record, bool isProtected)
+{
+    if (foreign) return;
+    if (isForeign(record))
+        foreign = record;
+    else if (record.isTruncated)
+        cutFrom = record.recordOffset;
+    else if (isProtected)
+        ++protectedRecords;
+}
+
+void TLSFraming::finish(std::int64_t end, std::int64_t size)
+{
+    if (!foreign && !cutFrom && end < size) cutFrom = end;
+}
+
+TLSFraming framingOf(const StreamData& data, bool isTLS13)
+{
+    TLSFraming framing;
+    std::int64_t end = 0;
+    bool isEncrypted = isTLS13;
+    forEachRecord(data, [&](const TLSRecord& record) {
+        framing.take(record, isEncrypted && record.contentType == applicationData);
+        if (record.contentType == std::to_underlying(TLSContentType::changeCipherSpec)) isEncrypted = true;
+        if (!record.isTruncated) end = record.endOffset();
+        return !framing.foreign;
+    });
+    framing.finish(end, data.size());
+    return framing;
+}
 
 std::optional<TLSDirectionWalk> TLSDirectionWalk::begin(const StreamData& data, TCPSegment::Direction direction,
                                                         const TLSStreamDecryption::Context& context, const TLSKeyLog& keyLog)
@@ -64,14 +98,22 @@ bool TLSDirectionWalk::moveToProtectedRecord()
     forEachRecord(
         reader_,
         [&](const TLSRecord& record) {
+            isFound = !record.isTruncated && isProtected(record);
+            framing_.take(record, isFound);
             if (record.isTruncated) return false;
-            record_ = record;
-            isFound = isProtected(record);
+            nextOffset_ = record.endOffset();
+            if (isFound) record_ = record;
             return !isFound;
         },
         nextOffset_);
-    nextOffset_ = isFound ? record_.endOffset() : data_->size();
     return isFound;
+}
+
+const TLSFraming& TLSDirectionWalk::passToEnd()
+{
+    while (moveToProtectedRecord()) {}
+    framing_.finish(nextOffset_, data_->size());
+    return framing_;
 }
 
 std::optional<TLS13RecordDecryptor::Opener::Opened> TLSDirectionWalk::open(DataView body, std::uint8_t* target)
@@ -89,7 +131,7 @@ std::optional<TLS13RecordDecryptor::Opener::Opened> TLSDirectionWalk::open(DataV
 
 TLSDirectionWalk::Step TLSDirectionWalk::next(std::uint8_t* target)
 {
-    if (!moveToProtectedRecord()) return Step::end;
+    if (hasEnded_ || !moveToProtectedRecord()) return Step::end;
     const DataView body = data_->gather(record_.bodyOffset, record_.declaredLength, gathered_);
     if (!target) {
         if (static_cast<std::int64_t>(buffer_.size()) < body.size()) buffer_.resize(static_cast<std::size_t>(body.size()));
@@ -97,7 +139,7 @@ TLSDirectionWalk::Step TLSDirectionWalk::next(std::uint8_t* target)
     }
     const auto opened = open(body, target);
     if (!opened) {
-        if (std::holds_alternative<TLS13RecordDecryptor::Walk>(records_)) nextOffset_ = data_->size();
+        hasEnded_ = std::holds_alternative<TLS13RecordDecryptor::Walk>(records_);
         return Step::refused;
     }
     innerType_ = opened->innerType;

@@ -11,6 +11,19 @@
 
 namespace sealscope {
 
+/// The records of a direction by their headers alone.
+struct TLSFraming {
+    std::int64_t protectedRecords = 0;    ///< that can be opened: application data on the outside, under encryption
+    std::optional<TLSRecord> foreign;     ///< the first that is no TLS record; nothing behind it counts
+    std::optional<std::int64_t> cutFrom;  ///< where a record begins that the data do not hold to its end
+
+    /// Takes a direction's next record.
+    void take(const TLSRecord& record, bool isProtected);
+    /// The direction has `size` bytes, and `end` of them are whole records.
+    void finish(std::int64_t end, std::int64_t size);
+};
+TLSFraming framingOf(const StreamData& data, bool isTLS13);
+
 /// Opens the protected records of one direction of a stream one after another. Everything that decrypts a stream does it
 /// by this walk, and takes from it no more records than it needs. Used by one thread; outlived by the data.
 class TLSDirectionWalk {
@@ -36,6 +49,8 @@ public:
     DataView plaintext() const { return plaintext_; }
     /// ChangeCipherSpec records met so far; counted for TLS 1.2 alone.
     std::int64_t changeCipherSpecs() const;
+    /// Passes over what is left of the direction without opening it; the records of the whole direction.
+    const TLSFraming& passToEnd();
 
 private:
     using Records = std::variant<TLS12RecordDecryptor::Walk, TLS13RecordDecryptor::Walk>;
@@ -49,7 +64,9 @@ private:
     StreamReader reader_;
     Records records_;
     TLSRecord record_;
+    TLSFraming framing_;
     std::int64_t nextOffset_ = 0;
+    bool hasEnded_ = false;  ///< nothing more is opened
     std::uint8_t innerType_ = 0;
     DataView plaintext_;
     std::vector<std::uint8_t> gathered_;

@@ -8,6 +8,7 @@
 #include "Sealscope/TLSWalk.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <memory>
 #include <utility>
@@ -146,6 +147,13 @@ std::expected<Context, TLSStreamDecryption::ContextFailure> TLSStreamDecryption:
     const auto serverHello = firstServerHello(stream.serverToClientData);
     if (!serverHello) return std::unexpected(ContextFailure::noHandshake);
     return context(std::move(*clientRandom), *serverHello);
+}
+
+bool TLSStreamDecryption::hasKeyMaterial(const Context& context, const TLSKeyLog& keyLog)
+{
+    return std::ranges::any_of(std::array{Direction::clientToServer, Direction::serverToClient}, [&](Direction direction) {
+        return keyLog.secrets.find(secretLabels(context.isTLS13, direction).application, context.clientRandom).has_value();
+    });
 }
 
 std::optional<DirectionPlain> TLSStreamDecryption::decrypt(Direction direction, const TCPStream& stream, const Context& context,

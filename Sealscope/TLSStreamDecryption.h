@@ -40,6 +40,8 @@ struct TLSStreamDecryption {
     static std::expected<Context, ContextFailure> context(const TCPStream& stream);
     /// What the two hellos settle; the client random is not looked at.
     static std::expected<Context, ContextFailure> context(Data clientRandom, const ServerHelloInfo& serverHello);
+    /// Whether a key log has any of the secrets that open application data of the context's version.
+    static bool hasKeyMaterial(const Context& context, const TLSKeyLog& keyLog);
     // The first hello that lies within one record; one that is spread over records is not found.
     static std::optional<Data> firstClientRandom(const StreamData& clientToServer);
     static std::optional<ServerHelloInfo> firstServerHello(const StreamData& serverToClient);

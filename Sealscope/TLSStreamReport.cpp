@@ -25,9 +25,6 @@ constexpr std::uint16_t earlyDataExtension = 42;  // RFC 8446 §4.2.10
 
 std::uint8_t type(TLSContentType contentType) { return std::to_underlying(contentType); }
 
-/// Whether a header can be one of TLS at all; after lost bytes the walk reads headers where none are. 24 is a heartbeat.
-bool isForeign(const TLSRecord& record) { return record.contentType < 20 || record.contentType > 24 || record.majorVersion != 3; }
-
 /// Whether some byte of a range was carried by no packet. Lost bytes stand as zeros, so only zeros need to be looked up.
 bool hasLostBytes(const TCPStream& stream, Direction direction, ByteRange range)
 {
@@ -126,7 +123,7 @@ std::optional<TLSAlertReport> clearAlert(const StreamData& data)
     std::optional<TLSAlertReport> alert;
     StreamReader bytes(data);
     forEachRecord(data, [&](const TLSRecord& record) {
-        if (record.isTruncated || isForeign(record)) return false;
+        if (record.isTruncated) return false;
         if (record.contentType == type(TLSContentType::alert) && record.declaredLength == 2) {
             const std::uint8_t description = bytes.u8(record.bodyOffset + 1);
             alert = TLSAlertReport{bytes.u8(record.bodyOffset), description, alertName(description)};
@@ -135,34 +132,6 @@ std::optional<TLSAlertReport> clearAlert(const StreamData& data)
         return record.contentType == type(TLSContentType::handshake);
     });
     return alert;
-}
-
-/// The records of a direction by their headers.
-struct Framing {
-    std::int64_t protectedRecords = 0;
-    std::optional<TLSRecord> foreign;     ///< the first that is no TLS record
-    std::optional<std::int64_t> cutFrom;  ///< where a record begins that the data do not hold to its end
-};
-
-Framing framingOf(const StreamData& data, bool isTLS13)
-{
-    Framing framing;
-    std::int64_t end = 0;
-    bool isProtected = isTLS13;
-    forEachRecord(data, [&](const TLSRecord& record) {
-        end = record.endOffset();
-        if (isForeign(record))
-            framing.foreign = record;
-        else if (record.isTruncated)
-            framing.cutFrom = record.recordOffset;
-        else if (record.contentType == type(TLSContentType::changeCipherSpec))
-            isProtected = true;
-        else if (record.contentType == type(TLSContentType::applicationData) && isProtected)
-            ++framing.protectedRecords;
-        return !framing.foreign;
-    });
-    if (!framing.foreign && end < data.size()) framing.cutFrom = end;
-    return framing;
 }
 
 /// Reports on the directions of one stream whose version and suite can be opened.
@@ -176,19 +145,16 @@ public:
     {
         TLSDirectionReport report;
         const StreamData& data = stream_.data(direction);
-        const Framing framing = framingOf(data, context_.isTLS13);
-        report.protectedRecords = framing.protectedRecords;
         const auto secret = keyLog_.secrets.find(secretLabels(context_.isTLS13, direction).application, context_.clientRandom);
-        if (!secret) {
-            report.stop = Stop::noSecret;
-            return report;
-        }
         auto walk = TLSDirectionWalk::begin(data, direction, context_, keyLog_);
         if (!walk) {
-            report.stop = Stop::badSecret;
+            report.stop = secret ? Stop::badSecret : Stop::noSecret;
+            report.protectedRecords = framingOf(data, context_.isTLS13).protectedRecords;
             return report;
         }
         const Refusal refusal = open(*walk, report);
+        const TLSFraming& framing = walk->passToEnd();
+        report.protectedRecords = framing.protectedRecords;
         settleStop(report, framing, refusal, direction, secret->size());
         if (report.plaintextBytes == 0) report.alert = clearAlert(data);
         return report;
@@ -224,7 +190,7 @@ private:
         return refusal;
     }
 
-    void settleStop(TLSDirectionReport& report, const Framing& framing, const Refusal& refusal, Direction direction,
+    void settleStop(TLSDirectionReport& report, const TLSFraming& framing, const Refusal& refusal, Direction direction,
                     std::int64_t secretLength) const
     {
         const auto stopAt = [&](Stop stop, std::int64_t offset) {
@@ -314,7 +280,9 @@ TLSDecryptionReport TLSStreamReport::report(const TCPStream& stream, const TLSKe
         report.clientRandom = clientHello.info->clientRandom;
         report.serverName = std::move(clientHello.info->serverName);
     }
+    const auto failed = [&](TLSDecryptionFailure failure) { report.outcome = TLSDecryptionOutcome::notDecrypted(failure); };
     if (!clientHello.info || !serverHello.info) {
+        failed(TLSDecryptionFailure::noHandshake);
         report.client.alert = clearAlert(stream.clientToServerData);
         report.server.alert = clearAlert(stream.serverToClientData);
         return report;
@@ -329,16 +297,28 @@ TLSDecryptionReport TLSStreamReport::report(const TCPStream& stream, const TLSKe
     for (const std::string_view label : read) report.secrets.push_back({std::string(label), secretLength(label)});
     for (const std::string_view label : knownLabels)
         if (std::ranges::find(read, label) == read.end() && secretLength(label)) report.otherLabels.emplace_back(label);
-    if (!context) return report;
+    if (!context) {
+        failed(TLSDecryptionFailure::unsupportedVersion);
+        return report;
+    }
 
     report.isSupportedVersion = true;
     report.isSupportedSuite = isSupportedSuite(*context);
+    if (!TLSStreamDecryption::hasKeyMaterial(*context, keyLog))
+        failed(TLSDecryptionFailure::noKeyMaterial);
+    else if (!report.isSupportedSuite)
+        failed(TLSDecryptionFailure::keyMismatch);
     if (!walk || !report.isSupportedSuite) return report;
+
     const bool offersEarlyData = std::ranges::any_of(clientHello.info->extensions,
                                                      [](const TLSExtension& extension) { return extension.extType == earlyDataExtension; });
     const DirectionReporter reporter(stream, *context, keyLog, offersEarlyData);
     report.client = reporter.report(Direction::clientToServer);
     report.server = reporter.report(Direction::serverToClient);
+    if (report.client.plaintextBytes > 0 || report.server.plaintextBytes > 0)
+        report.outcome = TLSDecryptionOutcome::decrypted();
+    else if (!report.outcome)
+        failed(TLSDecryptionFailure::keyMismatch);
     return report;
 }
 

@@ -7,7 +7,7 @@
 #include <memory>
 #include <span>
 
-struct evp_mac_ctx_st;
+struct evp_md_ctx_st;
 
 namespace sealscope SEALSCOPE_API {
 
@@ -30,11 +30,17 @@ public:
 
 private:
     struct Free {
-        void operator()(evp_mac_ctx_st* context) const;
+        void operator()(evp_md_ctx_st* context) const;
     };
+    using Context = std::unique_ptr<evp_md_ctx_st, Free>;
+    static Context makeContext();
+
     HashFunction hash_;
-    std::unique_ptr<evp_mac_ctx_st, Free> context_;
+    Context inner_ = makeContext();  ///< has taken in the key with the inner padding
+    Context outer_ = makeContext();  ///< the same with the outer
+    Context running_ = makeContext();
     bool isSound_ = false;
+    bool hasBegun_ = false;  ///< `running_` goes on from `inner_` with the message so far
 };
 
 /// The code of one message; empty where the cryptographic library refuses.

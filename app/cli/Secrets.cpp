@@ -89,7 +89,7 @@ std::vector<std::string> keyLogProblems()
     for (const MergedKeylog::Source& source : sources) {
         if (source.isEmbedded() || source.file == KeylogLocations::liveKeylog()) continue;
         const Examination found = MergedKeylog::examine(source.file);
-        if (found.problem != Examination::Problem::none) problems.push_back(fmt::format("{}: {}", source.file.string(), reason(found)));
+        if (found.problem != Examination::Problem::none) problems.push_back(fmt::format("{}: {}", source.file, reason(found)));
     }
     return problems;
 }

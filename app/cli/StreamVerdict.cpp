@@ -149,15 +149,16 @@ std::optional<StreamVerdict> StreamVerdicts::verdict(const TCPStream& stream, bo
     const TLSStreamDecryptionProbing* asked = nullptr;
     StreamVerdict verdict;
     for (const auto& probe : probes_) {
-        const TLSDecryptionOutcome outcome = probe->probe(stream);
+        auto report = probe->report(stream, walk);
+        const TLSDecryptionOutcome outcome = report && report->outcome ? *report->outcome : probe->probe(stream);
         if (!asked || outcome.isDecrypted()) {
             asked = probe.get();
             verdict.outcome = outcome;
+            verdict.report = std::move(report);
         }
         if (outcome.isDecrypted()) break;
     }
     if (!asked) return std::nullopt;
-    verdict.report = asked->report(stream, walk);
     if (verdict.outcome.failure == TLSDecryptionFailure::noKeyMaterial) verdict.keyLog = keyLogFacts(*asked);
     return verdict;
 }

@@ -10,7 +10,7 @@ namespace sealscope {
 
 namespace {
 
-std::filesystem::path homeFolder()
+std::string homeFolder()
 {
     if (const char* home = std::getenv("HOME"); home && *home) return home;
     passwd entry{};
@@ -27,7 +27,7 @@ std::filesystem::path KeylogLocations::liveKeylog()
     // A relative path is invalid there and is to be ignored (XDG Base Directory Specification).
     const char* const dataHome = std::getenv("XDG_DATA_HOME");
     const bool isUsable = dataHome && *dataHome == '/';
-    return (isUsable ? std::filesystem::path(dataHome) : homeFolder() / ".local" / "share") / "sealscope" / "keylog.txt";
+    return (isUsable ? std::string(dataHome) : homeFolder() + "/.local/share") + "/sealscope/keylog.txt";
 }
 
 }  // namespace sealscope

@@ -141,7 +141,7 @@ std::vector<MergedKeylog::Source> MergedKeylog::sources(const std::optional<std:
     std::erase(chosen, "");
     if (chosen.empty() && envPath && !envPath->empty()) chosen.push_back(*envPath);
 
-    std::vector<Source> all{Source{}, Source{KeylogLocations::liveKeylog()}};
+    std::vector<Source> all{Source{}, Source{KeylogLocations::liveKeylog().string()}};
     for (std::string& path : chosen) {
         // A source that is listed twice stands where it wins.
         Source source{std::move(path)};

@@ -18,7 +18,7 @@ struct MergedKeylog {
 
     /// A place that secrets come from: a file, or what the opened capture carries.
     struct Source {
-        std::filesystem::path file;  ///< empty for the capture's secrets
+        std::string file;  ///< its path; empty for the capture's secrets
         bool isEmbedded() const { return file.empty(); }
         bool operator==(const Source&) const = default;
     };

@@ -95,6 +95,9 @@ struct TLSSecretReport {
 
 /// What a probe knows of a stream, as facts; sentences are the application's. No secret is in it.
 struct TLSDecryptionReport {
+    /// What `probe` answers, where the report found it out by the way: after a walk always.
+    std::optional<TLSDecryptionOutcome> outcome;
+
     enum class Hello : std::uint8_t {
         found,
         missing,       ///< the direction's data hold none

@@ -108,6 +108,7 @@ TEST(TLSDecryptionProbe, GivesItsVerdict)
     for (const auto& [name, session, keyLog, expected] : cases) {
         const WithKeyLog secrets(keyLog);
         EXPECT_EQ(TLSDecryptionProbe().probe(vectorStream(session.flights)), expected) << name;
+        EXPECT_EQ(TLSDecryptionProbe().report(vectorStream(session.flights), true)->outcome, expected) << name << ", reported";
     }
     const WithKeyLog secrets(v13.keyLog);
     EXPECT_EQ(TLSDecryptionProbe().probe(vectorStream({}, v13.wire(server))), noHandshake);

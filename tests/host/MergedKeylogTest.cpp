@@ -50,7 +50,7 @@ TEST_F(MergedKeylogTest, KeepsTheManagedKeyLogUnderTheDataDirectory)
 TEST_F(MergedKeylogTest, ChoosesAndOrdersTheSources)
 {
     const Source embedded;
-    const Source managed{KeylogLocations::liveKeylog()};
+    const Source managed{KeylogLocations::liveKeylog().string()};
     struct Case {
         const char* name;
         std::optional<std::string> userPath, envPath;
@@ -66,7 +66,7 @@ TEST_F(MergedKeylogTest, ChoosesAndOrdersTheSources)
         {"in the environment too", {}, "", {}, {embedded, managed}},
         {"the override takes the user's place", "/u", "/e", {"/a", "/b"}, {embedded, managed, {"/a"}, {"/b"}}},
         {"a file that is named twice stands where it wins", {}, {}, {"/a", "/b", "/a"}, {embedded, managed, {"/b"}, {"/a"}}},
-        {"the managed key log, chosen", managed.file.string(), {}, {}, {embedded, managed}},
+        {"the managed key log, chosen", managed.file, {}, {}, {embedded, managed}},
     };
     for (const auto& [name, userPath, envPath, override, expected] : cases) {
         KeylogUserFile::setOverride(override);
@@ -100,7 +100,8 @@ TEST_F(MergedKeylogTest, JoinsTheTextsWithTheirLinesWhole)
     const std::string user = directory.write("user", std::string_view("U 00 03"));
     const std::string missing = directory.file("missing");
     const std::string empty = directory.write("empty", std::string_view(""));
-    const std::vector<Source> sources{{}, {KeylogLocations::liveKeylog()}, {missing}, {directory.path()}, {empty}, {user}};
+    const std::vector<Source> sources{{},    {KeylogLocations::liveKeylog().string()}, {missing}, {directory.path().string()}, {empty},
+                                      {user}};
     const SecretText text = MergedKeylog::mergedText(sources);
     EXPECT_EQ(text, "E 00 01\nM 00 02\nU 00 03");
     EXPECT_EQ(MergedKeylog::mergedText({}), "");
