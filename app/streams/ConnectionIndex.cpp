@@ -26,23 +26,19 @@ bool opensAnother(const Connection& connection, const ConnectionSide& side, std:
     return isUsed && !(before >= 0 && before <= (connection.isClosed ? 0 : plausibleFlight));
 }
 
-/// What a lone byte is: data (0), a keep-alive's, or either.
-///
-/// A keep-alive repeats the last byte sent with anything in its place (RFC 9293 §3.8.4). Mostly that byte was captured before, and
-/// the first copy stands. Otherwise the lone byte may also be data that the capture has behind its own acknowledgment; whatever
-/// else brings the byte, before or after, is then to be believed. Two places have no other copy: the number that the FIN took, and
-/// what stands before all that is known of a direction. What is pushed is data: a stack does not push what it repeats to keep a
-/// connection alive.
-std::uint8_t keepAliveFlag(const ConnectionSide& side, const TCPPacket& packet)
+/// The one byte of a keep-alive repeats the last one sent, and may now be anything (RFC 9293 §3.8.4). Where that byte was captured
+/// before, the first copy stands and nothing need be told apart. Two places have no first copy: the number that the FIN took,
+/// and what stands before all that is known of a direction that was silent so far. What is pushed is data: a stack does not push
+/// what it repeats to keep a connection alive.
+bool isKeepAlive(const ConnectionSide& side, const TCPPacket& packet)
 {
     constexpr std::uint8_t others = TCPFlag::syn | TCPFlag::fin | TCPFlag::rst | TCPFlag::psh | TCPFlag::urg;
-    if (packet.payloadLength != 1 || (packet.flags & others) != 0) return 0;
-    if (!side.hasReference) return packet.payload.u8(0) == 0 ? SegmentRecord::keepAlive : 0;
+    if (packet.payloadLength != 1 || (packet.flags & others) != 0) return false;
     const std::uint32_t after = packet.sequenceNumber + 1;
-    if (side.hasSent && side.endsWithFIN && after == side.next) return SegmentRecord::keepAlive;
+    const bool isSilent = !side.hasSYN && side.lowest == side.next;
+    if (side.hasSent) return after == side.next && (side.endsWithFIN || isSilent);
     const std::uint32_t acknowledged = side.acknowledged.reference + static_cast<std::uint32_t>(side.acknowledged.highest);
-    const bool wasSent = (side.hasSent && after == side.next) || (side.isAcknowledged && after == acknowledged);
-    return wasSent ? SegmentRecord::doubtful : 0;
+    return !side.hasSYN && (side.isAcknowledged ? after == acknowledged : packet.payload.u8(0) == 0);
 }
 
 /// Notes that a number of the direction's sequence space was seen.
@@ -63,7 +59,7 @@ void acknowledge(ConnectionSide& side, std::uint32_t acknowledgmentNumber)
 }
 
 /// Notes what the header and length of a segment say of its sender's direction.
-void send(ConnectionSide& side, const TCPPacket& packet, bool connectionHasData)
+void send(ConnectionSide& side, const TCPPacket& packet, bool isKeepAlive, bool connectionHasData)
 {
     if (packet.flags & TCPFlag::rst) return;
     const bool isSYN = packet.flags & TCPFlag::syn;
@@ -74,6 +70,7 @@ void send(ConnectionSide& side, const TCPPacket& packet, bool connectionHasData)
         side.hasSYN = true;
         side.initialSequenceNumber = packet.sequenceNumber;
     }
+    if (isKeepAlive) return;
     const std::uint32_t first = packet.sequenceNumber + (isSYN ? 1 : 0);
     const auto next = first + static_cast<std::uint32_t>(packet.payloadLength) + ((packet.flags & TCPFlag::fin) ? 1 : 0);
     show(side, first);
@@ -145,8 +142,8 @@ void ConnectionIndex::add(const TCPPacket& packet, std::int64_t packetNumber, do
 
     Connection& connection = connections_[latest_];
     ConnectionSide& side = connection.sides[sender];
-    const std::uint8_t keepAlive = keepAliveFlag(side, packet);
-    if (keepAlive == 0) send(side, packet, connection.hasData);
+    const bool keepAlive = isKeepAlive(side, packet);
+    send(side, packet, keepAlive, connection.hasData);
     if (isACK && !isRST) acknowledge(connection.sides[1 - sender], packet.acknowledgmentNumber);
 
     if (isSYN && connection.clientEvidence != Connection::Evidence::SYN) {
@@ -158,7 +155,7 @@ void ConnectionIndex::add(const TCPPacket& packet, std::int64_t packetNumber, do
     }
     connection.startTime = std::min(connection.startTime, time);
     connection.endTime = std::max(connection.endTime, time);
-    connection.hasData |= packet.payloadLength > 0 && !isRST && keepAlive != SegmentRecord::keepAlive;
+    connection.hasData |= packet.payloadLength > 0 && !isRST && !keepAlive;
     if (packet.flags & (TCPFlag::fin | TCPFlag::rst)) {
         connection.isClosed = true;
         side.hasFIN |= !isRST;
@@ -175,7 +172,7 @@ void ConnectionIndex::add(const TCPPacket& packet, std::int64_t packetNumber, do
             .sequenceNumber = packet.sequenceNumber,
             .packetLow = static_cast<std::uint32_t>(packetNumber),
             .packetHigh = static_cast<std::uint64_t>(packetNumber) >> 32 & 0xFF,
-            .flags = static_cast<std::uint64_t>((packet.flags & 0x3F) | keepAlive),
+            .flags = static_cast<std::uint64_t>((packet.flags & 0x3F) | (keepAlive ? SegmentRecord::keepAlive : 0)),
             .captured = static_cast<std::uint64_t>(captured),
             .length = static_cast<std::uint64_t>(std::clamp(packet.payloadLength, captured, SegmentRecord::maximumLength)),
         },

@@ -113,7 +113,7 @@ ReassembledDirection::Owner ReassembledDirection::ownerOf(std::int64_t offset) c
         const std::uint32_t last = std::min(position + 4, runEnd);
         while (position < last && !(isFound = endsAfter(position))) ++position;
     }
-    if (run.count <= 1) {
+    if (run.count == 1) {
         position = run.first;
     } else if (!isFound) {
         std::uint32_t low = run.first;

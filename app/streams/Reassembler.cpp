@@ -41,7 +41,6 @@ public:
     {
         if (!placed || placed->capturedEnd == placed->begin) return pass(segment);
         if (isKnown(placed->begin, placed->capturedEnd)) return pass(segment);
-        if (segment.isDoubtful()) return addDoubtful(position, *placed);
         widenKnown(placed->begin, placed->capturedEnd);
         if (!extends(position, *placed)) {
             close();
@@ -70,14 +69,6 @@ private:
     {
         const std::uint32_t end = segment.dataNumber() + static_cast<std::uint32_t>(segment.capturedData());
         isOpen_ = isOpen_ && end == run_.number + run_.length;
-    }
-
-    /// A run of its own, which counts where no other run has the byte.
-    void addDoubtful(std::uint32_t position, const SequenceSpace::Placed& placed)
-    {
-        close();
-        run_ = {.offset = placed.begin, .length = 1, .number = placed.number, .first = position};
-        close();
     }
 
     bool extends(std::uint32_t position, const SequenceSpace::Placed& placed) const
@@ -120,15 +111,14 @@ SegmentRun part(const SegmentRun& run, std::int64_t begin, std::int64_t end)
     };
 }
 
-/// Gives each byte to the earliest of the runs that have it, to a doubtful byte last of all. The runs are sorted by offset.
+/// Gives each byte to the earliest of the runs that have it. The runs are sorted by offset.
 std::vector<SegmentRun> withoutOverlaps(const std::vector<SegmentRun>& runs)
 {
     std::vector<SegmentRun> parts;
     parts.reserve(runs.size());
     // Runs that have begun, the earliest in capture order on top.
     std::vector<std::uint32_t> begun;
-    const auto rank = [&](std::uint32_t run) { return std::pair(runs[run].count == 0, runs[run].first); };
-    const auto isLater = [&](std::uint32_t a, std::uint32_t b) { return rank(a) > rank(b); };
+    const auto isLater = [&](std::uint32_t a, std::uint32_t b) { return runs[a].first > runs[b].first; };
     std::uint32_t next = 0;
     const auto begin = [&] {
         begun.push_back(next++);
@@ -147,7 +137,7 @@ std::vector<SegmentRun> withoutOverlaps(const std::vector<SegmentRun>& runs)
             begun.pop_back();
             continue;
         }
-        while (next < runs.size() && runs[next].offset < run.end() && isLater(next, begun.front())) begin();
+        while (next < runs.size() && runs[next].offset < run.end() && runs[next].first > run.first) begin();
         const bool isInterrupted = next < runs.size() && runs[next].offset < run.end();
         const std::int64_t until = isInterrupted ? runs[next].offset : run.end();
         if (until > at) parts.push_back(part(run, at, until));

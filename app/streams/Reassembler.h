@@ -19,7 +19,7 @@ struct SegmentRun {
     std::uint32_t length = 0;  ///< bytes, at least one
     std::uint32_t number = 0;  ///< sequence number of its first byte
     std::uint32_t first = 0;   ///< position of its first segment in the list
-    std::uint32_t count = 0;   ///< segments, from the first to the last that carries bytes of it; 0 for a doubtful byte
+    std::uint32_t count = 0;   ///< segments, from the first to the last that carries bytes of it
 
     std::int64_t end() const { return offset + length; }
 };

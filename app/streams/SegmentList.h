@@ -18,20 +18,17 @@ struct SegmentRecord {
     static constexpr std::int64_t maximumLength = (1 << 24) - 1;  ///< longer payloads count as cut here
     /// In `flags`: a keep-alive, whose one byte is no data (RFC 9293 §3.8.4).
     static constexpr std::uint8_t keepAlive = 0x40;
-    /// In `flags`: may be a keep-alive; its one byte counts where no other segment brings it.
-    static constexpr std::uint8_t doubtful = 0x80;
 
     CaptureAddress address = 0;        ///< of the payload's first byte
     double time = 0;                   ///< seconds since 1970
     std::uint32_t sequenceNumber = 0;  ///< as it stands in the header
     std::uint32_t packetLow = 0;       ///< packet number, lower 32 bits
     std::uint64_t packetHigh : 8 = 0;  ///< packet number, the bits above
-    std::uint64_t flags : 8 = 0;       ///< of the header, see TCPFlag, and the two above
+    std::uint64_t flags : 8 = 0;       ///< of the header, see TCPFlag, and `keepAlive`
     std::uint64_t captured : 24 = 0;   ///< payload bytes that the capture holds
     std::uint64_t length : 24 = 0;     ///< payload bytes on the wire
 
     std::int64_t packetNumber() const { return static_cast<std::int64_t>(std::uint64_t{packetHigh} << 32 | packetLow); }
-    bool isDoubtful() const { return (flags & doubtful) != 0; }
     bool isSYN() const { return (flags & (TCPFlag::syn | TCPFlag::rst)) == TCPFlag::syn; }
     /// The sequence number of the payload's first byte: a SYN takes one before it (RFC 9293 §3.4).
     std::uint32_t dataNumber() const { return sequenceNumber + (isSYN() ? 1 : 0); }

@@ -70,8 +70,6 @@ std::optional<SequenceSpace::Placed> SequenceSpace::place(const SegmentRecord& s
         eras_[current_].end += length;
         return Placed{begin, begin + static_cast<std::int64_t>(segment.captured), begin + length, number, true};
     }
-    // What may be a keep-alive's says nothing about where data lies.
-    if (segment.isDoubtful() && (eras_.empty() || !fits(current_, number, length))) return std::nullopt;
     const auto index = eraFor(number, length);
     if (!index) return std::nullopt;
     current_ = *index;
@@ -81,8 +79,7 @@ std::optional<SequenceSpace::Placed> SequenceSpace::place(const SegmentRecord& s
     const std::int64_t end = position + length;
     // Without a SYN the data begins with the lowest byte that is seen in time: before more than a flight has followed, or
     // right before what begins the data so far.
-    if (!era.hasSYN && !segment.isDoubtful() && position < era.begin && (end >= era.begin || era.end - position <= plausibleFlight))
-        era.begin = position;
+    if (!era.hasSYN && position < era.begin && (end >= era.begin || era.end - position <= plausibleFlight)) era.begin = position;
     const std::int64_t begin = std::max(position, era.begin);
     if (end <= begin) return std::nullopt;
     const bool isNew = !era.hasData || begin >= era.end;

@@ -188,7 +188,7 @@ TEST(Reassembly, PutsEveryByteInItsPlace)
          "abcd",
          "5347"},
         {"the first lone byte behind its acknowledgment", {{-1, "", SYN}, acknowledged(1), {0, "a", ACK}}, "a", "3"},
-        {"keep-alive before the byte comes", {{-1, "", SYN}, {0, "a"}, acknowledged(2), {1, "?", ACK}, {1, "bc"}}, "abc", "255"},
+        {"keep-alive before the byte comes", {{-1, "", SYN}, {0, "a"}, acknowledged(2), {1, "?", ACK}, {1, "bc"}}, "a?c", "245", 0, 1},
         {"keep-alive of a silent connection, first of all", {{0, "", ACK}, {-1, "?", ACK}, acknowledged(0), {0, "ab"}}, "ab", "44"},
         {"a lone byte is data", {{-1, "", SYN}, {0, "a", ACK}, {1, "b", ACK}, acknowledged(2), {2, "c", ACK}}, "abc", "235"},
         {"zero-window probe",
