@@ -113,9 +113,7 @@ ReassembledDirection::Owner ReassembledDirection::ownerOf(std::int64_t offset) c
         const std::uint32_t last = std::min(position + 4, runEnd);
         while (position < last && !(isFound = endsAfter(position))) ++position;
     }
-    if (run.count == 1) {
-        position = run.first;
-    } else if (!isFound) {
+    if (!isFound) {
         std::uint32_t low = run.first;
         for (std::uint32_t count = run.count; count > 0;) {
             const std::uint32_t half = count / 2;

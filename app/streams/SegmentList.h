@@ -32,8 +32,6 @@ struct SegmentRecord {
     bool isSYN() const { return (flags & (TCPFlag::syn | TCPFlag::rst)) == TCPFlag::syn; }
     /// The sequence number of the payload's first byte: a SYN takes one before it (RFC 9293 §3.4).
     std::uint32_t dataNumber() const { return sequenceNumber + (isSYN() ? 1 : 0); }
-    /// The sequence number after all that the segment takes; a FIN takes the last.
-    std::uint32_t nextNumber() const { return dataNumber() + static_cast<std::uint32_t>(length) + ((flags & TCPFlag::fin) ? 1 : 0); }
     /// False for a payload that is no part of the stream: what explains a reset (RFC 9293 §3.10.7), or a keep-alive's garbage.
     bool carriesData() const { return length != 0 && (flags & (TCPFlag::rst | keepAlive)) == 0; }
     /// True for a lone byte that is not pushed: it may repeat one that was sent before with something else in its place, which

@@ -91,6 +91,13 @@ TEST(ConnectionIndex, TellsConnectionsOfTheSamePortsApart)
         {"a SYN after a connection whose SYN was not captured",
          {{'A', 10, "ab"}, {'A', 12, "", ACK | FIN}, {'A', 90'000, "", SYN}, {'A', 90'001, "cd"}},
          {{"ab", ""}, {"cd", ""}}},
+        {"a SYN a little before a connection that is closed",
+         {{'A', 5'000, "ab"}, {'A', 5'002, "", ACK | FIN}, {'A', 4'000, "", SYN}, {'A', 4'001, "cd"}},
+         {{"ab", ""}, {"cd", ""}}},
+        {"a SYN after a reset of the other side", {{'B', 99, "", RST}, {'A', 9, "", SYN}, {'A', 10, "ab"}}, {{"", ""}, {"ab", ""}}},
+        {"a SYN with a reset opens nothing",
+         {{'A', 9, "", SYN}, {'A', 10, "ab"}, {'A', 5'000, "", SYN | RST}, {'A', 12, "c"}},
+         {{"abc", ""}}},
         {"a reset alone", {{'B', 99, "", RST}}, {{"", ""}}},
     };
     for (const auto& [name, packets, expected] : cases) {

@@ -161,6 +161,7 @@ TEST(Reassembly, PutsEveryByteInItsPlace)
         {"what comes with a reset is no data", {{-1, "", SYN}, {0, "ab"}, {2, "why", ACK | RST}}, "ab", "22"},
         {"a reset with a number of its own", {{-1, "", SYN}, {0, "ab"}, {0, "", RST}, {2, "c"}}, "abc", "224"},
         {"before the SYN", {{-1, "", SYN}, {-5, "old"}, {0, "ab"}, {-3, "oldab"}}, "ab", "33"},
+        {"a SYN captured late shows what was lost before the data", {{2, "cd"}, {-1, "", SYN}}, "__cd", "__11", 2},
         {"a SYN captured late cuts what lies before it", {{0, "ab"}, {-1, "", SYN}, {2, "c"}}, "abc", "113"},
 
         {"in mid-stream", {{0, "ab", ACK}, {2, "cd"}}, "abcd", "1122"},
@@ -221,6 +222,13 @@ TEST(Reassembly, PutsEveryByteInItsPlace)
          "2_{8388607}4",
          8 * MiB - 1},
         {"back after a jump", {{-1, "", SYN}, {0, "a"}, {2 * GiB, "?"}, {1, "b"}, {2, "c"}}, "abc?", "2453", 0, 0, 1},
+        {"what was acknowledged to a SYN that came to nothing",
+         {{GiB, "", SYN}, acknowledged(GiB + 1), {-1, "", SYN}, {0, "a"}, acknowledged(1), {8 * MiB, "b"}},
+         "ab",
+         "46",
+         0,
+         0,
+         1},
         {"a second SYN on a connection that did not come about", {{900, "", SYN}, {-1, "", SYN}, {0, "ab"}}, "ab", "33"},
     };
     // The first bytes of a direction lie anywhere on the circle; the last of these origins wraps in the middle of a word.
