@@ -7,10 +7,8 @@
 #include "Sealscope/TLSStreamReport.h"
 #include "host/VELModels/VELStreamInterpreting.h"
 
-#include <absl/container/flat_hash_set.h>
 #include <algorithm>
 #include <fmt/format.h>
-#include <map>
 #include <utility>
 
 namespace sealscope {
@@ -101,27 +99,12 @@ std::unique_ptr<PlaintextReader> TLSDecryptionProbe::plaintextReader(const TCPSt
     return DirectionReader::begin(stream.data(direction), direction, *context, TLSKeyLogStore::shared().current());
 }
 
-TLSKeyMaterialReport TLSDecryptionProbe::keyMaterial() const
-{
-    const TLSKeyLog keyLog = TLSKeyLogStore::shared().current();
-    absl::flat_hash_set<std::string_view> clientRandoms;
-    std::map<std::string_view, std::int64_t> counts;
-    for (const std::string_view label : TLSStreamReport::knownLabels) counts[label] = 0;
-    keyLog.secrets.forEach([&](std::string_view label, DataView clientRandom, DataView) {
-        clientRandoms.insert(clientRandom.text());
-        if (const auto count = counts.find(label); count != counts.end()) ++count->second;
-    });
-    TLSKeyMaterialReport report{
-        .secrets = keyLog.secrets.size(), .clientRandoms = static_cast<std::int64_t>(clientRandoms.size()), .labels = {}};
-    for (const std::string_view label : TLSStreamReport::knownLabels)
-        if (counts[label] > 0) report.labels.emplace_back(label, counts[label]);
-    return report;
-}
+TLSKeyMaterialReport TLSDecryptionProbe::keyMaterial() const { return TLSKeyLogStore::shared().material(); }
 
 bool TLSDecryptionProbe::hasSecrets(DataView clientRandom) const
 {
     const TLSKeyLog keyLog = TLSKeyLogStore::shared().current();
-    return std::ranges::any_of(TLSStreamReport::knownLabels,
+    return std::ranges::any_of(TLSKeyLog::knownLabels,
                                [&](std::string_view label) { return keyLog.secrets.find(label, clientRandom).has_value(); });
 }
 
@@ -131,7 +114,7 @@ SecretText TLSDecryptionProbe::keyLogLines(const TCPStream& stream) const
     const auto clientRandom = TLSStreamDecryption::firstClientRandom(stream.clientToServerData);
     if (!clientRandom) return lines;
     const TLSKeyLog keyLog = TLSKeyLogStore::shared().current();
-    for (const std::string_view label : TLSStreamReport::knownLabels) {
+    for (const std::string_view label : TLSKeyLog::knownLabels) {
         const auto secret = keyLog.secrets.find(label, *clientRandom);
         if (!secret) continue;
         lines += label;

@@ -6,6 +6,7 @@
 #include "platform/Data.h"
 #include "platform/SecretMemory.h"
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -22,6 +23,20 @@ struct TLSKeyLog {
         std::string label;  ///< "CLIENT_RANDOM" and the like; any first field counts
         Data clientRandom;  ///< normally 32 bytes; any length counts
         bool operator==(const Key&) const = default;
+    };
+
+    /// The labels that TLS stacks write key log lines under.
+    static constexpr std::array<std::string_view, 10> knownLabels{
+        "CLIENT_RANDOM",
+        "CLIENT_EARLY_TRAFFIC_SECRET",
+        "CLIENT_HANDSHAKE_TRAFFIC_SECRET",
+        "SERVER_HANDSHAKE_TRAFFIC_SECRET",
+        "CLIENT_TRAFFIC_SECRET_0",
+        "SERVER_TRAFFIC_SECRET_0",
+        "EARLY_EXPORTER_SECRET",
+        "EXPORTER_SECRET",
+        "ECH_SECRET",
+        "ECH_CONFIG",
     };
 
     TLSKeyLog() = default;

@@ -4,11 +4,36 @@
 #include "host/VELCommonTools/KeylogUserFile.h"
 #include "platform/UserDefaults.h"
 
+#include <absl/container/flat_hash_set.h>
+#include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <string>
 #include <utility>
 
 namespace sealscope {
+
+namespace {
+
+TLSKeyMaterialReport materialOf(const TLSSecrets& secrets)
+{
+    absl::flat_hash_set<std::string_view> clientRandoms;
+    clientRandoms.reserve(static_cast<std::size_t>(secrets.size()));
+    std::array<std::int64_t, TLSKeyLog::knownLabels.size()> counts{};
+    std::string_view last;
+    secrets.forEach([&](std::string_view label, DataView clientRandom, DataView) {
+        const auto known = std::ranges::find(TLSKeyLog::knownLabels, label);
+        if (known != TLSKeyLog::knownLabels.end()) ++counts[static_cast<std::size_t>(known - TLSKeyLog::knownLabels.begin())];
+        // The lines of a connection mostly follow one another.
+        if (std::exchange(last, clientRandom.text()) != clientRandom.text()) clientRandoms.insert(clientRandom.text());
+    });
+    TLSKeyMaterialReport report{.secrets = secrets.size(), .clientRandoms = static_cast<std::int64_t>(clientRandoms.size()), .labels = {}};
+    for (std::size_t i = 0; i < counts.size(); ++i)
+        if (counts[i] > 0) report.labels.emplace_back(TLSKeyLog::knownLabels[i], counts[i]);
+    return report;
+}
+
+}  // namespace
 
 TLSKeyLogStore& TLSKeyLogStore::shared()
 {
@@ -28,7 +53,7 @@ TLSKeyLog TLSKeyLogStore::current()
         if (state_.keyLog && state_.signature == signature) return *state_.keyLog;
     }
     const TLSKeyLog keyLog(MergedKeylog::mergedText(sources));
-    State fresh{std::move(signature), keyLog};
+    State fresh{std::move(signature), keyLog, std::nullopt};
     // What was there before is let go after the lock. The answer is what this call read: another may have stored less since.
     const std::lock_guard lock(mutex_);
     std::swap(state_, fresh);
@@ -36,6 +61,20 @@ TLSKeyLog TLSKeyLogStore::current()
 }
 
 void TLSKeyLogStore::reloadIfNeeded() { current(); }
+
+TLSKeyMaterialReport TLSKeyLogStore::material()
+{
+    const TLSKeyLog keyLog = current();
+    const auto isOf = [&](const State& state) { return state.keyLog && state.keyLog->secrets.isSame(keyLog.secrets); };
+    {
+        const std::lock_guard lock(mutex_);
+        if (isOf(state_) && state_.material) return *state_.material;
+    }
+    TLSKeyMaterialReport report = materialOf(keyLog.secrets);
+    const std::lock_guard lock(mutex_);
+    if (isOf(state_)) state_.material = report;
+    return report;
+}
 
 std::optional<Data> TLSKeyLogStore::secret(std::string_view label, DataView clientRandom)
 {

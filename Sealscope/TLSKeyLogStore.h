@@ -25,6 +25,8 @@ public:
     void reloadIfNeeded();
     /// The whole key log, current, for a series of lookups that shall agree with each other.
     TLSKeyLog current();
+    /// What the current key log amounts to. Counted once for each state of the sources.
+    TLSKeyMaterialReport material();
 
     TLSKeyLogStore(const TLSKeyLogStore&) = delete;
     TLSKeyLogStore& operator=(const TLSKeyLogStore&) = delete;
@@ -33,6 +35,7 @@ private:
     struct State {
         std::vector<MergedKeylog::SourceStamp> signature;  ///< of the sources when they were last read
         std::optional<TLSKeyLog> keyLog;
+        std::optional<TLSKeyMaterialReport> material;
     };
 
     std::mutex mutex_;  ///< guards state_; never held while files are looked at, read or parsed

@@ -22,7 +22,9 @@ struct Entry {
     std::int64_t labelLength = 0;
     std::int64_t randomLength = 0;
     std::int64_t secretLength = 0;
+    bool isReplaced = false;  ///< by a later entry for its key
 
+    std::size_t size() const { return sizeof(Entry) + static_cast<std::size_t>(labelLength + randomLength + secretLength); }
     const std::uint8_t* bytes() const { return reinterpret_cast<const std::uint8_t*>(this + 1); }
     DataView label() const { return {bytes(), labelLength}; }
     DataView clientRandom() const { return {bytes() + labelLength, randomLength}; }
@@ -65,10 +67,17 @@ public:
 
     void* allocate(std::size_t size)
     {
-        const std::size_t words = (size + sizeof(Word) - 1) / sizeof(Word);
+        const std::size_t words = wordsFor(size);
         if (blocks_.empty() || blocks_.back().size - blocks_.back().used < words) addBlock(words);
         Block& block = blocks_.back();
         return block.words.get() + std::exchange(block.used, block.used + words);
+    }
+
+    /// What was given out, front to back. `visit` gets a piece and returns its size.
+    template <class Visit> void forEach(Visit visit) const
+    {
+        for (const Block& block : blocks_)
+            for (std::size_t at = 0; at < block.used;) at += wordsFor(visit(block.words.get() + at));
     }
 
 private:
@@ -78,6 +87,8 @@ private:
         std::size_t size = 0;
         std::size_t used = 0;
     };
+
+    static std::size_t wordsFor(std::size_t size) { return (size + sizeof(Word) - 1) / sizeof(Word); }
 
     /// Blocks grow from 4 KiB to 1 MiB, so that a small key log stays small and a large one wastes no more than a block.
     void addBlock(std::size_t words)
@@ -102,21 +113,32 @@ public:
             isNew = true;
         });
         if (isNew || (*found)->secret() == secret) return;
+        (*found)->isReplaced = true;
         entries.erase(found);
         entries.insert(makeEntry(key, secret));
     }
 
-    absl::flat_hash_set<const Entry*, KeyHash, KeyEqual> entries;
+    void forEach(const std::function<void(std::string_view, DataView, DataView)>& visit) const
+    {
+        blocks_.forEach([&](const void* memory) {
+            const auto* const entry = static_cast<const Entry*>(memory);
+            if (!entry->isReplaced) visit(entry->label().text(), entry->clientRandom(), entry->secret());
+            return entry->size();
+        });
+    }
+
+    absl::flat_hash_set<Entry*, KeyHash, KeyEqual> entries;
 
 private:
-    const Entry* makeEntry(const Key& key, DataView secret)
+    Entry* makeEntry(const Key& key, DataView secret)
     {
         const DataView label(key.label);
         const DataView clientRandom(key.clientRandom);
-        void* const memory = blocks_.allocate(sizeof(Entry) + static_cast<std::size_t>(label.size() + clientRandom.size() + secret.size()));
+        const Entry header{label.size(), clientRandom.size(), secret.size()};
+        void* const memory = blocks_.allocate(header.size());
         auto* bytes = static_cast<std::uint8_t*>(memory) + sizeof(Entry);
         for (const DataView part : {label, clientRandom, secret}) bytes = std::copy(part.begin(), part.end(), bytes);
-        return new (memory) Entry{label.size(), clientRandom.size(), secret.size()};
+        return new (memory) Entry(header);
     }
 
     Blocks blocks_;
@@ -134,8 +156,7 @@ std::optional<Data> TLSSecrets::find(std::string_view label, DataView clientRand
 
 void TLSSecrets::forEach(const std::function<void(std::string_view, DataView, DataView)>& visit) const
 {
-    if (!storage_) return;
-    for (const Entry* entry : storage_->entries) visit(entry->label().text(), entry->clientRandom(), entry->secret());
+    if (storage_) storage_->forEach(visit);
 }
 
 TLSSecrets::Builder::Builder(std::int64_t expectedSecrets) : storage_(std::make_shared<Storage>())

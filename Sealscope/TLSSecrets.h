@@ -21,9 +21,11 @@ public:
 
     std::int64_t size() const;
     bool isEmpty() const { return size() == 0; }
+    /// Whether both are copies of one dictionary.
+    bool isSame(const TLSSecrets& other) const { return storage_ == other.storage_; }
     /// The secret under a label for a client random. It shares the dictionary's memory and outlives it.
     std::optional<Data> find(std::string_view label, DataView clientRandom) const;
-    /// Every entry, in no particular order: label, client random, secret.
+    /// Every entry, in the order in which the secrets were put: label, client random, secret.
     void forEach(const std::function<void(std::string_view, DataView, DataView)>& visit) const;
 
 private:

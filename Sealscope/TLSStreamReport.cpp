@@ -295,7 +295,7 @@ TLSDecryptionReport TLSStreamReport::report(const TCPStream& stream, const TLSKe
     };
     const auto read = context ? labelsOf(context->isTLS13) : std::vector<std::string_view>{};
     for (const std::string_view label : read) report.secrets.push_back({std::string(label), secretLength(label)});
-    for (const std::string_view label : knownLabels)
+    for (const std::string_view label : TLSKeyLog::knownLabels)
         if (std::ranges::find(read, label) == read.end() && secretLength(label)) report.otherLabels.emplace_back(label);
     if (!context) {
         failed(TLSDecryptionFailure::unsupportedVersion);
