@@ -11,8 +11,10 @@
 #include <exception>
 #include <expected>
 #include <fmt/format.h>
+#include <iterator>
 #include <memory>
 #include <set>
+#include <sys/auxv.h>
 #include <sys/stat.h>
 
 namespace sealscope {
@@ -155,14 +157,16 @@ public:
     {
         std::error_code error;
         const std::vector<fs::path> bundles = bundlesIn(folder.lexically_normal(), error);
-        if (error) result_.problems.push_back({folder, fmt::format("cannot be searched for plug-ins: {}", error.message())});
+        if (error) addProblem(folder, fmt::format("cannot be searched for plug-ins: {}", error.message()));
         for (const fs::path& path : bundles) addBundle(path);
     }
+
+    void addProblem(const fs::path& bundle, std::string reason) { result_.problems.push_back({bundle, std::move(reason)}); }
 
     PlugInLoading result() &&
     {
         if (loadedSoFar().plugIns.empty() && result_.problems.empty())
-            result_.problems.push_back({PlugInLoader::ownFolder(), "holds no plug-in, and no other folder was named"});
+            addProblem(PlugInLoader::ownFolder(), "holds no plug-in, and no other folder was named");
         return std::move(result_);
     }
 
@@ -177,7 +181,7 @@ private:
             loadedSoFar().plugIns.push_back(*plugIn);
             result_.loaded.push_back(*std::move(plugIn));
         } else {
-            result_.problems.push_back({path, plugIn.error()});
+            addProblem(path, plugIn.error());
         }
     }
 
@@ -205,8 +209,15 @@ fs::path PlugInLoader::ownFolder()
 PlugInLoading PlugInLoader::load(const std::vector<fs::path>& named)
 {
     Loading loading;
-    for (const fs::path& folder : named) loading.addFolder(folder);
-    for (const fs::path& folder : foldersOfEnvironment()) loading.addFolder(folder);
+    std::vector<fs::path> folders = named;
+    std::ranges::move(foldersOfEnvironment(), std::back_inserter(folders));
+    for (const fs::path& folder : folders) {
+        // Whoever may only start a program that has been given capabilities must not get at them through code of their own.
+        if (getauxval(AT_SECURE) != 0)
+            loading.addProblem(folder, "is left out, since the program runs with more rights than its user");
+        else
+            loading.addFolder(folder);
+    }
     std::error_code error;
     if (const fs::path own = ownFolder(); fs::is_directory(own, error)) loading.addFolder(own);
     return std::move(loading).result();
