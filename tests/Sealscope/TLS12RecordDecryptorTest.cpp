@@ -52,6 +52,17 @@ Data keyBlock(const char* digest, DataView masterSecret, DataView serverRandom, 
     return Data(std::move(block));
 }
 
+TEST(TLS12RecordDecryptor, ChoosesTheHash)
+{
+    // RFC 4231 §4.3.
+    const Data key = Data::fromText("Jefe");
+    const Data message = Data::fromText("what do ya want for nothing?");
+    EXPECT_EQ(hexText(viewOf(TLS12RecordDecryptor::hmac(key, message, false))),
+              "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843");
+    EXPECT_EQ(hexText(viewOf(TLS12RecordDecryptor::hmac(key, message, true))),
+              "af45d2e376484031617f78d2b58a6b1b9c7ef464f5a01b47e42ec3736322445e8e2240ca5e69e2c78b3239ecfab21649");
+}
+
 TEST(TLS12RecordDecryptor, CutsTheKeyBlockByDirection)
 {
     const Data clientRandom = patternBytes(32, 1);

@@ -78,8 +78,8 @@ TEST_F(MergedKeylogTest, RemembersTheUsersFile)
 {
     UserDefaults defaults(directory.path() / "settings.json");
     EXPECT_EQ(KeylogUserFile::resolvedPath(defaults), std::nullopt);
-    EXPECT_TRUE(KeylogUserFile::remember("/tmp/keys.txt", defaults));
-    EXPECT_EQ(KeylogUserFile::resolvedPath(defaults), "/tmp/keys.txt");
+    EXPECT_TRUE(KeylogUserFile::remember("/somewhere/keys.txt", defaults));
+    EXPECT_EQ(KeylogUserFile::resolvedPath(defaults), "/somewhere/keys.txt");
     setenv("HOME", "/home/somebody", 1);
     for (const auto& [typed, resolved] :
          {std::pair("~/keys.txt", "/home/somebody/keys.txt"), std::pair("keys~", "keys~"), std::pair("~other/keys", "~other/keys")}) {
