@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/cli/CaptureReading.h"
 
+#include "app/cli/Interrupt.h"
 #include "app/cli/Messages.h"
 
 #include <fmt/format.h>
@@ -28,11 +29,11 @@ std::unique_ptr<Capture> openCapture(const CommandContext& context, ExitStatus& 
     return nullptr;
 }
 
-ExitStatus complainAboutDamage(const std::vector<CaptureError>& errors, const DecoderNotes& notes, std::int64_t packets,
-                               bool wasInterrupted)
+ExitStatus complainAboutDamage(const std::vector<CaptureError>& errors, const DecoderNotes& notes, std::int64_t packets)
 {
     ExitStatus status = done;
-    for (const CaptureError& error : errors) status = complainAbout(error);
+    for (const CaptureError& error : errors)
+        if (!wasInterrupted() || error.file != "-") status = complainAbout(error);  // else it ends where the user ended it
 
     std::int64_t unreadable = 0;
     for (const auto& [linkType, count] : notes.unknownLinkTypes) unreadable += count;
@@ -52,7 +53,7 @@ ExitStatus complainAboutDamage(const std::vector<CaptureError>& errors, const De
     if (notes.incompleteDatagrams > 0)
         remark(fmt::format("{} datagram{} could not be put together: fragments are missing", notes.incompleteDatagrams,
                            plural(notes.incompleteDatagrams)));
-    if (wasInterrupted) {
+    if (wasInterrupted()) {
         remark("interrupted; what was read until then is printed");
         status = failed;
     }

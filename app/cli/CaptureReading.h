@@ -17,8 +17,7 @@ ExitStatus complainAbout(const CaptureError& error);
 std::unique_ptr<Capture> openCapture(const CommandContext& context, ExitStatus& status);
 
 /// Says what of a capture was not read, after what was read has been printed, and gives the status to end with.
-/// `packets` counts what was read; `wasInterrupted` tells that the user ended the reading.
-ExitStatus complainAboutDamage(const std::vector<CaptureError>& errors, const DecoderNotes& notes, std::int64_t packets,
-                               bool wasInterrupted);
+/// `packets` counts what was read.
+ExitStatus complainAboutDamage(const std::vector<CaptureError>& errors, const DecoderNotes& notes, std::int64_t packets);
 
 }  // namespace sealscope::cli

@@ -2,18 +2,30 @@
 #include "app/cli/Interrupt.h"
 
 #include <csignal>
+#include <fcntl.h>
 #include <initializer_list>
+#include <unistd.h>
 
 namespace sealscope::cli {
 
 namespace {
 
 volatile std::sig_atomic_t interrupted = 0;
+volatile std::sig_atomic_t everInterrupted = 0;
 void (*whenInterrupted)() = nullptr;
+
+int nothing = -1;  // /dev/null
+
+void endStandardInput()
+{
+    // The read that the signal has broken off goes on with this.
+    if (nothing >= 0) dup2(nothing, STDIN_FILENO);
+}
 
 extern "C" void onSignal(int)
 {
     interrupted = 1;
+    everInterrupted = 1;
     if (whenInterrupted) whenInterrupted();
 }
 
@@ -33,6 +45,13 @@ void catchInterrupts(void (*onInterrupt)())
     }
 }
 
+void catchInterrupts()
+{
+    if (nothing < 0) nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    catchInterrupts(endStandardInput);
+}
+
 bool isInterrupted() { return interrupted != 0; }
+bool wasInterrupted() { return everInterrupted != 0; }
 
 }  // namespace sealscope::cli

@@ -5,8 +5,12 @@ namespace sealscope::cli {
 
 /// From here on the first Ctrl-C (or SIGTERM, SIGHUP) only asks the work to end, so that what was found is kept; the second ends
 /// the program. `onInterrupt` is called in the signal handler and must be safe there.
-void catchInterrupts(void (*onInterrupt)() = nullptr);
+void catchInterrupts(void (*onInterrupt)());
+/// The same for work that reads files: one that waits for standard input finds its end.
+void catchInterrupts();
 /// Whether the user has asked since then.
 bool isInterrupted();
+/// Whether the user has asked at any time.
+bool wasInterrupted();
 
 }  // namespace sealscope::cli

@@ -65,10 +65,10 @@ bool wantsEscape(char32_t scalar)
 
 bool areAllPlain(DataView bytes)
 {
-    std::int64_t offset = 0;
-    for (; bytes.size() - offset >= 8; offset += 8)
+    if (bytes.size() < 8) return std::ranges::all_of(bytes, [](std::uint8_t byte) { return isPlain[byte]; });
+    for (std::int64_t offset = 0; bytes.size() - offset > 8; offset += 8)
         if (!areEightPlain(bytes.data() + offset)) return false;
-    return std::ranges::all_of(bytes.from(offset), [](std::uint8_t byte) { return isPlain[byte]; });
+    return areEightPlain(bytes.end() - 8);  // some of them once more
 }
 
 /// Appends a text in quotation marks, character by character.
@@ -130,9 +130,9 @@ void JSONLineWriter::quoted(std::string_view characters, std::string_view behind
         char* next = line + start;
         if (hasComma) *next++ = ',';
         *next++ = '"';
-        next = std::ranges::copy(characters, next).out;
+        next += characters.copy(next, characters.size());
         *next++ = '"';
-        std::ranges::copy(behind, next);
+        behind.copy(next, behind.size());
         return end;
     });
 }

@@ -33,7 +33,7 @@ std::unique_ptr<Session> openSession(const CommandContext& context, ExitStatus& 
         session = std::move(*opened);
     }
     // What was indexed is printed all the same; a further Ctrl-C then ends the printing.
-    if (session->wasInterrupted()) catchInterrupts();
+    if (isInterrupted()) catchInterrupts();
     status = std::max(status, useSecrets(context.options.keylogs, session->embeddedKeyLog()));
     return session;
 }
@@ -65,8 +65,7 @@ std::vector<std::int64_t> wantedStreams(const CommandContext& context, const Ses
 
 ExitStatus complainAboutDamage(const Session& session, ExitStatus status)
 {
-    const ExitStatus damage =
-        complainAboutDamage(session.errors(), session.notes(), session.packetCount(), session.wasInterrupted() || isInterrupted());
+    const ExitStatus damage = complainAboutDamage(session.errors(), session.notes(), session.packetCount());
     return damage == done ? status : damage;
 }
 

@@ -98,6 +98,25 @@ TEST(CommandLine, FollowsAFileThatIsNamedAlone)
     EXPECT_EQ(sealscope({"--json", "--", "streams"}, {.directory = directory.path().string()}).output, followed.output);
 }
 
+TEST(CommandLine, KeepsWhatItFoundWhenItIsInterrupted)
+{
+    const TempDirectory directory;
+    const std::string capture = smallCapture(directory);
+    const std::string pipe = directory.file("pipe");
+    for (const char* command : {"packets", "tree", "streams", "follow"}) {
+        const std::string expected = sealscope({command, "--json", capture}).output;
+        const ProgramResult result =
+            runProgram({"sh", "-c",
+                        "rm -f " + pipe + "; mkfifo " + pipe + "; { cat " + capture + "; exec sleep 20; } > " + pipe + " & feeder=$!; " +
+                            SEALSCOPE_PROGRAM + " " + command + " --json - < " + pipe +
+                            " & reader=$!; sleep 1; kill $reader; wait $reader; status=$?; kill $feeder; exit $status"},
+                       {.timeLimit = std::chrono::seconds(15)});
+        EXPECT_EQ(result.status, 1) << command;
+        EXPECT_EQ(result.errors, "sealscope: interrupted; what was read until then is printed\n") << command;
+        EXPECT_EQ(result.output, expected) << command;
+    }
+}
+
 TEST(CommandLine, HelpsOnStandardOutput)
 {
     const ProgramResult help = sealscope({"--help"});
