@@ -1,0 +1,83 @@
+// SPDX-License-Identifier: Apache-2.0
+// A stream's messages. An input is: length of what the client sent (2 bytes, big-endian), bytes a packet (1), what the client
+// sent, what the server sent.
+#include "Sealscope/TLSDissector.h"
+#include "Sealscope/TLSStreamParser.h"
+#include "fuzz/Require.h"
+#include "tests/support/VectorStream.h"
+
+#include <algorithm>
+
+using namespace sealscope;
+using Direction = TCPSegment::Direction;
+
+namespace {
+
+bool isSame(const StreamMessage& a, const StreamMessage& b)
+{
+    return a.direction == b.direction && a.kind == b.kind && a.summary == b.summary && a.detail == b.detail && a.byteRange == b.byteRange &&
+           a.packetIds == b.packetIds && a.timestamp == b.timestamp && a.isDecrypted == b.isDecrypted;
+}
+
+/// The handshake messages of a direction, found the plain way: the bodies of a run laid end to end, then cut.
+std::vector<std::uint8_t> plainHandshakeTypes(const Data& bytes)
+{
+    std::vector<std::uint8_t> types, run;
+    const auto flush = [&] {
+        for (const TLSHandshakeMessage& message : TLSDissector::parseHandshakeMessages(run, 0))
+            if (!message.isTruncated) types.push_back(message.handshakeType);
+        run.clear();
+    };
+    for (const TLSRecord& record : TLSDissector::parseRecords(bytes)) {
+        if (record.isTruncated) break;
+        const DataView body = bytes.view().sub(record.bodyOffset, record.declaredLength);
+        if (record.contentType == 22)
+            run.insert(run.end(), body.begin(), body.end());
+        else
+            flush();
+    }
+    flush();
+    return types;
+}
+
+void checkEntries(const std::vector<TLSStreamParser::Entry>& entries, const Data& bytes)
+{
+    std::vector<std::uint8_t> types;
+    std::int64_t end = 0;
+    for (const TLSStreamParser::Entry& entry : entries) {
+        require(entry.message.byteRange.has_value(), "every item covers bytes of the stream, if only an empty range");
+        require(entry.message.byteRange->lower >= end && entry.message.byteRange->upper <= bytes.size(), "items follow each other");
+        end = entry.message.byteRange->upper;
+        require(entry.message.packetIds.empty() == entry.message.byteRange->isEmpty(), "what covers bytes has packets");
+        require(std::ranges::is_sorted(entry.message.packetIds), "in the order of a stream without disorder");
+        if (entry.handshakeType) types.push_back(*entry.handshakeType);
+    }
+    require(types == plainHandshakeTypes(bytes), "the handshake messages are those of the runs laid end to end");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    const DataView input(data, static_cast<std::int64_t>(size));
+    const Data client{input.sub(3, input.u16(0))};
+    const Data server{input.from(3 + client.size())};
+    const VectorStreamOptions options{.segmentSize = 1 + input.u8(2)};
+    const TCPStream stream = vectorStream(client, server, options);
+    const TCPStream scattered = vectorStream(client, server, {.segmentSize = options.segmentSize, .isScattered = true});
+
+    checkEntries(TLSStreamParser::entries(Direction::clientToServer, stream), client);
+    checkEntries(TLSStreamParser::entries(Direction::serverToClient, stream), server);
+
+    const StreamInterpretation whole = TLSStreamParser::interpretation(stream);
+    const StreamInterpretation pieces = TLSStreamParser::interpretation(scattered);
+    require(std::ranges::equal(whole.messages, pieces.messages, isSame), "it does not matter where the bytes lie");
+    require(whole.pairings == pieces.pairings, "nor for the pairings");
+    require(std::ranges::is_sorted(whole.messages, {}, &StreamMessage::timestamp), "messages are in order of time");
+    require(!whole.pairings || !whole.pairings->empty(), "no pairings are none, not an empty list");
+    for (const Pairing& pairing : whole.pairings.value_or(std::vector<Pairing>{})) {
+        const auto isMessage = [&](std::int64_t index) { return index >= 0 && index < std::ssize(whole.messages); };
+        require(isMessage(pairing.requestIndex) && (!pairing.replyIndex || isMessage(*pairing.replyIndex)), "pairings point at messages");
+    }
+    return 0;
+}
