@@ -1,11 +1,36 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Sealscope/TLS13RecordDecryptor.h"
 
+#include "Sealscope/TLSHandshake.h"
+#include "Sealscope/TLSNames.h"
 #include "platform/HKDF.h"
 
 #include <utility>
 
 namespace sealscope {
+
+namespace {
+
+std::optional<TLS13TrafficKeys> keysFrom(HMAC& secret, const TLS13SuiteParameters& suite)
+{
+    SecretBytes key(static_cast<std::size_t>(suite.keyLength));
+    SecretBytes iv(static_cast<std::size_t>(suite.ivLength));
+    const auto expand = [&](std::string_view label, SecretBytes& output) {
+        return hkdfExpand(secret, TLS13RecordDecryptor::hkdfLabel(static_cast<std::uint16_t>(output.size()), label, {}), output);
+    };
+    if (!expand("key", key) || !expand("iv", iv)) return std::nullopt;
+    return TLS13TrafficKeys{.key = SymmetricKey(viewOf(key)), .iv = std::move(iv)};
+}
+
+/// Whether the last message of an opened record is a Finished (RFC 8446 §4.4.4): type, length, a hash.
+bool endsInFinished(DataView content, const TLS13RecordDecryptor::Opener::Opened& opened, std::int64_t hashSize)
+{
+    const std::int64_t start = content.size() - TLSHandshakeMessage::headerLength - hashSize;
+    return opened.innerType == std::to_underlying(TLSContentType::handshake) && start >= 0 &&
+           content[start] == std::to_underlying(TLSHandshakeType::finished) && content.u24(start + 1) == hashSize;
+}
+
+}  // namespace
 
 std::optional<TLS13SuiteParameters> TLS13RecordDecryptor::suiteParameters(std::uint16_t cipherSuite)
 {
@@ -32,11 +57,7 @@ std::vector<std::uint8_t> TLS13RecordDecryptor::hkdfLabel(std::uint16_t length, 
 std::optional<TLS13TrafficKeys> TLS13RecordDecryptor::trafficKeys(DataView secret, const TLS13SuiteParameters& suite)
 {
     HMAC keyed(suite.hash, secret);
-    SecretBytes key(static_cast<std::size_t>(suite.keyLength));
-    SecretBytes iv(static_cast<std::size_t>(suite.ivLength));
-    if (!hkdfExpand(keyed, hkdfLabel(static_cast<std::uint16_t>(suite.keyLength), "key", {}), key)) return std::nullopt;
-    if (!hkdfExpand(keyed, hkdfLabel(static_cast<std::uint16_t>(suite.ivLength), "iv", {}), iv)) return std::nullopt;
-    return TLS13TrafficKeys{.key = SymmetricKey(viewOf(key)), .iv = std::move(iv)};
+    return keysFrom(keyed, suite);
 }
 
 std::vector<std::uint8_t> TLS13RecordDecryptor::recordNonce(DataView iv, std::uint64_t sequence)
@@ -82,25 +103,39 @@ std::optional<TLS13RecordDecryptor::Opener::Opened> TLS13RecordDecryptor::Opener
 std::optional<TLS13RecordDecryptor::Walk> TLS13RecordDecryptor::Walk::begin(std::optional<DataView> handshakeSecret,
                                                                             DataView applicationSecret, const TLS13SuiteParameters& suite)
 {
-    const auto applicationKeys = trafficKeys(applicationSecret, suite);
+    HMAC keyed(suite.hash, applicationSecret);
+    const auto applicationKeys = keysFrom(keyed, suite);
     if (!applicationKeys) return std::nullopt;
-    Walk walk(Opener(*applicationKeys, suite.cipher));
+    Walk walk(Opener(*applicationKeys, suite.cipher), digestSize(suite.hash));
     if (!handshakeSecret) return walk;
-    const auto handshakeKeys = trafficKeys(*handshakeSecret, suite);
+    keyed.setKey(*handshakeSecret);
+    const auto handshakeKeys = keysFrom(keyed, suite);
     if (!handshakeKeys) return std::nullopt;
     walk.handshake_.emplace(*handshakeKeys, suite.cipher);
     return walk;
 }
 
+// A record that one of the two keys opens the other does not, so it makes no difference which is tried first. The handshake
+// keys come first until a Finished message, their last, went by: trying them on a long record of data costs as much as opening
+// it.
 std::optional<TLS13RecordDecryptor::Opener::Opened> TLS13RecordDecryptor::Walk::open(DataView header, DataView body,
                                                                                      std::uint8_t* plaintext)
 {
     // Too short for a tag: no key is given up over it.
     if (body.size() < AEADOpener::tagSize) return std::nullopt;
-    if (handshake_) {
-        if (const auto opened = handshake_->open(header, body, plaintext)) return opened;
-        handshake_.reset();
+    if (!handshake_) return application_.open(header, body, plaintext);
+    if (isFinished_) {
+        if (const auto opened = application_.open(header, body, plaintext)) {
+            handshake_.reset();
+            return opened;
+        }
     }
+    if (const auto opened = handshake_->open(header, body, plaintext)) {
+        isFinished_ = isFinished_ || endsInFinished({plaintext, opened->length}, *opened, hashSize_);
+        return opened;
+    }
+    handshake_.reset();
+    if (isFinished_) return std::nullopt;
     return application_.open(header, body, plaintext);
 }
 

@@ -102,10 +102,12 @@ public:
     std::optional<Opener::Opened> open(DataView header, DataView body, std::uint8_t* plaintext);
 
 private:
-    explicit Walk(Opener application) : application_(std::move(application)) {}
+    Walk(Opener application, std::int64_t hashSize) : application_(std::move(application)), hashSize_(hashSize) {}
 
     std::optional<Opener> handshake_;  ///< until the first record that it does not open
     Opener application_;
+    std::int64_t hashSize_ = 0;  ///< bytes
+    bool isFinished_ = false;    ///< the handshake keys opened a Finished message
 };
 
 }  // namespace sealscope

@@ -4,6 +4,7 @@
 #include "Sealscope/TLSNames.h"
 #include "Sealscope/TLSWalk.h"
 
+#include <algorithm>
 #include <array>
 #include <utility>
 
@@ -11,7 +12,8 @@ namespace sealscope {
 
 namespace {
 
-constexpr std::int64_t masterSecretLength = 48;  // RFC 5246 §8.1
+constexpr std::int64_t masterSecretLength = 48;     // RFC 5246 §8.1
+constexpr std::int64_t usualRecord = 16'384 + 256;  // the longest of TLS 1.3 (RFC 8446 §5.2)
 constexpr std::uint8_t applicationData = std::to_underlying(TLSContentType::applicationData);
 
 std::optional<TLS12RecordDecryptor::Walk> beginTLS12(TCPSegment::Direction direction, const TLSStreamDecryption::Context& context,
@@ -134,8 +136,11 @@ TLSDirectionWalk::Step TLSDirectionWalk::next(std::uint8_t* target)
     if (hasEnded_ || !moveToProtectedRecord()) return Step::end;
     const DataView body = data_->gather(record_.bodyOffset, record_.declaredLength, gathered_);
     if (!target) {
-        if (static_cast<std::int64_t>(buffer_.size()) < body.size()) buffer_.resize(static_cast<std::size_t>(body.size()));
-        target = buffer_.data();
+        if (bufferSize_ < body.size()) {
+            bufferSize_ = std::max(body.size(), usualRecord);
+            buffer_ = std::make_unique_for_overwrite<std::uint8_t[]>(static_cast<std::size_t>(bufferSize_));
+        }
+        target = buffer_.get();
     }
     const auto opened = open(body, target);
     if (!opened) {

@@ -5,6 +5,7 @@
 #include "Sealscope/TLSStreamDecryption.h"
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <variant>
 #include <vector>
@@ -70,7 +71,8 @@ private:
     std::uint8_t innerType_ = 0;
     DataView plaintext_;
     std::vector<std::uint8_t> gathered_;
-    std::vector<std::uint8_t> buffer_;
+    std::unique_ptr<std::uint8_t[]> buffer_;
+    std::int64_t bufferSize_ = 0;
 };
 
 }  // namespace sealscope

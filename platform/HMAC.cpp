@@ -52,15 +52,18 @@ void HMAC::Free::operator()(evp_md_ctx_st* context) const { EVP_MD_CTX_free(cont
 
 HMAC::Context HMAC::makeContext() { return Context(EVP_MD_CTX_new()); }
 
-HMAC::HMAC(HashFunction hash, DataView key) : hash_(hash)
+HMAC::HMAC(HashFunction hash, DataView key) : hash_(hash) { setKey(key); }
+
+void HMAC::setKey(DataView key)
 {
-    isSound_ = inner_ && outer_ && running_ && algorithm(hash);
+    isSound_ = inner_ && outer_ && running_ && algorithm(hash_);
+    hasBegun_ = false;
     std::array<std::uint8_t, EVP_MAX_MD_SIZE> digest;
-    if (key.size() > static_cast<std::int64_t>(blockSize(hash))) {
-        isSound_ = isSound_ && begin(running_.get(), hash) && add(running_.get(), key) && take(running_.get(), digest.data());
-        key = {digest.data(), digestSize(hash)};
+    if (key.size() > static_cast<std::int64_t>(blockSize(hash_))) {
+        isSound_ = isSound_ && begin(running_.get(), hash_) && add(running_.get(), key) && take(running_.get(), digest.data());
+        key = {digest.data(), digestSize(hash_)};
     }
-    isSound_ = isSound_ && beginWith(inner_.get(), hash, key, 0x36) && beginWith(outer_.get(), hash, key, 0x5C);
+    isSound_ = isSound_ && beginWith(inner_.get(), hash_, key, 0x36) && beginWith(outer_.get(), hash_, key, 0x5C);
     wipe(digest.data(), digest.size());
 }
 

@@ -22,6 +22,8 @@ public:
     HMAC(HashFunction hash, DataView key);
 
     HashFunction hash() const { return hash_; }
+    /// Goes on with another key and a new message.
+    void setKey(DataView key);
     /// Adds to the message.
     void update(DataView bytes);
     /// The code of the message so far, into `code` of `digestSize(hash())` bytes; then a new message begins. False where

@@ -34,7 +34,11 @@ std::string_view KeylogUserFile::pathDefaultsKey() { return "com_quillmarshworks
 
 std::optional<std::string> KeylogUserFile::resolvedPath(const UserDefaults& defaults)
 {
-    if (auto paths = overridePaths(); !paths.empty()) return std::move(paths.front());
+    {
+        Override& shared = sharedOverride();
+        const std::lock_guard lock(shared.mutex);
+        if (!shared.paths.empty()) return shared.paths.front();
+    }
     auto path = defaults.string(pathDefaultsKey());
     if (!path || path->empty()) return std::nullopt;
     return expanded(std::move(*path));

@@ -112,7 +112,7 @@ std::int64_t nanoseconds(const timespec& time) { return std::int64_t{time.tv_sec
 
 MergedKeylog::SourceStamp stampOf(const MergedKeylog::Source& source)
 {
-    MergedKeylog::SourceStamp stamp{.source = source};
+    MergedKeylog::SourceStamp stamp;
     if (source.isEmbedded()) {
         EmbeddedSecrets& embedded = embeddedSecrets();
         const std::lock_guard lock(embedded.mutex);

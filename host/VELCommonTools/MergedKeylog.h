@@ -23,9 +23,8 @@ struct MergedKeylog {
         bool operator==(const Source&) const = default;
     };
 
-    /// Two stamps of a source differ when it may have changed between them. Nothing of a file is read for it.
+    /// Two stamps differ when they are not of one source, or it may have changed between them. Nothing of a file is read for it.
     struct SourceStamp {
-        Source source;
         bool exists = false;
         std::uint64_t device = 0;
         std::uint64_t inode = 0;

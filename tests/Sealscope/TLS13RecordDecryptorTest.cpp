@@ -188,6 +188,25 @@ TEST(TLS13RecordDecryptor, ChangesKeysAtTheFirstRecordThatTheHandshakeKeysDoNotO
     EXPECT_EQ(direction.opened().size(), 6u);
 }
 
+TEST(TLS13RecordDecryptor, AFinishedMessageBindsNobodyToItsKeys)
+{
+    // 20 and 32 bytes: what the handshake keys protect last. Whatever comes then is opened by the key that opens it.
+    const Data finished = joined({hex("14000020"), patternBytes(32), hex("16")});
+    Direction direction;
+    direction.underHandshakeKeys(finished)
+        .underHandshakeKeys(hex("0416"))
+        .underApplicationKeys(hex("6117"))
+        .underHandshakeKeys(hex("0416"));
+    EXPECT_EQ(direction.opened().size(), 3u);
+    EXPECT_EQ(direction.opened().back(), "23 61");
+    Direction zeros;
+    zeros.underHandshakeKeys(finished).underApplicationKeys(hex("0000")).underApplicationKeys(hex("6117"));
+    EXPECT_EQ(zeros.opened().size(), 1u);
+    Direction nothing;
+    nothing.underHandshakeKeys(finished).add(captured(joined({hex("1703030020"), patternBytes(32)}))).underApplicationKeys(hex("6117"));
+    EXPECT_EQ(nothing.opened().size(), 1u);
+}
+
 TEST(TLS13RecordDecryptor, EndsWhereARecordDoesNotOpen)
 {
     const auto withTouched = [](TLS13CipherRecord record) {
