@@ -10,7 +10,14 @@ namespace sealscope::cli {
 
 namespace {
 
-std::string_view plural(std::int64_t count) { return count == 1 ? "" : "s"; }
+std::string counted(std::int64_t count, std::string_view noun) { return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s"); }
+
+/// What the notes are about; they do not say which of several files.
+std::string filesText(const std::vector<std::string>& files)
+{
+    if (files.size() > 1) return "the capture";
+    return files.front() == "-" ? "standard input" : files.front();
+}
 
 }  // namespace
 
@@ -29,9 +36,11 @@ std::unique_ptr<Capture> openCapture(const CommandContext& context, ExitStatus& 
     return nullptr;
 }
 
-ExitStatus complainAboutDamage(const std::vector<CaptureError>& errors, const DecoderNotes& notes, std::int64_t packets)
+ExitStatus complainAboutDamage(const CommandContext& context, const std::vector<CaptureError>& errors, const DecoderNotes& notes,
+                               std::int64_t packets)
 {
     ExitStatus status = done;
+    const std::string files = filesText(context.options.arguments);
     for (const CaptureError& error : errors)
         if (!wasInterrupted() || error.file != "-") status = complainAbout(error);  // else it ends where the user ended it
 
@@ -41,7 +50,7 @@ ExitStatus complainAboutDamage(const std::vector<CaptureError>& errors, const De
     const bool nothingWasReadable = unreadable > 0 && unreadable == packets;
     for (const auto& [linkType, count] : notes.unknownLinkTypes) {
         const std::string sentence =
-            fmt::format("link type {} is not known; {} packet{} of it could not be read", linkType, count, plural(count));
+            fmt::format("{}: link type {} is not known; {} of it could not be read", files, linkType, counted(count, "packet"));
         if (nothingWasReadable)
             complain(sentence);
         else
@@ -49,10 +58,10 @@ ExitStatus complainAboutDamage(const std::vector<CaptureError>& errors, const De
     }
     if (nothingWasReadable) status = failed;
     if (notes.damagedPackets > 0)
-        remark(fmt::format("{} packet{} with damaged headers could not be read", notes.damagedPackets, plural(notes.damagedPackets)));
+        remark(fmt::format("{}: {} with damaged headers could not be read", files, counted(notes.damagedPackets, "packet")));
     if (notes.incompleteDatagrams > 0)
-        remark(fmt::format("{} datagram{} could not be put together: fragments are missing", notes.incompleteDatagrams,
-                           plural(notes.incompleteDatagrams)));
+        remark(
+            fmt::format("{}: {} could not be put together: fragments are missing", files, counted(notes.incompleteDatagrams, "datagram")));
     if (wasInterrupted()) {
         remark("interrupted; what was read until then is printed");
         status = failed;

@@ -18,6 +18,7 @@ std::unique_ptr<Capture> openCapture(const CommandContext& context, ExitStatus& 
 
 /// Says what of a capture was not read, after what was read has been printed, and gives the status to end with.
 /// `packets` counts what was read.
-ExitStatus complainAboutDamage(const std::vector<CaptureError>& errors, const DecoderNotes& notes, std::int64_t packets);
+ExitStatus complainAboutDamage(const CommandContext& context, const std::vector<CaptureError>& errors, const DecoderNotes& notes,
+                               std::int64_t packets);
 
 }  // namespace sealscope::cli

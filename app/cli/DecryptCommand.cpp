@@ -20,6 +20,7 @@
 #include <memory>
 #include <oneapi/tbb/parallel_invoke.h>
 #include <oneapi/tbb/parallel_pipeline.h>
+#include <oneapi/tbb/task_arena.h>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -45,11 +46,11 @@ struct OpenedStream {
     OpenedDirection server;
 };
 
-/// Hands the plaintext of a direction on, record by record with the range of each in the captured direction. That of a large
-/// direction is opened on one thread while another one takes what was opened before.
-template <class Take> void forEachRecord(PlaintextReader& reader, bool isLarge, const Take& take)
+/// Hands the plaintext of a direction on, record by record with the range of each in the captured direction. With `ahead`
+/// records are opened on one thread while another one takes what was opened before, at the price of a copy.
+template <class Take> void forEachRecord(PlaintextReader& reader, bool ahead, const Take& take)
 {
-    if (!isLarge) {
+    if (!ahead) {
         for (auto record = reader.next(); record && take(record->plaintext, record->body);) record = reader.next();
         return;
     }
@@ -87,8 +88,10 @@ template <class Take> void forEachRecord(PlaintextReader& reader, bool isLarge, 
 /// Opens streams into the outputs that the command line names.
 class Decryptor {
 public:
-    Decryptor(const CommandContext& context, const Session& session, PlaintextCapture* capture)
-        : options_(context.options), session_(session), interpreter_(tlsInterpreter()), verdicts_(session), capture_(capture)
+    /// `streamCount` streams are to be opened; where they are too few for all threads, each keeps several busy.
+    Decryptor(const CommandContext& context, const Session& session, std::size_t streamCount, PlaintextCapture* capture)
+        : options_(context.options), session_(session), interpreter_(tlsInterpreter()), verdicts_(session), capture_(capture),
+          hasIdleThreads_(std::cmp_less(streamCount, oneapi::tbb::this_task_arena::max_concurrency()))
     {}
 
     OpenedStream open(std::int64_t number) const
@@ -135,7 +138,7 @@ private:
             return !isInterrupted() && (!file || file->isGood());
         };
         constexpr std::int64_t large = 4'000'000;
-        forEachRecord(*reader, stream.data(direction).size() > large, take);
+        forEachRecord(*reader, hasIdleThreads_ && stream.data(direction).size() > large, take);
         if (!file) return opened;
         if (const std::string problem = file->finish(); !problem.empty())
             opened.problem = path + ": " + problem;
@@ -149,6 +152,7 @@ private:
     const VELStreamInterpreting* interpreter_;
     StreamVerdicts verdicts_;
     PlaintextCapture* capture_;
+    bool hasIdleThreads_;
 };
 
 void appendJSON(std::string& text, const OpenedStream& opened)
@@ -231,7 +235,7 @@ ExitStatus openStreams(const CommandContext& context, const Session& session, co
 {
     const Options& options = context.options;
     ExitStatus status = done;
-    const Decryptor decryptor(context, session, capture);
+    const Decryptor decryptor(context, session, streams.size(), capture);
     OpenedTable table(context.terminal);
     for (std::size_t i = 0; i < std::min<std::size_t>(streams.size(), 1'000); ++i) table.measure(session.summary(streams[i]));
 
@@ -369,7 +373,7 @@ ExitStatus run(const CommandContext& context)
                            secrets.connections == 1 ? "" : "s"));
     }
     if (stripped.file) note(copyCapture(*session, stripped, {.dropsSecrets = true}));
-    return complainAboutDamage(*session, status);
+    return complainAboutDamage(context, *session, status);
 }
 
 }  // namespace

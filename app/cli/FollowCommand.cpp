@@ -99,9 +99,9 @@ void writePairing(JSONLineWriter& json, const Pairing& pairing)
     json.endObject();
 }
 
-void appendJSON(std::string& text, std::int64_t stream, const StreamInterpretation& interpretation)
+void appendJSON(std::string& text, std::int64_t stream, const StreamInterpretation& interpretation, const Spill& spill)
 {
-    JSONLineWriter json(text);
+    JSONLineWriter json(text, spill);
     json.beginObject();
     json.member("stream", stream);
     json.key("messages");
@@ -120,42 +120,69 @@ void appendJSON(std::string& text, std::int64_t stream, const StreamInterpretati
     text += '\n';
 }
 
+/// A stream as it is printed: its text, or, where that is too large to be held, what to make it from.
+struct FollowedStream {
+    std::int64_t number = 0;
+    bool isAccepted = false;  ///< by an interpreter
+    std::string text;
+    struct Untold {
+        StreamHeading heading;
+        StreamInterpretation interpretation;
+    };
+    std::optional<Untold> untold;
+};
+
 class Follower {
 public:
     Follower(const CommandContext& context, const Session& session)
         : context_(context), session_(session), interpreters_(takeInterpreters(!context.options.noInterpreters)), verdicts_(session)
     {}
 
-    /// The text of a stream; nothing for one that no interpreter accepts.
-    std::optional<std::string> text(std::int64_t number) const
+    FollowedStream follow(std::int64_t number) const
     {
+        FollowedStream followed{.number = number};
         const TCPStream stream = session_.stream(number);
         const VELStreamInterpreting* interpreter = VELStreamInterpreter::firstInterpreter(stream, interpreters_);
-        if (!interpreter) return std::nullopt;
-        const StreamInterpretation interpretation = interpreter->interpret(stream);
-        std::string text;
-        if (context_.options.json) {
-            appendJSON(text, number, interpretation);
-        } else {
-            appendStreamText(
-                text,
-                {.summary = session_.summary(number), .interpreter = interpreter->streamDisplayName, .report = verdicts_.report(stream)},
-                interpretation, context_.terminal);
-        }
-        return text;
+        if (!interpreter) return followed;
+        followed.isAccepted = true;
+        FollowedStream::Untold untold{.heading = {.summary = session_.summary(number), .interpreter = interpreter->streamDisplayName},
+                                      .interpretation = interpreter->interpret(stream)};
+        if (!context_.options.json) untold.heading.report = verdicts_.report(stream);
+        if (isLarge(untold.interpretation))
+            followed.untold = std::move(untold);
+        else
+            append(followed.text, untold, {});
+        return followed;
     }
 
-    /// Of a stream that was asked for and that no interpreter accepts.
-    void explainMissing(std::int64_t number) const
+    void print(FollowedStream followed) const
     {
-        remark(fmt::format("--stream {}: no plug-in recognises what was said in this connection", number));
-        if (!context_.options.json) return;
-        std::string text;
-        appendJSON(text, number, {});
-        context_.output.write(text);
+        if (!followed.isAccepted) {
+            remark(fmt::format("--stream {}: no plug-in recognises what was said in this connection", followed.number));
+            if (context_.options.json) append(followed.text, {.heading = {.summary = {.number = followed.number}}}, {});
+        }
+        if (followed.untold) append(followed.text, *followed.untold, Spill([&](std::string& text) { context_.output.write(text); }));
+        context_.output.write(followed.text);
     }
 
 private:
+    static bool isLarge(const StreamInterpretation& interpretation)
+    {
+        constexpr std::int64_t largeBodies = 1'000'000;
+        constexpr std::size_t manyMessages = 10'000;
+        std::int64_t bodies = 0;
+        for (const StreamMessage& message : interpretation.messages) bodies += message.body ? message.body->size() : 0;
+        return bodies > largeBodies || interpretation.messages.size() > manyMessages;
+    }
+
+    void append(std::string& text, const FollowedStream::Untold& untold, const Spill& spill) const
+    {
+        if (context_.options.json)
+            appendJSON(text, untold.heading.summary.number, untold.interpretation, spill);
+        else
+            appendStreamText(text, untold.heading, untold.interpretation, context_.terminal, spill);
+    }
+
     const CommandContext& context_;
     const Session& session_;
     std::vector<const VELStreamInterpreting*> interpreters_;
@@ -171,27 +198,21 @@ ExitStatus run(const CommandContext& context)
     const bool areNamed = !context.options.streams.empty();
     const Follower follower(context, *session);
 
-    using Followed = std::pair<std::int64_t, std::optional<std::string>>;
-    std::int64_t shown = 0;
+    std::int64_t accepted = 0;
     const auto weight = [&](std::int64_t number) {
         const StreamSummary summary = session->summary(number);
         return summary.clientBytes + summary.serverBytes;
     };
-    const auto follow = [&](std::int64_t number) { return Followed(number, follower.text(number)); };
-    const auto print = [&](Followed followed) {
-        if (followed.second) {
-            context.output.write(*followed.second);
-            ++shown;
-        } else if (areNamed) {
-            follower.explainMissing(followed.first);
-        }
+    const auto print = [&](FollowedStream followed) {
+        accepted += followed.isAccepted;
+        if (followed.isAccepted || areNamed) follower.print(std::move(followed));
         return context.output.isOpen() && !isInterrupted();
     };
-    inOrder(streams, weight, follow, print);
+    inOrder(streams, weight, [&](std::int64_t number) { return follower.follow(number); }, print);
     context.output.flush();
-    if (shown == 0 && !areNamed && status == done)
+    if (accepted == 0 && !areNamed && status == done)
         remark(fmt::format("no plug-in recognises any of the {} TCP connections of this capture", streams.size()));
-    return complainAboutDamage(*session, status);
+    return complainAboutDamage(context, *session, status);
 }
 
 }  // namespace

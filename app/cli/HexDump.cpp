@@ -12,27 +12,34 @@ void appendHexDump(std::string& text, DataView bytes, std::int64_t firstOffset, 
 {
     constexpr std::int64_t perLine = 16;
     constexpr std::string_view digits = "0123456789abcdef";
-    const std::int64_t width = std::min(perLine, bytes.size());
-    const auto styled = [&](Style style, std::string_view part) {
-        if (layout.hasColors) text += sequence(style);
-        text += part;
-        if (layout.hasColors) text += resetSequence;
-    };
+    constexpr std::size_t offsetWidth = 7;
+    const std::string_view faint = layout.hasColors ? sequence(Style::faint) : "";
+    const std::string_view accent = layout.hasColors ? sequence(Style::accent) : "";
+    const std::string_view reset = layout.hasColors ? resetSequence : "";
+    const auto charactersAt = static_cast<std::size_t>(3 * std::min(perLine, bytes.size()) + 1);
     std::string line;
     for (std::int64_t offset = 0; offset < bytes.size(); offset += perLine) {
         const DataView part = bytes.sub(offset, perLine);
-        line.clear();
-        for (const std::uint8_t byte : part) {
-            line += digits[byte >> 4];
-            line += digits[byte & 15];
-            line += ' ';
-        }
-        line.resize(static_cast<std::size_t>(3 * width + 1), ' ');
-        for (const std::uint8_t byte : part) line += byte >= 0x20 && byte < 0x7F ? static_cast<char>(byte) : '.';
+        const fmt::format_int place(firstOffset + offset);
         text.append(layout.indent, ' ');
-        styled(Style::faint, fmt::format("{:>7}", firstOffset + offset));
+        text += faint;
+        text.append(offsetWidth - std::min(offsetWidth, place.size()), ' ');
+        text.append(place.data(), place.size());
+        text += reset;
         text.append(layout.bytesIndent, ' ');
-        styled(Style::accent, line);
+
+        line.assign(charactersAt + static_cast<std::size_t>(part.size()), ' ');
+        char* hexadecimal = line.data();
+        char* character = line.data() + charactersAt;
+        for (const std::uint8_t byte : part) {
+            *hexadecimal++ = digits[byte >> 4];
+            *hexadecimal++ = digits[byte & 15];
+            ++hexadecimal;
+            *character++ = byte >= 0x20 && byte < 0x7F ? static_cast<char>(byte) : '.';
+        }
+        text += accent;
+        text += line;
+        text += reset;
         text += '\n';
     }
 }

@@ -13,7 +13,7 @@ namespace sealscope::cli {
 /// Works on items side by side and hands the results over in the order of the items, each as soon as it and all before it
 /// are ready. `work(item)` runs on several threads; `take(result)` on one at a time, and ends everything by giving false.
 /// `weight(item)` is about how many bytes an item makes: light ones go in packs, so that handing them over costs little,
-/// and only a few packs are ever held.
+/// and only one pack more than there are threads is ever held.
 template <class Item, class Weight, class Work, class Take>
 void inOrder(const std::vector<Item>& items, const Weight& weight, const Work& work, const Take& take)
 {
@@ -49,7 +49,7 @@ void inOrder(const std::vector<Item>& items, const Weight& weight, const Work& w
     };
     using oneapi::tbb::filter_mode;
     const auto threads = static_cast<std::size_t>(oneapi::tbb::this_task_arena::max_concurrency());
-    oneapi::tbb::parallel_pipeline(2 * threads, oneapi::tbb::make_filter<void, Pack>(filter_mode::serial_in_order, begin) &
+    oneapi::tbb::parallel_pipeline(threads + 1, oneapi::tbb::make_filter<void, Pack>(filter_mode::serial_in_order, begin) &
                                                     oneapi::tbb::make_filter<Pack, Pack>(filter_mode::parallel, make) &
                                                     oneapi::tbb::make_filter<Pack, void>(filter_mode::serial_in_order, end));
 }

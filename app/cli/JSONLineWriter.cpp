@@ -155,7 +155,10 @@ void JSONLineWriter::base64(DataView bytes)
     text_ += '"';
     // Pieces of whole triples: only the last one is padded, and a large body is not held twice.
     constexpr std::int64_t piece = 48 * 1'024;
-    for (std::int64_t offset = 0; offset < bytes.size(); offset += piece) text_ += sealscope::base64(bytes.sub(offset, piece));
+    for (std::int64_t offset = 0; offset < bytes.size(); offset += piece) {
+        text_ += sealscope::base64(bytes.sub(offset, piece));
+        spill_(text_);
+    }
     text_ += '"';
 }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "app/cli/Spill.h"
 #include "host/VELDependencies/VELValue.h"
 #include "platform/Data.h"
 
@@ -8,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace sealscope::cli {
 
@@ -15,10 +17,15 @@ namespace sealscope::cli {
 /// them is replaced by U+FFFD. Characters that a terminal or a log could obey are escaped.
 class JSONLineWriter {
 public:
-    explicit JSONLineWriter(std::string& text) : text_(text) {}
+    /// `spill`, where there is one, is called whenever the text has grown large; it may take it away.
+    explicit JSONLineWriter(std::string& text, Spill spill = {}) : text_(text), spill_(std::move(spill)) {}
 
     void beginObject() { open('{'); }
-    void endObject() { close('}'); }
+    void endObject()
+    {
+        close('}');
+        spill_(text_);
+    }
     void beginArray() { open('['); }
     void endArray() { close(']'); }
     /// The name of the member that the next value fills.
@@ -76,6 +83,7 @@ private:
     void quoted(std::string_view characters, std::string_view behind);
 
     std::string& text_;
+    Spill spill_;
     bool needsComma_ = false;
 };
 

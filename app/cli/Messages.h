@@ -8,6 +8,10 @@ namespace sealscope::cli {
 /// Writes "sealscope: SENTENCE" on standard error, as one line that a terminal obeys nothing in.
 void complain(std::string_view sentence);
 
+/// Keeps what is said from here on until `releaseMessages`: a pager has the terminal.
+void holdMessages();
+void releaseMessages();
+
 /// Whether `remark` says anything; `--quiet` turns it off.
 void setRemarks(bool wanted);
 /// As `complain`, for what the user may want to know and can do without.

@@ -81,7 +81,7 @@ ExitStatus run(const CommandContext& context)
         printer.measure();
     printer.print();
     context.output.flush();
-    return complainAboutDamage(capture->errors(), reader.notes(), reader.packetCount());
+    return complainAboutDamage(context, capture->errors(), reader.notes(), reader.packetCount());
 }
 
 }  // namespace

@@ -63,9 +63,9 @@ std::vector<std::int64_t> wantedStreams(const CommandContext& context, const Ses
     return streams;
 }
 
-ExitStatus complainAboutDamage(const Session& session, ExitStatus status)
+ExitStatus complainAboutDamage(const CommandContext& context, const Session& session, ExitStatus status)
 {
-    const ExitStatus damage = complainAboutDamage(session.errors(), session.notes(), session.packetCount());
+    const ExitStatus damage = complainAboutDamage(context, session.errors(), session.notes(), session.packetCount());
     return damage == done ? status : damage;
 }
 

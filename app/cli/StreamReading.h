@@ -20,7 +20,7 @@ std::unique_ptr<Session> openSession(const CommandContext& context, ExitStatus& 
 std::vector<std::int64_t> wantedStreams(const CommandContext& context, const Session& session, ExitStatus& status);
 
 /// Says what of the capture was not read, after the rest has been printed. The worse of both statuses is given.
-ExitStatus complainAboutDamage(const Session& session, ExitStatus status);
+ExitStatus complainAboutDamage(const CommandContext& context, const Session& session, ExitStatus status);
 
 /// The interpreter that streams must be accepted by for a decryption probe to be asked; null when no plug-in brings it.
 const VELStreamInterpreting* tlsInterpreter();

@@ -35,7 +35,7 @@ std::string latin1(DataView bytes)
 
 class Conversation {
 public:
-    Conversation(std::string& text, const Terminal& terminal) : text_(text), terminal_(terminal) {}
+    Conversation(std::string& text, const Terminal& terminal, const Spill& spill) : text_(text), terminal_(terminal), spill_(spill) {}
 
     void heading(const StreamHeading& heading)
     {
@@ -84,6 +84,7 @@ public:
             if (answered[i]) detail("Answers", answered[i]->summary);
             if (unanswered[i]) detail("Answer", "none");
             if (message.body) body(*message.body, message);
+            spill_(text_);
         }
     }
 
@@ -130,13 +131,13 @@ private:
         const DataView shown = terminal_.isTerminal ? bytes.sub(0, bodyOnTerminal) : bytes;
         const bool saysText = message.bodyHint && message.bodyHint->form == StreamBodyHint::Form::text;
         const bool isLatin1 = saysText && message.bodyHint->encoding == TextEncoding::latin1;
-        if (isLatin1) {
+        const DataView whole = withoutCutScalar(shown, bytes.size());
+        if (isLatin1)
             lines(latin1(shown));
-        } else if (saysText && isText(withoutCutScalar(shown, bytes.size()))) {
-            lines(shown.text());
-        } else {
-            appendHexDump(text_, shown, 0, {.indent = detailIndent + 2, .hasColors = terminal_.hasColors});
-        }
+        else if (saysText && isText(whole))
+            lines(whole.text());
+        else
+            hexadecimal(shown);
         if (shown.size() < bytes.size()) {
             text_.append(detailIndent + 2, ' ');
             styled(Style::faint,
@@ -154,6 +155,15 @@ private:
         return end > 0 && shown[end - 1] >= 0xC0 ? shown.sub(0, end - 1) : shown;
     }
 
+    void hexadecimal(DataView body)
+    {
+        constexpr std::int64_t piece = 16 * 1'024;
+        for (std::int64_t offset = 0; offset < body.size(); offset += piece) {
+            appendHexDump(text_, body.sub(offset, piece), offset, {.indent = detailIndent + 2, .hasColors = terminal_.hasColors});
+            spill_(text_);
+        }
+    }
+
     void lines(std::string_view body)
     {
         while (!body.empty()) {
@@ -165,19 +175,22 @@ private:
             appendDisplaySafe(text_, line);
             text_ += '\n';
             body.remove_prefix(std::min(end + 1, body.size()));
+            spill_(text_);
         }
     }
 
     std::string& text_;
     const Terminal& terminal_;
+    const Spill& spill_;
     TimeText time_;
 };
 
 }  // namespace
 
-void appendStreamText(std::string& text, const StreamHeading& heading, const StreamInterpretation& interpretation, const Terminal& terminal)
+void appendStreamText(std::string& text, const StreamHeading& heading, const StreamInterpretation& interpretation, const Terminal& terminal,
+                      const Spill& spill)
 {
-    Conversation conversation(text, terminal);
+    Conversation conversation(text, terminal, spill);
     conversation.heading(heading);
     conversation.messages(interpretation);
     text += '\n';

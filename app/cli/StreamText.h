@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "app/cli/Spill.h"
 #include "app/cli/Terminal.h"
 #include "app/session/Session.h"
 #include "host/VELModels/StreamMessage.h"
@@ -22,7 +23,7 @@ struct StreamHeading {
 /// Appends a stream as a conversation: a heading, then message by message the time, who speaks, what, the details, the
 /// message that it answers, and the body. A body is shown as text where it is text, else in hexadecimal; on a terminal only
 /// its beginning.
-void appendStreamText(std::string& text, const StreamHeading& heading, const StreamInterpretation& interpretation,
-                      const Terminal& terminal);
+void appendStreamText(std::string& text, const StreamHeading& heading, const StreamInterpretation& interpretation, const Terminal& terminal,
+                      const Spill& spill);
 
 }  // namespace sealscope::cli

@@ -155,7 +155,7 @@ ExitStatus run(const CommandContext& context)
     const auto weight = [&](std::int64_t) { return std::int64_t{1'000}; };
     inOrder(streams, weight, look, print);
     context.output.flush();
-    return complainAboutDamage(*session, status);
+    return complainAboutDamage(context, *session, status);
 }
 
 }  // namespace

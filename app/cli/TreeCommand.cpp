@@ -203,7 +203,7 @@ ExitStatus run(const CommandContext& context)
     if (wanted && !isShown && context.output.isOpen()) {
         status = explainMissing(*wanted, lastNumber, lastNumber >= *wanted, wasPassed, hasPayload);
     }
-    const ExitStatus damage = complainAboutDamage(capture->errors(), decoder.notes(), packets);
+    const ExitStatus damage = complainAboutDamage(context, capture->errors(), decoder.notes(), packets);
     return damage == done ? status : damage;
 }
 

@@ -34,11 +34,19 @@ ExitStatus runCommand(const Options& options, Output& output)
     // Everything works without kept settings; `settings` says it itself.
     const auto settingsProblem = UserDefaults::standard().lastProblem();
     if (settingsProblem && options.command != &settingsCommand) remark(*settingsProblem);
-    Pager pager;
     if (terminal.isTerminal) output.flushEachWrite();
-    if (terminal.isTerminal && options.command->isPaged && !options.json) output.beforeFirstByte([&] { pager.start(); });
-    const ExitStatus status = options.command->run({.options = options, .terminal = terminal, .output = output});
-    output.flush();
+    ExitStatus status = done;
+    {
+        Pager pager;
+        if (terminal.isTerminal && options.command->isPaged && !options.json)
+            output.beforeFirstByte([&] {
+                pager.start();
+                holdMessages();
+            });
+        status = options.command->run({.options = options, .terminal = terminal, .output = output});
+        output.flush();
+    }
+    releaseMessages();
     return status;
 }
 
@@ -76,5 +84,6 @@ int main(int argumentCount, char** arguments)
     } catch (const std::exception& problem) {
         complain(problem.what());
     }
+    releaseMessages();
     return failed;
 }

@@ -6,7 +6,9 @@
 #include "tests/support/TLSSession.h"
 #include "tests/support/TempDirectory.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <sstream>
 
 namespace sealscope::cli {
 
@@ -75,6 +77,39 @@ TEST(FollowCommand, ShowsWhatDecrypts)
         EXPECT_EQ(decrypted[1]["byteRange"], json());
         EXPECT_EQ(open["messages"][open["pairings"][0]["requestIndex"].get<std::size_t>()]["summary"], "Client Hello (example.org)");
     }
+}
+
+TEST(FollowCommand, PrintsBodiesOfAnySize)
+{
+    const TempDirectory directory;
+    const Data text = Data::fromText([] {
+        std::string lines;
+        for (int i = 0; i < 60'000; ++i) lines += "line " + std::to_string(i) + " of a long text\n";
+        return lines;
+    }());
+    const TLSSession large = runTLS({}, {clientSends(patternBytes(1'500'000)), serverSends(text)});
+    const std::string capture = write(directory, large.flights);
+    const std::string keyLog = directory.write("keys.txt", large.keyLog);
+    const auto streams = jsonLines(sealscope({"follow", "--json", "-k", keyLog, capture}).output);
+    ASSERT_EQ(streams.size(), 1);
+    std::vector<std::string> bodies;
+    for (const json& message : streams[0]["messages"])
+        if (!message["body"].is_null()) bodies.push_back(message["body"]);
+    EXPECT_TRUE((bodies == std::vector{base64(large.clientPlaintext), base64(large.serverPlaintext)}));
+
+    const std::string shown = sealscope({"follow", "-k", keyLog, capture}).output;
+    std::istringstream lines(shown);
+    int textLines = 0, byteLines = 0;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.ends_with("│ line " + std::to_string(textLines) + " of a long text")) ++textLines;
+        if (line.starts_with(fmt::format("{:22}{:>7}  ", "", 16 * byteLines))) ++byteLines;
+    }
+    EXPECT_EQ(textLines, 60'000);
+    EXPECT_EQ(byteLines, 1'500'000 / 16);
+    // A terminal gets the beginning, and is told where the rest is to be had.
+    const std::string glimpse = sealscopeOnTerminal({"follow", "-k", keyLog, capture}, 100, {"NO_COLOR=1"});
+    EXPECT_THAT(glimpse, testing::HasSubstr("… and 1497952 bytes more; 'sealscope decrypt --output' writes them all\n"));
+    EXPECT_LT(glimpse.size(), 40'000);
 }
 
 TEST(FollowCommand, ReadsLikeAConversation)

@@ -151,14 +151,15 @@ TEST(PacketsCommand, NamesLinkTypesThatItDoesNotKnow)
     for (CapturePacket& packet : all) packet.linkType = 147;
     const ProgramResult nothing = sealscope({"packets", directory.write("other.pcap", pcapFile(all))});
     EXPECT_EQ(nothing.status, 1);
-    EXPECT_EQ(nothing.errors, "sealscope: link type 147 is not known; 8 packets of it could not be read\n");
+    EXPECT_EQ(nothing.errors,
+              "sealscope: " + directory.file("other.pcap") + ": link type 147 is not known; 8 packets of it could not be read\n");
 
     std::vector<CapturePacket> some = packets(tcpSegments({fromClient(alert)}));
     some[1].linkType = 147;
     const std::string mixed = directory.write("mixed.pcapng", pcapngFile(some));
     const ProgramResult rest = sealscope({"packets", "--json", mixed});
     EXPECT_EQ(rest.status, 0);
-    EXPECT_EQ(rest.errors, "sealscope: link type 147 is not known; 1 packet of it could not be read\n");
+    EXPECT_EQ(rest.errors, "sealscope: " + mixed + ": link type 147 is not known; 1 packet of it could not be read\n");
     EXPECT_THAT(infos(rest), ElementsAre("4 TLS 1.2: Alert (Fatal, 40)"));
     EXPECT_EQ(sealscope({"packets", "-q", mixed}).errors, "");
 }
