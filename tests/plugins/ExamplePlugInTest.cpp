@@ -32,7 +32,7 @@ protected:
         for (const char* component : {"runtime", "libraries", "development"})
             must({SEALSCOPE_CMAKE, "--install", SEALSCOPE_BINARY_DIR, "--prefix", folder->file("first"), "--component", component});
         fs::rename(folder->path() / "first", folder->path() / "moved");
-        must({SEALSCOPE_CMAKE, "-S", SEALSCOPE_SOURCE_DIR "/examples/plugin", "-B", folder->file("build"),
+        must({SEALSCOPE_CMAKE, "-S", SEALSCOPE_SOURCE_DIR "/examples/plugin", "-B", folder->file("build"), "-G", "Ninja",
               "-DCMAKE_PREFIX_PATH=" + folder->file("moved"), "-DCMAKE_CXX_COMPILER=" SEALSCOPE_CXX,
               "-DCMAKE_CXX_FLAGS=-Wall -Wextra -Werror "
               "-Wno-missing-field-initializers -Wno-deprecated-declarations"});
