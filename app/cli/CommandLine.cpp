@@ -170,6 +170,98 @@ std::expected<const Command*, std::string> commandFor(std::string_view word)
     return std::unexpected(fmt::format("'{}' is neither a command nor a file; did you mean '{}'?", word, near));
 }
 
+/// Reads a command line word by word. Of several problems the first is told, and none stands in the way of help.
+class CommandLineReader {
+public:
+    std::expected<Options, std::string> read(int argumentCount, char** arguments)
+    {
+        const GetoptTables tables;
+        opterr = 0;
+        optind = 0;
+        const auto next = [&] { return getopt_long(argumentCount, arguments, tables.letters.c_str(), tables.names.data(), nullptr); };
+        for (int found = next(); found != -1; found = next()) {
+            if (found == 1)
+                takeWord(optarg);
+            else
+                takeOption(found, optind > 0 ? arguments[optind - 1] : "");
+        }
+        // What stands behind "--" is no command, whatever its name.
+        options_.arguments.insert(options_.arguments.end(), arguments + optind, arguments + argumentCount);
+
+        if (options_.help || options_.version) return options_;
+        if (problem_.empty()) settle();
+        if (!problem_.empty()) return std::unexpected(problem_);
+        return options_;
+    }
+
+private:
+    void note(std::string problem)
+    {
+        if (problem_.empty()) problem_ = std::move(problem);
+    }
+
+    /// The first word may name a command; "help" in front of it asks for that command's help.
+    void takeWord(std::string_view word)
+    {
+        const bool mayBeCommand = !options_.command && options_.arguments.empty();
+        if (!mayBeCommand) {
+            options_.arguments.emplace_back(word);
+        } else if (options_.help) {
+            options_.command = commandNamed(word);
+        } else if (word == "help") {
+            options_.help = true;
+        } else if (const auto command = commandFor(word); !command) {
+            note(command.error());
+        } else if (*command) {
+            options_.command = *command;
+        } else {
+            options_.arguments.emplace_back(word);
+        }
+    }
+
+    void takeOption(int found, std::string_view spelling)
+    {
+        if (found == ':') return note(fmt::format("{} wants an argument; {}", spelling, helpHint(options_.command)));
+        if (found == '?' && optopt >= firstOption)
+            return note(fmt::format("--{} takes no argument", specOf(static_cast<Option>(optopt - firstOption)).name));
+        if (found == '?')
+            return note(
+                unknownOption(optopt != 0 ? fmt::format("-{}", static_cast<char>(optopt)) : std::string(spelling), options_.command));
+        const auto spec = std::ranges::find_if(specs, [&](const OptionSpec& candidate) {
+            return found == candidate.letter || found == firstOption + static_cast<int>(candidate.option);
+        });
+        met_.push_back(spec->option);
+        note(enter(options_, *spec, optarg ? optarg : ""));
+    }
+
+    /// Finds the command, and whether options and arguments are its own.
+    void settle()
+    {
+        if (!options_.command && options_.arguments.empty())
+            return note("no capture file and no command is named; 'sealscope --help' shows how");
+        if (!options_.command) options_.command = commandNamed("follow");
+        const Command& command = *options_.command;
+        const auto foreign = std::ranges::find_if(met_, [&](Option option) { return !knows(command, option); });
+        if (foreign != met_.end()) {
+            std::vector<std::string_view> others;
+            for (const Command* other : commands())
+                if (knows(*other, *foreign)) others.push_back(other->name);
+            return note(
+                fmt::format("'{}' does not know --{}; it belongs to {}", command.name, specOf(*foreign).name, fmt::join(others, ", ")));
+        }
+        const auto count = std::ssize(options_.arguments);
+        if (count < command.fewestArguments)
+            return note(fmt::format("'{0}' wants {1}; 'sealscope {0} --help' shows how", command.name, command.arguments));
+        if (command.mostArguments >= 0 && count > command.mostArguments)
+            note(fmt::format("'{0}' does not know what to do with '{1}'; 'sealscope {0} --help' shows how", command.name,
+                             options_.arguments[static_cast<std::size_t>(command.mostArguments)]));
+    }
+
+    Options options_;
+    std::vector<Option> met_;
+    std::string problem_;
+};
+
 }  // namespace
 
 std::span<const OptionSpec> optionSpecs() { return specs; }
@@ -192,78 +284,7 @@ std::string_view nearestMatch(std::string_view word, std::span<const std::string
 
 std::expected<Options, std::string> parseCommandLine(int argumentCount, char** arguments)
 {
-    Options options;
-    std::vector<Option> met;
-    std::string problem;  // the first; what stands behind it may still be `--help`
-    const auto note = [&](std::string text) {
-        if (problem.empty()) problem = std::move(text);
-    };
-
-    const GetoptTables tables;
-    bool isNamed = false;
-    opterr = 0;
-    optind = 0;
-    for (int found = 0; (found = getopt_long(argumentCount, arguments, tables.letters.c_str(), tables.names.data(), nullptr)) != -1;) {
-        if (found == 1) {  // a word
-            const std::string_view word = optarg;
-            if (!isNamed && options.arguments.empty() && !options.command) {
-                if (word == "help") {
-                    options.help = isNamed = true;
-                    continue;
-                }
-                const auto command = commandFor(word);
-                if (!command)
-                    note(command.error());
-                else
-                    options.command = *command;
-                if (!command || options.command) continue;
-            } else if (isNamed && !options.command) {
-                options.command = commandNamed(word);
-                continue;
-            }
-            options.arguments.emplace_back(word);
-            continue;
-        }
-        const std::string_view spelling = optind > 0 ? arguments[optind - 1] : "";
-        if (found == ':') {
-            note(fmt::format("{} wants an argument; {}", spelling, helpHint(options.command)));
-        } else if (found == '?') {
-            if (optopt >= firstOption)
-                note(fmt::format("--{} takes no argument", specOf(static_cast<Option>(optopt - firstOption)).name));
-            else
-                note(unknownOption(optopt != 0 ? fmt::format("-{}", static_cast<char>(optopt)) : std::string(spelling), options.command));
-        } else {
-            const auto spec = std::ranges::find_if(specs, [&](const OptionSpec& candidate) {
-                return found == candidate.letter || found == firstOption + static_cast<int>(candidate.option);
-            });
-            met.push_back(spec->option);
-            note(enter(options, *spec, optarg ? optarg : ""));
-        }
-    }
-    for (int rest = optind; rest < argumentCount; ++rest) options.arguments.emplace_back(arguments[rest]);
-
-    if (options.help || options.version) return options;
-    if (!problem.empty()) return std::unexpected(problem);
-    if (!options.command) {
-        if (options.arguments.empty()) return std::unexpected("no capture file and no command is named; 'sealscope --help' shows how");
-        options.command = commandNamed("follow");
-    }
-    const Command& command = *options.command;
-    for (const Option option : met) {
-        if (knows(command, option)) continue;
-        std::vector<std::string_view> others;
-        for (const Command* other : commands())
-            if (knows(*other, option)) others.push_back(other->name);
-        return std::unexpected(
-            fmt::format("'{}' does not know --{}; it belongs to {}", command.name, specOf(option).name, fmt::join(others, ", ")));
-    }
-    const auto count = std::ssize(options.arguments);
-    if (count < command.fewestArguments)
-        return std::unexpected(fmt::format("'{0}' wants {1}; 'sealscope {0} --help' shows how", command.name, command.arguments));
-    if (command.mostArguments >= 0 && count > command.mostArguments)
-        return std::unexpected(fmt::format("'{0}' does not know what to do with '{1}'; 'sealscope {0} --help' shows how", command.name,
-                                           options.arguments[static_cast<std::size_t>(command.mostArguments)]));
-    return options;
+    return CommandLineReader().read(argumentCount, arguments);
 }
 
 }  // namespace sealscope::cli

@@ -72,7 +72,6 @@ std::span<const OptionSpec> optionSpecs();
 /// A command line, read.
 struct Options {
     const Command* command = nullptr;
-    bool isFollowByDefault = false;      ///< the command was not named
     std::vector<std::string> arguments;  ///< files, or the words of `settings`
     std::vector<std::string> keylogs;
     bool json = false;
