@@ -273,7 +273,8 @@ std::uint32_t PlaintextCapture::addConnection(const TCPStream& stream)
                             .clientNext = stream.clientISN,
                             .serverNext = stream.serverISN,
                             .start = {microseconds(stream.startTime), 0},
-                            .end = {microseconds(stream.endTime), afterAll}});
+                            .end = {microseconds(stream.endTime), afterAll},
+                            .number = stream.key.number});
     return static_cast<std::uint32_t>(connections_.size() - 1);
 }
 
@@ -324,8 +325,12 @@ std::string PlaintextCapture::write(OutputFile& file)
     std::vector<std::uint32_t> opening(connections_.size());
     std::iota(opening.begin(), opening.end(), std::uint32_t{0});
     std::vector<std::uint32_t> closing = opening;
-    std::ranges::stable_sort(opening, {}, [&](std::uint32_t connection) { return connections_[connection].start; });
-    std::ranges::stable_sort(closing, {}, [&](std::uint32_t connection) { return connections_[connection].end; });
+    // Streams are announced in the order in which threads come to them; of one moment the lower number comes first.
+    const auto sortBy = [&](std::vector<std::uint32_t>& order, Moment Connection::* moment) {
+        std::ranges::sort(order, {}, [&](std::uint32_t i) { return std::pair(connections_[i].*moment, connections_[i].number); });
+    };
+    sortBy(opening, &Connection::start);
+    sortBy(closing, &Connection::end);
 
     PacketWriter writer(file);
     using namespace TCPFlag;

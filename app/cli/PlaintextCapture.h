@@ -38,6 +38,7 @@ class PlaintextCapture {
         std::uint32_t serverNext = 0;
         Moment start;
         Moment end;
+        std::int64_t number = 0;  ///< of the stream
     };
 
 public:
