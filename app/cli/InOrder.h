@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <oneapi/tbb/parallel_pipeline.h>
@@ -13,7 +14,8 @@ namespace sealscope::cli {
 /// Works on items side by side and hands the results over in the order of the items, each as soon as it and all before it
 /// are ready. `work(item)` runs on several threads; `take(result)` on one at a time, and ends everything by giving false.
 /// `weight(item)` is about how many bytes an item makes: light ones go in packs, so that handing them over costs little,
-/// and only one pack more than there are threads is ever held.
+/// and only one pack more than there are threads is ever held. A result should own little: what one thread allocates and
+/// another frees makes them wait for each other.
 template <class Item, class Weight, class Work, class Take>
 void inOrder(const std::vector<Item>& items, const Weight& weight, const Work& work, const Take& take)
 {
@@ -23,8 +25,8 @@ void inOrder(const std::vector<Item>& items, const Weight& weight, const Work& w
         std::size_t last = 0;
         std::vector<Result> results;
     };
-    constexpr std::int64_t packWeight = 256 * 1'024;
-    constexpr std::size_t packSize = 16;
+    constexpr std::int64_t packWeight = 1'000'000;
+    constexpr std::size_t packSize = 256;
     std::size_t next = 0;
     std::atomic<bool> isWanted = true;
     const auto begin = [&](oneapi::tbb::flow_control& control) -> Pack {
@@ -33,8 +35,8 @@ void inOrder(const std::vector<Item>& items, const Weight& weight, const Work& w
             return {};
         }
         Pack pack{next, next, {}};
-        // The first items go singly, so that they come at once.
-        const std::size_t most = next < packSize ? 1 : packSize;
+        // The first items go singly, so that they come at once; later packs grow.
+        const std::size_t most = std::clamp<std::size_t>(next / 8, 1, packSize);
         for (std::int64_t held = 0; next < items.size() && next - pack.first < most && held < packWeight; ++next)
             held += weight(items[next]);
         pack.last = next;

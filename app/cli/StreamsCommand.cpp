@@ -26,6 +26,13 @@ struct StreamRow {
     std::optional<StreamVerdict> verdict;  ///< only of streams that can be interpreted
 };
 
+/// What is printed of it. Made where the row is, so that little changes hands between threads.
+struct StreamLine {
+    StreamSummary summary;
+    std::string_view verdict;  ///< for people
+    std::string text;          ///< the sentence on it; of NDJSON the whole line
+};
+
 void appendJSON(std::string& text, const StreamRow& row)
 {
     const StreamSummary& summary = row.summary;
@@ -66,12 +73,7 @@ public:
 
     void measure(const StreamSummary& summary) { table_.measure(cells(summary)); }
 
-    void append(std::string& text, const StreamRow& row)
-    {
-        const std::string_view otherwise = row.canInterpret ? "not asked" : "not TLS";
-        table_.append(text, cells(row.summary), row.verdict ? verdictText(row.verdict->outcome) : otherwise,
-                      row.verdict ? verdictSentence(*row.verdict, row.summary) : std::string());
-    }
+    void append(std::string& text, const StreamLine& line) { table_.append(text, cells(line.summary), line.verdict, line.text); }
 
 private:
     enum class Detail { least, reduced, full };
@@ -140,16 +142,24 @@ ExitStatus run(const CommandContext& context)
         const TCPStream stream = session->stream(number);
         row.canInterpret = interpreter && interpreter->canInterpret(stream);
         if (row.canInterpret) row.verdict = verdicts.verdict(stream, true);
-        return row;
+
+        StreamLine line{.summary = row.summary, .verdict = row.canInterpret ? "not asked" : "not TLS"};
+        if (row.verdict) line.verdict = verdictText(row.verdict->outcome);
+        if (context.options.json)
+            appendJSON(line.text, row);
+        else if (row.verdict)
+            line.text = verdictSentence(*row.verdict, row.summary);
+        return line;
     };
     std::string text;
-    const auto print = [&](const StreamRow& row) {
-        text.clear();
-        if (context.options.json)
-            appendJSON(text, row);
-        else
-            table.append(text, row);
-        context.output.write(text);
+    const auto print = [&](const StreamLine& line) {
+        if (context.options.json) {
+            context.output.write(line.text);
+        } else {
+            text.clear();
+            table.append(text, line);
+            context.output.write(text);
+        }
         return context.output.isOpen() && !isInterrupted();
     };
     const auto weight = [&](std::int64_t) { return std::int64_t{1'000}; };
