@@ -8,8 +8,8 @@
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <initializer_list>
 #include <limits>
-#include <numeric>
 #include <vector>
 
 namespace sealscope::cli {
@@ -74,9 +74,10 @@ public:
             }
         }
         // What has no time of its own, such as the plaintext of a whole direction, is read after what it came out of.
-        std::vector<std::size_t> order(interpretation.messages.size());
-        std::iota(order.begin(), order.end(), std::size_t{0});
-        std::ranges::stable_partition(order, [&](std::size_t i) { return interpretation.messages[i].timestamp != 0; });
+        std::vector<std::size_t> order;
+        for (const bool hasTime : {true, false})
+            for (std::size_t i = 0; i < interpretation.messages.size(); ++i)
+                if ((interpretation.messages[i].timestamp != 0) == hasTime) order.push_back(i);
         for (const std::size_t i : order) {
             const StreamMessage& message = interpretation.messages[i];
             summaryLine(message);
