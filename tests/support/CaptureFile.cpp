@@ -127,11 +127,8 @@ std::uint64_t PcapngBuilder::units(std::int64_t time, std::size_t interface) con
     return static_cast<std::uint64_t>(seconds) * resolution + static_cast<std::uint64_t>(nanoseconds * resolution / nanosecondsASecond);
 }
 
-PcapngBuilder& PcapngBuilder::packet(const CapturePacket& packet, std::uint32_t interface)
+PcapngBuilder& PcapngBuilder::endPacket(std::size_t start, std::uint64_t time, const CapturePacket& packet)
 {
-    const std::uint64_t time = units(packet.time, interface);
-    const std::size_t start = begin(6);
-    put(interface);
     put(static_cast<std::uint32_t>(time >> 32));
     put(static_cast<std::uint32_t>(time));
     put(static_cast<std::uint32_t>(packet.frame.size()));
@@ -139,6 +136,14 @@ PcapngBuilder& PcapngBuilder::packet(const CapturePacket& packet, std::uint32_t 
     bytes_.insert(bytes_.end(), packet.frame.view().begin(), packet.frame.view().end());
     end(start);
     return *this;
+}
+
+PcapngBuilder& PcapngBuilder::packet(const CapturePacket& packet, std::uint32_t interface)
+{
+    const std::uint64_t time = units(packet.time, interface);
+    const std::size_t start = begin(6);
+    put(interface);
+    return endPacket(start, time, packet);
 }
 
 PcapngBuilder& PcapngBuilder::simplePacket(const CapturePacket& packet)
@@ -156,13 +161,7 @@ PcapngBuilder& PcapngBuilder::obsoletePacket(const CapturePacket& packet, std::u
     const std::size_t start = begin(2);
     put(interface);
     put(std::uint16_t{0xFFFF});  // drops are not known
-    put(static_cast<std::uint32_t>(time >> 32));
-    put(static_cast<std::uint32_t>(time));
-    put(static_cast<std::uint32_t>(packet.frame.size()));
-    put(static_cast<std::uint32_t>(packet.originalLength));
-    bytes_.insert(bytes_.end(), packet.frame.view().begin(), packet.frame.view().end());
-    end(start);
-    return *this;
+    return endPacket(start, time, packet);
 }
 
 PcapngBuilder& PcapngBuilder::secrets(std::string_view keyLog)

@@ -65,6 +65,8 @@ private:
     template <class Integer> void put(Integer value);
     std::size_t begin(std::uint32_t type);
     void end(std::size_t start);
+    /// What packet blocks that know the time share, from the time on.
+    PcapngBuilder& endPacket(std::size_t start, std::uint64_t time, const CapturePacket& packet);
     void pad();
     std::uint64_t units(std::int64_t time, std::size_t interface) const;
 
