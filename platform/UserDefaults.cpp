@@ -429,7 +429,7 @@ UserDefaults& UserDefaults::standard()
             return fs::path(value ? value : "");
         };
         const fs::path name = "sealscope/settings.json";
-        // A path that is not absolute counts as none (XDG Base Directory Specification, "Basics").
+        // A path that is not absolute counts as none (XDG Base Directories, Basics).
         if (const fs::path config = variable("XDG_CONFIG_HOME"); config.is_absolute()) return *new UserDefaults(config / name, {});
         fs::path home = variable("HOME");
         if (home.empty())

@@ -24,7 +24,7 @@ std::string homeFolder()
 
 std::filesystem::path KeylogLocations::liveKeylog()
 {
-    // A relative path is invalid there and is to be ignored (XDG Base Directory Specification).
+    // A relative path is invalid there and is to be ignored (XDG Base Directories, Basics).
     const char* const dataHome = std::getenv("XDG_DATA_HOME");
     const bool isUsable = dataHome && *dataHome == '/';
     return (isUsable ? std::string(dataHome) : homeFolder() + "/.local/share") + "/sealscope/keylog.txt";
