@@ -8,12 +8,9 @@
 #include "host/VELModels/TLSDecryptionProbeRegistry.h"
 #include "platform/UserDefaults.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fmt/format.h>
-#include <unistd.h>
 #include <utility>
 
 namespace sealscope::cli {
@@ -46,22 +43,6 @@ bool isUnreadable(const Examination& found)
            found.problem != Examination::Problem::noValidLine;
 }
 
-bool hasSecretsAtHand()
-{
-    const auto probes = TLSDecryptionProbeRegistry::shared().snapshot();
-    return std::ranges::any_of(probes, [](const auto& probe) { return probe->keyMaterial().secrets > 0; });
-}
-
-/// A large file that can be read is taken to be a key log as long as secrets are at hand: looking at each of its lines
-/// would take as long as reading it for use.
-bool passesUnexamined(const std::string& file)
-{
-    constexpr std::uintmax_t large = 1'000'000;
-    std::error_code error;
-    return std::filesystem::is_regular_file(file, error) && std::filesystem::file_size(file, error) > large &&
-           access(file.c_str(), R_OK) == 0;
-}
-
 }  // namespace
 
 ExitStatus useSecrets(const std::vector<std::string>& keylogs, std::string_view embeddedKeyLog)
@@ -71,8 +52,7 @@ ExitStatus useSecrets(const std::vector<std::string>& keylogs, std::string_view 
     KeylogUserFile::setOverride(keylogs);
     ExitStatus status = done;
     for (const std::string& file : keylogs) {
-        if (passesUnexamined(file) && hasSecretsAtHand()) continue;
-        const Examination found = MergedKeylog::examine(file);
+        const Examination found = MergedKeylog::examineBriefly(file);
         if (found.problem == Examination::Problem::none) continue;
         complain(fmt::format("--keylog {}: {}", file, reason(found)));
         if (isUnreadable(found)) status = failed;

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <sys/stat.h>
@@ -77,8 +78,9 @@ void readInto(int descriptor, char* bytes, std::size_t size, Reading& reading)
     }
 }
 
-/// Appends a file's bytes to `text`; the answer has no lines. When something is the matter, nothing is appended.
-Examination appendFile(const std::filesystem::path& file, SecretText& text)
+/// Appends a file's bytes, or the first `limit` of them, to `text`; the answer has no lines. When something is the matter,
+/// nothing is appended.
+Examination appendFile(const std::filesystem::path& file, SecretText& text, std::int64_t limit = std::numeric_limits<std::int64_t>::max())
 {
     // Opening a pipe must not wait for somebody to write into it.
     const FileDescriptor descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
@@ -91,8 +93,8 @@ Examination appendFile(const std::filesystem::path& file, SecretText& text)
     // A key log may grow while it is read. The size only says how much to ask for first; the end is where nothing follows.
     const std::size_t start = text.size();
     Reading reading{.end = start};
-    std::size_t room = static_cast<std::size_t>(status.st_size) + 1;
-    while (!reading.isDone) {
+    std::size_t room = static_cast<std::size_t>(std::min(status.st_size + 1, limit));
+    while (!reading.isDone && std::cmp_less(reading.end - start, limit)) {
         text.resize_and_overwrite(reading.end + room, [&](char* bytes, std::size_t size) {
             readInto(descriptor.get(), bytes, size, reading);
             return reading.end;
@@ -106,6 +108,19 @@ Examination appendFile(const std::filesystem::path& file, SecretText& text)
     }
     const auto size = static_cast<std::int64_t>(reading.end - start);
     return {.problem = size == 0 ? Problem::isEmpty : Problem::none, .size = size};
+}
+
+void countLines(std::string_view text, Examination& examination)
+{
+    const auto probes = TLSDecryptionProbeRegistry::shared().snapshot();
+    for (const auto& probe : probes) {
+        const TLSKeyLogLineCount count = probe->countKeyLogLines(text);
+        if (examination.validLines > 0 && count.validLines <= examination.validLines) continue;
+        examination.lines = count.lines;
+        examination.validLines = count.validLines;
+        examination.firstInvalidLine = count.firstInvalidLine;
+    }
+    if (!probes.empty() && examination.validLines == 0) examination.problem = Problem::noValidLine;
 }
 
 std::int64_t nanoseconds(const timespec& time) { return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec; }
@@ -194,17 +209,17 @@ MergedKeylog::Examination MergedKeylog::examine(const std::filesystem::path& fil
 {
     SecretText text;
     Examination examination = appendFile(file, text);
-    if (examination.problem != Problem::none) return examination;
-    const auto probes = TLSDecryptionProbeRegistry::shared().snapshot();
-    for (const auto& probe : probes) {
-        const TLSKeyLogLineCount count = probe->countKeyLogLines(text);
-        if (examination.validLines > 0 && count.validLines <= examination.validLines) continue;
-        examination.lines = count.lines;
-        examination.validLines = count.validLines;
-        examination.firstInvalidLine = count.firstInvalidLine;
-    }
-    if (!probes.empty() && examination.validLines == 0) examination.problem = Problem::noValidLine;
+    if (examination.problem == Problem::none) countLines(text, examination);
     return examination;
+}
+
+MergedKeylog::Examination MergedKeylog::examineBriefly(const std::filesystem::path& file)
+{
+    constexpr std::int64_t enough = 64 * 1'024;
+    SecretText text;
+    Examination examination = appendFile(file, text, enough);
+    if (examination.problem == Problem::none) countLines(text, examination);
+    return examination.problem == Problem::noValidLine ? examine(file) : examination;
 }
 
 }  // namespace sealscope

@@ -68,6 +68,8 @@ struct MergedKeylog {
     /// Reads a file and says what is the matter with it. Lines are counted by the registered decryption probes; without
     /// one, none are.
     static Examination examine(const std::filesystem::path& file);
+    /// The same, but ends, with what was counted until then, where a large file has shown that it is a key log.
+    static Examination examineBriefly(const std::filesystem::path& file);
 };
 
 }  // namespace sealscope SEALSCOPE_API

@@ -214,6 +214,11 @@ TEST(StreamsCommand, TellsWhatIsTheMatterWithANamedKeyLog)
         EXPECT_EQ(std::ranges::count(result.errors, '\n'), 1) << result.errors;
         EXPECT_THAT(verdicts(result), ElementsAre("noKeyMaterial"));
     }
+    // Beside another that opens everything, even a large one is told.
+    const std::string good = directory.write("good.txt", tls13().keyLog), large = directory.write("large.txt", patternBytes(2'000'000));
+    const ProgramResult result = sealscope({"streams", "--json", "-k", good, "-k", large, capture});
+    EXPECT_THAT(result.errors, testing::StartsWith("sealscope: --keylog " + large + ": none of its "));
+    EXPECT_THAT(verdicts(result), ElementsAre("decrypted"));
 }
 
 TEST(StreamsCommand, PutsStreamsTogetherThatStraddleFiles)

@@ -164,6 +164,12 @@ TEST_F(MergedKeylogTest, SaysWhatIsTheMatterWithAFile)
     directory.write("good", std::string_view("a\nb\n"));
     directory.write("partly", std::string_view("a\nb!\n"));
     directory.write("bad", std::string_view("a!\nb!\n"));
+    std::string repeated;
+    for (int i = 0; i < 50'000; ++i) repeated += "a\n";
+    directory.write("long", repeated);
+    std::ranges::replace(repeated, 'a', '!');
+    directory.write("long and bad", repeated);
+    directory.write("long and good at last", repeated + "a\n");
     std::filesystem::create_symlink(directory.file("nowhere"), directory.file("dangling"));
     ASSERT_EQ(truncate(directory.write("sparse", std::string_view("x")).c_str(), std::int64_t{1} << 42), 0);
     struct Case {
@@ -183,6 +189,9 @@ TEST_F(MergedKeylogTest, SaysWhatIsTheMatterWithAFile)
         {"bad", Problem::noValidLine, 0, 2, 0},
         {"partly", Problem::none, 0, 2, 1},
         {"good", Problem::none, 0, 2, 2},
+        {"long", Problem::none, 0, 50'000, 50'000},
+        {"long and bad", Problem::noValidLine, 0, 50'000, 0},
+        {"long and good at last", Problem::none, 0, 50'001, 1},
     };
     for (const auto& [file, problem, error, lines, validLines] : cases) {
         const auto examination = MergedKeylog::examine(directory.path() / file);
@@ -190,7 +199,11 @@ TEST_F(MergedKeylogTest, SaysWhatIsTheMatterWithAFile)
         EXPECT_EQ(examination.error, error) << file;
         EXPECT_EQ(examination.lines, lines) << file;
         EXPECT_EQ(examination.validLines, validLines) << file;
+        const auto brief = MergedKeylog::examineBriefly(directory.path() / file);
+        EXPECT_EQ(brief.problem, problem) << file;
+        EXPECT_EQ(brief.error, error) << file;
     }
+    EXPECT_LT(MergedKeylog::examineBriefly(directory.file("long")).lines, 50'000) << "no more of it was read than it took";
     EXPECT_EQ(MergedKeylog::examine("/dev/zero").problem, Problem::isNoFile);
     TLSDecryptionProbeRegistry::shared().unregisterProbe(probe);
     EXPECT_EQ(MergedKeylog::examine(directory.file("bad")).problem, Problem::none) << "nobody is there to count lines";
