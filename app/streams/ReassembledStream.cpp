@@ -36,6 +36,8 @@ public:
         return bytes.isEmpty() ? DataView(zeros).sub(0, owner.end - offset) : bytes;
     }
 
+    void copy(std::int64_t offset, std::span<std::uint8_t> target) const override;
+
     ByteLocation locate(ByteRange range) const override
     {
         ByteLocation location;
@@ -61,12 +63,21 @@ private:
         const SegmentRecord* segment = nullptr;
         std::int64_t begin = 0;  ///< offset at which the segment's payload begins
         std::int64_t end = 0;    ///< offset up to which the bytes are its own
+        std::size_t run = 0;     ///< of the segment, and its position in the list
+        std::uint32_t position = 0;
     };
 
     /// How many bytes of a segment's captured part, which lies at begin ..< end, differ from the data.
     std::int64_t differences(const SegmentRecord& segment, std::int64_t begin, std::int64_t end) const;
     /// The owner of an offset that lies inside the data.
     Owner ownerOf(std::int64_t offset) const;
+    /// The same for the offset at which what `before` owns ends: most often the next segment's.
+    Owner ownerAfter(const Owner& before) const;
+    Owner owner(std::size_t run, std::uint32_t position) const;
+    void keepInMind(std::size_t run, std::uint32_t position) const
+    {
+        latest_.store(std::uint64_t{run} << 32 | position, std::memory_order_relaxed);
+    }
     DataView bytesOf(const Owner& owner, std::int64_t offset) const
     {
         return owner.segment ? capture_.bytes(owner.segment->address + (offset - owner.begin), owner.end - offset) : DataView();
@@ -126,11 +137,43 @@ ReassembledDirection::Owner ReassembledDirection::ownerOf(std::int64_t offset) c
         }
         position = low;
     }
-    latest_.store(std::uint64_t{index} << 32 | position, std::memory_order_relaxed);
+    keepInMind(index, position);
+    return owner(index, position);
+}
 
+ReassembledDirection::Owner ReassembledDirection::owner(std::size_t run, std::uint32_t position) const
+{
+    const SegmentRun& inside = data_.runs[run];
     const SegmentRecord& segment = segments_[position];
-    const std::int64_t begin = run.offset + sequenceDistance(run.number, segment.dataNumber());
-    return {.segment = &segment, .begin = begin, .end = std::min(begin + static_cast<std::int64_t>(segment.captured), run.end())};
+    const std::int64_t begin = inside.offset + sequenceDistance(inside.number, segment.dataNumber());
+    return {.segment = &segment,
+            .begin = begin,
+            .end = std::min(begin + static_cast<std::int64_t>(segment.captured), inside.end()),
+            .run = run,
+            .position = position};
+}
+
+ReassembledDirection::Owner ReassembledDirection::ownerAfter(const Owner& before) const
+{
+    if (!before.segment) return ownerOf(before.end);
+    const SegmentRun& run = data_.runs[before.run];
+    const std::uint32_t next = before.position + 1;
+    const bool isNext =
+        before.end < run.end() && next < run.first + run.count && run.offset + endInRun(run, segments_[next]) > before.end;
+    return isNext ? owner(before.run, next) : ownerOf(before.end);
+}
+
+void ReassembledDirection::copy(std::int64_t offset, std::span<std::uint8_t> target) const
+{
+    for (Owner at = ownerOf(offset);; at = ownerAfter(at)) {
+        const std::int64_t count = std::min(at.end - offset, std::ssize(target));
+        // Lost bytes are zeros, and so are those of a capture file that became shorter since it was indexed.
+        const auto end = std::ranges::copy(bytesOf(at, offset).sub(0, count), target.begin()).out;
+        target = target.subspan(static_cast<std::size_t>(count));
+        std::fill(end, target.begin(), std::uint8_t{0});
+        offset += count;
+        if (target.empty()) return keepInMind(at.run, at.position);
+    }
 }
 
 std::int64_t ReassembledDirection::contradictingBytes() const

@@ -1,31 +1,49 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/VELModels/StreamData.h"
 
+#include <algorithm>
+#include <utility>
+
 namespace sealscope {
+
+void StreamByteSource::copy(std::int64_t offset, std::span<std::uint8_t> target) const
+{
+    while (!target.empty()) {
+        const DataView part = stretch(offset).sub(0, std::ssize(target));
+        std::ranges::copy(part, target.begin());
+        target = target.subspan(static_cast<std::size_t>(part.size()));
+        offset += part.size();
+    }
+}
 
 std::int64_t StreamData::copy(std::int64_t offset, std::span<std::uint8_t> target) const
 {
-    std::int64_t copied = 0;
-    const auto wanted = static_cast<std::int64_t>(target.size());
-    while (copied < wanted) {
-        const DataView part = stretch(offset + copied).sub(0, wanted - copied);
-        if (part.isEmpty()) break;
-        std::memcpy(target.data() + copied, part.data(), static_cast<std::size_t>(part.size()));
-        copied += part.size();
-    }
-    return copied;
+    if (offset < 0 || offset >= size_) return 0;
+    const std::int64_t count = std::min(size_ - offset, std::ssize(target));
+    target = target.first(static_cast<std::size_t>(count));
+    if (source_)
+        source_->copy(offset, target);
+    else
+        std::ranges::copy(whole_.view().sub(offset, count), target.begin());
+    return count;
 }
 
 DataView StreamData::gather(std::int64_t from, std::int64_t count, std::vector<std::uint8_t>& scratch) const
 {
     from = std::clamp<std::int64_t>(from, 0, size_);
     count = std::clamp<std::int64_t>(count, 0, size_ - from);
+    if (source_ && std::cmp_less(scratch.size(), count)) scratch.resize(static_cast<std::size_t>(count));
+    return gather(from, count, scratch.data());
+}
+
+DataView StreamData::gather(std::int64_t from, std::int64_t count, std::uint8_t* scratch) const
+{
+    from = std::clamp<std::int64_t>(from, 0, size_);
+    count = std::clamp<std::int64_t>(count, 0, size_ - from);
     const DataView here = stretch(from);
     if (here.size() >= count) return here.sub(0, count);
-    scratch.resize(static_cast<std::size_t>(count));
-    std::ranges::copy(here, scratch.begin());
-    copy(from + here.size(), std::span(scratch).subspan(static_cast<std::size_t>(here.size())));
-    return scratch;
+    source_->copy(from, {scratch, static_cast<std::size_t>(count)});
+    return {scratch, count};
 }
 
 Data StreamData::slice(std::int64_t from, std::int64_t count) const
