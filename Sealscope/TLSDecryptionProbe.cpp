@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Sealscope/TLSDecryptionProbe.h"
 
+#include "Sealscope/TLSDirectionReporter.h"
 #include "Sealscope/TLSDirectionWalk.h"
 #include "Sealscope/TLSKeyLogStore.h"
 #include "Sealscope/TLSProtocolAnalyzer.h"
@@ -30,26 +31,41 @@ bool opens(const TCPStream& stream, Direction direction, const Context& context,
 /// Owns what the walk borrows.
 class DirectionReader final : public PlaintextReader {
 public:
-    static std::unique_ptr<PlaintextReader> begin(const StreamData& data, Direction direction, const Context& context,
-                                                  const TLSKeyLog& keyLog)
+    static std::unique_ptr<PlaintextReader> begin(const TCPStream& stream, Direction direction, const Context& context, TLSKeyLog keyLog)
     {
-        auto reader = std::unique_ptr<DirectionReader>(new DirectionReader(data));
-        reader->walk_ = TLSDirectionWalk::begin(reader->data_, direction, context, keyLog);
+        auto reader = std::unique_ptr<DirectionReader>(new DirectionReader(stream, direction, context, std::move(keyLog)));
+        reader->walk_ = TLSDirectionWalk::begin(reader->stream_.data(direction), direction, reader->context_, reader->keyLog_);
         if (!reader->walk_) return nullptr;
         return reader;
     }
 
-    std::optional<PlaintextRecord> next() override
+    std::optional<PlaintextRecord> next(std::span<std::uint8_t> room) override
     {
-        if (!walk_->nextApplicationData()) return std::nullopt;
-        return PlaintextRecord{walk_->plaintext(), {walk_->record().bodyOffset, walk_->record().endOffset()}};
+        while (true) {
+            const auto step = walk_->next(room.data());
+            progress_.take(step, *walk_);
+            if (step == TLSDirectionWalk::Step::end) return std::nullopt;
+            if (step == TLSDirectionWalk::Step::opened && walk_->isApplicationData())
+                return PlaintextRecord{walk_->plaintext(), {walk_->record().bodyOffset, walk_->record().endOffset()}};
+        }
+    }
+
+    std::optional<TLSDirectionReport> report() override
+    {
+        return TLSDirectionReporter(stream_, context_, keyLog_).report(direction_, *walk_, progress_);
     }
 
 private:
-    explicit DirectionReader(const StreamData& data) : data_(data) {}
+    DirectionReader(const TCPStream& stream, Direction direction, const Context& context, TLSKeyLog keyLog)
+        : stream_(stream), direction_(direction), context_(context), keyLog_(std::move(keyLog))
+    {}
 
-    StreamData data_;
+    TCPStream stream_;
+    Direction direction_;
+    Context context_;
+    TLSKeyLog keyLog_;
     std::optional<TLSDirectionWalk> walk_;
+    TLSDirectionReporter::Progress progress_;
 };
 
 StreamMessage markedAsDecrypted(const StreamMessage& message)
@@ -96,7 +112,7 @@ std::unique_ptr<PlaintextReader> TLSDecryptionProbe::plaintextReader(const TCPSt
 {
     const auto context = TLSStreamDecryption::context(stream);
     if (!context) return nullptr;
-    return DirectionReader::begin(stream.data(direction), direction, *context, TLSKeyLogStore::shared().current());
+    return DirectionReader::begin(stream, direction, *context, TLSKeyLogStore::shared().current());
 }
 
 TLSKeyMaterialReport TLSDecryptionProbe::keyMaterial() const { return TLSKeyLogStore::shared().material(); }

@@ -152,19 +152,13 @@ TLSDirectionWalk::Step TLSDirectionWalk::next(std::uint8_t* target)
     return Step::opened;
 }
 
-TLSDirectionWalk::Step TLSDirectionWalk::next() { return next(nullptr); }
+bool TLSDirectionWalk::isApplicationData() const { return innerType_ == applicationData && !plaintext_.isEmpty(); }
 
 bool TLSDirectionWalk::nextApplicationData()
 {
-    while (true) {
-        switch (next()) {
-        case Step::opened:
-            if (innerType_ == applicationData && !plaintext_.isEmpty()) return true;
-            break;
-        case Step::refused: break;
-        case Step::end: return false;
-        }
-    }
+    for (auto step = next(); step != Step::end; step = next())
+        if (step == Step::opened && isApplicationData()) return true;
+    return false;
 }
 
 std::int64_t TLSDirectionWalk::changeCipherSpecs() const

@@ -38,16 +38,17 @@ public:
         refused,  ///< the record does not open; in TLS 1.3 none is tried after it
         end,
     };
-    /// Moves on to the next protected record and opens it into a buffer of the walk.
-    Step next();
-    /// The same into `target`, which has room for as many bytes as the direction has.
-    Step next(std::uint8_t* target);
+    /// Moves on to the next protected record and opens it into `target`, which has room for as many bytes as the record has;
+    /// without one, into a buffer of the walk.
+    Step next(std::uint8_t* target = nullptr);
     /// Moves on to the next record of application data that opens and is not empty; false at the end.
     bool nextApplicationData();
 
     const TLSRecord& record() const { return record_; }  ///< the last that `next` moved to
     std::uint8_t innerType() const { return innerType_; }
     DataView plaintext() const { return plaintext_; }
+    /// Whether what came out last is application data, and not empty.
+    bool isApplicationData() const;
     /// ChangeCipherSpec records met so far; counted for TLS 1.2 alone.
     std::int64_t changeCipherSpecs() const;
     /// Passes over what is left of the direction without opening it; the records of the whole direction.

@@ -114,13 +114,17 @@ TLSSecretLabels secretLabels(bool isTLS13, Direction direction)
     return {"CLIENT_TRAFFIC_SECRET_0", "CLIENT_HANDSHAKE_TRAFFIC_SECRET"};
 }
 
+std::optional<ClientHelloInfo> TLSStreamDecryption::firstClientHello(const StreamData& clientToServer)
+{
+    return firstMessage(clientToServer, TLSHandshakeType::clientHello,
+                        [](DataView body, std::int64_t baseOffset) { return TLSDissector::parseClientHello(body, baseOffset); });
+}
+
 std::optional<Data> TLSStreamDecryption::firstClientRandom(const StreamData& clientToServer)
 {
-    return firstMessage(clientToServer, TLSHandshakeType::clientHello, [](DataView body, std::int64_t baseOffset) -> std::optional<Data> {
-        auto hello = TLSDissector::parseClientHello(body, baseOffset);
-        if (!hello) return std::nullopt;
-        return std::move(hello->clientRandom);
-    });
+    auto hello = firstClientHello(clientToServer);
+    if (!hello) return std::nullopt;
+    return std::move(hello->clientRandom);
 }
 
 std::optional<ServerHelloInfo> TLSStreamDecryption::firstServerHello(const StreamData& serverToClient)

@@ -43,6 +43,7 @@ struct TLSStreamDecryption {
     /// Whether a key log has any of the secrets that open application data of the context's version.
     static bool hasKeyMaterial(const Context& context, const TLSKeyLog& keyLog);
     // The first hello that lies within one record; one that is spread over records is not found.
+    static std::optional<ClientHelloInfo> firstClientHello(const StreamData& clientToServer);
     static std::optional<Data> firstClientRandom(const StreamData& clientToServer);
     static std::optional<ServerHelloInfo> firstServerHello(const StreamData& serverToClient);
 

@@ -7,6 +7,7 @@
 #include "app/cli/Messages.h"
 #include "app/cli/OutputFile.h"
 #include "app/cli/PlaintextCapture.h"
+#include "app/cli/PlaintextPacks.h"
 #include "app/cli/StreamReading.h"
 #include "app/cli/StreamVerdict.h"
 #include "app/cli/VerdictSentence.h"
@@ -14,13 +15,10 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <filesystem>
 #include <fmt/format.h>
 #include <memory>
 #include <oneapi/tbb/parallel_invoke.h>
-#include <oneapi/tbb/parallel_pipeline.h>
-#include <oneapi/tbb/task_arena.h>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -36,6 +34,7 @@ struct OpenedDirection {
     std::int64_t bytes = 0;
     std::string file;     ///< that holds them; empty when there is none
     std::string problem;  ///< with that file, as a sentence
+    std::optional<TLSDirectionReport> report;
 };
 
 struct OpenedStream {
@@ -46,52 +45,11 @@ struct OpenedStream {
     OpenedDirection server;
 };
 
-/// Hands the plaintext of a direction on, record by record with the range of each in the captured direction. With `ahead`
-/// records are opened on one thread while another one takes what was opened before, at the price of a copy.
-template <class Take> void forEachRecord(PlaintextReader& reader, bool ahead, const Take& take)
-{
-    if (!ahead) {
-        for (auto record = reader.next(); record && take(record->plaintext, record->body);) record = reader.next();
-        return;
-    }
-    struct Pack {
-        std::vector<std::uint8_t> bytes;
-        std::vector<std::pair<std::int64_t, ByteRange>> records;  ///< length and place of each
-    };
-    using PackPointer = std::shared_ptr<Pack>;
-    constexpr std::size_t packSize = 256 * 1'024;
-    std::atomic<bool> isWanted = true;
-    const auto open = [&](oneapi::tbb::flow_control& control) -> PackPointer {
-        auto pack = std::make_shared<Pack>();
-        pack->bytes.reserve(packSize + packSize / 8);
-        while (isWanted && pack->bytes.size() < packSize) {
-            const auto record = reader.next();
-            if (!record) break;
-            pack->bytes.insert(pack->bytes.end(), record->plaintext.begin(), record->plaintext.end());
-            pack->records.emplace_back(record->plaintext.size(), record->body);
-        }
-        if (pack->records.empty()) control.stop();
-        return pack;
-    };
-    const auto hand = [&](const PackPointer& pack) {
-        std::int64_t offset = 0;
-        for (const auto& [length, body] : pack->records) {
-            isWanted = isWanted && take(DataView(pack->bytes).sub(offset, length), body);
-            offset += length;
-        }
-    };
-    using oneapi::tbb::filter_mode;
-    oneapi::tbb::parallel_pipeline(4, oneapi::tbb::make_filter<void, PackPointer>(filter_mode::serial_in_order, open) &
-                                          oneapi::tbb::make_filter<PackPointer, void>(filter_mode::serial_in_order, hand));
-}
-
 /// Opens streams into the outputs that the command line names.
 class Decryptor {
 public:
-    /// `streamCount` streams are to be opened; where they are too few for all threads, each keeps several busy.
-    Decryptor(const CommandContext& context, const Session& session, std::size_t streamCount, PlaintextCapture* capture)
-        : options_(context.options), session_(session), interpreter_(tlsInterpreter()), verdicts_(session), capture_(capture),
-          hasIdleThreads_(std::cmp_less(streamCount, oneapi::tbb::this_task_arena::max_concurrency()))
+    Decryptor(const CommandContext& context, const Session& session, PlaintextCapture* capture)
+        : options_(context.options), session_(session), interpreter_(tlsInterpreter()), verdicts_(session), capture_(capture)
     {}
 
     OpenedStream open(std::int64_t number) const
@@ -105,6 +63,13 @@ public:
         const std::optional<std::uint32_t> connection = capture_ ? std::optional(capture_->addConnection(stream)) : std::nullopt;
         oneapi::tbb::parallel_invoke([&] { opened.client = open(stream, TCPSegment::Direction::clientToServer, connection); },
                                      [&] { opened.server = open(stream, TCPSegment::Direction::serverToClient, connection); });
+        // How far each direction opened is known by now, except of one that could not be begun.
+        if (!opened.client.report || !opened.server.report) {
+            opened.verdict = verdicts_.verdict(stream, true);
+        } else if (auto& report = opened.verdict->report) {
+            report->client = *opened.client.report;
+            report->server = *opened.server.report;
+        }
         return opened;
     }
 
@@ -123,7 +88,7 @@ private:
             options_.output.empty()
                 ? std::string()
                 : (fs::path(options_.output) / fmt::format("stream-{}-{}.bin", stream.key.number, isClient ? "client" : "server")).string();
-        const auto take = [&](DataView plaintext, ByteRange body) {
+        forEachPack(*reader, stream.data(direction).size(), [&](const PlaintextPack& pack) {
             if (!path.empty() && !file) {
                 auto created = OutputFile::create(path, options_.force);
                 if (!created) {
@@ -132,13 +97,16 @@ private:
                 }
                 file.emplace(std::move(*created));
             }
-            opened.bytes += plaintext.size();
-            if (file) file->write(plaintext);
-            if (segments) segments->add(plaintext, stream.locate(body, direction));
+            opened.bytes += pack.bytes().size();
+            if (file) file->write(pack.bytes());
+            if (segments) {
+                std::int64_t offset = 0;
+                for (const auto& [length, body] : pack.records())
+                    segments->add(pack.bytes().sub(std::exchange(offset, offset + length), length), stream.locate(body, direction));
+            }
             return !isInterrupted() && (!file || file->isGood());
-        };
-        constexpr std::int64_t large = 4'000'000;
-        forEachRecord(*reader, hasIdleThreads_ && stream.data(direction).size() > large, take);
+        });
+        opened.report = reader->report();
         if (!file) return opened;
         if (const std::string problem = file->finish(); !problem.empty())
             opened.problem = path + ": " + problem;
@@ -152,7 +120,6 @@ private:
     const VELStreamInterpreting* interpreter_;
     StreamVerdicts verdicts_;
     PlaintextCapture* capture_;
-    bool hasIdleThreads_;
 };
 
 void appendJSON(std::string& text, const OpenedStream& opened)
@@ -168,7 +135,7 @@ void appendJSON(std::string& text, const OpenedStream& opened)
     json.member("canInterpret", opened.canInterpret);
     json.member("verdict", opened.verdict ? std::optional(verdictName(opened.verdict->outcome)) : std::nullopt);
     json.key("reason");
-    if (opened.verdict && !opened.verdict->outcome.isDecrypted())
+    if (opened.verdict)
         writeReason(json, *opened.verdict, opened.summary);
     else
         json.null();
@@ -218,10 +185,12 @@ private:
     {
         if (!opened.verdict) return {};
         if (!opened.verdict->outcome.isDecrypted()) return verdictSentence(*opened.verdict, opened.summary);
-        std::vector<std::string_view> files;
+        std::vector<std::string> parts;
         for (const OpenedDirection* direction : {&opened.client, &opened.server})
-            if (!direction->file.empty()) files.push_back(direction->file);
-        return fmt::format("{}", fmt::join(files, ", "));
+            if (!direction->file.empty()) parts.push_back(direction->file);
+        if (std::string rest = opened.verdict->report ? incompleteText(*opened.verdict->report) : ""; !rest.empty())
+            parts.push_back(std::move(rest));
+        return fmt::format("{}", fmt::join(parts, ", "));
     }
 
     VerdictTable table_;
@@ -235,7 +204,7 @@ ExitStatus openStreams(const CommandContext& context, const Session& session, co
 {
     const Options& options = context.options;
     ExitStatus status = done;
-    const Decryptor decryptor(context, session, streams.size(), capture);
+    const Decryptor decryptor(context, session, capture);
     OpenedTable table(context.terminal);
     for (std::size_t i = 0; i < std::min<std::size_t>(streams.size(), 1'000); ++i) table.measure(session.summary(streams[i]));
 

@@ -65,6 +65,7 @@ OutputFile::~OutputFile()
 void OutputFile::write(DataView bytes)
 {
     written_ += bytes.size();
+    if (held_.empty() && bytes.size() >= largePiece) return writeOut(bytes);
     held_.insert(held_.end(), bytes.begin(), bytes.end());
     if (std::ssize(held_) < largePiece) return;
     writeOut(held_);

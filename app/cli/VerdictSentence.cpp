@@ -149,4 +149,12 @@ std::string verdictSentence(const StreamVerdict& verdict, const StreamSummary& s
     std::unreachable();
 }
 
+std::string incompleteText(const TLSDecryptionReport& report)
+{
+    std::vector<std::string> texts;
+    if (!stopText(report.client).empty()) texts.push_back(openedText("client", report.client));
+    if (!stopText(report.server).empty()) texts.push_back(openedText("server", report.server));
+    return fmt::format("{}", fmt::join(texts, "; "));
+}
+
 }  // namespace sealscope::cli

@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -25,30 +26,6 @@ struct TLSDecryptionOutcome {
     static constexpr TLSDecryptionOutcome notDecrypted(TLSDecryptionFailure failure) { return {failure}; }
     bool isDecrypted() const { return !failure; }
     bool operator==(const TLSDecryptionOutcome&) const = default;
-};
-
-/// The application data of one protected record. The bytes are lent until the reader moves on.
-struct PlaintextRecord {
-    DataView plaintext;
-    ByteRange body;  ///< of the record's body in the captured direction's data
-};
-
-/// Opens one direction of a stream, a record at a time and without keeping any: a stream larger than memory can be read.
-/// Used by one thread at a time; keeps what it needs of the stream.
-class PlaintextReader {
-public:
-    virtual ~PlaintextReader() = default;
-    /// The next record whose plaintext is application data and not empty; nothing after the last.
-    virtual std::optional<PlaintextRecord> next() = 0;
-};
-
-/// Takes the plaintext of a stream as it opens.
-class PlaintextSink {
-public:
-    virtual ~PlaintextSink() = default;
-    /// One record of a direction, in stream order. The bytes are lent for the call. `record` is the byte range of the
-    /// record's body in the captured direction. False ends the direction.
-    virtual bool plaintext(TCPSegment::Direction direction, DataView bytes, ByteRange record) = 0;
 };
 
 /// An alert that a side sent in the clear (RFC 8446 §6).
@@ -84,6 +61,38 @@ struct TLSDirectionReport {
     std::int64_t plaintextBytes = 0;      ///< of application data
     std::optional<TLSAlertReport> alert;  ///< the first that the direction holds in the clear; looked for where no data opens
     bool operator==(const TLSDirectionReport&) const = default;
+};
+
+/// The application data of one protected record. The bytes are lent until the reader moves on.
+struct PlaintextRecord {
+    DataView plaintext;
+    ByteRange body;  ///< of the record's body in the captured direction's data
+};
+
+/// Opens one direction of a stream, a record at a time and without keeping any: a stream larger than memory can be read.
+/// Used by one thread at a time; keeps what it needs of the stream.
+class PlaintextReader {
+public:
+    /// A record's body has no more bytes (RFC 8446 §5.1: 16 bits hold its length).
+    static constexpr std::int64_t largestRecord = 65'535;
+
+    virtual ~PlaintextReader() = default;
+    /// The next record whose plaintext is application data and not empty; nothing after the last.
+    std::optional<PlaintextRecord> next() { return next({}); }
+    /// The same, opened into `room`, which has place for `largestRecord` bytes, and stays there; a buffer of the reader's own
+    /// when it is empty.
+    virtual std::optional<PlaintextRecord> next(std::span<std::uint8_t> room) = 0;
+    /// How far the direction opened; asked after the last record. Nothing when the reader does not know.
+    virtual std::optional<TLSDirectionReport> report() { return std::nullopt; }
+};
+
+/// Takes the plaintext of a stream as it opens.
+class PlaintextSink {
+public:
+    virtual ~PlaintextSink() = default;
+    /// One record of a direction, in stream order. The bytes are lent for the call. `record` is the byte range of the
+    /// record's body in the captured direction. False ends the direction.
+    virtual bool plaintext(TCPSegment::Direction direction, DataView bytes, ByteRange record) = 0;
 };
 
 /// A key log label, and the length of its secret where a key log has one for the connection.

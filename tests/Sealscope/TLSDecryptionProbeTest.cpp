@@ -261,6 +261,20 @@ TEST(TLSDecryptionProbe, ReadsPlaintextRecordByRecord)
     }
     EXPECT_EQ(texts, (std::vector<std::string>{"one", "three"}));
     EXPECT_FALSE(reader->next());
+    EXPECT_EQ(reader->report(), probe.report(vectorStream(session.flights), true)->client) << "and knows how far it came";
+    EXPECT_EQ(reader->report()->stop, TLSDirectionReport::Stop::keyUpdate);
+
+    // Opened where the caller wants it, one behind another.
+    std::vector<std::uint8_t> room(8 + PlaintextReader::largestRecord);
+    reader = probe.plaintextReader(vectorStream(session.flights, {.segmentSize = 7, .isScattered = true}), client);
+    for (std::size_t size = 0; const char* text : {"one", "three"}) {
+        const auto record = reader->next(std::span(room).subspan(size));
+        ASSERT_TRUE(record);
+        EXPECT_EQ(record->plaintext.data(), room.data() + size);
+        EXPECT_EQ(record->plaintext.text(), text);
+        size += static_cast<std::size_t>(record->plaintext.size());
+    }
+    EXPECT_EQ(DataView(room).sub(0, 8).text(), "onethree");
 
     struct Sink final : PlaintextSink {
         bool plaintext(Direction direction, DataView bytes, ByteRange) override

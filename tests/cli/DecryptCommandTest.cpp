@@ -266,6 +266,42 @@ TEST(DecryptCommand, PutsSecretsIntoACaptureAndTakesThemOutAgain)
         EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
 }
 
+TEST(DecryptCommand, SaysWhereADirectionStops)
+{
+    const TempDirectory directory;
+    // As much as is opened on one thread and written on another.
+    const TLSSession session = runTLS(
+        {}, {clientSends("all of it"), serverSends(patternBytes(6'000'000)), serverDoes(TLSStep::Action::updateKey), serverSends("rest")});
+    const std::string capture = directory.write("capture.pcap", pcapFile(packets(tcpSegments(session.flights))));
+    std::string serverOnly = session.keyLog;
+    serverOnly.replace(serverOnly.find("CLIENT_TRAFFIC_SECRET_0"), 6, "OTHERS");
+    struct Case {
+        std::string keyLog;
+        std::string text;
+        const char* clientStop;
+    };
+    const Case cases[] = {
+        {session.keyLog, "stream-0-client.bin, " + directory.file("stream-0-server.bin") + ", server ", "endOfData"},
+        {serverOnly, "stream-0-server.bin, client 0 of 2 records, 0 bytes, the key log lacks this direction's secret; server ", "noSecret"},
+    };
+    for (const auto& [text, sentence, clientStop] : cases) {
+        const std::string keyLog = directory.write("keys.txt", text);
+        const std::vector<std::string> arguments{"decrypt", "--force", "-k", keyLog, "--output", directory.path().string(), capture};
+        const ProgramResult result = sealscope(arguments);
+        EXPECT_EQ(result.errors, "");
+        EXPECT_THAT(result.output, testing::HasSubstr(sentence));
+        EXPECT_THAT(result.output, testing::HasSubstr("6000000 bytes, up to byte "));
+        EXPECT_THAT(result.output, testing::HasSubstr(", where a key update changed the key"));
+        EXPECT_TRUE(readFile(directory.path() / "stream-0-server.bin") == patternBytes(6'000'000));
+        auto withJSON = arguments;
+        withJSON.emplace_back("--json");
+        const json reason = jsonLines(sealscope(withJSON).output).at(0)["reason"];
+        EXPECT_EQ(reason["server"]["stop"], "keyUpdate");
+        EXPECT_EQ(reason["server"]["plaintextBytes"], 6'000'000);
+        EXPECT_EQ(reason["client"]["stop"], clientStop);
+    }
+}
+
 TEST(DecryptCommand, SaysThatNothingDecrypts)
 {
     const TempDirectory directory;
