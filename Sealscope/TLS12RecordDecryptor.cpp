@@ -130,7 +130,7 @@ TLS12RecordDecryptor::Opener::Opener(const DirectionKeys& keys, AEADCipher ciphe
     : cipher_(cipher), fixedIV_(keys.fixedIV), aead_(cipher, keys.key.bytes())
 {}
 
-std::optional<std::int64_t> TLS12RecordDecryptor::Opener::open(std::uint64_t sequence, std::uint16_t version, DataView payload,
+std::optional<std::int64_t> TLS12RecordDecryptor::Opener::open(std::uint64_t sequence, std::uint16_t version, const ScatteredView& payload,
                                                                std::uint8_t* plaintext)
 {
     const bool isGCM = cipher_ == AEADCipher::aesGCM;
@@ -139,13 +139,17 @@ std::optional<std::int64_t> TLS12RecordDecryptor::Opener::open(std::uint64_t seq
     if (length < 0) return std::nullopt;
 
     nonce_.assign(fixedIV_.begin(), fixedIV_.end());
-    if (isGCM)
-        nonce_.insert(nonce_.end(), payload.begin(), payload.begin() + explicitNonceLength);
-    else if (nonce_.size() == 12)
+    if (isGCM) {
+        nonce_.resize(nonce_.size() + explicitNonceLength);
+        payload.copy(std::span(nonce_).last(explicitNonceLength));
+    } else if (nonce_.size() == 12) {
         mixSequence(nonce_, sequence);
+    }
+    std::array<std::uint8_t, AEADOpener::tagSize> tag;
+    payload.from(prefix + length).copy(tag);
     constexpr auto contentType = std::to_underlying(TLSContentType::applicationData);
     const auto header = additionalData(sequence, contentType, version, static_cast<std::uint16_t>(length));
-    const bool isOpen = aead_.open(nonce_, DataView(header), payload.sub(prefix, length), payload.from(prefix + length), plaintext);
+    const bool isOpen = aead_.open(nonce_, DataView(header), payload.sub(prefix, length), DataView(tag), plaintext);
     return isOpen ? std::optional(length) : std::nullopt;
 }
 
@@ -166,7 +170,7 @@ std::optional<Data> TLS12RecordDecryptor::decrypt(const TLS12Record& record, con
                                                   AEADCipher cipher)
 {
     std::vector<std::uint8_t> plaintext(static_cast<std::size_t>(record.payload.size()));
-    const auto length = Opener(keys, cipher).open(sequence, record.version, record.payload, plaintext.data());
+    const auto length = Opener(keys, cipher).open(sequence, record.version, record.payload.view(), plaintext.data());
     if (!length) return std::nullopt;
     plaintext.resize(static_cast<std::size_t>(*length));
     return Data(std::move(plaintext));
@@ -180,7 +184,7 @@ std::vector<TLS12DecryptedRecord> TLS12RecordDecryptor::decryptDirection(const s
     for (const TLS12Record& record : records) {
         if (!walk.advance(record.contentType)) continue;
         std::vector<std::uint8_t> plaintext(static_cast<std::size_t>(record.payload.size()));
-        const auto length = walk.open(record.version, record.payload, plaintext.data());
+        const auto length = walk.open(record.version, record.payload.view(), plaintext.data());
         if (!length) continue;
         plaintext.resize(static_cast<std::size_t>(*length));
         opened.push_back({Data(std::move(plaintext)), record.packetIds, record.timestamp});

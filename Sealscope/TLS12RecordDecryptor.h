@@ -83,7 +83,7 @@ public:
 
     /// Opens a record's payload into `plaintext`, which has room for as many bytes as the payload has, and returns how many
     /// the plaintext has; nothing when the record is too short or does not authenticate.
-    std::optional<std::int64_t> open(std::uint64_t sequence, std::uint16_t version, DataView payload, std::uint8_t* plaintext);
+    std::optional<std::int64_t> open(std::uint64_t sequence, std::uint16_t version, const ScatteredView& payload, std::uint8_t* plaintext);
 
 private:
     AEADCipher cipher_;
@@ -99,7 +99,7 @@ public:
 
     /// Moves on to a direction's next record. True when it is protected application data, which `open` opens.
     bool advance(std::uint8_t contentType);
-    std::optional<std::int64_t> open(std::uint16_t version, DataView payload, std::uint8_t* plaintext)
+    std::optional<std::int64_t> open(std::uint16_t version, const ScatteredView& payload, std::uint8_t* plaintext)
     {
         return opener_.open(sequence_ - 1, version, payload, plaintext);
     }

@@ -5,6 +5,7 @@
 #include "Sealscope/TLSNames.h"
 #include "platform/HKDF.h"
 
+#include <array>
 #include <utility>
 
 namespace sealscope {
@@ -86,14 +87,16 @@ std::optional<std::pair<std::uint8_t, DataView>> TLS13RecordDecryptor::innerPlai
     return std::pair(bytes[typeAt], bytes.sub(0, typeAt));
 }
 
-std::optional<TLS13RecordDecryptor::Opener::Opened> TLS13RecordDecryptor::Opener::open(DataView header, DataView body,
+std::optional<TLS13RecordDecryptor::Opener::Opened> TLS13RecordDecryptor::Opener::open(DataView header, const ScatteredView& body,
                                                                                        std::uint8_t* plaintext)
 {
     const std::int64_t length = body.size() - AEADOpener::tagSize;
     if (length < 0) return std::nullopt;
     nonce_.assign(iv_.begin(), iv_.end());
     TLS12RecordDecryptor::mixSequence(nonce_, sequence_);
-    if (!aead_.open(nonce_, header, body.sub(0, length), body.from(length), plaintext)) return std::nullopt;
+    std::array<std::uint8_t, AEADOpener::tagSize> tag;
+    body.from(length).copy(tag);
+    if (!aead_.open(nonce_, header, body.sub(0, length), DataView(tag), plaintext)) return std::nullopt;
     const auto inner = innerPlaintext({plaintext, length});
     if (!inner) return std::nullopt;
     ++sequence_;
@@ -118,7 +121,7 @@ std::optional<TLS13RecordDecryptor::Walk> TLS13RecordDecryptor::Walk::begin(std:
 // A record that one of the two keys opens the other does not, so it makes no difference which is tried first. The handshake
 // keys come first until a Finished message, their last, went by: trying them on a long record of data costs as much as opening
 // it.
-std::optional<TLS13RecordDecryptor::Opener::Opened> TLS13RecordDecryptor::Walk::open(DataView header, DataView body,
+std::optional<TLS13RecordDecryptor::Opener::Opened> TLS13RecordDecryptor::Walk::open(DataView header, const ScatteredView& body,
                                                                                      std::uint8_t* plaintext)
 {
     // Too short for a tag: no key is given up over it.
@@ -150,7 +153,7 @@ std::optional<std::vector<TLS13DecryptedRecord>> TLS13RecordDecryptor::decryptRe
     std::vector<TLS13DecryptedRecord> decrypted;
     for (const TLS13CipherRecord& record : records) {
         std::vector<std::uint8_t> plaintext(static_cast<std::size_t>(record.body.size()));
-        const auto opened = walk->open(record.header, record.body, plaintext.data());
+        const auto opened = walk->open(record.header, record.body.view(), plaintext.data());
         if (!opened) break;
         plaintext.resize(static_cast<std::size_t>(opened->length));
         decrypted.push_back({opened->innerType, Data(std::move(plaintext)), record.packetIds, record.timestamp});

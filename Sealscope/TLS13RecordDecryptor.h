@@ -82,7 +82,7 @@ public:
 
     /// Opens the record that follows those opened before into `plaintext`, which has room for as many bytes as the body has.
     /// A record that does not open leaves the sequence number as it is.
-    std::optional<Opened> open(DataView header, DataView body, std::uint8_t* plaintext);
+    std::optional<Opened> open(DataView header, const ScatteredView& body, std::uint8_t* plaintext);
 
 private:
     SecretBytes iv_;
@@ -99,7 +99,7 @@ public:
                                      const TLS13SuiteParameters& suite);
 
     /// Opens the direction's next protected record as `Opener` does; nothing ends the walk.
-    std::optional<Opener::Opened> open(DataView header, DataView body, std::uint8_t* plaintext);
+    std::optional<Opener::Opened> open(DataView header, const ScatteredView& body, std::uint8_t* plaintext);
 
 private:
     Walk(Opener application, std::int64_t hashSize) : application_(std::move(application)), hashSize_(hashSize) {}

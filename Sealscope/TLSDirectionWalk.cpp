@@ -118,7 +118,7 @@ const TLSFraming& TLSDirectionWalk::passToEnd()
     return framing_;
 }
 
-std::optional<TLS13RecordDecryptor::Opener::Opened> TLSDirectionWalk::open(DataView body, std::uint8_t* target)
+std::optional<TLS13RecordDecryptor::Opener::Opened> TLSDirectionWalk::open(const ScatteredView& body, std::uint8_t* target)
 {
     if (auto* walk = std::get_if<TLS12RecordDecryptor::Walk>(&records_)) {
         const auto length = walk->open(record_.version(), body, target);
@@ -134,7 +134,8 @@ std::optional<TLS13RecordDecryptor::Opener::Opened> TLSDirectionWalk::open(DataV
 TLSDirectionWalk::Step TLSDirectionWalk::next(std::uint8_t* target)
 {
     if (hasEnded_ || !moveToProtectedRecord()) return Step::end;
-    const DataView body = data_->gather(record_.bodyOffset, record_.declaredLength, gathered_);
+    data_->findStretches(record_.bodyOffset, record_.declaredLength, stretches_);
+    const ScatteredView body(stretches_);
     if (!target) {
         if (bufferSize_ < body.size()) {
             bufferSize_ = std::max(body.size(), usualRecord);

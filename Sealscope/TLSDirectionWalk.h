@@ -60,7 +60,7 @@ private:
 
     bool moveToProtectedRecord();
     bool isProtected(const TLSRecord& record);
-    std::optional<TLS13RecordDecryptor::Opener::Opened> open(DataView body, std::uint8_t* target);
+    std::optional<TLS13RecordDecryptor::Opener::Opened> open(const ScatteredView& body, std::uint8_t* target);
 
     const StreamData* data_;
     StreamReader reader_;
@@ -71,7 +71,7 @@ private:
     bool hasEnded_ = false;  ///< nothing more is opened
     std::uint8_t innerType_ = 0;
     DataView plaintext_;
-    std::vector<std::uint8_t> gathered_;
+    std::vector<DataView> stretches_;
     std::unique_ptr<std::uint8_t[]> buffer_;
     std::int64_t bufferSize_ = 0;
 };

@@ -2,9 +2,11 @@
 #pragma once
 
 #include "platform/Data.h"
+#include "platform/ScatteredView.h"
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 struct evp_cipher_ctx_st;
 
@@ -26,7 +28,8 @@ public:
     /// Opens into `plaintext`, which has room for as many bytes as the ciphertext has and does not touch it. False when the
     /// message does not authenticate, or key, nonce or tag have no length that the algorithm takes; what then stands in
     /// `plaintext` means nothing.
-    [[nodiscard]] bool open(DataView nonce, DataView additionalData, DataView ciphertext, DataView tag, std::uint8_t* plaintext);
+    [[nodiscard]] bool open(DataView nonce, DataView additionalData, const ScatteredView& ciphertext, DataView tag,
+                            std::uint8_t* plaintext);
 
 private:
     struct Free {
@@ -34,13 +37,15 @@ private:
     };
     bool begin(DataView nonce, DataView tag);
     bool beginNext(DataView nonce, DataView tag);
-    bool finish(DataView additionalData, DataView ciphertext, std::uint8_t* plaintext);
+    bool finish(DataView additionalData, const ScatteredView& ciphertext, std::uint8_t* plaintext);
+    bool decrypt(const ScatteredView& ciphertext, std::uint8_t* plaintext);
 
     AEADAlgorithm algorithm_;
     std::int64_t nonceSize_ = 12;
     bool hasBegun_ = false;
     bool nextIsProven_ = false;
     std::unique_ptr<evp_cipher_ctx_st, Free> context_;  ///< null when the key cannot be used
+    std::vector<std::uint8_t> gathered_;
 };
 
 }  // namespace sealscope SEALSCOPE_API

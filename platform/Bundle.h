@@ -55,4 +55,4 @@ private:
 /// "C" and "POSIX" locales. "de_AT.UTF-8" gives "de_AT" and then "de".
 std::vector<std::string> preferredLanguages();
 
-}  // namespace sealscope
+}  // namespace sealscope SEALSCOPE_API

@@ -23,4 +23,4 @@ std::optional<std::string> fillFormat(std::string_view format, std::initializer_
 /// The translated format filled, or the original where the translation does not fit the arguments.
 std::string fillLocalizedFormat(std::string_view translated, std::string_view original, std::initializer_list<FormatArgument> arguments);
 
-}  // namespace sealscope
+}  // namespace sealscope SEALSCOPE_API

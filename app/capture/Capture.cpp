@@ -101,7 +101,7 @@ public:
         if (kept_) {
             if (const auto room = kept_->room(bytes.size())) {
                 const CaptureAddress address = firstKeptAddress + kept_->bytes().size();
-                std::ranges::copy(bytes, room->begin());
+                std::copy(bytes.begin(), bytes.end(), room->begin());
                 kept_->commit(bytes.size());
                 return address;
             } else {

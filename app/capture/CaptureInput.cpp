@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 #include <system_error>
+#include <thread>
 #include <unistd.h>
 #include <utility>
 
@@ -53,11 +54,48 @@ std::int64_t readSome(int descriptor, std::span<std::uint8_t> target)
     }
 }
 
-/// A file mapped in place. The bytes come forward window by window, so that pages enter in one go and leave behind the reader.
+/// Brings the pages of a mapped file into memory, window by window from the front. A second processor, where there is one,
+/// goes ahead of who reads; neither waits for the other.
+class PageSupply {
+public:
+    PageSupply(const MappedFile& file, bool goesAhead) : file_(file), size_(file.bytes().size())
+    {
+        if (!goesAhead || size_ < worthAThread || std::thread::hardware_concurrency() < 2) return;
+        helper_ = std::jthread([this](const std::stop_token& stop) {
+            while (!stop.stop_requested() && supplyNext()) {}
+        });
+    }
+
+    /// Sees to it that pages up to `end` are there, or on their way.
+    void supply(std::int64_t end)
+    {
+        while (next_.load(std::memory_order_relaxed) < end && supplyNext()) {}
+    }
+
+private:
+    static constexpr std::int64_t worthAThread = 16 * mappedWindow;
+
+    bool supplyNext()
+    {
+        const std::int64_t from = next_.fetch_add(mappedWindow);
+        if (from >= size_) return false;
+        file_.prefetch(from, std::min(mappedWindow, size_ - from));
+        return true;
+    }
+
+    const MappedFile& file_;
+    std::int64_t size_;
+    std::atomic<std::int64_t> next_{0};  ///< where the first window begins that nobody has taken on
+    std::jthread helper_;
+};
+
+/// A file mapped in place. The bytes come forward window by window, so that pages enter in one go. Unless all bytes are to be
+/// kept, they leave behind the reader.
 class MappedInput final : public CaptureInput {
 public:
-    MappedInput(Descriptor descriptor, std::unique_ptr<MappedFile> file)
-        : descriptor_(std::move(descriptor)), file_(std::move(file)), size_(file_->bytes().size())
+    MappedInput(Descriptor descriptor, std::unique_ptr<MappedFile> file, bool keepAll)
+        : descriptor_(std::move(descriptor)), file_(std::move(file)), size_(file_->bytes().size()), keepsAll_(keepAll),
+          pages_(std::make_unique<PageSupply>(*file_, keepAll))
     {
         start_ = at_ = end_ = file_->bytes().data();
         damage_ = &file_->isDamaged();
@@ -69,7 +107,7 @@ public:
 
     void finish() override
     {
-        file_->release(0, size());
+        pages_.reset();
         descriptor_ = Descriptor(-1, false);
     }
 
@@ -95,11 +133,11 @@ protected:
         const std::int64_t at = position(), ready = end_ - start_;
         const std::int64_t wanted = std::min(size_, std::max(at + count, ready + mappedWindow));
         if (wanted > ready) {
-            file_->prefetch(ready, wanted - ready);
+            pages_->supply(wanted);
             end_ = start_ + wanted;
         }
         // What lies more than a window back is unlikely to be looked at again soon.
-        if (const std::int64_t kept = at - mappedWindow; kept > released_) {
+        if (const std::int64_t kept = at - mappedWindow; !keepsAll_ && kept > released_) {
             file_->release(released_, kept - released_);
             released_ = kept;
         }
@@ -109,7 +147,9 @@ protected:
 private:
     Descriptor descriptor_;
     std::unique_ptr<MappedFile> file_;
-    std::int64_t size_;          // shrinks with the file
+    std::int64_t size_;  // shrinks with the file
+    bool keepsAll_;
+    std::unique_ptr<PageSupply> pages_;
     std::int64_t released_ = 0;  // pages before it were let go
 };
 
@@ -296,7 +336,7 @@ std::expected<std::unique_ptr<CaptureInput>, std::string> CaptureInput::open(con
         if (!Decompressor::recognise(DataView(head, count))) {
             // A file system without mapping still reads.
             if (auto file = MappedFile::map(descriptor.number(), status.st_size))
-                return std::make_unique<MappedInput>(std::move(descriptor), std::move(*file));
+                return std::make_unique<MappedInput>(std::move(descriptor), std::move(*file), keepAll);
         }
     }
     std::unique_ptr<SpoolFile> spool;

@@ -3,10 +3,15 @@
 
 #include "platform/Data.h"
 
+#include <algorithm>
+#include <array>
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <expected>
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace sealscope {
 
@@ -29,12 +34,17 @@ public:
     std::int64_t available() const { return end_ - at_; }
     /// Goes on behind `count` bytes that `require` made sure of.
     void consume(std::int64_t count) { at_ += count; }
-    /// Starts to bring what lies at `data()` near: the next packet's headers are far from this one's, and a processor that
-    /// meanwhile looks at this one need not wait for them.
-    void announce() const
+    /// Starts to bring near what lies at `data()`, where a packet begins, and what will be looked at a few packets later: their
+    /// headers are far from each other, and a processor that meanwhile looks at this one need not wait for them. Packets of a
+    /// transfer follow a pattern, so as many bytes lie ahead of it as the packets before it had.
+    void announce()
     {
-        __builtin_prefetch(at_);
-        __builtin_prefetch(at_ + 64);
+        const std::uint8_t* const before = std::exchange(recent_[recentAt_++ % recent_.size()], at_);
+        const std::int64_t ahead = std::clamp<std::int64_t>(at_ - before, 0, end_ - at_);
+        for (const std::uint8_t* packet : {at_, at_ + ahead}) {
+            __builtin_prefetch(packet);
+            __builtin_prefetch(packet + 64);
+        }
     }
     /// Goes on behind `count` bytes without having them in one place; false when there are fewer.
     bool skip(std::int64_t count);
@@ -68,6 +78,8 @@ protected:
     const std::uint8_t* at_ = nullptr;
     const std::uint8_t* end_ = nullptr;
     std::int64_t startPosition_ = 0;
+    std::array<const std::uint8_t*, 6> recent_{};  ///< where the last packets began
+    std::size_t recentAt_ = 0;
     const std::atomic<bool>* damage_ = nullptr;  ///< set while somebody reads bytes that are not there
     std::string failure_;
 };

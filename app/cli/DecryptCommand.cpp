@@ -96,6 +96,7 @@ private:
                     return false;
                 }
                 file.emplace(std::move(*created));
+                file->reserve(stream.data(direction).size());
             }
             opened.bytes += pack.bytes().size();
             if (file) file->write(pack.bytes());

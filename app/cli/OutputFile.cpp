@@ -53,13 +53,20 @@ std::expected<OutputFile, std::string> OutputFile::create(const std::string& pat
 
 OutputFile::OutputFile(OutputFile&& other) noexcept
     : path_(std::move(other.path_)), unfinishedPath_(std::exchange(other.unfinishedPath_, {})),
-      descriptor_(std::exchange(other.descriptor_, -1)), error_(other.error_), written_(other.written_), held_(std::move(other.held_))
+      descriptor_(std::exchange(other.descriptor_, -1)), error_(other.error_), written_(other.written_), reserved_(other.reserved_),
+      held_(std::move(other.held_))
 {}
 
 OutputFile::~OutputFile()
 {
     if (descriptor_ >= 0) close(descriptor_);
     if (!unfinishedPath_.empty()) unlink(unfinishedPath_.c_str());
+}
+
+void OutputFile::reserve(std::int64_t bytes)
+{
+    if (unfinishedPath_.empty() || bytes < largePiece) return;
+    if (fallocate(descriptor_, FALLOC_FL_KEEP_SIZE, 0, bytes) == 0) reserved_ = bytes;
 }
 
 void OutputFile::write(DataView bytes)
@@ -87,6 +94,8 @@ std::string OutputFile::finish()
 {
     writeOut(held_);
     held_.clear();
+    // What was set aside and not needed is given back.
+    if (reserved_ > written_ && ftruncate(descriptor_, written_) != 0 && error_ == 0) error_ = errno;
     // Some file systems only say here that there was no room.
     if (close(std::exchange(descriptor_, -1)) != 0 && error_ == 0) error_ = errno;
     if (error_ != 0) return errorText(error_);

@@ -22,6 +22,9 @@ public:
     OutputFile& operator=(OutputFile&&) = delete;
     ~OutputFile();
 
+    /// Has the file system set room aside for about so many bytes, which makes writing them cheaper. A hint: there may be more
+    /// or fewer of them, and less room.
+    void reserve(std::int64_t bytes);
     void write(DataView bytes);
     std::int64_t bytesWritten() const { return written_; }
     /// False when a write has failed: the rest of the work is for nothing.
@@ -42,6 +45,7 @@ private:
     int descriptor_ = -1;
     int error_ = 0;
     std::int64_t written_ = 0;
+    std::int64_t reserved_ = 0;
     std::vector<std::uint8_t> held_;  ///< small pieces, to be written as a large one
 };
 

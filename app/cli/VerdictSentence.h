@@ -6,7 +6,7 @@
 namespace sealscope {
 struct StreamSummary;
 struct TLSDecryptionReport;
-}
+}  // namespace sealscope
 
 namespace sealscope::cli {
 

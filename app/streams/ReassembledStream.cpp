@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <limits>
 #include <utility>
 
 namespace sealscope {
@@ -16,6 +17,26 @@ namespace {
 
 /// What lost bytes are read from, piece by piece.
 constexpr std::array<std::uint8_t, 16'384> zeros{};
+
+/// The rest of the file in which packets were last looked up; those that follow are most often there as well.
+class CaptureWindow {
+public:
+    explicit CaptureWindow(const Capture& capture) : capture_(capture) {}
+
+    DataView bytes(CaptureAddress address, std::int64_t count)
+    {
+        if (!bytes_.holds(address - begin_, count)) {
+            bytes_ = capture_.bytes(address, std::numeric_limits<std::int64_t>::max());
+            begin_ = address;
+        }
+        return bytes_.sub(address - begin_, count);
+    }
+
+private:
+    const Capture& capture_;
+    DataView bytes_;
+    CaptureAddress begin_ = 0;
+};
 
 /// One direction of a connection: its data, and the packets that carried it.
 class ReassembledDirection final : public StreamByteSource, public ByteLocator {
@@ -30,13 +51,11 @@ public:
 
     DataView stretch(std::int64_t offset) const override
     {
-        const Owner owner = ownerOf(offset);
-        const DataView bytes = bytesOf(owner, offset);
-        // A capture file that became shorter since it was indexed leaves nothing to show either.
-        return bytes.isEmpty() ? DataView(zeros).sub(0, owner.end - offset) : bytes;
+        CaptureWindow window(capture_);
+        return stretchOf(ownerOf(offset), offset, window);
     }
 
-    void copy(std::int64_t offset, std::span<std::uint8_t> target) const override;
+    void forEachStretch(std::int64_t offset, std::int64_t count, const std::function<void(DataView)>& visit) const override;
 
     ByteLocation locate(ByteRange range) const override
     {
@@ -73,14 +92,20 @@ private:
     Owner ownerOf(std::int64_t offset) const;
     /// The same for the offset at which what `before` owns ends: most often the next segment's.
     Owner ownerAfter(const Owner& before) const;
-    Owner owner(std::size_t run, std::uint32_t position) const;
+    Owner owner(std::size_t run, std::uint32_t position, const SegmentRecord& segment) const;
     void keepInMind(std::size_t run, std::uint32_t position) const
     {
         latest_.store(std::uint64_t{run} << 32 | position, std::memory_order_relaxed);
     }
-    DataView bytesOf(const Owner& owner, std::int64_t offset) const
+    /// What there is of an owner's bytes from an offset on; never empty.
+    static DataView stretchOf(const Owner& owner, std::int64_t offset, CaptureWindow& window)
     {
-        return owner.segment ? capture_.bytes(owner.segment->address + (offset - owner.begin), owner.end - offset) : DataView();
+        if (owner.segment) {
+            const DataView bytes = window.bytes(owner.segment->address + (offset - owner.begin), owner.end - offset);
+            // A capture file that became shorter since it was indexed leaves nothing to show either.
+            if (!bytes.isEmpty()) return bytes;
+        }
+        return DataView(zeros).sub(0, owner.end - offset);
     }
 
     /// Offset after the last byte that a segment of a run brings, counted from the run's first byte.
@@ -138,13 +163,12 @@ ReassembledDirection::Owner ReassembledDirection::ownerOf(std::int64_t offset) c
         position = low;
     }
     keepInMind(index, position);
-    return owner(index, position);
+    return owner(index, position, segments_[position]);
 }
 
-ReassembledDirection::Owner ReassembledDirection::owner(std::size_t run, std::uint32_t position) const
+ReassembledDirection::Owner ReassembledDirection::owner(std::size_t run, std::uint32_t position, const SegmentRecord& segment) const
 {
     const SegmentRun& inside = data_.runs[run];
-    const SegmentRecord& segment = segments_[position];
     const std::int64_t begin = inside.offset + sequenceDistance(inside.number, segment.dataNumber());
     return {.segment = &segment,
             .begin = begin,
@@ -158,22 +182,25 @@ ReassembledDirection::Owner ReassembledDirection::ownerAfter(const Owner& before
     if (!before.segment) return ownerOf(before.end);
     const SegmentRun& run = data_.runs[before.run];
     const std::uint32_t next = before.position + 1;
-    const bool isNext =
-        before.end < run.end() && next < run.first + run.count && run.offset + endInRun(run, segments_[next]) > before.end;
-    return isNext ? owner(before.run, next) : ownerOf(before.end);
+    if (before.end == run.end() || next == run.first + run.count) return ownerOf(before.end);
+    const SegmentRecord& segment = segments_[next];
+    return run.offset + endInRun(run, segment) > before.end ? owner(before.run, next, segment) : ownerOf(before.end);
 }
 
-void ReassembledDirection::copy(std::int64_t offset, std::span<std::uint8_t> target) const
+void ReassembledDirection::forEachStretch(std::int64_t offset, std::int64_t count, const std::function<void(DataView)>& visit) const
 {
-    for (Owner at = ownerOf(offset);; at = ownerAfter(at)) {
-        const std::int64_t count = std::min(at.end - offset, std::ssize(target));
-        // Lost bytes are zeros, and so are those of a capture file that became shorter since it was indexed.
-        const auto end = std::ranges::copy(bytesOf(at, offset).sub(0, count), target.begin()).out;
-        target = target.subspan(static_cast<std::size_t>(count));
-        std::fill(end, target.begin(), std::uint8_t{0});
-        offset += count;
-        if (target.empty()) return keepInMind(at.run, at.position);
+    if (count <= 0) return;
+    const std::int64_t upper = offset + count;
+    CaptureWindow window(capture_);
+    Owner at = ownerOf(offset);
+    while (true) {
+        const DataView bytes = stretchOf(at, offset, window).sub(0, upper - offset);
+        visit(bytes);
+        offset += bytes.size();
+        if (offset == upper) break;
+        if (offset == at.end) at = ownerAfter(at);
     }
+    if (at.segment) keepInMind(at.run, at.position);
 }
 
 std::int64_t ReassembledDirection::contradictingBytes() const

@@ -2,9 +2,13 @@
 #include "Sealscope/TLSDecryptionProbe.h"
 #include "Sealscope/TLSDirectionWalk.h"
 #include "Sealscope/TLSStreamDecryption.h"
+#include "app/session/Session.h"
 #include "tests/Sealscope/WithKeyLog.h"
+#include "tests/support/CaptureFile.h"
 #include "tests/support/Hex.h"
+#include "tests/support/PacketPath.h"
 #include "tests/support/TLSSession.h"
+#include "tests/support/TempDirectory.h"
 #include "tests/support/VectorStream.h"
 
 #include <benchmark/benchmark.h>
@@ -38,18 +42,27 @@ struct Transfer {
     std::int64_t plaintextBytes = 0;
 };
 
-/// One connection whose server sends two megabytes in records of `recordLength`.
-Transfer transfer(const Suite& suite, std::int64_t recordLength, bool isScattered)
+/// The connection as a capture file has it: its bytes lie packet by packet.
+TCPStream capturedStream(const std::vector<TLSFlight>& flights)
+{
+    const TempDirectory directory;
+    const std::string file = directory.write("capture.pcap", pcapFile(packets(tcpSegments(flights))));
+    return Session::open({.files = {file}}).value()->stream(0);
+}
+
+/// One connection whose server sends eight megabytes in records of `recordLength`.
+Transfer transfer(const Suite& suite, std::int64_t recordLength, bool isCaptured)
 {
     const TLSSessionOptions options{.version = suite.version, .suites = suite.name, .maximumFragment = static_cast<int>(recordLength)};
     TLSConversation conversation(options);
     if (!conversation.handshake()) std::abort();
     std::vector<std::uint8_t> wire;
-    const Data payload = patternBytes(recordLength * (2'097'152 / recordLength));
+    const Data payload = patternBytes(recordLength * (8'388'608 / recordLength));
     conversation.seal(server, payload, wire);
     TLSSession session = conversation.session();
     session.flights.push_back({server, Data(std::move(wire)), {}});
-    Transfer result{vectorStream(session.flights, {.isScattered = isScattered}), TLSKeyLog(session.keyLog), {}, payload.size()};
+    Transfer result{
+        isCaptured ? capturedStream(session.flights) : vectorStream(session.flights), TLSKeyLog(session.keyLog), {}, payload.size()};
     result.context = TLSStreamDecryption::context(result.stream).value();
     return result;
 }
@@ -106,10 +119,10 @@ void suitesAndLengths(benchmark::internal::Benchmark* benchmark)
 
 BENCHMARK(bareCipher)->Apply(suitesAndLengths);
 BENCHMARK(openRecords)->Apply([](auto* benchmark) {
-    benchmark->ArgNames({"suite", "recordLength", "scattered"});
+    benchmark->ArgNames({"suite", "recordLength", "captured"});
     for (int suite = 0; suite < static_cast<int>(std::size(suites)); ++suite)
         for (const int length : {1'350, 16'384})
-            for (const int scattered : {0, 1}) benchmark->Args({suite, length, scattered});
+            for (const int captured : {0, 1}) benchmark->Args({suite, length, captured});
 });
 BENCHMARK(decryptToMemory)->Apply(suitesAndLengths);
 

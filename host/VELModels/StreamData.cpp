@@ -6,25 +6,37 @@
 
 namespace sealscope {
 
-void StreamByteSource::copy(std::int64_t offset, std::span<std::uint8_t> target) const
+void StreamByteSource::forEachStretch(std::int64_t offset, std::int64_t count, const std::function<void(DataView)>& visit) const
 {
-    while (!target.empty()) {
-        const DataView part = stretch(offset).sub(0, std::ssize(target));
-        std::ranges::copy(part, target.begin());
-        target = target.subspan(static_cast<std::size_t>(part.size()));
+    while (count > 0) {
+        const DataView part = stretch(offset).sub(0, count);
+        visit(part);
         offset += part.size();
+        count -= part.size();
     }
+}
+
+void StreamData::findStretches(std::int64_t from, std::int64_t count, std::vector<DataView>& stretches) const
+{
+    from = std::clamp<std::int64_t>(from, 0, size_);
+    count = std::clamp<std::int64_t>(count, 0, size_ - from);
+    stretches.clear();
+    if (source_)
+        source_->forEachStretch(from, count, [&](DataView part) { stretches.push_back(part); });
+    else
+        stretches.push_back(whole_.view().sub(from, count));
 }
 
 std::int64_t StreamData::copy(std::int64_t offset, std::span<std::uint8_t> target) const
 {
     if (offset < 0 || offset >= size_) return 0;
     const std::int64_t count = std::min(size_ - offset, std::ssize(target));
-    target = target.first(static_cast<std::size_t>(count));
+    std::uint8_t* next = target.data();
+    const auto append = [&](DataView part) { next = std::copy(part.begin(), part.end(), next); };
     if (source_)
-        source_->copy(offset, target);
+        source_->forEachStretch(offset, count, append);
     else
-        std::ranges::copy(whole_.view().sub(offset, count), target.begin());
+        append(whole_.view().sub(offset, count));
     return count;
 }
 
@@ -32,18 +44,11 @@ DataView StreamData::gather(std::int64_t from, std::int64_t count, std::vector<s
 {
     from = std::clamp<std::int64_t>(from, 0, size_);
     count = std::clamp<std::int64_t>(count, 0, size_ - from);
-    if (source_ && std::cmp_less(scratch.size(), count)) scratch.resize(static_cast<std::size_t>(count));
-    return gather(from, count, scratch.data());
-}
-
-DataView StreamData::gather(std::int64_t from, std::int64_t count, std::uint8_t* scratch) const
-{
-    from = std::clamp<std::int64_t>(from, 0, size_);
-    count = std::clamp<std::int64_t>(count, 0, size_ - from);
     const DataView here = stretch(from);
     if (here.size() >= count) return here.sub(0, count);
-    source_->copy(from, {scratch, static_cast<std::size_t>(count)});
-    return {scratch, count};
+    scratch.resize(static_cast<std::size_t>(count));
+    copy(from, scratch);
+    return scratch;
 }
 
 Data StreamData::slice(std::int64_t from, std::int64_t count) const

@@ -4,6 +4,7 @@
 #include "platform/Data.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <vector>
@@ -17,9 +18,9 @@ public:
     /// The longest stretch of bytes in one place that begins at `offset`, for an offset inside the direction's data;
     /// never empty. The bytes live as long as the source.
     virtual DataView stretch(std::int64_t offset) const = 0;
-    /// Copies the bytes from `offset` on; all of them lie inside the direction's data. A source that knows where its bytes
-    /// lie does better than to look for each stretch anew.
-    virtual void copy(std::int64_t offset, std::span<std::uint8_t> target) const;
+    /// Calls `visit` with one stretch after another until `count` bytes from `offset` on, all inside the direction's data, are
+    /// through. A source that knows where its bytes lie does better than to look for each stretch anew.
+    virtual void forEachStretch(std::int64_t offset, std::int64_t count, const std::function<void(DataView)>& visit) const;
 };
 
 /// One direction's reassembled bytes, in sequence order. They stay where the capture has them, packet by packet, and
@@ -45,8 +46,9 @@ public:
     Data slice(std::int64_t from, std::int64_t count) const;
     /// The same without the cost of sharing: a view of the bytes where they lie, or of `scratch`, into which they were gathered.
     DataView gather(std::int64_t from, std::int64_t count, std::vector<std::uint8_t>& scratch) const;
-    /// The same with a `scratch` that has room for `count` bytes.
-    DataView gather(std::int64_t from, std::int64_t count, std::uint8_t* scratch) const;
+    /// The same without gathering: the stretches in which `count` bytes from `offset` lie, cut to the data, in place of what
+    /// `stretches` held.
+    void findStretches(std::int64_t from, std::int64_t count, std::vector<DataView>& stretches) const;
     /// Copies the bytes from `offset` that fit into `target`; returns how many there were.
     std::int64_t copy(std::int64_t offset, std::span<std::uint8_t> target) const;
     /// All bytes in one place. Costs a copy of captured data.
