@@ -108,6 +108,27 @@ TEST(AEAD, OpensPublishedVectors)
     }
 }
 
+TEST(AEAD, OpensWhatLiesInPieces)
+{
+    for (const auto& [name, algorithm, key, nonce, additionalData, plaintext, ciphertext, tag] : vectors()) {
+        AEADOpener opener(algorithm, key);
+        for (const std::int64_t length : {1, 7, 16, 17, 31}) {
+            // A prefix that is not meant, an empty piece, and pieces of one length.
+            const DataView whole = ciphertext;
+            std::vector<DataView> pieces{nonce.view().sub(0, 5), {}};
+            for (std::int64_t at = 0; at < whole.size(); at += length) pieces.push_back(whole.sub(at, length));
+            pieces.push_back(tag);
+            const ScatteredView all(pieces);
+            std::vector<std::uint8_t> opened(static_cast<std::size_t>(whole.size()));
+            EXPECT_TRUE(opener.open(nonce, additionalData, all.sub(5, whole.size()), tag, opened.data())) << name << ", " << length;
+            EXPECT_EQ(DataView(opened), plaintext) << name << ", " << length;
+            std::vector<std::uint8_t> behind(16);
+            all.from(5 + whole.size()).copy(behind);
+            EXPECT_EQ(DataView(behind), tag) << name << ", " << length;
+        }
+    }
+}
+
 Data withFlippedBit(const Data& bytes, std::int64_t at)
 {
     std::vector<std::uint8_t> changed(bytes.view().begin(), bytes.view().end());

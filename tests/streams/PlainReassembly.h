@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "platform/ScatteredView.h"
 #include "tests/streams/ScriptedCapture.h"
 
 #include <algorithm>
@@ -64,6 +65,16 @@ public:
             if (location.timestamp != time(byte->second.packetId)) return fmt::format("time of byte {}", offset);
             packets.add(byte->second.packetId);
             all.timestamp = std::min(all.timestamp.value_or(*location.timestamp), *location.timestamp);
+        }
+        std::vector<DataView> stretches;
+        for (std::int64_t offset = 0; offset < size; offset += 1 + size / 64) {
+            data.findStretches(offset, 100, stretches);
+            const ScatteredView found(stretches);
+            if (found.size() != std::min<std::int64_t>(100, size - offset)) return fmt::format("size of the stretches at {}", offset);
+            std::vector<std::uint8_t> bytes(static_cast<std::size_t>(found.size()));
+            found.copy(bytes);
+            if (DataView(bytes) != DataView(gathered).sub(offset, 100)) return fmt::format("stretches at {}", offset);
+            if (data.stretch(offset).u8(0) != gathered[static_cast<std::size_t>(offset)]) return fmt::format("stretch at {}", offset);
         }
         if (!(stream.locate({0, size}, TCPSegment::Direction::clientToServer) == all)) return "packets of all bytes";
         if (measures.missingBytes != missing) return fmt::format("missing {}, expected {}", measures.missingBytes, missing);
