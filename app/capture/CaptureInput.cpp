@@ -55,25 +55,36 @@ std::int64_t readSome(int descriptor, std::span<std::uint8_t> target)
 }
 
 /// Brings the pages of a mapped file into memory, window by window from the front. A second processor, where there is one,
-/// goes ahead of who reads; neither waits for the other.
+/// goes ahead of who reads, who does not wait for it.
 class PageSupply {
 public:
     PageSupply(const MappedFile& file, bool goesAhead) : file_(file), size_(file.bytes().size())
     {
-        if (!goesAhead || size_ < worthAThread || std::thread::hardware_concurrency() < 2) return;
-        helper_ = std::jthread([this](const std::stop_token& stop) {
-            while (!stop.stop_requested() && supplyNext()) {}
+        if (!goesAhead || size_ < farthestAhead || std::thread::hardware_concurrency() < 2) return;
+        helper_ = std::thread([this] {
+            do {
+                for (std::int64_t reached = reached_; next_ > reached + farthestAhead; reached = reached_) reached_.wait(reached);
+            } while (supplyNext());
         });
     }
+    ~PageSupply()
+    {
+        next_ = size_;
+        tell(size_);
+        if (helper_.joinable()) helper_.join();
+    }
+    PageSupply(const PageSupply&) = delete;
+    PageSupply& operator=(const PageSupply&) = delete;
 
     /// Sees to it that pages up to `end` are there, or on their way.
     void supply(std::int64_t end)
     {
-        while (next_.load(std::memory_order_relaxed) < end && supplyNext()) {}
+        while (next_ < end && supplyNext()) {}
+        tell(end);
     }
 
 private:
-    static constexpr std::int64_t worthAThread = 16 * mappedWindow;
+    static constexpr std::int64_t farthestAhead = 16 * mappedWindow;
 
     bool supplyNext()
     {
@@ -82,11 +93,17 @@ private:
         file_.prefetch(from, std::min(mappedWindow, size_ - from));
         return true;
     }
+    void tell(std::int64_t reached)
+    {
+        reached_ = reached;
+        reached_.notify_one();
+    }
 
     const MappedFile& file_;
     std::int64_t size_;
-    std::atomic<std::int64_t> next_{0};  ///< where the first window begins that nobody has taken on
-    std::jthread helper_;
+    std::atomic<std::int64_t> next_{0};     ///< where the first window begins that nobody has taken on
+    std::atomic<std::int64_t> reached_{0};  ///< by who reads
+    std::thread helper_;
 };
 
 /// A file mapped in place. The bytes come forward window by window, so that pages enter in one go. Unless all bytes are to be

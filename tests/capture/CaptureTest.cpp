@@ -490,6 +490,33 @@ TEST(Capture, SurvivesAFileThatBecomesShorter)
     }
 }
 
+// So large that another thread brings the pages in ahead of the reading one.
+TEST(Capture, ReadsALargeFile)
+{
+    constexpr std::int64_t frameSize = 60'000;
+    std::vector<CapturePacket> packets;
+    for (int i = 0; i < 2'000; ++i) packets.push_back({.time = start + i * second, .frame = patternBytes(frameSize, i % 7)});
+    const Data file = pcapFile(packets);
+    for (const std::int64_t size : {file.size(), file.size() / 2, std::int64_t{100}}) {
+        const TempDirectory directory;
+        const std::string path = directory.write("capture", file);
+        auto capture = Capture::open({path}, {.randomAccess = true});
+        ASSERT_TRUE(capture);
+        CapturedPacket packet;
+        std::vector<CaptureAddress> addresses;
+        while ((*capture)->next(packet)) {
+            addresses.push_back(packet.address);
+            if (addresses.size() == 10 && size < file.size()) std::filesystem::resize_file(path, static_cast<std::uintmax_t>(size));
+        }
+        EXPECT_EQ((*capture)->errors().size(), size < file.size() ? 1u : 0u) << size;
+        EXPECT_LE(std::ssize(addresses), std::max<std::int64_t>(size / frameSize, 10)) << size;
+        for (std::size_t i = 0; i < addresses.size(); i += 10) {
+            if (addresses[i] + frameSize > size) continue;
+            EXPECT_TRUE((*capture)->bytes(addresses[i], frameSize) == packets[i].frame.view()) << size << ": " << i;
+        }
+    }
+}
+
 TEST(Capture, TellsOfAFileThatBecameShorterAfterwards)
 {
     const TempDirectory directory;
