@@ -186,12 +186,14 @@ private:
     {
         if (!opened.verdict) return {};
         if (!opened.verdict->outcome.isDecrypted()) return verdictSentence(*opened.verdict, opened.summary);
-        std::vector<std::string> parts;
+        std::vector<std::string_view> files;
         for (const OpenedDirection* direction : {&opened.client, &opened.server})
-            if (!direction->file.empty()) parts.push_back(direction->file);
-        if (std::string rest = opened.verdict->report ? incompleteText(*opened.verdict->report) : ""; !rest.empty())
-            parts.push_back(std::move(rest));
-        return fmt::format("{}", fmt::join(parts, ", "));
+            if (!direction->file.empty()) files.push_back(direction->file);
+        std::vector<std::string> parts;
+        if (!files.empty()) parts.push_back(fmt::format("{}", fmt::join(files, ", ")));
+        if (opened.verdict->report) parts.push_back(incompleteText(*opened.verdict->report));
+        std::erase(parts, "");
+        return fmt::format("{}", fmt::join(parts, "; "));
     }
 
     VerdictTable table_;

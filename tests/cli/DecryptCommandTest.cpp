@@ -281,8 +281,8 @@ TEST(DecryptCommand, SaysWhereADirectionStops)
         const char* clientStop;
     };
     const Case cases[] = {
-        {session.keyLog, "stream-0-client.bin, " + directory.file("stream-0-server.bin") + ", server ", "endOfData"},
-        {serverOnly, "stream-0-server.bin, client 0 of 2 records, 0 bytes, the key log lacks this direction's secret; server ", "noSecret"},
+        {session.keyLog, "stream-0-client.bin, " + directory.file("stream-0-server.bin") + "; server ", "endOfData"},
+        {serverOnly, "stream-0-server.bin; client 0 of 2 records, 0 bytes, the key log lacks this direction's secret; server ", "noSecret"},
     };
     for (const auto& [text, sentence, clientStop] : cases) {
         const std::string keyLog = directory.write("keys.txt", text);
