@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/cli/OutputFile.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 #include <utility>
 
@@ -16,8 +18,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A record at a time costs the file system a third more.
-constexpr std::int64_t largePiece = 128 * 1'024;
+// A record at a time costs the file system a third more, and so do pieces that begin and end within its pages.
+constexpr std::int64_t alignment = 16 * 1'024;
+constexpr std::int64_t largePiece = 8 * alignment;
 
 std::string errorText(int error) { return std::strerror(error); }
 
@@ -72,27 +75,36 @@ void OutputFile::reserve(std::int64_t bytes)
 void OutputFile::write(DataView bytes)
 {
     written_ += bytes.size();
-    if (held_.empty() && bytes.size() >= largePiece) return writeOut(bytes);
+    if (const std::int64_t all = std::ssize(held_) + bytes.size(); all >= largePiece) {
+        const std::int64_t now = all / alignment * alignment - std::ssize(held_);
+        writeOut(held_, bytes.sub(0, now));
+        held_.clear();
+        bytes = bytes.from(now);
+    }
     held_.insert(held_.end(), bytes.begin(), bytes.end());
-    if (std::ssize(held_) < largePiece) return;
-    writeOut(held_);
-    held_.clear();
 }
 
-void OutputFile::writeOut(DataView bytes)
+void OutputFile::writeOut(DataView first, DataView second)
 {
-    while (error_ == 0 && !bytes.isEmpty()) {
-        const ssize_t count = ::write(descriptor_, bytes.data(), static_cast<std::size_t>(bytes.size()));
-        if (count >= 0)
-            bytes = bytes.from(count);
-        else if (errno != EINTR)
+    while (error_ == 0 && !(first.isEmpty() && second.isEmpty())) {
+        const auto part = [](DataView bytes) {
+            return iovec{.iov_base = const_cast<std::uint8_t*>(bytes.data()), .iov_len = static_cast<std::size_t>(bytes.size())};
+        };
+        const iovec parts[] = {part(first), part(second)};
+        const ssize_t count = writev(descriptor_, parts, 2);
+        if (count >= 0) {
+            const std::int64_t ofFirst = std::min(std::int64_t{count}, first.size());
+            first = first.from(ofFirst);
+            second = second.from(count - ofFirst);
+        } else if (errno != EINTR) {
             error_ = errno;
+        }
     }
 }
 
 std::string OutputFile::finish()
 {
-    writeOut(held_);
+    writeOut(held_, {});
     held_.clear();
     // What was set aside and not needed is given back.
     if (reserved_ > written_ && ftruncate(descriptor_, written_) != 0 && error_ == 0) error_ = errno;

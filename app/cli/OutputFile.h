@@ -38,7 +38,7 @@ public:
 
 private:
     OutputFile() = default;
-    void writeOut(DataView bytes);
+    void writeOut(DataView first, DataView second);
 
     std::string path_;
     std::string unfinishedPath_;  ///< where it is until it is complete; empty for what is no file of ours
