@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <vector>
 
 struct evp_cipher_ctx_st;
 
@@ -45,7 +44,6 @@ private:
     bool hasBegun_ = false;
     bool nextIsProven_ = false;
     std::unique_ptr<evp_cipher_ctx_st, Free> context_;  ///< null when the key cannot be used
-    std::vector<std::uint8_t> gathered_;
 };
 
 }  // namespace sealscope SEALSCOPE_API
