@@ -28,14 +28,16 @@ constexpr std::int64_t maximumRunLength = std::int64_t{1} << 30;
 /// Segments in a row that add nothing end a run: whoever walks its segments would have to pass them all.
 constexpr std::uint32_t maximumIdleSegments = 16;
 
-/// From so many segments on, runs are counted before they are made: a second pass costs less than a vector that grows.
-constexpr std::uint32_t manySegments = 1 << 16;
+/// Up to so many runs, or one for each so many segments, are made as they are found. Of a stream in greater disorder they are
+/// counted first: a vector that grows would take more memory than there is to spend on a packet.
+constexpr std::size_t fewRuns = 1 << 12;
+constexpr std::uint32_t segmentsPerRun = 16;
 
 /// Makes runs of segments that are given in capture order.
 class RunBuilder {
 public:
-    /// Appends the runs to `runs`; without, they are only counted.
-    explicit RunBuilder(std::vector<SegmentRun>* runs = nullptr) : runs_(runs) {}
+    /// Appends the first `most` runs to `runs`; the rest are only counted.
+    RunBuilder(std::vector<SegmentRun>& runs, std::size_t most) : runs_(runs), most_(most) {}
 
     void add(std::uint32_t position, const SegmentRecord& segment, const std::optional<SequenceSpace::Placed>& placed)
     {
@@ -55,8 +57,7 @@ public:
     void close()
     {
         if (run_.length == 0) return;
-        ++count_;
-        if (runs_) runs_->push_back(run_);
+        if (++count_ <= most_) runs_.push_back(run_);
         run_ = {};
         isOpen_ = false;
     }
@@ -94,7 +95,8 @@ private:
     SegmentRun run_;
     bool isOpen_ = false;  ///< the run can go on
     std::size_t count_ = 0;
-    std::vector<SegmentRun>* runs_;
+    std::vector<SegmentRun>& runs_;
+    std::size_t most_;
     std::int64_t knownBegin_ = std::numeric_limits<std::int64_t>::max();
     std::int64_t knownEnd_ = std::numeric_limits<std::int64_t>::min();
 };
@@ -171,15 +173,16 @@ void collect(const SegmentTable& segments, std::optional<Acknowledged> acknowled
 
 Collected collect(const SegmentTable& segments, std::optional<Acknowledged> acknowledged)
 {
+    const std::size_t most = std::max<std::size_t>(fewRuns, segments.size() / segmentsPerRun);
     Collected collected;
-    if (segments.size() >= manySegments) {
-        RunBuilder counter;
-        Collected counted;
-        collect(segments, acknowledged, counter, counted);
-        collected.runs.reserve(counter.count());
-    }
-    RunBuilder builder(&collected.runs);
+    RunBuilder builder(collected.runs, most);
     collect(segments, acknowledged, builder, collected);
+    if (builder.count() <= most) return collected;
+
+    collected = {};
+    collected.runs.reserve(builder.count());
+    RunBuilder again(collected.runs, builder.count());
+    collect(segments, acknowledged, again, collected);
     return collected;
 }
 
