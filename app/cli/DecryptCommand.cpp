@@ -96,7 +96,8 @@ private:
                     return false;
                 }
                 file.emplace(std::move(*created));
-                file->reserve(stream.data(direction).size());
+                // Lost bytes count in the size, however many, and have no plaintext.
+                if (session_.summary(stream.key.number).missingBytes == 0) file->reserve(stream.data(direction).size());
             }
             opened.bytes += pack.bytes().size();
             if (file) file->write(pack.bytes());

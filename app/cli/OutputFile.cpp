@@ -69,7 +69,11 @@ OutputFile::~OutputFile()
 void OutputFile::reserve(std::int64_t bytes)
 {
     if (unfinishedPath_.empty() || bytes < largePiece) return;
-    if (fallocate(descriptor_, FALLOC_FL_KEEP_SIZE, 0, bytes) == 0) reserved_ = bytes;
+    if (fallocate(descriptor_, FALLOC_FL_KEEP_SIZE, 0, bytes) == 0)
+        reserved_ = bytes;
+    else
+        // Where there is too little room, all of it may have been taken; others want some too.
+        (void)!ftruncate(descriptor_, written_);
 }
 
 void OutputFile::write(DataView bytes)
