@@ -5,6 +5,8 @@
 #include "platform/HMAC.h"
 
 #include <algorithm>
+#include <bit>
+#include <functional>
 #include <string_view>
 #include <utility>
 
@@ -17,7 +19,7 @@ constexpr std::int64_t explicitNonceLength = 8;  // of AES-GCM (RFC 5288 §3)
 HashFunction hashOf(bool usesSHA384) { return usesSHA384 ? HashFunction::sha384 : HashFunction::sha256; }
 
 /// P_hash of RFC 5246 §5: A(i) = HMAC(secret, A(i-1)) from A(0) = seed on, and the output is HMAC(secret, A(i) | seed) for
-/// i = 1, 2, … Empty where the cryptographic library refuses.
+/// i = 1, 2, …
 SecretBytes pHash(HashFunction hash, DataView secret, DataView seed, std::size_t length)
 {
     const auto blockSize = static_cast<std::size_t>(digestSize(hash));
@@ -27,16 +29,16 @@ SecretBytes pHash(HashFunction hash, DataView secret, DataView seed, std::size_t
     output.reserve(length + blockSize);
 
     keyed.update(seed);
-    if (!keyed.finish(a)) return {};
+    keyed.finish(a);
     while (true) {
         const std::size_t filled = output.size();
         output.resize(filled + blockSize);
         keyed.update(viewOf(a));
         keyed.update(seed);
-        if (!keyed.finish(std::span(output).subspan(filled))) return {};
+        keyed.finish(std::span(output).subspan(filled));
         if (output.size() >= length) break;
         keyed.update(viewOf(a));
-        if (!keyed.finish(a)) return {};
+        keyed.finish(a);
     }
     output.resize(length);
     return output;
@@ -94,9 +96,8 @@ std::optional<TLS12RecordDecryptor::DirectionKeys> TLS12RecordDecryptor::directi
 
 std::array<std::uint8_t, 8> TLS12RecordDecryptor::sequenceBytes(std::uint64_t sequence)
 {
-    std::array<std::uint8_t, 8> bytes;
-    for (std::size_t i = 0; i < 8; ++i) bytes[i] = static_cast<std::uint8_t>(sequence >> (56 - 8 * i));
-    return bytes;
+    if constexpr (std::endian::native == std::endian::little) sequence = std::byteswap(sequence);
+    return std::bit_cast<std::array<std::uint8_t, 8>>(sequence);
 }
 
 std::array<std::uint8_t, 13> TLS12RecordDecryptor::additionalData(std::uint64_t sequence, std::uint8_t contentType, std::uint16_t version,
@@ -115,8 +116,8 @@ std::array<std::uint8_t, 13> TLS12RecordDecryptor::additionalData(std::uint64_t 
 void TLS12RecordDecryptor::mixSequence(std::span<std::uint8_t> iv, std::uint64_t sequence)
 {
     if (iv.size() < 8) return;
-    const std::array<std::uint8_t, 8> counter = sequenceBytes(sequence);
-    for (std::size_t i = 0; i < 8; ++i) iv[iv.size() - 8 + i] ^= counter[i];
+    const std::span last = iv.last<8>();
+    std::ranges::transform(last, sequenceBytes(sequence), last.begin(), std::bit_xor());
 }
 
 std::vector<std::uint8_t> TLS12RecordDecryptor::chaChaNonce(DataView fixedIV, std::uint64_t sequence)

@@ -5,6 +5,7 @@
 #include "Sealscope/TLSNames.h"
 #include "platform/HKDF.h"
 
+#include <algorithm>
 #include <array>
 #include <utility>
 
@@ -12,19 +13,10 @@ namespace sealscope {
 
 namespace {
 
-std::optional<TLS13TrafficKeys> keysFrom(HMAC& secret, const TLS13SuiteParameters& suite)
-{
-    SecretBytes key(static_cast<std::size_t>(suite.keyLength));
-    SecretBytes iv(static_cast<std::size_t>(suite.ivLength));
-    const auto expand = [&](std::string_view label, SecretBytes& output) {
-        return hkdfExpand(secret, TLS13RecordDecryptor::hkdfLabel(static_cast<std::uint16_t>(output.size()), label, {}), output);
-    };
-    if (!expand("key", key) || !expand("iv", iv)) return std::nullopt;
-    return TLS13TrafficKeys{.key = SymmetricKey(viewOf(key)), .iv = std::move(iv)};
-}
+constexpr std::int64_t ivLength = 12;  // of every suite
 
 /// Whether the last message of an opened record is a Finished (RFC 8446 §4.4.4): type, length, a hash.
-bool endsInFinished(DataView content, const TLS13RecordDecryptor::Opener::Opened& opened, std::int64_t hashSize)
+bool endsInFinished(DataView content, const TLS13RecordDecryptor::Opened& opened, std::int64_t hashSize)
 {
     const std::int64_t start = content.size() - TLSHandshakeMessage::headerLength - hashSize;
     return opened.innerType == std::to_underlying(TLSContentType::handshake) && start >= 0 &&
@@ -36,29 +28,39 @@ bool endsInFinished(DataView content, const TLS13RecordDecryptor::Opener::Opened
 std::optional<TLS13SuiteParameters> TLS13RecordDecryptor::suiteParameters(std::uint16_t cipherSuite)
 {
     switch (cipherSuite) {
-    case 0x1301: return TLS13SuiteParameters{AEADCipher::aesGCM, 16, 12, HashFunction::sha256};
-    case 0x1302: return TLS13SuiteParameters{AEADCipher::aesGCM, 32, 12, HashFunction::sha384};
-    case 0x1303: return TLS13SuiteParameters{AEADCipher::chaCha20Poly1305, 32, 12, HashFunction::sha256};
+    case 0x1301: return TLS13SuiteParameters{AEADCipher::aesGCM, 16, ivLength, HashFunction::sha256};
+    case 0x1302: return TLS13SuiteParameters{AEADCipher::aesGCM, 32, ivLength, HashFunction::sha384};
+    case 0x1303: return TLS13SuiteParameters{AEADCipher::chaCha20Poly1305, 32, ivLength, HashFunction::sha256};
     default: return std::nullopt;
     }
 }
 
-std::vector<std::uint8_t> TLS13RecordDecryptor::hkdfLabel(std::uint16_t length, std::string_view label, DataView context)
+absl::InlinedVector<std::uint8_t, 32> TLS13RecordDecryptor::hkdfLabel(std::uint16_t length, std::string_view label, DataView context)
 {
     constexpr std::string_view prefix = "tls13 ";
-    std::vector<std::uint8_t> bytes{static_cast<std::uint8_t>(length >> 8), static_cast<std::uint8_t>(length),
-                                    static_cast<std::uint8_t>(prefix.size() + label.size())};
-    bytes.insert(bytes.end(), prefix.begin(), prefix.end());
-    bytes.insert(bytes.end(), label.begin(), label.end());
-    bytes.push_back(static_cast<std::uint8_t>(context.size()));
-    bytes.insert(bytes.end(), context.begin(), context.end());
+    const std::size_t labelLength = prefix.size() + label.size();
+    absl::InlinedVector<std::uint8_t, 32> bytes(4 + labelLength + static_cast<std::size_t>(context.size()));
+    bytes[0] = static_cast<std::uint8_t>(length >> 8);
+    bytes[1] = static_cast<std::uint8_t>(length);
+    bytes[2] = static_cast<std::uint8_t>(labelLength);
+    auto next = std::copy(prefix.begin(), prefix.end(), bytes.begin() + 3);
+    next = std::copy(label.begin(), label.end(), next);
+    *next++ = static_cast<std::uint8_t>(context.size());
+    std::copy(context.begin(), context.end(), next);
     return bytes;
 }
 
-std::optional<TLS13TrafficKeys> TLS13RecordDecryptor::trafficKeys(DataView secret, const TLS13SuiteParameters& suite)
+TLS13TrafficKeys TLS13RecordDecryptor::trafficKeys(DataView secret, const TLS13SuiteParameters& suite)
 {
     HMAC keyed(suite.hash, secret);
-    return keysFrom(keyed, suite);
+    const auto expand = [&](std::string_view label, std::int64_t length) {
+        SecretBytes output(static_cast<std::size_t>(length));
+        const auto info = hkdfLabel(static_cast<std::uint16_t>(length), label, {});
+        // Far from all that HKDF can give.
+        (void)hkdfExpand(keyed, std::span(info), output);
+        return output;
+    };
+    return {.key = SymmetricKey(expand("key", suite.keyLength)), .iv = expand("iv", suite.ivLength)};
 }
 
 std::vector<std::uint8_t> TLS13RecordDecryptor::recordNonce(DataView iv, std::uint64_t sequence)
@@ -87,59 +89,53 @@ std::optional<std::pair<std::uint8_t, DataView>> TLS13RecordDecryptor::innerPlai
     return std::pair(bytes[typeAt], bytes.sub(0, typeAt));
 }
 
-std::optional<TLS13RecordDecryptor::Opener::Opened> TLS13RecordDecryptor::Opener::open(DataView header, const ScatteredView& body,
-                                                                                       std::uint8_t* plaintext)
-{
-    const std::int64_t length = body.size() - AEADOpener::tagSize;
-    if (length < 0) return std::nullopt;
-    nonce_.assign(iv_.begin(), iv_.end());
-    TLS12RecordDecryptor::mixSequence(nonce_, sequence_);
-    std::array<std::uint8_t, AEADOpener::tagSize> tag;
-    body.from(length).copy(tag);
-    if (!aead_.open(nonce_, header, body.sub(0, length), DataView(tag), plaintext)) return std::nullopt;
-    const auto inner = innerPlaintext({plaintext, length});
-    if (!inner) return std::nullopt;
-    ++sequence_;
-    return Opened{.innerType = inner->first, .length = inner->second.size()};
-}
-
-std::optional<TLS13RecordDecryptor::Walk> TLS13RecordDecryptor::Walk::begin(std::optional<DataView> handshakeSecret,
-                                                                            DataView applicationSecret, const TLS13SuiteParameters& suite)
-{
-    HMAC keyed(suite.hash, applicationSecret);
-    const auto applicationKeys = keysFrom(keyed, suite);
-    if (!applicationKeys) return std::nullopt;
-    Walk walk(Opener(*applicationKeys, suite.cipher), digestSize(suite.hash));
-    if (!handshakeSecret) return walk;
-    keyed.setKey(*handshakeSecret);
-    const auto handshakeKeys = keysFrom(keyed, suite);
-    if (!handshakeKeys) return std::nullopt;
-    walk.handshake_.emplace(*handshakeKeys, suite.cipher);
-    return walk;
-}
+TLS13RecordDecryptor::Walk::Walk(std::optional<DataView> handshakeSecret, DataView applicationSecret, const TLS13SuiteParameters& suite)
+    : application_{.keys = trafficKeys(applicationSecret, suite)}, hashSize_(digestSize(suite.hash)),
+      handshake_(handshakeSecret ? std::optional(Epoch{.keys = trafficKeys(*handshakeSecret, suite)}) : std::nullopt),
+      aead_(suite.cipher, (handshake_ ? *handshake_ : application_).keys.key.bytes()), hasApplicationKey_(!handshake_)
+{}
 
 // A record that one of the two keys opens the other does not, so it makes no difference which is tried first. The handshake
 // keys come first until a Finished message, their last, went by: trying them on a long record of data costs as much as opening
 // it.
-std::optional<TLS13RecordDecryptor::Opener::Opened> TLS13RecordDecryptor::Walk::open(DataView header, const ScatteredView& body,
-                                                                                     std::uint8_t* plaintext)
+std::optional<TLS13RecordDecryptor::Opened> TLS13RecordDecryptor::Walk::open(DataView header, const ScatteredView& body,
+                                                                             std::uint8_t* plaintext)
 {
     // Too short for a tag: no key is given up over it.
     if (body.size() < AEADOpener::tagSize) return std::nullopt;
-    if (!handshake_) return application_.open(header, body, plaintext);
+    if (!handshake_) return open(application_, header, body, plaintext);
     if (isFinished_) {
-        if (const auto opened = application_.open(header, body, plaintext)) {
+        if (const auto opened = open(application_, header, body, plaintext)) {
             handshake_.reset();
             return opened;
         }
     }
-    if (const auto opened = handshake_->open(header, body, plaintext)) {
+    if (const auto opened = open(*handshake_, header, body, plaintext)) {
         isFinished_ = isFinished_ || endsInFinished({plaintext, opened->length}, *opened, hashSize_);
         return opened;
     }
     handshake_.reset();
     if (isFinished_) return std::nullopt;
-    return application_.open(header, body, plaintext);
+    return open(application_, header, body, plaintext);
+}
+
+std::optional<TLS13RecordDecryptor::Opened> TLS13RecordDecryptor::Walk::open(Epoch& epoch, DataView header, const ScatteredView& body,
+                                                                             std::uint8_t* plaintext)
+{
+    const bool isApplication = &epoch == &application_;
+    if (std::exchange(hasApplicationKey_, isApplication) != isApplication) aead_.setKey(epoch.keys.key.bytes());
+    const std::int64_t length = body.size() - AEADOpener::tagSize;
+    std::array<std::uint8_t, ivLength> nonce;
+    std::copy_n(epoch.keys.iv.begin(), ivLength, nonce.begin());
+    TLS12RecordDecryptor::mixSequence(nonce, epoch.sequence);
+    std::array<std::uint8_t, AEADOpener::tagSize> tag;
+    body.from(length).copy(tag);
+    // A record that does not open leaves the sequence number as it is.
+    if (!aead_.open(DataView(nonce), header, body.sub(0, length), DataView(tag), plaintext)) return std::nullopt;
+    const auto inner = innerPlaintext({plaintext, length});
+    if (!inner) return std::nullopt;
+    ++epoch.sequence;
+    return Opened{.innerType = inner->first, .length = inner->second.size()};
 }
 
 std::optional<std::vector<TLS13DecryptedRecord>> TLS13RecordDecryptor::decryptRecords(const std::vector<TLS13CipherRecord>& records,
@@ -148,12 +144,11 @@ std::optional<std::vector<TLS13DecryptedRecord>> TLS13RecordDecryptor::decryptRe
 {
     const auto suite = suiteParameters(cipherSuite);
     if (!suite) return std::nullopt;
-    auto walk = Walk::begin(handshakeSecret, applicationSecret, *suite);
-    if (!walk) return std::nullopt;
+    Walk walk(handshakeSecret, applicationSecret, *suite);
     std::vector<TLS13DecryptedRecord> decrypted;
     for (const TLS13CipherRecord& record : records) {
         std::vector<std::uint8_t> plaintext(static_cast<std::size_t>(record.body.size()));
-        const auto opened = walk->open(record.header, record.body.view(), plaintext.data());
+        const auto opened = walk.open(record.header, record.body.view(), plaintext.data());
         if (!opened) break;
         plaintext.resize(static_cast<std::size_t>(opened->length));
         decrypted.push_back({opened->innerType, Data(std::move(plaintext)), record.packetIds, record.timestamp});

@@ -4,6 +4,7 @@
 #include "Sealscope/TLS12RecordDecryptor.h"
 #include "platform/HMAC.h"
 
+#include <absl/container/inlined_vector.h>
 #include <cstdint>
 #include <optional>
 #include <string_view>
@@ -50,9 +51,9 @@ struct TLS13RecordDecryptor {
     /// Nothing for a suite that cannot be opened.
     static std::optional<TLS13SuiteParameters> suiteParameters(std::uint16_t cipherSuite);
     /// The HkdfLabel of RFC 8446 §7.1. The label without its prefix has at most 249 bytes, the context at most 255.
-    static std::vector<std::uint8_t> hkdfLabel(std::uint16_t length, std::string_view label, DataView context);
-    /// The keys of a traffic secret of any length (RFC 8446 §7.3); nothing where the cryptographic library refuses.
-    static std::optional<TLS13TrafficKeys> trafficKeys(DataView secret, const TLS13SuiteParameters& suite);
+    static absl::InlinedVector<std::uint8_t, 32> hkdfLabel(std::uint16_t length, std::string_view label, DataView context);
+    /// The keys of a traffic secret of any length (RFC 8446 §7.3).
+    static TLS13TrafficKeys trafficKeys(DataView secret, const TLS13SuiteParameters& suite);
     /// RFC 8446 §5.3. An IV shorter than 8 bytes stays as it is.
     static std::vector<std::uint8_t> recordNonce(DataView iv, std::uint64_t sequence);
     /// The inner plaintext, or nothing when the record is too short or does not authenticate.
@@ -66,48 +67,38 @@ struct TLS13RecordDecryptor {
                                                                            std::optional<DataView> handshakeSecret,
                                                                            DataView applicationSecret, std::uint16_t cipherSuite);
 
-    class Opener;
-    class Walk;
-};
-
-/// Opens records under the keys of one traffic secret, in order.
-class TLS13RecordDecryptor::Opener {
-public:
+    /// What came out of a record.
     struct Opened {
         std::uint8_t innerType = 0;
         std::int64_t length = 0;  ///< bytes of content
     };
-
-    Opener(const TLS13TrafficKeys& keys, AEADCipher cipher) : iv_(keys.iv), aead_(cipher, keys.key.bytes()) {}
-
-    /// Opens the record that follows those opened before into `plaintext`, which has room for as many bytes as the body has.
-    /// A record that does not open leaves the sequence number as it is.
-    std::optional<Opened> open(DataView header, const ScatteredView& body, std::uint8_t* plaintext);
-
-private:
-    SecretBytes iv_;
-    AEADOpener aead_;
-    std::vector<std::uint8_t> nonce_;
-    std::uint64_t sequence_ = 0;
+    class Walk;
 };
 
 /// The walk of a direction, one record at a time.
 class TLS13RecordDecryptor::Walk {
 public:
-    /// Nothing where the cryptographic library refuses.
-    static std::optional<Walk> begin(std::optional<DataView> handshakeSecret, DataView applicationSecret,
-                                     const TLS13SuiteParameters& suite);
+    Walk(std::optional<DataView> handshakeSecret, DataView applicationSecret, const TLS13SuiteParameters& suite);
 
-    /// Opens the direction's next protected record as `Opener` does; nothing ends the walk.
-    std::optional<Opener::Opened> open(DataView header, const ScatteredView& body, std::uint8_t* plaintext);
+    /// Opens the direction's next protected record into `plaintext`, which has room for as many bytes as the body has. Nothing
+    /// ends the walk.
+    std::optional<Opened> open(DataView header, const ScatteredView& body, std::uint8_t* plaintext);
 
 private:
-    Walk(Opener application, std::int64_t hashSize) : application_(std::move(application)), hashSize_(hashSize) {}
+    /// The keys of one traffic secret, and how many records they have opened.
+    struct Epoch {
+        TLS13TrafficKeys keys;
+        std::uint64_t sequence = 0;
+    };
 
-    std::optional<Opener> handshake_;  ///< until the first record that it does not open
-    Opener application_;
-    std::int64_t hashSize_ = 0;  ///< bytes
-    bool isFinished_ = false;    ///< the handshake keys opened a Finished message
+    std::optional<Opened> open(Epoch& epoch, DataView header, const ScatteredView& body, std::uint8_t* plaintext);
+
+    Epoch application_;
+    std::int64_t hashSize_ = 0;       ///< bytes
+    std::optional<Epoch> handshake_;  ///< until the first record that it does not open
+    bool isFinished_ = false;         ///< the handshake keys opened a Finished message
+    AEADOpener aead_;                 ///< serves both: to make one costs as much as to derive a key
+    bool hasApplicationKey_ = false;
 };
 
 }  // namespace sealscope

@@ -17,6 +17,7 @@ using Direction = TCPSegment::Direction;
 using Stop = TLSDirectionReport::Stop;
 
 constexpr std::uint16_t earlyDataExtension = 42;  // RFC 8446 §4.2.10
+constexpr std::int64_t littleData = 32 * 1'024;
 
 std::uint8_t type(TLSContentType contentType) { return std::to_underlying(contentType); }
 
@@ -111,14 +112,18 @@ void TLSDirectionReporter::Progress::take(TLSDirectionWalk::Step step, const TLS
 
 TLSDirectionReport TLSDirectionReporter::report(Direction direction) const
 {
-    const StreamData& data = stream_.data(direction);
-    auto walk = TLSDirectionWalk::begin(data, direction, context_, keyLog_);
-    if (!walk) {
+    const StreamData& captured = stream_.data(direction);
+    const auto notBegun = [&](Stop stop) {
         TLSDirectionReport report;
-        report.stop = applicationSecret(direction) ? Stop::badSecret : Stop::noSecret;
-        report.protectedRecords = framingOf(data, context_.isTLS13).protectedRecords;
+        report.stop = stop;
+        report.protectedRecords = framingOf(captured, context_.isTLS13).protectedRecords;
         return report;
-    }
+    };
+    if (!applicationSecret(direction)) return notBegun(Stop::noSecret);
+    // Of most connections there is so little that to look up where each record lies costs more than to copy it all.
+    const StreamData data = captured.size() <= littleData ? StreamData(captured.whole()) : captured;
+    auto walk = TLSDirectionWalk::begin(data, direction, context_, keyLog_);
+    if (!walk) return notBegun(Stop::badSecret);
     Progress progress;
     for (auto step = walk->next(); step != TLSDirectionWalk::Step::end; step = walk->next()) progress.take(step, *walk);
     return report(direction, *walk, progress);
@@ -182,11 +187,11 @@ bool TLSDirectionReporter::isEarlyData(const TLSRecord& record, bool hasHandshak
     const auto secret = keyLog_.secrets.find("CLIENT_EARLY_TRAFFIC_SECRET", context_.clientRandom);
     const auto suite = TLS13RecordDecryptor::suiteParameters(context_.cipherSuite);
     if (!secret || !suite) return hasHandshakeSecret;
-    auto walk = TLS13RecordDecryptor::Walk::begin(std::nullopt, *secret, *suite);
+    TLS13RecordDecryptor::Walk walk(std::nullopt, *secret, *suite);
     const Data whole = stream_.clientToServerData.slice(record.recordOffset, TLSRecord::headerLength + record.declaredLength);
     const DataView bytes = whole;
     std::vector<std::uint8_t> plaintext(static_cast<std::size_t>(whole.size()));
-    return walk && walk->open(bytes.sub(0, TLSRecord::headerLength), bytes.from(TLSRecord::headerLength), plaintext.data());
+    return walk.open(bytes.sub(0, TLSRecord::headerLength), bytes.from(TLSRecord::headerLength), plaintext.data()).has_value();
 }
 
 }  // namespace sealscope

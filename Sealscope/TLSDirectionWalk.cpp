@@ -12,8 +12,8 @@ namespace sealscope {
 
 namespace {
 
-constexpr std::int64_t masterSecretLength = 48;     // RFC 5246 §8.1
-constexpr std::int64_t usualRecord = 16'384 + 256;  // the longest of TLS 1.3 (RFC 8446 §5.2)
+constexpr std::int64_t masterSecretLength = 48;  // RFC 5246 §8.1
+constexpr std::int64_t smallBuffer = 2'048;      // a record of a packet or so
 constexpr std::uint8_t applicationData = std::to_underlying(TLSContentType::applicationData);
 
 std::optional<TLS12RecordDecryptor::Walk> beginTLS12(TCPSegment::Direction direction, const TLSStreamDecryption::Context& context,
@@ -38,7 +38,7 @@ std::optional<TLS13RecordDecryptor::Walk> beginTLS13(TCPSegment::Direction direc
     const auto handshakeSecret = keyLog.secrets.find(labels.handshake, context.clientRandom);
     const auto suite = TLS13RecordDecryptor::suiteParameters(context.cipherSuite);
     if (!suite) return std::nullopt;
-    return TLS13RecordDecryptor::Walk::begin(handshakeSecret, *applicationSecret, *suite);
+    return TLS13RecordDecryptor::Walk(handshakeSecret, *applicationSecret, *suite);
 }
 
 /// Whether a header can be one of TLS at all; after lost bytes headers are read where none are. 24 is a heartbeat.
@@ -118,12 +118,12 @@ const TLSFraming& TLSDirectionWalk::passToEnd()
     return framing_;
 }
 
-std::optional<TLS13RecordDecryptor::Opener::Opened> TLSDirectionWalk::open(const ScatteredView& body, std::uint8_t* target)
+std::optional<TLS13RecordDecryptor::Opened> TLSDirectionWalk::open(const ScatteredView& body, std::uint8_t* target)
 {
     if (auto* walk = std::get_if<TLS12RecordDecryptor::Walk>(&records_)) {
         const auto length = walk->open(record_.version(), body, target);
         if (!length) return std::nullopt;
-        return TLS13RecordDecryptor::Opener::Opened{.innerType = applicationData, .length = *length};
+        return TLS13RecordDecryptor::Opened{.innerType = applicationData, .length = *length};
     }
     const std::array<std::uint8_t, TLSRecord::headerLength> header{record_.contentType, record_.majorVersion, record_.minorVersion,
                                                                    static_cast<std::uint8_t>(record_.declaredLength >> 8),
@@ -138,7 +138,7 @@ TLSDirectionWalk::Step TLSDirectionWalk::next(std::uint8_t* target)
     const ScatteredView body(stretches_);
     if (!target) {
         if (bufferSize_ < body.size()) {
-            bufferSize_ = std::max(body.size(), usualRecord);
+            bufferSize_ = std::max({body.size(), 2 * bufferSize_, smallBuffer});
             buffer_ = std::make_unique_for_overwrite<std::uint8_t[]>(static_cast<std::size_t>(bufferSize_));
         }
         target = buffer_.get();

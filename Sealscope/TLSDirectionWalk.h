@@ -60,7 +60,7 @@ private:
 
     bool moveToProtectedRecord();
     bool isProtected(const TLSRecord& record);
-    std::optional<TLS13RecordDecryptor::Opener::Opened> open(const ScatteredView& body, std::uint8_t* target);
+    std::optional<TLS13RecordDecryptor::Opened> open(const ScatteredView& body, std::uint8_t* target);
 
     const StreamData* data_;
     StreamReader reader_;

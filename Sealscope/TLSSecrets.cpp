@@ -5,6 +5,7 @@
 
 #include <absl/container/flat_hash_set.h>
 #include <absl/hash/hash.h>
+#include <absl/types/span.h>
 #include <algorithm>
 #include <cstring>
 #include <utility>
@@ -44,8 +45,9 @@ struct KeyHash {
     using is_transparent = void;
     std::size_t operator()(const auto& item) const
     {
+        // Length and first letter tell the known labels apart.
         const Key key = keyOf(item);
-        return absl::HashOf(key.label, key.clientRandom);
+        return absl::HashOf(key.label.size() * 2 + key.label.starts_with('C'), absl::MakeConstSpan(key.clientRandom));
     }
 };
 
@@ -127,6 +129,12 @@ public:
         });
     }
 
+    const Entry* find(const Key& key) const
+    {
+        const auto found = entries.find(key);
+        return found == entries.end() ? nullptr : *found;
+    }
+
     absl::flat_hash_set<Entry*, KeyHash, KeyEqual> entries;
 
 private:
@@ -148,10 +156,14 @@ std::int64_t TLSSecrets::size() const { return storage_ ? static_cast<std::int64
 
 std::optional<Data> TLSSecrets::find(std::string_view label, DataView clientRandom) const
 {
-    if (!storage_) return std::nullopt;
-    const auto found = storage_->entries.find(Key{label, clientRandom.text()});
-    if (found == storage_->entries.end()) return std::nullopt;
-    return Data(storage_, (*found)->secret());
+    const Entry* const entry = storage_ ? storage_->find({label, clientRandom.text()}) : nullptr;
+    return entry ? std::optional(Data(storage_, entry->secret())) : std::nullopt;
+}
+
+std::optional<std::int64_t> TLSSecrets::length(std::string_view label, DataView clientRandom) const
+{
+    const Entry* const entry = storage_ ? storage_->find({label, clientRandom.text()}) : nullptr;
+    return entry ? std::optional(entry->secretLength) : std::nullopt;
 }
 
 void TLSSecrets::forEach(const std::function<void(std::string_view, DataView, DataView)>& visit) const

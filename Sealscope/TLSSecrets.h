@@ -25,6 +25,8 @@ public:
     bool isSame(const TLSSecrets& other) const { return storage_ == other.storage_; }
     /// The secret under a label for a client random. It shares the dictionary's memory and outlives it.
     std::optional<Data> find(std::string_view label, DataView clientRandom) const;
+    /// How many bytes that secret has.
+    std::optional<std::int64_t> length(std::string_view label, DataView clientRandom) const;
     /// Every entry, in the order in which the secrets were put: label, client random, secret.
     void forEach(const std::function<void(std::string_view, DataView, DataView)>& visit) const;
 

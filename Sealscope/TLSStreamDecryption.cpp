@@ -156,7 +156,7 @@ std::expected<Context, TLSStreamDecryption::ContextFailure> TLSStreamDecryption:
 bool TLSStreamDecryption::hasKeyMaterial(const Context& context, const TLSKeyLog& keyLog)
 {
     return std::ranges::any_of(std::array{Direction::clientToServer, Direction::serverToClient}, [&](Direction direction) {
-        return keyLog.secrets.find(secretLabels(context.isTLS13, direction).application, context.clientRandom).has_value();
+        return keyLog.secrets.length(secretLabels(context.isTLS13, direction).application, context.clientRandom).has_value();
     });
 }
 

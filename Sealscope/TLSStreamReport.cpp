@@ -106,10 +106,7 @@ TLSDecryptionReport TLSStreamReport::report(const TCPStream& stream, const TLSKe
     }
 
     const auto context = TLSStreamDecryption::context(*report.clientRandom, *serverHello.info);
-    const auto secretLength = [&](std::string_view label) {
-        const auto secret = keyLog.secrets.find(label, *report.clientRandom);
-        return secret ? std::optional(secret->size()) : std::nullopt;
-    };
+    const auto secretLength = [&](std::string_view label) { return keyLog.secrets.length(label, *report.clientRandom); };
     const auto read = context ? labelsOf(context->isTLS13) : std::vector<std::string_view>{};
     for (const std::string_view label : read) report.secrets.push_back({std::string(label), secretLength(label)});
     for (const std::string_view label : TLSKeyLog::knownLabels)

@@ -12,6 +12,7 @@ namespace sealscope {
 
 namespace {
 
+constexpr std::int64_t usualNonce = 12;
 constexpr std::int64_t largestNonce = 128;  // that libcrypto takes
 
 /// Looked up by name once: fetching costs more than opening a short message.
@@ -39,12 +40,16 @@ OSSL_PARAM bytesParameter(const char* name, DataView bytes)
 
 void AEADOpener::Free::operator()(evp_cipher_ctx_st* context) const { EVP_CIPHER_CTX_free(context); }
 
-AEADOpener::AEADOpener(AEADAlgorithm algorithm, DataView key) : algorithm_(algorithm)
+AEADOpener::AEADOpener(AEADAlgorithm algorithm, DataView key) : algorithm_(algorithm), context_(EVP_CIPHER_CTX_new()) { setKey(key); }
+
+void AEADOpener::setKey(DataView key)
 {
-    const EVP_CIPHER* const cipher = cipherFor(algorithm, key.size());
-    if (!cipher) return;
-    context_.reset(EVP_CIPHER_CTX_new());
-    if (context_ && EVP_DecryptInit_ex2(context_.get(), cipher, key.data(), nullptr, nullptr) != 1) context_.reset();
+    const EVP_CIPHER* const cipher = cipherFor(algorithm_, key.size());
+    // Naming the cipher again would make the context anew, which an unusual length of nonces asks for.
+    const bool isSame = isKeyed_ && nonceSize_ == usualNonce && EVP_CIPHER_CTX_get0_cipher(context_.get()) == cipher;
+    nonceSize_ = usualNonce;
+    fixedNonce_.reset();
+    isKeyed_ = cipher && context_ && EVP_DecryptInit_ex2(context_.get(), isSame ? nullptr : cipher, key.data(), nullptr, nullptr) == 1;
 }
 
 bool AEADOpener::begin(DataView nonce, DataView tag)
@@ -55,23 +60,27 @@ bool AEADOpener::begin(DataView nonce, DataView tag)
         if (EVP_CIPHER_CTX_ctrl(context_.get(), EVP_CTRL_AEAD_SET_IVLEN, size, nullptr) != 1) return false;
         nonceSize_ = nonce.size();
     }
+    fixedNonce_.reset();
     const OSSL_PARAM parameters[] = {bytesParameter(OSSL_CIPHER_PARAM_AEAD_TAG, tag), OSSL_PARAM_construct_end()};
-    hasBegun_ = EVP_DecryptInit_ex2(context_.get(), nullptr, nullptr, nonce.data(), parameters) == 1;
-    return hasBegun_;
+    return EVP_DecryptInit_ex2(context_.get(), nullptr, nullptr, nonce.data(), parameters) == 1;
 }
 
 // Beginning anew costs a fifth of what opening a record of ordinary size does. Setting the nonce as TLS does, a part that is
-// fixed and a part that counts, comes to the same; for ChaCha20-Poly1305 all of it is fixed. The first message that opens that
-// way proves it.
+// fixed and a part that counts, comes to the same; for ChaCha20-Poly1305 all of it is fixed. The library compares names for
+// each parameter, so what still stands from the message before is left out. The first message that opens that way proves it.
 bool AEADOpener::beginNext(DataView nonce, DataView tag)
 {
-    if (!hasBegun_ || nonce.size() != 12 || nonceSize_ != 12) return false;
-    const bool isGCM = algorithm_ == AEADAlgorithm::aesGCM;
-    const std::int64_t fixed = isGCM ? 4 : 12;
-    const OSSL_PARAM parameters[] = {
-        bytesParameter(OSSL_CIPHER_PARAM_AEAD_TAG, tag), bytesParameter(OSSL_CIPHER_PARAM_AEAD_TLS1_IV_FIXED, nonce.sub(0, fixed)),
-        isGCM ? bytesParameter(OSSL_CIPHER_PARAM_AEAD_TLS1_SET_IV_INV, nonce.from(fixed)) : OSSL_PARAM_construct_end(),
-        OSSL_PARAM_construct_end()};
+    if (nonce.size() != usualNonce || nonceSize_ != usualNonce) return false;
+    OSSL_PARAM parameters[4] = {bytesParameter(OSSL_CIPHER_PARAM_AEAD_TAG, tag)};
+    OSSL_PARAM* next = parameters + 1;
+    if (algorithm_ == AEADAlgorithm::chaCha20Poly1305) {
+        *next++ = bytesParameter(OSSL_CIPHER_PARAM_AEAD_TLS1_IV_FIXED, nonce);
+    } else {
+        if (fixedNonce_ != nonce.u32(0)) *next++ = bytesParameter(OSSL_CIPHER_PARAM_AEAD_TLS1_IV_FIXED, nonce.sub(0, 4));
+        *next++ = bytesParameter(OSSL_CIPHER_PARAM_AEAD_TLS1_SET_IV_INV, nonce.from(4));
+    }
+    *next = OSSL_PARAM_construct_end();
+    fixedNonce_ = nonce.u32(0);
     return EVP_CIPHER_CTX_set_params(context_.get(), parameters) == 1;
 }
 
@@ -121,7 +130,7 @@ bool AEADOpener::decrypt(const ScatteredView& ciphertext, std::uint8_t* plaintex
 
 bool AEADOpener::open(DataView nonce, DataView additionalData, const ScatteredView& ciphertext, DataView tag, std::uint8_t* plaintext)
 {
-    if (!context_ || tag.size() != tagSize || nonce.size() < 12 || nonce.size() > largestNonce) return false;
+    if (!isKeyed_ || tag.size() != tagSize || nonce.size() < usualNonce || nonce.size() > largestNonce) return false;
     if (ciphertext.size() > INT_MAX || additionalData.size() > INT_MAX) return false;
     if (beginNext(nonce, tag)) {
         const bool isOpen = finish(additionalData, ciphertext, plaintext);

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 struct evp_cipher_ctx_st;
 
@@ -24,6 +25,8 @@ public:
 
     AEADOpener(AEADAlgorithm algorithm, DataView key);
 
+    /// Goes on with messages that another key protects.
+    void setKey(DataView key);
     /// Opens into `plaintext`, which has room for as many bytes as the ciphertext has and does not touch it. False when the
     /// message does not authenticate, or key, nonce or tag have no length that the algorithm takes; what then stands in
     /// `plaintext` means nothing.
@@ -40,10 +43,11 @@ private:
     bool decrypt(const ScatteredView& ciphertext, std::uint8_t* plaintext);
 
     AEADAlgorithm algorithm_;
-    std::int64_t nonceSize_ = 12;
-    bool hasBegun_ = false;
+    std::int64_t nonceSize_ = 0;
     bool nextIsProven_ = false;
-    std::unique_ptr<evp_cipher_ctx_st, Free> context_;  ///< null when the key cannot be used
+    std::optional<std::uint32_t> fixedNonce_;  ///< the first four bytes of the nonce, when they stand as those of TLS
+    std::unique_ptr<evp_cipher_ctx_st, Free> context_;
+    bool isKeyed_ = false;  ///< false when the key cannot be used
 };
 
 }  // namespace sealscope SEALSCOPE_API

@@ -1,87 +1,124 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/HMAC.h"
 
+// For the hash functions themselves, which libcrypto would rather see asked for by its general interface. That allocates a
+// context, and another for every copy of one: a quarter of what a connection's keys cost, which are a dozen codes of a few dozen
+// bytes.
+#define OPENSSL_SUPPRESS_DEPRECATED
+
 #include <algorithm>
 #include <array>
-#include <openssl/evp.h>
+#include <openssl/sha.h>
+#include <stdexcept>
+#include <utility>
+#include <variant>
 
 // RFC 2104: H(key ^ opad | H(key ^ ipad | message)). The hash's states after the two paddings are kept, and each message goes
-// on from copies of them. libcrypto has an HMAC that does the same; a key that serves for two codes of a few dozen bytes, as
-// those of a TLS connection do, takes it a quarter longer, most of that for coming about.
+// on from copies of them.
 
 namespace sealscope {
 
 namespace {
 
-const EVP_MD* algorithm(HashFunction hash)
-{
-    // Looked up by name once: that costs more than a short message.
-    static const EVP_MD* const sha256 = EVP_MD_fetch(nullptr, "SHA256", nullptr);
-    static const EVP_MD* const sha384 = EVP_MD_fetch(nullptr, "SHA384", nullptr);
-    return hash == HashFunction::sha384 ? sha384 : sha256;
-}
+/// A hash that has taken in some bytes (FIPS 180-4). Copies go on from there by themselves; each wipes what it has.
+class RunningHash {
+public:
+    explicit RunningHash(HashFunction hash) { begin(hash); }
+    RunningHash(const RunningHash&) = default;
+    RunningHash& operator=(const RunningHash&) = default;
+    ~RunningHash() { wipe(&state_, sizeof state_); }
 
+    void begin(HashFunction hash)
+    {
+        if (hash == HashFunction::sha384)
+            SHA384_Init(&state_.emplace<SHA512_CTX>());
+        else
+            SHA256_Init(&state_.emplace<SHA256_CTX>());
+    }
+
+    void add(DataView bytes)
+    {
+        const auto size = static_cast<std::size_t>(bytes.size());
+        if (auto* const state = std::get_if<SHA512_CTX>(&state_))
+            SHA384_Update(state, bytes.data(), size);
+        else
+            SHA256_Update(&std::get<SHA256_CTX>(state_), bytes.data(), size);
+    }
+
+    /// Writes the digest; nothing can be added afterwards.
+    void take(std::uint8_t* digest)
+    {
+        if (auto* const state = std::get_if<SHA512_CTX>(&state_))
+            SHA384_Final(digest, state);
+        else
+            SHA256_Final(digest, &std::get<SHA256_CTX>(state_));
+    }
+
+private:
+    std::variant<SHA256_CTX, SHA512_CTX> state_;
+};
+
+constexpr std::size_t largestDigest = 48;
 constexpr std::size_t largestBlock = 128;
 
 /// Bytes that the hash takes in at a time (FIPS 180-4 §1).
 constexpr std::size_t blockSize(HashFunction hash) { return hash == HashFunction::sha384 ? largestBlock : 64; }
 
-bool begin(EVP_MD_CTX* context, HashFunction hash) { return EVP_DigestInit_ex2(context, algorithm(hash), nullptr) == 1; }
-
-bool add(EVP_MD_CTX* context, DataView bytes)
+/// Begins with a key that is filled up with zeros to the hash's block.
+void beginWith(RunningHash& state, HashFunction hash, DataView key, std::uint8_t padding)
 {
-    return EVP_DigestUpdate(context, bytes.data(), static_cast<std::size_t>(bytes.size())) == 1;
-}
-
-bool take(EVP_MD_CTX* context, std::uint8_t* digest) { return EVP_DigestFinal_ex(context, digest, nullptr) == 1; }
-
-/// Begins a hash with a key that is filled up with zeros to the hash's block.
-bool beginWith(EVP_MD_CTX* context, HashFunction hash, DataView key, std::uint8_t padding)
-{
-    std::array<std::uint8_t, largestBlock> block;
-    block.fill(padding);
-    std::ranges::transform(key, block.begin(), [&](std::uint8_t byte) { return static_cast<std::uint8_t>(byte ^ padding); });
-    const bool hasBegun = begin(context, hash) && add(context, {block.data(), static_cast<std::int64_t>(blockSize(hash))});
+    std::array<std::uint8_t, largestBlock> block{};
+    std::copy(key.begin(), key.end(), block.begin());
+    for (std::uint8_t& byte : block) byte ^= padding;
+    state.begin(hash);
+    state.add({block.data(), static_cast<std::int64_t>(blockSize(hash))});
     wipe(block.data(), block.size());
-    return hasBegun;
 }
 
 }  // namespace
 
-void HMAC::Free::operator()(evp_md_ctx_st* context) const { EVP_MD_CTX_free(context); }
+struct HMAC::States {
+    explicit States(HashFunction hash) : inner(hash), outer(hash), running(hash) {}
 
-HMAC::Context HMAC::makeContext() { return Context(EVP_MD_CTX_new()); }
+    RunningHash inner;  ///< has taken in the key with the inner padding
+    RunningHash outer;  ///< the same with the outer
+    RunningHash running;
+    bool hasBegun = false;  ///< `running` goes on from `inner` with the message so far
+};
 
-HMAC::HMAC(HashFunction hash, DataView key) : hash_(hash) { setKey(key); }
+HMAC::~HMAC() = default;
 
-void HMAC::setKey(DataView key)
+HMAC::HMAC(HashFunction hash, DataView key) : hash_(hash), states_(std::make_unique<States>(hash))
 {
-    isSound_ = inner_ && outer_ && running_ && algorithm(hash_);
-    hasBegun_ = false;
-    std::array<std::uint8_t, EVP_MAX_MD_SIZE> digest;
-    if (key.size() > static_cast<std::int64_t>(blockSize(hash_))) {
-        isSound_ = isSound_ && begin(running_.get(), hash_) && add(running_.get(), key) && take(running_.get(), digest.data());
+    std::array<std::uint8_t, largestDigest> digest;
+    const bool isLong = key.size() > static_cast<std::int64_t>(blockSize(hash_));
+    if (isLong) {
+        RunningHash shortened(hash_);
+        shortened.add(key);
+        shortened.take(digest.data());
         key = {digest.data(), digestSize(hash_)};
     }
-    isSound_ = isSound_ && beginWith(inner_.get(), hash_, key, 0x36) && beginWith(outer_.get(), hash_, key, 0x5C);
-    wipe(digest.data(), digest.size());
+    beginWith(states_->inner, hash_, key, 0x36);
+    beginWith(states_->outer, hash_, key, 0x5C);
+    if (isLong) wipe(digest.data(), digest.size());
 }
 
 void HMAC::update(DataView bytes)
 {
-    if (isSound_ && !hasBegun_) isSound_ = hasBegun_ = EVP_MD_CTX_copy_ex(running_.get(), inner_.get()) == 1;
-    isSound_ = isSound_ && add(running_.get(), bytes);
+    if (!std::exchange(states_->hasBegun, true)) states_->running = states_->inner;
+    states_->running.add(bytes);
 }
 
-bool HMAC::finish(std::span<std::uint8_t> code)
+void HMAC::finish(std::span<std::uint8_t> code)
 {
+    if (std::ssize(code) != digestSize(hash_)) throw std::invalid_argument("an HMAC has as many bytes as its hash");
     update({});
-    std::array<std::uint8_t, EVP_MAX_MD_SIZE> inner;
-    isSound_ = isSound_ && static_cast<std::int64_t>(code.size()) == digestSize(hash_) && take(running_.get(), inner.data()) &&
-               EVP_MD_CTX_copy_ex(running_.get(), outer_.get()) == 1 && add(running_.get(), {inner.data(), digestSize(hash_)}) &&
-               take(running_.get(), code.data());
-    hasBegun_ = false;
-    return isSound_;
+    std::array<std::uint8_t, largestDigest> inner;
+    states_->running.take(inner.data());
+    states_->running = states_->outer;
+    states_->running.add({inner.data(), digestSize(hash_)});
+    states_->running.take(code.data());
+    states_->hasBegun = false;
 }
 
 SecretBytes hmac(HashFunction hash, DataView key, DataView message)
@@ -89,7 +126,7 @@ SecretBytes hmac(HashFunction hash, DataView key, DataView message)
     SecretBytes code(static_cast<std::size_t>(digestSize(hash)));
     HMAC keyed(hash, key);
     keyed.update(message);
-    if (!keyed.finish(code)) code.clear();
+    keyed.finish(code);
     return code;
 }
 

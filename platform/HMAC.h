@@ -7,8 +7,6 @@
 #include <memory>
 #include <span>
 
-struct evp_md_ctx_st;
-
 namespace sealscope SEALSCOPE_API {
 
 enum class HashFunction : std::uint8_t { sha256, sha384 };
@@ -20,32 +18,24 @@ constexpr std::int64_t digestSize(HashFunction hash) { return hash == HashFuncti
 class HMAC {
 public:
     HMAC(HashFunction hash, DataView key);
+    ~HMAC();
+    HMAC(const HMAC&) = delete;
+    HMAC& operator=(const HMAC&) = delete;
 
     HashFunction hash() const { return hash_; }
-    /// Goes on with another key and a new message.
-    void setKey(DataView key);
     /// Adds to the message.
     void update(DataView bytes);
-    /// The code of the message so far, into `code` of `digestSize(hash())` bytes; then a new message begins. False where
-    /// the cryptographic library refuses, as it may when it lacks the hash.
-    [[nodiscard]] bool finish(std::span<std::uint8_t> code);
+    /// The code of the message so far, into `code`; then a new message begins. Throws std::invalid_argument when `code` has
+    /// not `digestSize(hash())` bytes.
+    void finish(std::span<std::uint8_t> code);
 
 private:
-    struct Free {
-        void operator()(evp_md_ctx_st* context) const;
-    };
-    using Context = std::unique_ptr<evp_md_ctx_st, Free>;
-    static Context makeContext();
-
+    struct States;
     HashFunction hash_;
-    Context inner_ = makeContext();  ///< has taken in the key with the inner padding
-    Context outer_ = makeContext();  ///< the same with the outer
-    Context running_ = makeContext();
-    bool isSound_ = false;
-    bool hasBegun_ = false;  ///< `running_` goes on from `inner_` with the message so far
+    std::unique_ptr<States> states_;
 };
 
-/// The code of one message; empty where the cryptographic library refuses.
+/// The code of one message.
 SecretBytes hmac(HashFunction hash, DataView key, DataView message);
 
 }  // namespace sealscope SEALSCOPE_API

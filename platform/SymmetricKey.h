@@ -4,6 +4,7 @@
 #include "platform/SecretMemory.h"
 
 #include <ostream>
+#include <utility>
 
 namespace sealscope SEALSCOPE_API {
 
@@ -11,6 +12,7 @@ namespace sealscope SEALSCOPE_API {
 class SymmetricKey {
 public:
     explicit SymmetricKey(DataView bytes) : bytes_(bytes.begin(), bytes.end()) {}
+    explicit SymmetricKey(SecretBytes bytes) : bytes_(std::move(bytes)) {}
 
     DataView bytes() const { return viewOf(bytes_); }
     std::int64_t size() const { return static_cast<std::int64_t>(bytes_.size()); }

@@ -152,6 +152,28 @@ TEST(AEAD, RefusesWhatWasTouched)
     }
 }
 
+TEST(AEAD, GoesOnWithAnotherKey)
+{
+    // From every key to every other: of another length, after a nonce of another length, after a key that is none.
+    const auto opens = [](AEADOpener& opener, const Vector& vector) {
+        return opened(opener, vector.nonce, vector.additionalData, vector.ciphertext, vector.tag) == vector.plaintext;
+    };
+    for (const Vector& first : vectors()) {
+        for (const Vector& second : vectors()) {
+            if (first.algorithm != second.algorithm) continue;
+            AEADOpener opener(first.algorithm, first.key);
+            EXPECT_TRUE(opens(opener, first)) << first.name;
+            opener.setKey(second.key);
+            EXPECT_TRUE(opens(opener, second)) << first.name << ", then " << second.name;
+            EXPECT_EQ(opens(opener, first), first.key == second.key) << first.name << " with the key of " << second.name;
+            opener.setKey(hex("00"));
+            EXPECT_FALSE(opens(opener, second)) << second.name << " without a key";
+            opener.setKey(first.key);
+            EXPECT_TRUE(opens(opener, first)) << first.name << " in the end";
+        }
+    }
+}
+
 TEST(AEAD, RefusesLengthsThatTheAlgorithmDoesNotTake)
 {
     const Data tag = hex("58e2fccefa7e3061367f1d57a4e7455a");

@@ -63,20 +63,9 @@ TEST(HMAC, ServesManyMessagesUnderOneKey)
         SecretBytes code(32);
         keyed.update(DataView(std::string_view("what do ya want ")));
         keyed.update(DataView(std::string_view("for nothing?")));
-        ASSERT_TRUE(keyed.finish(code));
+        keyed.finish(code);
         EXPECT_EQ(hexOf(code), "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843") << "message " << round;
     }
-}
-
-TEST(HMAC, TakesAnotherKeyInMidMessage)
-{
-    HMAC keyed(HashFunction::sha256, repeated(0xAA, 131));
-    keyed.update(Data::fromText("of the key before"));
-    keyed.setKey(Data::fromText("Jefe"));
-    SecretBytes code(32);
-    keyed.update(Data::fromText("what do ya want for nothing?"));
-    ASSERT_TRUE(keyed.finish(code));
-    EXPECT_EQ(hexOf(code), "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843");
 }
 
 TEST(HKDF, ExpandsAsInRFC5869)
