@@ -5,7 +5,9 @@
 #include "app/session/Session.h"
 
 #include <algorithm>
+#include <fmt/compile.h>
 #include <fmt/format.h>
+#include <iterator>
 #include <utility>
 #include <vector>
 
@@ -100,14 +102,27 @@ std::string stopText(const TLSDirectionReport& direction)
     std::unreachable();
 }
 
-/// How much of a direction opened, as in "client 3 of 4 records, 517 bytes, up to byte 901, where the capture lost bytes".
-std::string openedText(std::string_view side, const TLSDirectionReport& direction)
+/// How much of a direction opened, as in "client 3 of 4 records, 517 bytes, up to byte 901, where the capture lost bytes". Most
+/// sentences are made of these, one for each stream that decrypts, so their patterns are read when this is compiled.
+void appendOpened(std::string& text, std::string_view side, const TLSDirectionReport& direction)
 {
-    if (direction.stop == Stop::nothingProtected) return fmt::format("{} sent nothing protected", side);
-    std::string text = fmt::format("{} {} of {}, {}", side, direction.openedRecords, counted(direction.protectedRecords, "record"),
-                                   counted(direction.plaintextBytes, "byte"));
-    if (direction.skippedRecords > 0) text += fmt::format(", {} skipped", direction.skippedRecords);
-    if (const std::string stop = stopText(direction); !stop.empty()) text += ", " + stop;
+    const auto append = [&](auto pattern, const auto&... values) { fmt::format_to(std::back_inserter(text), pattern, values...); };
+    if (direction.stop == Stop::nothingProtected) return append(FMT_COMPILE("{} sent nothing protected"), side);
+    const auto plural = [](std::int64_t count) { return std::string_view(count == 1 ? "" : "s"); };
+    append(FMT_COMPILE("{} {} of {} record{}, {} byte{}"), side, direction.openedRecords, direction.protectedRecords,
+           plural(direction.protectedRecords), direction.plaintextBytes, plural(direction.plaintextBytes));
+    if (direction.skippedRecords > 0) append(FMT_COMPILE(", {} skipped"), direction.skippedRecords);
+    if (const std::string stop = stopText(direction); !stop.empty()) append(FMT_COMPILE(", {}"), stop);
+}
+
+/// The same for both.
+std::string openedText(const TLSDecryptionReport& report)
+{
+    std::string text;
+    text.reserve(96);
+    appendOpened(text, "client", report.client);
+    text += "; ";
+    appendOpened(text, "server", report.server);
     return text;
 }
 
@@ -127,8 +142,7 @@ std::string keyMismatch(const TLSDecryptionReport& report)
     }
     if (any(Stop::noHandshakeSecret))
         return "the key log has the application secrets without the handshake secrets, which the first records need; log those too";
-    return fmt::format("the key log's secrets open nothing of this connection: {}; {}{}", openedText("client", report.client),
-                       openedText("server", report.server), alertText(report));
+    return fmt::format("the key log's secrets open nothing of this connection: {}{}", openedText(report), alertText(report));
 }
 
 }  // namespace
@@ -136,9 +150,7 @@ std::string keyMismatch(const TLSDecryptionReport& report)
 std::string verdictSentence(const StreamVerdict& verdict, const StreamSummary& summary)
 {
     const auto& report = verdict.report;
-    if (verdict.outcome.isDecrypted())
-        return report ? fmt::format("{}; {}", openedText("client", report->client), openedText("server", report->server))
-                      : "the stream decrypts";
+    if (verdict.outcome.isDecrypted()) return report ? openedText(*report) : "the stream decrypts";
     switch (*verdict.outcome.failure) {
     case TLSDecryptionFailure::noHandshake: return report ? noHandshake(*report, summary) : "the capture holds no complete handshake";
     case TLSDecryptionFailure::unsupportedVersion:
@@ -151,10 +163,13 @@ std::string verdictSentence(const StreamVerdict& verdict, const StreamSummary& s
 
 std::string incompleteText(const TLSDecryptionReport& report)
 {
-    std::vector<std::string> texts;
-    if (!stopText(report.client).empty()) texts.push_back(openedText("client", report.client));
-    if (!stopText(report.server).empty()) texts.push_back(openedText("server", report.server));
-    return fmt::format("{}", fmt::join(texts, "; "));
+    std::string text;
+    for (const auto& [side, direction] : {std::pair("client", &report.client), std::pair("server", &report.server)}) {
+        if (stopText(*direction).empty()) continue;
+        if (!text.empty()) text += "; ";
+        appendOpened(text, side, *direction);
+    }
+    return text;
 }
 
 }  // namespace sealscope::cli
