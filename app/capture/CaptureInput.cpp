@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sched.h>
 #include <sys/stat.h>
 #include <system_error>
 #include <thread>
@@ -17,7 +18,7 @@
 namespace sealscope {
 namespace {
 
-constexpr std::int64_t mappedWindow = 4 << 20;     // pages brought in and let go together
+constexpr std::int64_t mappedWindow = 4 << 20;     // pages let go together
 constexpr std::int64_t streamedPiece = 128 << 10;  // read at once; stays in the processor's cache
 constexpr const char* becameShorter = "became shorter while it was being read";
 
@@ -54,66 +55,62 @@ std::int64_t readSome(int descriptor, std::span<std::uint8_t> target)
     }
 }
 
-/// Brings the pages of a mapped file into memory, window by window from the front. A second processor, where there is one,
-/// goes ahead of who reads, who does not wait for it.
+/// Brings the pages of a mapped file into memory on a thread of its own, ahead of who reads, who does not wait for it.
 class PageSupply {
 public:
-    PageSupply(const MappedFile& file, bool goesAhead) : file_(file), size_(file.bytes().size())
+    /// Pays where there is a second processor, for a file that is large.
+    static bool isOfUse(const MappedFile& file)
     {
-        if (!goesAhead || size_ < farthestAhead || std::thread::hardware_concurrency() < 2) return;
-        helper_ = std::thread([this] {
-            do {
-                for (std::int64_t reached = reached_; next_ > reached + farthestAhead; reached = reached_) reached_.wait(reached);
-            } while (supplyNext());
-        });
+        cpu_set_t allowed;
+        const bool hasSeveral = sched_getaffinity(0, sizeof allowed, &allowed) != 0 || CPU_COUNT(&allowed) > 1;
+        return hasSeveral && file.bytes().size() > farthestAhead;
     }
+
+    explicit PageSupply(const MappedFile& file) : file_(file), size_(file.bytes().size()), thread_([this] { run(); }) {}
     ~PageSupply()
     {
-        next_ = size_;
         tell(size_);
-        if (helper_.joinable()) helper_.join();
+        thread_.join();
     }
     PageSupply(const PageSupply&) = delete;
     PageSupply& operator=(const PageSupply&) = delete;
 
-    /// Sees to it that pages up to `end` are there, or on their way.
-    void supply(std::int64_t end)
-    {
-        while (next_ < end && supplyNext()) {}
-        tell(end);
-    }
-
-private:
-    static constexpr std::int64_t farthestAhead = 16 * mappedWindow;
-
-    bool supplyNext()
-    {
-        const std::int64_t from = next_.fetch_add(mappedWindow);
-        if (from >= size_) return false;
-        file_.prefetch(from, std::min(mappedWindow, size_ - from));
-        return true;
-    }
+    /// Bytes before `reached` have been handed to who reads.
     void tell(std::int64_t reached)
     {
         reached_ = reached;
         reached_.notify_one();
     }
 
+private:
+    static constexpr std::int64_t farthestAhead = 16 * mappedWindow;
+
+    void run()
+    {
+        for (std::int64_t next = 0; next < size_;) {
+            std::int64_t reached = reached_;
+            for (; next > reached + farthestAhead; reached = reached_) reached_.wait(reached);
+            next = std::max(next, reached);
+            const std::int64_t count = std::min(mappedWindow, size_ - next);
+            file_.prefetch(next, count);
+            next += count;
+        }
+    }
+
     const MappedFile& file_;
     std::int64_t size_;
-    std::atomic<std::int64_t> next_{0};     ///< where the first window begins that nobody has taken on
-    std::atomic<std::int64_t> reached_{0};  ///< by who reads
-    std::thread helper_;
+    std::atomic<std::int64_t> reached_{0};
+    std::thread thread_;
 };
 
-/// A file mapped in place. The bytes come forward window by window, so that pages enter in one go. Unless all bytes are to be
-/// kept, they leave behind the reader.
+/// A file mapped in place. The bytes come forward window by window. Unless all bytes are to be kept, their pages leave again
+/// behind the reader.
 class MappedInput final : public CaptureInput {
 public:
     MappedInput(Descriptor descriptor, std::unique_ptr<MappedFile> file, bool keepAll)
-        : descriptor_(std::move(descriptor)), file_(std::move(file)), size_(file_->bytes().size()), keepsAll_(keepAll),
-          pages_(std::make_unique<PageSupply>(*file_, keepAll))
+        : descriptor_(std::move(descriptor)), file_(std::move(file)), size_(file_->bytes().size()), keepsAll_(keepAll)
     {
+        if (keepAll && PageSupply::isOfUse(*file_)) pages_ = std::make_unique<PageSupply>(*file_);
         start_ = at_ = end_ = file_->bytes().data();
         damage_ = &file_->isDamaged();
     }
@@ -150,7 +147,7 @@ protected:
         const std::int64_t at = position(), ready = end_ - start_;
         const std::int64_t wanted = std::min(size_, std::max(at + count, ready + mappedWindow));
         if (wanted > ready) {
-            pages_->supply(wanted);
+            if (pages_) pages_->tell(wanted);
             end_ = start_ + wanted;
         }
         // What lies more than a window back is unlikely to be looked at again soon.
@@ -166,8 +163,8 @@ private:
     std::unique_ptr<MappedFile> file_;
     std::int64_t size_;  // shrinks with the file
     bool keepsAll_;
-    std::unique_ptr<PageSupply> pages_;
-    std::int64_t released_ = 0;  // pages before it were let go
+    std::unique_ptr<PageSupply> pages_;  // null where nobody needs to go ahead
+    std::int64_t released_ = 0;          // pages before it were let go
 };
 
 /// A pipe or a compressed file, through one buffer, or into a temporary file when all bytes are to be kept.
