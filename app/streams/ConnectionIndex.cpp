@@ -117,24 +117,32 @@ void ConnectionIndex::start(const Key& key, std::size_t sender, double time)
     current_.insert({latest_, key.hash});
 }
 
-void ConnectionIndex::add(const TCPPacket& packet, std::int64_t packetNumber, double time)
+std::size_t ConnectionIndex::moveTo(const TCPPacket& packet, double time)
 {
+    // Packets of one connection tend to follow each other.
+    if (!connections_.empty()) {
+        const auto& [first, second] = connections_[latest_].endpoints;
+        if (packet.source == first && packet.destination == second) return 0;
+        if (packet.source == second && packet.destination == first) return 1;
+    }
     const std::size_t sender = packet.destination < packet.source ? 1 : 0;
     const Endpoints endpoints = sender == 1 ? Endpoints{packet.destination, packet.source} : Endpoints{packet.source, packet.destination};
+    const Key key{endpoints, hashOf(endpoints)};
+    if (const auto found = current_.find(key); found != current_.end())
+        latest_ = found->number;
+    else
+        start(key, sender, time);
+    return sender;
+}
+
+void ConnectionIndex::add(const TCPPacket& packet, std::int64_t packetNumber, double time)
+{
+    const std::size_t sender = moveTo(packet, time);
     const bool isRST = packet.flags & TCPFlag::rst;
     const bool isSYN = !isRST && (packet.flags & TCPFlag::syn);
     const bool isACK = packet.flags & TCPFlag::ack;
-
-    // Packets of one connection tend to follow each other.
-    if (connections_.empty() || connections_[latest_].endpoints != endpoints) {
-        const Key key{endpoints, hashOf(endpoints)};
-        if (const auto found = current_.find(key); found != current_.end()) {
-            latest_ = found->number;
-        } else {
-            start(key, sender, time);
-        }
-    }
     if (isSYN && opensAnother(connections_[latest_], connections_[latest_].sides[sender], packet.sequenceNumber, isACK)) {
+        const Endpoints endpoints = connections_[latest_].endpoints;
         const Key key{endpoints, hashOf(endpoints)};
         current_.erase(key);
         start(key, sender, time);

@@ -110,6 +110,8 @@ private:
         bool operator()(const Key& key, const Entry& entry) const { return (*this)(entry, key); }
     };
 
+    /// Makes a packet's connection the latest one, starts it when there is none; returns the sender's position among the endpoints.
+    std::size_t moveTo(const TCPPacket& packet, double time);
     void start(const Key& key, std::size_t sender, double time);
 
     SegmentArena arena_;

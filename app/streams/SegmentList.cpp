@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <bit>
 #include <new>
+#include <sys/mman.h>
 
 namespace sealscope {
 
@@ -43,8 +44,13 @@ void* SegmentArena::allocate(std::size_t size)
 {
     size = (size + alignof(std::max_align_t) - 1) / alignof(std::max_align_t) * alignof(std::max_align_t);
     if (size > left_) {
-        left_ = std::max(size, slabSize);
-        next_ = slabs_.emplace_back(std::make_unique_for_overwrite<std::byte[]>(left_)).get();
+        const bool isFirst = slabs_.empty();
+        left_ = isFirst ? firstSlab : slabSize;
+        auto* const slab = static_cast<std::byte*>(std::aligned_alloc(isFirst ? alignof(std::max_align_t) : slabSize, left_));
+        if (!slab) throw std::bad_alloc();
+        slabs_.emplace_back(slab);
+        if (!isFirst) madvise(slab, left_, MADV_HUGEPAGE);
+        next_ = slab;
     }
     void* const memory = next_;
     next_ += size;

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <span>
 #include <vector>
@@ -45,11 +46,17 @@ static_assert(sizeof(SegmentRecord) == 32);
 /// Memory for what is kept until the whole index goes: handed out front to back from slabs, never moved, freed at once.
 class SegmentArena {
 public:
+    /// At most 64 KiB at a time.
     void* allocate(std::size_t size);
 
 private:
-    static constexpr std::size_t slabSize = std::size_t{1} << 20;
-    std::vector<std::unique_ptr<std::byte[]>> slabs_;
+    /// The first is small. The others are huge pages where the system has them: entering a page costs as much as indexing five
+    /// packets, and a huge page is entered in one go.
+    static constexpr std::size_t firstSlab = std::size_t{1} << 17, slabSize = std::size_t{1} << 21;
+    struct Free {
+        void operator()(std::byte* slab) const { std::free(slab); }
+    };
+    std::vector<std::unique_ptr<std::byte[], Free>> slabs_;
     std::byte* next_ = nullptr;
     std::size_t left_ = 0;
 };
