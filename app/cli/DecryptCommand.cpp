@@ -54,8 +54,8 @@ public:
 
     OpenedStream open(std::int64_t number) const
     {
-        OpenedStream opened{.summary = session_.summary(number)};
         const TCPStream stream = session_.stream(number);
+        OpenedStream opened{.summary = session_.summary(number)};
         opened.canInterpret = interpreter_ && interpreter_->canInterpret(stream);
         if (!opened.canInterpret) return opened;
         opened.verdict = verdicts_.verdict(stream, false);
@@ -210,7 +210,8 @@ ExitStatus openStreams(const CommandContext& context, const Session& session, co
     ExitStatus status = done;
     const Decryptor decryptor(context, session, capture);
     OpenedTable table(context.terminal);
-    for (std::size_t i = 0; i < std::min<std::size_t>(streams.size(), 1'000); ++i) table.measure(session.summary(streams[i]));
+    if (!options.json)
+        for (std::size_t i = 0; i < std::min<std::size_t>(streams.size(), 1'000); ++i) table.measure(session.summary(streams[i]));
 
     // Rows would be mixed up with a file that goes there.
     const bool hasRows = options.pcap != "-" && options.injectSecrets != "-" && options.stripSecrets != "-";
@@ -234,10 +235,7 @@ ExitStatus openStreams(const CommandContext& context, const Session& session, co
         }
         return status == done && context.output.isOpen() && !isInterrupted();
     };
-    const auto weight = [&](std::int64_t number) {
-        const StreamSummary summary = session.summary(number);
-        return summary.clientBytes + summary.serverBytes;
-    };
+    const auto weight = [&](std::int64_t number) { return session.packets(number) * usualPayload; };
     inOrder(streams, weight, [&](std::int64_t number) { return decryptor.open(number); }, print);
     context.output.flush();
     if (decrypted == 0 && status == done) {

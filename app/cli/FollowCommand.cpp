@@ -199,10 +199,7 @@ ExitStatus run(const CommandContext& context)
     const Follower follower(context, *session);
 
     std::int64_t accepted = 0;
-    const auto weight = [&](std::int64_t number) {
-        const StreamSummary summary = session->summary(number);
-        return summary.clientBytes + summary.serverBytes;
-    };
+    const auto weight = [&](std::int64_t number) { return session->packets(number) * usualPayload; };
     const auto print = [&](FollowedStream followed) {
         accepted += followed.isAccepted;
         if (followed.isAccepted || areNamed) follower.print(std::move(followed));

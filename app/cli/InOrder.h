@@ -11,6 +11,9 @@
 
 namespace sealscope::cli {
 
+/// Bytes that a packet carries in most captures of bulk data; for weights.
+inline constexpr std::int64_t usualPayload = 1'000;
+
 /// Works on items side by side and hands the results over in the order of the items, each as soon as it and all before it
 /// are ready. `work(item)` runs on several threads; `take(result)` on one at a time, and ends everything by giving false.
 /// `weight(item)` is about how many bytes an item makes: light ones go in packs, so that handing them over costs little,

@@ -138,8 +138,8 @@ ExitStatus run(const CommandContext& context)
         for (std::size_t i = 0; i < std::min(measured, streams.size()); ++i) table.measure(session->summary(streams[i]));
 
     const auto look = [&](std::int64_t number) {
-        StreamRow row{.summary = session->summary(number)};
         const TCPStream stream = session->stream(number);
+        StreamRow row{.summary = session->summary(number)};
         row.canInterpret = interpreter && interpreter->canInterpret(stream);
         if (row.canInterpret) row.verdict = verdicts.verdict(stream, true);
 

@@ -44,18 +44,32 @@ public:
 
     const Capture& capture() const { return *capture_; }
     const ConnectionIndex& connections() const { return *connections_; }
-    TCPStream stream(std::int64_t number) const { return reassembledStream(capture_, connections_, number); }
+
+    /// Leaves the stream's measures behind, which most callers ask for next.
+    TCPStream stream(std::int64_t number) const
+    {
+        const auto index = static_cast<std::size_t>(number);
+        bool isMeasured = false;
+        {
+            const auto lock = lockFor(index);
+            isMeasured = measured_[index].isKnown;
+        }
+        StreamMeasures measures;
+        TCPStream stream = reassembledStream(capture_, connections_, number, isMeasured ? nullptr : &measures);
+        if (!isMeasured) {
+            const auto lock = lockFor(index);
+            measured_[index] = {measures, true};
+        }
+        return stream;
+    }
 
     /// Measured when it is first asked for, then kept: a list of streams asks again and again.
     StreamMeasures measures(std::int64_t number) const
     {
         const auto index = static_cast<std::size_t>(number);
-        const std::lock_guard lock(locks_[index % locks_.size()]);
+        const auto lock = lockFor(index);
         Measured& measured = measured_[index];
-        if (!measured.isKnown) {
-            measured.measures = measureStream(*capture_, (*connections_)[number]);
-            measured.isKnown = true;
-        }
+        if (!measured.isKnown) measured = {measureStream(*capture_, (*connections_)[number]), true};
         return measured.measures;
     }
 
@@ -69,6 +83,8 @@ private:
         StreamMeasures measures;
         bool isKnown = false;
     };
+
+    std::unique_lock<std::mutex> lockFor(std::size_t index) const { return std::unique_lock(locks_[index % locks_.size()]); }
 
     std::shared_ptr<Capture> capture_;
     std::shared_ptr<const ConnectionIndex> connections_;
@@ -91,6 +107,7 @@ std::expected<std::unique_ptr<Session>, CaptureError> Session::open(SessionOptio
 
 std::int64_t Session::packetCount() const { return implementation_->packetCount; }
 std::int64_t Session::streamCount() const { return implementation_->connections().size(); }
+std::int64_t Session::packets(std::int64_t stream) const { return implementation_->connections()[stream].packets(); }
 
 StreamSummary Session::summary(std::int64_t stream) const
 {

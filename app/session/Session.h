@@ -50,6 +50,8 @@ public:
 
     std::int64_t packetCount() const;
     std::int64_t streamCount() const;
+    /// Packets of a stream: what is known of its size before it is assembled.
+    std::int64_t packets(std::int64_t stream) const;
     StreamSummary summary(std::int64_t stream) const;
     /// The reassembled connection. Its bytes stay where the capture has them; it may outlive the session.
     TCPStream stream(std::int64_t stream) const;

@@ -301,12 +301,25 @@ std::uint32_t initialSequenceNumber(const ConnectionSide& side, const Reassembly
     return data.firstNumber ? *data.firstNumber - 1 : side.hasReference ? side.acknowledged.reference - 1 : 0;
 }
 
+StreamMeasures measuresOf(const ReassembledDirection& client, const ReassembledDirection& server)
+{
+    return {
+        .clientBytes = client.data().size,
+        .serverBytes = server.data().size,
+        .missingBytes = client.data().missingBytes + server.data().missingBytes,
+        .contradictingBytes = client.contradictingBytes() + server.contradictingBytes(),
+        .restarts = client.data().restarts + server.data().restarts,
+    };
+}
+
 }  // namespace
 
-TCPStream reassembledStream(std::shared_ptr<const Capture> capture, std::shared_ptr<const ConnectionIndex> index, std::int64_t number)
+TCPStream reassembledStream(std::shared_ptr<const Capture> capture, std::shared_ptr<const ConnectionIndex> index, std::int64_t number,
+                            StreamMeasures* measures)
 {
     const Connection& connection = (*index)[number];
     const auto stream = std::make_shared<const ReassembledStream>(std::move(capture), std::move(index), connection);
+    if (measures) *measures = measuresOf(stream->client, stream->server);
     const std::size_t client = connection.client;
     const auto data = [&](const ReassembledDirection& direction) {
         return StreamData(std::shared_ptr<const StreamByteSource>(stream, &direction), direction.data().size);
@@ -334,13 +347,7 @@ StreamMeasures measureStream(const Capture& capture, const Connection& connectio
 {
     const ReassembledDirection client(capture, connection, connection.client);
     const ReassembledDirection server(capture, connection, 1 - connection.client);
-    return {
-        .clientBytes = client.data().size,
-        .serverBytes = server.data().size,
-        .missingBytes = client.data().missingBytes + server.data().missingBytes,
-        .contradictingBytes = client.contradictingBytes() + server.contradictingBytes(),
-        .restarts = client.data().restarts + server.data().restarts,
-    };
+    return measuresOf(client, server);
 }
 
 void settleClients(const std::shared_ptr<const Capture>& capture, const std::shared_ptr<ConnectionIndex>& index)
