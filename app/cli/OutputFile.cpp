@@ -20,7 +20,7 @@ namespace fs = std::filesystem;
 
 // A record at a time costs the file system a third more, and so do pieces that begin and end within its pages.
 constexpr std::int64_t alignment = 16 * 1'024;
-constexpr std::int64_t largePiece = 8 * alignment;
+constexpr std::int64_t largePiece = 16 * alignment;
 
 std::string errorText(int error) { return std::strerror(error); }
 

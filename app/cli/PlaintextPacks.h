@@ -54,7 +54,7 @@ private:
 /// direction records are opened on one thread while another takes what was opened before.
 template <class Take> void forEachPack(PlaintextReader& reader, std::int64_t size, const Take& take)
 {
-    constexpr std::int64_t packSize = 128 * 1'024, large = 32 * packSize;
+    constexpr std::int64_t packSize = 256 * 1'024, large = 16 * packSize;
     if (size < large) {
         PlaintextPack pack;
         do pack.fill(reader, std::min(size, packSize));
