@@ -2,9 +2,9 @@
 // Writes a capture of TLS connections that were never on a network. A connection is a source of TCP segments; the program
 // takes a few from each open connection in turn, so that they lie side by side in the file as those of a busy host do.
 // The handshakes are real, and libssl protects every byte: the key log that comes with the capture opens all of it.
-#include "tests/support/CaptureFile.h"
-#include "tests/support/Hex.h"
-#include "tests/support/TLSSession.h"
+#include "harness/CaptureFile.h"
+#include "harness/Hex.h"
+#include "harness/TLSSession.h"
 
 #include <algorithm>
 #include <cstdio>

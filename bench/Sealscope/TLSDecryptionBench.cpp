@@ -3,13 +3,13 @@
 #include "Sealscope/TLSDirectionWalk.h"
 #include "Sealscope/TLSStreamDecryption.h"
 #include "app/session/Session.h"
+#include "harness/CaptureFile.h"
+#include "harness/Hex.h"
+#include "harness/PacketPath.h"
+#include "harness/TLSSession.h"
+#include "harness/TempDirectory.h"
+#include "harness/VectorStream.h"
 #include "tests/Sealscope/WithKeyLog.h"
-#include "tests/support/CaptureFile.h"
-#include "tests/support/Hex.h"
-#include "tests/support/PacketPath.h"
-#include "tests/support/TLSSession.h"
-#include "tests/support/TempDirectory.h"
-#include "tests/support/VectorStream.h"
 
 #include <benchmark/benchmark.h>
 #include <memory>

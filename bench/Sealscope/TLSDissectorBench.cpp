@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Sealscope/TLSDissector.h"
 #include "Sealscope/TLSProtocolAnalyzer.h"
+#include "harness/Certificates.h"
 #include "tests/Sealscope/TLSBytes.h"
-#include "tests/support/Certificates.h"
 
 #include <any>
 #include <benchmark/benchmark.h>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Sealscope/TLSStreamParser.h"
-#include "tests/support/Hex.h"
-#include "tests/support/TLSSession.h"
-#include "tests/support/VectorStream.h"
+#include "harness/Hex.h"
+#include "harness/TLSSession.h"
+#include "harness/VectorStream.h"
 
 #include <benchmark/benchmark.h>
 #include <cstdlib>

@@ -2,9 +2,9 @@
 // Reading a capture, alone and with decoding, beside a bare pass over the file: its floor. Items are packets.
 #include "app/capture/Capture.h"
 #include "app/capture/PacketDecoder.h"
-#include "tests/support/CaptureFile.h"
-#include "tests/support/Hex.h"
-#include "tests/support/TempDirectory.h"
+#include "harness/CaptureFile.h"
+#include "harness/Hex.h"
+#include "harness/TempDirectory.h"
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>

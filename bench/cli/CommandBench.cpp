@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Whole commands, from start to end, beside the copy that `tcpdump -r FILE -w /dev/null` makes of the same file.
-#include "tests/support/RunProgram.h"
-#include "tests/support/TempDirectory.h"
+#include "harness/RunProgram.h"
+#include "harness/TempDirectory.h"
 
 #include <benchmark/benchmark.h>
 #include <filesystem>

@@ -2,8 +2,8 @@
 // `decrypt --output` of a gigabyte, from start to end, beside its two floors: opening as many records with libcrypto on one
 // core, and writing as many bytes to the same folder. The three take turns, since a machine's mood changes within seconds, and
 // the ratio of each round to its own floors counts.
-#include "tests/support/RunProgram.h"
-#include "tests/support/TempDirectory.h"
+#include "harness/RunProgram.h"
+#include "harness/TempDirectory.h"
 
 #include <algorithm>
 #include <array>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/session/Session.h"
-#include "tests/support/CaptureFile.h"
-#include "tests/support/PacketPath.h"
-#include "tests/support/TempDirectory.h"
+#include "harness/CaptureFile.h"
+#include "harness/PacketPath.h"
+#include "harness/TempDirectory.h"
 
 #include <benchmark/benchmark.h>
 #include <fstream>

@@ -4,9 +4,9 @@
 #include "Sealscope/TLSDecryptionProbe.h"
 #include "Sealscope/TLSStreamReport.h"
 #include "fuzz/Require.h"
+#include "harness/VectorStream.h"
 #include "tests/Sealscope/DecryptionTwin.h"
 #include "tests/Sealscope/WithKeyLog.h"
-#include "tests/support/VectorStream.h"
 
 #include <openssl/err.h>
 

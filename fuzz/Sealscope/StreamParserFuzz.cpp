@@ -4,7 +4,7 @@
 #include "Sealscope/TLSDissector.h"
 #include "Sealscope/TLSStreamParser.h"
 #include "fuzz/Require.h"
-#include "tests/support/VectorStream.h"
+#include "harness/VectorStream.h"
 
 #include <algorithm>
 

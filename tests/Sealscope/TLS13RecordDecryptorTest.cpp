@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Sealscope/TLS13RecordDecryptor.h"
 
+#include "harness/Hex.h"
 #include "tests/Sealscope/SealRecords.h"
-#include "tests/support/Hex.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "tests/support/Hex.h"
+#include "harness/Hex.h"
 
 #include <string_view>
 #include <vector>

@@ -2,9 +2,9 @@
 #include "Sealscope/TLSCertificate.h"
 
 #include "Sealscope/TLSDissector.h"
+#include "harness/Certificates.h"
 #include "tests/Sealscope/TLSBytes.h"
 #include "tests/Sealscope/TLSPrinters.h"
-#include "tests/support/Certificates.h"
 
 #include <gtest/gtest.h>
 

@@ -2,11 +2,11 @@
 #include "Sealscope/TLSDecryptionProbe.h"
 
 #include "Sealscope/TLSDissector.h"
+#include "harness/Hex.h"
+#include "harness/TLSSession.h"
+#include "harness/VectorStream.h"
 #include "host/VELModels/VELStreamInterpreting.h"
 #include "tests/Sealscope/WithKeyLog.h"
-#include "tests/support/Hex.h"
-#include "tests/support/TLSSession.h"
-#include "tests/support/VectorStream.h"
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>

@@ -2,9 +2,9 @@
 #include "Sealscope/TLSHandshake.h"
 
 #include "Sealscope/TLSDissector.h"
+#include "harness/TLSSession.h"
 #include "tests/Sealscope/TLSBytes.h"
 #include "tests/Sealscope/TLSPrinters.h"
-#include "tests/support/TLSSession.h"
 
 #include <gtest/gtest.h>
 #include <random>

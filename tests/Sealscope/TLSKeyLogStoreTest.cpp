@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Sealscope/TLSKeyLogStore.h"
 
+#include "harness/Hex.h"
 #include "host/VELCommonTools/KeylogLocations.h"
 #include "platform/UserDefaults.h"
 #include "tests/Sealscope/WithKeyLog.h"
-#include "tests/support/Hex.h"
 
 #include <atomic>
 #include <fmt/format.h>

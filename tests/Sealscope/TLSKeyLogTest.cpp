@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Sealscope/TLSKeyLog.h"
 
+#include "harness/Hex.h"
 #include "tests/Sealscope/KeyLogTwin.h"
-#include "tests/support/Hex.h"
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>

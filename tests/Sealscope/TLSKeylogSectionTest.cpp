@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Sealscope/TLSKeylogSection.h"
 
+#include "harness/TempDirectory.h"
 #include "host/VELCommonTools/KeylogUserFile.h"
 #include "host/VELCommonTools/Spacing.h"
 #include "host/VELKonstantsKeys/VELProtocolKonstants.h"
 #include "platform/Notifications.h"
 #include "platform/OpenPanel.h"
 #include "platform/Pasteboard.h"
-#include "tests/support/TempDirectory.h"
 
 #include <cstdlib>
 #include <gmock/gmock.h>

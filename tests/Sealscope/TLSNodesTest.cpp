@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Sealscope/TLSDissector.h"
+#include "harness/Certificates.h"
+#include "harness/TempDirectory.h"
 #include "tests/Sealscope/TLSBytes.h"
-#include "tests/support/Certificates.h"
-#include "tests/support/TempDirectory.h"
 #include "tests/support/TreeText.h"
 
 #include <cstdlib>

@@ -2,11 +2,11 @@
 #include "Sealscope/TLSPlugInController.h"
 
 #include "Sealscope/TLSProtocolAnalyzer.h"
+#include "harness/TempDirectory.h"
 #include "host/VELCommonTools/Color.h"
 #include "host/VELModels/TLSDecryptionProbeRegistry.h"
 #include "host/VELModels/VELPlugInsController.h"
 #include "platform/UserDefaults.h"
-#include "tests/support/TempDirectory.h"
 
 #include <cstdlib>
 #include <gmock/gmock.h>

@@ -3,9 +3,9 @@
 
 #include "Sealscope/TLSDissector.h"
 #include "Sealscope/TLSWalk.h"
+#include "harness/VectorStream.h"
 #include "tests/Sealscope/TLSBytes.h"
 #include "tests/Sealscope/TLSPrinters.h"
-#include "tests/support/VectorStream.h"
 
 #include <gtest/gtest.h>
 

@@ -2,12 +2,12 @@
 #include "Sealscope/TLSStreamDecryption.h"
 
 #include "Sealscope/TLSDecryptionProbe.h"
+#include "harness/Hex.h"
+#include "harness/TLSRecordSealer.h"
+#include "harness/TLSSession.h"
+#include "harness/VectorStream.h"
 #include "tests/Sealscope/DecryptionTwin.h"
 #include "tests/Sealscope/WithKeyLog.h"
-#include "tests/support/Hex.h"
-#include "tests/support/TLSRecordSealer.h"
-#include "tests/support/TLSSession.h"
-#include "tests/support/VectorStream.h"
 
 #include <gtest/gtest.h>
 

@@ -2,9 +2,9 @@
 #include "Sealscope/TLSStreamParser.h"
 
 #include "Sealscope/TLSProtocolAnalyzer.h"
-#include "tests/support/Certificates.h"
-#include "tests/support/Hex.h"
-#include "tests/support/VectorStream.h"
+#include "harness/Certificates.h"
+#include "harness/Hex.h"
+#include "harness/VectorStream.h"
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "harness/TempDirectory.h"
 #include "host/VELCommonTools/KeylogUserFile.h"
 #include "host/VELCommonTools/MergedKeylog.h"
-#include "tests/support/TempDirectory.h"
 
 #include <cstdlib>
 #include <string_view>

@@ -2,9 +2,9 @@
 #include "app/capture/LiveCapture.h"
 
 #include "app/capture/Privileges.h"
+#include "harness/Hex.h"
+#include "harness/TempDirectory.h"
 #include "tests/capture/ReadCapture.h"
-#include "tests/support/Hex.h"
-#include "tests/support/TempDirectory.h"
 
 #include <arpa/inet.h>
 #include <csignal>

@@ -3,9 +3,9 @@
 
 #include "app/capture/Capture.h"
 #include "app/capture/FragmentAssembler.h"
-#include "tests/support/CaptureFile.h"
-#include "tests/support/Hex.h"
-#include "tests/support/TempDirectory.h"
+#include "harness/CaptureFile.h"
+#include "harness/Hex.h"
+#include "harness/TempDirectory.h"
 
 #include <algorithm>
 #include <fmt/format.h>

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "app/capture/Capture.h"
-#include "tests/support/PacketPath.h"
+#include "harness/PacketPath.h"
 
 #include <ostream>
 #include <string>

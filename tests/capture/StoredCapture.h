@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "harness/CaptureFile.h"
+#include "harness/Hex.h"
+#include "harness/TempDirectory.h"
 #include "tests/capture/ReadCapture.h"
-#include "tests/support/CaptureFile.h"
-#include "tests/support/Hex.h"
-#include "tests/support/TempDirectory.h"
 
 #include <fcntl.h>
 #include <filesystem>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "harness/CaptureFile.h"
+#include "harness/TempDirectory.h"
 #include "tests/cli/Program.h"
-#include "tests/support/CaptureFile.h"
-#include "tests/support/TempDirectory.h"
 
 #include <gtest/gtest.h>
 

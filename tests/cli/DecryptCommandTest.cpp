@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/session/Session.h"
+#include "harness/CaptureFile.h"
+#include "harness/Hex.h"
+#include "harness/TLSSession.h"
+#include "harness/TempDirectory.h"
 #include "tests/cli/Program.h"
-#include "tests/support/CaptureFile.h"
-#include "tests/support/Hex.h"
 #include "tests/support/Printers.h"
-#include "tests/support/TLSSession.h"
-#include "tests/support/TempDirectory.h"
 
 #include <filesystem>
 #include <gtest/gtest.h>

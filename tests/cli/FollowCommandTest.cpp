@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "harness/CaptureFile.h"
+#include "harness/Hex.h"
+#include "harness/TLSSession.h"
+#include "harness/TempDirectory.h"
 #include "platform/Base64.h"
 #include "tests/cli/Program.h"
-#include "tests/support/CaptureFile.h"
-#include "tests/support/Hex.h"
-#include "tests/support/TLSSession.h"
-#include "tests/support/TempDirectory.h"
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>

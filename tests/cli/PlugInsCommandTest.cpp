@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "harness/TempDirectory.h"
 #include "tests/cli/Program.h"
-#include "tests/support/TempDirectory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tests/cli/Program.h"
 
-#include "tests/support/TempDirectory.h"
+#include "harness/TempDirectory.h"
 
 #include <cerrno>
 #include <cstdlib>

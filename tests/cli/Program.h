@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "tests/support/RunProgram.h"
+#include "harness/RunProgram.h"
 
 #include <nlohmann/json.hpp>
 #include <string>

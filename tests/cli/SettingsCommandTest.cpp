@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "harness/CaptureFile.h"
+#include "harness/Hex.h"
+#include "harness/TCPConversation.h"
+#include "harness/TempDirectory.h"
 #include "tests/cli/Program.h"
-#include "tests/support/CaptureFile.h"
-#include "tests/support/Hex.h"
-#include "tests/support/TCPConversation.h"
-#include "tests/support/TempDirectory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

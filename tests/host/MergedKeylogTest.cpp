@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/VELCommonTools/MergedKeylog.h"
 
+#include "harness/TempDirectory.h"
 #include "host/VELCommonTools/KeylogLocations.h"
 #include "host/VELCommonTools/KeylogUserFile.h"
 #include "host/VELModels/TLSDecryptionProbeRegistry.h"
-#include "tests/support/TempDirectory.h"
 
 #include <cstdlib>
 #include <fcntl.h>

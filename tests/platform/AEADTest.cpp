@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/AEAD.h"
 
-#include "tests/support/Hex.h"
+#include "harness/Hex.h"
 
 #include <gtest/gtest.h>
 #include <openssl/err.h>

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/Certificate.h"
 
+#include "harness/Certificates.h"
+#include "harness/Hex.h"
+#include "harness/OpenSSLPointers.h"
 #include "platform/UTF8.h"
-#include "tests/support/Certificates.h"
-#include "tests/support/Hex.h"
-#include "tests/support/OpenSSLPointers.h"
 #include "tests/support/Printers.h"
 
 #include <gmock/gmock.h>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/HMAC.h"
 
+#include "harness/Hex.h"
 #include "platform/HKDF.h"
-#include "tests/support/Hex.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/UserDefaults.h"
 
-#include "tests/support/TempDirectory.h"
+#include "harness/TempDirectory.h"
 
 #include <atomic>
 #include <chrono>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "harness/CaptureFile.h"
+#include "harness/TCPConversation.h"
+#include "harness/TempDirectory.h"
 #include "tests/cli/Program.h"
-#include "tests/support/CaptureFile.h"
-#include "tests/support/TCPConversation.h"
-#include "tests/support/TempDirectory.h"
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>

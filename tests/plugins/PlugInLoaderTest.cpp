@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/plugins/PlugInLoader.h"
 
+#include "harness/TempDirectory.h"
 #include "host/VELModels/TLSDecryptionProbeRegistry.h"
 #include "host/VELModels/VELPlugInsController.h"
 #include "host/VELModels/VELStreamInterpreting.h"
-#include "tests/support/TempDirectory.h"
 
 #include <cstdlib>
 #include <gmock/gmock.h>

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/plugins/PlugInLoader.h"
+#include "harness/Hex.h"
+#include "harness/TLSSession.h"
+#include "harness/TempDirectory.h"
 #include "host/VELModels/VELPlugInsController.h"
 #include "platform/LocalizedFormat.h"
-#include "tests/support/Hex.h"
-#include "tests/support/TLSSession.h"
-#include "tests/support/TempDirectory.h"
 
 #include <cstdlib>
 #include <gmock/gmock.h>

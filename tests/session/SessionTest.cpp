@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/session/Session.h"
 
-#include "tests/support/CaptureFile.h"
-#include "tests/support/PacketPath.h"
+#include "harness/CaptureFile.h"
+#include "harness/PacketPath.h"
+#include "harness/TLSSession.h"
+#include "harness/TempDirectory.h"
 #include "tests/support/Printers.h"
-#include "tests/support/TLSSession.h"
-#include "tests/support/TempDirectory.h"
 
 #include <algorithm>
 #include <map>

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // What other tests take from the harness on trust.
-#include "tests/support/CaptureFile.h"
-#include "tests/support/Hex.h"
+#include "harness/CaptureFile.h"
+#include "harness/Hex.h"
+#include "harness/RunProgram.h"
+#include "harness/TLSRecordSealer.h"
+#include "harness/TLSSession.h"
+#include "harness/VectorStream.h"
 #include "tests/support/Printers.h"
 #include "tests/support/RealCaptures.h"
-#include "tests/support/RunProgram.h"
-#include "tests/support/TLSRecordSealer.h"
-#include "tests/support/TLSSession.h"
-#include "tests/support/VectorStream.h"
 
 #include <gtest/gtest.h>
 #include <map>

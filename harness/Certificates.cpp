@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tests/support/Certificates.h"
+#include "harness/Certificates.h"
 
-#include "tests/support/DeterministicRandom.h"
-#include "tests/support/OpenSSLPointers.h"
+#include "harness/DeterministicRandom.h"
+#include "harness/OpenSSLPointers.h"
 
 #include <fmt/format.h>
 #include <map>

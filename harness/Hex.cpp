@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tests/support/Hex.h"
+#include "harness/Hex.h"
 
 #include <charconv>
 #include <stdexcept>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "tests/support/TCPConversation.h"
+#include "harness/TCPConversation.h"
 
 #include <cstdint>
 #include <vector>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tests/support/TLSRecordSealer.h"
+#include "harness/TLSRecordSealer.h"
 
-#include "tests/support/Hex.h"
-#include "tests/support/OpenSSLPointers.h"
+#include "harness/Hex.h"
+#include "harness/OpenSSLPointers.h"
 
 #include <array>
 #include <openssl/core_names.h>

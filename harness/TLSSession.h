@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "harness/Certificates.h"
 #include "host/VELModels/TCPSegment.h"
 #include "platform/Data.h"
-#include "tests/support/Certificates.h"
 
 #include <memory>
 #include <optional>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tests/support/PacketPath.h"
+#include "harness/PacketPath.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "harness/TLSSession.h"
 #include "host/VELModels/TCPStream.h"
-#include "tests/support/TLSSession.h"
 
 #include <optional>
 #include <vector>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The only way to choose libcrypto's random bytes in every library context is a RAND_METHOD, which OpenSSL 3 calls deprecated.
 #define OPENSSL_SUPPRESS_DEPRECATED
-#include "tests/support/DeterministicRandom.h"
+#include "harness/DeterministicRandom.h"
 
 #include <cstring>
 #include <mutex>

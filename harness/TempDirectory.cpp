@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tests/support/TempDirectory.h"
+#include "harness/TempDirectory.h"
 
 #include <cstdlib>
 #include <fstream>

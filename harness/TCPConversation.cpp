@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tests/support/TCPConversation.h"
+#include "harness/TCPConversation.h"
 
-#include "tests/support/Hex.h"
+#include "harness/Hex.h"
 
 #include <algorithm>
 #include <arpa/inet.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tests/support/RunProgram.h"
+#include "harness/RunProgram.h"
 
 #include <cerrno>
 #include <csignal>

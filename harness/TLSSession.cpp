@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Two libssl peers talk over memory: each has a BIO that it reads from and one that it writes to, and what one has
 // written is a flight that the other is fed. The flights, in that order, are the wire.
-#include "tests/support/TLSSession.h"
+#include "harness/TLSSession.h"
 
-#include "tests/support/DeterministicRandom.h"
-#include "tests/support/Hex.h"
-#include "tests/support/OpenSSLPointers.h"
+#include "harness/DeterministicRandom.h"
+#include "harness/Hex.h"
+#include "harness/OpenSSLPointers.h"
 
 #include <array>
 #include <fmt/format.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tests/support/CaptureFile.h"
+#include "harness/CaptureFile.h"
 
 #include <algorithm>
 #include <bit>

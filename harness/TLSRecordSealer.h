@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "tests/support/TLSSession.h"
+#include "harness/TLSSession.h"
 
 namespace sealscope {
 

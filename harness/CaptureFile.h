@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "tests/support/PacketPath.h"
+#include "harness/PacketPath.h"
 
 #include <string>
 #include <string_view>
