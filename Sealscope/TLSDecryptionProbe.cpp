@@ -121,7 +121,7 @@ bool TLSDecryptionProbe::hasSecrets(DataView clientRandom) const
 {
     const TLSKeyLog keyLog = TLSKeyLogStore::shared().current();
     return std::ranges::any_of(TLSKeyLog::knownLabels,
-                               [&](std::string_view label) { return keyLog.secrets.find(label, clientRandom).has_value(); });
+                               [&](std::string_view label) { return keyLog.secrets.length(label, clientRandom).has_value(); });
 }
 
 SecretText TLSDecryptionProbe::keyLogLines(const TCPStream& stream) const

@@ -170,7 +170,7 @@ Stop TLSDirectionReporter::reason(const TLSDirectionReport& report, const Progre
     if (report.openedRecords > 0 || !context_.isTLS13) return Stop::doesNotOpen;
 
     const auto suite = TLS13RecordDecryptor::suiteParameters(context_.cipherSuite);
-    const bool hasHandshakeSecret = keyLog_.secrets.find(secretLabels(true, direction).handshake, context_.clientRandom).has_value();
+    const bool hasHandshakeSecret = keyLog_.secrets.length(secretLabels(true, direction).handshake, context_.clientRandom).has_value();
     if (direction == Direction::clientToServer && isEarlyData(record, hasHandshakeSecret)) return Stop::earlyData;
     const auto secret = applicationSecret(direction);
     if (suite && secret && secret->size() != digestSize(suite->hash)) return Stop::badSecret;

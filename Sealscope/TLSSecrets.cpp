@@ -5,7 +5,6 @@
 
 #include <absl/container/flat_hash_set.h>
 #include <absl/hash/hash.h>
-#include <absl/types/span.h>
 #include <algorithm>
 #include <cstring>
 #include <utility>
@@ -45,9 +44,8 @@ struct KeyHash {
     using is_transparent = void;
     std::size_t operator()(const auto& item) const
     {
-        // Length and first letter tell the known labels apart.
         const Key key = keyOf(item);
-        return absl::HashOf(key.label.size() * 2 + key.label.starts_with('C'), absl::MakeConstSpan(key.clientRandom));
+        return absl::HashOf(key.label, key.clientRandom);
     }
 };
 

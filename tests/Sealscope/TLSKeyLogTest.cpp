@@ -135,6 +135,18 @@ TEST(TLSKeyLog, LooksUpByLabelAndClientRandom)
     EXPECT_EQ(TLSKeyLog("").secret({"CLIENT_RANDOM", hex("aabb")}), std::nullopt);
 }
 
+// A key log made to be slow: whoever tells secrets apart by less than the whole label compares each line with all before it.
+TEST(TLSKeyLog, KeepsManyLabelsOfOneClientRandom)
+{
+    constexpr int count = 200'000;
+    std::string text;
+    for (int i = 0; i < count; ++i) text += fmt::format("LABEL_{:06} aabb {:06x}\n", i, i);
+    const TLSKeyLog keyLog(text);
+    EXPECT_EQ(keyLog.secrets.size(), count);
+    EXPECT_EQ(keyLog.secrets.find("LABEL_123456", hex("aabb")), hex("01e240"));
+    EXPECT_EQ(keyLog.secrets.length("LABEL_200000", hex("aabb")), std::nullopt);
+}
+
 TEST(TLSKeyLog, VisitsEachSecretOnce)
 {
     const TLSKeyLog keyLog("A 00 01\nB 00 02\nA 00 0304\nA 00 0304\nA 01 05\nB 00 02\n");
