@@ -38,9 +38,9 @@ function(sealscope_bundle name)
     target_link_libraries(${name} PRIVATE sealscope::host ${ARG_LINK})
     set(exports "${SEALSCOPE_BUNDLE_FILES}/BundleExports.map")
     target_link_options(${name} PRIVATE "-Wl,--version-script=${exports}")
-    # The host's libraries are in the process already when it loads a module; no path to them has to be right.
+    # The host's libraries are in the process already when it loads a module: it has no run path, and none can be wrong.
     set_target_properties(${name} PROPERTIES
-        PREFIX "" SUFFIX ".so" LIBRARY_OUTPUT_DIRECTORY "${bundle}" INSTALL_RPATH ""
+        PREFIX "" SUFFIX ".so" LIBRARY_OUTPUT_DIRECTORY "${bundle}" BUILD_WITH_INSTALL_RPATH ON INSTALL_RPATH ""
         CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON POSITION_INDEPENDENT_CODE ON LINK_DEPENDS "${exports}"
         SEALSCOPE_BUNDLE "${bundle}")
 

@@ -51,19 +51,24 @@ if(SEALSCOPE_FUZZ)
     target_compile_options(sealscope_compile INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
-# Programs find the project's shared libraries from where they are themselves, in the build tree and when installed, so that an
-# installation may be moved. Among the system's own folders the linker looks by itself.
-set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+# The build tree is laid out as an installation is: a program finds libraries, bundles and texts from where it stands itself, by
+# one rule, and an installation may be moved. No run path is made but these, since the linker reads an empty entry, as CMake
+# pads with, as the current folder: a library that lies beside a capture would be loaded.
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/${CMAKE_INSTALL_BINDIR}")
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/${CMAKE_INSTALL_LIBDIR}")
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_LIBDIR BASE_DIRECTORY "${CMAKE_INSTALL_FULL_BINDIR}" OUTPUT_VARIABLE libraries_from_bin)
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    # Among the system's own folders the linker looks by itself, so what is installed has no run path.
+    set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
     set(CMAKE_INSTALL_RPATH "")
     set(SEALSCOPE_LIBRARY_RPATH "")
 else()
+    set(CMAKE_BUILD_WITH_INSTALL_RPATH ON)
     set(CMAKE_INSTALL_RPATH "$ORIGIN/${libraries_from_bin}")
     set(SEALSCOPE_LIBRARY_RPATH "$ORIGIN")
 endif()
 set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME runtime)
 
-# Where the bundles of installed programs lie.
+# Where the bundles of programs lie.
 set(SEALSCOPE_PLUGIN_DIR "${CMAKE_INSTALL_LIBDIR}/sealscope/plugins")
 set(SEALSCOPE_FULL_PLUGIN_DIR "${CMAKE_INSTALL_FULL_LIBDIR}/sealscope/plugins")

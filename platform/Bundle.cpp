@@ -162,9 +162,7 @@ const Bundle& Bundle::main()
 {
     static const Bundle& bundle = []() -> const Bundle& {
         std::error_code unreadable;
-        const fs::path folder = fs::read_symlink("/proc/self/exe", unreadable).parent_path();
-        const fs::path installed = folder.parent_path() / "share" / "sealscope";
-        return keptBundle(fs::is_directory(installed / "Resources", unreadable) ? installed : folder);
+        return keptBundle(fs::read_symlink("/proc/self/exe", unreadable).parent_path().parent_path() / "share" / "sealscope");
     }();
     return bundle;
 }

@@ -28,7 +28,7 @@ public:
     /// The bundle that contains the code or data at an address, found by the path of its loaded module; an empty bundle
     /// when the address belongs to no bundle, as in a program that links the code. Kept for the life of the process.
     static const Bundle& containing(const void* address);
-    /// The application's own bundle: its string tables beside the program, for texts outside plug-ins.
+    /// The application's own bundle: `share/sealscope` beside the folder of its programs, for texts outside plug-ins.
     static const Bundle& main();
 
     const std::filesystem::path& path() const { return folder_; }

@@ -15,7 +15,6 @@
 #include <memory>
 #include <set>
 #include <sys/auxv.h>
-#include <sys/stat.h>
 
 namespace sealscope {
 
@@ -145,12 +144,6 @@ std::vector<fs::path> foldersOfEnvironment()
     return folders;
 }
 
-bool haveSameOwner(const fs::path& one, const fs::path& other)
-{
-    struct stat a{}, b{};
-    return stat(one.c_str(), &a) == 0 && stat(other.c_str(), &b) == 0 && a.st_uid == b.st_uid;
-}
-
 class Loading {
 public:
     void addFolder(const fs::path& folder)
@@ -197,13 +190,7 @@ const std::vector<LoadedPlugIn>& PlugInLoader::loaded() { return loadedSoFar().p
 fs::path PlugInLoader::ownFolder()
 {
     std::error_code error;
-    const fs::path program = fs::read_symlink("/proc/self/exe", error);
-    const fs::path folder = program.parent_path();
-    fs::path installed = (folder / SEALSCOPE_PLUGINS_FROM_BIN).lexically_normal();
-    if (fs::is_directory(installed, error)) return installed;
-    // Programs of the build tree stand two folders deep in it. Somebody else's folder of that name is not ours to load.
-    fs::path built = (folder / "../../bundles").lexically_normal();
-    return haveSameOwner(program, built) ? built : installed;
+    return (fs::read_symlink("/proc/self/exe", error).parent_path() / SEALSCOPE_PLUGINS_FROM_BIN).lexically_normal();
 }
 
 PlugInLoading PlugInLoader::load(const std::vector<fs::path>& named)

@@ -36,7 +36,7 @@ struct PlugInLoader {
     PlugInLoader() = delete;
 
     /// Where bundles come from, most wanted first: the named folders, those of `SEALSCOPE_PLUGIN_PATH` (joined with ":"),
-    /// then the folder that belongs to the program, installed or in its build tree. Of several bundles with one
+    /// then the folder that belongs to the program. Of several bundles with one
     /// identifier the first that loads is used. A named folder may be a bundle itself.
     static PlugInLoading load(const std::vector<std::filesystem::path>& named);
 

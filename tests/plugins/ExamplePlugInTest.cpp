@@ -7,6 +7,8 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <set>
+#include <sstream>
 
 namespace sealscope::cli {
 
@@ -99,6 +101,32 @@ TEST_F(ExamplePlugInTest, ExportsItsEntryAlone)
 {
     const std::string symbols = must({"nm", "-D", "--defined-only", folder->file("build/IRC.bundle/IRC.so")});
     EXPECT_THAT(symbols, testing::MatchesRegex("[0-9a-f]+ [A-Z] velBundleEntry\n"));
+}
+
+TEST_F(ExamplePlugInTest, SearchesNoFolderButItsOwnForLibraries)
+{
+    // In the build tree, in the installation, and in what is built against it. The linker takes an empty entry for the current
+    // folder, where a library may lie beside a capture.
+    std::vector<std::string> readelf{"readelf", "-dW"};
+    for (const fs::path& place : {fs::path(SEALSCOPE_BINARY_DIR "/bin"), fs::path(SEALSCOPE_BINARY_DIR "/" SEALSCOPE_LIBDIR), folder->path()})
+        for (const auto& entry : fs::recursive_directory_iterator(place))
+            if (entry.is_regular_file() && !entry.is_symlink() && readFile(entry.path()).view().text().starts_with("\x7f" "ELF"))
+                readelf.push_back(entry.path());
+    std::istringstream lines(must(readelf));
+    std::string file;
+    std::size_t files = 0;
+    std::set<std::string> programs;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with("File: ")) file = line.substr(6), ++files;
+        if (line.contains("(RPATH)") || line.contains("(RUNPATH)")) {
+            programs.insert(fs::path(file).filename());
+            const std::string entries = line.substr(line.find('[') + 1, line.rfind(']') - line.find('[') - 1) + ":";
+            for (std::size_t start = 0; start < entries.size(); start = entries.find(':', start) + 1)
+                EXPECT_TRUE(entries.substr(start).starts_with("$ORIGIN")) << file << ": " << line;
+        }
+    }
+    EXPECT_EQ(files, readelf.size() - 2);
+    EXPECT_TRUE(programs.contains("sealscope")) << "finds its libraries by a run path";
 }
 
 TEST_F(ExamplePlugInTest, FindsEveryHeaderThroughPkgConfig)
