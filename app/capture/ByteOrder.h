@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <cstring>
 #include <iterator>
-#include <vector>
 
 namespace sealscope {
 
@@ -21,7 +20,7 @@ struct ByteOrder {
     std::uint64_t u64(const std::uint8_t* at) const { return read<std::uint64_t>(at); }
 
     /// Appends an integer.
-    template <std::integral Integer> void append(Integer value, std::vector<std::uint8_t>& bytes) const
+    template <std::integral Integer, class Bytes> void append(Integer value, Bytes& bytes) const
     {
         std::uint8_t written[sizeof value];
         std::memcpy(written, &value, sizeof value);

@@ -16,6 +16,12 @@ namespace {
 
 constexpr CaptureAddress firstKeptAddress = CaptureAddress{1} << 46;  // above any file
 constexpr std::uint32_t ethernet = 1;
+constexpr std::int64_t packetsPerLook = 1'024;  // at whether anybody wants to stop
+
+CaptureInputOptions inputOptions(const CaptureOptions& options)
+{
+    return {.keepsAll = options.randomAccess, .keepsSkipped = options.keepsEveryBlock, .stop = options.stop};
+}
 
 /// A file that was found readable, before its turn.
 struct Candidate {
@@ -51,6 +57,8 @@ public:
     bool next(CapturedPacket& packet) override
     {
         while (packetsLeft_ != 0) {
+            if (number_ % packetsPerLook == 0 && isStopped()) [[unlikely]]
+                break;
             if (pending_) [[unlikely]] {
                 packet = *std::exchange(pending_, std::nullopt);
             } else if (!file_ || !file_->next(packet)) [[unlikely]] {
@@ -118,8 +126,7 @@ public:
     {
         std::vector<CaptureError> lost;
         for (std::size_t file = 0; file < placeCount_.load(std::memory_order_acquire); ++file) {
-            const Place& place = places_[file];
-            if (!place.file || !place.file->input().isSuspicious()) continue;
+            if (!isLost(file)) continue;
             const auto isOfIt = [&](const CaptureError& error) { return error.file == names_[file] && error.passedOver == 0; };
             if (std::ranges::any_of(errors_, isOfIt)) continue;
             lost.push_back(
@@ -128,7 +135,16 @@ public:
         return lost;
     }
 
-    std::string embeddedKeyLog() const override { return file_ ? keyLog_ + file_->keyLog() : keyLog_; }
+    bool isLost(std::size_t file) const override
+    {
+        return file < placeCount_.load(std::memory_order_acquire) && places_[file].file && places_[file].file->input().isLost();
+    }
+
+    SecretText takeEmbeddedKeyLog() override
+    {
+        if (file_) addKeyLog();
+        return std::exchange(keyLog_, {});
+    }
 
     std::int64_t bytesRead() const override { return storedBytesBefore_ + (file_ ? file_->input().storedBytesRead() : 0); }
     std::int64_t bytesTotal() const override { return bytesTotal_; }
@@ -144,11 +160,11 @@ private:
     bool advance()
     {
         leaveFile();
-        while (position_ < candidates_.size()) {
+        while (position_ < candidates_.size() && !isStopped()) {
             Candidate& candidate = candidates_[position_++];
             if (candidate.file) pending_ = candidate.first;
             auto opened = candidate.file ? std::expected<std::unique_ptr<CaptureFile>, std::string>(std::move(candidate.file))
-                                         : CaptureFile::open(candidate.name, options_.randomAccess);
+                                         : CaptureFile::open(candidate.name, inputOptions(options_));
             Place& place = places_[position_ - 1];
             place.base = base_;
             if (opened) place.file = std::move(*opened);
@@ -170,10 +186,21 @@ private:
         const std::size_t errorsSoFar = errors_.size();
         CapturedPacket ignored;
         do {
-            while (options_.randomAccess && file_->input().isRegularFile() && file_->next(ignored)) {}
+            for (std::int64_t i = 0; options_.randomAccess && file_->input().isRegularFile(); ++i)
+                if ((i % packetsPerLook == 0 && isStopped()) || !file_->next(ignored)) break;
         } while (options_.randomAccess && advance());
         leaveFile();
         errors_.resize(errorsSoFar);  // what lies behind the last wanted packet may be damaged
+    }
+
+    bool isStopped() const { return options_.stop.stop_requested(); }
+
+    void addKeyLog()
+    {
+        if (SecretText text = file_->takeKeyLog(); keyLog_.empty())
+            keyLog_ = std::move(text);
+        else
+            keyLog_ += text;
     }
 
     void leaveFile()
@@ -184,8 +211,10 @@ private:
             errors_.push_back({.file = name, .reason = filter_->takeFailure(), .packetsBefore = -1});
         if (const auto [count, reason, before] = file_->passedOver(); count > 0)
             errors_.push_back({.file = name, .reason = reason, .packetsBefore = before, .passedOver = count});
-        if (!file_->damage().empty()) errors_.push_back({.file = name, .reason = file_->damage(), .packetsBefore = packetsOfFile_});
-        keyLog_ += file_->keyLog();
+        // Where it ends because somebody wants to stop, nothing is wrong with it.
+        if (!file_->damage().empty() && !isStopped())
+            errors_.push_back({.file = name, .reason = file_->damage(), .packetsBefore = packetsOfFile_});
+        addKeyLog();
         storedBytesBefore_ += file_->input().storedBytesRead();
         packetsOfFile_ = 0;
         file_->input().finish();
@@ -208,7 +237,7 @@ private:
     CaptureAddress base_ = 0;
     std::int64_t number_ = 0;
     std::int64_t packetsOfFile_ = 0;
-    std::string keyLog_;
+    SecretText keyLog_;
     std::int64_t bytesTotal_ = 0;
     std::int64_t storedBytesBefore_ = 0;
 
@@ -223,7 +252,9 @@ std::expected<Candidate, std::string> openCandidate(const std::string& name, con
 {
     // Many files are not held open at once, where they can be opened again.
     const bool staysOpen = isOnlyOne || storedSize(name) < 0 || name == "-";
-    auto opened = CaptureFile::open(name, staysOpen && options.randomAccess);
+    CaptureInputOptions wanted = inputOptions(options);
+    wanted.keepsAll &= staysOpen;
+    auto opened = CaptureFile::open(name, std::move(wanted));
     if (!opened) return std::unexpected(std::move(opened.error()));
     Candidate candidate{.name = name, .file = std::move(*opened)};
     if (CapturedPacket packet; (!isOnlyOne || !options.filter.empty()) && candidate.file->next(packet)) candidate.first = packet;
@@ -256,6 +287,8 @@ std::expected<std::unique_ptr<Capture>, CaptureError> Capture::open(const std::v
         else
             errors.push_back({.file = name, .reason = candidate.error(), .couldNotOpen = true});
     }
+    if (candidates.empty() && options.stop.stop_requested())
+        return std::unexpected(CaptureError{.file = files.front(), .reason = "was not read before the interruption", .couldNotOpen = true});
     if (candidates.empty()) return std::unexpected(errors.front());
     std::ranges::stable_sort(candidates, [](const Candidate& a, const Candidate& b) { return a.isBefore(b); });
 

@@ -3,10 +3,12 @@
 
 #include "app/capture/CaptureError.h"
 #include "app/capture/CapturedPacket.h"
+#include "platform/SecretMemory.h"
 
 #include <cstdint>
 #include <expected>
 #include <memory>
+#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -16,10 +18,14 @@ struct CaptureOptions {
     /// Keep every byte reachable through `Capture::bytes` after its packet was read. Files that cannot be mapped (pipes,
     /// compressed files) are then spooled to an unlinked temporary file as they are read; without it one pass needs no spool.
     bool randomAccess = false;
+    /// With random access: also what is no packet, so that `fileBytes` gives a file whole. Else long blocks of other kinds may read
+    /// as zeros there.
+    bool keepsEveryBlock = false;
     /// A capture filter in the pcap-filter language; empty for none. Packets that it rejects keep their numbers and are not
     /// handed out.
     std::string filter;
     std::int64_t maximumPackets = -1;  ///< stop after so many packets that pass the filter; negative for no limit
+    std::stop_token stop;              ///< ends the capture early, wherever its reading is
 };
 
 /// One or more capture files read as one capture: in order of their first packets' times, packet numbers running on.
@@ -50,9 +56,11 @@ public:
     /// Files that became shorter, or could not be read, when `bytes` or `fileBytes` looked at them again; what is missing reads
     /// as zeros. To be asked when all is done, since nobody knows before. Of damage met in reading only `errors` tells.
     virtual std::vector<CaptureError> lostFiles() const { return {}; }
+    /// True for a file that `lostFiles` would tell of now.
+    virtual bool isLost(std::size_t) const { return false; }
 
-    /// TLS key log text of the decryption secrets blocks read so far, in capture order, each block's lines whole.
-    virtual std::string embeddedKeyLog() const = 0;
+    /// TLS key log text of the decryption secrets blocks read since it was taken last, in capture order, each block's lines whole.
+    virtual SecretText takeEmbeddedKeyLog() = 0;
 
     virtual std::int64_t bytesRead() const = 0;
     /// Size of all files in bytes as stored; negative when one of them is a pipe. For progress only.

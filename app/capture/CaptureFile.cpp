@@ -6,9 +6,9 @@
 
 namespace sealscope {
 
-std::expected<std::unique_ptr<CaptureFile>, std::string> CaptureFile::open(const std::string& name, bool keepAll)
+std::expected<std::unique_ptr<CaptureFile>, std::string> CaptureFile::open(const std::string& name, CaptureInputOptions options)
 {
-    auto opened = CaptureInput::open(name, keepAll);
+    auto opened = CaptureInput::open(name, std::move(options));
     if (!opened) return std::unexpected(opened.error());
     std::unique_ptr<CaptureInput> input = std::move(*opened);
     input->require(4);
@@ -34,10 +34,10 @@ PcapngReader::PassedOver CaptureFile::passedOver() const
     return reader ? reader->passedOver() : PcapngReader::PassedOver();
 }
 
-std::string CaptureFile::keyLog() const
+SecretText CaptureFile::takeKeyLog()
 {
-    const auto* reader = std::get_if<PcapngReader>(&reader_);
-    return reader ? reader->keyLog() : std::string();
+    auto* const reader = std::get_if<PcapngReader>(&reader_);
+    return reader ? reader->takeKeyLog() : SecretText();
 }
 
 }  // namespace sealscope

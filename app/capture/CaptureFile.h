@@ -16,7 +16,7 @@ namespace sealscope {
 class CaptureFile {
 public:
     /// Opens a file and reads its header. Fails with a reason that does not repeat the name.
-    static std::expected<std::unique_ptr<CaptureFile>, std::string> open(const std::string& name, bool keepAll);
+    static std::expected<std::unique_ptr<CaptureFile>, std::string> open(const std::string& name, CaptureInputOptions options);
 
     /// The next packet, without its number and file; its address counts from the file's first byte.
     bool next(CapturedPacket& packet)
@@ -29,8 +29,8 @@ public:
     const std::string& damage() const;
     /// Blocks that were passed over.
     PcapngReader::PassedOver passedOver() const;
-    /// Key log text of the secrets read so far.
-    std::string keyLog() const;
+    /// Key log text of the secrets read since it was taken last.
+    SecretText takeKeyLog();
     /// Whether the last packet's byte order is not this machine's.
     bool isSwapped() const
     {

@@ -8,7 +8,9 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <poll.h>
 #include <sched.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <system_error>
 #include <thread>
@@ -20,6 +22,11 @@ namespace {
 
 constexpr std::int64_t mappedWindow = 4 << 20;     // pages let go together
 constexpr std::int64_t streamedPiece = 128 << 10;  // read at once; stays in the processor's cache
+constexpr std::int64_t shortestHole = 1 << 20;     // what is skipped and not kept; less is not worth the trouble
+constexpr int lookAgainAfter = 100;                // milliseconds, while a pipe holds nothing
+// So much may anything unpack to. Beyond it a bomb is told from a capture by how many times its size it has become: in a temporary
+// file, or by passing through.
+constexpr std::int64_t freelyUnpacked = 1 << 30, mostTimesKept = 16, mostTimesRead = 256;
 constexpr const char* becameShorter = "became shorter while it was being read";
 
 std::string systemReason(int error) { return std::generic_category().message(error); }
@@ -46,14 +53,36 @@ private:
     bool isOwned_;
 };
 
-/// Bytes read, negative with `errno` on failure; fewer than asked for when a pipe holds no more for now.
-std::int64_t readSome(int descriptor, std::span<std::uint8_t> target)
-{
-    for (;;) {
-        const ssize_t count = read(descriptor, target.data(), target.size());
-        if (count >= 0 || errno != EINTR) return count;
+/// Memory that grows where it stands and holds what comes from a capture, of which nothing gets into a core.
+class PageBuffer {
+public:
+    PageBuffer() = default;
+    ~PageBuffer()
+    {
+        if (size_ > 0) munmap(bytes_, static_cast<std::size_t>(size_));
     }
-}
+    PageBuffer(const PageBuffer&) = delete;
+    PageBuffer& operator=(const PageBuffer&) = delete;
+
+    std::uint8_t* data() const { return bytes_; }
+    std::int64_t size() const { return size_; }
+    /// Makes it larger; the bytes stay, though not where they were. False without memory.
+    bool grow(std::int64_t size)
+    {
+        const auto wanted = static_cast<std::size_t>(size);
+        void* const grown = size_ > 0 ? mremap(bytes_, static_cast<std::size_t>(size_), wanted, MREMAP_MAYMOVE)
+                                      : mmap(nullptr, wanted, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (grown == MAP_FAILED) return false;
+        bytes_ = static_cast<std::uint8_t*>(grown);
+        size_ = size;
+        madvise(bytes_, wanted, MADV_DONTDUMP);
+        return true;
+    }
+
+private:
+    std::uint8_t* bytes_ = nullptr;
+    std::int64_t size_ = 0;
+};
 
 /// Brings the pages of a mapped file into memory on a thread of its own, ahead of who reads, who does not wait for it.
 class PageSupply {
@@ -107,10 +136,12 @@ private:
 /// behind the reader.
 class MappedInput final : public CaptureInput {
 public:
-    MappedInput(Descriptor descriptor, std::unique_ptr<MappedFile> file, bool keepAll)
-        : descriptor_(std::move(descriptor)), file_(std::move(file)), size_(file_->bytes().size()), keepsAll_(keepAll)
+    MappedInput(std::string name, const struct stat& status, Descriptor descriptor, std::unique_ptr<MappedFile> file,
+                CaptureInputOptions options)
+        : name_(std::move(name)), device_(status.st_dev), inode_(status.st_ino), descriptor_(std::move(descriptor)), file_(std::move(file)),
+          options_(std::move(options)), size_(file_->bytes().size())
     {
-        if (keepAll && PageSupply::isOfUse(*file_)) pages_ = std::make_unique<PageSupply>(*file_);
+        if (options_.keepsAll && PageSupply::isOfUse(*file_)) pages_ = std::make_unique<PageSupply>(*file_);
         start_ = at_ = end_ = file_->bytes().data();
         damage_ = &file_->isDamaged();
     }
@@ -123,6 +154,14 @@ public:
     {
         pages_.reset();
         descriptor_ = Descriptor(-1, false);
+    }
+
+    bool isLost() const override
+    {
+        // Another file of the name tells nothing of ours. Within its last page a file loses bytes without a trace in memory.
+        struct stat now;
+        const int known = name_ == "-" ? fstat(STDIN_FILENO, &now) : stat(name_.c_str(), &now);
+        return isSuspicious() || (known == 0 && now.st_dev == device_ && now.st_ino == inode_ && now.st_size < file_->bytes().size());
     }
 
     bool verify() override
@@ -143,6 +182,7 @@ public:
 protected:
     bool fill(std::int64_t count) override
     {
+        if (options_.stop.stop_requested()) return false;
         verify();
         const std::int64_t at = position(), ready = end_ - start_;
         const std::int64_t wanted = std::min(size_, std::max(at + count, ready + mappedWindow));
@@ -151,7 +191,7 @@ protected:
             end_ = start_ + wanted;
         }
         // What lies more than a window back is unlikely to be looked at again soon.
-        if (const std::int64_t kept = at - mappedWindow; !keepsAll_ && kept > released_) {
+        if (const std::int64_t kept = at - mappedWindow; !options_.keepsAll && kept > released_) {
             file_->release(released_, kept - released_);
             released_ = kept;
         }
@@ -159,10 +199,13 @@ protected:
     }
 
 private:
-    Descriptor descriptor_;
+    std::string name_;
+    dev_t device_;
+    ino_t inode_;
+    Descriptor descriptor_;  // until the end is reached: many files may be open
     std::unique_ptr<MappedFile> file_;
-    std::int64_t size_;  // shrinks with the file
-    bool keepsAll_;
+    CaptureInputOptions options_;
+    std::int64_t size_;                  // shrinks with the file
     std::unique_ptr<PageSupply> pages_;  // null where nobody needs to go ahead
     std::int64_t released_ = 0;          // pages before it were let go
 };
@@ -170,16 +213,22 @@ private:
 /// A pipe or a compressed file, through one buffer, or into a temporary file when all bytes are to be kept.
 class StreamedInput final : public CaptureInput {
 public:
-    StreamedInput(Descriptor descriptor, std::unique_ptr<SpoolFile> spool)
-        : descriptor_(std::move(descriptor)),
-          packed_(std::make_unique_for_overwrite<std::uint8_t[]>(static_cast<std::size_t>(streamedPiece))), spool_(std::move(spool))
-    {}
+    StreamedInput(Descriptor descriptor, std::unique_ptr<SpoolFile> spool, CaptureInputOptions options)
+        : descriptor_(std::move(descriptor)), options_(std::move(options)), spool_(std::move(spool))
+    {
+        struct stat status;
+        if (fstat(descriptor_.number(), &status) == 0 && S_ISREG(status.st_mode)) storedSize_ = status.st_size;
+    }
 
     /// Reads the beginning and finds out whether it is compressed.
     void begin()
     {
+        if (!packed_.grow(streamedPiece)) {
+            failure_ = systemReason(ENOMEM);
+            return;
+        }
         while (packedEnd_ < Decompressor::recognisedFrom && readPacked()) {}
-        decompressor_ = Decompressor::recognise(DataView(packed_.get(), packedEnd_));
+        decompressor_ = Decompressor::recognise(DataView(packed_.data(), packedEnd_), storedSize_);
     }
 
     DataView bytes(std::int64_t offset, std::int64_t count) const override
@@ -187,11 +236,7 @@ public:
         return spool_ ? spool_->bytes().sub(offset, count) : DataView();
     }
     std::int64_t size() const override { return position() + available(); }
-    bool isRegularFile() const override
-    {
-        struct stat status;
-        return fstat(descriptor_.number(), &status) == 0 && S_ISREG(status.st_mode);
-    }
+    bool isRegularFile() const override { return storedSize_ >= 0; }
     std::int64_t storedBytesRead() const override { return storedBytesRead_; }
 
 protected:
@@ -200,7 +245,7 @@ protected:
         while (end_ - at_ < count) {
             std::span<std::uint8_t> room = makeRoom(count);
             if (room.empty()) return false;
-            const std::int64_t written = decompressor_ ? unpack(room) : take(room);
+            const std::int64_t written = get(room);
             if (written == 0) return false;
             if (spool_) spool_->commit(written);
             end_ += written;
@@ -208,11 +253,33 @@ protected:
         return true;
     }
 
+    bool skipFar(std::int64_t count) override
+    {
+        if (!spool_ || !start_ || options_.keepsSkipped || count - available() < shortestHole) return CaptureInput::skipFar(count);
+        if (buffer_.size() == 0 && !buffer_.grow(streamedPiece)) return CaptureInput::skipFar(count);
+        count -= available();
+        consume(available());
+        std::int64_t skipped = 0;
+        while (skipped < count) {
+            const std::int64_t got = get({buffer_.data(), static_cast<std::size_t>(std::min(streamedPiece, count - skipped))});
+            if (got == 0) break;
+            skipped += got;
+        }
+        if (const auto left = spool_->leaveOut(skipped); !left) {
+            failure_ = left.error();
+            return false;
+        }
+        leftOut_ += skipped;
+        at_ = end_ += skipped;
+        return skipped == count;
+    }
+
 private:
     /// Room behind `end_`, with what is there from `at_` on in one place with it. Empty when there is none to be had.
     std::span<std::uint8_t> makeRoom(std::int64_t count)
     {
         if (spool_) {
+            if (decompressor_ && unpacked_ - leftOut_ > freelyUnpacked + mostTimesKept * storedBytesRead_) return tooMuch(mostTimesKept);
             auto room = spool_->room(streamedPiece);
             if (!room) {
                 failure_ = room.error();
@@ -229,24 +296,51 @@ private:
         // Grows by what has arrived, not by what was announced.
         const std::int64_t needed = std::max(streamedPiece, std::min(count, 2 * held + streamedPiece));
         const std::int64_t consumed = at_ - start_;
-        if (bufferSize_ < needed) {
-            auto larger = std::make_unique_for_overwrite<std::uint8_t[]>(static_cast<std::size_t>(needed));
-            std::copy(at_, end_, larger.get());
-            buffer_ = std::move(larger);
-            bufferSize_ = needed;
-        } else if (held > 0) {
-            std::memmove(buffer_.get(), at_, static_cast<std::size_t>(held));
-        }
+        if (held > 0) std::memmove(buffer_.data(), at_, static_cast<std::size_t>(held));
         startPosition_ += consumed;
-        start_ = at_ = buffer_.get();
+        const bool hasRoom = buffer_.size() >= needed || buffer_.grow(needed);
+        start_ = at_ = buffer_.data();
         end_ = start_ + held;
-        return {buffer_.get() + held, static_cast<std::size_t>(bufferSize_ - held)};
+        if (!hasRoom) {
+            failure_ = systemReason(ENOMEM);
+            return {};
+        }
+        return {buffer_.data() + held, static_cast<std::size_t>(buffer_.size() - held)};
+    }
+
+    /// Bytes read, negative with `errno` on failure; fewer than asked for when a pipe holds no more for now, none when it is to
+    /// stop.
+    std::int64_t readSome(std::span<std::uint8_t> target) const
+    {
+        while (!options_.stop.stop_requested()) {
+            pollfd pipe{.fd = descriptor_.number(), .events = POLLIN, .revents = 0};
+            if (storedSize_ < 0 && options_.stop.stop_possible() && poll(&pipe, 1, lookAgainAfter) <= 0) continue;
+            const ssize_t count = read(descriptor_.number(), target.data(), target.size());
+            if (count >= 0 || errno != EINTR) return count;
+        }
+        return 0;
+    }
+
+    /// The next bytes of the uncompressed file; 0 at its end, at damage, and when it is to stop.
+    std::int64_t get(std::span<std::uint8_t> room)
+    {
+        if (!decompressor_) return take(room);
+        const std::int64_t written = unpack(room);
+        unpacked_ += written;
+        if (unpacked_ > freelyUnpacked + mostTimesRead * storedBytesRead_) return tooMuch(mostTimesRead).size();
+        return written;
+    }
+
+    std::span<std::uint8_t> tooMuch(std::int64_t times)
+    {
+        failure_ = fmt::format("{} data unpacks to more than {} bytes and {} times its size; unpack it first, if that is meant",
+                               decompressor_->name(), freelyUnpacked, times);
+        return {};
     }
 
     bool readPacked()
     {
-        const std::int64_t count =
-            readSome(descriptor_.number(), {packed_.get() + packedEnd_, static_cast<std::size_t>(streamedPiece - packedEnd_)});
+        const std::int64_t count = readSome({packed_.data() + packedEnd_, static_cast<std::size_t>(streamedPiece - packedEnd_)});
         if (count < 0) failure_ = systemReason(errno);
         if (count <= 0)
             isAtEnd_ = true;
@@ -260,13 +354,12 @@ private:
     {
         if (packedAt_ < packedEnd_) {
             const auto count = std::min(packedEnd_ - packedAt_, static_cast<std::int64_t>(room.size()));
-            std::copy_n(packed_.get() + packedAt_, count, room.begin());
+            std::copy_n(packed_.data() + packedAt_, count, room.begin());
             packedAt_ += count;
             return count;
         }
         if (isAtEnd_) return 0;
-        const std::int64_t count =
-            readSome(descriptor_.number(), room.first(std::min(room.size(), static_cast<std::size_t>(streamedPiece))));
+        const std::int64_t count = readSome(room.first(std::min(room.size(), static_cast<std::size_t>(streamedPiece))));
         if (count < 0) failure_ = systemReason(errno);
         if (count <= 0)
             isAtEnd_ = true;
@@ -278,18 +371,19 @@ private:
     std::int64_t unpack(std::span<std::uint8_t> room)
     {
         std::span<std::uint8_t> output = room;
-        while (output.size() == room.size() && failure_.empty()) {
+        while (output.size() == room.size() && failure_.empty() && !options_.stop.stop_requested()) {
             if (packedAt_ == packedEnd_ && !isAtEnd_) {
                 packedAt_ = packedEnd_ = 0;
                 readPacked();
             }
             const bool hadInput = packedAt_ < packedEnd_;
-            std::span<const std::uint8_t> input(packed_.get() + packedAt_, static_cast<std::size_t>(packedEnd_ - packedAt_));
+            std::span<const std::uint8_t> input(packed_.data() + packedAt_, static_cast<std::size_t>(packedEnd_ - packedAt_));
             const std::string reason = decompressor_->step(input, output);
             packedAt_ = packedEnd_ - static_cast<std::int64_t>(input.size());
             const std::int64_t place = storedBytesRead_ - (packedEnd_ - packedAt_);
             if (!reason.empty()) {
-                failure_ = fmt::format("{} data damaged near byte {} of the file ({})", decompressor_->name(), place, reason);
+                failure_ =
+                    fmt::format("{} data cannot be unpacked from near byte {} of the file on ({})", decompressor_->name(), place, reason);
             } else if (!hadInput && output.size() == room.size()) {
                 if (failure_.empty() && !decompressor_->mayEnd())
                     failure_ = fmt::format("{} data ends too early, after {} bytes", decompressor_->name(), place);
@@ -300,15 +394,18 @@ private:
     }
 
     Descriptor descriptor_;
-    std::unique_ptr<std::uint8_t[]> packed_;  // bytes as stored
+    CaptureInputOptions options_;
+    std::int64_t storedSize_ = -1;  // of a regular file
+    PageBuffer packed_;             // bytes as stored
     std::int64_t packedAt_ = 0;
     std::int64_t packedEnd_ = 0;
     std::atomic<std::int64_t> storedBytesRead_{0};
     bool isAtEnd_ = false;
     std::unique_ptr<Decompressor> decompressor_;
-    std::unique_ptr<std::uint8_t[]> buffer_;
-    std::int64_t bufferSize_ = 0;
+    PageBuffer buffer_;
     std::unique_ptr<SpoolFile> spool_;
+    std::int64_t unpacked_ = 0;  // bytes in all
+    std::int64_t leftOut_ = 0;   // of them, not spooled
     std::int64_t released_ = 0;
 };
 
@@ -335,7 +432,7 @@ private:
 
 std::unique_ptr<CaptureInput> CaptureInput::over(DataView bytes) { return std::make_unique<MemoryInput>(bytes); }
 
-std::expected<std::unique_ptr<CaptureInput>, std::string> CaptureInput::open(const std::string& name, bool keepAll)
+std::expected<std::unique_ptr<CaptureInput>, std::string> CaptureInput::open(const std::string& name, CaptureInputOptions options)
 {
     const bool isStandardInput = name == "-";
     Descriptor descriptor(isStandardInput ? STDIN_FILENO : ::open(name.c_str(), O_RDONLY | O_CLOEXEC), !isStandardInput);
@@ -347,26 +444,26 @@ std::expected<std::unique_ptr<CaptureInput>, std::string> CaptureInput::open(con
         std::uint8_t head[Decompressor::recognisedFrom];
         const ssize_t count = pread(descriptor.number(), head, sizeof head, 0);
         if (count < 0) return std::unexpected(systemReason(errno));
-        if (!Decompressor::recognise(DataView(head, count))) {
+        if (!Decompressor::recognise(DataView(head, count), status.st_size)) {
             // A file system without mapping still reads.
             if (auto file = MappedFile::map(descriptor.number(), status.st_size))
-                return std::make_unique<MappedInput>(std::move(descriptor), std::move(*file), keepAll);
+                return std::make_unique<MappedInput>(name, status, std::move(descriptor), std::move(*file), std::move(options));
         }
     }
     std::unique_ptr<SpoolFile> spool;
-    if (keepAll) {
+    if (options.keepsAll) {
         auto made = SpoolFile::create();
         if (!made) return std::unexpected(made.error());
         spool = std::move(*made);
     }
-    auto input = std::make_unique<StreamedInput>(std::move(descriptor), std::move(spool));
+    auto input = std::make_unique<StreamedInput>(std::move(descriptor), std::move(spool), std::move(options));
     input->begin();
     if (!input->failure().empty()) return std::unexpected(input->failure());
     if (input->storedBytesRead() == 0) return std::unexpected("is empty");
     return input;
 }
 
-bool CaptureInput::skip(std::int64_t count)
+bool CaptureInput::skipFar(std::int64_t count)
 {
     while (count > available()) {
         count -= available();

@@ -10,18 +10,27 @@
 #include <cstdint>
 #include <expected>
 #include <memory>
+#include <stop_token>
 #include <string>
 #include <utility>
 
 namespace sealscope {
 
+struct CaptureInputOptions {
+    /// Every byte stays reachable through `bytes`; what cannot be mapped is then spooled to a temporary file.
+    bool keepsAll = false;
+    /// Also what `skip` passes over, which else reads as zeros where it is long and not mapped.
+    bool keepsSkipped = false;
+    /// Ends the bytes early once it is asked to stop: no wait for a pipe and no unpacking goes on after that.
+    std::stop_token stop;
+};
+
 /// The bytes of one capture file from front to back, uncompressed: mapped where the file allows it, else read piece by piece.
 /// One thread reads forward; `bytes` may be called from any thread.
 class CaptureInput {
 public:
-    /// Opens a file ("-" is standard input). With `keepAll` every byte stays reachable through `bytes`; what cannot be mapped
-    /// is then spooled to a temporary file. Fails with a reason that does not repeat the name.
-    static std::expected<std::unique_ptr<CaptureInput>, std::string> open(const std::string& name, bool keepAll);
+    /// Opens a file ("-" is standard input). Fails with a reason that does not repeat the name.
+    static std::expected<std::unique_ptr<CaptureInput>, std::string> open(const std::string& name, CaptureInputOptions options);
     /// Bytes that are in memory already, and outlive the input.
     static std::unique_ptr<CaptureInput> over(DataView bytes);
     virtual ~CaptureInput() = default;
@@ -47,7 +56,12 @@ public:
         }
     }
     /// Goes on behind `count` bytes without having them in one place; false when there are fewer.
-    bool skip(std::int64_t count);
+    bool skip(std::int64_t count)
+    {
+        if (count > available()) return skipFar(count);
+        consume(count);
+        return true;
+    }
     /// Offset of `data()` in the uncompressed file.
     std::int64_t position() const { return startPosition_ + (at_ - start_); }
 
@@ -58,10 +72,13 @@ public:
     /// True when `verify` has something to find.
     bool isSuspicious() const { return damage_ && damage_->load(std::memory_order_relaxed); }
 
+    /// True when bytes that `bytes` gave, or would give, are no longer in the file.
+    virtual bool isLost() const { return isSuspicious(); }
+
     /// Ends the reading forward and lets go of what only that needs.
     virtual void finish() {}
 
-    /// `count` bytes at an offset in the uncompressed file, cut to what was read. Needs `keepAll`.
+    /// `count` bytes at an offset in the uncompressed file, cut to what was read. Needs `keepsAll`.
     virtual DataView bytes(std::int64_t offset, std::int64_t count) const = 0;
     /// Offset behind the last byte that `bytes` can give.
     virtual std::int64_t size() const = 0;
@@ -73,6 +90,8 @@ public:
 protected:
     /// Tries to have `count` bytes at `at_`.
     virtual bool fill(std::int64_t count) = 0;
+    /// Goes on behind `count` bytes, more than `available()`; false when there are fewer.
+    virtual bool skipFar(std::int64_t count);
 
     const std::uint8_t* start_ = nullptr;  ///< byte `startPosition_` of the file
     const std::uint8_t* at_ = nullptr;

@@ -4,6 +4,7 @@
 #include "app/capture/Capture.h"
 #include "app/capture/CaptureInput.h"
 #include "app/capture/PcapReader.h"
+#include "app/capture/PcapngBlocks.h"
 #include "app/capture/PcapngReader.h"
 
 #include <algorithm>
@@ -12,9 +13,18 @@
 namespace sealscope {
 namespace {
 
-constexpr std::int64_t shortestBlock = 12, shortestSection = 28;
 constexpr std::int64_t sectionLengthOffset = 16;
 constexpr std::int64_t largePiece = 1 << 20;
+constexpr std::int64_t packetsPerLook = 256;  // at whether the file is still there
+
+/// Whether bytes of a file are really there: what a file has lost reads as zeros once it was touched.
+bool areThere(DataView bytes, const Capture& capture, std::size_t file)
+{
+    constexpr std::int64_t smallestPage = 4'096;
+    for (std::int64_t at = 0; at < bytes.size(); at += smallestPage)
+        static_cast<void>(*static_cast<const volatile std::uint8_t*>(&bytes.data()[at]));
+    return !capture.isLost(file);
+}
 
 }  // namespace
 
@@ -53,6 +63,12 @@ bool CaptureWriter::secrets(std::string_view keyLog)
 
 bool CaptureWriter::packet(const CapturedPacket& packet, std::uint32_t interface)
 {
+    put(packet, interface);
+    return end();
+}
+
+void CaptureWriter::put(const CapturedPacket& packet, std::uint32_t interface)
+{
     const std::uint64_t stamp = static_cast<std::uint64_t>(packet.time.seconds) * packet.time.resolution + packet.time.units;
     begin(Pcapng::enhancedPacket);
     put(interface);
@@ -61,76 +77,73 @@ bool CaptureWriter::packet(const CapturedPacket& packet, std::uint32_t interface
     put(static_cast<std::uint32_t>(packet.frame.size()));
     put(static_cast<std::uint32_t>(packet.originalLength));
     putPadded(packet.frame);
-    ++packetsWritten_;
-    return end();
 }
 
 bool CaptureWriter::copy(const Capture& capture, const CaptureChanges& changes)
 {
     pendingSecrets_ = changes.addedSecrets;
     for (std::size_t file = 0; file < capture.files().size(); ++file) {
-        const DataView bytes = capture.fileBytes(file);
-        if (!(PcapngReader::recognises(bytes) ? copyPcapng(bytes, changes) : copyPcap(bytes))) return false;
+        const bool isPcapng = PcapngReader::recognises(capture.fileBytes(file));
+        if (!(isPcapng ? copyPcapng(capture, file, changes) : copyPcap(capture, file))) return false;
     }
     return true;
 }
 
-bool CaptureWriter::copyPcapng(DataView file, const CaptureChanges& changes)
+bool CaptureWriter::copyPcapng(const Capture& capture, std::size_t file, const CaptureChanges& changes)
 {
-    const auto isPacket = [](std::uint32_t type) {
-        return type == Pcapng::enhancedPacket || type == Pcapng::simplePacket || type == Pcapng::packetBlock;
-    };
-    std::int64_t at = 0, unwritten = 0;  // blocks from the one on to the other stay as they are
+    const DataView bytes = capture.fileBytes(file);
+    const auto input = CaptureInput::over(bytes);
+    PcapngBlocks blocks;
+    std::int64_t end = 0, unwritten = 0;  // of whole blocks; those from the second on stay as they are
+    bool isLost = false;
     const auto writeUpTo = [&](std::int64_t position) {
-        const DataView blocks = file.sub(unwritten, position - unwritten);
+        const DataView unchanged = bytes.sub(unwritten, position - unwritten);
         unwritten = position;
-        return blocks.isEmpty() || sink_(blocks);
+        isLost = !areThere(unchanged, capture, file);
+        return unchanged.isEmpty() || isLost || sink_(unchanged);
     };
-    while (file.holds(at, shortestBlock)) {
-        const std::uint8_t* const block = file.data() + at;
-        const std::uint32_t type = order_.u32(block);
-        const bool isSection = type == Pcapng::sectionHeader;
-        if (isSection) order_.isSwapped = ByteOrder{}.u32(block + 8) != Pcapng::byteOrderMagic;
-        if (isSection && order_.u32(block + 8) != Pcapng::byteOrderMagic) break;
-        const std::int64_t length = order_.u32(block + 4);
-        if (length < (isSection ? shortestSection : shortestBlock) || !file.holds(at, length) || order_.u32(block + length - 4) != length)
-            break;  // damage, of which the capture has told
-        const std::int64_t next = at + length;
-        if (isSection && (changes.dropsSecrets || !pendingSecrets_.empty())) {
+    // Damage ends it, of which the capture has told.
+    while (!isLost && blocks.find(*input)) {
+        const std::int64_t at = blocks.position(), next = at + blocks.length();
+        if (!blocks.leave(*input)) break;
+        end = next;
+        if (blocks.type() == Pcapng::sectionHeader && (changes.dropsSecrets || !pendingSecrets_.empty())) {
             // A section's length, where it is given, is no longer true when a block comes or goes.
             if (!writeUpTo(at)) return false;
-            block_.assign(block, block + length);
+            order_ = blocks.order();
+            block_.assign(bytes.begin() + at, bytes.begin() + next);
             std::fill_n(block_.begin() + sectionLengthOffset, 8, std::uint8_t{0xff});
-            if (!sink_(DataView(block_)) || !addPendingSecrets()) return false;
+            if (!sink_(viewOf(block_)) || !addPendingSecrets()) return false;
             unwritten = next;
-        } else if (type == Pcapng::decryptionSecrets && changes.dropsSecrets) {
+        } else if (blocks.type() == Pcapng::decryptionSecrets && changes.dropsSecrets) {
             if (!writeUpTo(at)) return false;
             unwritten = next;
-            ++secretsDropped_;
-        } else if (isPacket(type)) {
-            ++packetsWritten_;
         }
-        at = next;
-        if (at - unwritten >= largePiece && !writeUpTo(at)) return false;
+        if (next - unwritten >= largePiece && !writeUpTo(next)) return false;
     }
-    return writeUpTo(at);
+    return isLost || writeUpTo(end);
 }
 
-bool CaptureWriter::copyPcap(DataView file)
+bool CaptureWriter::copyPcap(const Capture& capture, std::size_t file)
 {
-    const auto input = CaptureInput::over(file);
-    auto reader = PcapReader::recognise(file);
+    const DataView bytes = capture.fileBytes(file);
+    const auto input = CaptureInput::over(bytes);
+    auto reader = PcapReader::recognise(bytes);
     if (!reader || !reader->begin(*input)) return true;
     if (!section() || !addPendingSecrets() || !interface(reader->linkType(), reader->snapLength(), reader->decimals())) return false;
     CapturedPacket next;
-    while (reader->next(*input, next))
-        if (!packet(next)) return false;
+    for (std::int64_t count = 0; reader->next(*input, next); ++count) {
+        put(next, 0);
+        // Zeros read like an empty packet, and zeros are what stands where a file lost its end.
+        if ((next.frame.isEmpty() || count % packetsPerLook == 0) && capture.isLost(file)) return true;
+        if (!end()) return false;
+    }
     return true;
 }
 
 bool CaptureWriter::addPendingSecrets()
 {
-    const std::string keyLog = std::exchange(pendingSecrets_, {});
+    const std::string_view keyLog = std::exchange(pendingSecrets_, {});
     return keyLog.empty() || secrets(keyLog);
 }
 
@@ -154,7 +167,7 @@ bool CaptureWriter::end()
     const auto length = static_cast<std::uint32_t>(block_.size() + 4);
     put(length);
     std::copy(block_.end() - 4, block_.end(), block_.begin() + 4);
-    return sink_(DataView(block_));
+    return sink_(viewOf(block_));
 }
 
 }  // namespace sealscope

@@ -3,12 +3,12 @@
 
 #include "app/capture/ByteOrder.h"
 #include "app/capture/CapturedPacket.h"
+#include "platform/SecretMemory.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <string>
 #include <string_view>
-#include <vector>
 
 namespace sealscope {
 
@@ -16,7 +16,7 @@ class Capture;
 
 /// What is to be different in a copy of a capture.
 struct CaptureChanges {
-    std::string addedSecrets;   ///< key log text that goes in front of every packet; empty for none
+    SecretText addedSecrets;    ///< key log text that goes in front of every packet; empty for none
     bool dropsSecrets = false;  ///< every Decryption Secrets Block of the capture is left out, of whatever kind
 };
 
@@ -37,28 +37,25 @@ public:
     bool packet(const CapturedPacket& packet, std::uint32_t interface = 0);
 
     /// Writes all files of a capture that was read with random access, one after the other: of pcapng files every block as it
-    /// stands, of pcap files the packets. Where a file is damaged its copy ends. False when the sink wanted no more.
+    /// stands, of pcap files the packets. Where a file is damaged, or became shorter meanwhile, its copy ends. False when the sink
+    /// wanted no more.
     bool copy(const Capture& capture, const CaptureChanges& changes);
 
-    std::int64_t packetsWritten() const { return packetsWritten_; }
-    std::int64_t secretsDropped() const { return secretsDropped_; }  ///< blocks
-
 private:
-    bool copyPcapng(DataView file, const CaptureChanges& changes);
-    bool copyPcap(DataView file);
+    bool copyPcapng(const Capture& capture, std::size_t file, const CaptureChanges& changes);
+    bool copyPcap(const Capture& capture, std::size_t file);
     bool addPendingSecrets();
 
     void begin(std::uint32_t type);
+    void put(const CapturedPacket& packet, std::uint32_t interface);
     template <typename Integer> void put(Integer value);
     void putPadded(DataView bytes);
     bool end();
 
     Sink sink_;
     ByteOrder order_;
-    std::vector<std::uint8_t> block_;
-    std::string pendingSecrets_;  ///< wait for the first section
-    std::int64_t packetsWritten_ = 0;
-    std::int64_t secretsDropped_ = 0;
+    SecretBytes block_;                ///< may be one of secrets
+    std::string_view pendingSecrets_;  ///< wait for the first section
 };
 
 }  // namespace sealscope

@@ -5,6 +5,7 @@
 #include <lz4frame.h>
 #include <zlib.h>
 #include <zstd.h>
+#include <zstd_errors.h>
 
 namespace sealscope {
 namespace {
@@ -66,6 +67,13 @@ private:
 
 class ZstdDecompressor final : public Decompressor {
 public:
+    explicit ZstdDecompressor(std::int64_t storedSize)
+    {
+        // The window is memory that a file may ask for whatever it holds: 32 MiB, and more where it is large itself (RFC 8878 §3.1.1.1.2).
+        int windowLog = 25;
+        while (windowLog < 27 && (std::int64_t{1} << windowLog) < storedSize) ++windowLog;
+        ZSTD_DCtx_setParameter(stream_.get(), ZSTD_d_windowLogMax, windowLog);
+    }
     const char* name() const override { return "zstd"; }
     bool mayEnd() const override { return isBetweenFrames_; }
 
@@ -78,6 +86,8 @@ public:
             const std::size_t result = ZSTD_decompressStream(stream_.get(), &out, &in);
             input = input.subspan(in.pos);
             output = output.subspan(out.pos);
+            if (ZSTD_getErrorCode(result) == ZSTD_error_frameParameter_windowTooLarge)
+                return "it wants more memory than a file of its size gets; 'zstd -d --long=31' unpacks it";
             if (ZSTD_isError(result)) return ZSTD_getErrorName(result);
             if (in.pos + out.pos > 0) isBetweenFrames_ = result == 0;
         } while (!input.empty() && !output.empty());
@@ -121,14 +131,14 @@ private:
 
 }  // namespace
 
-std::unique_ptr<Decompressor> Decompressor::recognise(DataView head)
+std::unique_ptr<Decompressor> Decompressor::recognise(DataView head, std::int64_t storedSize)
 {
     // Some compressors put a frame of their own for others to skip before the first real one.
     std::int64_t offset = 0;
     while (head.holds(offset, 8) && (littleEndian(head, offset) & 0xffff'fff0) == skippableMagic)
         offset += 8 + std::int64_t{littleEndian(head, offset + 4)};
     const std::uint32_t magic = head.holds(offset, 4) ? littleEndian(head, offset) : 0;
-    if (magic == zstdMagic || (offset > 0 && magic != lz4Magic)) return std::make_unique<ZstdDecompressor>();
+    if (magic == zstdMagic || (offset > 0 && magic != lz4Magic)) return std::make_unique<ZstdDecompressor>(storedSize);
     if (magic == lz4Magic) return std::make_unique<LZ4Decompressor>();
     if (offset == 0 && (magic & 0xff'ffff) == gzipMagic) return std::make_unique<GzipDecompressor>();
     return nullptr;

@@ -14,8 +14,9 @@ class Decompressor {
 public:
     /// Bytes of a file's beginning that tell whether and how it is compressed.
     static constexpr std::int64_t recognisedFrom = 64;
-    /// The one for a file that begins with `head`; null when the file is not compressed in a known way.
-    static std::unique_ptr<Decompressor> recognise(DataView head);
+    /// The one for a file of `storedSize` bytes (negative when unknown) that begins with `head`; null when the file is not
+    /// compressed in a known way. A small file gets little memory for being unpacked.
+    static std::unique_ptr<Decompressor> recognise(DataView head, std::int64_t storedSize);
     virtual ~Decompressor() = default;
 
     /// "gzip", "zstd" or "lz4".

@@ -2,8 +2,7 @@
 #include "app/capture/FragmentAssembler.h"
 
 #include <algorithm>
-#include <cstring>
-#include <string_view>
+#include <bit>
 
 namespace sealscope {
 namespace {
@@ -30,15 +29,13 @@ std::optional<Datagram> FragmentAssembler::add(const DatagramKey& key, const Fra
         known = known_.emplace(key, std::prev(pending_.end())).first;
     }
     const Position position = known->second;
-    const auto heldBefore = static_cast<std::int64_t>(position->bytes.capacity());
+    bytesHeld_ -= position->held();
     take(*position, fragment);
-    bytesHeld_ += static_cast<std::int64_t>(position->bytes.capacity()) - heldBefore;
+    bytesHeld_ += position->held();
 
     const bool isComplete = position->length >= 0 && position->unitsArrived == (position->length + unit - 1) / unit;
     if (isComplete) {
-        Datagram datagram{std::move(position->bytes), position->length, position->protocol};
-        datagram.bytes.resize(static_cast<std::size_t>(std::min(position->length, position->cutAt)));
-        bytesHeld_ -= static_cast<std::int64_t>(datagram.bytes.capacity());
+        Datagram datagram = joined(*position);
         forget(position);
         return datagram;
     }
@@ -48,31 +45,61 @@ std::optional<Datagram> FragmentAssembler::add(const DatagramKey& key, const Fra
 
 void FragmentAssembler::take(Pending& pending, const Fragment& fragment)
 {
+    static constexpr std::int64_t bits = 64;
     const std::int64_t end = fragment.offset + fragment.length;
+    // The units of a word that lie before a position.
+    const auto before = [](std::int64_t word, std::int64_t position) {
+        const std::int64_t units = std::clamp<std::int64_t>((position + unit - 1) / unit - word * bits, 0, bits);
+        return units == bits ? ~std::uint64_t{0} : (std::uint64_t{1} << units) - 1;
+    };
     if (fragment.isLast && pending.length < 0) {
         pending.length = end;
         // What lies behind the end does not belong to the datagram.
         pending.unitsArrived = 0;
-        for (std::int64_t at = 0; at < static_cast<std::int64_t>(words) * 64 * unit; at += unit) {
-            std::uint64_t& word = pending.arrived[static_cast<std::size_t>(at / unit / 64)];
-            const std::uint64_t bit = std::uint64_t{1} << (at / unit % 64);
-            if (at >= end) word &= ~bit;
-            if (word & bit) ++pending.unitsArrived;
-        }
+        for (std::size_t word = 0; word < words; ++word)
+            pending.unitsArrived += std::popcount(pending.arrived[word] &= before(static_cast<std::int64_t>(word), end));
     }
     if (fragment.offset == 0) pending.protocol = fragment.protocol;
-    if (static_cast<std::int64_t>(pending.bytes.size()) < end) pending.bytes.resize(static_cast<std::size_t>(end));
-    for (std::int64_t at = fragment.offset; at < end; at += unit) {
-        const auto index = static_cast<std::size_t>(at / unit);
-        const std::uint64_t bit = std::uint64_t{1} << (index % 64);
-        if (pending.length >= 0 && at >= pending.length) break;
-        if (pending.arrived[index / 64] & bit) continue;
-        pending.arrived[index / 64] |= bit;
-        ++pending.unitsArrived;
-        const DataView part = fragment.bytes.sub(at - fragment.offset, unit);
-        std::copy(part.begin(), part.end(), pending.bytes.begin() + at);
-        if (part.size() < std::min(unit, end - at)) pending.cutAt = std::min(pending.cutAt, at + part.size());
+
+    // Runs of units that nobody brought before.
+    const auto keep = [&](std::int64_t firstUnit, std::int64_t lastUnit) {
+        const std::int64_t at = firstUnit * unit, size = std::min(lastUnit * unit, end) - at;
+        const DataView part = fragment.bytes.sub(at - fragment.offset, size);
+        if (part.size() < size) pending.cutAt = std::min(pending.cutAt, at + part.size());
+        if (part.isEmpty()) return;
+        pending.pieces.push_back({.offset = at, .place = std::ssize(pending.bytes), .size = part.size()});
+        pending.bytes.insert(pending.bytes.end(), part.begin(), part.end());
+    };
+    const std::int64_t limit = pending.length >= 0 ? std::min(end, pending.length) : end;
+    std::int64_t runStart = 0, runEnd = 0;
+    for (std::int64_t word = fragment.offset / unit / bits; word * bits * unit < limit; ++word) {
+        std::uint64_t& arrived = pending.arrived[static_cast<std::size_t>(word)];
+        std::uint64_t fresh = before(word, limit) & ~before(word, fragment.offset) & ~arrived;
+        arrived |= fresh;
+        pending.unitsArrived += std::popcount(fresh);
+        while (fresh != 0) {
+            const int first = std::countr_zero(fresh), count = std::countr_one(fresh >> first);
+            fresh &= ~before(0, (first + count) * unit);
+            const std::int64_t at = word * bits + first;
+            if (at != runEnd) {
+                if (runEnd > runStart) keep(runStart, runEnd);
+                runStart = at;
+            }
+            runEnd = at + count;
+        }
     }
+    if (runEnd > runStart) keep(runStart, runEnd);
+}
+
+Datagram FragmentAssembler::joined(const Pending& pending)
+{
+    Datagram datagram{{}, pending.length, pending.protocol};
+    datagram.bytes.resize(static_cast<std::size_t>(std::min(pending.length, pending.cutAt)));
+    for (const auto& [offset, place, size] : pending.pieces) {
+        const std::int64_t count = std::min(size, std::ssize(datagram.bytes) - offset);
+        if (count > 0) std::copy_n(pending.bytes.begin() + place, count, datagram.bytes.begin() + offset);
+    }
+    return datagram;
 }
 
 std::int64_t FragmentAssembler::incompleteCount() const { return givenUp_ + std::ranges::count_if(pending_, &Pending::countsWhenLost); }
@@ -80,24 +107,14 @@ std::int64_t FragmentAssembler::incompleteCount() const { return givenUp_ + std:
 void FragmentAssembler::giveUp(Position position)
 {
     if (position->countsWhenLost) ++givenUp_;
-    bytesHeld_ -= static_cast<std::int64_t>(position->bytes.capacity());
     forget(position);
 }
 
 void FragmentAssembler::forget(Position position)
 {
+    bytesHeld_ -= position->held();
     known_.erase(position->key);
     pending_.erase(position);
-}
-
-std::size_t FragmentAssembler::Hash::operator()(const DatagramKey& key) const
-{
-    std::uint8_t bytes[37];
-    std::copy(key.source.begin(), key.source.end(), bytes);
-    std::copy(key.destination.begin(), key.destination.end(), bytes + 16);
-    std::memcpy(bytes + 32, &key.identification, 4);
-    bytes[36] = key.protocol;
-    return std::hash<std::string_view>{}({reinterpret_cast<const char*>(bytes), sizeof bytes});
 }
 
 }  // namespace sealscope

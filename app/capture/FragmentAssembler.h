@@ -7,8 +7,8 @@
 #include <compare>
 #include <cstdint>
 #include <list>
+#include <map>
 #include <optional>
-#include <unordered_map>
 #include <vector>
 
 namespace sealscope {
@@ -20,7 +20,7 @@ struct DatagramKey {
     std::uint32_t identification = 0;
     std::uint8_t protocol = 0;  ///< of IPv4; IPv6 tells datagrams apart without it
     bool isIPv6 = false;
-    bool operator==(const DatagramKey&) const = default;
+    auto operator<=>(const DatagramKey&) const = default;
 };
 
 /// One fragment's part of the datagram's payload.
@@ -58,9 +58,16 @@ private:
     static constexpr std::int64_t unit = 8;  // offsets count these
     static constexpr std::size_t words = 65'536 / unit / 64;
 
+    /// Bytes that a fragment brought first.
+    struct Piece {
+        std::int64_t offset = 0;  ///< in the datagram
+        std::int64_t place = 0;   ///< in `Pending::bytes`
+        std::int64_t size = 0;
+    };
     struct Pending {
         DatagramKey key;
-        std::vector<std::uint8_t> bytes;
+        std::vector<std::uint8_t> bytes;  // as they came, so that nothing is held for what is missing
+        std::vector<Piece> pieces;
         std::array<std::uint64_t, words> arrived{};  // a bit for each unit
         std::int64_t unitsArrived = 0;
         std::int64_t length = -1;  // unknown until the last fragment comes
@@ -68,18 +75,19 @@ private:
         std::int64_t seconds = 0;
         std::uint8_t protocol = 0;
         bool countsWhenLost = false;
-    };
-    struct Hash {
-        std::size_t operator()(const DatagramKey& key) const;
+
+        std::int64_t held() const { return static_cast<std::int64_t>(bytes.capacity() + pieces.capacity() * sizeof(Piece)); }
     };
     using Position = std::list<Pending>::iterator;
 
-    void take(Pending& pending, const Fragment& fragment);
+    static void take(Pending& pending, const Fragment& fragment);
+    static Datagram joined(const Pending& pending);
     void giveUp(Position position);
     void forget(Position position);
 
     std::list<Pending> pending_;  // oldest first
-    std::unordered_map<DatagramKey, Position, Hash> known_;
+    // Ordered, since whoever writes the capture chooses the keys and could make them collide in a hash table.
+    std::map<DatagramKey, Position> known_;
     std::int64_t bytesHeld_ = 0;
     std::int64_t givenUp_ = 0;
 };

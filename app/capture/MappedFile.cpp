@@ -86,6 +86,7 @@ std::expected<std::unique_ptr<MappedFile>, std::string> MappedFile::map(int desc
 {
     void* const bytes = mmap(nullptr, static_cast<std::size_t>(size), PROT_READ, MAP_SHARED, descriptor, 0);
     if (bytes == MAP_FAILED) return std::unexpected(std::generic_category().message(errno));
+    madvise(bytes, static_cast<std::size_t>(size), MADV_DONTDUMP);  // a capture may carry secrets
     // Whole pages: the handler must also answer for the part of the last page behind the last byte.
     const auto begin = reinterpret_cast<std::uintptr_t>(bytes);
     const std::uintptr_t end = (begin + static_cast<std::uintptr_t>(size) + pageSize - 1) & ~(pageSize - 1);

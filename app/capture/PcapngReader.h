@@ -1,29 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "app/capture/ByteOrder.h"
 #include "app/capture/CaptureInput.h"
 #include "app/capture/CapturedPacket.h"
+#include "app/capture/PcapngBlocks.h"
+#include "platform/SecretMemory.h"
 
-#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace sealscope {
 
-/// Numbers of the pcapng format (draft-ietf-opsawg-pcapng) that reading and writing share.
-namespace Pcapng {
-inline constexpr std::uint32_t sectionHeader = 0x0a0d'0d0a, interfaceDescription = 1, packetBlock = 2, simplePacket = 3, enhancedPacket = 6,
-                               decryptionSecrets = 10;
-inline constexpr std::uint32_t byteOrderMagic = 0x1a2b'3c4d;
-inline constexpr std::uint32_t tlsKeyLog = 0x544c'534b;  ///< secrets type of key log text
-inline constexpr std::uint16_t endOfOptions = 0, timeResolution = 9, timeOffset = 14;
-inline constexpr std::size_t mostInterfaces = 1 << 16;  ///< of a section; more than any machine has
-/// Longest block whose bytes are looked at as a whole, and most key log text of a file: key logs can be long.
-inline constexpr std::int64_t longestBlock = 256 << 20;
-}  // namespace Pcapng
-
-/// Reads a file in the pcapng format: several sections, each in a byte order of its own, with several interfaces.
+/// Reads the packets and secrets of a file in the pcapng format.
 class PcapngReader {
 public:
     /// True for a file that begins with `head` (4 bytes).
@@ -32,7 +21,7 @@ public:
     /// The next packet. False at the end, and at damage that leaves no way to go on, with its place and reason in `damage()`.
     bool next(CaptureInput& input, CapturedPacket& packet);
 
-    const std::string& damage() const { return damage_; }
+    const std::string& damage() const { return blocks_.damage(); }
     /// Blocks that contradict themselves and were passed over: how many, and of the first its place and reason.
     struct PassedOver {
         std::int64_t count = 0;
@@ -40,9 +29,9 @@ public:
         std::int64_t packetsBefore = 0;
     };
     const PassedOver& passedOver() const { return passedOver_; }
-    ByteOrder byteOrder() const { return order_; }
-    /// Key log text of the decryption secrets blocks so far, in order.
-    const std::string& keyLog() const { return keyLog_; }
+    ByteOrder byteOrder() const { return blocks_.order(); }
+    /// Key log text of the decryption secrets blocks since it was taken last, in order.
+    SecretText takeKeyLog() { return std::exchange(keyLog_, {}); }
 
 private:
     struct Interface {
@@ -56,20 +45,17 @@ private:
         CaptureTime time(std::uint64_t stamp) const;
     };
 
-    bool readSection(CaptureInput& input);
-    bool skipBlock(CaptureInput& input, std::int64_t length);
-    void readInterface(const CaptureInput& input, DataView body);
-    void readSecrets(const CaptureInput& input, DataView body);
-    bool readPacket(CaptureInput& input, std::uint32_t type, std::int64_t length, CapturedPacket& packet);
-    bool passOver(const CaptureInput& input, const std::string& reason);
-    /// Notes what is wrong with the block at a position (of the input, when none is given); always false.
-    bool fail(CaptureInput& input, const std::string& reason, std::optional<std::int64_t> at = {});
+    bool readOther(CaptureInput& input);
+    void readInterface(DataView body);
+    bool readSecrets(CaptureInput& input);
+    bool readPacket(const CaptureInput& input, CapturedPacket& packet);
+    /// Notes what is wrong with the block that was found; always false.
+    bool passOver(const std::string& reason);
 
-    ByteOrder order_;
-    bool isInSection_ = false;
+    PcapngBlocks blocks_;
     std::vector<Interface> interfaces_;
-    std::string keyLog_;
-    std::string damage_;
+    SecretText keyLog_;
+    std::int64_t keyLogSize_ = 0;  ///< taken text included
     PassedOver passedOver_;
     std::int64_t packets_ = 0;
 };

@@ -21,6 +21,8 @@ public:
 
     /// At least `count` writable bytes behind the committed ones. Fails with a reason, such as a full disk.
     std::expected<std::span<std::uint8_t>, std::string> room(std::int64_t count);
+    /// Leaves out `count` bytes, which read as zeros and take no room. Fails as `room` does.
+    std::expected<void, std::string> leaveOut(std::int64_t count);
     /// Counts the first `count` bytes of that room as written.
     void commit(std::int64_t count) { size_.fetch_add(count, std::memory_order_release); }
 
@@ -32,6 +34,9 @@ public:
     SpoolFile& operator=(const SpoolFile&) = delete;
 
 private:
+    /// Maps up to `end`, with blocks of the file system's from `offset` on.
+    std::expected<void, std::string> grow(std::int64_t offset, std::int64_t end);
+
     SpoolFile(int descriptor, std::string directory, std::uint8_t* base, std::int64_t reserved)
         : descriptor_(descriptor), directory_(std::move(directory)), base_(base), reserved_(reserved)
     {}

@@ -30,7 +30,8 @@ ExitStatus complainAbout(const CaptureError& error)
 
 std::unique_ptr<Capture> openCapture(const CommandContext& context, ExitStatus& status)
 {
-    auto capture = Capture::open(context.options.arguments, {.filter = context.options.filter, .maximumPackets = context.options.count});
+    auto capture = Capture::open(context.options.arguments,
+                                 {.filter = context.options.filter, .maximumPackets = context.options.count, .stop = interruption()});
     if (capture) return std::move(*capture);
     status = complainAbout(capture.error());
     return nullptr;

@@ -256,7 +256,7 @@ ExitStatus complainAboutOutput(const std::string& path, const std::string& probl
 
 /// Secrets of the wanted streams, and of how many there are some.
 struct CollectedSecrets {
-    std::string keyLog;
+    SecretText keyLog;
     std::int64_t connections = 0;
 };
 
@@ -266,6 +266,7 @@ CollectedSecrets collectSecrets(const Session& session, const std::vector<std::i
     const VELStreamInterpreting* interpreter = tlsInterpreter();
     CollectedSecrets secrets;
     for (const std::int64_t number : streams) {
+        if (isInterrupted()) break;
         const TCPStream stream = session.stream(number);
         if (!interpreter || !interpreter->canInterpret(stream)) continue;
         const SecretText lines = verdicts.keyLogLines(stream);
@@ -297,15 +298,15 @@ struct NamedOutput {
     }
 };
 
-/// Writes the capture again with other secrets inside.
+/// Writes the capture again with other secrets inside. A copy that was interrupted is none.
 ExitStatus copyCapture(const Session& session, NamedOutput& output, const CaptureChanges& changes)
 {
     CaptureWriter writer([&](DataView bytes) {
         output.file->write(bytes);
-        return output.file->isGood();
+        return output.file->isGood() && !isInterrupted();
     });
     writer.copy(session.capture(), changes);
-    return output.finish({});
+    return output.finish(isInterrupted() ? "was not written, since the copying was interrupted" : "");
 }
 
 ExitStatus run(const CommandContext& context)
@@ -338,8 +339,8 @@ ExitStatus run(const CommandContext& context)
     if (opens) note(openStreams(context, *session, streams, plaintext.get()));
     if (pcap.file) note(pcap.finish(plaintext->write(*pcap.file)));
     if (injected.file) {
-        const CollectedSecrets secrets = collectSecrets(*session, streams);
-        note(copyCapture(*session, injected, {.addedSecrets = secrets.keyLog}));
+        CollectedSecrets secrets = collectSecrets(*session, streams);
+        note(copyCapture(*session, injected, {.addedSecrets = std::move(secrets.keyLog)}));
         remark(fmt::format("{}: carries secrets for {} connection{}", injected.path, secrets.connections,
                            secrets.connections == 1 ? "" : "s"));
     }

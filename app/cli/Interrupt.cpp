@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/cli/Interrupt.h"
 
+#include <atomic>
 #include <csignal>
 #include <fcntl.h>
 #include <initializer_list>
@@ -10,8 +11,9 @@ namespace sealscope::cli {
 
 namespace {
 
-volatile std::sig_atomic_t interrupted = 0;
 volatile std::sig_atomic_t everInterrupted = 0;
+// Stopping is a store while no callback is registered with it, and none ever is. Never freed: a handler may be about to use it.
+std::atomic<std::stop_source*> current = new std::stop_source;
 void (*whenInterrupted)() = nullptr;
 
 int nothing = -1;  // /dev/null
@@ -24,7 +26,7 @@ void endStandardInput()
 
 extern "C" void onSignal(int)
 {
-    interrupted = 1;
+    current.load()->request_stop();
     everInterrupted = 1;
     if (whenInterrupted) whenInterrupted();
 }
@@ -34,7 +36,7 @@ extern "C" void onSignal(int)
 void catchInterrupts(void (*onInterrupt)())
 {
     whenInterrupted = onInterrupt;
-    interrupted = 0;
+    if (isInterrupted()) current = new std::stop_source;
     struct sigaction action = {};
     action.sa_handler = onSignal;
     action.sa_flags = static_cast<int>(SA_RESETHAND);
@@ -51,7 +53,8 @@ void catchInterrupts()
     catchInterrupts(endStandardInput);
 }
 
-bool isInterrupted() { return interrupted != 0; }
+bool isInterrupted() { return current.load(std::memory_order_relaxed)->stop_requested(); }
+std::stop_token interruption() { return current.load()->get_token(); }
 bool wasInterrupted() { return everInterrupted != 0; }
 
 }  // namespace sealscope::cli

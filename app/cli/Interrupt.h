@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <stop_token>
+
 namespace sealscope::cli {
 
 /// From here on the first Ctrl-C (or SIGTERM, SIGHUP) only asks the work to end, so that what was found is kept; the second ends
@@ -10,6 +12,8 @@ void catchInterrupts(void (*onInterrupt)());
 void catchInterrupts();
 /// Whether the user has asked since then.
 bool isInterrupted();
+/// The same, for work that knows nothing of a command line.
+std::stop_token interruption();
 /// Whether the user has asked at any time.
 bool wasInterrupted();
 

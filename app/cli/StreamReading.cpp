@@ -22,6 +22,8 @@ std::unique_ptr<Session> openSession(const CommandContext& context, ExitStatus& 
         auto opened = Session::open({.files = context.options.arguments,
                                      .filter = context.options.filter,
                                      .maximumPackets = context.options.count,
+                                     .keepsEveryBlock = !context.options.injectSecrets.empty() || !context.options.stripSecrets.empty(),
+                                     .stop = interruption(),
                                      .progress = [&](std::int64_t done, std::int64_t total) {
                                          progress.show(done, total);
                                          return !isInterrupted();
@@ -66,7 +68,8 @@ std::vector<std::int64_t> wantedStreams(const CommandContext& context, const Ses
 ExitStatus complainAboutDamage(const CommandContext& context, const Session& session, ExitStatus status)
 {
     const ExitStatus damage = complainAboutDamage(context, session.errors(), session.notes(), session.packetCount());
-    return damage == done ? status : damage;
+    for (const CaptureError& lost : session.capture().lostFiles()) status = std::max(status, complainAbout(lost));
+    return std::max(status, damage);
 }
 
 const VELStreamInterpreting* tlsInterpreter()

@@ -37,6 +37,7 @@ public:
         }
         notes = decoder.notes();
         errors = capture_->errors();
+        embeddedKeyLog = capture_->takeEmbeddedKeyLog();
         settleClients(capture_, connections);
         connections_ = connections;
         measured_ = std::make_unique<Measured[]>(static_cast<std::size_t>(connections_->size()));
@@ -77,6 +78,7 @@ public:
     bool wasInterrupted = false;
     DecoderNotes notes;
     std::vector<CaptureError> errors;
+    SecretText embeddedKeyLog;
 
 private:
     struct Measured {
@@ -97,8 +99,11 @@ Session::~Session() = default;
 
 std::expected<std::unique_ptr<Session>, CaptureError> Session::open(SessionOptions options)
 {
-    auto capture =
-        Capture::open(options.files, {.randomAccess = true, .filter = std::move(options.filter), .maximumPackets = options.maximumPackets});
+    auto capture = Capture::open(options.files, {.randomAccess = true,
+                                                 .keepsEveryBlock = options.keepsEveryBlock,
+                                                 .filter = std::move(options.filter),
+                                                 .maximumPackets = options.maximumPackets,
+                                                 .stop = std::move(options.stop)});
     if (!capture) return std::unexpected(std::move(capture.error()));
     auto implementation = std::make_unique<Implementation>(std::move(*capture));
     implementation->index(options.progress);
@@ -133,7 +138,7 @@ TCPStream Session::stream(std::int64_t stream) const { return implementation_->s
 const std::vector<CaptureError>& Session::errors() const { return implementation_->errors; }
 const DecoderNotes& Session::notes() const { return implementation_->notes; }
 bool Session::wasInterrupted() const { return implementation_->wasInterrupted; }
-std::string Session::embeddedKeyLog() const { return implementation_->capture().embeddedKeyLog(); }
+const SecretText& Session::embeddedKeyLog() const { return implementation_->embeddedKeyLog; }
 const Capture& Session::capture() const { return implementation_->capture(); }
 
 }  // namespace sealscope

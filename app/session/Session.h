@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,8 @@ struct SessionOptions {
     std::vector<std::string> files;
     std::string filter;
     std::int64_t maximumPackets = -1;
+    bool keepsEveryBlock = false;  ///< see `CaptureOptions`; for who copies the capture
+    std::stop_token stop;          ///< ends the indexing early, with what was seen
     /// Called now and then while the capture is indexed, with bytes read and bytes in all (negative when unknown); false
     /// ends the indexing early with what was seen.
     std::function<bool(std::int64_t, std::int64_t)> progress;
@@ -61,7 +64,7 @@ public:
     /// True when `progress` ended the indexing early.
     bool wasInterrupted() const;
     /// Key log text of the secrets that the capture carries.
-    std::string embeddedKeyLog() const;
+    const SecretText& embeddedKeyLog() const;
     /// The files behind it, read with random access.
     const Capture& capture() const;
 

@@ -78,7 +78,7 @@ public:
     const std::vector<CaptureError>& errors() const override { return errors_; }
     DataView bytes(CaptureAddress, std::int64_t count) const override { return DataView(page_).sub(0, count); }
     CaptureAddress keep(DataView) override { return -1; }
-    std::string embeddedKeyLog() const override { return {}; }
+    SecretText takeEmbeddedKeyLog() override { return {}; }
     std::int64_t bytesRead() const override { return 0; }
     std::int64_t bytesTotal() const override { return 0; }
 

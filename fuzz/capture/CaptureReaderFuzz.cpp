@@ -77,7 +77,7 @@ Read readAll(const std::string& name, bool randomAccess, std::int64_t size)
     require(!capture.next(packet), "the end stays the end");
     read.errors = capture.errors().size();
     for (const CaptureError& error : capture.errors()) require(!error.reason.empty(), "an error has a reason");
-    read.keyLog = capture.embeddedKeyLog();
+    read.keyLog = capture.takeEmbeddedKeyLog();
     if (randomAccess) {
         for (std::size_t i = 0; i < read.packets.size(); ++i)
             require(capture.bytes(read.packets[i].address, read.packets[i].frame.size()) == DataView(read.frames[i]),

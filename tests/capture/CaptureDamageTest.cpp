@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "app/capture/PcapngBlocks.h"
 #include "tests/capture/StoredCapture.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
@@ -240,6 +242,94 @@ TEST(CaptureDamage, TellsOfAFileThatBecameShorterAfterwards)
     EXPECT_EQ(last[50], 0);
     ASSERT_EQ((*capture)->lostFiles().size(), 1u);
     EXPECT_EQ((*capture)->lostFiles()[0].text(), path + ": became shorter after it was read; what is missing counts as zeros");
+}
+
+/// Bytes that the temporary files of this process have on the disk.
+std::int64_t temporaryBytes()
+{
+    std::int64_t bytes = 0;
+    for (const auto& descriptor : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code error;
+        struct stat status{};
+        const std::string file = std::filesystem::read_symlink(descriptor, error).string();
+        if (file.ends_with("(deleted)") && !file.contains("memfd") && stat(descriptor.path().c_str(), &status) == 0)
+            bytes += status.st_blocks * 512;
+    }
+    return bytes;
+}
+
+TEST(CaptureDamage, BoundsWhatASmallFileUnpacksTo)
+{
+    const std::vector<CapturePacket> packets = somePackets(2);
+    constexpr std::int64_t piece = 32 << 20;
+    const Data zeros = zstd(DataView(std::vector<std::uint8_t>(piece)));
+    // A packet, a block of so many zeros, and a packet behind it. Frames laid end to end are one stream.
+    const auto captureWith = [&](std::uint32_t type, std::int64_t pieces) {
+        PcapngBuilder before, after;
+        before.interface({}).packet(packets[0]);
+        const Data first = before.data(), whole = after.interface({}).packet(packets[1]).data();
+        const DataView packet = whole.view().from(28 + 20);
+        const auto length = static_cast<std::uint32_t>(16 + 4 + pieces * piece);
+        const ByteOrder order;
+        std::vector<std::uint8_t> head(first.view().begin(), first.view().end()), tail;
+        for (const std::uint32_t field : {type, length, Pcapng::tlsKeyLog, length - 20}) order.append(field, head);
+        order.append(length, tail);
+        tail.insert(tail.end(), packet.begin(), packet.end());
+        std::vector<std::uint8_t> file;
+        const auto add = [&](const Data& frame) { file.insert(file.end(), frame.view().begin(), frame.view().end()); };
+        add(zstd(DataView(head)));
+        for (std::int64_t i = 0; i < pieces; ++i) add(zeros);
+        add(zstd(DataView(tail)));
+        return Data(std::move(file));
+    };
+    struct Case {
+        const char* name;
+        Data file;
+        std::size_t packets;
+        const char* message;
+    };
+    const Case cases[] = {
+        {"a long block that nobody knows", captureWith(0x0bad, 4), 2, ""},
+        {"a long description", captureWith(1, 1), 1, "it announces 33554452 bytes, more than an Interface Description Block can have"},
+        {"secrets that are no key log", captureWith(10, 1), 2, "with those before it, its secrets are more than 839"},
+        {"much more than a gigabyte", captureWith(0x0bad, 34), 1, "zstd data unpacks to more than 1073741824 bytes and 256 times its size"},
+    };
+    const TempDirectory directory;
+    for (const auto& [name, file, count, message] : cases) {
+        for (const bool randomAccess : {false, true}) {
+            const std::int64_t before = temporaryBytes();
+            auto capture = Capture::open({directory.write("capture", file)}, {.randomAccess = randomAccess});
+            ASSERT_TRUE(capture) << name;
+            const ReadResult result = readAll(**capture);
+            EXPECT_EQ(result.packets.size(), count) << name;
+            EXPECT_EQ(result.keyLog, "") << name;
+            if (*message == 0)
+                EXPECT_THAT(result.errors, IsEmpty()) << name;
+            else
+                EXPECT_THAT(result.errors, testing::ElementsAre(HasSubstr(message))) << name;
+            EXPECT_LE(temporaryBytes() - before, piece + (2 << 20)) << name << ": what is skipped is not kept";
+        }
+    }
+}
+
+TEST(CaptureDamage, EndsAtOnceWhenItIsToStop)
+{
+    const TempDirectory directory;
+    const std::string path = directory.file("pipe");
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    const int writer = open(path.c_str(), O_RDWR | O_CLOEXEC);  // so that the pipe has no end
+    const Data file = pcapFile(somePackets(1));
+    ASSERT_EQ(write(writer, file.data(), static_cast<std::size_t>(file.size())), file.size());
+    std::stop_source source;
+    auto capture = Capture::open({path}, {.stop = source.get_token()});
+    ASSERT_TRUE(capture);
+    const std::jthread stopping([&] { std::this_thread::sleep_for(std::chrono::milliseconds(50)), source.request_stop(); });
+    const auto begin = std::chrono::steady_clock::now();
+    const ReadResult result = readAll(**capture);
+    EXPECT_EQ(result.packets.size(), 1u);
+    EXPECT_THAT(result.errors, IsEmpty()) << "it ends where it was ended";
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
+    close(writer);
 }
 
 TEST(CaptureDamage, TellsWhenNoTemporaryFileCanBeMade)

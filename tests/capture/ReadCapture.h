@@ -49,7 +49,7 @@ inline ReadResult readAll(Capture& capture)
         result.packets.push_back({packet.number, packet.file, packet.time.nanoseconds(), Data(packet.frame), packet.originalLength,
                                   packet.linkType, packet.address});
     for (const CaptureError& error : capture.errors()) result.errors.push_back(error.text());
-    result.keyLog = capture.embeddedKeyLog();
+    result.keyLog = capture.takeEmbeddedKeyLog();
     return result;
 }
 

@@ -47,7 +47,7 @@ private:
             bytes_.insert(bytes_.end(), bytes.begin(), bytes.end());
             return address;
         }
-        std::string embeddedKeyLog() const override { return {}; }
+        SecretText takeEmbeddedKeyLog() override { return {}; }
         std::int64_t bytesRead() const override { return static_cast<std::int64_t>(bytes_.size()); }
         std::int64_t bytesTotal() const override { return bytesRead(); }
 

@@ -1,0 +1,61 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "app/capture/ByteOrder.h"
+#include "app/capture/CaptureInput.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace sealscope {
+
+/// Numbers of the pcapng format (draft-ietf-opsawg-pcapng) that reading and writing share.
+namespace Pcapng {
+inline constexpr std::uint32_t sectionHeader = 0x0a0d'0d0a, interfaceDescription = 1, packetBlock = 2, simplePacket = 3, enhancedPacket = 6,
+                               decryptionSecrets = 10;
+inline constexpr std::uint32_t byteOrderMagic = 0x1a2b'3c4d;
+inline constexpr std::uint32_t tlsKeyLog = 0x544c'534b;  ///< secrets type of key log text
+inline constexpr std::uint16_t endOfOptions = 0, timeResolution = 9, timeOffset = 14;
+inline constexpr std::int64_t blockHeaderLength = 8;  ///< type (4), total length (4)
+inline constexpr std::int64_t shortestBlock = 12;     ///< with the total length once more at the end
+inline constexpr bool isPacket(std::uint32_t type) { return type == enhancedPacket || type == simplePacket || type == packetBlock; }
+}  // namespace Pcapng
+
+/// Walks the blocks of a file in the pcapng format: several sections, each in a byte order of its own.
+class PcapngBlocks {
+public:
+    /// Finds the block at the input's position, with its header at `input.data()`. False at the end, and at damage that leaves no
+    /// way to go on, with its place and reason in `damage()`.
+    bool find(CaptureInput& input);
+    // Of the block that was found.
+    std::uint32_t type() const { return type_; }
+    std::int64_t length() const { return length_; }
+    std::int64_t position() const { return position_; }
+    ByteOrder order() const { return order_; }
+    /// Fewest bytes that a block of its type has.
+    std::int64_t shortestLength() const;
+    /// "an Enhanced Packet Block"
+    const char* name() const;
+
+    /// Has the whole block at `input.data()`. False at damage.
+    bool gather(CaptureInput& input);
+    /// Goes on behind the block, of which any part may have been consumed; it is never needed in one place. False at damage.
+    bool leave(CaptureInput& input);
+
+    const std::string& damage() const { return damage_; }
+
+private:
+    bool findSection(CaptureInput& input);
+    bool fail(CaptureInput& input, const std::string& reason);
+    bool failCut(CaptureInput& input);
+
+    ByteOrder order_;
+    bool isInSection_ = false;
+    std::uint32_t type_ = 0;
+    std::int64_t length_ = 0;
+    std::int64_t position_ = 0;
+    std::string damage_;
+};
+
+}  // namespace sealscope
