@@ -68,12 +68,51 @@ private:
     TLSDirectionReporter::Progress progress_;
 };
 
-StreamMessage markedAsDecrypted(const StreamMessage& message)
+StreamMessage markedAsDecrypted(StreamMessage message)
 {
-    std::vector<DetailRow> detail{decryptedRow};
-    detail.insert(detail.end(), message.detail.begin(), message.detail.end());
-    return StreamMessage(message.direction, message.kind, message.summary, std::move(detail), message.body, message.bodyHint,
-                         message.byteRange, message.packetIds, message.timestamp, message.filename, true);
+    message.id = UUID::random();
+    message.detail.insert(message.detail.begin(), decryptedRow);
+    message.isDecrypted = true;
+    return message;
+}
+
+/// The plaintext of both directions; nothing when there is none of either.
+struct Plaintext {
+    std::optional<TLSStreamDecryption::DirectionPlain> client;
+    std::optional<TLSStreamDecryption::DirectionPlain> server;
+};
+
+std::optional<Plaintext> decrypted(const TCPStream& stream, const TLSKeyLog& keyLog)
+{
+    const auto context = TLSStreamDecryption::context(stream);
+    if (!context) return std::nullopt;
+    Plaintext plaintext{.client = TLSStreamDecryption::decrypt(Direction::clientToServer, stream, *context, keyLog),
+                        .server = TLSStreamDecryption::decrypt(Direction::serverToClient, stream, *context, keyLog)};
+    if (!plaintext.client && !plaintext.server) return std::nullopt;
+    return plaintext;
+}
+
+/// What an interpreter made of the plaintext, marked as decrypted; without one, a message a direction.
+std::optional<StreamInterpretation> shown(std::optional<StreamInterpretation> interpretation, const Plaintext& plaintext)
+{
+    if (!interpretation) {
+        auto messages = TLSDecryptionProbe::fallbackMessages(plaintext.client, plaintext.server);
+        if (!messages) return std::nullopt;
+        return StreamInterpretation{std::move(*messages), std::nullopt};
+    }
+    for (StreamMessage& message : interpretation->messages) message = markedAsDecrypted(std::move(message));
+    return interpretation;
+}
+
+/// What the hellos say about the plaintext.
+StreamContext contextOf(const TCPStream& stream, const StreamContext& outer)
+{
+    StreamContext context = outer;
+    context.isDecrypted = true;
+    ++context.depth;
+    const auto clientHello = TLSStreamDecryption::firstClientHello(stream.clientToServerData);
+    context.serverName = clientHello ? clientHello->serverName : std::nullopt;
+    return context;
 }
 
 void appendHex(SecretText& text, DataView bytes)
@@ -87,7 +126,7 @@ void appendHex(SecretText& text, DataView bytes)
 
 }  // namespace
 
-TLSDecryptionOutcome TLSDecryptionProbe::probe(const TCPStream& stream) const
+TLSDecryptionOutcome TLSKeyLogProbing::probe(const TCPStream& stream) const
 {
     const auto context = TLSStreamDecryption::context(stream);
     if (!context) {
@@ -95,7 +134,7 @@ TLSDecryptionOutcome TLSDecryptionProbe::probe(const TCPStream& stream) const
         return TLSDecryptionOutcome::notDecrypted(hasHandshake ? TLSDecryptionFailure::unsupportedVersion
                                                                : TLSDecryptionFailure::noHandshake);
     }
-    const TLSKeyLog keyLog = TLSKeyLogStore::shared().current();
+    const TLSKeyLog keyLog = store().current();
     if (!TLSStreamDecryption::hasKeyMaterial(*context, keyLog))
         return TLSDecryptionOutcome::notDecrypted(TLSDecryptionFailure::noKeyMaterial);
     const bool isDecrypted =
@@ -103,33 +142,47 @@ TLSDecryptionOutcome TLSDecryptionProbe::probe(const TCPStream& stream) const
     return isDecrypted ? TLSDecryptionOutcome::decrypted() : TLSDecryptionOutcome::notDecrypted(TLSDecryptionFailure::keyMismatch);
 }
 
-std::optional<TLSDecryptionReport> TLSDecryptionProbe::report(const TCPStream& stream, bool walk) const
+std::shared_ptr<const TLSStreamDecryptionProbing> TLSKeyLogProbing::withSecrets(std::shared_ptr<const KeyLogSources> secrets) const
 {
-    return TLSStreamReport::report(stream, TLSKeyLogStore::shared().current(), walk);
+    return std::make_shared<const TLSSessionProbe>(std::move(secrets));
 }
 
-std::unique_ptr<PlaintextReader> TLSDecryptionProbe::plaintextReader(const TCPStream& stream, Direction direction) const
+std::optional<TLSDecryptionReport> TLSKeyLogProbing::report(const TCPStream& stream, ReportDepth depth) const
+{
+    return TLSStreamReport::report(stream, store().current(), depth);
+}
+
+std::optional<StreamInterpretation> TLSKeyLogProbing::decryptedInterpretation(const TCPStream& stream, const StreamContext& context) const
+{
+    const auto plaintext = decrypted(stream, store().current());
+    if (!plaintext) return std::nullopt;
+    if (!context.host) return shown(std::nullopt, *plaintext);
+    const TCPStream inner = TLSDecryptionProbe::decryptedStream(stream, plaintext->client, plaintext->server);
+    return shown(context.host->carriedInterpretation(inner, contextOf(stream, context)), *plaintext);
+}
+
+std::unique_ptr<PlaintextReader> TLSKeyLogProbing::plaintextReader(const TCPStream& stream, Direction direction) const
 {
     const auto context = TLSStreamDecryption::context(stream);
     if (!context) return nullptr;
-    return DirectionReader::begin(stream, direction, *context, TLSKeyLogStore::shared().current());
+    return DirectionReader::begin(stream, direction, *context, store().current());
 }
 
-TLSKeyMaterialReport TLSDecryptionProbe::keyMaterial() const { return TLSKeyLogStore::shared().material(); }
+TLSKeyMaterialReport TLSKeyLogProbing::keyMaterial() const { return store().material(); }
 
-bool TLSDecryptionProbe::hasSecrets(DataView clientRandom) const
+bool TLSKeyLogProbing::hasSecrets(DataView clientRandom) const
 {
-    const TLSKeyLog keyLog = TLSKeyLogStore::shared().current();
+    const TLSKeyLog keyLog = store().current();
     return std::ranges::any_of(TLSKeyLog::knownLabels,
                                [&](std::string_view label) { return keyLog.secrets.length(label, clientRandom).has_value(); });
 }
 
-SecretText TLSDecryptionProbe::keyLogLines(const TCPStream& stream) const
+SecretText TLSKeyLogProbing::keyLogLines(const TCPStream& stream) const
 {
     SecretText lines;
     const auto clientRandom = TLSStreamDecryption::firstClientRandom(stream.clientToServerData);
     if (!clientRandom) return lines;
-    const TLSKeyLog keyLog = TLSKeyLogStore::shared().current();
+    const TLSKeyLog keyLog = store().current();
     for (const std::string_view label : TLSKeyLog::knownLabels) {
         const auto secret = keyLog.secrets.find(label, *clientRandom);
         if (!secret) continue;
@@ -143,35 +196,25 @@ SecretText TLSDecryptionProbe::keyLogLines(const TCPStream& stream) const
     return lines;
 }
 
-TLSKeyLogLineCount TLSDecryptionProbe::countKeyLogLines(std::string_view text) const { return TLSKeyLog::countLines(text); }
+TLSKeyLogLineCount TLSKeyLogProbing::countKeyLogLines(std::string_view text) const { return TLSKeyLog::countLines(text); }
 
 bool TLSDecryptionProbe::hasKeyMaterial(const Context& context)
 {
     return TLSStreamDecryption::hasKeyMaterial(context, TLSKeyLogStore::shared().current());
 }
 
-TLSDecryptionProbe::DecryptedInterpretation TLSDecryptionProbe::decryptedInterpretation(const TCPStream& stream)
+std::optional<StreamInterpretation> TLSDecryptionProbe::decryptedInterpretation(const TCPStream& stream)
 {
-    const auto context = TLSStreamDecryption::context(stream);
-    if (!context) return {};
-    const TLSKeyLog keyLog = TLSKeyLogStore::shared().current();
-    const auto client = TLSStreamDecryption::decrypt(Direction::clientToServer, stream, *context, keyLog);
-    const auto server = TLSStreamDecryption::decrypt(Direction::serverToClient, stream, *context, keyLog);
-    if (!client && !server) return {};
-
-    const TCPStream plaintext = decryptedStream(stream, client, server);
+    const auto plaintext = decrypted(stream, TLSKeyLogStore::shared().current());
+    if (!plaintext) return std::nullopt;
+    const TCPStream inner = decryptedStream(stream, plaintext->client, plaintext->server);
     auto candidates = VELStreamInterpreterRegistry::shared().snapshot();
     std::erase_if(candidates, [](const VELStreamInterpreting* interpreter) {
         return interpreter->streamDisplayName == TLSProtocolAnalyzer::streamDisplayName;
     });
-    const VELStreamInterpreting* const interpreter = VELStreamInterpreter::firstInterpreter(plaintext, candidates);
-    if (!interpreter) return {fallbackMessages(client, server), std::nullopt};
-
-    StreamInterpretation interpretation = interpreter->interpret(plaintext);
-    std::vector<StreamMessage> messages;
-    messages.reserve(interpretation.messages.size());
-    std::ranges::transform(interpretation.messages, std::back_inserter(messages), markedAsDecrypted);
-    return {std::move(messages), std::move(interpretation.pairings)};
+    const StreamContext context = contextOf(stream, {});
+    const VELStreamInterpreting* const interpreter = VELStreamInterpreter::firstInterpreter(inner, candidates, context);
+    return shown(interpreter ? std::optional(interpreter->interpret(inner, context)) : std::nullopt, *plaintext);
 }
 
 TCPStream TLSDecryptionProbe::decryptedStream(const TCPStream& stream, const std::optional<DirectionPlain>& client,
@@ -191,9 +234,12 @@ std::optional<std::vector<StreamMessage>> TLSDecryptionProbe::fallbackMessages(c
     std::vector<StreamMessage> messages;
     const auto add = [&](Direction direction, const std::optional<DirectionPlain>& plain) {
         if (!plain) return;
-        messages.emplace_back(direction, StreamMessageKind::data, fmt::format("Decrypted Application Data ({} bytes)", plain->data.size()),
-                              std::vector{decryptedRow}, plain->data, StreamBodyHint::text(TextEncoding::utf8), std::nullopt,
-                              std::vector<std::int64_t>{}, 0.0, std::nullopt, true);
+        messages.push_back({.direction = direction,
+                            .summary = fmt::format("Decrypted Application Data ({} bytes)", plain->data.size()),
+                            .detail = {decryptedRow},
+                            .body = plain->data,
+                            .bodyHint = StreamBodyHint::text(TextEncoding::utf8),
+                            .isDecrypted = true});
     };
     add(Direction::clientToServer, client);
     add(Direction::serverToClient, server);

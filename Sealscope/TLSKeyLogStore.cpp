@@ -41,8 +41,25 @@ TLSKeyLogStore& TLSKeyLogStore::shared()
     return store;
 }
 
+TLSKeyLog TLSKeyLogStore::replaced(State fresh)
+{
+    const TLSKeyLog keyLog = *fresh.keyLog;
+    // What was there before is let go after the lock. The answer is what this call read: another may have stored less since.
+    const std::lock_guard lock(mutex_);
+    std::swap(state_, fresh);
+    return keyLog;
+}
+
 TLSKeyLog TLSKeyLogStore::current()
 {
+    if (sources_) {
+        const std::uint64_t generation = sources_->generation();
+        {
+            const std::lock_guard lock(mutex_);
+            if (state_.keyLog && state_.generation == generation) return *state_.keyLog;
+        }
+        return replaced({.generation = generation, .keyLog = TLSKeyLog(sources_->text())});
+    }
     const auto userPath = KeylogUserFile::resolvedPath(UserDefaults::standard());
     const char* const environment = std::getenv("SSLKEYLOGFILE");
     const auto envPath = environment ? std::optional<std::string>(environment) : std::nullopt;
@@ -52,12 +69,7 @@ TLSKeyLog TLSKeyLogStore::current()
         const std::lock_guard lock(mutex_);
         if (state_.keyLog && state_.signature == signature) return *state_.keyLog;
     }
-    const TLSKeyLog keyLog(MergedKeylog::mergedText(sources));
-    State fresh{std::move(signature), keyLog, std::nullopt};
-    // What was there before is let go after the lock. The answer is what this call read: another may have stored less since.
-    const std::lock_guard lock(mutex_);
-    std::swap(state_, fresh);
-    return keyLog;
+    return replaced({.signature = std::move(signature), .keyLog = TLSKeyLog(MergedKeylog::mergedText(sources))});
 }
 
 void TLSKeyLogStore::reloadIfNeeded() { current(); }

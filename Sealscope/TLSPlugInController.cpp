@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Sealscope/TLSPlugInController.h"
 
-#include "Sealscope/PlugInBundle.h"
 #include "Sealscope/TLSDecryptionProbe.h"
 #include "Sealscope/TLSKeylogSection.h"
 #include "Sealscope/TLSNames.h"
 #include "Sealscope/TLSProtocolAnalyzer.h"
+#include "host/VELDependencies/VELPlugInBundle.h"
 #include "host/VELCommonTools/Color.h"
 #include "host/VELKonstantsKeys/RandomColor.h"
 #include "host/VELLog/velLog.h"
@@ -96,28 +96,13 @@ kVELSourceProtocols sourceProtocolOf(std::int64_t raw)
 
 }  // namespace
 
-constinit const VELPrincipalClass TLSPlugInController::principalClass{
-    .name = "TLSPlugInController",
-    .create = []() -> std::unique_ptr<VELPluginPrincipalClassProtocol> { return std::make_unique<TLSPlugInController>(); },
-    .createWithPlugInsController = [](const std::any&) { return principalClass.create(); },
-    .createWithPlugInManager = [](const std::any&) { return principalClass.create(); },
-    .pluginTitle = &TLSPlugInController::pluginTitle,
-    .pluginDescription = &TLSPlugInController::pluginDescription,
-    .pluginVersion = &TLSPlugInController::pluginVersion,
-    .pluginAuthor = &TLSPlugInController::pluginAuthor,
-};
+constinit const VELPrincipalClass& TLSPlugInController::principalClass = principalClassOf<TLSPlugInController>;
 
 std::optional<std::string> TLSPlugInController::pluginTitle() { return localized("Sealscope"); }
 
 std::optional<std::string> TLSPlugInController::pluginDescription() { return localized("TLS Protocol Analyzer"); }
 
-std::optional<std::string> TLSPlugInController::pluginVersion()
-{
-    const auto build = plugInBundle().infoString("CFBundleVersion");
-    const auto shortVersion = plugInBundle().infoString("CFBundleShortVersionString");
-    if (!build || !shortVersion) return "0";
-    return fmt::format("{} ({})", *shortVersion, *build);
-}
+std::optional<std::string> TLSPlugInController::pluginVersion() { return plugInBundleVersion(); }
 
 std::optional<std::string> TLSPlugInController::pluginAuthor() { return localized("The Sealscope developers"); }
 

@@ -10,6 +10,7 @@
 #include <any>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace sealscope {
 
@@ -23,8 +24,9 @@ public:
     static constexpr const char* kTLSUsesColor = "com_quillmarshworks_vel_tls_color_use";
     static constexpr const char* kTLSColor = "com_quillmarshworks_vel_tls_color";
 
+    static constexpr std::string_view principalClassName = "TLSPlugInController";
     /// The class as the bundle exports it.
-    static const VELPrincipalClass principalClass;
+    static const VELPrincipalClass& principalClass;
 
     static std::optional<std::string> pluginTitle();
     static std::optional<std::string> pluginDescription();

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Sealscope/TLSProtocolAnalyzer.h"
 
-#include "Sealscope/PlugInBundle.h"
 #include "Sealscope/TLSNames.h"
 #include "Sealscope/TLSWalk.h"
 
+#include "host/VELDependencies/VELPlugInBundle.h"
 #include <algorithm>
 #include <charconv>
 #include <utility>

@@ -27,8 +27,9 @@ public:
     std::optional<VELValue> value(std::string_view key, DataView data) const override;
 
     static constexpr std::string_view streamDisplayName = "TLS";
-    static bool canInterpret(const TCPStream& stream);
-    static StreamInterpretation interpret(const TCPStream& stream);
+    static constexpr StreamLayer streamLayer = StreamLayer::security;
+    static bool canInterpret(const TCPStream& stream, const StreamContext& context = {});
+    static StreamInterpretation interpret(const TCPStream& stream, const StreamContext& context = {});
 
     std::uint16_t tlsSize = 0;  ///< payload bytes, at most 65535
 

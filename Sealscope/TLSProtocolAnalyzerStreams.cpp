@@ -5,11 +5,14 @@
 
 namespace sealscope {
 
-bool TLSProtocolAnalyzer::canInterpret(const TCPStream& stream)
+bool TLSProtocolAnalyzer::canInterpret(const TCPStream& stream, const StreamContext&)
 {
     return TLSDissector::looksLikeTLS(stream.clientToServerData) || TLSDissector::looksLikeTLS(stream.serverToClientData);
 }
 
-StreamInterpretation TLSProtocolAnalyzer::interpret(const TCPStream& stream) { return TLSStreamParser::interpretation(stream); }
+StreamInterpretation TLSProtocolAnalyzer::interpret(const TCPStream& stream, const StreamContext& context)
+{
+    return TLSStreamParser::interpretation(stream, context);
+}
 
 }  // namespace sealscope

@@ -41,8 +41,14 @@ Entry makeEntry(Direction direction, StreamMessageKind kind, std::pair<std::stri
                 std::optional<std::uint8_t> handshakeType = {})
 {
     const double timestamp = location.timestamp.value_or(0);
-    return Entry{.message = StreamMessage(direction, kind, std::move(text.first), std::move(text.second), std::nullopt, bodyHint, range,
-                                          std::move(location.packetIds), timestamp, std::nullopt, false),
+    return Entry{.message = {.direction = direction,
+                             .kind = kind,
+                             .summary = std::move(text.first),
+                             .detail = std::move(text.second),
+                             .bodyHint = bodyHint,
+                             .byteRange = range,
+                             .packetIds = std::move(location.packetIds),
+                             .timestamp = timestamp},
                  .timestamp = timestamp,
                  .directionOrder = direction == Direction::clientToServer ? 0 : 1,
                  .firstByteOffset = range ? range->lower : 0,
@@ -365,7 +371,7 @@ std::vector<Pairing> TLSStreamParser::remapPairings(const std::vector<Pairing>& 
     return result;
 }
 
-StreamInterpretation TLSStreamParser::interpretation(const TCPStream& stream)
+StreamInterpretation TLSStreamParser::interpretation(const TCPStream& stream, const StreamContext& context)
 {
     std::vector<Entry> sorted = entries(Direction::clientToServer, stream);
     std::ranges::move(entries(Direction::serverToClient, stream), std::back_inserter(sorted));
@@ -375,19 +381,21 @@ StreamInterpretation TLSStreamParser::interpretation(const TCPStream& stream)
     messages.reserve(sorted.size());
     for (Entry& entry : sorted) messages.push_back(std::move(entry.message));
 
-    const auto decrypted = TLSDecryptionProbe::decryptedInterpretation(stream);
-    if (!decrypted.messages) return {std::move(messages), std::move(pairings)};
+    // A session has secrets, interpreters and probes of its own.
+    const auto decrypted =
+        context.host ? context.host->decryptedInterpretation(stream, context) : TLSDecryptionProbe::decryptedInterpretation(stream);
+    if (!decrypted) return {std::move(messages), std::move(pairings)};
 
     std::vector<StreamMessage> merged;
     std::ranges::remove_copy_if(messages, std::back_inserter(merged),
                                 [](const StreamMessage& message) { return message.summary.starts_with(applicationDataPrefix); });
-    std::ranges::copy(*decrypted.messages, std::back_inserter(merged));
+    std::ranges::copy(decrypted->messages, std::back_inserter(merged));
     std::ranges::stable_sort(merged, [](const StreamMessage& a, const StreamMessage& b) {
         return std::tie(a.timestamp, a.direction) < std::tie(b.timestamp, b.direction);
     });
 
     std::vector<Pairing> joined = remapPairings(pairings.value_or(std::vector<Pairing>{}), messages, merged);
-    std::ranges::copy(remapPairings(decrypted.pairings.value_or(std::vector<Pairing>{}), *decrypted.messages, merged),
+    std::ranges::copy(remapPairings(decrypted->pairings.value_or(std::vector<Pairing>{}), decrypted->messages, merged),
                       std::back_inserter(joined));
     return {std::move(merged), joined.empty() ? std::nullopt : std::optional(std::move(joined))};
 }

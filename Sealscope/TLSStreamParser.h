@@ -2,6 +2,7 @@
 #pragma once
 
 #include "Sealscope/TLSRecord.h"
+#include "host/VELModels/StreamContext.h"
 #include "host/VELModels/StreamMessage.h"
 #include "host/VELModels/TCPStream.h"
 
@@ -64,7 +65,7 @@ struct TLSStreamParser {
 
     /// The whole stream: both directions in order of time, with decrypted messages in place of encrypted application data
     /// when the stream decrypts.
-    static StreamInterpretation interpretation(const TCPStream& stream);
+    static StreamInterpretation interpretation(const TCPStream& stream, const StreamContext& context = {});
 };
 
 }  // namespace sealscope

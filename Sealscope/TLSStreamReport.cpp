@@ -77,7 +77,7 @@ std::vector<std::string_view> labelsOf(bool isTLS13)
 
 }  // namespace
 
-TLSDecryptionReport TLSStreamReport::report(const TCPStream& stream, const TLSKeyLog& keyLog, bool walk)
+TLSDecryptionReport TLSStreamReport::report(const TCPStream& stream, const TLSKeyLog& keyLog, ReportDepth depth)
 {
     TLSDecryptionReport report;
     auto clientHello =
@@ -122,7 +122,7 @@ TLSDecryptionReport TLSStreamReport::report(const TCPStream& stream, const TLSKe
         failed(TLSDecryptionFailure::noKeyMaterial);
     else if (!report.isSupportedSuite)
         failed(TLSDecryptionFailure::keyMismatch);
-    if (!walk || !report.isSupportedSuite) return report;
+    if (depth == ReportDepth::hellos || !report.isSupportedSuite) return report;
 
     const TLSDirectionReporter reporter(stream, *context, keyLog);
     report.client = reporter.report(Direction::clientToServer);

@@ -11,8 +11,8 @@ namespace sealscope {
 struct TLSStreamReport {
     TLSStreamReport() = delete;
 
-    /// The facts about a stream, with the secrets of a key log. `walk` opens both directions to their ends.
-    static TLSDecryptionReport report(const TCPStream& stream, const TLSKeyLog& keyLog, bool walk);
+    /// The facts about a stream, with the secrets of a key log.
+    static TLSDecryptionReport report(const TCPStream& stream, const TLSKeyLog& keyLog, ReportDepth depth);
 };
 
 }  // namespace sealscope

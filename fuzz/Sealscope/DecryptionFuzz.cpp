@@ -42,9 +42,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const TLSDecryptionProbe probe;
     const TLSDecryptionOutcome outcome = probe.probe(stream);
     require(probe.probe(scattered) == outcome, "it does not matter where the bytes lie");
-    const auto report = probe.report(stream, true);
+    const auto report = probe.report(stream, ReportDepth::opened);
     require(report->outcome == outcome, "the report brings the same verdict");
-    const auto facts = probe.report(stream, false);
+    const auto facts = probe.report(stream, ReportDepth::hellos);
     require(!facts->outcome || facts->outcome == outcome, "and what is known without opening anything agrees");
     const auto view = TLSDecryptionProbe::decryptedInterpretation(stream);
     require(view.messages.has_value() == outcome.isDecrypted(), "there is a decrypted view where the stream decrypts");

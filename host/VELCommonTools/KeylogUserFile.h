@@ -7,7 +7,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace sealscope SEALSCOPE_API {
 
@@ -17,16 +16,10 @@ struct KeylogUserFile {
 
     /// Under which the path is stored in the user defaults, as a string.
     static std::string_view pathDefaultsKey();
-    /// The path to open: the first of the override, else the stored one with "~" resolved; nothing when none is set, or an
-    /// empty one.
+    /// The path to open: the stored one with "~" resolved; nothing when none is set, or an empty one.
     static std::optional<std::string> resolvedPath(const UserDefaults& defaults);
     /// Stores the user's choice. False when it could not be stored; the defaults then say why.
     static bool remember(const std::filesystem::path& file, UserDefaults& defaults);
-
-    /// Files that take the place of the stored one as long as the process runs, later ones winning; nothing is stored. An
-    /// empty list ends it.
-    static void setOverride(std::vector<std::string> paths);
-    static std::vector<std::string> overridePaths();
 };
 
 }  // namespace sealscope SEALSCOPE_API

@@ -2,15 +2,12 @@
 #include "host/VELCommonTools/MergedKeylog.h"
 
 #include "host/VELCommonTools/KeylogLocations.h"
-#include "host/VELCommonTools/KeylogUserFile.h"
 #include "host/VELModels/TLSDecryptionProbeRegistry.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <limits>
-#include <memory>
-#include <mutex>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -21,18 +18,6 @@ namespace {
 
 using Examination = MergedKeylog::Examination;
 using Problem = Examination::Problem;
-
-struct EmbeddedSecrets {
-    std::mutex mutex;
-    std::shared_ptr<const SecretText> text = std::make_shared<const SecretText>();
-    std::int64_t generation = 0;
-};
-
-EmbeddedSecrets& embeddedSecrets()
-{
-    static EmbeddedSecrets secrets;
-    return secrets;
-}
 
 class FileDescriptor {
 public:
@@ -128,13 +113,6 @@ std::int64_t nanoseconds(const timespec& time) { return std::int64_t{time.tv_sec
 MergedKeylog::SourceStamp stampOf(const MergedKeylog::Source& source)
 {
     MergedKeylog::SourceStamp stamp;
-    if (source.isEmbedded()) {
-        EmbeddedSecrets& embedded = embeddedSecrets();
-        const std::lock_guard lock(embedded.mutex);
-        stamp.embeddedGeneration = embedded.generation;
-        stamp.exists = !embedded.text->empty();
-        return stamp;
-    }
     struct stat status{};
     if (stat(source.file.c_str(), &status) != 0) return stamp;
     stamp.exists = true;
@@ -151,18 +129,10 @@ MergedKeylog::SourceStamp stampOf(const MergedKeylog::Source& source)
 std::vector<MergedKeylog::Source> MergedKeylog::sources(const std::optional<std::string>& userPath,
                                                         const std::optional<std::string>& envPath)
 {
-    std::vector<std::string> chosen = KeylogUserFile::overridePaths();
-    if (chosen.empty() && userPath) chosen.push_back(*userPath);
-    std::erase(chosen, "");
-    if (chosen.empty() && envPath && !envPath->empty()) chosen.push_back(*envPath);
-
-    std::vector<Source> all{Source{}, Source{KeylogLocations::liveKeylog().string()}};
-    for (std::string& path : chosen) {
-        // A source that is listed twice stands where it wins.
-        Source source{std::move(path)};
-        std::erase(all, source);
-        all.push_back(std::move(source));
-    }
+    std::vector<Source> all{{KeylogLocations::liveKeylog().string()}};
+    const auto& chosen = userPath && !userPath->empty() ? userPath : envPath;
+    // A source that is listed twice stands where it wins, and here there is no other.
+    if (chosen && !chosen->empty() && *chosen != all.front().file) all.push_back({*chosen});
     return all;
 }
 
@@ -182,27 +152,9 @@ SecretText MergedKeylog::mergedText(const std::vector<Source>& sources)
     if (!isTooLarge(size)) text.reserve(static_cast<std::size_t>(size));
     for (const Source& source : sources) {
         if (!text.empty() && text.back() != '\n') text += '\n';
-        if (!source.isEmbedded()) {
-            appendFile(source.file, text);
-            continue;
-        }
-        EmbeddedSecrets& embedded = embeddedSecrets();
-        std::unique_lock lock(embedded.mutex);
-        const auto embeddedText = embedded.text;
-        lock.unlock();
-        text += *embeddedText;
+        appendFile(source.file, text);
     }
     return text;
-}
-
-void MergedKeylog::setEmbeddedSecrets(SecretText text)
-{
-    auto shared = std::make_shared<const SecretText>(std::move(text));
-    EmbeddedSecrets& embedded = embeddedSecrets();
-    const std::lock_guard lock(embedded.mutex);
-    if (*embedded.text == *shared) return;
-    embedded.text = std::move(shared);
-    ++embedded.generation;
 }
 
 MergedKeylog::Examination MergedKeylog::examine(const std::filesystem::path& file)

@@ -16,10 +16,9 @@ namespace sealscope SEALSCOPE_API {
 struct MergedKeylog {
     MergedKeylog() = delete;
 
-    /// A place that secrets come from: a file, or what the opened capture carries.
+    /// A place that secrets come from.
     struct Source {
-        std::string file;  ///< its path; empty for the capture's secrets
-        bool isEmbedded() const { return file.empty(); }
+        std::string file;  ///< its path
         bool operator==(const Source&) const = default;
     };
 
@@ -28,10 +27,9 @@ struct MergedKeylog {
         bool exists = false;
         std::uint64_t device = 0;
         std::uint64_t inode = 0;
-        std::int64_t size = 0;                ///< bytes
-        std::int64_t modified = 0;            ///< nanoseconds since 1970
-        std::int64_t changed = 0;             ///< the same, of the file's metadata: a time of modification can be set back
-        std::int64_t embeddedGeneration = 0;  ///< of the capture's secrets
+        std::int64_t size = 0;      ///< bytes
+        std::int64_t modified = 0;  ///< nanoseconds since 1970
+        std::int64_t changed = 0;   ///< the same, of the file's metadata: a time of modification can be set back
         bool operator==(const SourceStamp&) const = default;
     };
 
@@ -55,15 +53,12 @@ struct MergedKeylog {
         std::int64_t firstInvalidLine = 0;  ///< counted from 1 over all lines; 0 when each is valid
     };
 
-    /// The sources in the order of their texts: the capture's secrets, the managed key log, and then the user's files
-    /// (those of the override, else `userPath`) or, when there are none, `envPath`. Empty paths count as none.
+    /// The sources in the order of their texts: the managed key log, and then the user's file or, when there is none, the file
+    /// of the environment. Empty paths count as none.
     static std::vector<Source> sources(const std::optional<std::string>& userPath, const std::optional<std::string>& envPath);
     static std::vector<SourceStamp> signature(const std::vector<Source>& sources);
     /// The bytes of the readable sources one behind another, each source's lines whole. What cannot be read contributes nothing.
     static SecretText mergedText(const std::vector<Source>& sources);
-
-    /// Key log text of the secrets inside the opened capture, in place of any that was set before.
-    static void setEmbeddedSecrets(SecretText text);
 
     /// Reads a file and says what is the matter with it. Lines are counted by the registered decryption probes; without
     /// one, none are.

@@ -15,6 +15,8 @@ namespace sealscope SEALSCOPE_API {
 
 class VELPluginPreferencesProtocol;
 struct VELPrincipalClass;
+struct VELStreamInterpreting;
+struct StreamExportFormat;
 
 /// Names of binding options, the keys of a column's option dictionaries.
 namespace VELBindingOption {
@@ -64,7 +66,10 @@ struct VELPlugInStructure {
     std::string plugInAuthor;
     const VELPrincipalClass* plugInPrincipalClass = nullptr;
     VELPluginPreferencesProtocol* plugInPreferencesInstance = nullptr;  ///< lives as long as the plug-in
-    const VELAnalyzerClass* plugInAnalyzerClass = nullptr;
+    const VELAnalyzerClass* plugInAnalyzerClass = nullptr;  ///< null for a plug-in that looks at streams alone
+    /// Beside the one that the analyzer class may carry.
+    std::vector<const VELStreamInterpreting*> plugInStreamInterpreters;
+    std::vector<const StreamExportFormat*> plugInExportFormats;
     std::vector<VELPlugInAnalyzerAttribute> plugInAnalyzerAttributes;
     std::vector<VELPlugInNetworkProtocol> plugInTargetProtocols;
     std::vector<VELPlugInColumn> plugInColumnKeyBindings;

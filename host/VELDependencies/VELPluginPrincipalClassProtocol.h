@@ -32,7 +32,7 @@ struct VELPrincipalClass {
 
 /// Version of the contract that a bundle was built against. It changes whenever a record or protocol of `host/` or
 /// `platform/` changes its layout or meaning; a bundle of another version is refused by name.
-inline constexpr int velContractVersion = 1;
+inline constexpr int velContractVersion = 2;
 
 /// What a bundle's loadable module exports under the symbol `velBundleEntry`.
 struct VELBundleEntry {

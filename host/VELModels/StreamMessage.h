@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "host/VELDependencies/VELValue.h"
+#include "host/VELModels/StreamBody.h"
 #include "host/VELModels/TCPSegment.h"
 #include "platform/Data.h"
 #include "platform/UUID.h"
@@ -8,6 +10,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace sealscope SEALSCOPE_API {
@@ -34,31 +37,33 @@ struct StreamBodyHint {
     bool operator==(const StreamBodyHint&) const = default;
 };
 
-/// One row of the stream view.
-class StreamMessage {
-public:
-    StreamMessage(TCPSegment::Direction messageDirection, StreamMessageKind messageKind, std::string messageSummary,
-                  std::vector<DetailRow> messageDetail, std::optional<Data> messageBody, std::optional<StreamBodyHint> messageBodyHint,
-                  std::optional<ByteRange> messageByteRange, std::vector<std::int64_t> messagePacketIds, double messageTimestamp,
-                  std::optional<std::string> messageFilename, bool messageIsDecrypted)
-        : id(UUID::random()), direction(messageDirection), kind(messageKind), summary(std::move(messageSummary)),
-          detail(std::move(messageDetail)), body(std::move(messageBody)), bodyHint(messageBodyHint), byteRange(messageByteRange),
-          packetIds(std::move(messagePacketIds)), timestamp(messageTimestamp), filename(std::move(messageFilename)),
-          isDecrypted(messageIsDecrypted)
-    {}
+/// What a message carries for machines, by key, as a packet's attributes do: "method", "url", "status".
+struct StreamAttribute {
+    std::string key;
+    VELValue value;
+    bool operator==(const StreamAttribute&) const = default;
+};
 
-    UUID id;  ///< made with the message and kept by its copies
-    TCPSegment::Direction direction;
-    StreamMessageKind kind;
+/// One row of the stream view; made with the names of what it has, as in `StreamMessage{.direction = …, .summary = …}`.
+struct StreamMessage {
+    UUID id = UUID::random();  ///< made with the message and kept by its copies
+    TCPSegment::Direction direction = TCPSegment::Direction::clientToServer;
+    StreamMessageKind kind = StreamMessageKind::data;
     std::string summary;
-    std::vector<DetailRow> detail;
-    std::optional<Data> body;
+    std::vector<DetailRow> detail;   ///< for people
+    std::optional<StreamBody> body;  ///< perhaps made only when it is asked for
     std::optional<StreamBodyHint> bodyHint;
     std::optional<ByteRange> byteRange;  ///< of the direction's data; nothing when the message covers none
     std::vector<std::int64_t> packetIds;
-    double timestamp;                     ///< seconds since 1970; 0 when unknown
+    double timestamp = 0;                 ///< seconds since 1970; 0 when unknown
     std::optional<std::string> filename;  ///< suggested for saving the body
-    bool isDecrypted;
+    bool isDecrypted = false;
+    std::vector<StreamAttribute> attributes;  ///< for machines, each key once
+    /// Of the message's last byte, where it is known to differ from `timestamp`.
+    std::optional<double> endTimestamp;
+
+    /// The value under a key, or null.
+    const VELValue* attribute(std::string_view key) const;
 };
 
 enum class PairingStatus : std::uint8_t { matched, unmatched };

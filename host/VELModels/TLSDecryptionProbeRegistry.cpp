@@ -3,24 +3,30 @@
 
 namespace sealscope {
 
-std::optional<TLSDecryptionReport> TLSStreamDecryptionProbing::report(const TCPStream&, bool) const { return std::nullopt; }
+bool TLSDecryptionReport::openedEverything() const
+{
+    const auto isWhole = [](const TLSDirectionReport& direction) {
+        using enum TLSDirectionReport::Stop;
+        return (direction.stop == endOfData || direction.stop == nothingProtected) && direction.skippedRecords == 0;
+    };
+    return isWhole(client) && isWhole(server);
+}
 
-std::unique_ptr<PlaintextReader> TLSStreamDecryptionProbing::plaintextReader(const TCPStream&, TCPSegment::Direction) const
+std::shared_ptr<const TLSStreamDecryptionProbing> TLSStreamDecryptionProbing::withSecrets(std::shared_ptr<const KeyLogSources>) const
 {
     return nullptr;
 }
 
-bool TLSStreamDecryptionProbing::openPlaintext(const TCPStream& stream, PlaintextSink& sink) const
+std::optional<TLSDecryptionReport> TLSStreamDecryptionProbing::report(const TCPStream&, ReportDepth) const { return std::nullopt; }
+
+std::optional<StreamInterpretation> TLSStreamDecryptionProbing::decryptedInterpretation(const TCPStream&, const StreamContext&) const
 {
-    bool anything = false;
-    for (const auto direction : {TCPSegment::Direction::clientToServer, TCPSegment::Direction::serverToClient}) {
-        const auto reader = plaintextReader(stream, direction);
-        while (const auto record = reader ? reader->next() : std::nullopt) {
-            anything = true;
-            if (!sink.plaintext(direction, record->plaintext, record->body)) break;
-        }
-    }
-    return anything;
+    return std::nullopt;
+}
+
+std::unique_ptr<PlaintextReader> TLSStreamDecryptionProbing::plaintextReader(const TCPStream&, TCPSegment::Direction) const
+{
+    return nullptr;
 }
 
 TLSKeyMaterialReport TLSStreamDecryptionProbing::keyMaterial() const { return {}; }

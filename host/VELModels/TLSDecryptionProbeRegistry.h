@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "host/VELCommonTools/KeyLogSources.h"
+#include "host/VELModels/StreamContext.h"
 #include "host/VELModels/TCPStream.h"
 #include "platform/SecretMemory.h"
 
@@ -59,6 +61,7 @@ struct TLSDirectionReport {
     std::int64_t openedRecords = 0;
     std::int64_t skippedRecords = 0;      ///< did not open, while later ones did
     std::int64_t plaintextBytes = 0;      ///< of application data
+    std::vector<ByteRange> gaps;          ///< of the direction's data that were stepped over, by a probe that goes on behind them
     std::optional<TLSAlertReport> alert;  ///< the first that the direction holds in the clear; looked for where no data opens
     bool operator==(const TLSDirectionReport&) const = default;
 };
@@ -84,15 +87,6 @@ public:
     virtual std::optional<PlaintextRecord> next(std::span<std::uint8_t> room) = 0;
     /// How far the direction opened; asked after the last record. Nothing when the reader does not know.
     virtual std::optional<TLSDirectionReport> report() { return std::nullopt; }
-};
-
-/// Takes the plaintext of a stream as it opens.
-class PlaintextSink {
-public:
-    virtual ~PlaintextSink() = default;
-    /// One record of a direction, in stream order. The bytes are lent for the call. `record` is the byte range of the
-    /// record's body in the captured direction. False ends the direction.
-    virtual bool plaintext(TCPSegment::Direction direction, DataView bytes, ByteRange record) = 0;
 };
 
 /// A key log label, and the length of its secret where a key log has one for the connection.
@@ -128,6 +122,11 @@ struct TLSDecryptionReport {
     std::vector<std::string> otherLabels;
     TLSDirectionReport client;
     TLSDirectionReport server;
+
+    /// Bytes of application data that opened, in both directions.
+    std::int64_t plaintextBytes() const { return client.plaintextBytes + server.plaintextBytes; }
+    /// Whether both directions opened to their ends, so that no other probe can open more.
+    bool openedEverything() const;
 };
 
 /// What the secrets at hand amount to.
@@ -146,6 +145,15 @@ struct TLSKeyLogLineCount {
     bool operator==(const TLSKeyLogLineCount&) const = default;
 };
 
+/// How far a probe goes: what the TLS plug-in is specified to open, or whatever the secrets at hand can open.
+enum class DecryptionReach : std::uint8_t { strict, full };
+
+/// How much of a stream is opened for a report.
+enum class ReportDepth : std::uint8_t {
+    hellos,  ///< nothing; what the hellos and the key log say
+    opened,  ///< both directions to their ends, counted
+};
+
 /// Answers whether a stream decrypts. Any thread may ask.
 class TLSStreamDecryptionProbing {
 public:
@@ -154,12 +162,19 @@ public:
 
     // What a probe may offer beyond the answer itself.
 
-    /// The facts behind the answer. `walk` opens both directions to their ends and counts.
-    virtual std::optional<TLSDecryptionReport> report(const TCPStream& stream, bool walk) const;
+    /// What programs call it, where they say which probe answered.
+    virtual std::string_view name() const { return "TLS"; }
+    virtual DecryptionReach reach() const { return DecryptionReach::strict; }
+    /// The same probe with the secrets of one session in place of those of the process; null for a probe that has no use for
+    /// key logs, and is then asked as it is.
+    virtual std::shared_ptr<const TLSStreamDecryptionProbing> withSecrets(std::shared_ptr<const KeyLogSources> secrets) const;
+    /// The facts behind the answer.
+    virtual std::optional<TLSDecryptionReport> report(const TCPStream& stream, ReportDepth depth) const;
+    /// The messages of the plaintext: those of the interpreter that `context.host` finds for it, or else the bytes of each
+    /// direction as one message, all marked as decrypted. Nothing when the stream does not open.
+    virtual std::optional<StreamInterpretation> decryptedInterpretation(const TCPStream& stream, const StreamContext& context) const;
     /// Null when the direction lacks secrets, or cannot be opened at all.
     virtual std::unique_ptr<PlaintextReader> plaintextReader(const TCPStream& stream, TCPSegment::Direction direction) const;
-    /// Opens the stream, first the client's direction, and hands its plaintext over; false when nothing opened.
-    bool openPlaintext(const TCPStream& stream, PlaintextSink& sink) const;
     virtual TLSKeyMaterialReport keyMaterial() const;
     /// Whether any secret is there for a client random (32 bytes).
     virtual bool hasSecrets(DataView clientRandom) const;

@@ -14,10 +14,11 @@ class VELPlugInsController {
 public:
     static VELPlugInsController& sharedManager();
 
-    /// Registers a plug-in, or replaces what the same bundle and principal class registered before. Lists its analyzer
-    /// class in `VELStreamInterpreterRegistry` when it interprets streams. False when the description names no analyzer.
+    /// Registers a plug-in, or replaces what the same bundle and principal class registered before. Lists what it has to
+    /// interpret streams with in `VELStreamInterpreterRegistry`: its analyzer class first, where that does. False when the
+    /// description offers nothing: no analyzer, no interpreter and no format.
     bool registerVELPlugIn(VELPlugInStructure plugIn, const Bundle& forBundle);
-    /// Takes a description out again by its id, and its analyzer class out of the list of interpreters.
+    /// Takes a description out again by its id, and its interpreters out of their list.
     void unregisterVELPlugIn(const UUID& id);
 
     struct Registration {
@@ -26,6 +27,8 @@ public:
     };
     /// What is registered at this moment, in order of registration.
     std::vector<Registration> plugIns() const;
+    /// The formats of all of them, in the same order.
+    std::vector<const StreamExportFormat*> exportFormats() const;
 
     VELPlugInsController(const VELPlugInsController&) = delete;
     VELPlugInsController& operator=(const VELPlugInsController&) = delete;

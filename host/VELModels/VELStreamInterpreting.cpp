@@ -30,9 +30,10 @@ std::vector<const VELStreamInterpreting*> VELStreamInterpreterRegistry::snapshot
 }
 
 const VELStreamInterpreting* VELStreamInterpreter::firstInterpreter(const TCPStream& stream,
-                                                                    const std::vector<const VELStreamInterpreting*>& among)
+                                                                    const std::vector<const VELStreamInterpreting*>& among,
+                                                                    const StreamContext& context)
 {
-    const auto found = std::ranges::find_if(among, [&](const VELStreamInterpreting* type) { return type->canInterpret(stream); });
+    const auto found = std::ranges::find_if(among, [&](const VELStreamInterpreting* type) { return type->canInterpret(stream, context); });
     return found == among.end() ? nullptr : *found;
 }
 

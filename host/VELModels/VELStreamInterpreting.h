@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "host/VELModels/StreamContext.h"
 #include "host/VELModels/StreamMessage.h"
 #include "host/VELModels/TCPStream.h"
 
 #include <concepts>
+#include <cstdint>
 #include <mutex>
 #include <string_view>
 #include <vector>
@@ -19,16 +21,61 @@ concept StreamInterpreterType = requires(const TCPStream& stream) {
     { Type::interpret(stream) } -> std::same_as<StreamInterpretation>;
 };
 
+/// The same of a type that wants to know more of a stream than its bytes.
+template <class Type>
+concept StreamInterpreterTypeInContext = requires(const TCPStream& stream, const StreamContext& context) {
+    { Type::streamDisplayName } -> std::convertible_to<std::string_view>;
+    { Type::canInterpret(stream, context) } -> std::same_as<bool>;
+    { Type::interpret(stream, context) } -> std::same_as<StreamInterpretation>;
+};
+
+/// What an interpreter's streams are: what programs say to each other, or the protection around it. Decryption probes are
+/// asked about streams that an interpreter of a security layer accepts.
+enum class StreamLayer : std::uint8_t { application, security };
+
 /// An interpreter type as a value. There is one for each type; its address is the type's identity.
 struct VELStreamInterpreting {
     std::string_view streamDisplayName;
-    bool (*canInterpret)(const TCPStream& stream) = nullptr;
-    StreamInterpretation (*interpret)(const TCPStream& stream) = nullptr;
+    StreamLayer layer = StreamLayer::application;
+    bool (*canInterpretInContext)(const TCPStream& stream, const StreamContext& context) = nullptr;
+    StreamInterpretation (*interpretInContext)(const TCPStream& stream, const StreamContext& context) = nullptr;
 
-    template <StreamInterpreterType Type> static const VELStreamInterpreting* type()
+    bool canInterpret(const TCPStream& stream, const StreamContext& context = {}) const { return canInterpretInContext(stream, context); }
+    StreamInterpretation interpret(const TCPStream& stream, const StreamContext& context = {}) const
     {
-        static constexpr VELStreamInterpreting descriptor{Type::streamDisplayName, &Type::canInterpret, &Type::interpret};
+        return interpretInContext(stream, context);
+    }
+
+    /// `Type::streamLayer` says the layer; a type without it is of the application layer.
+    template <class Type>
+        requires StreamInterpreterType<Type> || StreamInterpreterTypeInContext<Type>
+    static const VELStreamInterpreting* type()
+    {
+        static constexpr VELStreamInterpreting descriptor{
+            .streamDisplayName = Type::streamDisplayName,
+            .layer = layerOf<Type>(),
+            .canInterpretInContext = [](const TCPStream& stream, const StreamContext& context) {
+                if constexpr (StreamInterpreterTypeInContext<Type>)
+                    return Type::canInterpret(stream, context);
+                else
+                    return static_cast<void>(context), Type::canInterpret(stream);
+            },
+            .interpretInContext = [](const TCPStream& stream, const StreamContext& context) {
+                if constexpr (StreamInterpreterTypeInContext<Type>)
+                    return Type::interpret(stream, context);
+                else
+                    return static_cast<void>(context), Type::interpret(stream);
+            }};
         return &descriptor;
+    }
+
+private:
+    template <class Type> static constexpr StreamLayer layerOf()
+    {
+        if constexpr (requires { Type::streamLayer; })
+            return Type::streamLayer;
+        else
+            return StreamLayer::application;
     }
 };
 
@@ -54,7 +101,8 @@ private:
 struct VELStreamInterpreter {
     VELStreamInterpreter() = delete;
     /// The first of the types that accepts the stream, or null.
-    static const VELStreamInterpreting* firstInterpreter(const TCPStream& stream, const std::vector<const VELStreamInterpreting*>& among);
+    static const VELStreamInterpreting* firstInterpreter(const TCPStream& stream, const std::vector<const VELStreamInterpreting*>& among,
+                                                         const StreamContext& context = {});
 };
 
 }  // namespace sealscope SEALSCOPE_API

@@ -108,7 +108,7 @@ TEST(TLSDecryptionProbe, GivesItsVerdict)
     for (const auto& [name, session, keyLog, expected] : cases) {
         const WithKeyLog secrets(keyLog);
         EXPECT_EQ(TLSDecryptionProbe().probe(vectorStream(session.flights)), expected) << name;
-        EXPECT_EQ(TLSDecryptionProbe().report(vectorStream(session.flights), true)->outcome, expected) << name << ", reported";
+        EXPECT_EQ(TLSDecryptionProbe().report(vectorStream(session.flights), ReportDepth::opened)->outcome, expected) << name << ", reported";
     }
     const WithKeyLog secrets(v13.keyLog);
     EXPECT_EQ(TLSDecryptionProbe().probe(vectorStream({}, v13.wire(server))), noHandshake);
@@ -261,7 +261,7 @@ TEST(TLSDecryptionProbe, ReadsPlaintextRecordByRecord)
     }
     EXPECT_EQ(texts, (std::vector<std::string>{"one", "three"}));
     EXPECT_FALSE(reader->next());
-    EXPECT_EQ(reader->report(), probe.report(vectorStream(session.flights), true)->client) << "and knows how far it came";
+    EXPECT_EQ(reader->report(), probe.report(vectorStream(session.flights), ReportDepth::opened)->client) << "and knows how far it came";
     EXPECT_EQ(reader->report()->stop, TLSDirectionReport::Stop::keyUpdate);
 
     // Opened where the caller wants it, one behind another.
@@ -324,7 +324,7 @@ TEST(TLSDecryptionProbe, TellsWhatTheKeyLogHolds)
 TLSDecryptionReport reportOf(const TCPStream& stream, const std::string& keyLog)
 {
     const WithKeyLog secrets(keyLog);
-    return *TLSDecryptionProbe().report(stream, true);
+    return *TLSDecryptionProbe().report(stream, ReportDepth::opened);
 }
 
 TEST(TLSDecryptionProbe, ReportsTheConnection)
@@ -536,7 +536,7 @@ TEST(TLSDecryptionProbe, ReportsWithoutAWalkWhatTheHellosSay)
 {
     const TLSSession session = runTLS(tls13, {serverSends("s")});
     const WithKeyLog secrets(session.keyLog);
-    const auto report = TLSDecryptionProbe().report(vectorStream(session.flights), false);
+    const auto report = TLSDecryptionProbe().report(vectorStream(session.flights), ReportDepth::hellos);
     ASSERT_TRUE(report);
     EXPECT_EQ(report->versionName, "TLS 1.3");
     EXPECT_EQ(report->client, TLSDirectionReport{});

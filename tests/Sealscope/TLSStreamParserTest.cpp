@@ -235,8 +235,7 @@ TEST(TLSStreamParser, OrdersBothDirectionsAndPairsTheHellos)
 TEST(TLSStreamParser, CarriesPairingsFromListToList)
 {
     const auto makeMessage = [](const char* summary) {
-        return StreamMessage(client, StreamMessageKind::data, summary, {}, std::nullopt, std::nullopt, std::nullopt, {}, 0, std::nullopt,
-                             false);
+        return StreamMessage{.direction = client, .summary = summary};
     };
     const std::vector<StreamMessage> from{makeMessage("a"), makeMessage("b"), makeMessage("c"), makeMessage("d")};
     const std::vector<StreamMessage> into{makeMessage("x"), from[3], from[1], from[1]};

@@ -2,10 +2,11 @@
 #pragma once
 
 #include "harness/TempDirectory.h"
-#include "host/VELCommonTools/KeylogUserFile.h"
-#include "host/VELCommonTools/MergedKeylog.h"
 
 #include <cstdlib>
+#include <filesystem>
+#include <fmt/format.h>
+#include <fstream>
 #include <string_view>
 
 namespace sealscope {
@@ -26,17 +27,27 @@ private:
     TempDirectory directory_;
 };
 
-/// As long as it lives, these are all the secrets there are.
+/// As long as it lives, these are all the secrets there are: the key log of the environment.
 class WithKeyLog {
 public:
     explicit WithKeyLog(std::string_view text)
     {
         static const NoKeyLogs noOthers;
-        MergedKeylog::setEmbeddedSecrets(SecretText(text));
+        static int count = 0;
+        file_ = noOthers.directory().file(fmt::format("keys-{}", count++));  // another name, so that no stamp is mistaken
+        std::ofstream(file_, std::ios::binary) << text;
+        setenv("SSLKEYLOGFILE", file_.c_str(), 1);
     }
-    ~WithKeyLog() { MergedKeylog::setEmbeddedSecrets({}); }
+    ~WithKeyLog()
+    {
+        unsetenv("SSLKEYLOGFILE");
+        std::filesystem::remove(file_);
+    }
     WithKeyLog(const WithKeyLog&) = delete;
     WithKeyLog& operator=(const WithKeyLog&) = delete;
+
+private:
+    std::filesystem::path file_;
 };
 
 }  // namespace sealscope

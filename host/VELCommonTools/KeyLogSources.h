@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "host/VELCommonTools/MergedKeylog.h"
+#include "platform/SecretMemory.h"
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace sealscope SEALSCOPE_API {
+
+/// Where the secrets of one session come from: what its capture carries, the managed key log, and the files named for it, or else
+/// the user's. Belongs to no process-wide state, so that two sessions never share a secret. Any thread may ask.
+class KeyLogSources {
+public:
+    /// `files` take the place of the file that the user chose and of `SSLKEYLOGFILE`; later sources win.
+    KeyLogSources(SecretText embedded, std::vector<std::string> files);
+
+    /// Counts the states of the sources: another number says that what they hold may have changed. A file is looked at twice a
+    /// second at the most, so asking costs next to nothing.
+    std::uint64_t generation() const;
+    /// The sources' bytes one behind another, each source's lines whole. What cannot be read contributes nothing.
+    SecretText text() const;
+    /// The files among them, in the order of their texts.
+    std::vector<MergedKeylog::Source> files() const;
+    bool hasEmbeddedSecrets() const { return !embedded_.empty(); }
+
+    KeyLogSources(const KeyLogSources&) = delete;
+    KeyLogSources& operator=(const KeyLogSources&) = delete;
+
+private:
+    const SecretText embedded_;
+    const std::vector<std::string> named_;
+    mutable std::atomic<std::int64_t> nextLook_ = 0;  ///< on the steady clock, in nanoseconds
+    mutable std::atomic<std::uint64_t> generation_ = 0;
+    mutable std::mutex mutex_;  ///< guards signature_
+    mutable std::vector<MergedKeylog::SourceStamp> signature_;
+};
+
+}  // namespace sealscope SEALSCOPE_API

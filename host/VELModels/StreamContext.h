@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "host/VELModels/StreamMessage.h"
+#include "host/VELModels/TCPStream.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace sealscope SEALSCOPE_API {
+
+class StreamHost;
+
+/// What is known of a stream when it is offered to an interpreter, and how to go on with what it carries.
+struct StreamContext {
+    /// Streams inside streams end here: TLS in a tunnel in TLS … makes no end of it otherwise.
+    static constexpr int deepest = 8;
+
+    bool isDecrypted = false;
+    std::optional<std::string> applicationProtocol;  ///< negotiated by TLS (RFC 7301): "h2", "http/1.1"
+    std::optional<std::string> serverName;           ///< that the client named (RFC 6066 §3)
+    int depth = 0;                                   ///< streams that this one is carried in
+    /// A body that decodes to more bytes than this ends there, and says so.
+    std::int64_t largestDecodedBody = std::int64_t{1} << 30;
+    /// What the application does for the session that the stream belongs to; null outside of one.
+    const StreamHost* host = nullptr;
+};
+
+/// What an interpreter may ask of the application about a stream in hand. Any thread may ask.
+class StreamHost {
+public:
+    virtual ~StreamHost() = default;
+
+    /// What the session's interpreters make of the bytes that a stream carries under encryption: opened by the probe of the
+    /// session that opens most. Nothing when it does not open.
+    virtual std::optional<StreamInterpretation> decryptedInterpretation(const TCPStream& stream, const StreamContext& context) const = 0;
+
+    /// What they make of a stream that another one carries, such as the plaintext of a TLS stream or the inside of a tunnel.
+    /// `context` says what is known of the inner stream, its depth included. Nothing when no interpreter accepts it, or
+    /// when it lies too deep.
+    virtual std::optional<StreamInterpretation> carriedInterpretation(const TCPStream& stream, const StreamContext& context) const = 0;
+};
+
+}  // namespace sealscope SEALSCOPE_API
