@@ -109,6 +109,7 @@ StreamContext contextOf(const TCPStream& stream, const StreamContext& outer)
 {
     StreamContext context = outer;
     context.isDecrypted = true;
+    context.notOfferedTo = StreamLayer::security;
     ++context.depth;
     const auto clientHello = TLSStreamDecryption::firstClientHello(stream.clientToServerData);
     context.serverName = clientHello ? clientHello->serverName : std::nullopt;

@@ -2,7 +2,7 @@
 #include "app/cli/CaptureReading.h"
 
 #include "app/cli/Interrupt.h"
-#include "app/cli/Messages.h"
+#include "app/cli/text/Messages.h"
 
 #include <fmt/format.h>
 

@@ -3,7 +3,7 @@
 
 #include "app/capture/Capture.h"
 #include "app/capture/PacketDecoder.h"
-#include "app/cli/Command.h"
+#include "app/cli/commands/Command.h"
 
 #include <memory>
 #include <vector>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/cli/CommandLine.h"
 
-#include "app/cli/Command.h"
+#include "app/cli/commands/Command.h"
 
 #include <algorithm>
 #include <charconv>
@@ -23,6 +23,7 @@ constexpr OptionSpec specs[] = {
     {Option::hex, 0, "hex", "", "show the bytes of each field"},
     {Option::stream, 0, "stream", "I", "only stream I, counted from 0; may be given again"},
     {Option::noInterpreters, 0, "no-interpreters", "", "show decrypted bytes as they are, to no further interpreter"},
+    {Option::reach, 0, "reach", "HOW", "how far decryption goes: full (the default) or strict, the TLS plug-in alone"},
     {Option::output, 'o', "output", "DIR", "write the plaintext of each direction to a file in DIR"},
     {Option::pcap, 0, "pcap", "OUT", "write the plaintext as a capture without TLS"},
     {Option::injectSecrets, 0, "inject-secrets", "OUT", "write the capture again, as pcapng with its secrets inside"},
@@ -89,19 +90,27 @@ std::string enter(Options& options, const OptionSpec& spec, std::string_view arg
         if (const auto count = number(1))
             options.count = *count;
         else
-            return refuse("is no number of packets from 1 on");
+            return refuse("expected a whole number, 1 or more");
         break;
     case Option::packet:
-        if (!(options.packet = number(1))) return refuse("is no packet number; packets are numbered from 1");
+        if (!(options.packet = number(1))) return refuse("expected a packet number, 1 or more");
         break;
     case Option::hex: options.hex = true; break;
     case Option::stream:
         if (const auto stream = number(0))
             options.streams.push_back(*stream);
         else
-            return refuse("is no stream number; streams are numbered from 0");
+            return refuse("expected a stream number, 0 or more");
         break;
     case Option::noInterpreters: options.noInterpreters = true; break;
+    case Option::reach:
+        if (argument == "full")
+            options.reach = DecryptionReach::full;
+        else if (argument == "strict")
+            options.reach = DecryptionReach::strict;
+        else
+            return refuse("expected full or strict");
+        break;
     case Option::output: options.output = argument; break;
     case Option::pcap: options.pcap = argument; break;
     case Option::injectSecrets: options.injectSecrets = argument; break;
@@ -118,7 +127,7 @@ std::string enter(Options& options, const OptionSpec& spec, std::string_view arg
         else if (argument == "never")
             options.color = ColorChoice::never;
         else
-            return refuse("is none of auto, always and never");
+            return refuse("expected auto, always or never");
         break;
     case Option::quiet: options.quiet = true; break;
     case Option::version: options.version = true; break;
@@ -167,7 +176,7 @@ std::expected<const Command*, std::string> commandFor(std::string_view word)
     for (const Command* command : commands()) names.push_back(command->name);
     const std::string_view near = nearestMatch(word, names);
     if (near.empty()) return nullptr;
-    return std::unexpected(fmt::format("'{}' is neither a command nor a file; did you mean '{}'?", word, near));
+    return std::unexpected(fmt::format("'{}' is not a command or a file; did you mean '{}'?", word, near));
 }
 
 /// Reads a command line word by word. Of several problems the first is told, and none stands in the way of help.

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "app/cli/Terminal.h"
+#include "app/cli/text/Terminal.h"
+#include "host/VELModels/TLSDecryptionProbeRegistry.h"
 
 #include <cstdint>
 #include <expected>
@@ -26,6 +27,7 @@ enum class Option : std::uint8_t {
     hex,
     stream,
     noInterpreters,
+    reach,
     output,
     pcap,
     injectSecrets,
@@ -55,8 +57,8 @@ public:
     }
 
 private:
-    static constexpr std::uint32_t bit(Option option) { return std::uint32_t{1} << static_cast<unsigned>(option); }
-    std::uint32_t bits_ = 0;
+    static constexpr std::uint64_t bit(Option option) { return std::uint64_t{1} << static_cast<unsigned>(option); }
+    std::uint64_t bits_ = 0;
 };
 
 /// How an option is written, and what it does.
@@ -81,6 +83,7 @@ struct Options {
     bool hex = false;
     std::vector<std::int64_t> streams;  ///< empty for all
     bool noInterpreters = false;
+    DecryptionReach reach = DecryptionReach::full;
     std::string output;
     std::string pcap;
     std::string injectSecrets;

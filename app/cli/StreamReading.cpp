@@ -3,9 +3,10 @@
 
 #include "app/cli/CaptureReading.h"
 #include "app/cli/Interrupt.h"
-#include "app/cli/Messages.h"
+#include "app/cli/text/Messages.h"
 #include "app/cli/Progress.h"
-#include "app/cli/Secrets.h"
+#include "app/records/VerdictSentence.h"
+#include "app/verdict/StreamVerdict.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -13,21 +14,39 @@
 
 namespace sealscope::cli {
 
+namespace {
+
+/// Says which of the key logs of the command line give nothing.
+ExitStatus complainAboutKeyLogs(const std::vector<std::string>& files)
+{
+    ExitStatus status = done;
+    for (const std::string& file : files) {
+        const auto problem = keyLogProblem(file);
+        if (!problem) continue;
+        complain(fmt::format("--keylog {}", problemText(*problem)));
+        if (problem->isUnreadable()) status = failed;
+    }
+    return status;
+}
+
+}  // namespace
+
 std::unique_ptr<Session> openSession(const CommandContext& context, ExitStatus& status)
 {
+    const Options& options = context.options;
     catchInterrupts();
     std::unique_ptr<Session> session;
     {
-        Progress progress("reading", !context.options.quiet);
-        auto opened = Session::open({.files = context.options.arguments,
-                                     .filter = context.options.filter,
-                                     .maximumPackets = context.options.count,
-                                     .keepsEveryBlock = !context.options.injectSecrets.empty() || !context.options.stripSecrets.empty(),
-                                     .stop = interruption(),
-                                     .progress = [&](std::int64_t done, std::int64_t total) {
-                                         progress.show(done, total);
-                                         return !isInterrupted();
-                                     }});
+        Progress progress("reading", !options.quiet);
+        auto opened = Session::open({.files = options.arguments,
+                                     .filter = options.filter,
+                                     .maximumPackets = options.count,
+                                     .keepsEveryBlock = !options.injectSecrets.empty() || !options.stripSecrets.empty(),
+                                     .keyLogs = options.keylogs,
+                                     .plugIns = {.reach = options.reach,
+                                                 .carried = options.noInterpreters ? CarriedStreams::shownAsBytes : CarriedStreams::interpreted},
+                                     .progress = [&](std::int64_t done, std::int64_t total) { progress.show(done, total); },
+                                     .stop = interruption()});
         if (!opened) {
             status = complainAbout(opened.error());
             return nullptr;
@@ -36,7 +55,7 @@ std::unique_ptr<Session> openSession(const CommandContext& context, ExitStatus& 
     }
     // What was indexed is printed all the same; a further Ctrl-C then ends the printing.
     if (isInterrupted()) catchInterrupts();
-    status = std::max(status, useSecrets(context.options.keylogs, session->embeddedKeyLog()));
+    status = std::max(status, complainAboutKeyLogs(options.keylogs));
     return session;
 }
 
@@ -67,17 +86,9 @@ std::vector<std::int64_t> wantedStreams(const CommandContext& context, const Ses
 
 ExitStatus complainAboutDamage(const CommandContext& context, const Session& session, ExitStatus status)
 {
-    const ExitStatus damage = complainAboutDamage(context, session.errors(), session.notes(), session.packetCount());
+    status = std::max(status, complainAboutDamage(context, session.errors(), session.notes(), session.packetCount()));
     for (const CaptureError& lost : session.capture().lostFiles()) status = std::max(status, complainAbout(lost));
-    return std::max(status, damage);
-}
-
-const VELStreamInterpreting* tlsInterpreter()
-{
-    // Its display name is how the contract tells this interpreter from the others.
-    const auto interpreters = VELStreamInterpreterRegistry::shared().snapshot();
-    const auto found = std::ranges::find(interpreters, std::string_view("TLS"), &VELStreamInterpreting::streamDisplayName);
-    return found == interpreters.end() ? nullptr : *found;
+    return status;
 }
 
 }  // namespace sealscope::cli

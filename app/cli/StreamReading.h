@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "app/cli/Command.h"
+#include "app/cli/commands/Command.h"
 #include "app/session/Session.h"
-#include "host/VELModels/VELStreamInterpreting.h"
 
 #include <cstdint>
 #include <memory>
@@ -21,8 +20,5 @@ std::vector<std::int64_t> wantedStreams(const CommandContext& context, const Ses
 
 /// Says what of the capture was not read, after the rest has been printed. The worse of both statuses is given.
 ExitStatus complainAboutDamage(const CommandContext& context, const Session& session, ExitStatus status);
-
-/// The interpreter that streams must be accepted by for a decryption probe to be asked; null when no plug-in brings it.
-const VELStreamInterpreting* tlsInterpreter();
 
 }  // namespace sealscope::cli

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "app/cli/Commands.h"
-#include "app/cli/Help.h"
-#include "app/cli/Messages.h"
+#include "app/cli/commands/Commands.h"
+#include "app/cli/text/Help.h"
+#include "app/cli/text/Messages.h"
 #include "app/plugins/PlugInLoader.h"
 #include "platform/UserDefaults.h"
 

@@ -21,7 +21,7 @@ class Session::Implementation {
 public:
     explicit Implementation(std::shared_ptr<Capture> capture) : capture_(std::move(capture)) {}
 
-    void index(const std::function<bool(std::int64_t, std::int64_t)>& progress)
+    void index(const SessionOptions& options)
     {
         const auto connections = std::make_shared<ConnectionIndex>();
         PacketDecoder decoder(capture_.get());
@@ -30,21 +30,22 @@ public:
         while (capture_->next(packet)) {
             ++packetCount;
             if (decoder.decode(packet, segment)) connections->add(segment, packet.number, packet.time.value());
-            if (progress && packetCount % packetsPerProgress == 0 && !progress(capture_->bytesRead(), capture_->bytesTotal())) {
-                wasInterrupted = true;
-                break;
-            }
+            if (packetCount % packetsPerProgress != 0) continue;
+            if (options.stop.stop_requested()) break;
+            if (options.progress) options.progress(capture_->bytesRead(), capture_->bytesTotal());
         }
         notes = decoder.notes();
         errors = capture_->errors();
-        embeddedKeyLog = capture_->takeEmbeddedKeyLog();
         settleClients(capture_, connections);
         connections_ = connections;
         measured_ = std::make_unique<Measured[]>(static_cast<std::size_t>(connections_->size()));
+        const auto secrets = std::make_shared<const KeyLogSources>(capture_->takeEmbeddedKeyLog(), options.keyLogs);
+        plugIns_ = std::make_unique<const SessionPlugIns>(secrets, options.plugIns);
     }
 
     const Capture& capture() const { return *capture_; }
     const ConnectionIndex& connections() const { return *connections_; }
+    const SessionPlugIns& plugIns() const { return *plugIns_; }
 
     /// Leaves the stream's measures behind, which most callers ask for next.
     TCPStream stream(std::int64_t number) const
@@ -75,10 +76,8 @@ public:
     }
 
     std::int64_t packetCount = 0;
-    bool wasInterrupted = false;
     DecoderNotes notes;
     std::vector<CaptureError> errors;
-    SecretText embeddedKeyLog;
 
 private:
     struct Measured {
@@ -91,6 +90,7 @@ private:
     std::shared_ptr<Capture> capture_;
     std::shared_ptr<const ConnectionIndex> connections_;
     std::unique_ptr<Measured[]> measured_;
+    std::unique_ptr<const SessionPlugIns> plugIns_;
     mutable std::array<std::mutex, 64> locks_;  ///< each guards the entries of `measured_` whose number it divides
 };
 
@@ -101,12 +101,12 @@ std::expected<std::unique_ptr<Session>, CaptureError> Session::open(SessionOptio
 {
     auto capture = Capture::open(options.files, {.randomAccess = true,
                                                  .keepsEveryBlock = options.keepsEveryBlock,
-                                                 .filter = std::move(options.filter),
+                                                 .filter = options.filter,
                                                  .maximumPackets = options.maximumPackets,
-                                                 .stop = std::move(options.stop)});
+                                                 .stop = options.stop});
     if (!capture) return std::unexpected(std::move(capture.error()));
     auto implementation = std::make_unique<Implementation>(std::move(*capture));
-    implementation->index(options.progress);
+    implementation->index(options);
     return std::unique_ptr<Session>(new Session(std::move(implementation)));
 }
 
@@ -137,8 +137,7 @@ StreamSummary Session::summary(std::int64_t stream) const
 TCPStream Session::stream(std::int64_t stream) const { return implementation_->stream(stream); }
 const std::vector<CaptureError>& Session::errors() const { return implementation_->errors; }
 const DecoderNotes& Session::notes() const { return implementation_->notes; }
-bool Session::wasInterrupted() const { return implementation_->wasInterrupted; }
-const SecretText& Session::embeddedKeyLog() const { return implementation_->embeddedKeyLog; }
+const SessionPlugIns& Session::plugIns() const { return implementation_->plugIns(); }
 const Capture& Session::capture() const { return implementation_->capture(); }
 
 }  // namespace sealscope

@@ -3,6 +3,7 @@
 
 #include "app/capture/Capture.h"
 #include "app/capture/PacketDecoder.h"
+#include "app/session/SessionPlugIns.h"
 #include "host/VELModels/TCPStream.h"
 
 #include <cstdint>
@@ -21,10 +22,13 @@ struct SessionOptions {
     std::string filter;
     std::int64_t maximumPackets = -1;
     bool keepsEveryBlock = false;  ///< see `CaptureOptions`; for who copies the capture
-    std::stop_token stop;          ///< ends the indexing early, with what was seen
-    /// Called now and then while the capture is indexed, with bytes read and bytes in all (negative when unknown); false
-    /// ends the indexing early with what was seen.
-    std::function<bool(std::int64_t, std::int64_t)> progress;
+    /// Key logs that take the place of the user's.
+    std::vector<std::string> keyLogs;
+    PlugInOptions plugIns;
+    /// Called now and then while the capture is indexed, with bytes read and bytes in all (negative when unknown).
+    std::function<void(std::int64_t, std::int64_t)> progress;
+    /// Ends the indexing early with what was seen.
+    std::stop_token stop;
 };
 
 /// One TCP connection, as far as it is known without its bytes.
@@ -59,12 +63,11 @@ public:
     /// The reassembled connection. Its bytes stay where the capture has them; it may outlive the session.
     TCPStream stream(std::int64_t stream) const;
 
+    /// The plug-ins as this session uses them, with its secrets.
+    const SessionPlugIns& plugIns() const;
+
     const std::vector<CaptureError>& errors() const;
     const DecoderNotes& notes() const;
-    /// True when `progress` ended the indexing early.
-    bool wasInterrupted() const;
-    /// Key log text of the secrets that the capture carries.
-    const SecretText& embeddedKeyLog() const;
     /// The files behind it, read with random access.
     const Capture& capture() const;
 

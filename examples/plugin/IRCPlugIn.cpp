@@ -2,11 +2,10 @@
 //
 // A plug-in for Internet Relay Chat (RFC 1459): an analyzer for packets, an interpreter for streams, and the principal class
 // that describes both to the host. Over TLS it comes in when a stream decrypts, without knowing of TLS.
-#include "host/VELDependencies/VELPluginPrincipalClassProtocol.h"
+#include "host/VELDependencies/VELPlugInBundle.h"
 #include "host/VELModels/VELNode.h"
 #include "host/VELModels/VELPlugInsController.h"
 #include "host/VELModels/VELStreamInterpreting.h"
-#include "platform/Bundle.h"
 #include "platform/UTF8.h"
 
 #include <algorithm>
@@ -17,14 +16,7 @@ namespace {
 
 using namespace sealscope;
 
-const Bundle& bundle()
-{
-    static constexpr char inThisModule = 0;
-    static const Bundle& own = Bundle::containing(&inThisModule);
-    return own;
-}
-
-std::string localized(std::string_view key) { return std::string(bundle().localizedString(key, "LocalizableIRC")); }
+std::string localized(std::string_view key) { return std::string(plugInBundle().localizedString(key, "LocalizableIRC")); }
 
 /// A part of some bytes: where it begins, and its text.
 struct Part {
@@ -165,9 +157,16 @@ struct IRCInterpreter {
                 if (!line.sender.text.empty()) detail.push_back({localized("Sender"), utf8::repaired(DataView(line.sender.text))});
                 const bool isRequest = line.command.text == "PING", isReply = line.command.text == "PONG";
                 const auto kind = isRequest ? StreamMessageKind::request : isReply ? StreamMessageKind::reply : StreamMessageKind::data;
-                result.messages.emplace_back(direction, kind, summary(line), std::move(detail), data.sub(offset, length),
-                                             StreamBodyHint::text(TextEncoding::utf8), range, place.packetIds, place.timestamp.value_or(0),
-                                             std::nullopt, false);
+                result.messages.push_back({.direction = direction,
+                                           .kind = kind,
+                                           .summary = summary(line),
+                                           .detail = std::move(detail),
+                                           .body = StreamBody::lazily(length, [=] { return data.sub(offset, length); }),
+                                           .bodyHint = StreamBodyHint::text(TextEncoding::utf8),
+                                           .byteRange = range,
+                                           .packetIds = place.packetIds,
+                                           .timestamp = place.timestamp.value_or(0),
+                                           .attributes = {{"ircCommand", utf8::repaired(DataView(line.command.text))}}});
             });
         }
         std::ranges::stable_sort(result.messages, {}, &StreamMessage::timestamp);
@@ -204,45 +203,33 @@ const VELAnalyzerClass analyzerClass{
 /// Registers the plug-in when the host creates it.
 class IRCPlugIn final : public VELPluginPrincipalClassProtocol {
 public:
-    static const VELPrincipalClass principalClass;
-
-    static std::optional<std::string> title() { return "IRC"; }
-    static std::optional<std::string> description() { return localized("Chat protocol of RFC 1459"); }
-    static std::optional<std::string> version() { return bundle().infoString("CFBundleShortVersionString"); }
-    static std::optional<std::string> author() { return "The Sealscope developers"; }
+    static constexpr std::string_view principalClassName = "IRCPlugIn";
+    static std::optional<std::string> pluginTitle() { return "IRC"; }
+    static std::optional<std::string> pluginDescription() { return localized("Chat protocol of RFC 1459"); }
+    static std::optional<std::string> pluginVersion() { return plugInBundleVersion(); }
+    static std::optional<std::string> pluginAuthor() { return "The Sealscope developers"; }
 
     IRCPlugIn()
     {
         VELPlugInStructure structure;
         structure.id = UUID::random();
-        structure.plugInTitle = *title();
-        structure.plugInDescription = *description();
-        structure.plugInVersion = version().value_or("0");
-        structure.plugInAuthor = *author();
-        structure.plugInPrincipalClass = &principalClass;
+        structure.plugInTitle = *pluginTitle();
+        structure.plugInDescription = *pluginDescription();
+        structure.plugInVersion = *pluginVersion();
+        structure.plugInAuthor = *pluginAuthor();
+        structure.plugInPrincipalClass = &principalClassOf<IRCPlugIn>;
         structure.plugInAnalyzerClass = &analyzerClass;
         structure.plugInAnalyzerAttributes = {
             {&analyzerClass, localized("IRC Command"), "ircCommand", VELValueType::string, 0, std::numeric_limits<std::uint64_t>::max()}};
         structure.plugInTargetProtocols = {{.id = UUID::random(), .protocolName = "IRC", .protocolPorts = {6667}}};
         structure.plugInColumnKeyBindings = {{.columnTitle = localized("IRC Command"), .keyPath = "ircCommand"}};
-        VELPlugInsController::sharedManager().registerVELPlugIn(std::move(structure), bundle());
+        VELPlugInsController::sharedManager().registerVELPlugIn(std::move(structure), plugInBundle());
     }
-};
-
-constinit const VELPrincipalClass IRCPlugIn::principalClass{
-    .name = "IRCPlugIn",
-    .create = []() -> std::unique_ptr<VELPluginPrincipalClassProtocol> { return std::make_unique<IRCPlugIn>(); },
-    .createWithPlugInsController = [](const std::any&) { return principalClass.create(); },
-    .createWithPlugInManager = [](const std::any&) { return principalClass.create(); },
-    .pluginTitle = &IRCPlugIn::title,
-    .pluginDescription = &IRCPlugIn::description,
-    .pluginVersion = &IRCPlugIn::version,
-    .pluginAuthor = &IRCPlugIn::author,
 };
 
 }  // namespace
 
 extern "C" const VELBundleEntry sealscope::velBundleEntry{
     .contractVersion = velContractVersion,
-    .principalClass = &IRCPlugIn::principalClass,
+    .principalClass = &principalClassOf<IRCPlugIn>,
 };

@@ -12,6 +12,10 @@ namespace sealscope SEALSCOPE_API {
 
 class StreamHost;
 
+/// What an interpreter's streams are: what programs say to each other, or the protection around it. Decryption probes are
+/// asked about streams that an interpreter of a security layer accepts.
+enum class StreamLayer : std::uint8_t { application, security };
+
 /// What is known of a stream when it is offered to an interpreter, and how to go on with what it carries.
 struct StreamContext {
     /// Streams inside streams end here: TLS in a tunnel in TLS … makes no end of it otherwise.
@@ -21,6 +25,9 @@ struct StreamContext {
     std::optional<std::string> applicationProtocol;  ///< negotiated by TLS (RFC 7301): "h2", "http/1.1"
     std::optional<std::string> serverName;           ///< that the client named (RFC 6066 §3)
     int depth = 0;                                   ///< streams that this one is carried in
+    /// Interpreters of this layer are passed over: what was just decrypted is not taken for encrypted bytes again. Nothing for
+    /// what lies in a tunnel.
+    std::optional<StreamLayer> notOfferedTo;
     /// A body that decodes to more bytes than this ends there, and says so.
     std::int64_t largestDecodedBody = std::int64_t{1} << 30;
     /// What the application does for the session that the stream belongs to; null outside of one.

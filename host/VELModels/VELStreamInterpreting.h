@@ -29,10 +29,6 @@ concept StreamInterpreterTypeInContext = requires(const TCPStream& stream, const
     { Type::interpret(stream, context) } -> std::same_as<StreamInterpretation>;
 };
 
-/// What an interpreter's streams are: what programs say to each other, or the protection around it. Decryption probes are
-/// asked about streams that an interpreter of a security layer accepts.
-enum class StreamLayer : std::uint8_t { application, security };
-
 /// An interpreter type as a value. There is one for each type; its address is the type's identity.
 struct VELStreamInterpreting {
     std::string_view streamDisplayName;

@@ -124,12 +124,17 @@ struct Shouting {
     {
         StreamInterpretation interpretation;
         const ByteRange range{0, stream.clientToServerData.size()};
-        interpretation.messages.emplace_back(client, StreamMessageKind::request, "Shout", std::vector<DetailRow>{{"Loud", "yes"}},
-                                             stream.clientToServerData.whole(), StreamBodyHint::binary(), range,
-                                             stream.locate(range, client).packetIds, stream.locate(range, client).timestamp.value_or(0),
-                                             "shout.txt", false);
-        interpretation.messages.emplace_back(server, StreamMessageKind::reply, "Echo", std::vector<DetailRow>{}, std::nullopt, std::nullopt,
-                                             std::nullopt, std::vector<std::int64_t>{}, 0.0, std::nullopt, false);
+        interpretation.messages.push_back({.direction = client,
+                                           .kind = StreamMessageKind::request,
+                                           .summary = "Shout",
+                                           .detail = {{"Loud", "yes"}},
+                                           .body = stream.clientToServerData.whole(),
+                                           .bodyHint = StreamBodyHint::binary(),
+                                           .byteRange = range,
+                                           .packetIds = stream.locate(range, client).packetIds,
+                                           .timestamp = stream.locate(range, client).timestamp.value_or(0),
+                                           .filename = "shout.txt"});
+        interpretation.messages.push_back({.direction = server, .kind = StreamMessageKind::reply, .summary = "Echo"});
         interpretation.pairings = std::vector{Pairing{0, 1, "Shout", PairingStatus::matched}};
         return interpretation;
     }
@@ -159,9 +164,9 @@ TEST(TLSDecryptionProbe, HandsPlaintextToOtherInterpreters)
     {
         const WithKeyLog secrets(shout.keyLog);
         const auto view = TLSDecryptionProbe::decryptedInterpretation(stream);
-        ASSERT_TRUE(view.messages);
-        ASSERT_EQ(view.messages->size(), 2u);
-        const StreamMessage& first = view.messages->front();
+        ASSERT_TRUE(view);
+        ASSERT_EQ(view->messages.size(), 2u);
+        const StreamMessage& first = view->messages.front();
         EXPECT_EQ(first.summary, "Shout");
         EXPECT_EQ(first.detail, (std::vector<DetailRow>{{"TLS", "decrypted"}, {"Loud", "yes"}}));
         EXPECT_TRUE(first.isDecrypted);
@@ -174,27 +179,27 @@ TEST(TLSDecryptionProbe, HandsPlaintextToOtherInterpreters)
         const std::int64_t end = stream.clientToServerData.size();
         EXPECT_EQ(first.packetIds, stream.locate({end - 1, end}, client).packetIds);
         EXPECT_EQ(first.timestamp, stream.locate({end - 1, end}, client).timestamp);
-        EXPECT_EQ(view.messages->back().detail, (std::vector<DetailRow>{{"TLS", "decrypted"}}));
-        EXPECT_EQ(view.pairings, (std::vector{Pairing{0, 1, "Shout", PairingStatus::matched}}));
+        EXPECT_EQ(view->messages.back().detail, (std::vector<DetailRow>{{"TLS", "decrypted"}}));
+        EXPECT_EQ(view->pairings, (std::vector{Pairing{0, 1, "Shout", PairingStatus::matched}}));
     }
-    EXPECT_FALSE(TLSDecryptionProbe::decryptedInterpretation(stream).messages) << "without secrets";
+    EXPECT_FALSE(TLSDecryptionProbe::decryptedInterpretation(stream)) << "without secrets";
 
     const TLSSession hush = runTLS(tls12, {clientSends("HUSH")});
     {
         const WithKeyLog secrets(hush.keyLog);
         const auto view = TLSDecryptionProbe::decryptedInterpretation(vectorStream(hush.flights));
-        ASSERT_TRUE(view.messages) << "an interpretation without messages is one";
-        EXPECT_TRUE(view.messages->empty());
-        EXPECT_FALSE(view.pairings);
+        ASSERT_TRUE(view) << "an interpretation without messages is one";
+        EXPECT_TRUE(view->messages.empty());
+        EXPECT_FALSE(view->pairings);
     }
 
     const TLSSession talk = runTLS(tls12, {clientSends(patternBytes(1'234))});
     {
         const WithKeyLog secrets(talk.keyLog);
         const auto view = TLSDecryptionProbe::decryptedInterpretation(vectorStream(talk.flights));
-        ASSERT_TRUE(view.messages) << "nobody accepts it, not even who is called TLS";
-        ASSERT_EQ(view.messages->size(), 1u);
-        const StreamMessage& message = view.messages->front();
+        ASSERT_TRUE(view) << "nobody accepts it, not even who is called TLS";
+        ASSERT_EQ(view->messages.size(), 1u);
+        const StreamMessage& message = view->messages.front();
         EXPECT_EQ(message.direction, client);
         EXPECT_EQ(message.kind, StreamMessageKind::data);
         EXPECT_EQ(message.summary, "Decrypted Application Data (1234 bytes)");
@@ -206,7 +211,7 @@ TEST(TLSDecryptionProbe, HandsPlaintextToOtherInterpreters)
         EXPECT_EQ(message.timestamp, 0);
         EXPECT_EQ(message.filename, std::nullopt);
         EXPECT_TRUE(message.isDecrypted);
-        EXPECT_FALSE(view.pairings);
+        EXPECT_FALSE(view->pairings);
     }
     for (const auto* type : types) registry.remove(type);
 }
@@ -276,19 +281,6 @@ TEST(TLSDecryptionProbe, ReadsPlaintextRecordByRecord)
     }
     EXPECT_EQ(DataView(room).sub(0, 8).text(), "onethree");
 
-    struct Sink final : PlaintextSink {
-        bool plaintext(Direction direction, DataView bytes, ByteRange) override
-        {
-            taken.push_back(fmt::format("{} {}", direction == client ? "client" : "server", bytes.text()));
-            return bytes.text() != "one";
-        }
-        std::vector<std::string> taken;
-    } sink;
-    const TCPStream stream = vectorStream(session.flights);
-    EXPECT_TRUE(probe.openPlaintext(stream, sink));
-    EXPECT_EQ(sink.taken, (std::vector<std::string>{"client one", "server two"}));
-    MergedKeylog::setEmbeddedSecrets({});
-    EXPECT_FALSE(probe.openPlaintext(stream, sink));
     EXPECT_EQ(probe.plaintextReader(TCPStream{}, client), nullptr);
 }
 
@@ -315,7 +307,7 @@ TEST(TLSDecryptionProbe, TellsWhatTheKeyLogHolds)
     const SecretText lines = probe.keyLogLines(stream);
     EXPECT_EQ(probe.keyLogLines(TCPStream{}), "");
     EXPECT_EQ(std::ranges::count(lines, '\n'), std::ranges::count(session.keyLog, '\n'));
-    MergedKeylog::setEmbeddedSecrets(lines);
+    const WithKeyLog own(lines);
     EXPECT_TRUE(probe.probe(stream).isDecrypted());
     EXPECT_EQ(probe.keyMaterial().clientRandoms, 1);
     EXPECT_EQ(probe.countKeyLogLines(lines), (TLSKeyLogLineCount{material.secrets - 3, material.secrets - 3, 0}));

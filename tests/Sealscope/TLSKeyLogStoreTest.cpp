@@ -3,10 +3,12 @@
 
 #include "harness/Hex.h"
 #include "host/VELCommonTools/KeylogLocations.h"
+#include "host/VELCommonTools/KeylogUserFile.h"
 #include "platform/UserDefaults.h"
 #include "tests/Sealscope/WithKeyLog.h"
 
 #include <atomic>
+#include <chrono>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <thread>
@@ -21,7 +23,6 @@ protected:
     ~TLSKeyLogStoreTest() override
     {
         UserDefaults::standard().remove(KeylogUserFile::pathDefaultsKey());
-        KeylogUserFile::setOverride({});
         unsetenv("SSLKEYLOGFILE");
         std::filesystem::remove(KeylogLocations::liveKeylog());
     }
@@ -48,7 +49,7 @@ TEST_F(TLSKeyLogStoreTest, FindsNothingWithoutKeyLogs)
 TEST_F(TLSKeyLogStoreTest, FindsWhatIsAppended)
 {
     const std::string file = write("log", "01");
-    KeylogUserFile::setOverride({file});
+    setenv("SSLKEYLOGFILE", file.c_str(), 1);
     EXPECT_EQ(secret(), hex("01"));
     EXPECT_EQ(store.secret("M", clientRandom), std::nullopt);
     const auto before = secret();
@@ -66,27 +67,40 @@ TEST_F(TLSKeyLogStoreTest, LetsLaterSourcesWin)
     const std::string environment = write("environment", "03");
     std::filesystem::create_directories(KeylogLocations::liveKeylog().parent_path());
 
-    MergedKeylog::setEmbeddedSecrets("L aabb 01\n");
-    EXPECT_EQ(secret(), hex("01")) << "the capture's own secrets";
     writeFile(KeylogLocations::liveKeylog(), DataView(std::string_view("L aabb 02\n")));
-    EXPECT_EQ(secret(), hex("02")) << "the managed key log over them";
+    EXPECT_EQ(secret(), hex("02")) << "the managed key log";
     setenv("SSLKEYLOGFILE", environment.c_str(), 1);
     EXPECT_EQ(secret(), hex("03")) << "the environment's over that";
     KeylogUserFile::remember(user, UserDefaults::standard());
     EXPECT_EQ(secret(), hex("04")) << "the user's file in its place";
     write("environment", "05");
     EXPECT_EQ(secret(), hex("04"));
-    KeylogUserFile::setOverride({environment});
-    EXPECT_EQ(secret(), hex("05")) << "and what the run was told in the place of that";
-    KeylogUserFile::setOverride({});
     KeylogUserFile::remember("", UserDefaults::standard());
     EXPECT_EQ(secret(), hex("05")) << "without a choice the environment counts again";
+}
+
+TEST_F(TLSKeyLogStoreTest, KeepsTheSecretsOfSessionsApart)
+{
+    const std::string file = write("log", "03");
+    TLSKeyLogStore embedded(std::make_shared<const KeyLogSources>("L aabb 01\n", std::vector<std::string>{}));
+    TLSKeyLogStore named(std::make_shared<const KeyLogSources>("L aabb 01\nM aabb 02\n", std::vector{file}));
+    EXPECT_EQ(embedded.secret("L", clientRandom), hex("01"));
+    EXPECT_EQ(embedded.secret("M", clientRandom), std::nullopt);
+    EXPECT_EQ(named.secret("L", clientRandom), hex("03")) << "a file over the capture's own";
+    EXPECT_EQ(named.secret("M", clientRandom), hex("02"));
+    EXPECT_EQ(secret(), std::nullopt) << "the process has neither";
+
+    directory.write("log", std::string_view("L aabb 04\n"));
+    const auto latest = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    while (named.secret("L", clientRandom) != hex("04") && std::chrono::steady_clock::now() < latest)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(named.secret("L", clientRandom), hex("04")) << "what is written is seen within a second";
 }
 
 TEST_F(TLSKeyLogStoreTest, ServesManyThreadsWhileTheSourceChanges)
 {
     const std::string file = write("log", "00");
-    KeylogUserFile::setOverride({file});
+    setenv("SSLKEYLOGFILE", file.c_str(), 1);
     std::atomic<bool> isDone = false;
     std::atomic<int> surprises = 0;
     std::vector<std::thread> threads;

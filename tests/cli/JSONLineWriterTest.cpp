@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "app/cli/JSONLineWriter.h"
+#include "app/records/JSONLineWriter.h"
 
 #include "platform/UTF8.h"
 
@@ -10,7 +10,7 @@
 #include <nlohmann/json.hpp>
 #include <random>
 
-namespace sealscope::cli {
+namespace sealscope {
 
 namespace {
 
@@ -160,4 +160,4 @@ TEST(JSONLineWriter, WritesBytesAsBase64OfAnyLength)
     EXPECT_TRUE(line == '"' + std::string(266'666, '/') + "8=\"");
 }
 
-}  // namespace sealscope::cli
+}  // namespace sealscope

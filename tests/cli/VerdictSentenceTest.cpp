@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "app/cli/VerdictSentence.h"
+#include "app/records/VerdictSentence.h"
 
-#include "app/cli/StreamVerdict.h"
+#include "app/verdict/StreamVerdict.h"
 
 #include <gtest/gtest.h>
 
-namespace sealscope::cli {
+namespace sealscope {
 
 namespace {
 
@@ -191,4 +191,4 @@ TEST(VerdictSentence, NamesTheCauseAndWhatHelps)
     for (const auto& [name, verdict, summary, sentence] : cases) EXPECT_EQ(verdictSentence(verdict, summary), sentence) << name;
 }
 
-}  // namespace sealscope::cli
+}  // namespace sealscope

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "app/cli/ViewText.h"
+#include "app/cli/text/ViewText.h"
 
 #include <gtest/gtest.h>
 

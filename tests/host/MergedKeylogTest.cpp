@@ -2,6 +2,7 @@
 #include "host/VELCommonTools/MergedKeylog.h"
 
 #include "harness/TempDirectory.h"
+#include "host/VELCommonTools/KeyLogSources.h"
 #include "host/VELCommonTools/KeylogLocations.h"
 #include "host/VELCommonTools/KeylogUserFile.h"
 #include "host/VELModels/TLSDecryptionProbeRegistry.h"
@@ -21,11 +22,6 @@ using Problem = MergedKeylog::Examination::Problem;
 class MergedKeylogTest : public testing::Test {
 protected:
     MergedKeylogTest() { setenv("XDG_DATA_HOME", directory.file("data").c_str(), 1); }
-    ~MergedKeylogTest() override
-    {
-        MergedKeylog::setEmbeddedSecrets({});
-        KeylogUserFile::setOverride({});
-    }
 
     std::string writeManaged(std::string_view text)
     {
@@ -49,29 +45,24 @@ TEST_F(MergedKeylogTest, KeepsTheManagedKeyLogUnderTheDataDirectory)
 
 TEST_F(MergedKeylogTest, ChoosesAndOrdersTheSources)
 {
-    const Source embedded;
     const Source managed{KeylogLocations::liveKeylog().string()};
     struct Case {
         const char* name;
         std::optional<std::string> userPath, envPath;
-        std::vector<std::string> override;
         std::vector<Source> expected;
     };
     const Case cases[] = {
-        {"nothing is set", {}, {}, {}, {embedded, managed}},
-        {"the user's file", "/u", {}, {}, {embedded, managed, {"/u"}}},
-        {"the environment's file", {}, "/e", {}, {embedded, managed, {"/e"}}},
-        {"the environment has no effect beside the user's", "/u", "/e", {}, {embedded, managed, {"/u"}}},
-        {"an empty path is none", "", "/e", {}, {embedded, managed, {"/e"}}},
-        {"in the environment too", {}, "", {}, {embedded, managed}},
-        {"the override takes the user's place", "/u", "/e", {"/a", "/b"}, {embedded, managed, {"/a"}, {"/b"}}},
-        {"a file that is named twice stands where it wins", {}, {}, {"/a", "/b", "/a"}, {embedded, managed, {"/b"}, {"/a"}}},
-        {"the managed key log, chosen", managed.file, {}, {}, {embedded, managed}},
+        {"nothing is set", {}, {}, {managed}},
+        {"the user's file", "/u", {}, {managed, {"/u"}}},
+        {"the environment's file", {}, "/e", {managed, {"/e"}}},
+        {"the environment has no effect beside the user's", "/u", "/e", {managed, {"/u"}}},
+        {"an empty path is none", "", "/e", {managed, {"/e"}}},
+        {"in the environment too", {}, "", {managed}},
+        {"the managed key log, chosen", managed.file, {}, {managed}},
     };
-    for (const auto& [name, userPath, envPath, override, expected] : cases) {
-        KeylogUserFile::setOverride(override);
-        EXPECT_EQ(MergedKeylog::sources(userPath, envPath), expected) << name;
-    }
+    for (const auto& [name, userPath, envPath, expected] : cases) EXPECT_EQ(MergedKeylog::sources(userPath, envPath), expected) << name;
+    const std::vector<Source> named{managed, {"/b"}, {"/a"}};
+    EXPECT_EQ(KeyLogSources({}, {"/a", "/b", "/a"}).files(), named) << "a file that is named twice stands where it wins";
 }
 
 TEST_F(MergedKeylogTest, RemembersTheUsersFile)
@@ -86,31 +77,26 @@ TEST_F(MergedKeylogTest, RemembersTheUsersFile)
         defaults.set(KeylogUserFile::pathDefaultsKey(), std::string(typed));
         EXPECT_EQ(KeylogUserFile::resolvedPath(defaults), resolved);
     }
-    KeylogUserFile::setOverride({"/a", "/b"});
-    EXPECT_EQ(KeylogUserFile::resolvedPath(defaults), "/a");
-    KeylogUserFile::setOverride({});
     defaults.set(KeylogUserFile::pathDefaultsKey(), std::string());
     EXPECT_EQ(KeylogUserFile::resolvedPath(defaults), std::nullopt) << "an empty path is none";
 }
 
 TEST_F(MergedKeylogTest, JoinsTheTextsWithTheirLinesWhole)
 {
-    MergedKeylog::setEmbeddedSecrets("E 00 01");
     writeManaged("M 00 02\n");
     const std::string user = directory.write("user", std::string_view("U 00 03"));
     const std::string missing = directory.file("missing");
     const std::string empty = directory.write("empty", std::string_view(""));
-    const std::vector<Source> sources{{},    {KeylogLocations::liveKeylog().string()}, {missing}, {directory.path().string()}, {empty},
-                                      {user}};
-    const SecretText text = MergedKeylog::mergedText(sources);
-    EXPECT_EQ(text, "E 00 01\nM 00 02\nU 00 03");
+    const std::vector<Source> sources{{KeylogLocations::liveKeylog().string()}, {missing}, {directory.path().string()}, {empty}, {user}};
+    EXPECT_EQ(MergedKeylog::mergedText(sources), "M 00 02\nU 00 03");
+    EXPECT_EQ(KeyLogSources("E 00 01", {user}).text(), "E 00 01\nM 00 02\nU 00 03") << "the capture's own come first";
     EXPECT_EQ(MergedKeylog::mergedText({}), "");
 }
 
 TEST_F(MergedKeylogTest, StampsChangeWithTheirSources)
 {
     const std::string file = directory.write("log", std::string_view("one\n"));
-    const std::vector<Source> sources{{}, {file}};
+    const std::vector<Source> sources{{file}};
     auto last = MergedKeylog::signature(sources);
     EXPECT_EQ(MergedKeylog::signature(sources), last) << "nothing changed";
     const auto expectChange = [&](const char* what) {
@@ -136,12 +122,6 @@ TEST_F(MergedKeylogTest, StampsChangeWithTheirSources)
     expectChange("another file of the same size and time");
     std::filesystem::remove(file);
     expectChange("no file");
-    MergedKeylog::setEmbeddedSecrets("E 00 01\n");
-    expectChange("secrets in the capture");
-    MergedKeylog::setEmbeddedSecrets("E 00 01\n");
-    EXPECT_EQ(MergedKeylog::signature(sources), last) << "the same secrets again";
-    MergedKeylog::setEmbeddedSecrets("E 00 02\n");
-    expectChange("other secrets of the same size");
 }
 
 /// Counts every line, and those with a "!" as invalid.

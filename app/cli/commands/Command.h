@@ -1,0 +1,49 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "app/cli/CommandLine.h"
+#include "app/cli/Output.h"
+#include "app/cli/text/Terminal.h"
+
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace sealscope::cli {
+
+enum ExitStatus {
+    done = 0,
+    failed = 1,  ///< an input could not be read to its end, or an output not be written
+    wrongCommandLine = 2,
+};
+
+/// What a command works with.
+struct CommandContext {
+    const Options& options;
+    const Terminal& terminal;
+    Output& output;  ///< standard output
+};
+
+/// One command, described where it is written.
+struct Command {
+    std::string_view name;
+    std::string_view arguments;    ///< as the usage line shows them: "FILE…"
+    std::string_view summary;      ///< one line for the list of commands
+    std::string_view description;  ///< paragraphs for the command's own help, in lines of at most 100 characters
+    std::string_view examples;     ///< lines "command line|what it does", separated by line feeds
+    OptionSet options;             ///< beside those that every command knows
+    int fewestArguments = 1;
+    int mostArguments = -1;  ///< negative for any number
+    bool isPaged = false;    ///< its text is long: on a terminal the user's pager shows it
+    ExitStatus (*run)(const CommandContext& context) = nullptr;
+};
+
+/// All commands, in the order of the help.
+std::span<const Command* const> commands();
+/// The command of a name, or null.
+const Command* commandNamed(std::string_view name);
+
+/// The options that every command knows.
+inline constexpr OptionSet commonOptions{Option::color, Option::quiet, Option::plugInPath, Option::version, Option::help};
+
+}  // namespace sealscope::cli

@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/cli/commands/Commands.h"
+
+#include <algorithm>
+
+namespace sealscope::cli {
+
+std::span<const Command* const> commands()
+{
+    static constexpr const Command* all[] = {&followCommand,  &packetsCommand, &treeCommand,    &streamsCommand,
+                                             &decryptCommand, &liveCommand,    &plugInsCommand, &settingsCommand};
+    return all;
+}
+
+const Command* commandNamed(std::string_view name)
+{
+    const auto found = std::ranges::find(commands(), name, &Command::name);
+    return found == commands().end() ? nullptr : *found;
+}
+
+}  // namespace sealscope::cli

@@ -1,0 +1,113 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/capture/LiveCapture.h"
+#include "app/cli/CaptureReading.h"
+#include "app/cli/commands/Commands.h"
+#include "app/cli/Interrupt.h"
+#include "app/cli/text/Messages.h"
+#include "app/session/PacketRowReader.h"
+#include "app/cli/text/PacketRows.h"
+
+#include <chrono>
+#include <fmt/format.h>
+#include <net/if.h>
+#include <string>
+#include <vector>
+
+namespace sealscope::cli {
+
+namespace {
+
+LiveCapture* running = nullptr;  // for the signal handler
+
+std::vector<std::string> interfaceNames()
+{
+    std::vector<std::string> names;
+    struct if_nameindex* const all = if_nameindex();
+    for (const auto* one = all; one && one->if_index != 0; ++one) names.emplace_back(one->if_name);
+    if (all) if_freenameindex(all);
+    return names;
+}
+
+/// Prints rows until the user, the count or the interface ends it. What has come is written as soon as no more is waiting.
+LiveCapture::Outcome printRows(const CommandContext& context, LiveCapture& capture, std::int64_t& packets)
+{
+    const PacketAnalyzers analyzers;
+    const auto format = context.options.json ? PacketRowFormat::json() : PacketRowFormat::table(analyzers, context.terminal);
+    PacketRowMaker maker(analyzers);
+    CapturedPacket packet;
+    PacketRow row;
+    std::string text;
+    bool isFlushed = true;
+    for (std::int64_t left = context.options.count; left != 0 && context.output.isOpen();) {
+        const auto outcome = capture.next(packet, std::chrono::milliseconds(isFlushed ? 1'000 : 0));
+        if (outcome == LiveCapture::Outcome::timeout) {
+            context.output.flush();
+            isFlushed = true;
+        } else if (outcome != LiveCapture::Outcome::packet) {
+            return outcome;
+        } else {
+            ++packets;
+            if (left > 0) --left;
+            if (!maker.make(packet, row)) continue;
+            text.clear();
+            format->append(text, row);
+            context.output.write(text);
+            isFlushed = false;
+        }
+    }
+    return LiveCapture::Outcome::stopped;
+}
+
+/// Loss is told even where remarks are not wanted: the list is not what was on the wire.
+void tellCounts(std::int64_t packets, const LiveCounts& counts)
+{
+    const std::int64_t dropped = counts.droppedByKernel + counts.droppedByInterface;
+    remark(fmt::format("{} packet{} captured", packets, packets == 1 ? "" : "s"));
+    if (dropped == 0) return;
+    complain(fmt::format("{} packets were lost: {} were not fetched in time, {} were dropped by the interface", dropped,
+                         counts.droppedByKernel, counts.droppedByInterface));
+}
+
+ExitStatus run(const CommandContext& context)
+{
+    const Options& options = context.options;
+    if (options.interface.empty()) {
+        complain(fmt::format("'live' wants --interface NAME; this machine has {}", fmt::join(interfaceNames(), ", ")));
+        return wrongCommandLine;
+    }
+    if (options.write == "-") {
+        complain("--write -: standard output is for the rows");
+        return wrongCommandLine;
+    }
+    auto opened = LiveCapture::open({.interface = options.interface, .filter = options.filter, .writeTo = options.write});
+    if (!opened) return complainAbout(opened.error());
+    LiveCapture& capture = **opened;
+    running = &capture;
+    catchInterrupts([] { running->stop(); });
+
+    ExitStatus status = done;
+    std::int64_t packets = 0;
+    if (printRows(context, capture, packets) == LiveCapture::Outcome::failed) status = complainAbout(capture.error());
+    context.output.flush();
+    if (const auto written = capture.finishWriting(); !written) status = complainAbout(written.error());
+    tellCounts(packets, capture.counts());
+    return status;
+}
+
+}  // namespace
+
+const Command liveCommand{.name = "live",
+                          .arguments = "",
+                          .summary = "the packet list of a network interface, as packets arrive",
+                          .description =
+                              "Prints the rows of 'sealscope packets' for what passes a network interface, until Ctrl-C. Privileges are\n"
+                              "given up once the interface is open.",
+                          .examples = "sudo sealscope live -i eth0|until Ctrl-C\n"
+                                      "sudo sealscope live -i any -f 'tcp port 443' --json|for scripts, one JSON object a line\n"
+                                      "sudo sealscope live -i eth0 -n 1000 -w capture.pcap|a thousand packets, kept in a file\n",
+                          .options = {Option::interface, Option::write, Option::filter, Option::count, Option::json},
+                          .fewestArguments = 0,
+                          .mostArguments = 0,
+                          .run = run};
+
+}  // namespace sealscope::cli

@@ -1,0 +1,225 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/cli/CaptureReading.h"
+#include "app/cli/commands/Commands.h"
+#include "app/cli/text/DisplayText.h"
+#include "app/records/EndpointTexts.h"
+#include "app/cli/text/HexDump.h"
+#include "app/cli/Interrupt.h"
+#include "app/records/JSONLineWriter.h"
+#include "app/cli/text/Messages.h"
+#include "app/session/PacketAnalyzers.h"
+#include "app/cli/Progress.h"
+#include "app/cli/text/TimeText.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+
+namespace sealscope::cli {
+
+namespace {
+
+using Node = VELNodeProtocol;
+
+// A plug-in's tree is shown as deep as this: a program that is asked for a tree must not end for lack of stack.
+constexpr int deepest = 200;
+
+void writeNode(JSONLineWriter& json, const Node& node, int depth)
+{
+    json.beginObject();
+    json.member("name", node.name());
+    if (const auto& value = node.value()) json.member("value", *value);
+    if (const auto location = node.headerLocations()) json.member("location", *location);
+    if (const auto length = node.headerLengths()) json.member("length", *length);
+    json.key("children");
+    json.beginArray();
+    if (depth < deepest)
+        for (const auto& child : node.children()) writeNode(json, *child, depth + 1);
+    json.endArray();
+    json.endObject();
+}
+
+/// Writes a tree as indented lines behind the place of each field in the payload.
+class TreeText {
+public:
+    TreeText(std::string& text, DataView payload, bool showsBytes, bool hasColors)
+        : text_(text), payload_(payload), showsBytes_(showsBytes), hasColors_(hasColors)
+    {}
+
+    void heading() { place(" offset  bytes", "  field"); }
+
+    /// `parentStart` is where the node's own place counts from.
+    void node(const Node& node, std::int64_t parentStart, int depth)
+    {
+        const auto location = node.headerLocations();
+        const auto length = node.headerLengths();
+        const std::int64_t start = parentStart + location.value_or(0);
+        place(fmt::format("{:>7}  {:>5}", location ? fmt::to_string(start) : "", length ? fmt::to_string(*length) : ""), {});
+        text_.append(2 + 2 * static_cast<std::size_t>(depth), ' ');
+        if (node.children().empty())
+            appendDisplaySafe(text_, node.name());
+        else
+            styled(Style::strong, displaySafe(node.name()));
+        if (const auto& value = node.value()) {
+            const std::string shown = displayText(*value);
+            text_ += shown.empty() ? ":" : ": ";
+            appendDisplaySafe(text_, shown);
+        }
+        text_ += '\n';
+        if (showsBytes_ && node.children().empty() && location && length)
+            appendHexDump(text_, payload_.sub(start, *length), start,
+                          {.bytesIndent = 11 + 2 * static_cast<std::size_t>(depth), .hasColors = hasColors_});
+        if (depth < deepest)
+            for (const auto& child : node.children()) this->node(*child, start, depth + 1);
+    }
+
+private:
+    void styled(Style style, std::string_view safe)
+    {
+        if (hasColors_) text_ += sequence(style);
+        text_ += safe;
+        if (hasColors_) text_ += resetSequence;
+    }
+
+    void place(std::string_view numbers, std::string_view rest)
+    {
+        styled(Style::faint, numbers);
+        text_ += rest;
+        if (!rest.empty()) text_ += '\n';
+    }
+
+    std::string& text_;
+    DataView payload_;
+    bool showsBytes_;
+    bool hasColors_;
+};
+
+class TreePrinter {
+public:
+    explicit TreePrinter(const CommandContext& context) : context_(context) {}
+
+    void print(const CapturedPacket& packet, const TCPPacket& segment, const PacketMatch& match)
+    {
+        const VELNodeList nodes = match.analyzer->protocolNodes(segment.payload);
+        text_.clear();
+        if (context_.options.json)
+            json(packet, nodes);
+        else
+            lines(packet, segment, match, nodes);
+        context_.output.write(text_);
+    }
+
+private:
+    void json(const CapturedPacket& packet, const VELNodeList& nodes)
+    {
+        JSONLineWriter json(text_);
+        json.beginObject();
+        json.member("number", packet.number);
+        json.key("nodes");
+        json.beginArray();
+        for (const auto& node : nodes) writeNode(json, *node, 0);
+        json.endArray();
+        json.endObject();
+        text_ += '\n';
+    }
+
+    void lines(const CapturedPacket& packet, const TCPPacket& segment, const PacketMatch& match, const VELNodeList& nodes)
+    {
+        if (hasPrinted_) text_ += '\n';
+        hasPrinted_ = true;
+        const bool hasColors = context_.terminal.hasColors;
+        if (hasColors) text_ += sequence(Style::accent);
+        text_ += fmt::format("packet {}  ", packet.number);
+        time_.appendDateAndClock(text_, packet.time.value());
+        text_ += "  " + endpoints_.text(segment.source);
+        text_ += " → " + endpoints_.text(segment.destination);
+        if (const auto info = match.analyzer->protocolInfo(segment.payload)) {
+            text_ += "  ";
+            appendDisplaySafe(text_, *info);
+        }
+        if (hasColors) text_ += resetSequence;
+        text_ += '\n';
+        TreeText tree(text_, segment.payload, context_.options.hex, hasColors);
+        tree.heading();
+        for (const auto& node : nodes) tree.node(*node, 0, 0);
+    }
+
+    const CommandContext& context_;
+    std::string text_;
+    TimeText time_;
+    EndpointTexts endpoints_;
+    bool hasPrinted_ = false;
+};
+
+/// Why the packet that was asked for shows no tree.
+ExitStatus explainMissing(std::int64_t wanted, std::int64_t packets, bool wasRead, bool wasPassed, bool hasPayload)
+{
+    if (!wasRead) {
+        complain(packets == 0 ? fmt::format("--packet {}: the capture has no packets", wanted)
+                              : fmt::format("--packet {}: the capture has {} packets, numbered from 1", wanted, packets));
+        return wrongCommandLine;
+    }
+    if (!wasPassed)
+        complain(fmt::format("--packet {}: the filter does not pass this packet", wanted));
+    else if (!hasPayload)
+        complain(fmt::format("--packet {}: this packet carries no TCP payload", wanted));
+    else
+        complain(fmt::format("--packet {}: no plug-in recognises the payload of this packet", wanted));
+    return done;
+}
+
+ExitStatus run(const CommandContext& context)
+{
+    ExitStatus status = done;
+    const auto capture = openCapture(context, status);
+    if (!capture) return status;
+    catchInterrupts();
+
+    const auto wanted = context.options.packet;
+    const PacketAnalyzers analyzers;
+    PacketDecoder decoder;
+    Progress progress("reading", !context.options.quiet && (wanted || !context.terminal.isTerminal));
+    TreePrinter printer(context);
+
+    CapturedPacket packet;
+    TCPPacket segment;
+    std::int64_t packets = 0, lastNumber = 0;
+    bool wasPassed = false, hasPayload = false, isShown = false;
+    while (context.output.isOpen() && !isInterrupted() && !(wanted && lastNumber >= *wanted) && capture->next(packet)) {
+        ++packets;
+        lastNumber = packet.number;
+        progress.update(capture->bytesRead(), capture->bytesTotal());
+        // Every packet is decoded, since one may complete a datagram of which earlier ones hold fragments.
+        const bool hasSegment = decoder.decode(packet, segment) && !segment.payload.isEmpty();
+        if (wanted && packet.number != *wanted) continue;
+        wasPassed = true;
+        hasPayload = hasSegment;
+        if (!hasSegment) continue;
+        if (const PacketMatch match = analyzers.match(segment.payload)) {
+            printer.print(packet, segment, match);
+            isShown = true;
+        }
+    }
+    context.output.flush();
+    if (wanted && !isShown && context.output.isOpen()) {
+        status = explainMissing(*wanted, lastNumber, lastNumber >= *wanted, wasPassed, hasPayload);
+    }
+    const ExitStatus damage = complainAboutDamage(context, capture->errors(), decoder.notes(), packets);
+    return damage == done ? status : damage;
+}
+
+}  // namespace
+
+const Command treeCommand{
+    .name = "tree",
+    .arguments = "FILE…",
+    .summary = "the field tree of each such packet, or of one packet",
+    .description = "Prints the fields of each packet that a plug-in recognises, with the place of each in the TCP payload: the offset\n"
+                   "of its first byte, and how many there are.",
+    .examples = "sealscope tree --packet 4 capture.pcapng|the fields of packet 4\n"
+                "sealscope tree --packet 4 --hex capture.pcapng|with their bytes\n"
+                "sealscope tree --json capture.pcapng|one JSON object a packet\n",
+    .options = {Option::packet, Option::hex, Option::json, Option::filter, Option::count},
+    .isPaged = true,
+    .run = run};
+
+}  // namespace sealscope::cli

@@ -1,0 +1,109 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/cli/text/TextTable.h"
+
+#include "app/cli/text/DisplayText.h"
+
+#include <algorithm>
+#include <limits>
+#include <numeric>
+
+namespace sealscope::cli {
+
+TextTable::TextTable(std::vector<TextColumn> columns, const Terminal& terminal) : columns_(std::move(columns)), terminal_(terminal)
+{
+    for (const TextColumn& column : columns_) {
+        cell_.clear();
+        widths_.push_back(std::max(appendDisplaySafe(cell_, column.title), column.narrowest));
+    }
+    fitToTerminal();
+}
+
+void TextTable::measure(std::span<const std::string_view> cells)
+{
+    for (std::size_t i = 0; i + 1 < columns_.size(); ++i) {
+        cell_.clear();
+        widths_[i] = std::max(widths_[i], appendDisplaySafe(cell_, cells[i]));
+        if (terminal_.columns > 0) widths_[i] = std::min(widths_[i], std::max(columns_[i].widest, columns_[i].narrowest));
+    }
+    fitToTerminal();
+}
+
+// Takes a column at a time from the widest of those that can give, until the last one has the room that it needs.
+void TextTable::fitToTerminal()
+{
+    if (terminal_.columns == 0) return;
+    const int gaps = gap * static_cast<int>(columns_.size() - 1);
+    for (;;) {
+        lastWidth_ = terminal_.columns - gaps - std::accumulate(widths_.begin(), widths_.end() - 1, 0);
+        if (lastWidth_ >= columns_.back().narrowest) return;
+        const auto widest = [&](bool isFirm) {
+            std::size_t giver = columns_.size();
+            for (std::size_t i = 0; i + 1 < columns_.size(); ++i) {
+                const bool canGive = columns_[i].isFirm == isFirm && widths_[i] > columns_[i].narrowest;
+                if (canGive && (giver == columns_.size() || widths_[i] > widths_[giver])) giver = i;
+            }
+            return giver;
+        };
+        std::size_t giver = widest(false);
+        if (giver == columns_.size()) giver = widest(true);
+        if (giver == columns_.size()) break;
+        --widths_[giver];
+    }
+    lastWidth_ = std::max(lastWidth_, 1);
+}
+
+void TextTable::appendHeading(std::string& text)
+{
+    std::vector<std::string_view> titles;
+    for (const TextColumn& column : columns_) titles.push_back(column.title);
+    appendCells(text, titles, true, {});
+}
+
+void TextTable::appendRow(std::string& text, std::span<const std::string_view> cells, std::string_view fill)
+{
+    appendCells(text, cells, false, terminal_.hasColors ? fill : std::string_view());
+}
+
+void TextTable::appendCells(std::string& text, std::span<const std::string_view> cells, bool isHeading, std::string_view fill)
+{
+    text += fill;
+    std::size_t lineEnd = text.size();  // blanks at the end of a line are left out
+    for (std::size_t i = 0; i < columns_.size(); ++i) {
+        const TextColumn& column = columns_[i];
+        const bool isLast = i + 1 == columns_.size();
+        int room = std::numeric_limits<int>::max();
+        if (terminal_.columns > 0) room = isLast ? lastWidth_ : widths_[i];
+
+        cell_.clear();
+        int width = appendDisplaySafe(cell_, cells[i], room);
+        if (!isLast && width >= room && room < column.widest) {
+            // Perhaps cut: the column may still grow, as long as the last one keeps its own.
+            std::string whole;
+            const int wanted = std::min(appendDisplaySafe(whole, cells[i]), column.widest);
+            const int growth = std::min(wanted - room, lastWidth_ - columns_.back().narrowest);
+            if (growth > 0) {
+                widths_[i] += growth;
+                lastWidth_ -= growth;
+                cell_.clear();
+                width = appendDisplaySafe(cell_, cells[i], widths_[i]);
+            }
+        }
+        if (!isLast) widths_[i] = std::max(widths_[i], width);
+
+        const auto padding = static_cast<std::size_t>(isLast ? 0 : widths_[i] - width);
+        if (column.alignment == TextColumn::Alignment::right) text.append(padding, ' ');
+        const Style style = isHeading ? Style::strong : column.style;
+        const bool isColored = terminal_.hasColors && fill.empty() && style != Style::plain && !cell_.empty();
+        if (isColored) text += sequence(style);
+        text += cell_;
+        if (isColored) text += resetSequence;
+        if (!cell_.empty()) lineEnd = text.size();
+        if (column.alignment == TextColumn::Alignment::left) text.append(padding, ' ');
+        if (!isLast) text.append(gap, ' ');
+    }
+    text.resize(lineEnd);
+    if (!fill.empty()) text += resetSequence;
+    text += '\n';
+}
+
+}  // namespace sealscope::cli

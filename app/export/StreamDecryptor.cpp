@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/export/StreamDecryptor.h"
+
+#include "app/export/OutputFile.h"
+#include "app/export/PlaintextPacks.h"
+
+#include <filesystem>
+#include <fmt/format.h>
+#include <memory>
+#include <oneapi/tbb/parallel_invoke.h>
+#include <utility>
+
+namespace sealscope {
+
+OpenedStream StreamDecryptor::open(std::int64_t number) const
+{
+    const TCPStream stream = session_.stream(number);
+    OpenedStream opened{.summary = session_.summary(number)};
+    opened.canInterpret = session_.plugIns().isSecured(stream);
+    if (!opened.canInterpret) return opened;
+    opened.verdict = verdicts_.verdict(stream, ReportDepth::hellos);
+    if (!opened.verdict || !opened.verdict->outcome.isDecrypted()) return opened;
+    const std::optional<std::uint32_t> connection = output_.capture ? std::optional(output_.capture->addConnection(stream)) : std::nullopt;
+    oneapi::tbb::parallel_invoke([&] { opened.client = open(stream, TCPSegment::Direction::clientToServer, connection); },
+                                 [&] { opened.server = open(stream, TCPSegment::Direction::serverToClient, connection); });
+    // How far each direction opened is known by now, except of one that could not be begun.
+    if (!opened.client.report || !opened.server.report) {
+        opened.verdict = verdicts_.verdict(stream, ReportDepth::opened);
+    } else if (auto& report = opened.verdict->report) {
+        report->client = *opened.client.report;
+        report->server = *opened.server.report;
+    }
+    return opened;
+}
+
+OpenedDirection StreamDecryptor::open(const TCPStream& stream, TCPSegment::Direction direction,
+                                      std::optional<std::uint32_t> connection) const
+{
+    OpenedDirection opened;
+    const auto reader = verdicts_.plaintextReader(stream, direction);
+    if (!reader) return opened;
+
+    std::optional<OutputFile> file;
+    std::optional<PlaintextCapture::Direction> segments;
+    if (connection) segments.emplace(*output_.capture, *connection, direction);
+    const bool isClient = direction == TCPSegment::Direction::clientToServer;
+    const std::string path = output_.folder.empty() ? std::string()
+                                                    : (std::filesystem::path(output_.folder) /
+                                                       fmt::format("stream-{}-{}.bin", stream.key.number, isClient ? "client" : "server"))
+                                                          .string();
+    forEachPack(*reader, stream.data(direction).size(), [&](const PlaintextPack& pack) {
+        if (!path.empty() && !file) {
+            auto created = OutputFile::create(path, output_.replace);
+            if (!created) {
+                opened.problem = path + ": " + created.error();
+                return false;
+            }
+            file.emplace(std::move(*created));
+            // Lost bytes count in the size, however many, and have no plaintext.
+            if (session_.summary(stream.key.number).missingBytes == 0) file->reserve(stream.data(direction).size());
+        }
+        opened.bytes += pack.bytes().size();
+        if (file) file->write(pack.bytes());
+        if (segments) {
+            std::int64_t offset = 0;
+            for (const auto& [length, body] : pack.records())
+                segments->add(pack.bytes().sub(std::exchange(offset, offset + length), length), stream.locate(body, direction));
+        }
+        return !stop_.stop_requested() && (!file || file->isGood());
+    });
+    opened.report = reader->report();
+    if (!file) return opened;
+    if (const std::string problem = file->finish(); !problem.empty())
+        opened.problem = path + ": " + problem;
+    else
+        opened.file = path;
+    return opened;
+}
+
+}  // namespace sealscope

@@ -1,0 +1,90 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "app/records/Spill.h"
+#include "host/VELDependencies/VELValue.h"
+#include "platform/Data.h"
+
+#include <concepts>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace sealscope {
+
+/// Appends JSON (RFC 8259) to a text: one value without line breaks. Texts come out as UTF-8; what is not well-formed in
+/// them is replaced by U+FFFD. Characters that a terminal or a log could obey are escaped.
+class JSONLineWriter {
+public:
+    /// `spill`, where there is one, is called whenever the text has grown large; it may take it away.
+    explicit JSONLineWriter(std::string& text, Spill spill = {}) : text_(text), spill_(std::move(spill)) {}
+
+    void beginObject() { open('{'); }
+    void endObject()
+    {
+        close('}');
+        spill_(text_);
+    }
+    void beginArray() { open('['); }
+    void endArray() { close(']'); }
+    /// The name of the member that the next value fills.
+    void key(std::string_view name);
+
+    void null() { literal("null"); }
+    void value(bool flag) { literal(flag ? "true" : "false"); }
+    void value(std::integral auto number) { integer(static_cast<std::int64_t>(number)); }
+    /// The shortest digits that read back as the same number, always with a fraction or an exponent; null when not finite.
+    void value(double number);
+    void value(std::string_view characters);
+    void value(const char* characters) { value(std::string_view(characters)); }
+    void value(const std::string& characters) { value(std::string_view(characters)); }
+    /// A plug-in's value in the type that it has; bytes as Base64.
+    void value(const VELValue& any);
+    /// Bytes as Base64 with padding (RFC 4648 §4).
+    void base64(DataView bytes);
+
+    template <class Value> void value(const std::optional<Value>& optional)
+    {
+        if (optional)
+            value(*optional);
+        else
+            null();
+    }
+    template <class Value> void member(std::string_view name, const Value& content)
+    {
+        key(name);
+        value(content);
+    }
+
+private:
+    void separate()
+    {
+        if (needsComma_) text_ += ',';
+        needsComma_ = true;
+    }
+    void open(char bracket)
+    {
+        separate();
+        text_ += bracket;
+        needsComma_ = false;
+    }
+    void close(char bracket)
+    {
+        text_ += bracket;
+        needsComma_ = true;
+    }
+    void literal(std::string_view word)
+    {
+        separate();
+        text_ += word;
+    }
+    void integer(std::int64_t number);
+    void quoted(std::string_view characters, std::string_view behind);
+
+    std::string& text_;
+    Spill spill_;
+    bool needsComma_ = false;
+};
+
+}  // namespace sealscope

@@ -1,0 +1,275 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/records/StreamRecords.h"
+
+#include "app/records/VerdictSentence.h"
+
+#include <utility>
+
+namespace sealscope {
+
+namespace {
+
+std::string_view name(TLSDecryptionReport::Hello hello)
+{
+    switch (hello) {
+    case TLSDecryptionReport::Hello::found: return "found";
+    case TLSDecryptionReport::Hello::missing: return "missing";
+    case TLSDecryptionReport::Hello::cutByRecords: return "cutByRecords";
+    case TLSDecryptionReport::Hello::cutByData: return "cutByData";
+    }
+    std::unreachable();
+}
+
+std::string_view name(TLSDirectionReport::Stop stop)
+{
+    switch (stop) {
+    case TLSDirectionReport::Stop::endOfData: return "endOfData";
+    case TLSDirectionReport::Stop::nothingProtected: return "nothingProtected";
+    case TLSDirectionReport::Stop::noSecret: return "noSecret";
+    case TLSDirectionReport::Stop::noHandshakeSecret: return "noHandshakeSecret";
+    case TLSDirectionReport::Stop::badSecret: return "badSecret";
+    case TLSDirectionReport::Stop::lostBytes: return "lostBytes";
+    case TLSDirectionReport::Stop::cutRecord: return "cutRecord";
+    case TLSDirectionReport::Stop::noRecord: return "noRecord";
+    case TLSDirectionReport::Stop::earlyData: return "earlyData";
+    case TLSDirectionReport::Stop::keyUpdate: return "keyUpdate";
+    case TLSDirectionReport::Stop::renegotiation: return "renegotiation";
+    case TLSDirectionReport::Stop::doesNotOpen: return "doesNotOpen";
+    case TLSDirectionReport::Stop::notAttempted: return "notAttempted";
+    }
+    std::unreachable();
+}
+
+void writeDirection(JSONLineWriter& json, std::string_view key, const TLSDirectionReport& direction)
+{
+    json.key(key);
+    json.beginObject();
+    json.member("stop", name(direction.stop));
+    json.member("stopOffset", direction.stopOffset);
+    json.member("protectedRecords", direction.protectedRecords);
+    json.member("openedRecords", direction.openedRecords);
+    json.member("skippedRecords", direction.skippedRecords);
+    json.member("plaintextBytes", direction.plaintextBytes);
+    json.key("alert");
+    if (direction.alert) {
+        json.beginObject();
+        json.member("level", direction.alert->level);
+        json.member("description", direction.alert->description);
+        json.member("name", direction.alert->name);
+        json.endObject();
+    } else {
+        json.null();
+    }
+    json.endObject();
+}
+
+std::string_view name(StreamMessageKind kind)
+{
+    switch (kind) {
+    case StreamMessageKind::data: return "data";
+    case StreamMessageKind::handshake: return "handshake";
+    case StreamMessageKind::request: return "request";
+    case StreamMessageKind::reply: return "reply";
+    }
+    std::unreachable();
+}
+
+void writeMessage(JSONLineWriter& json, const StreamMessage& message)
+{
+    json.beginObject();
+    json.member("direction", directionName(message.direction));
+    json.member("kind", name(message.kind));
+    json.member("summary", message.summary);
+    json.key("detail");
+    json.beginArray();
+    for (const DetailRow& row : message.detail) {
+        json.beginObject();
+        json.member("name", row.name);
+        json.member("value", row.value);
+        json.endObject();
+    }
+    json.endArray();
+    json.key("body");
+    if (message.body)
+        json.base64(message.body->bytes());
+    else
+        json.null();
+    json.key("bodyHint");
+    if (message.bodyHint)
+        json.value(message.bodyHint->form == StreamBodyHint::Form::text ? "text" : "binary");
+    else
+        json.null();
+    json.key("byteRange");
+    if (message.byteRange) {
+        json.beginArray();
+        json.value(message.byteRange->lower);
+        json.value(message.byteRange->upper);
+        json.endArray();
+    } else {
+        json.null();
+    }
+    json.key("packetIds");
+    json.beginArray();
+    for (const std::int64_t packet : message.packetIds) json.value(packet);
+    json.endArray();
+    json.member("timestamp", message.timestamp);
+    json.member("filename", message.filename);
+    json.member("isDecrypted", message.isDecrypted);
+    json.endObject();
+}
+
+void writePairing(JSONLineWriter& json, const Pairing& pairing)
+{
+    json.beginObject();
+    json.member("requestIndex", pairing.requestIndex);
+    json.member("replyIndex", pairing.replyIndex);
+    json.member("summary", pairing.summary);
+    json.member("status", pairing.status == PairingStatus::matched ? "matched" : "unmatched");
+    json.endObject();
+}
+
+void writeReason(JSONLineWriter& json, const StreamVerdict& verdict, const StreamSummary& summary)
+{
+    json.beginObject();
+    json.member("sentence", verdictSentence(verdict, summary));
+    json.member("probe", verdict.probe);
+    if (const auto& report = verdict.report) {
+        json.member("clientHello", name(report->clientHello));
+        json.member("serverHello", name(report->serverHello));
+        json.member("clientRandom", report->clientRandom ? std::optional(hexText(*report->clientRandom)) : std::nullopt);
+        json.member("serverName", report->serverName);
+        json.member("version", report->version ? std::optional(report->versionName) : std::nullopt);
+        json.member("cipherSuite", report->cipherSuite ? std::optional(report->cipherSuiteName) : std::nullopt);
+        json.member("isSupportedVersion", report->isSupportedVersion);
+        json.member("isSupportedSuite", report->isSupportedSuite);
+        json.key("secrets");
+        json.beginArray();
+        for (const TLSSecretReport& secret : report->secrets) {
+            json.beginObject();
+            json.member("label", secret.label);
+            json.member("length", secret.secretLength);
+            json.endObject();
+        }
+        json.endArray();
+        json.key("otherLabels");
+        json.beginArray();
+        for (const std::string& label : report->otherLabels) json.value(label);
+        json.endArray();
+        writeDirection(json, "client", report->client);
+        writeDirection(json, "server", report->server);
+    }
+    json.key("keyLog");
+    if (const auto& keyLog = verdict.keyLog) {
+        json.beginObject();
+        json.member("secrets", keyLog->material.secrets);
+        json.member("clientRandoms", keyLog->material.clientRandoms);
+        json.member("connectionsOfThisCapture", keyLog->connections);
+        json.key("labels");
+        json.beginObject();
+        for (const auto& [label, count] : keyLog->material.labels) json.member(label, count);
+        json.endObject();
+        json.key("problems");
+        json.beginArray();
+        for (const KeyLogProblem& problem : keyLog->problems) json.value(problemText(problem));
+        json.endArray();
+        json.endObject();
+    } else {
+        json.null();
+    }
+    json.endObject();
+}
+
+}  // namespace
+
+std::string_view verdictName(const TLSDecryptionOutcome& outcome)
+{
+    if (outcome.isDecrypted()) return "decrypted";
+    switch (*outcome.failure) {
+    case TLSDecryptionFailure::noHandshake: return "noHandshake";
+    case TLSDecryptionFailure::unsupportedVersion: return "unsupportedVersion";
+    case TLSDecryptionFailure::noKeyMaterial: return "noKeyMaterial";
+    case TLSDecryptionFailure::keyMismatch: return "keyMismatch";
+    }
+    std::unreachable();
+}
+
+std::string_view directionName(TCPSegment::Direction direction)
+{
+    return direction == TCPSegment::Direction::clientToServer ? "clientToServer" : "serverToClient";
+}
+
+void appendRecord(std::string& text, const StreamRow& row)
+{
+    const StreamSummary& summary = row.summary;
+    JSONLineWriter json(text);
+    json.beginObject();
+    json.member("stream", summary.number);
+    json.member("client", summary.client.text());
+    json.member("server", summary.server.text());
+    json.member("clientBytes", summary.clientBytes);
+    json.member("serverBytes", summary.serverBytes);
+    json.member("missingBytes", summary.missingBytes);
+    json.member("startTime", summary.startTime);
+    json.member("endTime", summary.endTime);
+    json.member("packets", summary.packets);
+    json.member("contradictingBytes", summary.contradictingBytes);
+    json.member("restarts", summary.restarts);
+    json.member("hasSYN", summary.hasSYN);
+    json.member("canInterpret", row.canInterpret);
+    json.member("verdict", row.verdict ? std::optional(verdictName(row.verdict->outcome)) : std::nullopt);
+    json.key("reason");
+    if (row.verdict)
+        writeReason(json, *row.verdict, summary);
+    else
+        json.null();
+    json.endObject();
+    text += '\n';
+}
+
+void appendRecord(std::string& text, const OpenedStream& opened)
+{
+    const auto optionalFile = [](const OpenedDirection& direction) {
+        return direction.file.empty() ? std::nullopt : std::optional(direction.file);
+    };
+    JSONLineWriter json(text);
+    json.beginObject();
+    json.member("stream", opened.summary.number);
+    json.member("client", opened.summary.client.text());
+    json.member("server", opened.summary.server.text());
+    json.member("canInterpret", opened.canInterpret);
+    json.member("verdict", opened.verdict ? std::optional(verdictName(opened.verdict->outcome)) : std::nullopt);
+    json.key("reason");
+    if (opened.verdict)
+        writeReason(json, *opened.verdict, opened.summary);
+    else
+        json.null();
+    json.member("clientPlaintextBytes", opened.client.bytes);
+    json.member("serverPlaintextBytes", opened.server.bytes);
+    json.member("clientFile", optionalFile(opened.client));
+    json.member("serverFile", optionalFile(opened.server));
+    json.endObject();
+    text += '\n';
+}
+
+void appendRecord(std::string& text, std::int64_t stream, const StreamInterpretation& interpretation, const Spill& spill)
+{
+    JSONLineWriter json(text, spill);
+    json.beginObject();
+    json.member("stream", stream);
+    json.key("messages");
+    json.beginArray();
+    for (const StreamMessage& message : interpretation.messages) writeMessage(json, message);
+    json.endArray();
+    json.key("pairings");
+    if (interpretation.pairings) {
+        json.beginArray();
+        for (const Pairing& pairing : *interpretation.pairings) writePairing(json, pairing);
+        json.endArray();
+    } else {
+        json.null();
+    }
+    json.endObject();
+    text += '\n';
+}
+
+}  // namespace sealscope

@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/session/SessionPlugIns.h"
+
+#include <algorithm>
+#include <ranges>
+#include <utility>
+
+namespace sealscope {
+
+namespace {
+
+std::vector<std::shared_ptr<const TLSStreamDecryptionProbing>> probesOf(const std::shared_ptr<const KeyLogSources>& secrets,
+                                                                        DecryptionReach reach)
+{
+    std::vector<std::shared_ptr<const TLSStreamDecryptionProbing>> probes;
+    for (auto& probe : TLSDecryptionProbeRegistry::shared().snapshot()) {
+        if (probe->reach() > reach) continue;
+        auto own = probe->withSecrets(secrets);
+        probes.push_back(own ? std::move(own) : std::move(probe));
+    }
+    std::ranges::stable_sort(probes, {}, &TLSStreamDecryptionProbing::reach);
+    return probes;
+}
+
+}  // namespace
+
+SessionPlugIns::SessionPlugIns(std::shared_ptr<const KeyLogSources> secrets, const PlugInOptions& options)
+    : secrets_(std::move(secrets)), options_(options), interpreters_(VELStreamInterpreterRegistry::shared().snapshot()),
+      probes_(probesOf(secrets_, options.reach))
+{}
+
+StreamContext SessionPlugIns::context() const { return {.largestDecodedBody = options_.largestDecodedBody, .host = this}; }
+
+const VELStreamInterpreting* SessionPlugIns::interpreter(const TCPStream& stream) const
+{
+    return VELStreamInterpreter::firstInterpreter(stream, interpreters_, context());
+}
+
+bool SessionPlugIns::isSecured(const TCPStream& stream) const
+{
+    return std::ranges::any_of(interpreters_, [&](const VELStreamInterpreting* interpreter) {
+        return interpreter->layer == StreamLayer::security && interpreter->canInterpret(stream, context());
+    });
+}
+
+std::optional<StreamInterpretation> SessionPlugIns::decryptedInterpretation(const TCPStream& stream, const StreamContext& context) const
+{
+    // Who reaches farther opens what the others open, and shows more of it.
+    for (const auto& probe : probes_ | std::views::reverse)
+        if (auto interpretation = probe->decryptedInterpretation(stream, context)) return interpretation;
+    return std::nullopt;
+}
+
+std::optional<StreamInterpretation> SessionPlugIns::carriedInterpretation(const TCPStream& stream, const StreamContext& context) const
+{
+    if (options_.carried == CarriedStreams::shownAsBytes || context.depth > StreamContext::deepest) return std::nullopt;
+    StreamContext offered = context;
+    offered.host = this;
+    const auto accepts = [&](const VELStreamInterpreting* interpreter) {
+        return interpreter->layer != context.notOfferedTo && interpreter->canInterpret(stream, offered);
+    };
+    const auto found = std::ranges::find_if(interpreters_, accepts);
+    if (found == interpreters_.end()) return std::nullopt;
+    return (*found)->interpret(stream, offered);
+}
+
+}  // namespace sealscope

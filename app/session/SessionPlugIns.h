@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "host/VELCommonTools/KeyLogSources.h"
+#include "host/VELModels/StreamContext.h"
+#include "host/VELModels/TCPStream.h"
+#include "host/VELModels/TLSDecryptionProbeRegistry.h"
+#include "host/VELModels/VELStreamInterpreting.h"
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace sealscope {
+
+/// Whether what is decrypted, or carried inside another stream, is handed to further interpreters.
+enum class CarriedStreams : std::uint8_t { interpreted, shownAsBytes };
+
+/// What a session asks of the plug-ins.
+struct PlugInOptions {
+    DecryptionReach reach = DecryptionReach::full;
+    CarriedStreams carried = CarriedStreams::interpreted;
+    std::int64_t largestDecodedBody = std::int64_t{1} << 30;  ///< bytes
+};
+
+/// The plug-ins as one session uses them: the interpreters that are registered when it is made, and decryption probes with the
+/// secrets of that session alone. Any thread may ask.
+class SessionPlugIns final : public StreamHost {
+public:
+    SessionPlugIns(std::shared_ptr<const KeyLogSources> secrets, const PlugInOptions& options);
+
+    /// The first interpreter that accepts a captured stream, or null.
+    const VELStreamInterpreting* interpreter(const TCPStream& stream) const;
+    /// Whether a stream is protected, so that decryption probes have something to say about it.
+    bool isSecured(const TCPStream& stream) const;
+    /// What is known of a captured stream before anybody has looked into it.
+    StreamContext context() const;
+
+    /// The session's probes, those of the least reach first.
+    const std::vector<std::shared_ptr<const TLSStreamDecryptionProbing>>& probes() const { return probes_; }
+    const KeyLogSources& secrets() const { return *secrets_; }
+
+    std::optional<StreamInterpretation> decryptedInterpretation(const TCPStream& stream, const StreamContext& context) const override;
+    std::optional<StreamInterpretation> carriedInterpretation(const TCPStream& stream, const StreamContext& context) const override;
+
+    SessionPlugIns(const SessionPlugIns&) = delete;
+    SessionPlugIns& operator=(const SessionPlugIns&) = delete;
+
+private:
+    std::shared_ptr<const KeyLogSources> secrets_;
+    PlugInOptions options_;
+    std::vector<const VELStreamInterpreting*> interpreters_;
+    std::vector<std::shared_ptr<const TLSStreamDecryptionProbing>> probes_;
+};
+
+/// An interpreter that failed: whose code it was, and what it threw.
+struct InterpreterFailure {
+    std::string interpreter;  ///< its display name
+    std::string reason;
+};
+
+}  // namespace sealscope
