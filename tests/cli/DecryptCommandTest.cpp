@@ -8,6 +8,7 @@
 #include "tests/support/Printers.h"
 
 #include <filesystem>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace sealscope::cli {

@@ -7,6 +7,7 @@
 #include "tests/cli/Program.h"
 
 #include <fmt/format.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sstream>
 

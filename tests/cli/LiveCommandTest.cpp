@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <atomic>
 #include <chrono>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>

@@ -6,6 +6,7 @@
 #include "tests/cli/Program.h"
 
 #include <algorithm>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace sealscope::cli {

@@ -8,6 +8,7 @@
 #include "tests/support/Printers.h"
 
 #include <algorithm>
+#include <gmock/gmock.h>
 #include <map>
 #include <thread>
 

@@ -2,6 +2,8 @@
 #include "tests/streams/ScriptedCapture.h"
 #include "tests/support/Printers.h"
 
+#include <gtest/gtest.h>
+
 using namespace sealscope;
 
 namespace {

@@ -4,6 +4,7 @@
 #include "tests/support/Printers.h"
 
 #include <atomic>
+#include <gtest/gtest.h>
 #include <random>
 #include <thread>
 
