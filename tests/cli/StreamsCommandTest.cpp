@@ -122,13 +122,13 @@ TEST(StreamsCommand, SaysWhyAStreamDoesNotDecrypt)
     };
     const Case cases[] = {
         {"the right log", tls13().flights, ours, "decrypted", "client 2 of 2 records, 4 bytes; server "},
-        {"no line for it", tls13().flights, theirs, "noKeyMaterial", "and none of its 1 client random is of this capture"},
+        {"no line for it", tls13().flights, theirs, "noKeyMaterial", "its 1 other all come from other captures"},
         {"handshake secrets alone", tls13().flights,
          linesOf(ours, "CLIENT_HANDSHAKE_TRAFFIC_SECRET") + linesOf(ours, "SERVER_HANDSHAKE_TRAFFIC_SECRET"), "noKeyMaterial",
          "the key log has only CLIENT_HANDSHAKE_TRAFFIC_SECRET, SERVER_HANDSHAKE_TRAFFIC_SECRET for this connection; TLS 1.3 needs "
          "CLIENT_TRAFFIC_SECRET_0, SERVER_TRAFFIC_SECRET_0"},
-        {"another secret", tls12().flights, spoilt(theirs), "keyMismatch", "the key log's secrets open nothing of this connection"},
-        {"a version too old", old.flights, old.keyLog, "unsupportedVersion", "TLS 1.0 cannot be opened; TLS 1.2 and TLS 1.3 can"},
+        {"another secret", tls12().flights, spoilt(theirs), "keyMismatch", "the key log's secrets do not open this connection"},
+        {"a version too old", old.flights, old.keyLog, "unsupportedVersion", "TLS 1.0 is not supported for decryption"},
     };
     for (const auto& [name, flights, keyLog, verdict, sentence] : cases) {
         const std::string capture = write(directory, "capture.pcap", {flights});
@@ -157,7 +157,7 @@ TEST(StreamsCommand, CountsTheConnectionsThatTheKeyLogIsFor)
     const auto rows = jsonLines(sealscope({"streams", "--json", "-k", directory.write("keys.txt", tls12().keyLog), capture}).output);
     ASSERT_EQ(rows.size(), 2);
     EXPECT_EQ(rows[0]["verdict"], "noKeyMaterial");
-    EXPECT_THAT(rows[0]["reason"]["sentence"].get<std::string>(), HasSubstr("it has 1 other, 1 of this capture"));
+    EXPECT_THAT(rows[0]["reason"]["sentence"].get<std::string>(), HasSubstr("it has 1 other, 1 from this capture"));
     EXPECT_EQ(rows[0]["reason"]["keyLog"]["connectionsOfThisCapture"], 1);
     EXPECT_EQ(rows[1]["verdict"], "decrypted");
 }
@@ -190,7 +190,7 @@ TEST(StreamsCommand, TakesKeyLogsFromTheEnvironmentUnlessTheyAreNamed)
         sealscope({"streams", "--json", capture}, {.environment = {"SSLKEYLOGFILE=" + directory.file("none.txt")}});
     EXPECT_EQ(missing.status, 0);
     EXPECT_EQ(jsonLines(missing.output)[0]["reason"]["sentence"],
-              "there is no secret at hand: " + directory.file("none.txt") + ": No such file or directory");
+              "no key log with secrets: " + directory.file("none.txt") + ": No such file or directory");
 }
 
 TEST(StreamsCommand, TellsWhatIsTheMatterWithANamedKeyLog)
@@ -206,7 +206,7 @@ TEST(StreamsCommand, TellsWhatIsTheMatterWithANamedKeyLog)
         {directory.file("missing.txt"), 1, "No such file or directory"},
         {directory.path().string(), 1, "is a directory"},
         {directory.write("empty.txt", std::string_view()), 0, "is empty"},
-        {directory.write("binary.txt", patternBytes(3'000)), 0, "none of its "},
+        {directory.write("binary.txt", patternBytes(3'000)), 0, "not a key log (none of its "},
     };
     for (const auto& [file, status, reason] : cases) {
         const ProgramResult result = sealscope({"streams", "--json", "-k", file, capture});
@@ -218,7 +218,7 @@ TEST(StreamsCommand, TellsWhatIsTheMatterWithANamedKeyLog)
     // Beside another that opens everything, even a large one is told.
     const std::string good = directory.write("good.txt", tls13().keyLog), large = directory.write("large.txt", patternBytes(2'000'000));
     const ProgramResult result = sealscope({"streams", "--json", "-k", good, "-k", large, capture});
-    EXPECT_THAT(result.errors, testing::StartsWith("sealscope: --keylog " + large + ": none of its "));
+    EXPECT_THAT(result.errors, testing::StartsWith("sealscope: --keylog " + large + ": not a key log (none of its "));
     EXPECT_THAT(verdicts(result), ElementsAre("decrypted"));
 }
 

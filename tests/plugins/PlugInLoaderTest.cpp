@@ -84,7 +84,7 @@ TEST_F(PlugInLoaderTest, TellsWhatIsWrongWithABundleAndLoadsTheRest)
         {"TestThrowing", "failed while being created: the moon is full"},
         {"TestThrowingNumber", "failed while being created, for a reason that it does not tell"},
         {"TestGivingNothing", "its principal class gave no object"},
-        {"TestOfOtherVersion", "is built for version 42 of the plug-in contract, this program has version 1"},
+        {"TestOfOtherVersion", "is built for version 43 of the plug-in contract, this program has version 2"},
         {"TestWithoutPrincipalClass", "has no principal class"},
         {"TestWithoutEntry", "is no plug-in: its module does not export velBundleEntry"},
         {"TestUnresolved", "does not load: undefined symbol: _Z25someFunctionThatIsNowherev"},
@@ -122,9 +122,9 @@ TEST_F(PlugInLoaderTest, TellsWhatIsWrongWithAFolder)
          [](const fs::path& bundle) {
              // The module would load; it must not be asked.
              writeFile(bundle / "Info.json",
-                       DataView(std::string_view(R"({"CFBundleExecutable": "TestFine.so", "VELContractVersion": 2})")));
+                       DataView(std::string_view(R"({"CFBundleExecutable": "TestFine.so", "VELContractVersion": 1})")));
          },
-         "is built for version 2 of the plug-in contract, this program has version 1"},
+         "is built for version 1 of the plug-in contract, this program has version 2"},
         {"module elsewhere",
          [](const fs::path& bundle) {
              writeFile(bundle / "Info.json", DataView(std::string_view(R"({"CFBundleExecutable": "../TestFine.so"})")));
