@@ -1,0 +1,64 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "interpreters/HTTP/Conversation.h"
+
+#include "interpreters/HTTP/HTTPMessage.h"
+
+#include <algorithm>
+#include <array>
+#include <numeric>
+#include <utility>
+
+namespace sealscope {
+
+void Conversation::pair(std::int64_t request, std::optional<std::int64_t> reply)
+{
+    pairings_.push_back({.requestIndex = request,
+                         .replyIndex = reply,
+                         .summary = HTTPMessages::pairingSummary((*this)[request], reply ? &(*this)[*reply] : nullptr),
+                         .status = reply ? PairingStatus::matched : PairingStatus::unmatched});
+}
+
+void Conversation::append(StreamInterpretation carried)
+{
+    const std::int64_t first = size();
+    for (StreamMessage& message : carried.messages) messages_.push_back(std::move(message));
+    if (!carried.pairings) return;
+    for (Pairing& pairing : *carried.pairings) {
+        pairing.requestIndex += first;
+        if (pairing.replyIndex) *pairing.replyIndex += first;
+        pairings_.push_back(std::move(pairing));
+    }
+}
+
+StreamInterpretation Conversation::finish()
+{
+    // A message without a time stays with the one before it in its direction.
+    std::vector<double> times(messages_.size());
+    std::array<double, 2> latest{};
+    for (std::size_t i = 0; i < messages_.size(); ++i) {
+        double& last = latest[messages_[i].direction == TCPSegment::Direction::clientToServer ? 0 : 1];
+        times[i] = messages_[i].timestamp > 0 ? messages_[i].timestamp : last;
+        last = times[i];
+    }
+    std::vector<std::int64_t> order(messages_.size());
+    std::iota(order.begin(), order.end(), 0);
+    std::ranges::stable_sort(order, {}, [&](std::int64_t position) { return times[static_cast<std::size_t>(position)]; });
+
+    StreamInterpretation result;
+    std::vector<std::int64_t> places(messages_.size());
+    result.messages.reserve(messages_.size());
+    for (const std::int64_t position : order) {
+        places[static_cast<std::size_t>(position)] = static_cast<std::int64_t>(result.messages.size());
+        result.messages.push_back(std::move(messages_[static_cast<std::size_t>(position)]));
+    }
+    if (pairings_.empty()) return result;
+    for (Pairing& pairing : pairings_) {
+        pairing.requestIndex = places[static_cast<std::size_t>(pairing.requestIndex)];
+        if (pairing.replyIndex) pairing.replyIndex = places[static_cast<std::size_t>(*pairing.replyIndex)];
+    }
+    std::ranges::stable_sort(pairings_, {}, &Pairing::requestIndex);
+    result.pairings = std::move(pairings_);
+    return result;
+}
+
+}  // namespace sealscope

@@ -1,0 +1,236 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "interpreters/HTTP/HTTP1Interpreter.h"
+
+#include "interpreters/HTTP/CarriedStream.h"
+#include "interpreters/HTTP/Conversation.h"
+#include "interpreters/HTTP/HTTP1Direction.h"
+
+#include <algorithm>
+#include <iterator>
+#include <optional>
+#include <utility>
+#include <vector>
+
+namespace sealscope {
+
+namespace {
+
+using Direction = TCPSegment::Direction;
+using Kind = HTTP1Head::Kind;
+
+// As far as a stream whose start the capture lacks is searched for HTTP.
+constexpr std::int64_t searchedForStart = 16'384;
+constexpr std::int64_t longestStartLine = 65'536;
+
+bool beginsWith(const TCPStream& stream, Direction direction, Kind kind)
+{
+    const StreamData& data = stream.data(direction);
+    // One look at the first bytes settles most streams.
+    const DataView first = data.stretch(0);
+    if (kind == Kind::reply && (first.u8(0) != 'H' || data.size() < 12)) return false;
+    StreamWindow window(data);
+    return HTTP1Head::isStartLine(window.line(0, longestStartLine).text(), kind);
+}
+
+bool holds(const TCPStream& stream, Direction direction, Kind kind)
+{
+    StreamWindow window(stream.data(direction));
+    return window.findLine({0, searchedForStart}, [&](std::string_view line) { return HTTP1Head::isStartLine(line, kind); }).has_value();
+}
+
+/// Who asks. Of a connection whose start the capture lacks the two sides may be taken for each other.
+std::optional<Direction> asker(const TCPStream& stream)
+{
+    for (const Direction direction : {Direction::clientToServer, Direction::serverToClient})
+        if (beginsWith(stream, direction, Kind::request) || beginsWith(stream, opposite(direction), Kind::reply)) return direction;
+    for (const Direction direction : {Direction::clientToServer, Direction::serverToClient})
+        if (holds(stream, direction, Kind::request) && holds(stream, opposite(direction), Kind::reply)) return direction;
+    return std::nullopt;
+}
+
+/// Reads both directions side by side: how a reply is framed depends on its request, and what follows a request may depend on
+/// its reply.
+class HTTP1Reading {
+public:
+    HTTP1Reading(const TCPStream& stream, const StreamContext& context, Direction asking)
+        : stream_(stream), context_(context), requests_(stream, asking, Kind::request, context),
+          replies_(stream, opposite(asking), Kind::reply, context)
+    {}
+
+    StreamInterpretation read()
+    {
+        readReplies();
+        if (!isSwitched_) {
+            while (readRequest()) {}
+            if (pausedAt_) switchUnanswered();
+        }
+        for (Asked& asked : asked_)
+            if (!asked.isAnswered) conversation_.pair(asked.position, std::nullopt);
+        addOthers(requests_);
+        addOthers(replies_);
+        return conversation_.finish();
+    }
+
+private:
+    /// A request that was read, as far as its reply needs it.
+    struct Asked {
+        HTTPMessage message;  ///< method and URL
+        std::int64_t position = 0;
+        double time = 0;
+        bool isAnswered = false;
+    };
+
+    void addOthers(HTTP1Direction& direction)
+    {
+        for (StreamMessage& other : direction.takeOthers()) conversation_.add(std::move(other));
+    }
+
+    bool readRequest()
+    {
+        if (pausedAt_) return false;
+        auto read = requests_.next(nullptr);
+        addOthers(requests_);
+        if (!read) return false;
+        Asked asked{.time = read->time};
+        asked.message.method = read->message.method;
+        asked.message.url = read->message.url;
+        if (read->isUpgrade) {
+            pausedAt_ = asked_.size();
+            upgradeRequest_ = read->message.fields;
+        }
+        asked.position = conversation_.add(HTTPMessages::shown(std::move(read->message), stream_, context_));
+        asked_.push_back(std::move(asked));
+        return true;
+    }
+
+    /// The request that the reply in front answers, if it is there; replies come in the order of requests (RFC 9112 §9.3.2).
+    Asked* findRequest()
+    {
+        if (answered_ == asked_.size()) readRequest();
+        if (answered_ == asked_.size()) return nullptr;
+        const double time = replies_.time(replies_.offset());
+        // Nobody answers before the question: that request is not in the capture.
+        if (time > 0 && asked_[answered_].time > time) return nullptr;
+        if (!replies_.takeGap()) return &asked_[answered_];
+        // After lost replies the order says nothing any more, but the times do: the latest question before this reply.
+        while (time > 0 && !pausedAt_) {
+            if (answered_ + 1 == asked_.size() && !readRequest()) break;
+            if (asked_[answered_ + 1].time > time) break;
+            ++answered_;
+        }
+        return &asked_[answered_];
+    }
+
+    void readReplies()
+    {
+        for (;;) {
+            Asked* asked = findRequest();
+            auto read = replies_.next(asked ? &asked->message : nullptr);
+            addOthers(replies_);
+            if (!read) return;
+            if (asked && read->time > 0 && asked->time > read->time) asked = nullptr;
+            const bool isInterim = read->message.kind == StreamMessageKind::data;
+            const bool isTunnel = read->isTunnel;
+            const HeaderFields fields = isTunnel ? read->message.fields : HeaderFields();
+            const std::int64_t position = conversation_.add(HTTPMessages::shown(std::move(read->message), stream_, context_));
+            if (isInterim) continue;
+            if (asked) {
+                asked->isAnswered = true;
+                conversation_.pair(asked->position, position);
+                const bool wasPaused = pausedAt_ == answered_;
+                ++answered_;
+                if (wasPaused) {
+                    pausedAt_.reset();
+                    if (isTunnel) return switchProtocol(fields);
+                }
+            }
+            if (isTunnel && !asked) return switchProtocol(fields);
+        }
+    }
+
+    /// What follows belongs to another protocol.
+    void switchProtocol(const HeaderFields& reply)
+    {
+        isSwitched_ = true;
+        const ByteRanges asking = ByteRange{requests_.offset(), stream_.data(requests_.direction()).size()};
+        const ByteRanges answering = ByteRange{replies_.offset(), stream_.data(replies_.direction()).size()};
+        const bool isClientAsking = requests_.direction() == Direction::clientToServer;
+        const ByteRanges& client = isClientAsking ? asking : answering;
+        const ByteRanges& server = isClientAsking ? answering : asking;
+        if (client.isEmpty() && server.isEmpty()) return;
+
+        const TCPStream inner = CarriedStream::inside(stream_, client, server);
+        StreamContext context = context_;
+        ++context.depth;
+        const std::string* const protocol = HeaderField::find(reply, "upgrade");
+        context.applicationProtocol = protocol ? std::optional(*protocol) : std::nullopt;
+        std::optional<StreamInterpretation> carried;
+        if (context_.host && context.depth <= StreamContext::deepest) carried = context_.host->carriedInterpretation(inner, context);
+        if (!carried) carried = bytesOf(inner);
+        for (StreamMessage& message : carried->messages) {
+            // What was decrypted on the way counts in its own plaintext.
+            if (message.isDecrypted || !message.byteRange) continue;
+            message.byteRange =
+                CarriedStream::outerRange(message.direction == Direction::clientToServer ? client : server, *message.byteRange);
+        }
+        conversation_.append(*std::move(carried));
+    }
+
+    /// A tunnel or an upgrade whose reply the capture lacks: what follows is HTTP, or it was granted.
+    void switchUnanswered()
+    {
+        const std::size_t paused = *std::exchange(pausedAt_, std::nullopt);
+        const StreamData& data = stream_.data(requests_.direction());
+        if (requests_.offset() == data.size()) return;
+        StreamWindow window(data);
+        if (HTTP1Head::isStartLine(window.line(requests_.offset(), longestStartLine).text(), Kind::request)) {
+            while (readRequest()) pausedAt_.reset();
+        } else if (replies_.offset() == stream_.data(replies_.direction()).size()) {
+            switchProtocol(asked_[paused].message.method == "CONNECT" ? HeaderFields() : upgradeRequest_);
+        }
+    }
+
+    /// A message a direction, where no interpreter knows what is in a tunnel.
+    static StreamInterpretation bytesOf(const TCPStream& inner)
+    {
+        StreamInterpretation bytes;
+        for (const Direction direction : {Direction::clientToServer, Direction::serverToClient}) {
+            const StreamData& data = inner.data(direction);
+            if (data.isEmpty()) continue;
+            StreamMessage message{.direction = direction, .summary = "Tunnel data"};
+            message.body = StreamBody(data);
+            message.bodyHint = StreamBodyHint::binary();
+            message.attributes = {{"encodedBytes", data.size()}};
+            HTTPMessages::locate(message, inner, {0, data.size()}, {});
+            bytes.messages.push_back(std::move(message));
+        }
+        return bytes;
+    }
+
+    const TCPStream& stream_;
+    const StreamContext& context_;
+    HTTP1Direction requests_;
+    HTTP1Direction replies_;
+    Conversation conversation_;
+    std::vector<Asked> asked_;
+    std::size_t answered_ = 0;  ///< requests that are answered or passed over
+    /// The request that may change what follows it; no further one is read until it is answered.
+    std::optional<std::size_t> pausedAt_;
+    HeaderFields upgradeRequest_;
+    bool isSwitched_ = false;
+};
+
+}  // namespace
+
+bool HTTP1Interpreter::canInterpret(const TCPStream& stream, const StreamContext& context)
+{
+    if (const auto& protocol = context.applicationProtocol) return *protocol == "http/1.1" || *protocol == "http/1.0";
+    return asker(stream).has_value();
+}
+
+StreamInterpretation HTTP1Interpreter::interpret(const TCPStream& stream, const StreamContext& context)
+{
+    return HTTP1Reading(stream, context, asker(stream).value_or(Direction::clientToServer)).read();
+}
+
+}  // namespace sealscope

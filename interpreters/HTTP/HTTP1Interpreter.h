@@ -1,0 +1,18 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "host/VELModels/VELStreamInterpreting.h"
+
+#include <string_view>
+
+namespace sealscope {
+
+/// HTTP/1.0 and 1.1 (RFC 9112): requests and replies, and what a tunnel or an upgraded connection carries.
+struct HTTP1Interpreter {
+    static constexpr std::string_view streamDisplayName = "HTTP/1";
+
+    static bool canInterpret(const TCPStream& stream, const StreamContext& context);
+    static StreamInterpretation interpret(const TCPStream& stream, const StreamContext& context);
+};
+
+}  // namespace sealscope

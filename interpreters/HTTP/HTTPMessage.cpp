@@ -1,0 +1,164 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "interpreters/HTTP/HTTPMessage.h"
+
+#include "interpreters/HTTP/MessageText.h"
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+namespace sealscope {
+
+namespace {
+
+/// More layers than this are nobody's wish.
+constexpr std::size_t mostCodings = 4;
+
+/// The path and query of a URL; of "*" or an authority alone, all of it.
+std::string_view pathOf(std::string_view url)
+{
+    const std::size_t authority = url.find("://");
+    if (authority == std::string_view::npos) return url;
+    const std::size_t path = url.find('/', authority + 3);
+    return path == std::string_view::npos ? url.substr(authority + 3) : url.substr(path);
+}
+
+void append(std::string& list, std::string_view item)
+{
+    if (item.empty()) return;
+    if (!list.empty()) list += ", ";
+    list += item;
+}
+
+}  // namespace
+
+std::string_view HTTPMessages::text(const StreamMessage& message, std::string_view key)
+{
+    const VELValue* const value = message.attribute(key);
+    const auto* const text = value ? std::get_if<std::string>(value) : nullptr;
+    return text ? std::string_view(*text) : std::string_view();
+}
+
+std::int64_t HTTPMessages::number(const StreamMessage& message, std::string_view key)
+{
+    const VELValue* const value = message.attribute(key);
+    const auto* const number = value ? std::get_if<std::int64_t>(value) : nullptr;
+    return number ? *number : 0;
+}
+
+void HTTPMessages::readCodings(HTTPMessage& message)
+{
+    if (message.body.ranges.isEmpty()) return;
+    std::vector<ContentCoding> codings;
+    const auto read = [&](std::string_view name) {
+        for (const std::string_view member : HeaderField::list(message.fields, name)) {
+            if (HeaderField::isNamed(member, "identity") || (name == "transfer-encoding" && HeaderField::isNamed(member, "chunked")))
+                continue;
+            const auto coding = contentCodingNamed(member);
+            if (coding && codings.size() < mostCodings) {
+                codings.push_back(*coding);
+                continue;
+            }
+            message.notes.push_back({"Body not decoded", coding ? "more than 4 content codings on top of each other"
+                                                                : "the coding " + std::string(member) + " is not known"});
+            codings.clear();
+            return false;
+        }
+        return true;
+    };
+    if (read("content-encoding") && read("transfer-encoding")) message.body.codings = std::move(codings);
+}
+
+void HTTPMessages::locate(StreamMessage& shown, const TCPStream& stream, ByteRange range, const ByteRanges& pieces)
+{
+    shown.byteRange = range;
+    ByteLocation place;
+    if (pieces.isInOnePlace()) {
+        place = stream.locate(range, shown.direction);
+    } else {
+        PacketIdCollector packets(place.packetIds);
+        pieces.forEach([&](ByteRange piece) {
+            const ByteLocation part = stream.locate(piece, shown.direction);
+            for (const std::int64_t packetId : part.packetIds) packets.add(packetId);
+            if (part.timestamp) place.timestamp = std::min(place.timestamp.value_or(*part.timestamp), *part.timestamp);
+            return true;
+        });
+    }
+    shown.packetIds = std::move(place.packetIds);
+    shown.timestamp = place.timestamp.value_or(0);
+    if (shown.packetIds.size() < 2) return;
+    const auto end = stream.locate({range.upper - 1, range.upper}, shown.direction).timestamp;
+    if (end && *end > shown.timestamp) shown.endTimestamp = end;
+}
+
+std::string HTTPMessages::bodyText(const StreamMessage& reply)
+{
+    std::string inside;
+    append(inside, HeaderField::mediaType(text(reply, "contentType")));
+    if (const std::int64_t bytes = number(reply, "encodedBytes"); bytes > 0 || inside.empty()) {
+        append(inside, bytes > 0 ? byteCountText(bytes) : "no body");
+        // What it decodes to is known once somebody has decoded it.
+        if (const std::string_view coding = text(reply, "contentEncoding"); !coding.empty()) inside += ' ', inside += coding;
+    }
+    return inside;
+}
+
+StreamMessage HTTPMessages::shown(HTTPMessage message, const TCPStream& stream, const StreamContext& context)
+{
+    StreamMessage shown{.direction = message.direction, .kind = message.kind};
+    const bool isRequest = message.kind == StreamMessageKind::request;
+    const std::string* const contentType = HeaderField::find(message.fields, "content-type");
+
+    shown.attributes = std::move(message.attributes);
+    shown.attributes.reserve(shown.attributes.size() + 6);
+    if (isRequest) {
+        shown.attributes.push_back({"method", message.method});
+        shown.attributes.push_back({"url", message.url});
+    } else {
+        shown.attributes.push_back({"status", std::int64_t{message.status}});
+    }
+    shown.attributes.push_back({"protocol", std::string(message.protocol)});
+    if (contentType) shown.attributes.push_back({"contentType", *contentType});
+    shown.attributes.push_back({"encodedBytes", message.body.ranges.size()});
+    if (!message.body.codings.empty())
+        if (const std::string* const coding = HeaderField::find(message.fields, "content-encoding"))
+            shown.attributes.push_back({"contentEncoding", *coding});
+
+    if (isRequest) {
+        shown.summary.reserve(message.method.size() + 1 + message.url.size());
+        shown.summary.append(message.method).append(1, ' ').append(message.url);
+    } else {
+        shown.summary = std::to_string(message.status);
+        if (message.kind == StreamMessageKind::data && !message.reason.empty()) shown.summary += ' ' + message.reason;
+        if (message.kind == StreamMessageKind::reply) shown.summary += " (" + bodyText(shown) + ')';
+    }
+
+    if (!message.body.ranges.isEmpty()) {
+        shown.filename = HeaderField::suggestedName(message.fields, message.url);
+        shown.bodyHint = contentType ? HeaderField::bodyHint(*contentType) : StreamBodyHint::binary();
+        if (!message.body.shortfall.empty()) message.notes.push_back({"Body incomplete", message.body.shortfall});
+        shown.body =
+            StreamBody(std::make_shared<const MessageBody>(stream, message.direction, std::move(message.body), context.largestDecodedBody));
+    }
+    locate(shown, stream, message.range, message.pieces);
+
+    shown.detail = std::move(message.fields);
+    for (DetailRow& trailer : message.trailers) shown.detail.push_back({std::move(trailer.name) + " (trailer)", std::move(trailer.value)});
+    std::ranges::move(message.notes, std::back_inserter(shown.detail));
+    return shown;
+}
+
+std::string HTTPMessages::pairingSummary(const StreamMessage& request, const StreamMessage* reply)
+{
+    std::string summary(text(request, "method"));
+    summary.append(1, ' ').append(pathOf(text(request, "url")));
+    if (!reply) return summary;
+    summary.append(" → ").append(std::to_string(number(*reply, "status"))).append(" (").append(bodyText(*reply));
+    if (request.timestamp > 0 && reply->timestamp > 0) {
+        summary.append(", ").append(durationText(reply->endTimestamp.value_or(reply->timestamp) - request.timestamp));
+    }
+    summary += ')';
+    return summary;
+}
+
+}  // namespace sealscope
