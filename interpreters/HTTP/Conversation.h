@@ -18,6 +18,8 @@ public:
         messages_.push_back(std::move(message));
         return static_cast<std::int64_t>(messages_.size()) - 1;
     }
+    /// So many messages say enough of one connection, and more would need memory out of proportion to its bytes.
+    bool isFull() const { return messages_.size() >= 1'000'000; }
     void reserve(std::size_t messages) { messages_.reserve(messages); }
     StreamMessage& operator[](std::int64_t position) { return messages_[static_cast<std::size_t>(position)]; }
     std::int64_t size() const { return static_cast<std::int64_t>(messages_.size()); }

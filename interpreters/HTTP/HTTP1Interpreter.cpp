@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "interpreters/HTTP/HTTP1Interpreter.h"
 
-#include "interpreters/HTTP/CarriedStream.h"
+#include "interpreters/HTTP/Carried.h"
 #include "interpreters/HTTP/Conversation.h"
 #include "interpreters/HTTP/HTTP1Direction.h"
 
@@ -87,7 +87,7 @@ private:
 
     bool readRequest()
     {
-        if (pausedAt_) return false;
+        if (pausedAt_ || conversation_.isFull()) return false;
         auto read = requests_.next(nullptr);
         addOthers(requests_);
         if (!read) return false;
@@ -123,7 +123,7 @@ private:
 
     void readReplies()
     {
-        for (;;) {
+        while (!conversation_.isFull()) {
             Asked* asked = findRequest();
             auto read = replies_.next(asked ? &asked->message : nullptr);
             addOthers(replies_);
@@ -155,25 +155,12 @@ private:
         const ByteRanges asking = ByteRange{requests_.offset(), stream_.data(requests_.direction()).size()};
         const ByteRanges answering = ByteRange{replies_.offset(), stream_.data(replies_.direction()).size()};
         const bool isClientAsking = requests_.direction() == Direction::clientToServer;
-        const ByteRanges& client = isClientAsking ? asking : answering;
-        const ByteRanges& server = isClientAsking ? answering : asking;
-        if (client.isEmpty() && server.isEmpty()) return;
-
-        const TCPStream inner = CarriedStream::inside(stream_, client, server);
-        StreamContext context = context_;
-        ++context.depth;
         const std::string* const protocol = HeaderField::find(reply, "upgrade");
-        context.applicationProtocol = protocol ? std::optional(*protocol) : std::nullopt;
-        std::optional<StreamInterpretation> carried;
-        if (context_.host && context.depth <= StreamContext::deepest) carried = context_.host->carriedInterpretation(inner, context);
-        if (!carried) carried = bytesOf(inner);
-        for (StreamMessage& message : carried->messages) {
-            // What was decrypted on the way counts in its own plaintext.
-            if (message.isDecrypted || !message.byteRange) continue;
-            message.byteRange =
-                CarriedStream::outerRange(message.direction == Direction::clientToServer ? client : server, *message.byteRange);
-        }
-        conversation_.append(*std::move(carried));
+        Carried::append(conversation_, stream_, context_,
+                        {.client = isClientAsking ? asking : answering,
+                         .server = isClientAsking ? answering : asking,
+                         .protocol = protocol ? std::optional(*protocol) : std::nullopt,
+                         .reply = reply});
     }
 
     /// A tunnel or an upgrade whose reply the capture lacks: what follows is HTTP, or it was granted.
@@ -188,23 +175,6 @@ private:
         } else if (replies_.offset() == stream_.data(replies_.direction()).size()) {
             switchProtocol(asked_[paused].message.method == "CONNECT" ? HeaderFields() : upgradeRequest_);
         }
-    }
-
-    /// A message a direction, where no interpreter knows what is in a tunnel.
-    static StreamInterpretation bytesOf(const TCPStream& inner)
-    {
-        StreamInterpretation bytes;
-        for (const Direction direction : {Direction::clientToServer, Direction::serverToClient}) {
-            const StreamData& data = inner.data(direction);
-            if (data.isEmpty()) continue;
-            StreamMessage message{.direction = direction, .summary = "Tunnel data"};
-            message.body = StreamBody(data);
-            message.bodyHint = StreamBodyHint::binary();
-            message.attributes = {{"encodedBytes", data.size()}};
-            HTTPMessages::locate(message, inner, {0, data.size()}, {});
-            bytes.messages.push_back(std::move(message));
-        }
-        return bytes;
     }
 
     const TCPStream& stream_;

@@ -4,6 +4,8 @@
 #include "host/VELDependencies/VELPlugInBundle.h"
 #include "host/VELModels/VELPlugInsController.h"
 #include "interpreters/HTTP/HTTP1Interpreter.h"
+#include "interpreters/HTTP/HTTP2Interpreter.h"
+#include "interpreters/HTTP/WebSocketInterpreter.h"
 
 namespace sealscope {
 
@@ -36,7 +38,8 @@ HTTPPlugInController::HTTPPlugInController()
         .plugInAuthor = *pluginAuthor(),
         .plugInPrincipalClass = &principalClass,
     };
-    structure.plugInStreamInterpreters = {VELStreamInterpreting::type<HTTP1Interpreter>()};
+    structure.plugInStreamInterpreters = {VELStreamInterpreting::type<HTTP2Interpreter>(), VELStreamInterpreting::type<HTTP1Interpreter>(),
+                                          VELStreamInterpreting::type<WebSocketInterpreter>()};
     structure.plugInTargetProtocols = {{.id = UUID::random(), .protocolName = "HTTP"}};
     VELPlugInsController::sharedManager().registerVELPlugIn(std::move(structure), plugInBundle());
 }

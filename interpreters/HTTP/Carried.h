@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "host/VELModels/StreamContext.h"
+#include "interpreters/HTTP/CarriedStream.h"
+#include "interpreters/HTTP/Conversation.h"
+#include "interpreters/HTTP/HeaderFields.h"
+
+#include <optional>
+#include <string>
+
+namespace sealscope {
+
+/// What a tunnel or an upgraded connection carries.
+struct Carried {
+    ByteRanges client;  ///< of the outer stream's client to server data
+    ByteRanges server;
+    std::optional<std::string> protocol;  ///< that both sides agreed on: "websocket"
+    HeaderFields reply;                   ///< the fields of the reply that granted it
+
+    /// Adds what the application's interpreters make of it, or its bytes.
+    static void append(Conversation& conversation, const TCPStream& outer, const StreamContext& context, const Carried& carried);
+};
+
+}  // namespace sealscope

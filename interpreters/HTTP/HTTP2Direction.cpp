@@ -1,0 +1,227 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "interpreters/HTTP/HTTP2Direction.h"
+
+#include "interpreters/HTTP/MessageText.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <utility>
+
+namespace sealscope {
+
+namespace {
+
+using Type = HTTP2Frame::Type;
+
+// A connection that pings every second is shown for a while, then counted.
+constexpr std::size_t mostFrames = 1'000;
+constexpr std::size_t mostPriorityRows = 100;
+constexpr std::size_t mostGaps = 1'000;
+// Frames in a row that make it certain that they are frames.
+constexpr int certain = 3;
+
+/// "weight 16, after stream 3" (RFC 7540 §5.3.2): five bytes.
+std::string priorityText(StreamReader& reader, std::int64_t offset)
+{
+    const std::uint32_t dependency = static_cast<std::uint32_t>(reader.u16(offset)) << 16 | reader.u16(offset + 2);
+    return fmt::format("weight {}, {} stream {}", reader.u8(offset + 4) + 1, dependency >> 31 ? "alone below" : "below",
+                       dependency & 0x7FFF'FFFF);
+}
+
+}  // namespace
+
+HTTP2Direction::HTTP2Direction(const TCPStream& stream, TCPSegment::Direction direction, Start start)
+    : stream_(stream), data_(stream.data(direction)), direction_(direction), lost_(stream, direction), reader_(data_)
+{
+    if (HTTP2Frame::beginsWithPreface(data_)) {
+        offset_ = std::ssize(HTTP2Frame::preface);
+    } else if (start == Start::missing) {
+        decompressor_.forget();
+        if (!HTTP2Frame::isChain(reader_, 0, certain)) resynchronize(0);
+    }
+    read();
+    if (open_) endHeaders();
+}
+
+HTTP2Half* HTTP2Direction::half(std::uint32_t stream)
+{
+    const auto place = places_.find(stream);
+    return place == places_.end() ? nullptr : &halves_[place->second];
+}
+
+HTTP2Half& HTTP2Direction::halfFor(std::uint32_t stream)
+{
+    const auto [place, isNew] = places_.try_emplace(stream, halves_.size());
+    if (isNew) halves_.emplace_back().stream = stream;
+    return halves_[place->second];
+}
+
+void HTTP2Direction::appendFrame(HTTP2Half& half, const HTTP2Frame& frame)
+{
+    half.frames.append({frame.offset, std::min(frame.range().upper, data_.size())});
+}
+
+void HTTP2Direction::resynchronize(std::int64_t from)
+{
+    if (open_) {
+        open_->block.notes.push_back({"Header incomplete", "the capture lacks its end"});
+        endHeaders();
+    }
+    decompressor_.forget();
+    std::int64_t offset = from;
+    while (offset < data_.size() && !HTTP2Frame::isChain(reader_, offset, certain)) {
+        // A hole may be longer than any memory.
+        const auto lost = reader_.u8(offset) == 0 ? lost_.firstIn({offset, offset + 1}) : std::nullopt;
+        offset = lost ? std::max(offset + data_.stretch(offset).size(), offset + 1) : offset + 1;
+    }
+    if (gaps_.size() < mostGaps) gaps_.push_back({offset_, offset});
+    offset_ = offset;
+}
+
+void HTTP2Direction::read()
+{
+    while (offset_ < data_.size()) {
+        const HTTP2Frame frame = HTTP2Frame::read(reader_, offset_);
+        const ByteRange header{offset_, std::min(offset_ + HTTP2Frame::headerLength, data_.size())};
+        if (const auto lost = lost_.firstIn(header)) {
+            resynchronize(lost->upper);
+            continue;
+        }
+        if (header.size() < HTTP2Frame::headerLength) {
+            gaps_.push_back(header);  // the capture ends in it
+            break;
+        }
+        if (!frame.isPossible()) {
+            resynchronize(offset_ + 1);
+            continue;
+        }
+        readFrame(frame);
+        offset_ = frame.range().upper;
+    }
+}
+
+ByteRange HTTP2Direction::withoutPadding(const HTTP2Frame& frame)
+{
+    ByteRange payload = frame.payload();
+    if (frame.has(HTTP2Frame::padded) && frame.length > 0) {
+        const std::int64_t padding = reader_.u8(payload.lower++);
+        payload.upper = std::max(payload.lower, payload.upper - padding);
+    }
+    payload.upper = std::min(payload.upper, data_.size());
+    payload.lower = std::min(payload.lower, payload.upper);
+    return payload;
+}
+
+void HTTP2Direction::readFrame(const HTTP2Frame& frame)
+{
+    // Nothing may come between a header block's frames (RFC 9113 §4.3).
+    if (open_ && (frame.type != Type::continuation || frame.stream != open_->frameStream)) {
+        open_->block.notes.push_back({"Header incomplete", frame.typeName() + " came in its middle"});
+        endHeaders();
+    }
+    switch (frame.type) {
+    case Type::data: {
+        HTTP2Half& half = halfFor(frame.stream);
+        appendFrame(half, frame);
+        half.data.append(withoutPadding(frame));
+        if (frame.has(HTTP2Frame::endStream) && frame.range().upper <= data_.size()) half.isEnded = true;
+        return;
+    }
+    case Type::headers: return readHeaders(frame, frame.has(HTTP2Frame::hasPriority) ? 5 : 0, frame.stream);
+    case Type::pushPromise: {
+        const std::int64_t offset = withoutPadding(frame).lower;
+        const std::uint32_t promised = (static_cast<std::uint32_t>(reader_.u16(offset)) << 16 | reader_.u16(offset + 2)) & 0x7FFF'FFFF;
+        // The promised request is kept apart from what is sent on its stream.
+        readHeaders(frame, 4, promised | 0x8000'0000);
+        halfFor(promised | 0x8000'0000).promisedOn = frame.stream;
+        return;
+    }
+    case Type::continuation:
+        if (!open_) return;  // of a block whose beginning the capture lacks
+        return readHeaders(frame, 0, frame.stream);
+    case Type::rstStream: {
+        HTTP2Half& half = halfFor(frame.stream);
+        const std::int64_t code = frame.payload().lower;
+        half.resetCode = static_cast<std::uint32_t>(reader_.u16(code)) << 16 | reader_.u16(code + 2);
+        appendFrame(half, frame);
+        break;
+    }
+    case Type::priority:
+        if (++priorities_ <= static_cast<std::int64_t>(mostPriorityRows))
+            priorityRows_.push_back({fmt::format("Priority of stream {}", frame.stream), priorityText(reader_, frame.payload().lower)});
+        return;
+    case Type::windowUpdate:
+        ++windowUpdates_;
+        if (frame.stream == 0) {
+            const std::int64_t increment = frame.payload().lower;
+            connectionWindow_ += (reader_.u16(increment) & 0x7FFF) << 16 | reader_.u16(increment + 2);
+        }
+        return;
+    default: break;
+    }
+    if (frames_.size() < mostFrames)
+        frames_.push_back(frame);
+    else
+        ++furtherFrames_;
+}
+
+void HTTP2Direction::readHeaders(const HTTP2Frame& frame, std::int64_t prefix, std::uint32_t stream)
+{
+    ByteRange payload = frame.type == Type::continuation ? ByteRange{frame.payload().lower, std::min(frame.payload().upper, data_.size())}
+                                                         : withoutPadding(frame);
+    if (!open_) {
+        halfFor(stream);
+        open_.emplace().place = places_.at(stream);
+        open_->frameStream = frame.stream;
+        open_->endsStream = frame.type == Type::headers && frame.has(HTTP2Frame::endStream);
+        open_->block.range = {frame.offset, frame.offset};
+        open_->decompressed.fields.reserve(10);
+        if (prefix == 5 && payload.size() >= 5) open_->block.notes.push_back({"Stream priority", priorityText(reader_, payload.lower)});
+    }
+    payload.lower = std::min(payload.lower + prefix, payload.upper);
+    open_->block.range.upper = std::min(frame.range().upper, data_.size());
+    appendFrame(halves_[open_->place], frame);
+
+    if (lost_.firstIn(payload)) open_->lostBytes += lost_.countIn(payload);
+    if (frame.range().upper > data_.size()) open_->block.notes.push_back({"Header incomplete", "the capture ends in it"});
+    if (open_->lostBytes == 0) {
+        data_.findStretches(payload.lower, payload.size(), stretches_);
+        for (const DataView& stretch : stretches_) decompressor_.push(stretch, open_->decompressed);
+    }
+    if (frame.has(HTTP2Frame::endHeaders) || frame.range().upper > data_.size()) endHeaders();
+}
+
+void HTTP2Direction::endHeaders()
+{
+    Open open = *std::exchange(open_, std::nullopt);
+    if (open.lostBytes > 0) {
+        open.block.notes.push_back({"Header incomplete", fmt::format("the capture lacks {} of it", byteCountText(open.lostBytes))});
+        decompressor_.forget();
+    } else {
+        decompressor_.end(open.decompressed);
+        const auto& [fields, bytes, unshown, unknown, problem] = open.decompressed;
+        if (!problem.empty()) open.block.notes.push_back({"Header malformed", problem});
+        if (unknown > 0)
+            open.block.notes.push_back(
+                {"Header incomplete", fmt::format("{} of its fields refer to earlier ones that the capture lacks", unknown)});
+        if (unshown > 0) open.block.notes.push_back({"Header cut", groupedText(unshown) + " further fields are not shown"});
+    }
+    open.block.fields = std::move(open.decompressed.fields);
+    HTTP2Half& half = halves_[open.place];
+    if (open.endsStream) half.isEnded = true;
+    half.blocks.push_back(std::move(open.block));
+}
+
+std::vector<DetailRow> HTTP2Direction::connectionRows() const
+{
+    std::vector<DetailRow> rows;
+    if (windowUpdates_ > 0) rows.push_back({"Window updates", groupedText(windowUpdates_)});
+    if (connectionWindow_ > 0) rows.push_back({"Granted to the connection", byteCountText(connectionWindow_)});
+    rows.insert(rows.end(), priorityRows_.begin(), priorityRows_.end());
+    if (priorities_ > std::ssize(priorityRows_))
+        rows.push_back({"Further priorities", groupedText(priorities_ - std::ssize(priorityRows_))});
+    if (furtherFrames_ > 0) rows.push_back({"Further frames", groupedText(furtherFrames_)});
+    return rows;
+}
+
+}  // namespace sealscope

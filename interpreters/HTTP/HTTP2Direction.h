@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "host/VELModels/TCPStream.h"
+#include "interpreters/HTTP/ByteRanges.h"
+#include "interpreters/HTTP/HTTP2Frame.h"
+#include "interpreters/HTTP/HeaderDecompressor.h"
+#include "interpreters/HTTP/LostBytes.h"
+
+#include <absl/container/flat_hash_map.h>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace sealscope {
+
+/// A header block of a stream: the head of a message, or trailers.
+struct HTTP2Block {
+    HeaderFields fields;
+    std::vector<DetailRow> notes;
+    ByteRange range;  ///< of the frames that carried it
+};
+
+/// What one side sent on a stream (RFC 9113 §5).
+struct HTTP2Half {
+    std::uint32_t stream = 0;
+    std::optional<std::uint32_t> promisedOn;  ///< the stream that a pushed request was promised on
+    std::vector<HTTP2Block> blocks;
+    ByteRanges data;    ///< payloads of DATA frames, padding taken away
+    ByteRanges frames;  ///< its frames whole
+    bool isEnded = false;
+    std::optional<std::uint32_t> resetCode;  ///< with which this side ended the stream early
+};
+
+/// Reads the frames of one direction of an HTTP/2 connection: what was sent on its streams, and what it says of the connection. Where
+/// bytes are missing or make no sense, it goes on at the next frames that it can tell.
+class HTTP2Direction {
+public:
+    enum class Start : std::uint8_t { whole, missing };
+
+    /// Reads all of it.
+    HTTP2Direction(const TCPStream& stream, TCPSegment::Direction direction, Start start);
+
+    TCPSegment::Direction direction() const { return direction_; }
+    /// In the order of their first frames.
+    std::vector<HTTP2Half>& halves() { return halves_; }
+    /// What was sent on a stream, or null.
+    HTTP2Half* half(std::uint32_t stream);
+
+    /// Frames that are shown by themselves.
+    const std::vector<HTTP2Frame>& frames() const { return frames_; }
+    /// Bytes that are no frame.
+    const std::vector<ByteRange>& gaps() const { return gaps_; }
+    /// What the frames that are not shown say together, as rows.
+    std::vector<DetailRow> connectionRows() const;
+
+private:
+    void read();
+    void readFrame(const HTTP2Frame& frame);
+    void readHeaders(const HTTP2Frame& frame, std::int64_t prefix, std::uint32_t stream);
+    void endHeaders();
+    /// Goes on at the next frames behind an offset; what was skipped may have held headers.
+    void resynchronize(std::int64_t from);
+    ByteRange withoutPadding(const HTTP2Frame& frame);
+    HTTP2Half& halfFor(std::uint32_t stream);
+    void appendFrame(HTTP2Half& half, const HTTP2Frame& frame);
+
+    const TCPStream& stream_;
+    const StreamData& data_;
+    const TCPSegment::Direction direction_;
+    LostBytes lost_;
+    StreamReader reader_;
+    HeaderDecompressor decompressor_;
+    std::int64_t offset_ = 0;
+
+    std::vector<HTTP2Half> halves_;
+    absl::flat_hash_map<std::uint32_t, std::size_t> places_;  ///< of streams in `halves_`
+    std::vector<HTTP2Frame> frames_;
+    std::vector<ByteRange> gaps_;
+
+    /// The header block that is being read.
+    struct Open {
+        std::size_t place = 0;  ///< of the half
+        std::uint32_t frameStream = 0;
+        HTTP2Block block;
+        HeaderDecompressor::Block decompressed;
+        std::int64_t lostBytes = 0;
+        bool endsStream = false;
+    };
+    std::optional<Open> open_;
+    std::vector<DataView> stretches_;
+
+    std::int64_t windowUpdates_ = 0;
+    std::int64_t connectionWindow_ = 0;  ///< bytes that were granted to the whole connection
+    std::int64_t priorities_ = 0;
+    std::int64_t furtherFrames_ = 0;  ///< that would be shown if there were fewer
+    std::vector<DetailRow> priorityRows_;
+};
+
+}  // namespace sealscope

@@ -1,0 +1,316 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "interpreters/HTTP/HTTP2Interpreter.h"
+
+#include "interpreters/HTTP/Carried.h"
+#include "interpreters/HTTP/Conversation.h"
+#include "interpreters/HTTP/HTTP2Direction.h"
+#include "interpreters/HTTP/HTTPMessage.h"
+#include "interpreters/HTTP/MessageText.h"
+
+#include <absl/container/flat_hash_set.h>
+#include <algorithm>
+#include <charconv>
+#include <fmt/format.h>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace sealscope {
+
+namespace {
+
+using Direction = TCPSegment::Direction;
+using Type = HTTP2Frame::Type;
+
+// Frames in a row, and how far from the start they are looked for, of a connection whose start the capture lacks.
+constexpr int certain = 4;
+constexpr std::int64_t searchedForFrames = 2'048;
+
+bool holdsFrames(const StreamData& data)
+{
+    StreamReader reader(data);
+    for (std::int64_t offset = 0, end = std::min(searchedForFrames, data.size()); offset < end; ++offset)
+        if (HTTP2Frame::isChain(reader, offset, certain)) return true;
+    return false;
+}
+
+std::int64_t number(std::string_view text)
+{
+    std::int64_t value = -1;
+    std::from_chars(text.data(), text.data() + text.size(), value);
+    return value;
+}
+
+const std::string* pseudoField(const HTTP2Block& block, std::string_view name)
+{
+    // They come first (RFC 9113 §8.3).
+    for (const DetailRow& field : block.fields) {
+        if (!field.name.starts_with(':') && !field.name.starts_with('(')) break;
+        if (field.name == name) return &field.value;
+    }
+    return nullptr;
+}
+
+bool isGRPC(const HTTP2Block& block)
+{
+    const std::string* const type = HeaderField::find(block.fields, "content-type");
+    return type && type->starts_with("application/grpc");
+}
+
+/// Makes messages of what two directions sent.
+class HTTP2Reading {
+public:
+    HTTP2Reading(const TCPStream& stream, const StreamContext& context, HTTP2Direction& asking, HTTP2Direction& answering)
+        : stream_(stream), context_(context), asking_(asking), answering_(answering)
+    {}
+
+    StreamInterpretation read()
+    {
+        conversation_.reserve(asking_.halves().size() + answering_.halves().size());
+        for (const HTTP2Direction* direction : {&asking_, &answering_}) readConnection(*direction);
+        for (HTTP2Half& half : asking_.halves())
+            if (!half.blocks.empty() || !half.data.isEmpty()) readExchange(half, answering_.half(half.stream));
+        for (HTTP2Half& half : answering_.halves()) {
+            if (half.promisedOn)
+                readExchange(half, answering_.half(half.stream & 0x7FFF'FFFF));
+            else if (!answered_.contains(half.stream))
+                readReply(half, nullptr, 0, asking_.half(half.stream));
+        }
+        return conversation_.finish();
+    }
+
+private:
+    /// A stream: request, interim replies and reply.
+    void readExchange(HTTP2Half& asked, HTTP2Half* answer)
+    {
+        if (conversation_.isFull()) return;
+        const std::uint32_t number = asked.stream & 0x7FFF'FFFF;
+        const bool hasAnswer = answer && answered_.insert(number).second;
+        HTTPMessage request{.direction = asked.promisedOn ? answering_.direction() : asking_.direction()};
+        fill(request, asked, answer, 0);
+        if (!asked.blocks.empty()) {
+            const HTTP2Block& head = asked.blocks.front();
+            if (const std::string* const method = pseudoField(head, ":method")) request.method = *method;
+            request.url = urlOf(head, request.method);
+        }
+        if (request.method.empty()) request.method = "(unknown method)";
+        if (asked.promisedOn) request.notes.push_back({"Pushed by the server", fmt::format("on stream {}", *asked.promisedOn)});
+        HTTPMessage known;
+        known.method = request.method;
+        known.url = request.url;
+        if (!asked.blocks.empty()) takeFields(request, asked, 0);
+        const bool isTunnel = known.method == "CONNECT";
+        const ByteRanges askedData = isTunnel ? std::exchange(request.body.ranges, {}) : ByteRanges();
+        const std::int64_t position = conversation_.add(HTTPMessages::shown(std::move(request), stream_, context_));
+        if (!hasAnswer) {
+            conversation_.pair(position, std::nullopt);
+            return;
+        }
+        const std::string* const connect = asked.blocks.empty() ? nullptr : HeaderField::find(conversation_[position].detail, ":protocol");
+        const std::optional<std::string> protocol = connect ? std::optional(*connect) : std::nullopt;
+        const ByteRanges answeredData = isTunnel ? answer->data : ByteRanges();
+        const auto reply = readReply(*answer, &known, position, &asked);
+        if (isTunnel && reply && HTTPMessages::number(conversation_[*reply], "status") / 100 == 2)
+            Carried::append(conversation_, stream_, context_,
+                            {.client = asking_.direction() == Direction::clientToServer ? askedData : answeredData,
+                             .server = asking_.direction() == Direction::clientToServer ? answeredData : askedData,
+                             .protocol = protocol,
+                             .reply = conversation_[*reply].detail});
+    }
+
+    /// What came back on a stream; the position of the reply, if there is one.
+    std::optional<std::int64_t> readReply(HTTP2Half& half, const HTTPMessage* request, std::int64_t position, const HTTP2Half* asked)
+    {
+        std::optional<std::int64_t> final;
+        std::size_t head = 0;
+        for (; head < half.blocks.size(); ++head) {
+            const std::string* const status = pseudoField(half.blocks[head], ":status");
+            if (!status || number(*status) < 100 || number(*status) > 199) break;
+            HTTPMessage interim{.direction = answering_.direction(), .kind = StreamMessageKind::data, .protocol = "HTTP/2"};
+            interim.status = static_cast<int>(number(*status));
+            interim.range = half.blocks[head].range;
+            interim.attributes = {{"streamId", std::int64_t{half.stream}}};
+            interim.fields = std::move(half.blocks[head].fields);
+            conversation_.add(HTTPMessages::shown(std::move(interim), stream_, context_));
+        }
+        if (head < half.blocks.size() || !half.data.isEmpty()) {
+            HTTPMessage reply{.direction = answering_.direction(), .kind = StreamMessageKind::reply};
+            if (request) reply.url = request->url;
+            fill(reply, half, asked, head);
+            if (head < half.blocks.size()) {
+                if (const std::string* const status = pseudoField(half.blocks[head], ":status"))
+                    reply.status = static_cast<int>(std::clamp<std::int64_t>(number(*status), 0, 999));
+                takeFields(reply, half, head);
+                readGRPCStatus(reply);
+            }
+            if (request && request->method == "CONNECT" && reply.status / 100 == 2) reply.body = {};
+            final = conversation_.add(HTTPMessages::shown(std::move(reply), stream_, context_));
+        }
+        if (request) conversation_.pair(position, final);
+        return final;
+    }
+
+    /// What request and reply have in common. `head` is the block that the message begins with.
+    void fill(HTTPMessage& message, HTTP2Half& half, const HTTP2Half* other, std::size_t head)
+    {
+        message.protocol = head < half.blocks.size() && isGRPC(half.blocks[head]) ? "gRPC" : "HTTP/2";
+        message.range = half.frames.bounds();
+        if (head > 0 && head < half.blocks.size()) message.range.lower = half.blocks[head].range.lower;
+        message.attributes.reserve(8);
+        message.attributes.push_back({"streamId", std::int64_t{half.stream & 0x7FFF'FFFF}});
+        message.body.ranges = std::move(half.data);
+        if (!half.frames.isInOnePlace()) message.pieces = std::move(half.frames);
+        if (!half.isEnded && !half.promisedOn) {
+            const auto code = half.resetCode ? half.resetCode : other ? other->resetCode : std::nullopt;
+            std::string reason = code ? "the stream was reset: " + HTTP2Frame::errorName(*code) : "the capture has no end of it";
+            if (message.body.ranges.isEmpty())
+                message.notes.push_back({"Message incomplete", std::move(reason)});
+            else
+                message.body.shortfall = std::move(reason);
+        }
+        if (half.resetCode && half.isEnded) message.notes.push_back({"Stream reset", HTTP2Frame::errorName(*half.resetCode)});
+        if (half.blocks.size() <= head) message.notes.push_back({"Header incomplete", "the capture lacks it"});
+    }
+
+    void takeFields(HTTPMessage& message, HTTP2Half& half, std::size_t head)
+    {
+        message.fields = std::move(half.blocks[head].fields);
+        std::ranges::move(half.blocks[head].notes, std::back_inserter(message.notes));
+        for (std::size_t trailers = head + 1; trailers < half.blocks.size(); ++trailers) {
+            std::ranges::move(half.blocks[trailers].fields, std::back_inserter(message.trailers));
+            std::ranges::move(half.blocks[trailers].notes, std::back_inserter(message.notes));
+        }
+        HTTPMessages::readCodings(message);
+        if (!half.isEnded || message.body.ranges.isEmpty()) return;
+        const std::string* const length = HeaderField::find(message.fields, "content-length");
+        if (length && number(*length) != message.body.ranges.size())
+            message.notes.push_back({"Content length unclear", fmt::format("content-length is {}, but {} bytes came", *length,
+                                                                           groupedText(message.body.ranges.size()))});
+    }
+
+    /// The status of a call stands behind its messages, or in place of them.
+    static void readGRPCStatus(HTTPMessage& reply)
+    {
+        if (reply.protocol != "gRPC") return;
+        for (const HeaderFields* fields : {&reply.trailers, &reply.fields}) {
+            const std::string* const status = HeaderField::find(*fields, "grpc-status");
+            if (!status) continue;
+            reply.attributes.push_back({"grpcStatus", number(*status)});
+            if (const std::string* const text = HeaderField::find(*fields, "grpc-message"))
+                reply.attributes.push_back({"grpcMessage", HeaderField::text(HeaderField::percentDecoded(*text))});
+            return;
+        }
+    }
+
+    std::string urlOf(const HTTP2Block& head, std::string_view method) const
+    {
+        const std::string* const scheme = pseudoField(head, ":scheme");
+        const std::string* const path = pseudoField(head, ":path");
+        const std::string* authority = pseudoField(head, ":authority");
+        if (!authority) authority = HeaderField::find(head.fields, "host");
+        std::string url = scheme ? *scheme : context_.isDecrypted ? "https" : "http";
+        url.append("://").append(authority ? *authority : context_.serverName.value_or(stream_.serverEndpoint.text()));
+        if (path && *path != "*")
+            url.append(*path);
+        else if (!path && method != "CONNECT")
+            url.append("/(unknown path)");
+        return url;
+    }
+
+    void readConnection(const HTTP2Direction& direction)
+    {
+        for (const HTTP2Frame& frame : direction.frames()) conversation_.add(shown(frame, direction.direction()));
+        for (const ByteRange& gap : direction.gaps()) {
+            const std::string why = gap.upper == stream_.data(direction.direction()).size() && gap.size() < HTTP2Frame::headerLength
+                                        ? " of a frame that the capture cuts"
+                                        : " outside of any frame";
+            StreamMessage message{.direction = direction.direction(), .summary = byteCountText(gap.size()) + why};
+            message.attributes = {{"encodedBytes", gap.size()}};
+            HTTPMessages::locate(message, stream_, gap, {});
+            conversation_.add(std::move(message));
+        }
+        if (auto rows = direction.connectionRows(); !rows.empty()) {
+            StreamMessage message{
+                .direction = direction.direction(), .summary = "HTTP/2 flow control and priorities", .detail = std::move(rows)};
+            message.timestamp = stream_.endTime;
+            conversation_.add(std::move(message));
+        }
+    }
+
+    /// A frame that is shown by itself.
+    StreamMessage shown(const HTTP2Frame& frame, Direction direction) const
+    {
+        const StreamData& data = stream_.data(direction);
+        StreamReader reader(data);
+        StreamMessage message{.direction = direction, .summary = frame.typeName()};
+        const std::int64_t payload = frame.payload().lower, end = std::min(frame.payload().upper, data.size());
+        const auto u32 = [&](std::int64_t offset) { return static_cast<std::uint32_t>(reader.u16(offset)) << 16 | reader.u16(offset + 2); };
+        const bool isAcknowledgment = frame.has(HTTP2Frame::acknowledged) && (frame.type == Type::settings || frame.type == Type::ping);
+        if (isAcknowledgment) message.summary += " acknowledged";
+        if (frame.stream != 0) message.detail.push_back({"Stream", std::to_string(frame.stream)});
+        switch (frame.type) {
+        case Type::settings:
+            for (std::int64_t offset = payload; offset + 6 <= end && message.detail.size() < 100; offset += 6)
+                message.detail.push_back({HTTP2Frame::settingName(reader.u16(offset)), std::to_string(u32(offset + 2))});
+            break;
+        case Type::rstStream: message.summary += fmt::format(" {} {}", frame.stream, HTTP2Frame::errorName(u32(payload))); break;
+        case Type::goAway:
+            message.summary += ' ' + HTTP2Frame::errorName(u32(payload + 4));
+            message.detail.push_back({"Last stream", std::to_string(u32(payload) & 0x7FFF'FFFF)});
+            setBody(message, data, {payload + 8, end});
+            break;
+        default: setBody(message, data, {payload, end}); break;
+        }
+        message.attributes = {{"protocol", "HTTP/2"}, {"frameType", std::int64_t{static_cast<std::uint8_t>(frame.type)}}};
+        HTTPMessages::locate(message, stream_, {frame.offset, end}, {});
+        return message;
+    }
+
+    static void setBody(StreamMessage& message, const StreamData& data, ByteRange range)
+    {
+        if (range.isEmpty()) return;
+        message.body = StreamBody(CarriedStream::data(data, range));
+        message.bodyHint = StreamBodyHint::binary();
+    }
+
+    const TCPStream& stream_;
+    const StreamContext& context_;
+    HTTP2Direction& asking_;
+    HTTP2Direction& answering_;
+    Conversation conversation_;
+    absl::flat_hash_set<std::uint32_t> answered_;
+};
+
+/// Whether a direction's first header is a reply's: of a connection whose start is missing the sides may be taken for each other.
+bool answers(HTTP2Direction& direction)
+{
+    for (const HTTP2Half& half : direction.halves())
+        for (const HTTP2Block& block : half.blocks) {
+            if (pseudoField(block, ":status")) return true;
+            if (pseudoField(block, ":method")) return false;
+        }
+    return false;
+}
+
+}  // namespace
+
+bool HTTP2Interpreter::canInterpret(const TCPStream& stream, const StreamContext& context)
+{
+    if (const auto& protocol = context.applicationProtocol) return *protocol == "h2" || *protocol == "h2c";
+    for (const StreamData* data : {&stream.clientToServerData, &stream.serverToClientData})
+        if (HTTP2Frame::beginsWithPreface(*data) || holdsFrames(*data)) return true;
+    return false;
+}
+
+StreamInterpretation HTTP2Interpreter::interpret(const TCPStream& stream, const StreamContext& context)
+{
+    const bool isClientAsking = HTTP2Frame::beginsWithPreface(stream.clientToServerData);
+    const bool isWhole = isClientAsking || HTTP2Frame::beginsWithPreface(stream.serverToClientData);
+    const auto start = isWhole ? HTTP2Direction::Start::whole : HTTP2Direction::Start::missing;
+    HTTP2Direction client(stream, Direction::clientToServer, start), server(stream, Direction::serverToClient, start);
+    const bool isSwapped = isWhole ? !isClientAsking : answers(client) && !answers(server);
+    return isSwapped ? HTTP2Reading(stream, context, server, client).read() : HTTP2Reading(stream, context, client, server).read();
+}
+
+}  // namespace sealscope

@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "interpreters/HTTP/HeaderFields.h"
+#include "platform/Data.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+struct nghttp2_hd_inflater;
+
+namespace sealscope {
+
+/// Decompresses the header blocks of one direction of an HTTP/2 connection, in the order in which they were sent (RFC 7541). Where
+/// the capture lacks some of them, what they put into the table is unknown, and so are fields that refer to it. Not thread-safe.
+class HeaderDecompressor {
+public:
+    HeaderDecompressor();
+
+    /// A header block while it is being read.
+    struct Block {
+        HeaderFields fields;
+        std::int64_t fieldBytes = 0;  ///< of all names and values
+        std::int64_t unshown = 0;     ///< fields behind the limit
+        std::int64_t unknown = 0;     ///< fields of which name or value is unknown
+        std::string problem;          ///< why the rest of it cannot be read, as a clause
+    };
+
+    /// Header blocks are missing from here on: the table's older entries are unknown.
+    void forget();
+    /// Reads the next fragment of a block.
+    void push(DataView fragment, Block& block);
+    /// The block ends here.
+    void end(Block& block);
+
+    /// Names and values of a block that are kept, in bytes, and fields.
+    static constexpr std::int64_t longestBlock = 1 << 20;
+    static constexpr std::size_t mostFields = 4'096;
+
+private:
+    struct Free {
+        void operator()(nghttp2_hd_inflater* inflater) const;
+    };
+
+    bool inflate(DataView bytes, bool isLast, Block& block);
+    void add(std::string name, std::string value, Block& block) const;
+    /// Reads a block field by field, stepping over what refers to unknown entries.
+    void readKnownPart(DataView bytes, Block& block);
+
+    std::unique_ptr<nghttp2_hd_inflater, Free> inflater_;
+    bool isWhole_ = true;                  ///< every block so far was read
+    std::vector<std::uint8_t> collected_;  ///< fragments of a block that is read field by field
+};
+
+}  // namespace sealscope

@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "host/VELModels/StreamBody.h"
+#include "host/VELModels/TCPStream.h"
+#include "interpreters/HTTP/LostBytes.h"
+
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <vector>
+
+namespace sealscope {
+
+/// The payload of the data frames in a range of one direction, unmasked.
+class WebSocketPayload {
+public:
+    WebSocketPayload(const TCPStream& stream, TCPSegment::Direction direction) : data_(stream.data(direction)), lost_(stream, direction) {}
+    /// Hands over the payload of the message whose frames begin and end with a range, until `take` gives false. Returns how much of
+    /// it was lost.
+    std::int64_t forEachPiece(ByteRange frames, const StreamBody::Take& take) const;
+
+private:
+    StreamData data_;
+    LostBytes lost_;
+};
+
+/// The deflated messages of one direction (RFC 7692 §7.2). Each may refer to the 32 KiB before it, so that a message can only be made
+/// when those before it were; every so often what the next one refers to is kept, and work starts there. Any thread may ask.
+class WebSocketInflation {
+public:
+    WebSocketInflation(const TCPStream& stream, TCPSegment::Direction direction, bool keepsContext, std::int64_t limit)
+        : payload_(stream, direction), keepsContext_(keepsContext), limit_(limit)
+    {}
+
+    /// Adds a message while the direction is read; returns its position. Not to be called once somebody asks.
+    std::size_t add(ByteRange frames)
+    {
+        messages_.push_back(frames);
+        return messages_.size() - 1;
+    }
+    StreamBody::Ending forEachPiece(std::size_t message, const StreamBody::Take& take) const;
+
+private:
+    /// What messages from one on may refer to.
+    struct Checkpoint {
+        std::size_t message = 0;
+        std::vector<std::uint8_t> window;
+    };
+    /// Inflates one message behind a window, which becomes the next one's.
+    StreamBody::Ending inflate(std::size_t message, std::vector<std::uint8_t>& window, const StreamBody::Take& take) const;
+
+    WebSocketPayload payload_;
+    bool keepsContext_;
+    std::int64_t limit_;
+    std::vector<ByteRange> messages_;
+    mutable std::mutex mutex_;
+    mutable std::vector<Checkpoint> checkpoints_;
+    mutable Checkpoint latest_;  ///< before the message that was asked for last
+};
+
+}  // namespace sealscope

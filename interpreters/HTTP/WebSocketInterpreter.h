@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "host/VELModels/VELStreamInterpreting.h"
+#include "interpreters/HTTP/HeaderFields.h"
+
+#include <string_view>
+
+namespace sealscope {
+
+/// WebSocket (RFC 6455), behind the handshake: messages of text and bytes, their fragments joined, pings and closes.
+struct WebSocketInterpreter {
+    static constexpr std::string_view streamDisplayName = "WebSocket";
+
+    static bool canInterpret(const TCPStream& stream, const StreamContext& context);
+    static StreamInterpretation interpret(const TCPStream& stream, const StreamContext& context);
+
+    /// What the handshake agreed on for each direction (RFC 7692 §7.1).
+    struct Agreement {
+        bool clientKeepsContext = true;
+        bool serverKeepsContext = true;
+        bool isKnown = false;  ///< false: the handshake is missing
+    };
+    static Agreement agreement(const HeaderFields& reply);
+    static StreamInterpretation interpret(const TCPStream& stream, const StreamContext& context, const Agreement& agreement);
+};
+
+}  // namespace sealscope
