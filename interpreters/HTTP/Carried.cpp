@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "interpreters/HTTP/Carried.h"
 
+#include "interpreters/HTTP/HTTP2Interpreter.h"
 #include "interpreters/HTTP/HTTPMessage.h"
 #include "interpreters/HTTP/WebSocketInterpreter.h"
 
@@ -42,14 +43,16 @@ void Carried::append(Conversation& conversation, const TCPStream& outer, const S
     // What the handshake agreed on is known here alone.
     if (carried.protocol && HeaderField::isNamed(*carried.protocol, "websocket"))
         made = WebSocketInterpreter::interpret(inner, innerContext, WebSocketInterpreter::agreement(carried.reply));
+    else if (carried.protocol && HeaderField::isNamed(*carried.protocol, "h2c"))
+        made = HTTP2Interpreter::interpret(inner, innerContext);
     else if (context.host && innerContext.depth <= StreamContext::deepest)
         made = context.host->carriedInterpretation(inner, innerContext);
     if (!made) made = bytesOf(inner);
+    const CarriedPlaces client(carried.client), server(carried.server);
     for (StreamMessage& message : made->messages) {
         // What was decrypted on the way counts in its own plaintext.
         if (message.isDecrypted || !message.byteRange) continue;
-        message.byteRange =
-            CarriedStream::outerRange(message.direction == Direction::clientToServer ? carried.client : carried.server, *message.byteRange);
+        message.byteRange = (message.direction == Direction::clientToServer ? client : server).outerRange(*message.byteRange);
     }
     conversation.append(*std::move(made));
 }

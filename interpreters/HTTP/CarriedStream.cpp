@@ -2,45 +2,12 @@
 #include "interpreters/HTTP/CarriedStream.h"
 
 #include <algorithm>
+#include <memory>
 #include <utility>
-#include <vector>
 
 namespace sealscope {
 
 namespace {
-
-/// Ranges with the place of each in what they carry.
-class Places {
-public:
-    explicit Places(const ByteRanges& carried)
-    {
-        std::int64_t inner = 0;
-        carried.forEach([&](ByteRange range) {
-            places_.push_back({inner, range});
-            inner += range.size();
-            return true;
-        });
-    }
-
-    /// Calls `visit` with the outer ranges that carry an inner one, in order, until it gives false.
-    template <class Visit> void forEach(ByteRange inner, const Visit& visit) const
-    {
-        auto place = std::ranges::upper_bound(places_, inner.lower, {}, &Place::inner);
-        if (place != places_.begin()) --place;
-        for (; place != places_.end() && place->inner < inner.upper; ++place) {
-            const std::int64_t shift = place->outer.lower - place->inner;
-            const ByteRange part{std::max(inner.lower + shift, place->outer.lower), std::min(inner.upper + shift, place->outer.upper)};
-            if (!part.isEmpty() && !visit(part)) return;
-        }
-    }
-
-private:
-    struct Place {
-        std::int64_t inner = 0;  ///< offset of the first byte in what is carried
-        ByteRange outer;
-    };
-    std::vector<Place> places_;
-};
 
 class CarriedBytes final : public StreamByteSource {
 public:
@@ -64,7 +31,7 @@ public:
 
 private:
     StreamData outer_;
-    Places places_;
+    CarriedPlaces places_;
 };
 
 class CarriedIndex final : public ByteLocator {
@@ -86,7 +53,7 @@ public:
 
 private:
     ByteToSegmentIndex outer_;
-    Places places_;
+    CarriedPlaces places_;
 };
 
 }  // namespace
@@ -105,20 +72,6 @@ TCPStream CarriedStream::inside(const TCPStream& outer, const ByteRanges& client
     inner.clientByteIndex = ByteToSegmentIndex(std::make_shared<const CarriedIndex>(outer.clientByteIndex, clientToServer));
     inner.serverByteIndex = ByteToSegmentIndex(std::make_shared<const CarriedIndex>(outer.serverByteIndex, serverToClient));
     return inner;
-}
-
-ByteRange CarriedStream::outerRange(const ByteRanges& carried, ByteRange inner)
-{
-    ByteRange outer;
-    std::int64_t offset = 0;
-    carried.forEach([&](ByteRange range) {
-        const std::int64_t shift = range.lower - offset;
-        const ByteRange part{std::max(inner.lower + shift, range.lower), std::min(inner.upper + shift, range.upper)};
-        offset += range.size();
-        if (!part.isEmpty()) outer = {outer.isEmpty() ? part.lower : outer.lower, part.upper};
-        return offset < inner.upper;
-    });
-    return outer;
 }
 
 }  // namespace sealscope

@@ -4,7 +4,52 @@
 #include "host/VELModels/TCPStream.h"
 #include "interpreters/HTTP/ByteRanges.h"
 
+#include <algorithm>
+#include <cstdint>
+#include <vector>
+
 namespace sealscope {
+
+/// Ranges with the place of each in what they carry.
+class CarriedPlaces {
+public:
+    explicit CarriedPlaces(const ByteRanges& carried)
+    {
+        std::int64_t inner = 0;
+        carried.forEach([&](ByteRange range) {
+            places_.push_back({inner, range});
+            inner += range.size();
+            return true;
+        });
+    }
+
+    /// Calls `visit` with the outer ranges that carry an inner one, in order, until it gives false.
+    template <class Visit> void forEach(ByteRange inner, const Visit& visit) const
+    {
+        auto place = std::ranges::upper_bound(places_, inner.lower, {}, &Place::inner);
+        if (place != places_.begin()) --place;
+        for (; place != places_.end() && place->inner < inner.upper; ++place) {
+            const std::int64_t shift = place->outer.lower - place->inner;
+            const ByteRange part{std::max(inner.lower + shift, place->outer.lower), std::min(inner.upper + shift, place->outer.upper)};
+            if (!part.isEmpty() && !visit(part)) return;
+        }
+    }
+    /// Where an inner range lies in the outer bytes: from its first byte to its last.
+    ByteRange outerRange(ByteRange inner) const
+    {
+        ByteRange outer;
+        forEach({inner.lower, inner.lower + 1}, [&](ByteRange first) { return outer = first, false; });
+        forEach({inner.upper - 1, inner.upper}, [&](ByteRange last) { return outer.upper = last.upper, false; });
+        return outer;
+    }
+
+private:
+    struct Place {
+        std::int64_t inner = 0;  ///< offset of the first byte in what is carried
+        ByteRange outer;
+    };
+    std::vector<Place> places_;
+};
 
 /// What a part of a stream carries, as a stream of its own: the inside of a tunnel. Its bytes stay where they are, and its
 /// indexes find the packets of the outer stream.
@@ -13,8 +58,6 @@ struct CarriedStream {
 
     /// The stream whose directions are the given ranges of the outer one's.
     static TCPStream inside(const TCPStream& outer, const ByteRanges& clientToServer, const ByteRanges& serverToClient);
-    /// Where a range of the inner bytes lies in the outer: from its first byte to its last.
-    static ByteRange outerRange(const ByteRanges& carried, ByteRange inner);
     /// Bytes of a direction as data of their own.
     static StreamData data(const StreamData& outer, const ByteRanges& carried);
 };

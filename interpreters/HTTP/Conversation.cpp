@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <array>
+#include <limits>
 #include <numeric>
+#include <tuple>
 #include <utility>
 
 namespace sealscope {
@@ -42,7 +44,11 @@ StreamInterpretation Conversation::finish()
     }
     std::vector<std::int64_t> order(messages_.size());
     std::iota(order.begin(), order.end(), 0);
-    std::ranges::stable_sort(order, {}, [&](std::int64_t position) { return times[static_cast<std::size_t>(position)]; });
+    std::ranges::stable_sort(order, {}, [&](std::int64_t position) {
+        const StreamMessage& message = messages_[static_cast<std::size_t>(position)];
+        return std::tuple(times[static_cast<std::size_t>(position)], message.direction,
+                          message.byteRange ? message.byteRange->lower : std::numeric_limits<std::int64_t>::max());
+    });
 
     StreamInterpretation result;
     std::vector<std::int64_t> places(messages_.size());

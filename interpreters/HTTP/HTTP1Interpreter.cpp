@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "interpreters/HTTP/HTTP1Interpreter.h"
 
+#include "interpreters/HTTP/BodyMessages.h"
 #include "interpreters/HTTP/Carried.h"
 #include "interpreters/HTTP/Conversation.h"
 #include "interpreters/HTTP/HTTP1Direction.h"
@@ -98,7 +99,9 @@ private:
             pausedAt_ = asked_.size();
             upgradeRequest_ = read->message.fields;
         }
+        const auto inside = BodyMessages::in(read->message, read->message.url);
         asked.position = conversation_.add(HTTPMessages::shown(std::move(read->message), stream_, context_));
+        if (inside) inside->append(conversation_, stream_, context_);
         asked_.push_back(std::move(asked));
         return true;
     }
@@ -132,8 +135,21 @@ private:
             const bool isInterim = read->message.kind == StreamMessageKind::data;
             const bool isTunnel = read->isTunnel;
             const HeaderFields fields = isTunnel ? read->message.fields : HeaderFields();
+            // The answer to a request that asked for HTTP/2 comes in HTTP/2, on its first stream (RFC 7540 §3.2).
+            const std::string* const protocol = read->message.status == 101 ? HeaderField::find(fields, "upgrade") : nullptr;
+            const bool isAnsweredLater = asked && protocol && HeaderField::isNamed(*protocol, "h2c");
+            if (isAnsweredLater) read->message.kind = StreamMessageKind::data;
+            const auto inside = BodyMessages::in(read->message, read->message.url);
             const std::int64_t position = conversation_.add(HTTPMessages::shown(std::move(read->message), stream_, context_));
+            if (inside) inside->append(conversation_, stream_, context_);
             if (isInterim) continue;
+            if (isAnsweredLater) {
+                asked->isAnswered = true;
+                const std::int64_t request = asked->position, first = conversation_.size();
+                switchProtocol(fields);
+                conversation_.pair(request, firstStreamsReply(first));
+                return;
+            }
             if (asked) {
                 asked->isAnswered = true;
                 conversation_.pair(asked->position, position);
@@ -161,6 +177,16 @@ private:
                          .server = isClientAsking ? answering : asking,
                          .protocol = protocol ? std::optional(*protocol) : std::nullopt,
                          .reply = reply});
+    }
+
+    /// The reply on stream 1 among the messages from a position on.
+    std::optional<std::int64_t> firstStreamsReply(std::int64_t from)
+    {
+        for (std::int64_t position = from; position < conversation_.size(); ++position)
+            if (const StreamMessage& message = conversation_[position];
+                message.kind == StreamMessageKind::reply && HTTPMessages::number(message, "streamId") == 1)
+                return position;
+        return std::nullopt;
     }
 
     /// A tunnel or an upgrade whose reply the capture lacks: what follows is HTTP, or it was granted.

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "interpreters/HTTP/HTTP2Interpreter.h"
 
+#include "interpreters/HTTP/BodyMessages.h"
 #include "interpreters/HTTP/Carried.h"
 #include "interpreters/HTTP/Conversation.h"
 #include "interpreters/HTTP/HTTP2Direction.h"
@@ -102,7 +103,9 @@ private:
         if (!asked.blocks.empty()) takeFields(request, asked, 0);
         const bool isTunnel = known.method == "CONNECT";
         const ByteRanges askedData = isTunnel ? std::exchange(request.body.ranges, {}) : ByteRanges();
+        const auto inside = BodyMessages::in(request, known.url);
         const std::int64_t position = conversation_.add(HTTPMessages::shown(std::move(request), stream_, context_));
+        if (inside) inside->append(conversation_, stream_, context_);
         if (!hasAnswer) {
             conversation_.pair(position, std::nullopt);
             return;
@@ -145,7 +148,9 @@ private:
                 readGRPCStatus(reply);
             }
             if (request && request->method == "CONNECT" && reply.status / 100 == 2) reply.body = {};
+            const auto inside = BodyMessages::in(reply, reply.url);
             final = conversation_.add(HTTPMessages::shown(std::move(reply), stream_, context_));
+            if (inside) inside->append(conversation_, stream_, context_);
         }
         if (request) conversation_.pair(position, final);
         return final;

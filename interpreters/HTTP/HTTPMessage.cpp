@@ -154,6 +154,11 @@ std::string HTTPMessages::pairingSummary(const StreamMessage& request, const Str
     summary.append(1, ' ').append(pathOf(text(request, "url")));
     if (!reply) return summary;
     summary.append(" → ").append(std::to_string(number(*reply, "status"))).append(" (").append(bodyText(*reply));
+    if (reply->attribute("grpcStatus")) {
+        const std::string_view words = text(*reply, "grpcMessage");
+        summary.append(", gRPC status ").append(std::to_string(number(*reply, "grpcStatus")));
+        if (!words.empty()) summary.append(1, ' ').append(words.substr(0, 200));
+    }
     if (request.timestamp > 0 && reply->timestamp > 0) {
         summary.append(", ").append(durationText(reply->endTimestamp.value_or(reply->timestamp) - request.timestamp));
     }

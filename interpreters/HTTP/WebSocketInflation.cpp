@@ -80,7 +80,7 @@ std::int64_t WebSocketPayload::forEachPiece(ByteRange frames, const StreamBody::
         const WebSocketFrame frame = WebSocketFrame::read(reader, offset);
         if (frame.headerLength == 0) break;
         const std::int64_t end = std::min(frame.end(), frames.upper);
-        for (std::int64_t at = frame.payload(); at < end && !frame.isControl();) {
+        for (std::int64_t at = frame.payload(); at < end && (!frame.isControl() || offset == frames.lower);) {
             constexpr std::int64_t atOnce = 65'536;
             const DataView stretch = data_.stretch(at).sub(0, std::min(end - at, atOnce));
             DataView piece = stretch;

@@ -16,7 +16,8 @@ namespace sealscope {
 class WebSocketPayload {
 public:
     WebSocketPayload(const TCPStream& stream, TCPSegment::Direction direction) : data_(stream.data(direction)), lost_(stream, direction) {}
-    /// Hands over the payload of the message whose frames begin and end with a range, until `take` gives false. Returns how much of
+    /// Hands over the payload of the message whose frames begin and end with a range, until `take` gives false; control frames may
+    /// stand among those of a data message. Returns how much of
     /// it was lost.
     std::int64_t forEachPiece(ByteRange frames, const StreamBody::Take& take) const;
 

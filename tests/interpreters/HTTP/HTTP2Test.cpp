@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "interpreters/HTTP/HTTP1Interpreter.h"
 #include "interpreters/HTTP/HTTP2Interpreter.h"
 #include "interpreters/HTTP/HeaderDecompressor.h"
 #include "tests/interpreters/HTTP/HTTP2Writer.h"
@@ -34,9 +35,9 @@ TEST(HTTP2, JoinsWhatInterleavedStreamsCarry)
                  server.headers(1, {{":status", "404"}}), HTTP2Writer::data(1, "no", endStream)});
     const std::string second = inOrder({HTTP2Writer::data(3, "two"), server.headers(3, {{"x-sum", "7"}}, endStream)});
     EXPECT_EQ(read({{'>', asked}, {'>', body}, {'<', first}, {'<', second}}),
-              "> request GET https://h/a\n> request POST https://h/b \"upload\"\n< reply 404 (2 bytes) \"no\"\n< data 103\n"
-              "< reply 200 (text/plain, 7 bytes) \"one two\" [x-sum (trailer): 7]\n"
-              "1-4 GET /a → 404 (2 bytes, 2 ms)\n2-6 POST /b → 200 (text/plain, 7 bytes, 3 ms)\n");
+              "> request GET https://h/a\n> request POST https://h/b \"upload\"\n< data 103\n"
+              "< reply 200 (text/plain, 7 bytes) \"one two\" [x-sum (trailer): 7]\n< reply 404 (2 bytes) \"no\"\n"
+              "1-6 GET /a → 404 (2 bytes, 2 ms)\n2-5 POST /b → 200 (text/plain, 7 bytes, 3 ms)\n");
 }
 
 TEST(HTTP2, TakesPaddingPrioritiesAndContinuationsAway)
@@ -70,11 +71,10 @@ TEST(HTTP2, ShowsPushesResetsAndWhatIsUnanswered)
          HTTP2Writer::data(2, "css", endStream), server.headers(3, {{":status", "200"}}), HTTP2Writer::data(3, "par")});
     EXPECT_EQ(read({{'>', asked}, {'<', answered}, {'>', HTTP2Writer::frame(Type::rstStream, 0, 3, code)}}),
               "> request GET https://h/a\n> request GET https://h/b [Stream reset: CANCEL (0x8)]\n> request GET https://h/c\n"
-              "< reply 200 (no body)\n"
+              "< request GET https://h/style [Pushed by the server: on stream 1]\n< reply 200 (no body)\n< reply 200 (3 bytes) \"css\"\n"
               "< reply 200 (3 bytes) \"par\" (the stream was reset: CANCEL (0x8)) [Body incomplete: the stream was reset: CANCEL (0x8)]\n"
-              "< request GET https://h/style [Pushed by the server: on stream 1]\n< reply 200 (3 bytes) \"css\"\n"
               "> data RST_STREAM 3 CANCEL (0x8)\n"
-              "1-4 GET /a → 200 (no body, 1 ms)\n2-5 GET /b → 200 (3 bytes, 1 ms)\n3-? GET /c\n6-7 GET /style → 200 (3 bytes, 0 ms)\n");
+              "1-5 GET /a → 200 (no body, 1 ms)\n2-7 GET /b → 200 (3 bytes, 1 ms)\n3-? GET /c\n4-6 GET /style → 200 (3 bytes, 0 ms)\n");
 }
 
 TEST(HTTP2, ShowsWhatFramesSayOfTheConnection)
@@ -165,7 +165,7 @@ TEST(HTTP2, GoesOnBehindLostBytes)
         << "in a body";
     EXPECT_EQ(read({{'>', asked}, {'<', head + body.substr(0, 12)}, {'}', body.substr(12) + "lost"}, {'<', more}}),
               "> request GET https://h/a\n< reply 200 (8 bytes) \"abc\\0\\0\\0\\0\\0\" (the capture lacks 5 bytes of it, shown as zeros)\n"
-              "< data PING \"12345678\"\n< data 4 bytes outside of any frame\n< reply 204 (no body)\n< reply 204 (no body)\n"
+              "< data 4 bytes outside of any frame\n< reply 204 (no body)\n< data PING \"12345678\"\n< reply 204 (no body)\n"
               "1-2 GET /a → 200 (8 bytes, 1 ms)\n")
         << "across frames";
 }
@@ -204,6 +204,34 @@ TEST(HTTP2, BoundsWhatBadInputCosts)
             EXPECT_LE(HTTP2Interpreter::interpret(conversation({{'>', cut}}), {}).messages.size(), 6u) << name << " up to " << end;
         }
     }
+}
+
+TEST(HTTP2, ComesByUpgradeAndCarriesTunnels)
+{
+    HTTP2Writer client, server;
+    const std::string asked = inOrder({HTTP2Writer::preface(), client.headers(3, HTTP2Writer::get("/b"), endStream)});
+    const std::string answered = inOrder({"HTTP/1.1 101 Switching Protocols\r\nConnection: Upgrade\r\nUpgrade: h2c\r\n\r\n",
+                                          HTTP2Writer::frame(Type::settings, 0, 0, {}), server.headers(1, {{":status", "200"}}),
+                                          HTTP2Writer::data(1, "one", endStream), server.headers(3, {{":status", "204"}}, endStream)});
+    const std::vector<Said> upgraded{
+        {'>', "GET /a HTTP/1.1\r\nHost: h\r\nConnection: Upgrade, HTTP2-Settings\r\nUpgrade: h2c\r\nHTTP2-Settings: AAA\r\n\r\n"},
+        {'<', answered},
+        {'>', asked}};
+    EXPECT_EQ(transcript(HTTP1Interpreter::interpret(conversation(upgraded), {})),
+              "> request GET http://h/a\n< data 101 Switching Protocols\n< data SETTINGS\n< reply 200 (3 bytes) \"one\"\n< reply 204 (no "
+              "body)\n> data SETTINGS\n"
+              "> request GET https://h/b\n0-3 GET /a → 200 (3 bytes, 1 ms)\n6-4 GET /b → 204 (no body, 0 ms)\n");
+
+    HTTP2Writer tunnelClient, tunnelServer;
+    const std::string connect = inOrder(
+        {HTTP2Writer::preface(),
+         tunnelClient.headers(
+             1, {{":method", "CONNECT"}, {":protocol", "websocket"}, {":scheme", "https"}, {":authority", "h"}, {":path", "/chat"}}),
+         HTTP2Writer::data(1, std::string("\x81\x82\0\0\0\0h", 7)), HTTP2Writer::data(1, "i")});
+    EXPECT_EQ(read({{'>', connect}, {'<', inOrder({tunnelServer.headers(1, {{":status", "200"}}), HTTP2Writer::data(1, "\x81\2yo")})}}),
+              "> request CONNECT https://h/chat\n> data Text \"hi\" \"hi\"\n"
+              "< reply 200 (no body)\n< data Text \"yo\" \"yo\"\n1-3 CONNECT /chat → 200 "
+              "(no body, 1 ms)\n");
 }
 
 TEST(HTTP2, IsRecognised)
