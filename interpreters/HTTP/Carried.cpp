@@ -50,6 +50,7 @@ void Carried::append(Conversation& conversation, const TCPStream& outer, const S
     if (!made) made = bytesOf(inner);
     const CarriedPlaces client(carried.client), server(carried.server);
     for (StreamMessage& message : made->messages) {
+        if (carried.streamId && !message.attribute("streamId")) message.attributes.push_back({"streamId", *carried.streamId});
         // What was decrypted on the way counts in its own plaintext.
         if (message.isDecrypted || !message.byteRange) continue;
         message.byteRange = (message.direction == Direction::clientToServer ? client : server).outerRange(*message.byteRange);

@@ -15,8 +15,9 @@ namespace sealscope {
 struct Carried {
     ByteRanges client;  ///< of the outer stream's client to server data
     ByteRanges server;
-    std::optional<std::string> protocol;  ///< that both sides agreed on: "websocket"
-    HeaderFields reply;                   ///< the fields of the reply that granted it
+    std::optional<std::string> protocol;   ///< that both sides agreed on: "websocket"
+    std::optional<std::int64_t> streamId;  ///< of HTTP/2, given to each message as an attribute
+    HeaderFields reply;                    ///< the fields of the reply that granted it
 
     /// Adds what the application's interpreters make of it, or its bytes.
     static void append(Conversation& conversation, const TCPStream& outer, const StreamContext& context, const Carried& carried);

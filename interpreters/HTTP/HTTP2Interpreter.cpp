@@ -119,6 +119,7 @@ private:
                             {.client = asking_.direction() == Direction::clientToServer ? askedData : answeredData,
                              .server = asking_.direction() == Direction::clientToServer ? answeredData : askedData,
                              .protocol = protocol,
+                             .streamId = number,
                              .reply = conversation_[*reply].detail});
     }
 

@@ -116,6 +116,7 @@ StreamMessage HTTPMessages::shown(HTTPMessage message, const TCPStream& stream, 
         shown.attributes.push_back({"url", message.url});
     } else {
         shown.attributes.push_back({"status", std::int64_t{message.status}});
+        if (!message.reason.empty()) shown.attributes.push_back({"statusText", message.reason});
     }
     shown.attributes.push_back({"protocol", std::string(message.protocol)});
     if (contentType) shown.attributes.push_back({"contentType", *contentType});

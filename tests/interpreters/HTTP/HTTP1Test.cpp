@@ -244,7 +244,7 @@ TEST(HTTP1, TellsMachinesWhatPeopleRead)
         (std::vector<StreamAttribute>{
             {"method", "GET"}, {"url", "https://h:8080/files/a%20b.txt?x"}, {"protocol", "HTTP/1.1"}, {"encodedBytes", std::int64_t{0}}}));
     EXPECT_EQ(get.detail, (std::vector<DetailRow>{{"Host", "h:8080"}, {"A", "1"}, {"B", "2"}, {"A", "3"}}));
-    EXPECT_EQ(reply.attributes, (std::vector<StreamAttribute>{{"status", std::int64_t{200}},
+    EXPECT_EQ(reply.attributes, (std::vector<StreamAttribute>{{"status", std::int64_t{200}}, {"statusText", "OK"},
                                                               {"protocol", "HTTP/1.1"},
                                                               {"contentType", "text/plain; charset=ISO-8859-1"},
                                                               {"encodedBytes", std::int64_t{1}}}));

@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "host/VELModels/VELExporting.h"
+#include "interpreters/HTTP/HARValues.h"
+
+#include <vector>
+
+namespace sealscope {
+
+/// Writes requests and replies as an HTTP archive (HAR 1.2), an entry each as the streams come. Bodies go out piece by piece; none is
+/// held whole.
+class HARExporter final : public StreamExporter {
+public:
+    static const StreamExportFormat format;
+
+    void begin(const Write& write) override;
+    void add(const ExportedStream& stream, const Write& write) override;
+    void end(const Write& write) override;
+
+private:
+    using JSON = HARValues::JSON;
+
+    void writeEntry(const ExportedStream& stream, const StreamMessage* request, const StreamMessage* reply,
+                    const std::vector<const StreamMessage*>& webSocketMessages);
+    void writeRequest(const StreamMessage* request);
+    void writeReply(const StreamMessage* reply);
+    /// `"text":"…"` and what goes with it, of a body; its length.
+    std::int64_t writeText(const StreamMessage& message, std::string_view encodingKey);
+    void write(std::string_view text);
+
+    const Write* write_ = nullptr;
+    bool isStopped_ = false;
+    bool hasEntries_ = false;
+};
+
+}  // namespace sealscope

@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "host/VELModels/StreamMessage.h"
+#include "interpreters/HTTP/HeaderFields.h"
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
+
+namespace sealscope {
+
+/// The parts of an entry in an HTTP archive (HAR 1.2).
+struct HARValues {
+    HARValues() = delete;
+    using JSON = nlohmann::ordered_json;
+
+    /// The rows of a message that are header fields.
+    static HeaderFields headerFields(const StreamMessage& message);
+    static JSON headers(const HeaderFields& fields);
+    /// Of Cookie (RFC 6265 §4.2.1).
+    static JSON requestCookies(const HeaderFields& fields);
+    /// Of Set-Cookie (RFC 6265 §4.1.1).
+    static JSON replyCookies(const HeaderFields& fields);
+    /// The parameters of a URL's query, or of a form.
+    static JSON parameters(std::string_view query);
+    static std::string_view queryOf(std::string_view url);
+    /// "2023-11-14T22:13:20.250Z" (ISO 8601).
+    static std::string dateText(double seconds);
+    /// A date of HTTP (RFC 9110 §5.6.7) as one of HAR; empty when it is none.
+    static std::string dateText(const std::string& httpDate);
+};
+
+}  // namespace sealscope
