@@ -72,11 +72,12 @@ TEST_F(ExamplePlugInTest, IsFoundAndAskedByTheInstalledProgram)
 
     const std::string build = folder->file("build");
     const auto plugIns = jsonLines(run({"plugins", "--json", "--plugin-path", build}).output);
-    ASSERT_EQ(plugIns.size(), 2U);
+    ASSERT_EQ(plugIns.size(), 3U);
     EXPECT_EQ(plugIns[0].at("title"), "IRC");
-    EXPECT_EQ(plugIns[0].at("version"), "1.0");
-    EXPECT_EQ(plugIns[1].at("title"), "Sealscope");
-    EXPECT_EQ(plugIns[1].at("bundle"), folder->file("moved/" SEALSCOPE_PLUGIN_DIR "/Sealscope.bundle"));
+    EXPECT_EQ(plugIns[0].at("version"), "1.0 (1)");
+    EXPECT_EQ(plugIns[1].at("title"), "HTTP");
+    EXPECT_EQ(plugIns[2].at("title"), "Sealscope");
+    EXPECT_EQ(plugIns[2].at("bundle"), folder->file("moved/" SEALSCOPE_PLUGIN_DIR "/Sealscope.bundle"));
 
     std::vector<std::string> infos;
     for (const auto& row : jsonLines(run({"packets", "--json", "--plugin-path", build, capture}).output)) {

@@ -64,14 +64,18 @@ std::vector<std::size_t> registered()
 TEST_F(PlugInLoaderTest, LoadsTheProgramsOwnPlugIns)
 {
     EXPECT_THAT(problemsOf(own), IsEmpty());
-    ASSERT_EQ(own.loaded.size(), 1U);
-    EXPECT_EQ(own.loaded[0].bundle, PlugInLoader::ownFolder() / "Sealscope.bundle");
-    EXPECT_EQ(own.loaded[0].principalClass->name, "TLSPlugInController");
+    ASSERT_EQ(own.loaded.size(), 2U);
+    EXPECT_EQ(own.loaded[0].bundle, PlugInLoader::ownFolder() / "HTTP.bundle");
+    EXPECT_EQ(own.loaded[0].principalClass->name, "HTTPPlugInController");
+    EXPECT_EQ(own.loaded[1].bundle, PlugInLoader::ownFolder() / "Sealscope.bundle");
+    EXPECT_EQ(own.loaded[1].principalClass->name, "TLSPlugInController");
 
     const auto plugIns = VELPlugInsController::sharedManager().plugIns();
-    ASSERT_EQ(plugIns.size(), 1U);
-    EXPECT_EQ(plugIns[0].bundle->path(), own.loaded[0].bundle);
-    EXPECT_EQ(plugIns[0].plugIn.plugInVersion, *own.loaded[0].principalClass->pluginVersion());
+    ASSERT_EQ(plugIns.size(), 2U);
+    for (std::size_t i = 0; i < plugIns.size(); ++i) {
+        EXPECT_EQ(plugIns[i].bundle->path(), own.loaded[i].bundle);
+        EXPECT_EQ(plugIns[i].plugIn.plugInVersion, *own.loaded[i].principalClass->pluginVersion());
+    }
     EXPECT_THAT(plugIns[0].plugIn.plugInVersion, testing::MatchesRegex("[0-9]+\\.[0-9]+\\.[0-9]+ \\([0-9]+\\)"));
 }
 
