@@ -23,6 +23,8 @@ constexpr OptionSpec specs[] = {
     {Option::hex, 0, "hex", "", "show the bytes of each field"},
     {Option::stream, 0, "stream", "I", "only stream I, counted from 0; may be given again"},
     {Option::noInterpreters, 0, "no-interpreters", "", "show decrypted bytes as they are, to no further interpreter"},
+    {Option::bodies, 0, "bodies", "", "print bodies whole, however long they are"},
+    {Option::largestBody, 0, "largest-body", "BYTES", "stop decoding a compressed body at BYTES (1073741824 by default)"},
     {Option::reach, 0, "reach", "HOW", "how far decryption goes: full (the default) or strict, the TLS plug-in alone"},
     {Option::output, 'o', "output", "DIR", "write the plaintext of each direction to a file in DIR"},
     {Option::pcap, 0, "pcap", "OUT", "write the plaintext as a capture without TLS"},
@@ -103,6 +105,13 @@ std::string enter(Options& options, const OptionSpec& spec, std::string_view arg
             return refuse("expected a stream number, 0 or more");
         break;
     case Option::noInterpreters: options.noInterpreters = true; break;
+    case Option::bodies: options.bodies = true; break;
+    case Option::largestBody:
+        if (const auto bytes = number(1))
+            options.largestBody = *bytes;
+        else
+            return refuse("expected a number of bytes, 1 or more");
+        break;
     case Option::reach:
         if (argument == "full")
             options.reach = DecryptionReach::full;

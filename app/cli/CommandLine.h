@@ -27,6 +27,8 @@ enum class Option : std::uint8_t {
     hex,
     stream,
     noInterpreters,
+    bodies,
+    largestBody,
     reach,
     output,
     pcap,
@@ -83,6 +85,8 @@ struct Options {
     bool hex = false;
     std::vector<std::int64_t> streams;  ///< empty for all
     bool noInterpreters = false;
+    bool bodies = false;
+    std::int64_t largestBody = std::int64_t{1} << 30;  ///< bytes
     DecryptionReach reach = DecryptionReach::full;
     std::string output;
     std::string pcap;

@@ -40,11 +40,12 @@ std::unique_ptr<Session> openSession(const CommandContext& context, ExitStatus& 
         Progress progress("reading", !options.quiet);
         auto opened = Session::open({.files = options.arguments,
                                      .filter = options.filter,
-                                     .maximumPackets = options.count,
+                                     .maximumPackets = options.command->countsRows ? -1 : options.count,
                                      .keepsEveryBlock = !options.injectSecrets.empty() || !options.stripSecrets.empty(),
                                      .keyLogs = options.keylogs,
                                      .plugIns = {.reach = options.reach,
-                                                 .carried = options.noInterpreters ? CarriedStreams::shownAsBytes : CarriedStreams::interpreted},
+                                                 .carried = options.noInterpreters ? CarriedStreams::shownAsBytes : CarriedStreams::interpreted,
+                                                 .largestDecodedBody = options.largestBody},
                                      .progress = [&](std::int64_t done, std::int64_t total) { progress.show(done, total); },
                                      .stop = interruption()});
         if (!opened) {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/records/StreamRecords.h"
 
+#include "app/records/MessageRecords.h"
 #include "app/records/VerdictSentence.h"
 
 #include <utility>
@@ -60,61 +61,6 @@ void writeDirection(JSONLineWriter& json, std::string_view key, const TLSDirecti
     } else {
         json.null();
     }
-    json.endObject();
-}
-
-std::string_view name(StreamMessageKind kind)
-{
-    switch (kind) {
-    case StreamMessageKind::data: return "data";
-    case StreamMessageKind::handshake: return "handshake";
-    case StreamMessageKind::request: return "request";
-    case StreamMessageKind::reply: return "reply";
-    }
-    std::unreachable();
-}
-
-void writeMessage(JSONLineWriter& json, const StreamMessage& message)
-{
-    json.beginObject();
-    json.member("direction", directionName(message.direction));
-    json.member("kind", name(message.kind));
-    json.member("summary", message.summary);
-    json.key("detail");
-    json.beginArray();
-    for (const DetailRow& row : message.detail) {
-        json.beginObject();
-        json.member("name", row.name);
-        json.member("value", row.value);
-        json.endObject();
-    }
-    json.endArray();
-    json.key("body");
-    if (message.body)
-        json.base64(message.body->bytes());
-    else
-        json.null();
-    json.key("bodyHint");
-    if (message.bodyHint)
-        json.value(message.bodyHint->form == StreamBodyHint::Form::text ? "text" : "binary");
-    else
-        json.null();
-    json.key("byteRange");
-    if (message.byteRange) {
-        json.beginArray();
-        json.value(message.byteRange->lower);
-        json.value(message.byteRange->upper);
-        json.endArray();
-    } else {
-        json.null();
-    }
-    json.key("packetIds");
-    json.beginArray();
-    for (const std::int64_t packet : message.packetIds) json.value(packet);
-    json.endArray();
-    json.member("timestamp", message.timestamp);
-    json.member("filename", message.filename);
-    json.member("isDecrypted", message.isDecrypted);
     json.endObject();
 }
 
@@ -193,11 +139,6 @@ std::string_view verdictName(const TLSDecryptionOutcome& outcome)
     std::unreachable();
 }
 
-std::string_view directionName(TCPSegment::Direction direction)
-{
-    return direction == TCPSegment::Direction::clientToServer ? "clientToServer" : "serverToClient";
-}
-
 void appendRecord(std::string& text, const StreamRow& row)
 {
     const StreamSummary& summary = row.summary;
@@ -258,7 +199,11 @@ void appendRecord(std::string& text, std::int64_t stream, const StreamInterpreta
     json.member("stream", stream);
     json.key("messages");
     json.beginArray();
-    for (const StreamMessage& message : interpretation.messages) writeMessage(json, message);
+    for (const StreamMessage& message : interpretation.messages) {
+        json.beginObject();
+        writeMembers(json, message, BodyMember::written);
+        json.endObject();
+    }
     json.endArray();
     json.key("pairings");
     if (interpretation.pairings) {

@@ -24,7 +24,6 @@ struct StreamRow {
 
 /// The verdict as programs read it: "decrypted", "noHandshake", …
 std::string_view verdictName(const TLSDecryptionOutcome& outcome);
-std::string_view directionName(TCPSegment::Direction direction);
 
 // Each appends one line of NDJSON.
 

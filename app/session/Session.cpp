@@ -114,6 +114,8 @@ std::int64_t Session::packetCount() const { return implementation_->packetCount;
 std::int64_t Session::streamCount() const { return implementation_->connections().size(); }
 std::int64_t Session::packets(std::int64_t stream) const { return implementation_->connections()[stream].packets(); }
 
+double Session::startTime(std::int64_t stream) const { return implementation_->connections()[stream].startTime; }
+
 StreamSummary Session::summary(std::int64_t stream) const
 {
     const Connection& connection = implementation_->connections()[stream];

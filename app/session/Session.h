@@ -60,6 +60,8 @@ public:
     /// Packets of a stream: what is known of its size before it is assembled.
     std::int64_t packets(std::int64_t stream) const;
     StreamSummary summary(std::int64_t stream) const;
+    /// Of a stream's earliest packet, in seconds since 1970.
+    double startTime(std::int64_t stream) const;
     /// The reassembled connection. Its bytes stay where the capture has them; it may outlive the session.
     TCPStream stream(std::int64_t stream) const;
 

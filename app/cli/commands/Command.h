@@ -34,6 +34,7 @@ struct Command {
     OptionSet options;             ///< beside those that every command knows
     int fewestArguments = 1;
     int mostArguments = -1;  ///< negative for any number
+    bool countsRows = false;  ///< --count is about its rows, not about packets
     bool isPaged = false;    ///< its text is long: on a terminal the user's pager shows it
     ExitStatus (*run)(const CommandContext& context) = nullptr;
 };

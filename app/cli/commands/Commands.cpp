@@ -7,8 +7,8 @@ namespace sealscope::cli {
 
 std::span<const Command* const> commands()
 {
-    static constexpr const Command* all[] = {&followCommand,  &packetsCommand, &treeCommand,    &streamsCommand,
-                                             &decryptCommand, &liveCommand,    &plugInsCommand, &settingsCommand};
+    static constexpr const Command* all[] = {&followCommand, &exchangesCommand, &objectsCommand, &packetsCommand, &treeCommand,    &streamsCommand,
+                                             &decryptCommand, &exportCommand, &liveCommand, &plugInsCommand, &settingsCommand};
     return all;
 }
 

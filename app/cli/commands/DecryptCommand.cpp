@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/capture/CaptureWriter.h"
 #include "app/cli/Interrupt.h"
+#include "app/cli/OutputFolder.h"
 #include "app/cli/StreamReading.h"
 #include "app/cli/commands/Commands.h"
 #include "app/cli/text/Messages.h"
@@ -174,8 +175,8 @@ ExitStatus run(const CommandContext& context)
         complain("'decrypt' wants --output, --pcap, --inject-secrets or --strip-secrets; 'sealscope decrypt --help' shows how");
         return wrongCommandLine;
     }
-    if (std::error_code error; !options.output.empty() && !fs::is_directory(options.output, error))
-        return complainAboutOutput(options.output, error ? error.message() : "is no directory");
+    if (!options.output.empty())
+        if (const auto folder = prepareOutputFolder(options.output); !folder) return complainAboutOutput(options.output, folder.error());
 
     NamedOutput pcap{options.pcap}, injected{options.injectSecrets}, stripped{options.stripSecrets};
     for (NamedOutput* output : {&pcap, &injected, &stripped})

@@ -78,7 +78,8 @@ private:
         if (context_.options.json)
             appendRecord(text, untold.heading.summary.number, untold.interpretation, spill);
         else
-            appendStreamText(text, untold.heading, untold.interpretation, context_.terminal, spill);
+            appendStreamText(text, untold.heading, untold.interpretation, context_.terminal,
+                             context_.options.bodies ? ShownBodies::whole : ShownBodies::beginnings, spill);
     }
 
     const CommandContext& context_;
@@ -120,7 +121,7 @@ const Command followCommand{
     .examples = "sealscope follow capture.pcapng|every conversation\n"
                 "sealscope follow --stream 3 -k keys.txt capture.pcapng|one of them, decrypted\n"
                 "sealscope follow --json capture.pcapng|one JSON object a stream\n",
-    .options = {Option::stream, Option::keylog, Option::noInterpreters, Option::reach, Option::json, Option::filter, Option::count},
+    .options = {Option::stream, Option::keylog, Option::noInterpreters, Option::bodies, Option::largestBody, Option::reach, Option::json, Option::filter, Option::count},
     .isPaged = true,
     .run = run};
 

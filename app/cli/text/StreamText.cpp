@@ -16,7 +16,7 @@ namespace sealscope::cli {
 
 namespace {
 
-constexpr std::int64_t bodyOnTerminal = 2'048;  ///< bytes of a body that a terminal shows
+constexpr std::int64_t bodyOnTerminal = 4'096;  ///< bytes of a body that a terminal shows
 constexpr std::size_t detailIndent = 20;        ///< below the summaries: "22:13:20.250000 → "
 
 /// Bytes that read as text: well-formed, and without the control characters that text does not have.
@@ -35,7 +35,9 @@ std::string latin1(DataView bytes)
 
 class Conversation {
 public:
-    Conversation(std::string& text, const Terminal& terminal, const Spill& spill) : text_(text), terminal_(terminal), spill_(spill) {}
+    Conversation(std::string& text, const Terminal& terminal, ShownBodies bodies, const Spill& spill)
+        : text_(text), terminal_(terminal), cutsBodies_(terminal.isTerminal && bodies == ShownBodies::beginnings), spill_(spill)
+    {}
 
     void heading(const StreamHeading& heading)
     {
@@ -130,7 +132,7 @@ private:
     void body(const StreamMessage& message)
     {
         const std::int64_t length = message.body->length();
-        const Data bytes = terminal_.isTerminal ? beginning(*message.body) : message.body->bytes();
+        const Data bytes = cutsBodies_ ? beginning(*message.body) : message.body->bytes();
         const DataView shown = bytes;
         const bool saysText = message.bodyHint && message.bodyHint->form == StreamBodyHint::Form::text;
         const bool isLatin1 = saysText && message.bodyHint->encoding == TextEncoding::latin1;
@@ -144,7 +146,7 @@ private:
         if (shown.size() < length) {
             text_.append(detailIndent + 2, ' ');
             styled(Style::faint,
-                   fmt::format("… and {} bytes more; 'sealscope decrypt --output' writes them all", length - shown.size()));
+                   fmt::format("… {} more bytes; --bodies prints all of them", length - shown.size()));
             text_ += '\n';
         }
     }
@@ -196,6 +198,7 @@ private:
 
     std::string& text_;
     const Terminal& terminal_;
+    bool cutsBodies_;
     const Spill& spill_;
     TimeText time_;
 };
@@ -203,9 +206,9 @@ private:
 }  // namespace
 
 void appendStreamText(std::string& text, const StreamHeading& heading, const StreamInterpretation& interpretation, const Terminal& terminal,
-                      const Spill& spill)
+                      ShownBodies bodies, const Spill& spill)
 {
-    Conversation conversation(text, terminal, spill);
+    Conversation conversation(text, terminal, bodies, spill);
     conversation.heading(heading);
     conversation.messages(interpretation);
     text += '\n';

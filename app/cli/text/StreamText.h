@@ -20,10 +20,13 @@ struct StreamHeading {
     std::optional<TLSDecryptionReport> report;  ///< for server name, version and cipher suite
 };
 
+/// How much of long bodies a terminal shows; elsewhere all of each is written.
+enum class ShownBodies { beginnings, whole };
+
 /// Appends a stream as a conversation: a heading, then message by message the time, who speaks, what, the details, the
 /// message that it answers, and the body. A body is shown as text where it is text, else in hexadecimal; on a terminal only
 /// its beginning.
 void appendStreamText(std::string& text, const StreamHeading& heading, const StreamInterpretation& interpretation, const Terminal& terminal,
-                      const Spill& spill);
+                      ShownBodies bodies, const Spill& spill);
 
 }  // namespace sealscope::cli

@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/cli/Interrupt.h"
+#include "app/cli/StreamReading.h"
+#include "app/cli/commands/Commands.h"
+#include "app/cli/text/DisplayText.h"
+#include "app/cli/text/Messages.h"
+#include "app/export/FormatExport.h"
+#include "app/records/JSONLineWriter.h"
+#include "host/VELModels/VELExporting.h"
+#include "host/VELModels/VELPlugInsController.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+
+namespace sealscope::cli {
+
+namespace {
+
+void listFormats(const CommandContext& context)
+{
+    std::string text;
+    for (const StreamExportFormat* format : VELPlugInsController::sharedManager().exportFormats()) {
+        if (context.options.json) {
+            JSONLineWriter json(text);
+            json.beginObject();
+            json.member("name", format->name);
+            json.member("description", format->description);
+            json.member("fileExtension", format->fileExtension);
+            json.member("mediaType", format->mediaType);
+            json.endObject();
+            text += '\n';
+        } else {
+            text += fmt::format("{:<8}{}\n", displaySafe(format->name), displaySafe(format->description));
+        }
+    }
+    if (text.empty()) remark("no plug-in offers a format to export to");
+    context.output.write(text);
+}
+
+ExitStatus run(const CommandContext& context)
+{
+    const Options& options = context.options;
+    if (options.arguments.empty()) return listFormats(context), done;
+    const auto formats = VELPlugInsController::sharedManager().exportFormats();
+    const auto format = std::ranges::find(formats, options.arguments.front(), [](const auto* each) { return each->name; });
+    if (format == formats.end()) {
+        std::vector<std::string_view> names;
+        std::ranges::transform(formats, std::back_inserter(names), [](const auto* each) { return each->name; });
+        const std::string_view near = nearestMatch(options.arguments.front(), names);
+        complain(near.empty() ? fmt::format("export: there is no format '{}'; 'sealscope export' lists them", options.arguments.front())
+                              : fmt::format("export: there is no format '{}'; did you mean '{}'?", options.arguments.front(), near));
+        return wrongCommandLine;
+    }
+    if (options.arguments.size() < 2 || options.output.empty()) {
+        complain(fmt::format("'export' is written 'sealscope export {} FILE… --output OUT'", (*format)->name));
+        return wrongCommandLine;
+    }
+    // What cannot be written is told before the work.
+    auto file = OutputFile::create(options.output, options.force);
+    if (!file) {
+        complain(fmt::format("{}: {}", options.output, file.error()));
+        return failed;
+    }
+    ExitStatus status = done;
+    Options captureOptions = options;
+    captureOptions.arguments.erase(captureOptions.arguments.begin());
+    const CommandContext captureContext{.options = captureOptions, .terminal = context.terminal, .output = context.output};
+    const auto session = openSession(captureContext, status);
+    if (!session) return status;
+    const auto streams = wantedStreams(captureContext, *session, status);
+    exportStreams(*session, streams, **format, *file, interruption());
+    if (const std::string problem = file->finish(); !problem.empty()) {
+        complain(fmt::format("{}: {}", options.output, problem));
+        status = failed;
+    }
+    return complainAboutDamage(captureContext, *session, status);
+}
+
+}  // namespace
+
+const Command exportCommand{
+    .name = "export",
+    .arguments = "FORMAT FILE…",
+    .summary = "the capture in a format that a plug-in offers, such as an HTTP archive",
+    .description = "Writes what was said in a format of another program. Without a FORMAT lists the formats.",
+    .examples = "sealscope export|the formats\n"
+                "sealscope export har -k keys.txt --output capture.har capture.pcapng|for a browser's developer tools\n",
+    .options = {Option::stream, Option::keylog, Option::reach, Option::output, Option::force, Option::largestBody, Option::json, Option::filter,
+                Option::count},
+    .fewestArguments = 0,
+    .run = run};
+
+}  // namespace sealscope::cli

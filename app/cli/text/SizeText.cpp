@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/cli/text/SizeText.h"
+
+#include "app/cli/text/DisplayText.h"
+
+#include <algorithm>
+#include <array>
+#include <fmt/format.h>
+
+namespace sealscope::cli {
+
+std::string sizeText(std::int64_t bytes)
+{
+    if (bytes < 1'000) return fmt::format("{} B", bytes);
+    static constexpr std::array units{"kB", "MB", "GB", "TB", "PB"};
+    double value = static_cast<double>(bytes) / 1'000;
+    std::size_t unit = 0;
+    while (value >= 999.95 && unit + 1 < units.size()) {
+        value /= 1'000;
+        ++unit;
+    }
+    return value < 99.95 ? fmt::format("{:.1f} {}", value, units[unit]) : fmt::format("{:.0f} {}", value, units[unit]);
+}
+
+std::string durationText(double seconds)
+{
+    const double milliseconds = seconds * 1'000;
+    if (milliseconds < 9.95) return fmt::format("{:.1f} ms", milliseconds);
+    if (milliseconds < 999.5) return fmt::format("{:.0f} ms", milliseconds);
+    if (seconds < 99.995) return fmt::format("{:.2f} s", seconds);
+    const auto whole = static_cast<std::int64_t>(std::min(seconds, 1e15));
+    return fmt::format("{}:{:02} min", whole / 60, whole % 60);
+}
+
+std::string shortenedInTheMiddle(std::string_view text, int columns)
+{
+    std::string safe;
+    const int width = appendDisplaySafe(safe, text);
+    // Texts of which each byte is a column, as URLs are; what others lose at their end the table cuts.
+    const auto room = static_cast<std::size_t>(std::max(columns, 20));
+    if (static_cast<std::size_t>(width) <= room || safe.size() != static_cast<std::size_t>(width)) return safe;
+    const std::size_t tail = room / 3, head = room - tail - 1;
+    return safe.substr(0, head) + "…" + safe.substr(safe.size() - tail);
+}
+
+}  // namespace sealscope::cli

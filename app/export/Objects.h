@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "host/VELModels/StreamMessage.h"
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <stop_token>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+
+namespace sealscope {
+
+/// A body that was saved, or why it was not.
+struct SavedObject {
+    std::int64_t stream = 0;
+    TCPSegment::Direction direction = TCPSegment::Direction::clientToServer;  ///< who sent it
+    std::string file;                                                         ///< its path; empty when it could not be written
+    std::string name;                                                         ///< the suggested one, made safe
+    std::optional<std::string> url;
+    std::optional<std::string> contentType;
+    std::int64_t bytes = 0;  ///< written
+    bool isComplete = true;
+    std::string remark;   ///< why it is not complete, as a clause
+    std::string problem;  ///< with the file, as a sentence; empty when there is none
+};
+
+/// A name from the wire as one that any file system takes: one path component without control, invisible or reserved
+/// characters, not hidden, of at most 200 bytes. "object" where nothing is left of it.
+std::string safeFileName(std::string_view name);
+
+/// Saves the bodies of messages into a folder, each under a name of its own. Used by one thread.
+class ObjectFolder {
+public:
+    enum class Existing : std::uint8_t { kept, replaced };
+    ObjectFolder(std::string folder, Existing existing) : folder_(std::move(folder)), existing_(existing) {}
+
+    /// Saves a message's body, piece by piece. `url` is that of its request. Nothing when the message has none, or an empty one.
+    std::optional<SavedObject> save(std::int64_t stream, const StreamMessage& message, std::optional<std::string> url,
+                                    const std::stop_token& stop);
+
+private:
+    std::string freePath(const std::string& name);
+
+    std::string folder_;
+    Existing existing_;
+    std::unordered_set<std::string> used_;  ///< by this run
+};
+
+}  // namespace sealscope
