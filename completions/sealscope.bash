@@ -3,7 +3,7 @@
 
 _sealscope() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-    local commands="follow packets tree streams decrypt live plugins settings help"
+    local commands="follow exchanges objects packets tree streams decrypt export live plugins settings help"
     local common="--plugin-path --color --quiet --version --help"
     local words="" command="" word index
 
@@ -12,7 +12,7 @@ _sealscope() {
         word=${COMP_WORDS[index]}
         case $word in
             -k | --keylog | -f | --filter | -n | --count | --packet | --stream | -o | --output | --pcap | --inject-secrets | \
-                --strip-secrets | -i | --interface | -w | --write | --plugin-path | --color) ((index++)) ;;
+                --strip-secrets | --reach | --largest-body | -i | --interface | -w | --write | --plugin-path | --color) ((index++)) ;;
             -*) ;;
             *)
                 command=$word
@@ -26,8 +26,16 @@ _sealscope() {
             mapfile -t COMPREPLY < <(compgen -W "auto always never" -- "$current")
             return
             ;;
+        --reach)
+            mapfile -t COMPREPLY < <(compgen -W "full strict" -- "$current")
+            return
+            ;;
         -i | --interface)
             mapfile -t COMPREPLY < <(compgen -W "$(ls /sys/class/net 2>/dev/null)" -- "$current")
+            return
+            ;;
+        export)
+            mapfile -t COMPREPLY < <(compgen -W "$(sealscope export 2>/dev/null | cut -d ' ' -f 1)" -- "$current")
             return
             ;;
         -o | --output | --plugin-path)
@@ -40,7 +48,7 @@ _sealscope() {
             mapfile -t COMPREPLY < <(compgen -f -- "$current")
             return
             ;;
-        -f | --filter | -n | --count | --packet | --stream) return ;;
+        -f | --filter | -n | --count | --packet | --stream | --largest-body) return ;;
     esac
 
     if [[ $command == settings && $current != -* ]]; then
@@ -62,11 +70,14 @@ _sealscope() {
         case $command in
             packets) words="--json --filter --count" ;;
             tree) words="--packet --hex --json --filter --count" ;;
-            streams) words="--keylog --stream --json --filter --count" ;;
-            decrypt) words="--keylog --stream --output --pcap --inject-secrets --strip-secrets --force --filter --count --json" ;;
+            streams) words="--keylog --reach --stream --json --filter --count" ;;
+            decrypt) words="--keylog --reach --stream --output --pcap --inject-secrets --strip-secrets --force --filter --count --json" ;;
+            exchanges) words="--keylog --reach --stream --largest-body --json --filter --count" ;;
+            objects) words="--keylog --reach --stream --output --force --largest-body --json --filter --count" ;;
+            export) words="--keylog --reach --stream --output --force --largest-body --json --filter --count" ;;
             live) words="--interface --write --filter --count --json" ;;
             plugins | settings) words="--json" ;;
-            *) words="--keylog --stream --no-interpreters --json --filter --count" ;;
+            *) words="--keylog --reach --stream --no-interpreters --bodies --largest-body --json --filter --count" ;;
         esac
         mapfile -t COMPREPLY < <(compgen -W "$words $common" -- "$current")
         return

@@ -1,9 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
 # Completion of sealscope(1) for fish.
 
-set -l commands follow packets tree streams decrypt live plugins settings help
+set -l commands follow exchanges objects packets tree streams decrypt export live plugins settings help
 
 complete -c sealscope -n "not __fish_seen_subcommand_from $commands" -a follow -d "what was said, stream by stream"
+complete -c sealscope -n "not __fish_seen_subcommand_from $commands" -a exchanges -d "requests and replies, a row each"
+complete -c sealscope -n "not __fish_seen_subcommand_from $commands" -a objects -d "save every body that was carried"
+complete -c sealscope -n "not __fish_seen_subcommand_from $commands" -a export -d "the capture in a format of another program"
 complete -c sealscope -n "not __fish_seen_subcommand_from $commands" -a packets -d "the packet list"
 complete -c sealscope -n "not __fish_seen_subcommand_from $commands" -a tree -d "the field tree of each packet"
 complete -c sealscope -n "not __fish_seen_subcommand_from $commands" -a streams -d "the TCP connections, and which decrypt"
@@ -21,18 +24,23 @@ complete -c sealscope -s h -l help -d "print help"
 
 set -l streaming "not __fish_seen_subcommand_from packets tree live plugins settings help"
 complete -c sealscope -n "$streaming" -s k -l keylog -rF -d "take secrets from this key log"
+complete -c sealscope -n "$streaming" -l reach -xa "full strict" -d "how far decryption goes"
 complete -c sealscope -n "$streaming" -l stream -x -d "only this stream"
-complete -c sealscope -n "not __fish_seen_subcommand_from packets tree streams decrypt live plugins settings help" -l no-interpreters -d "show decrypted bytes as they are"
+complete -c sealscope -n "not __fish_seen_subcommand_from exchanges objects packets tree streams decrypt export live plugins settings help" -l no-interpreters -d "show decrypted bytes as they are"
+complete -c sealscope -n "not __fish_seen_subcommand_from exchanges objects packets tree streams decrypt export live plugins settings help" -l bodies -d "print bodies whole"
+complete -c sealscope -n "not __fish_seen_subcommand_from packets tree streams decrypt live plugins settings help" -l largest-body -x -d "stop decoding a compressed body there"
+complete -c sealscope -n "__fish_seen_subcommand_from export" -a "(sealscope export 2>/dev/null | string split -f 1 ' ')"
 complete -c sealscope -n "not __fish_seen_subcommand_from help" -l json -d "one JSON object a line"
 complete -c sealscope -n "not __fish_seen_subcommand_from plugins settings help" -s f -l filter -x -d "only packets that a capture filter passes"
 complete -c sealscope -n "not __fish_seen_subcommand_from plugins settings help" -s n -l count -x -d "stop after so many packets"
 complete -c sealscope -n "__fish_seen_subcommand_from tree" -l packet -x -d "only this packet"
 complete -c sealscope -n "__fish_seen_subcommand_from tree" -l hex -d "show the bytes of each field"
-complete -c sealscope -n "__fish_seen_subcommand_from decrypt" -s o -l output -xa "(__fish_complete_directories)" -d "write files into this folder"
+complete -c sealscope -n "__fish_seen_subcommand_from decrypt objects" -s o -l output -xa "(__fish_complete_directories)" -d "write files into this folder"
+complete -c sealscope -n "__fish_seen_subcommand_from export" -s o -l output -rF -d "write this file"
 complete -c sealscope -n "__fish_seen_subcommand_from decrypt" -l pcap -rF -d "write the plaintext as a capture"
 complete -c sealscope -n "__fish_seen_subcommand_from decrypt" -l inject-secrets -rF -d "write the capture with its secrets inside"
 complete -c sealscope -n "__fish_seen_subcommand_from decrypt" -l strip-secrets -rF -d "write the capture without secrets"
-complete -c sealscope -n "__fish_seen_subcommand_from decrypt" -l force -d "replace files that exist"
+complete -c sealscope -n "__fish_seen_subcommand_from decrypt objects export" -l force -d "replace files that exist"
 complete -c sealscope -n "__fish_seen_subcommand_from live" -s i -l interface -xa "(__fish_print_interfaces)" -d "capture from this interface"
 complete -c sealscope -n "__fish_seen_subcommand_from live" -s w -l write -rF -d "keep the captured packets"
 

@@ -1,0 +1,133 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/export/Objects.h"
+#include "harness/CaptureFile.h"
+#include "harness/PacketPath.h"
+#include "harness/TLSSession.h"
+#include "harness/TempDirectory.h"
+#include "tests/cli/Program.h"
+
+#include <filesystem>
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace sealscope::cli {
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+std::string reply(std::string_view headers, std::string_view body)
+{
+    return fmt::format("HTTP/1.1 200 OK\r\nContent-Length: {}\r\n{}\r\n{}", body.size(), headers, body);
+}
+
+/// A connection under TLS with two exchanges.
+class ExchangesCommand : public testing::Test {
+protected:
+    ExchangesCommand()
+    {
+        const TLSSession secured = runTLS({}, {clientSends("GET /a HTTP/1.1\r\nHost: example.org\r\n\r\n"),
+                                               serverSends(reply("Content-Type: text/plain\r\n", "first")),
+                                               clientSends("POST /b?x=1 HTTP/1.1\r\nHost: example.org\r\nContent-Length: 4\r\n\r\nsent"),
+                                               serverSends("HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n")});
+        keyLog = directory.write("keys.txt", secured.keyLog);
+        capture = directory.write("web.pcap", pcapFile(packets(tcpSegments(secured.flights))));
+    }
+
+    ProgramResult run(std::vector<std::string> words)
+    {
+        words.insert(words.end(), {capture, "-k", keyLog});
+        return sealscope(words);
+    }
+
+    TempDirectory directory;
+    std::string capture;
+    std::string keyLog;
+};
+
+TEST_F(ExchangesCommand, ListsRequestsWithTheirReplies)
+{
+    const auto rows = jsonLines(run({"exchanges", "--json"}).output);
+    ASSERT_EQ(rows.size(), 2U);
+    EXPECT_EQ(rows[0]["protocol"], "HTTP/1.1");
+    EXPECT_EQ(rows[0]["request"]["method"], "GET");
+    EXPECT_EQ(rows[0]["request"]["url"], "https://example.org/a");
+    EXPECT_EQ(rows[0]["request"]["isDecrypted"], true);
+    EXPECT_EQ(rows[0]["reply"]["status"], 200);
+    EXPECT_EQ(rows[0]["reply"]["bodyBytes"], 5);
+    EXPECT_EQ(rows[0]["reply"]["contentType"], "text/plain");
+    EXPECT_FALSE(rows[0]["reply"].contains("body"));
+    EXPECT_GE(rows[0]["duration"], 0);
+    EXPECT_EQ(rows[1]["request"]["url"], "https://example.org/b?x=1");
+    EXPECT_EQ(rows[1]["request"]["bodyBytes"], 4);
+    EXPECT_EQ(rows[1]["reply"]["status"], 404);
+    EXPECT_GE(rows[1]["time"], rows[0]["time"]);
+
+    EXPECT_EQ(jsonLines(run({"exchanges", "--json", "-n", "1"}).output).size(), 1U) << "counts rows, not packets";
+    EXPECT_THAT(run({"exchanges"}).output, testing::AllOf(HasSubstr("https://example.org/a"), HasSubstr("404")));
+
+    const ProgramResult closed = sealscope({"exchanges", capture});
+    EXPECT_EQ(closed.output, "");
+    EXPECT_THAT(closed.errors, HasSubstr("no requests or replies")) << "without the key log";
+    EXPECT_EQ(closed.status, 0);
+}
+
+TEST_F(ExchangesCommand, SavesObjectsAndReplacesNothing)
+{
+    const std::string folder = directory.file("saved");
+    const auto rows = jsonLines(run({"objects", "--json", "--output", folder}).output);
+    ASSERT_EQ(rows.size(), 2U);
+    EXPECT_EQ(readFile(std::string(rows[0]["file"])).view().text(), "first");
+    EXPECT_EQ(rows[0]["url"], "https://example.org/a");
+    EXPECT_EQ(rows[0]["complete"], true);
+    EXPECT_EQ(rows[1]["direction"], "clientToServer") << "an upload";
+    EXPECT_EQ(readFile(std::string(rows[1]["file"])).view().text(), "sent");
+
+    const auto again = jsonLines(run({"objects", "--json", "--output", folder}).output);
+    ASSERT_EQ(again.size(), 2U);
+    EXPECT_NE(again[0]["file"], rows[0]["file"]) << "a name that is taken gets a number";
+    EXPECT_EQ(jsonLines(run({"objects", "--json", "--force", "--output", folder}).output)[0]["file"], rows[0]["file"]);
+
+    EXPECT_EQ(run({"objects"}).status, 2) << "without a folder";
+    EXPECT_EQ(run({"objects", "--output", directory.file("no/such/folder")}).status, 1);
+}
+
+TEST_F(ExchangesCommand, ExportsWhatPlugInsOffer)
+{
+    EXPECT_THAT(sealscope({"export"}).output, HasSubstr("har "));
+    const std::string out = directory.file("web.har");
+    EXPECT_EQ(run({"export", "har", "--output", out}).status, 0);
+    const auto archive = nlohmann::json::parse(readFile(out).view().text());
+    ASSERT_EQ(archive["log"]["entries"].size(), 2U);
+    EXPECT_EQ(archive["log"]["entries"][0]["response"]["content"]["text"], "first");
+    EXPECT_EQ(run({"export", "har", "--output", out}).status, 1) << "it is there already";
+    EXPECT_THAT(run({"export", "hra", "--output", out}).errors, HasSubstr("did you mean 'har'?"));
+}
+
+}  // namespace
+
+TEST(Objects, MakesNamesFromTheWireSafe)
+{
+    const std::pair<std::string_view, std::string_view> cases[] = {
+        {"index.html", "index.html"},
+        {"../../etc/passwd", "_.._etc_passwd"},
+        {"..", "object"},
+        {"", "object"},
+        {".bashrc", "bashrc"},
+        {"-rf", "rf"},
+        {"a\x1B[31mb\nc", "a_[31mb_c"},
+        {"evil\xE2\x80\xAEgpj.exe", "evil_gpj.exe"},
+        {"con.txt", "_con.txt"},
+        {"COM1", "_COM1"},
+        {"COMET", "COMET"},
+        {"name. ", "name"},
+        {"\xFF", "\xEF\xBF\xBD"},
+        {"grüße.txt", "grüße.txt"},
+    };
+    for (const auto& [name, safe] : cases) EXPECT_EQ(safeFileName(name), safe) << name;
+    EXPECT_EQ(safeFileName(std::string(500, 'x')).size(), 200U);
+}
+
+}  // namespace sealscope::cli
