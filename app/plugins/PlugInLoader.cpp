@@ -3,6 +3,7 @@
 
 #include "host/VELModels/TLSDecryptionProbeRegistry.h"
 #include "host/VELModels/VELPlugInsController.h"
+#include "host/VELModels/VELStreamInterpreting.h"
 #include "platform/Bundle.h"
 
 #include <algorithm>
@@ -46,11 +47,15 @@ public:
         }
         for (const auto& probe : TLSDecryptionProbeRegistry::shared().snapshot())
             if (std::ranges::find(probes_, probe) == probes_.end()) TLSDecryptionProbeRegistry::shared().unregisterProbe(probe);
+        for (const auto* interpreter : VELStreamInterpreterRegistry::shared().snapshot())
+            if (std::ranges::find(interpreters_, interpreter) == interpreters_.end())
+                VELStreamInterpreterRegistry::shared().remove(interpreter);
     }
 
 private:
     std::vector<VELPlugInsController::Registration> plugIns_ = VELPlugInsController::sharedManager().plugIns();
     std::vector<std::shared_ptr<const TLSStreamDecryptionProbing>> probes_ = TLSDecryptionProbeRegistry::shared().snapshot();
+    std::vector<const VELStreamInterpreting*> interpreters_ = VELStreamInterpreterRegistry::shared().snapshot();
 };
 
 std::string otherVersion(std::int64_t version)

@@ -25,6 +25,10 @@ struct Interpreter {
     static StreamInterpretation interpret(const TCPStream&) { return {}; }
 };
 
+struct SecondInterpreter : Interpreter {
+    static constexpr std::string_view streamDisplayName = "Test, on its own";
+};
+
 const VELAnalyzerClass analyzerClass{
     .name = "TestAnalyzer",
     .create = [](DataView, const std::any&) { return std::unique_ptr<VELPluginAnalyzerProtocol>(); },
@@ -39,6 +43,7 @@ struct Principal : VELPluginPrincipalClassProtocol {
         VELPlugInStructure structure{.id = UUID::random(), .plugInTitle = "Test", .plugInAnalyzerClass = &analyzerClass};
         structure.plugInPrincipalClass = &principalClass;
         VELPlugInsController::sharedManager().registerVELPlugIn(std::move(structure), Bundle::containing(&analyzerClass));
+        VELStreamInterpreterRegistry::shared().add(VELStreamInterpreting::type<SecondInterpreter>());
         TLSDecryptionProbeRegistry::shared().registerProbe(std::make_shared<const Probe>());
         if (behavior == TestThrowing) throw std::runtime_error("the moon is full");
         if (behavior == TestThrowingNumber) throw 7;
