@@ -34,10 +34,6 @@ _sealscope() {
             mapfile -t COMPREPLY < <(compgen -W "$(ls /sys/class/net 2>/dev/null)" -- "$current")
             return
             ;;
-        export)
-            mapfile -t COMPREPLY < <(compgen -W "$(sealscope export 2>/dev/null | cut -d ' ' -f 1)" -- "$current")
-            return
-            ;;
         -o | --output | --plugin-path)
             compopt -o filenames
             mapfile -t COMPREPLY < <(compgen -d -- "$current")
@@ -63,6 +59,11 @@ _sealscope() {
                 ;;
         esac
         mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current")
+        return
+    fi
+
+    if [[ $command == export && $previous == export && $current != -* ]]; then
+        mapfile -t COMPREPLY < <(compgen -W "$(sealscope export 2>/dev/null | cut -d ' ' -f 1)" -- "$current")
         return
     fi
 

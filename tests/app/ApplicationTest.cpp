@@ -87,7 +87,11 @@ TEST_F(Application, AnswersAsTheCommandLineDoes)
 
 TEST_F(Application, KeepsTheSecretsOfSessionsApart)
 {
-    const std::tuple<std::vector<std::string>, std::string> cases[] = {
+    struct Case {
+        std::vector<std::string> keyLogs;
+        std::string expected;
+    };
+    const Case cases[] = {
         {{firstKeys}, "decrypted noKeyMaterial "},
         {{secondKeys}, "noKeyMaterial decrypted "},
         {{firstKeys, secondKeys}, "decrypted decrypted "},
@@ -97,14 +101,14 @@ TEST_F(Application, KeepsTheSecretsOfSessionsApart)
     std::vector<std::string> found(std::size(cases));
     for (std::size_t i = 0; i < std::size(cases); ++i)
         threads.emplace_back([&, i] {
-            const auto session = open(std::get<0>(cases[i]));
+            const auto session = open(cases[i].keyLogs);
             for (int round = 0; round < 20; ++round) {
                 const std::string now = verdicts(*session);
                 if (found[i].empty() || now != found[i]) found[i] += now;
             }
         });
     for (std::thread& thread : threads) thread.join();
-    for (std::size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(found[i], std::get<1>(cases[i]));
+    for (std::size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(found[i], cases[i].expected);
 }
 
 }  // namespace
