@@ -154,8 +154,8 @@ TEST(DecryptCommand, TellsWhatItCannotWrite)
     const std::string missing = directory.file("missing");
     const Case cases[] = {
         {{}, 2, "'decrypt' wants "},
-        {{"--output", missing}, 1, missing + ": No such file or directory"},
-        {{"--output", keyLog}, 1, keyLog + ": is no directory"},
+        {{"--output", missing + "/folder"}, 1, missing + "/folder: No such file or directory"},
+        {{"--output", keyLog}, 1, keyLog + ": is not a directory"},
         {{"--pcap", missing + "/plain.pcap"}, 1, missing + "/plain.pcap: No such file or directory"},
         {{"--pcap", keyLog}, 1, keyLog + ": exists already; --force replaces it"},
         {{"--pcap", directory.path().string()}, 1, directory.path().string() + ": is a directory"},
