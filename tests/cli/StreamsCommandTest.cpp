@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sstream>
 
 namespace sealscope::cli {
 
@@ -239,9 +240,20 @@ TEST(StreamsCommand, LaysTextOutInColumns)
     const TempDirectory directory;
     const std::string capture = write(directory, "capture.pcap", {plainText()});
     EXPECT_EQ(sealscope({"streams", capture}).output,
-              "Stream  Client           Server          Sent  Received  Missing  Start                        Seconds  Verdict             "
-              " Detail\n"
-              "     0  192.0.2.1:50000  192.0.2.2:443     18         0        0  2023-11-14 22:13:20.000000  0.007000  not TLS\n");
+              "Stream  Client           Server          Sent  Received  Server Name  Version  Missing  Start                        Seconds  "
+              "Verdict              Detail\n"
+              "     0  192.0.2.1:50000  192.0.2.2:443     18         0                              0  2023-11-14 22:13:20.000000  0.007000  "
+              "not TLS\n");
+
+    // On a terminal each row is a line of its own, and the sentence stands below it.
+    const std::string secured = write(directory, "secured.pcap", {tls13().flights});
+    for (const int columns : {80, 120}) {
+        std::istringstream lines(sealscopeOnTerminal({"streams", secured}, columns, {"NO_COLOR=1"}));
+        std::string heading, row, sentence;
+        for (std::string* line : {&heading, &row, &sentence}) std::getline(lines, *line);
+        EXPECT_LE(row.size(), static_cast<std::size_t>(columns)) << row;
+        EXPECT_THAT(columns == 120 ? row : sentence, testing::AllOf(HasSubstr("example.org"), HasSubstr("TLS 1.3")));
+    }
 }
 
 }  // namespace sealscope::cli

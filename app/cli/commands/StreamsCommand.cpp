@@ -23,22 +23,30 @@ namespace {
 struct StreamLine {
     StreamSummary summary;
     std::string_view verdict;  ///< for people
+    std::string serverName;    ///< that the client asked for
+    std::string version;       ///< negotiated
     std::string text;          ///< the sentence on it; of NDJSON the whole line
 };
 
-/// The streams as a table for people. A narrow terminal shows less of each, and times as short as its width allows.
+/// The streams as a table for people. A narrow terminal shows less of each: of one row the name and the version stand in front of
+/// the sentence below it then.
 class StreamTable {
 public:
     explicit StreamTable(const Terminal& terminal)
-        : detail_(terminal.columns == 0    ? Detail::full
-                  : terminal.columns < 100 ? Detail::least
-                                           : Detail::reduced),
+        : detail_(terminal.columns == 0 || terminal.columns >= 180 ? Detail::full
+                  : terminal.columns < 110                         ? Detail::least
+                                                                   : Detail::reduced),
           table_(columns(detail_), terminal)
     {}
 
-    void measure(const StreamSummary& summary) { table_.measure(cells(summary)); }
+    void measure(const StreamSummary& summary) { table_.measure(cells({.summary = summary})); }
 
-    void append(std::string& text, const StreamLine& line) { table_.append(text, cells(line.summary), line.verdict, line.text); }
+    void append(std::string& text, const StreamLine& line)
+    {
+        if (detail_ != Detail::least || line.version.empty()) return table_.append(text, cells(line), line.verdict, line.text);
+        const std::string named = line.serverName.empty() ? line.version : line.serverName + ", " + line.version;
+        table_.append(text, cells(line), line.verdict, line.text.empty() ? named : named + ": " + line.text);
+    }
 
 private:
     enum class Detail { least, reduced, full };
@@ -54,38 +62,39 @@ private:
             {.title = "Received", .alignment = right, .narrowest = 5, .widest = 14},
         };
         if (detail == Detail::least) return columns;
+        columns.push_back({.title = "Server Name", .narrowest = 11, .widest = 32});
+        columns.push_back({.title = "Version", .narrowest = 7, .widest = 8, .isFirm = true});
+        if (detail == Detail::reduced) return columns;
         columns.push_back({.title = "Missing", .alignment = right, .narrowest = 4, .widest = 14});
         columns.push_back({.title = "Start", .narrowest = 8, .widest = TimeText::dateWidth + TimeText::clockWidth, .style = Style::faint});
         columns.push_back({.title = "Seconds", .alignment = right, .narrowest = 7, .widest = 14, .style = Style::faint});
         return columns;
     }
 
-    std::span<const std::string_view> cells(const StreamSummary& summary)
+    std::span<const std::string_view> cells(const StreamLine& line)
     {
+        const StreamSummary& summary = line.summary;
         texts_[0] = fmt::to_string(summary.number);
         texts_[1] = endpoints_.text(summary.client);
         texts_[2] = endpoints_.text(summary.server);
         texts_[3] = fmt::to_string(summary.clientBytes);
         texts_[4] = fmt::to_string(summary.serverBytes);
-        texts_[5] = fmt::to_string(summary.missingBytes);
-        texts_[6].clear();
-        if (detail_ == Detail::full) {
-            time_.appendDateAndClock(texts_[6], summary.startTime);
-        } else {
-            time_.appendClock(texts_[6], summary.startTime);
-            texts_[6].resize(8);  // whole seconds
-        }
-        texts_[7] = fmt::format("{:.{}f}", summary.endTime - summary.startTime, detail_ == Detail::full ? 6 : 3);
+        texts_[5] = line.serverName;
+        texts_[6] = line.version;
+        texts_[7] = fmt::to_string(summary.missingBytes);
+        texts_[8].clear();
+        if (detail_ == Detail::full) time_.appendDateAndClock(texts_[8], summary.startTime);
+        texts_[9] = fmt::format("{:.6f}", summary.endTime - summary.startTime);
         std::ranges::copy(texts_, cells_.begin());
-        return std::span(cells_).first(detail_ == Detail::least ? 5 : 8);
+        return std::span(cells_).first(detail_ == Detail::least ? 5 : detail_ == Detail::reduced ? 7 : 10);
     }
 
     Detail detail_;
     VerdictTable table_;
     TimeText time_;
     EndpointTexts endpoints_;
-    std::array<std::string, 8> texts_;
-    std::array<std::string_view, 8> cells_;
+    std::array<std::string, 10> texts_;
+    std::array<std::string_view, 10> cells_;
 };
 
 ExitStatus run(const CommandContext& context)
@@ -108,7 +117,13 @@ ExitStatus run(const CommandContext& context)
         if (row.canInterpret) row.verdict = verdicts.verdict(stream, ReportDepth::opened);
 
         StreamLine line{.summary = row.summary, .verdict = row.canInterpret ? "not asked" : "not TLS"};
-        if (row.verdict) line.verdict = verdictText(*row.verdict);
+        if (row.verdict) {
+            line.verdict = verdictText(*row.verdict);
+            if (const auto& report = row.verdict->report) {
+                line.serverName = report->serverName.value_or("");
+                line.version = report->versionName;
+            }
+        }
         if (context.options.json)
             appendRecord(line.text, row);
         else if (row.verdict)
