@@ -7,27 +7,22 @@
 
 namespace sealscope {
 
-namespace {
-
-std::vector<std::shared_ptr<const TLSStreamDecryptionProbing>> probesOf(const std::shared_ptr<const KeyLogSources>& secrets,
-                                                                        DecryptionReach reach)
+SessionPlugIns::SessionPlugIns(std::shared_ptr<const KeyLogSources> secrets, const PlugInOptions& options)
+    : secrets_(std::move(secrets)), options_(options), interpreters_(VELStreamInterpreterRegistry::shared().snapshot())
 {
-    std::vector<std::shared_ptr<const TLSStreamDecryptionProbing>> probes;
     for (auto& probe : TLSDecryptionProbeRegistry::shared().snapshot()) {
-        if (probe->reach() > reach) continue;
-        auto own = probe->withSecrets(secrets);
-        probes.push_back(own ? std::move(own) : std::move(probe));
+        if (probe->reach() > options.reach) continue;
+        auto own = probe->withSecrets(secrets_);
+        if (!own) withoutKeyLogs_.push_back(probe.get());
+        probes_.push_back(own ? std::move(own) : std::move(probe));
     }
-    std::ranges::stable_sort(probes, {}, &TLSStreamDecryptionProbing::reach);
-    return probes;
+    std::ranges::stable_sort(probes_, {}, [](const auto& probe) { return probe->reach(); });
 }
 
-}  // namespace
-
-SessionPlugIns::SessionPlugIns(std::shared_ptr<const KeyLogSources> secrets, const PlugInOptions& options)
-    : secrets_(std::move(secrets)), options_(options), interpreters_(VELStreamInterpreterRegistry::shared().snapshot()),
-      probes_(probesOf(secrets_, options.reach))
-{}
+bool SessionPlugIns::canOpen(const TLSStreamDecryptionProbing& probe) const
+{
+    return std::ranges::find(withoutKeyLogs_, &probe) != withoutKeyLogs_.end() || probe.keyMaterial().secrets > 0;
+}
 
 StreamContext SessionPlugIns::context() const { return {.largestDecodedBody = options_.largestDecodedBody, .host = this}; }
 
@@ -47,7 +42,8 @@ std::optional<StreamInterpretation> SessionPlugIns::decryptedInterpretation(cons
 {
     // Who reaches farther opens what the others open, and shows more of it.
     for (const auto& probe : probes_ | std::views::reverse)
-        if (auto interpretation = probe->decryptedInterpretation(stream, context)) return interpretation;
+        if (canOpen(*probe))
+            if (auto interpretation = probe->decryptedInterpretation(stream, context)) return interpretation;
     return std::nullopt;
 }
 

@@ -41,6 +41,8 @@ public:
 
     /// The session's probes, those of the least reach first.
     const std::vector<std::shared_ptr<const TLSStreamDecryptionProbing>>& probes() const { return probes_; }
+    /// Whether a probe has anything to open streams with: a secret, or means of its own that are no key log.
+    bool canOpen(const TLSStreamDecryptionProbing& probe) const;
     const KeyLogSources& secrets() const { return *secrets_; }
 
     std::optional<StreamInterpretation> decryptedInterpretation(const TCPStream& stream, const StreamContext& context) const override;
@@ -54,6 +56,7 @@ private:
     PlugInOptions options_;
     std::vector<const VELStreamInterpreting*> interpreters_;
     std::vector<std::shared_ptr<const TLSStreamDecryptionProbing>> probes_;
+    std::vector<const TLSStreamDecryptionProbing*> withoutKeyLogs_;  ///< those that have no use for any
 };
 
 /// An interpreter that failed: whose code it was, and what it threw.

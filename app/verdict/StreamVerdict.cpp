@@ -92,7 +92,7 @@ std::optional<StreamVerdict> StreamVerdicts::verdict(const TCPStream& stream, Re
     const TLSStreamDecryptionProbing* answering = nullptr;
     for (const auto& probe : session_.plugIns().probes()) {
         // Who has no secret at all opens nothing.
-        if (answering && probe->keyMaterial().secrets == 0) continue;
+        if (answering && !session_.plugIns().canOpen(*probe)) continue;
         StreamVerdict verdict = asked(*probe, stream, depth);
         const bool opensMore = best && verdict.outcome.isDecrypted() &&
                                (!best->outcome.isDecrypted() || plaintextBytes(verdict) > plaintextBytes(*best));
