@@ -57,7 +57,7 @@ public:
     bool next(CapturedPacket& packet) override
     {
         while (packetsLeft_ != 0) {
-            if (number_ % packetsPerLook == 0 && isStopped()) [[unlikely]]
+            if ((number_ & (packetsPerLook - 1)) == 0 && isStopped()) [[unlikely]]
                 break;
             if (pending_) [[unlikely]] {
                 packet = *std::exchange(pending_, std::nullopt);

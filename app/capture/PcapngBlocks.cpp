@@ -1,23 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/capture/PcapngBlocks.h"
 
-#include "app/capture/PcapReader.h"
-
 #include <fmt/format.h>
 
 namespace sealscope {
-namespace {
-
-constexpr std::int64_t shortestSection = 28;    // magic (4), version (4), section length (8)
-constexpr std::int64_t shortestInterface = 20;  // link type (2), reserved (2), snapshot length (4)
-constexpr std::int64_t shortestEnhanced = 32;   // interface (4), time (8), captured length (4), original length (4)
-constexpr std::int64_t shortestSimple = 16;     // original length (4)
-
-/// Options are short texts and numbers; so many bytes of them are more than any program writes. Secrets and what is not known
-/// are never needed in one place, so they may have any length.
-constexpr std::int64_t mostOptions = 16 << 20;
-
-}  // namespace
 
 const char* PcapngBlocks::name() const
 {
@@ -32,36 +18,9 @@ const char* PcapngBlocks::name() const
     }
 }
 
-std::int64_t PcapngBlocks::shortestLength() const
-{
-    switch (type_) {
-    case Pcapng::sectionHeader: return shortestSection;
-    case Pcapng::interfaceDescription: return shortestInterface;
-    case Pcapng::packetBlock:
-    case Pcapng::enhancedPacket: return shortestEnhanced;
-    case Pcapng::simplePacket: return shortestSimple;
-    default: return Pcapng::shortestBlock;
-    }
-}
-
-bool PcapngBlocks::find(CaptureInput& input)
-{
-    position_ = input.position();
-    if (!input.require(Pcapng::shortestBlock)) [[unlikely]] {
-        if (input.available() == 0 && input.failure().empty()) return false;
-        return fail(input, fmt::format("the file ends after {} bytes of it", input.available()));
-    }
-    type_ = order_.u32(input.data());
-    if (type_ == Pcapng::sectionHeader && !findSection(input)) return false;  // reads the same in either byte order
-    if (!isInSection_) return fail(input, "no section header stands before it");
-    length_ = order_.u32(input.data() + 4);
-    if (length_ < Pcapng::shortestBlock) [[unlikely]]
-        return fail(input, fmt::format("length {} is too short for {} ({})", length_, name(), shortestLength()));
-    return true;
-}
-
 bool PcapngBlocks::findSection(CaptureInput& input)
 {
+    if (type_ != Pcapng::sectionHeader) return fail(input, "no section header stands before it");  // reads the same in either byte order
     for (const ByteOrder order : {ByteOrder{false}, ByteOrder{true}}) {
         if (order.u32(input.data() + Pcapng::blockHeaderLength) != Pcapng::byteOrderMagic) continue;
         if (!input.require(16)) return fail(input, fmt::format("the file ends after {} bytes of a section header", input.available()));
@@ -77,18 +36,11 @@ bool PcapngBlocks::findSection(CaptureInput& input)
     return fail(input, "a section header without its byte-order magic");
 }
 
-bool PcapngBlocks::gather(CaptureInput& input)
+bool PcapngBlocks::gatherWithCare(CaptureInput& input, std::int64_t most)
 {
-    const std::int64_t most = Pcapng::isPacket(type_) ? longestPacket + mostOptions : mostOptions;
-    if (length_ > most) [[unlikely]]
-        return fail(input, fmt::format("it announces {} bytes, more than {} can have", length_, name()));
-    if (!input.require(length_)) [[unlikely]]
-        return failCut(input);
-    if (input.isSuspicious() && !input.verify()) [[unlikely]]
-        return fail(input, {});
-    if (const std::int64_t again = order_.u32(input.data() + length_ - 4); again != length_) [[unlikely]]
-        return fail(input, fmt::format("its two lengths differ ({} and {})", length_, again));
-    return true;
+    if (length_ > most) return fail(input, fmt::format("it announces {} bytes, more than {} can have", length_, name()));
+    if (!input.require(length_)) return failCut(input);
+    return input.verify() || fail(input, {});
 }
 
 bool PcapngBlocks::leave(CaptureInput& input)
@@ -96,10 +48,25 @@ bool PcapngBlocks::leave(CaptureInput& input)
     if (!input.skip(position_ + length_ - 4 - input.position()) || !input.require(4)) return failCut(input);
     if (input.isSuspicious() && !input.verify()) [[unlikely]]
         return fail(input, {});
-    if (const std::int64_t again = order_.u32(input.data()); again != length_)
-        return fail(input, fmt::format("its two lengths differ ({} and {})", length_, again));
+    if (const std::int64_t again = order_.u32(input.data()); again != length_) return failDiffering(input, again);
     input.consume(4);
     return true;
+}
+
+bool PcapngBlocks::failAtEnd(CaptureInput& input)
+{
+    if (input.available() == 0 && input.failure().empty()) return false;
+    return fail(input, fmt::format("the file ends after {} bytes of it", input.available()));
+}
+
+bool PcapngBlocks::failTooShort(CaptureInput& input)
+{
+    return fail(input, fmt::format("length {} is too short for {} ({})", length_, name(), shortestLength()));
+}
+
+bool PcapngBlocks::failDiffering(CaptureInput& input, std::int64_t again)
+{
+    return fail(input, fmt::format("its two lengths differ ({} and {})", length_, again));
 }
 
 bool PcapngBlocks::failCut(CaptureInput& input)
