@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <unictype.h>
 #include <unigbrk.h>
 
 // The grammar speaks of characters as a reader sees them, grapheme clusters (Unicode Standard Annex #29): a space with a
@@ -118,8 +119,8 @@ bool standsAlone(std::string_view text, std::size_t position, std::size_t length
 /// The space separators (general category Zs) and the tab.
 bool isHorizontalSpace(char32_t scalar)
 {
-    return scalar == U' ' || scalar == U'\t' || scalar == 0xA0 || scalar == 0x1680 || (scalar >= 0x2000 && scalar <= 0x200A) ||
-           scalar == 0x202F || scalar == 0x205F || scalar == 0x3000;
+    if (scalar < 0x80) return scalar == U' ' || scalar == U'\t';
+    return uc_is_general_category_withtable(scalar, UC_CATEGORY_MASK_Zs);
 }
 
 std::size_t encodedLength(char32_t scalar) { return scalar < 0x80 ? 1 : scalar < 0x800 ? 2 : 3; }

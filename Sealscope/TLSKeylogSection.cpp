@@ -47,6 +47,8 @@ void choose(const Binding<std::string>& keylogPath)
 
 void copyManagedKeylog()
 {
+    // Whoever is pointed at the file finds it there, and readable to its owner alone. Where it cannot be made, that program says so.
+    static_cast<void>(KeylogLocations::makeLiveKeylog());
     Pasteboard::general().clearContents();
     Pasteboard::general().setString("SSLKEYLOGFILE=" + KeylogLocations::liveKeylog().string());
 }

@@ -56,7 +56,7 @@ struct KeyEqual {
     bool operator()(const auto& a, const auto& b) const { return keyOf(a) == keyOf(b); }
 };
 
-/// Memory that is given out front to back and wiped as a whole.
+/// Memory for secrets that is given out front to back and let go as a whole.
 class Blocks {
 public:
     Blocks() = default;
@@ -64,7 +64,7 @@ public:
     Blocks& operator=(const Blocks&) = delete;
     ~Blocks()
     {
-        for (const Block& block : blocks_) wipe(block.words.get(), block.used * sizeof(Word));
+        for (const Block& block : blocks_) releaseSecret(block.words, block.size * sizeof(Word));
     }
 
     void* allocate(std::size_t size)
@@ -72,20 +72,20 @@ public:
         const std::size_t words = wordsFor(size);
         if (blocks_.empty() || blocks_.back().size - blocks_.back().used < words) addBlock(words);
         Block& block = blocks_.back();
-        return block.words.get() + std::exchange(block.used, block.used + words);
+        return block.words + std::exchange(block.used, block.used + words);
     }
 
     /// What was given out, front to back. `visit` gets a piece and returns its size.
     template <class Visit> void forEach(Visit visit) const
     {
         for (const Block& block : blocks_)
-            for (std::size_t at = 0; at < block.used;) at += wordsFor(visit(block.words.get() + at));
+            for (std::size_t at = 0; at < block.used;) at += wordsFor(visit(block.words + at));
     }
 
 private:
     using Word = std::uint64_t;
     struct Block {
-        std::unique_ptr<Word[]> words;
+        Word* words = nullptr;
         std::size_t size = 0;
         std::size_t used = 0;
     };
@@ -97,7 +97,8 @@ private:
     {
         const std::size_t grown = blocks_.empty() ? 512 : std::min<std::size_t>(blocks_.back().size * 2, 131'072);
         const std::size_t size = std::max(words, grown);
-        blocks_.push_back({.words = std::make_unique_for_overwrite<Word[]>(size), .size = size});
+        blocks_.reserve(blocks_.size() + 1);
+        blocks_.push_back({.words = static_cast<Word*>(allocateSecret(size * sizeof(Word))), .size = size});
     }
 
     std::vector<Block> blocks_;

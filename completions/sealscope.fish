@@ -40,7 +40,7 @@ complete -c sealscope -n "__fish_seen_subcommand_from export" -s o -l output -rF
 complete -c sealscope -n "__fish_seen_subcommand_from decrypt" -l pcap -rF -d "write the plaintext as a capture"
 complete -c sealscope -n "__fish_seen_subcommand_from decrypt" -l inject-secrets -rF -d "write the capture with its secrets inside"
 complete -c sealscope -n "__fish_seen_subcommand_from decrypt" -l strip-secrets -rF -d "write the capture without secrets"
-complete -c sealscope -n "__fish_seen_subcommand_from decrypt objects export" -l force -d "replace files that exist"
+complete -c sealscope -n "__fish_seen_subcommand_from decrypt objects export live" -l force -d "replace files that exist"
 complete -c sealscope -n "__fish_seen_subcommand_from live" -s i -l interface -xa "(__fish_print_interfaces)" -d "capture from this interface"
 complete -c sealscope -n "__fish_seen_subcommand_from live" -s w -l write -rF -d "keep the captured packets"
 

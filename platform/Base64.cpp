@@ -1,33 +1,38 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/Base64.h"
 
-#include <array>
+#include <algorithm>
+#include <openssl/evp.h>
+#include <vector>
 
 namespace sealscope {
 
 namespace {
 
-constexpr std::string_view digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+/// Bytes that go through the library at once, whose lengths are ints; whole groups of three.
+constexpr std::int64_t largestPiece = 3 << 24;
 
-/// Digit to its six bits; -1 for every other character.
-constexpr auto values = [] {
-    std::array<std::int8_t, 256> table{};
-    table.fill(-1);
-    for (std::size_t i = 0; i < digits.size(); ++i) table[static_cast<unsigned char>(digits[i])] = static_cast<std::int8_t>(i);
-    return table;
-}();
+bool isDigit(char character)
+{
+    return (character >= 'A' && character <= 'Z') || (character >= 'a' && character <= 'z') || (character >= '0' && character <= '9') ||
+           character == '+' || character == '/';
+}
 
 }  // namespace
 
 std::string base64(DataView bytes)
 {
-    std::string text(static_cast<std::size_t>((bytes.size() + 2) / 3 * 4), '=');
-    char* out = text.data();
-    for (std::int64_t offset = 0; offset < bytes.size(); offset += 3, out += 4) {
-        const std::uint32_t group = static_cast<std::uint32_t>(bytes.u24(offset));
-        const std::int64_t used = std::min<std::int64_t>(3, bytes.size() - offset);
-        for (std::int64_t i = 0; i <= used; ++i) out[i] = digits[group >> (18 - 6 * i) & 63];
-    }
+    const auto size = static_cast<std::size_t>((bytes.size() + 2) / 3 * 4);
+    std::string text;
+    text.resize_and_overwrite(size, [&](char* characters, std::size_t) {
+        auto* out = reinterpret_cast<unsigned char*>(characters);
+        // It ends what it writes with a null character, which the string has room for.
+        for (std::int64_t offset = 0; offset < bytes.size(); offset += largestPiece) {
+            const DataView piece = bytes.sub(offset, largestPiece);
+            out += EVP_EncodeBlock(out, piece.data(), static_cast<int>(piece.size()));
+        }
+        return size;
+    });
     return text;
 }
 
@@ -35,20 +40,17 @@ std::optional<Data> fromBase64(std::string_view text)
 {
     if (text.size() % 4 != 0) return std::nullopt;
     const std::size_t padding = text.ends_with("==") ? 2 : text.ends_with('=') ? 1 : 0;
-    const std::string_view body = text.substr(0, text.size() - padding);
-    std::vector<std::uint8_t> bytes;
-    bytes.reserve(text.size() / 4 * 3);
-    std::uint32_t bits = 0;
-    int held = 0;
-    for (const char character : body) {
-        const int value = values[static_cast<unsigned char>(character)];
-        if (value < 0) return std::nullopt;
-        bits = bits << 6 | static_cast<std::uint32_t>(value);
-        held += 6;
-        if (held < 8) continue;
-        held -= 8;
-        bytes.push_back(static_cast<std::uint8_t>(bits >> held));
+    // The library would pass over white space at either end.
+    if (!std::ranges::all_of(text.substr(0, text.size() - padding), isDigit)) return std::nullopt;
+    std::vector<std::uint8_t> bytes(text.size() / 4 * 3);
+    constexpr std::size_t piece = largestPiece / 3 * 4;
+    for (std::size_t offset = 0; offset < text.size(); offset += piece) {
+        const std::string_view part = text.substr(offset, piece);
+        if (EVP_DecodeBlock(bytes.data() + offset / 4 * 3, reinterpret_cast<const unsigned char*>(part.data()),
+                            static_cast<int>(part.size())) < 0)
+            return std::nullopt;
     }
+    bytes.resize(bytes.size() - padding);
     return Data(std::move(bytes));
 }
 

@@ -116,7 +116,3 @@ private:
 std::string hexText(DataView bytes);
 
 }  // namespace sealscope SEALSCOPE_API
-
-template <> struct std::hash<sealscope::Data> {
-    std::size_t operator()(const sealscope::Data& data) const noexcept { return std::hash<std::string_view>{}(data.view().text()); }
-};

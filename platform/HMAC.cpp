@@ -79,6 +79,8 @@ void beginWith(RunningHash& state, HashFunction hash, DataView key, std::uint8_t
 
 struct HMAC::States {
     explicit States(HashFunction hash) : inner(hash), outer(hash), running(hash) {}
+    static void* operator new(std::size_t size) { return allocateSecret(size); }
+    static void operator delete(void* states, std::size_t size) { releaseSecret(states, size); }
 
     RunningHash inner;  ///< has taken in the key with the inner padding
     RunningHash outer;  ///< the same with the outer

@@ -10,6 +10,7 @@
 #include "platform/UserDefaults.h"
 
 #include "platform/Base64.h"
+#include "platform/FileDescriptor.h"
 #include "platform/UTF8.h"
 
 #include <cerrno>
@@ -40,24 +41,6 @@ using Json = nlohmann::json;
 constexpr std::int64_t largestFile = 16 * 1024 * 1024;
 constexpr std::chrono::microseconds longestPause{5'000};
 constexpr std::chrono::milliseconds longestWait{2'000};  ///< for other writers, each of which needs well under a millisecond
-
-std::string errorText(int error) { return std::generic_category().message(error); }
-
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int number) : number_(number) {}
-    FileDescriptor(FileDescriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
-    FileDescriptor& operator=(FileDescriptor&&) = delete;
-    ~FileDescriptor()
-    {
-        if (number_ >= 0) close(number_);
-    }
-    int number() const { return number_; }
-    explicit operator bool() const { return number_ >= 0; }
-
-private:
-    int number_;
-};
 
 /// Tells one state of a file from another: each write makes a new file, and every edit changes the times.
 struct FileStamp {
@@ -143,8 +126,7 @@ Contents readContents(const fs::path& file)
     std::string text(static_cast<std::size_t>(status.st_size), '\0');
     std::size_t length = 0;
     while (length < text.size()) {
-        const ssize_t count = read(descriptor.number(), text.data() + length, text.size() - length);
-        if (count < 0 && errno == EINTR) continue;
+        const std::int64_t count = descriptor.read({reinterpret_cast<std::uint8_t*>(text.data()) + length, text.size() - length});
         if (count < 0) return failed(Contents::State::unreadable, errorText(errno), stamp);
         if (count == 0) break;
         length += static_cast<std::size_t>(count);
@@ -179,16 +161,6 @@ std::optional<std::string> reasonToLeave(const fs::path& file)
     return std::nullopt;
 }
 
-std::optional<std::string> makeFolder(const fs::path& folder)
-{
-    if (folder.empty() || mkdir(folder.c_str(), 0700) == 0 || errno == EEXIST) return std::nullopt;
-    const int error = errno;
-    if (error != ENOENT || !folder.has_relative_path()) return fmt::format("{}: {}", folder.string(), errorText(error));
-    if (auto problem = makeFolder(folder.parent_path())) return problem;
-    if (mkdir(folder.c_str(), 0700) == 0 || errno == EEXIST) return std::nullopt;
-    return fmt::format("{}: {}", folder.string(), errorText(errno));
-}
-
 /// The lock that writers of a file take turns by. It ends with the descriptor.
 std::expected<FileDescriptor, std::string> lockFor(const fs::path& file, std::chrono::milliseconds patience)
 {
@@ -216,11 +188,7 @@ std::expected<FileStamp, std::string> replaceFile(const fs::path& file, const st
         return std::unexpected(errorText(error));
     };
 
-    for (std::size_t written = 0; written < text.size();) {
-        const ssize_t count = write(descriptor.number(), text.data() + written, text.size() - written);
-        if (count < 0 && errno != EINTR) return abandoned(errno);
-        if (count > 0) written += static_cast<std::size_t>(count);
-    }
+    if (const int error = descriptor.write(DataView(text)); error != 0) return abandoned(error);
     struct stat status{};
     if (stat(file.c_str(), &status) == 0) fchmod(descriptor.number(), status.st_mode & 0777);
     if (rename(temporary.c_str(), file.c_str()) != 0) return abandoned(errno);
@@ -351,7 +319,7 @@ private:
         fs::path target = fs::canonical(file_, error);
         if (error) target = file_;
         if (auto reason = reasonToLeave(target)) return reason;
-        if (auto problem = makeFolder(target.parent_path())) return problem;
+        if (auto made = createFolders(target.parent_path().string()); !made) return made.error();
         const auto lock = lockFor(target, patience_);
         if (!lock) {
             patience_ = {};  // one wait is enough: who holds it for so long does not write settings

@@ -4,6 +4,7 @@
 #include "app/capture/Decompressor.h"
 #include "app/capture/MappedFile.h"
 #include "app/capture/SpoolFile.h"
+#include "platform/FileDescriptor.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -12,7 +13,6 @@
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <system_error>
 #include <thread>
 #include <unistd.h>
 #include <utility>
@@ -28,30 +28,6 @@ constexpr int lookAgainAfter = 100;                // milliseconds, while a pipe
 // file, or by passing through.
 constexpr std::int64_t freelyUnpacked = 1 << 30, mostTimesKept = 16, mostTimesRead = 256;
 constexpr const char* becameShorter = "became shorter while it was being read";
-
-std::string systemReason(int error) { return std::generic_category().message(error); }
-
-/// A file descriptor that is closed when it was opened here.
-class Descriptor {
-public:
-    Descriptor(int number, bool isOwned) : number_(number), isOwned_(isOwned) {}
-    Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)), isOwned_(other.isOwned_) {}
-    Descriptor& operator=(Descriptor&& other) noexcept
-    {
-        std::swap(number_, other.number_);
-        std::swap(isOwned_, other.isOwned_);
-        return *this;
-    }
-    ~Descriptor()
-    {
-        if (isOwned_ && number_ >= 0) close(number_);
-    }
-    int number() const { return number_; }
-
-private:
-    int number_;
-    bool isOwned_;
-};
 
 /// Memory that grows where it stands and holds what comes from a capture, of which nothing gets into a core.
 class PageBuffer {
@@ -136,7 +112,7 @@ private:
 /// behind the reader.
 class MappedInput final : public CaptureInput {
 public:
-    MappedInput(std::string name, const struct stat& status, Descriptor descriptor, std::unique_ptr<MappedFile> file,
+    MappedInput(std::string name, const struct stat& status, FileDescriptor descriptor, std::unique_ptr<MappedFile> file,
                 CaptureInputOptions options)
         : name_(std::move(name)), device_(status.st_dev), inode_(status.st_ino), descriptor_(std::move(descriptor)), file_(std::move(file)),
           options_(std::move(options)), size_(file_->bytes().size())
@@ -153,7 +129,7 @@ public:
     void finish() override
     {
         pages_.reset();
-        descriptor_ = Descriptor(-1, false);
+        descriptor_.close();
     }
 
     bool isLost() const override
@@ -172,7 +148,7 @@ public:
             failure_ = becameShorter;
             size_ = std::min(size_, now);
         } else if (isSuspicious()) {
-            failure_ = systemReason(EIO);
+            failure_ = errorText(EIO);
             size_ = std::min(size_, position());
         }
         end_ = std::min(end_, start_ + std::max(size_, position()));
@@ -202,7 +178,7 @@ private:
     std::string name_;
     dev_t device_;
     ino_t inode_;
-    Descriptor descriptor_;  // until the end is reached: many files may be open
+    FileDescriptor descriptor_;  // until the end is reached: many files may be open
     std::unique_ptr<MappedFile> file_;
     CaptureInputOptions options_;
     std::int64_t size_;                  // shrinks with the file
@@ -213,7 +189,7 @@ private:
 /// A pipe or a compressed file, through one buffer, or into a temporary file when all bytes are to be kept.
 class StreamedInput final : public CaptureInput {
 public:
-    StreamedInput(Descriptor descriptor, std::unique_ptr<SpoolFile> spool, CaptureInputOptions options)
+    StreamedInput(FileDescriptor descriptor, std::unique_ptr<SpoolFile> spool, CaptureInputOptions options)
         : descriptor_(std::move(descriptor)), options_(std::move(options)), spool_(std::move(spool))
     {
         struct stat status;
@@ -224,7 +200,7 @@ public:
     void begin()
     {
         if (!packed_.grow(streamedPiece)) {
-            failure_ = systemReason(ENOMEM);
+            failure_ = errorText(ENOMEM);
             return;
         }
         while (packedEnd_ < Decompressor::recognisedFrom && readPacked()) {}
@@ -302,7 +278,7 @@ private:
         start_ = at_ = buffer_.data();
         end_ = start_ + held;
         if (!hasRoom) {
-            failure_ = systemReason(ENOMEM);
+            failure_ = errorText(ENOMEM);
             return {};
         }
         return {buffer_.data() + held, static_cast<std::size_t>(buffer_.size() - held)};
@@ -341,7 +317,7 @@ private:
     bool readPacked()
     {
         const std::int64_t count = readSome({packed_.data() + packedEnd_, static_cast<std::size_t>(streamedPiece - packedEnd_)});
-        if (count < 0) failure_ = systemReason(errno);
+        if (count < 0) failure_ = errorText(errno);
         if (count <= 0)
             isAtEnd_ = true;
         else
@@ -360,7 +336,7 @@ private:
         }
         if (isAtEnd_) return 0;
         const std::int64_t count = readSome(room.first(std::min(room.size(), static_cast<std::size_t>(streamedPiece))));
-        if (count < 0) failure_ = systemReason(errno);
+        if (count < 0) failure_ = errorText(errno);
         if (count <= 0)
             isAtEnd_ = true;
         else
@@ -393,7 +369,7 @@ private:
         return static_cast<std::int64_t>(room.size() - output.size());
     }
 
-    Descriptor descriptor_;
+    FileDescriptor descriptor_;
     CaptureInputOptions options_;
     std::int64_t storedSize_ = -1;  // of a regular file
     PageBuffer packed_;             // bytes as stored
@@ -435,15 +411,16 @@ std::unique_ptr<CaptureInput> CaptureInput::over(DataView bytes) { return std::m
 std::expected<std::unique_ptr<CaptureInput>, std::string> CaptureInput::open(const std::string& name, CaptureInputOptions options)
 {
     const bool isStandardInput = name == "-";
-    Descriptor descriptor(isStandardInput ? STDIN_FILENO : ::open(name.c_str(), O_RDONLY | O_CLOEXEC), !isStandardInput);
+    FileDescriptor descriptor =
+        isStandardInput ? FileDescriptor::lent(STDIN_FILENO) : FileDescriptor(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat status;
-    if (descriptor.number() < 0 || fstat(descriptor.number(), &status) != 0) return std::unexpected(systemReason(errno));
+    if (descriptor.number() < 0 || fstat(descriptor.number(), &status) != 0) return std::unexpected(errorText(errno));
     if (S_ISDIR(status.st_mode)) return std::unexpected("is a directory");
 
     if (S_ISREG(status.st_mode) && status.st_size > 0 && lseek(descriptor.number(), 0, SEEK_CUR) == 0) {
         std::uint8_t head[Decompressor::recognisedFrom];
         const ssize_t count = pread(descriptor.number(), head, sizeof head, 0);
-        if (count < 0) return std::unexpected(systemReason(errno));
+        if (count < 0) return std::unexpected(errorText(errno));
         if (!Decompressor::recognise(DataView(head, count), status.st_size)) {
             // A file system without mapping still reads.
             if (auto file = MappedFile::map(descriptor.number(), status.st_size))

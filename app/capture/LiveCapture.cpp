@@ -8,12 +8,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <pcap/pcap.h>
 #include <poll.h>
 #include <string_view>
 #include <sys/eventfd.h>
-#include <system_error>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 
@@ -55,6 +56,17 @@ milliseconds sinceTime(std::int64_t nanoseconds)
 
 /// Link types as files number them. The library's own numbers differ for raw IP alone, among those that the decoder knows.
 std::uint32_t linkTypeOf(int libraryNumber) { return libraryNumber == DLT_RAW ? 101 : static_cast<std::uint32_t>(libraryNumber); }
+
+/// A file of its own, or the pipe or device that has the name.
+std::expected<FileDescriptor, std::string> openToWrite(const std::string& path, ExistingFile existing)
+{
+    struct stat status{};
+    if (lstat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode) || S_ISLNK(status.st_mode) || S_ISDIR(status.st_mode))
+        return createFile(path, existing);
+    FileDescriptor file(::open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY));
+    if (!file) return std::unexpected(errorText(errno));
+    return file;
+}
 
 std::string activationProblem(pcap_t* handle, int status)
 {
@@ -134,30 +146,53 @@ std::expected<std::unique_ptr<LiveCapture>, CaptureError> LiveCapture::open(cons
     pcap_set_buffer_size(handle, bufferBytes);
     self->hasNanoseconds = pcap_set_tstamp_precision(handle, PCAP_TSTAMP_PRECISION_NANO) == 0;
     if (const int status = pcap_activate(handle); status < 0) return refused(activationProblem(handle, status));
-    if (options.dropsPrivileges)
-        if (const auto dropped = dropPrivileges(); !dropped) return refused(dropped.error());
-
-    if (pcap_setnonblock(handle, 1, problem) != 0) return refused(problem);
-    self->linkType = linkTypeOf(pcap_datalink(handle));
-    if (!options.filter.empty()) {
+    const auto setFilter = [&]() -> std::expected<void, CaptureError> {
+        if (options.filter.empty()) return {};
         bpf_program program = {};
         if (pcap_compile(handle, &program, options.filter.c_str(), 1, PCAP_NETMASK_UNKNOWN) != 0)
             return std::unexpected(CaptureError{.reason = pcap_geterr(handle), .couldNotOpen = true});
         const int status = pcap_setfilter(handle, &program);
         pcap_freecode(&program);
         if (status != 0) return refused(pcap_geterr(handle));
-    }
-    if (!options.writeTo.empty()) {
-        errno = 0;
-        self->file.reset(pcap_dump_open(handle, options.writeTo.c_str()));
+        return {};
+    };
+    FileDescriptor file;
+    const auto createFileToWrite = [&]() -> std::expected<void, CaptureError> {
+        if (options.writeTo.empty()) return {};
+        auto created = openToWrite(options.writeTo, options.existing);
+        if (!created) return std::unexpected(CaptureError{.file = options.writeTo, .reason = created.error(), .couldNotOpen = true});
+        file = std::move(*created);
+        return {};
+    };
+    const auto drop = [&]() -> std::expected<void, CaptureError> {
+        if (!options.dropsPrivileges) return {};
+        const auto dropped = dropPrivileges();
+        if (!dropped) return refused(dropped.error());
+        return {};
+    };
+    // A user's filter and file are the user's affair, so what goes beyond the user goes first. Of root without a user behind it
+    // nobody is left, who can make no file.
+    const bool isDroppedLast = isRootAlone();
+    if (!isDroppedLast)
+        if (const auto dropped = drop(); !dropped) return std::unexpected(dropped.error());
+    if (const auto set = setFilter(); !set) return std::unexpected(set.error());
+    if (const auto created = createFileToWrite(); !created) return std::unexpected(created.error());
+    if (isDroppedLast)
+        if (const auto dropped = drop(); !dropped) return std::unexpected(dropped.error());
+
+    if (pcap_setnonblock(handle, 1, problem) != 0) return refused(problem);
+    self->linkType = linkTypeOf(pcap_datalink(handle));
+    if (file) {
+        std::FILE* const stream = fdopen(file.number(), "wb");
+        if (stream) file.release();
+        self->file.reset(stream ? pcap_dump_fopen(handle, stream) : nullptr);
         if (!self->file) {
-            // The library's sentence begins with the name, which the error says already.
-            const std::string reason = errno != 0 ? std::generic_category().message(errno) : pcap_geterr(handle);
+            const std::string reason = stream ? pcap_geterr(handle) : errorText(errno);
             return std::unexpected(CaptureError{.file = options.writeTo, .reason = reason, .couldNotOpen = true});
         }
     }
     self->stopEvent = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (self->stopEvent < 0) return refused(std::generic_category().message(errno));
+    if (self->stopEvent < 0) return refused(errorText(errno));
     return std::unique_ptr<LiveCapture>(new LiveCapture(std::move(self)));
 }
 
@@ -223,10 +258,9 @@ std::expected<void, CaptureError> LiveCapture::finishWriting()
     self.flush();
     self.file.reset();
     if (self.writeError == 0) return {};
-    return std::unexpected(
-        CaptureError{.file = self.options.writeTo,
-                     .reason = fmt::format("could not be written to its end: {}", std::generic_category().message(self.writeError)),
-                     .packetsBefore = -1});
+    return std::unexpected(CaptureError{.file = self.options.writeTo,
+                                        .reason = fmt::format("could not be written to its end: {}", errorText(self.writeError)),
+                                        .packetsBefore = -1});
 }
 
 }  // namespace sealscope

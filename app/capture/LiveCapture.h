@@ -3,6 +3,7 @@
 
 #include "app/capture/CaptureError.h"
 #include "app/capture/CapturedPacket.h"
+#include "platform/FileDescriptor.h"
 
 #include <chrono>
 #include <cstdint>
@@ -13,13 +14,14 @@
 namespace sealscope {
 
 struct LiveOptions {
-    std::string interface;  ///< its name, or "any"
-    std::string filter;     ///< in the pcap-filter language; empty for none
-    std::string writeTo;    ///< a pcap file that keeps what passes the filter; empty for none
+    std::string interface;                        ///< its name, or "any"
+    std::string filter;                           ///< in the pcap-filter language; empty for none
+    std::string writeTo;                          ///< a pcap file that keeps what passes the filter, for its owner alone; empty for none
+    ExistingFile existing = ExistingFile::stays;  ///< with the name of the file to write
     std::int32_t snapLength = 262'144;
     bool isPromiscuous = true;
     /// Gives up, once the interface is open and before any file is, what only opening it needed: the root account for the user
-    /// behind sudo or a set-uid program, else every capability but those that concern files. Call it before threads start.
+    /// behind sudo or a set-uid program, or else for nobody's, and every capability. Call it before threads start.
     bool dropsPrivileges = true;
 };
 

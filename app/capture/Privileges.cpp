@@ -7,13 +7,14 @@
 #include <cstdlib>
 #include <fmt/format.h>
 #include <grp.h>
-#include <linux/capability.h>
+#include <memory>
 #include <optional>
 #include <pwd.h>
 #include <string_view>
+#include <sys/capability.h>
 #include <sys/prctl.h>
-#include <sys/syscall.h>
 #include <system_error>
+#include <type_traits>
 #include <unistd.h>
 
 namespace sealscope {
@@ -35,36 +36,39 @@ std::optional<std::uint32_t> environmentNumber(const char* name)
     return number;
 }
 
-/// Keeps what root needs to read and write files that are not its own; the system call works on this thread.
+constexpr std::uint32_t nobody = 65'534;  // the kernel's own number for who owns nothing
+
+/// The user behind root: whom sudo names, or who started a set-uid program. Root itself when there is none.
+std::uint32_t userBehind()
+{
+    const std::uint32_t user = getuid();
+    return user == 0 ? environmentNumber("SUDO_UID").value_or(0) : user;
+}
+
 bool dropCapabilities()
 {
-    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3] = {};
-    if (syscall(SYS_capget, &header, data) != 0) return false;
-    constexpr std::uint32_t ofFiles = 1u << CAP_DAC_OVERRIDE | 1u << CAP_DAC_READ_SEARCH | 1u << CAP_FOWNER | 1u << CAP_CHOWN;
-    for (std::uint32_t i = 0; i < _LINUX_CAPABILITY_U32S_3; ++i) {
-        data[i].permitted &= i == 0 ? ofFiles : 0;
-        data[i].effective &= data[i].permitted;
-        data[i].inheritable = 0;
-    }
-    return syscall(SYS_capset, &header, data) == 0;
+    const std::unique_ptr<std::remove_pointer_t<cap_t>, decltype(&cap_free)> none(cap_init(), cap_free);
+    return none && cap_reset_ambient() == 0 && cap_set_proc(none.get()) == 0;
 }
 
 }  // namespace
 
+bool isRootAlone() { return geteuid() == 0 && userBehind() == 0; }
+
 std::expected<void, std::string> dropPrivileges()
 {
-    std::uint32_t user = getuid(), group = getgid();
-    if (user == 0) {
-        user = environmentNumber("SUDO_UID").value_or(0);
-        group = user != 0 ? environmentNumber("SUDO_GID").value_or(group) : group;
-    }
-    if (geteuid() == 0 && user != 0) {
+    if (geteuid() == 0) {
+        std::uint32_t user = userBehind(), group = getuid() == 0 ? environmentNumber("SUDO_GID").value_or(0) : getgid();
+        const bool isAlone = user == 0;
+        if (isAlone) user = group = nobody;
         // The groups first: afterwards there is no right to change them.
-        const passwd* const account = getpwuid(user);
+        const passwd* const account = isAlone ? nullptr : getpwuid(user);
         const int status = account ? initgroups(account->pw_name, group) : setgroups(1, &group);
-        if (status != 0 || setresgid(group, group, group) != 0) return failure("root's groups");
-        if (setresuid(user, user, user) != 0) return failure("the root account");
+        const bool isDone = status == 0 && setresgid(group, group, group) == 0;
+        // Root of a namespace that knows no other account is nobody outside of it, and need not change.
+        const bool isUnknown = isAlone && (errno == EINVAL || errno == EPERM);
+        if (!isDone && !isUnknown) return failure("root's groups");
+        if (isDone && setresuid(user, user, user) != 0) return failure("the root account");
     }
     if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) return failure("the way back to privileges");
     if (!dropCapabilities()) return failure("capabilities");

@@ -6,8 +6,10 @@
 
 namespace sealscope {
 
-/// Gives up for good what this process may do beyond its user: root for the user behind sudo, or behind a set-uid program;
-/// every capability but those that concern files. Fails with a reason when something could not be given up.
+/// Gives up for good what this process may do beyond its user: root for the user behind sudo, or behind a set-uid program, or else
+/// for nobody's account; and every capability. Fails with a reason when something could not be given up.
 std::expected<void, std::string> dropPrivileges();
+/// True for root with no user behind it, of whom nobody's account is left.
+bool isRootAlone();
 
 }  // namespace sealscope

@@ -1,26 +1,29 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "platform/Data.h"
+#include "platform/FileDescriptor.h"
 
 #include <atomic>
 #include <expected>
 #include <memory>
 #include <span>
 #include <string>
+#include <utility>
 
 namespace sealscope {
 
-/// Bytes that grow at their end and never move: an unlinked temporary file in $TMPDIR (or /tmp), mapped. One thread writes;
-/// any thread reads what was committed.
+/// Bytes that grow at their end and never move: an unlinked temporary file, mapped. One thread writes; any thread reads what was
+/// committed.
 class SpoolFile {
 public:
-    /// Makes the file. Fails with a reason that names the directory.
-    static std::expected<std::unique_ptr<SpoolFile>, std::string> create();
+    /// Makes the file in a folder, or in $TMPDIR (or /tmp) when none is named. Fails with a reason that names the folder.
+    static std::expected<std::unique_ptr<SpoolFile>, std::string> create(const std::string& folder = {});
     ~SpoolFile();
 
     /// At least `count` writable bytes behind the committed ones. Fails with a reason, such as a full disk.
     std::expected<std::span<std::uint8_t>, std::string> room(std::int64_t count);
+    /// Adds bytes; gives their offset. Fails as `room` does.
+    std::expected<std::int64_t, std::string> append(DataView bytes);
     /// Leaves out `count` bytes, which read as zeros and take no room. Fails as `room` does.
     std::expected<void, std::string> leaveOut(std::int64_t count);
     /// Counts the first `count` bytes of that room as written.
@@ -37,12 +40,13 @@ private:
     /// Maps up to `end`, with blocks of the file system's from `offset` on.
     std::expected<void, std::string> grow(std::int64_t offset, std::int64_t end);
 
-    SpoolFile(int descriptor, std::string directory, std::uint8_t* base, std::int64_t reserved)
-        : descriptor_(descriptor), directory_(std::move(directory)), base_(base), reserved_(reserved)
+    SpoolFile(FileDescriptor descriptor, std::string folder, bool isNamed, std::uint8_t* base, std::int64_t reserved)
+        : descriptor_(std::move(descriptor)), folder_(std::move(folder)), isNamed_(isNamed), base_(base), reserved_(reserved)
     {}
 
-    int descriptor_;
-    std::string directory_;
+    FileDescriptor descriptor_;
+    std::string folder_;
+    bool isNamed_;  ///< the folder; else the environment chooses it
     std::uint8_t* base_;
     std::int64_t reserved_;  ///< address space set aside, so that growing never moves a byte
     std::int64_t mapped_ = 0;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "app/export/OutputFile.h"
+#include "platform/OutputFile.h"
 #include "app/session/Session.h"
 #include "host/VELModels/VELExporting.h"
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/export/Objects.h"
 
-#include "app/export/OutputFile.h"
+#include "platform/OutputFile.h"
 #include "platform/UTF8.h"
 
 #include <algorithm>
@@ -59,8 +59,7 @@ std::string safeFileName(std::string_view name)
     std::string safe;
     for (std::size_t at = 0; at < text.size();) {
         ucs4_t character = 0;
-        const int length =
-            u8_mbtouc(&character, reinterpret_cast<const std::uint8_t*>(text.data()) + at, text.size() - at);
+        const int length = u8_mbtouc(&character, reinterpret_cast<const std::uint8_t*>(text.data()) + at, text.size() - at);
         if (safe.size() + static_cast<std::size_t>(length) > longest) break;
         if (isAllowed(character))
             safe.append(text, at, static_cast<std::size_t>(length));
@@ -102,7 +101,8 @@ std::optional<SavedObject> ObjectFolder::save(std::int64_t stream, const StreamM
         if (piece.isEmpty()) return true;
         if (!file) {
             path = freePath(saved.name);
-            auto created = OutputFile::create(path, existing_ == Existing::replaced);
+            auto created = OutputFile::create(path, existing_ == Existing::replaced ? ExistingFile::isReplaced : ExistingFile::stays,
+                                              OutputFile::Kind::regular);
             if (!created) {
                 saved.problem = path + ": " + created.error();
                 return false;

@@ -5,14 +5,12 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <cstring>
-#include <fcntl.h>
 #include <limits>
 #include <numeric>
-#include <sys/mman.h>
-#include <unistd.h>
+#include <optional>
 #include <utility>
 
 namespace sealscope {
@@ -20,6 +18,7 @@ namespace sealscope {
 namespace {
 
 constexpr std::size_t spoolPiece = 256 * 1'024;
+constexpr std::int64_t longestPayload = 65'535 - 20 - 20;  // of a packet of IPv4 (RFC 791 §3.1), behind its headers and those of TCP
 
 std::int64_t microseconds(double seconds)
 {
@@ -223,46 +222,14 @@ private:
     OutputFile& file_;
 };
 
-/// The temporary file, to be read back in any order.
-class MappedSpool {
-public:
-    MappedSpool(int descriptor, std::int64_t size) : size_(static_cast<std::size_t>(size))
-    {
-        if (size_ == 0) return;
-        bytes_ = mmap(nullptr, size_, PROT_READ, MAP_SHARED, descriptor, 0);
-    }
-    ~MappedSpool()
-    {
-        if (size_ > 0 && isMapped()) munmap(bytes_, size_);
-    }
-    bool isMapped() const { return bytes_ != MAP_FAILED; }
-    DataView view(std::int64_t offset, std::int64_t length) const
-    {
-        return DataView(static_cast<const std::uint8_t*>(bytes_), static_cast<std::int64_t>(size_)).sub(offset, length);
-    }
-    MappedSpool(const MappedSpool&) = delete;
-    MappedSpool& operator=(const MappedSpool&) = delete;
-
-private:
-    void* bytes_ = nullptr;
-    std::size_t size_;
-};
-
 }  // namespace
 
 std::expected<std::unique_ptr<PlaintextCapture>, std::string> PlaintextCapture::create(const std::string& folder)
 {
-    int spool = open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
-    if (spool < 0) {
-        std::string name = folder + "/.sealscope.XXXXXX";
-        spool = mkostemp(name.data(), O_CLOEXEC);
-        if (spool < 0) return std::unexpected(std::strerror(errno));
-        unlink(name.c_str());
-    }
-    return std::unique_ptr<PlaintextCapture>(new PlaintextCapture(spool));
+    auto spool = SpoolFile::create(folder);
+    if (!spool) return std::unexpected(std::move(spool.error()));
+    return std::unique_ptr<PlaintextCapture>(new PlaintextCapture(std::move(*spool)));
 }
-
-PlaintextCapture::~PlaintextCapture() { close(spool_); }
 
 std::uint32_t PlaintextCapture::addConnection(const TCPStream& stream)
 {
@@ -283,38 +250,39 @@ void PlaintextCapture::Direction::add(DataView plaintext, const ByteLocation& lo
     // What a packet brought late, because one before it was captured late, does not travel back in time.
     if (location.timestamp && !location.packetIds.empty())
         last_ = std::max(last_, {microseconds(*location.timestamp), location.packetIds.back()});
-    segments_.push_back({.moment = last_,
-                         .offset = std::ssize(bytes_),
-                         .length = static_cast<std::uint32_t>(plaintext.size()),
-                         .connection = connection_,
-                         .direction = direction_});
-    bytes_.insert(bytes_.end(), plaintext.begin(), plaintext.end());
+    // A record may be longer than a packet can be.
+    std::int64_t offset = 0;
+    do {
+        const DataView piece = plaintext.sub(offset, longestPayload);
+        segments_.push_back({.moment = last_,
+                             .offset = std::ssize(bytes_),
+                             .length = static_cast<std::uint32_t>(piece.size()),
+                             .connection = connection_,
+                             .direction = direction_});
+        bytes_.insert(bytes_.end(), piece.begin(), piece.end());
+        offset += piece.size();
+    } while (offset < plaintext.size());
     if (bytes_.size() >= spoolPiece) putDown();
 }
 
 void PlaintextCapture::Direction::putDown()
 {
     if (bytes_.empty()) return;
-    const std::int64_t place = capture_.spoolSize_.fetch_add(std::ssize(bytes_));
-    for (std::size_t done = 0; done < bytes_.size() && capture_.error_ == 0;) {
-        const ssize_t count = pwrite(capture_.spool_, bytes_.data() + done, bytes_.size() - done, place + static_cast<off_t>(done));
-        if (count > 0)
-            done += static_cast<std::size_t>(count);
-        else if (errno != EINTR)
-            capture_.error_ = errno;
-    }
-    for (Segment& segment : segments_) segment.offset += place;
     const std::lock_guard lock(capture_.mutex_);
-    capture_.segments_.insert(capture_.segments_.end(), segments_.begin(), segments_.end());
+    if (const auto place = capture_.spool_->append(DataView(bytes_))) {
+        for (Segment& segment : segments_) segment.offset += *place;
+        capture_.segments_.insert(capture_.segments_.end(), segments_.begin(), segments_.end());
+    } else if (capture_.problem_.empty()) {
+        capture_.problem_ = place.error();
+    }
     segments_.clear();
     bytes_.clear();
 }
 
-std::string PlaintextCapture::write(OutputFile& file)
+std::string PlaintextCapture::write(OutputFile& file, const std::stop_token& stop)
 {
-    if (error_ != 0) return std::strerror(error_);
-    const MappedSpool spool(spool_, spoolSize_);
-    if (!spool.isMapped()) return std::strerror(errno);
+    if (!problem_.empty()) return problem_;
+    const DataView spool = spool_->bytes();
 
     // A connection opens at its first packet and closes at its last, and all its data come in between.
     for (Segment& segment : segments_) {
@@ -350,7 +318,15 @@ std::string PlaintextCapture::write(OutputFile& file)
     auto nextOpening = opening.begin();
     auto nextSegment = segments_.begin();
     auto nextClosing = closing.begin();
-    while (nextClosing != closing.end() && file.isGood()) {
+    // An interruption does not throw away what was opened, nor does it wait for all of it to be written.
+    constexpr std::chrono::milliseconds longestEnd{500};
+    std::optional<std::chrono::steady_clock::time_point> end;
+    const auto hasTime = [&] {
+        if (!stop.stop_requested()) return true;
+        if (!end) end = std::chrono::steady_clock::now() + longestEnd;
+        return std::chrono::steady_clock::now() < *end;
+    };
+    while (nextClosing != closing.end() && file.isGood() && hasTime()) {
         Connection& closes = connections_[*nextClosing];
         const bool hasSegment = nextSegment != segments_.end() && nextSegment->moment <= closes.end;
         const Moment limit = hasSegment ? nextSegment->moment : closes.end;
@@ -361,8 +337,7 @@ std::string PlaintextCapture::write(OutputFile& file)
             send(opens, opens.start, client, ack);
         } else if (hasSegment) {
             const Segment& segment = *nextSegment++;
-            send(connections_[segment.connection], segment.moment, segment.direction, psh | ack,
-                 spool.view(segment.offset, segment.length));
+            send(connections_[segment.connection], segment.moment, segment.direction, psh | ack, spool.sub(segment.offset, segment.length));
         } else {
             ++nextClosing;
             send(closes, closes.end, client, fin | ack);

@@ -1,15 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "app/export/OutputFile.h"
+#include "app/capture/SpoolFile.h"
 #include "host/VELModels/TCPStream.h"
+#include "platform/OutputFile.h"
 
-#include <atomic>
 #include <cstdint>
 #include <expected>
 #include <memory>
 #include <mutex>
+#include <stop_token>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace sealscope {
@@ -44,7 +46,6 @@ class PlaintextCapture {
 public:
     /// The temporary file goes into `folder`, and has no name there. Fails with the reason.
     static std::expected<std::unique_ptr<PlaintextCapture>, std::string> create(const std::string& folder);
-    ~PlaintextCapture();
 
     /// Announces a stream; the number is for its directions. Any thread may call it.
     std::uint32_t addConnection(const TCPStream& stream);
@@ -72,19 +73,19 @@ public:
         std::vector<Segment> segments_;  ///< of `bytes_`, with offsets in there
     };
 
-    /// Writes everything. Gives what was wrong with the temporary file; empty when nothing was.
-    std::string write(OutputFile& file);
+    /// Writes everything; once it is to stop, what half a second is enough for. Gives what was wrong with the temporary file; empty
+    /// when nothing was.
+    std::string write(OutputFile& file, const std::stop_token& stop);
 
     PlaintextCapture(const PlaintextCapture&) = delete;
     PlaintextCapture& operator=(const PlaintextCapture&) = delete;
 
 private:
-    explicit PlaintextCapture(int spool) : spool_(spool) {}
+    explicit PlaintextCapture(std::unique_ptr<SpoolFile> spool) : spool_(std::move(spool)) {}
 
-    int spool_;
-    std::atomic<std::int64_t> spoolSize_ = 0;
-    std::atomic<int> error_ = 0;
     std::mutex mutex_;  ///< guards what follows
+    std::unique_ptr<SpoolFile> spool_;
+    std::string problem_;  ///< with the temporary file
     std::vector<Connection> connections_;
     std::vector<Segment> segments_;
 };

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/export/StreamDecryptor.h"
 
-#include "app/export/OutputFile.h"
 #include "app/export/PlaintextPacks.h"
+#include "platform/OutputFile.h"
 
 #include <filesystem>
 #include <fmt/format.h>
@@ -44,13 +44,14 @@ OpenedDirection StreamDecryptor::open(const TCPStream& stream, TCPSegment::Direc
     std::optional<PlaintextCapture::Direction> segments;
     if (connection) segments.emplace(*output_.capture, *connection, direction);
     const bool isClient = direction == TCPSegment::Direction::clientToServer;
-    const std::string path = output_.folder.empty() ? std::string()
-                                                    : (std::filesystem::path(output_.folder) /
-                                                       fmt::format("stream-{}-{}.bin", stream.key.number, isClient ? "client" : "server"))
-                                                          .string();
+    const std::string path =
+        output_.folder.empty()
+            ? std::string()
+            : (std::filesystem::path(output_.folder) / fmt::format("stream-{}-{}.bin", stream.key.number, isClient ? "client" : "server"))
+                  .string();
     forEachPack(*reader, stream.data(direction).size(), [&](const PlaintextPack& pack) {
         if (!path.empty() && !file) {
-            auto created = OutputFile::create(path, output_.replace);
+            auto created = OutputFile::create(path, output_.existing, OutputFile::Kind::regular);
             if (!created) {
                 opened.problem = path + ": " + created.error();
                 return false;

@@ -4,6 +4,7 @@
 #include "app/export/PlaintextCapture.h"
 #include "app/session/Session.h"
 #include "app/verdict/StreamVerdict.h"
+#include "platform/FileDescriptor.h"
 
 #include <cstdint>
 #include <optional>
@@ -30,9 +31,9 @@ struct OpenedStream {
 
 /// Where plaintext goes.
 struct DecryptorOutput {
-    std::string folder;  ///< for `stream-N-client.bin` and `stream-N-server.bin`; empty for no files
-    bool replace = false;
-    PlaintextCapture* capture = nullptr;  ///< takes the plaintext as packets; null for none
+    std::string folder;                           ///< for `stream-N-client.bin` and `stream-N-server.bin`; empty for no files
+    ExistingFile existing = ExistingFile::stays;  ///< with the name of one of them
+    PlaintextCapture* capture = nullptr;          ///< takes the plaintext as packets; null for none
 };
 
 /// Opens the streams of a session into files or a capture. Any thread may call it.

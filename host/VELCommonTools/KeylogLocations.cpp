@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/VELCommonTools/KeylogLocations.h"
 
+#include "platform/FileDescriptor.h"
+
 #include <cstdlib>
 #include <pwd.h>
 #include <string>
 #include <unistd.h>
+#include <utility>
 
 namespace sealscope {
 
@@ -28,6 +31,17 @@ std::filesystem::path KeylogLocations::liveKeylog()
     const char* const dataHome = std::getenv("XDG_DATA_HOME");
     const bool isUsable = dataHome && *dataHome == '/';
     return (isUsable ? std::string(dataHome) : homeFolder() + "/.local/share") + "/sealscope/keylog.txt";
+}
+
+std::expected<void, std::string> KeylogLocations::makeLiveKeylog()
+{
+    const std::filesystem::path file = liveKeylog();
+    std::error_code error;
+    if (std::filesystem::exists(file, error)) return {};
+    if (auto made = createFolders(file.parent_path().string()); !made) return made;
+    auto created = createFile(file.string(), ExistingFile::stays);
+    if (!created && !std::filesystem::exists(file, error)) return std::unexpected(std::move(created.error()));
+    return {};
 }
 
 }  // namespace sealscope

@@ -3,7 +3,9 @@
 
 #include "platform/Export.h"
 
+#include <expected>
 #include <filesystem>
+#include <string>
 
 namespace sealscope SEALSCOPE_API {
 
@@ -13,6 +15,8 @@ struct KeylogLocations {
     /// The managed key log, to which the application lets programs write their secrets: `sealscope/keylog.txt` under
     /// `$XDG_DATA_HOME`, by default `~/.local/share`. It need not exist.
     static std::filesystem::path liveKeylog();
+    /// Makes it, for its owner alone, with the folders above it; leaves one that is there as it is. Fails with the reason.
+    static std::expected<void, std::string> makeLiveKeylog();
 };
 
 }  // namespace sealscope SEALSCOPE_API

@@ -3,6 +3,7 @@
 
 #include "host/VELCommonTools/KeylogLocations.h"
 #include "host/VELModels/TLSDecryptionProbeRegistry.h"
+#include "platform/FileDescriptor.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -19,21 +20,6 @@ namespace {
 using Examination = MergedKeylog::Examination;
 using Problem = Examination::Problem;
 
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int descriptor) : descriptor_(descriptor) {}
-    ~FileDescriptor()
-    {
-        if (descriptor_ >= 0) close(descriptor_);
-    }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    int get() const { return descriptor_; }
-
-private:
-    int descriptor_;
-};
-
 /// A text that its lines would fill half of the machine's memory with leaves too little for what is made of it.
 bool isTooLarge(std::int64_t size)
 {
@@ -48,11 +34,10 @@ struct Reading {
 };
 
 /// Reads into `bytes` from `reading.end` on, up to `size` or to the file's end.
-void readInto(int descriptor, char* bytes, std::size_t size, Reading& reading)
+void readInto(const FileDescriptor& descriptor, char* bytes, std::size_t size, Reading& reading)
 {
     while (reading.end < size) {
-        const ssize_t count = read(descriptor, bytes + reading.end, size - reading.end);
-        if (count < 0 && errno == EINTR) continue;
+        const std::int64_t count = descriptor.read({reinterpret_cast<std::uint8_t*>(bytes) + reading.end, size - reading.end});
         if (count > 0) {
             reading.end += static_cast<std::size_t>(count);
             continue;
@@ -70,7 +55,7 @@ Examination appendFile(const std::filesystem::path& file, SecretText& text, std:
     // Opening a pipe must not wait for somebody to write into it.
     const FileDescriptor descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status{};
-    if (descriptor.get() < 0 || fstat(descriptor.get(), &status) != 0) return {.problem = Problem::cannotOpen, .error = errno};
+    if (!descriptor || fstat(descriptor.number(), &status) != 0) return {.problem = Problem::cannotOpen, .error = errno};
     if (S_ISDIR(status.st_mode)) return {.problem = Problem::isDirectory};
     if (!S_ISREG(status.st_mode)) return {.problem = Problem::isNoFile};
     if (isTooLarge(status.st_size)) return {.problem = Problem::tooLarge, .size = status.st_size};
@@ -81,7 +66,7 @@ Examination appendFile(const std::filesystem::path& file, SecretText& text, std:
     std::size_t room = static_cast<std::size_t>(std::min(status.st_size + 1, limit));
     while (!reading.isDone && std::cmp_less(reading.end - start, limit)) {
         text.resize_and_overwrite(reading.end + room, [&](char* bytes, std::size_t size) {
-            readInto(descriptor.get(), bytes, size, reading);
+            readInto(descriptor, bytes, size, reading);
             return reading.end;
         });
         const auto size = static_cast<std::int64_t>(reading.end - start);

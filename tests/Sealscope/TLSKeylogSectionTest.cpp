@@ -10,6 +10,7 @@
 #include "platform/Pasteboard.h"
 
 #include <cstdlib>
+#include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -223,6 +224,7 @@ TEST_F(TLSKeylogSectionTest, CopiesTheLineUnquoted)
     press(1);
     EXPECT_EQ(Pasteboard::general().string(), "SSLKEYLOGFILE=" + managedKeylog);
     EXPECT_THAT(managedKeylog, testing::HasSubstr("with spaces"));
+    EXPECT_EQ(std::filesystem::status(managedKeylog).permissions(), std::filesystem::perms(0600)) << "secrets go in";
     EXPECT_THAT(posted, IsEmpty());
 }
 

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 namespace sealscope::cli {
 
@@ -76,7 +77,6 @@ TEST(DecryptCommand, WritesThePlaintextOfEachDirectionToAFile)
     const TempDirectory directory;
     const std::string capture = write(directory);
     const fs::path plain = directory.path() / "plain";
-    fs::create_directory(plain);
     const ProgramResult result = sealscope({"decrypt", "--json", "-k", directory.file("keys.txt"), "--output", plain.string(), capture});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.errors, "");
@@ -152,9 +152,15 @@ TEST(DecryptCommand, TellsWhatItCannotWrite)
         std::string message;
     };
     const std::string missing = directory.file("missing");
+    // Somebody may wait there for what others decrypt.
+    const fs::path piped = directory.path() / "piped";
+    fs::create_directory(piped);
+    ASSERT_EQ(mkfifo((piped / "stream-0-client.bin").c_str(), 0666), 0);
     const Case cases[] = {
         {{}, 2, "'decrypt' wants "},
         {{"--output", missing + "/folder"}, 1, missing + "/folder: No such file or directory"},
+        {{"--output", piped.string()}, 1, (piped / "stream-0-client.bin").string() + ": is no regular file"},
+        {{"--output", piped.string(), "--force"}, 1, (piped / "stream-0-client.bin").string() + ": is no regular file"},
         {{"--output", keyLog}, 1, keyLog + ": is not a directory"},
         {{"--pcap", missing + "/plain.pcap"}, 1, missing + "/plain.pcap: No such file or directory"},
         {{"--pcap", keyLog}, 1, keyLog + ": exists already; --force replaces it"},

@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -74,6 +75,9 @@ TEST(LiveCommand, PrintsRowsOfAnInterfaceAndKeepsThePackets)
     ASSERT_FALSE(rows.empty());
     EXPECT_EQ(rows[0]["info"], "TLS 1.2: Alert (Fatal, 40)");
     EXPECT_EQ(rows[0]["destination"], "127.0.0.1:" + std::to_string(talker.port()));
+    EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0600));
+    EXPECT_EQ(sealscope({"live", "-i", "lo", "-n", "1", "--write", file}).errors,
+              "sealscope: " + file + ": exists already; --force replaces it\n");
     // What was kept gives the same rows again, but for times that the file's resolution cuts.
     const auto kept = jsonLines(sealscope({"packets", "--json", file}).output);
     ASSERT_EQ(kept.size(), rows.size());

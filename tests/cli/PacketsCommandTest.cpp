@@ -163,6 +163,12 @@ TEST(PacketsCommand, NamesLinkTypesThatItDoesNotKnow)
     EXPECT_EQ(rest.errors, "sealscope: " + mixed + ": link type 147 is not known; 1 packet of it could not be read\n");
     EXPECT_THAT(infos(rest), ElementsAre("4 TLS 1.2: Alert (Fatal, 40)"));
     EXPECT_EQ(sealscope({"packets", "-q", mixed}).errors, "");
+
+    // Of many types the most frequent ones, and one line for all others.
+    for (std::uint32_t i = 0; i < 300; ++i) some.push_back({.time = some[0].time, .frame = some[0].frame, .linkType = 1'000 + i % 60});
+    const std::string many = sealscope({"packets", directory.write("many.pcapng", pcapngFile(some))}).errors;
+    EXPECT_EQ(std::ranges::count(many, '\n'), 5);
+    EXPECT_THAT(many, testing::HasSubstr("57 more link types are not known; 281 packets of them could not be read\n"));
 }
 
 TEST(PacketsCommand, ReadsStandardInputAsItComes)

@@ -7,12 +7,12 @@
 #include "app/cli/text/Messages.h"
 #include "app/cli/text/VerdictTable.h"
 #include "app/export/CollectedSecrets.h"
-#include "app/export/OutputFile.h"
 #include "app/export/PlaintextCapture.h"
 #include "app/export/StreamDecryptor.h"
 #include "app/records/StreamRecords.h"
 #include "app/records/VerdictSentence.h"
 #include "app/session/InOrder.h"
+#include "platform/OutputFile.h"
 
 #include <algorithm>
 #include <array>
@@ -28,6 +28,8 @@ namespace sealscope::cli {
 namespace {
 
 namespace fs = std::filesystem;
+
+ExistingFile existingFile(const Options& options) { return options.force ? ExistingFile::isReplaced : ExistingFile::stays; }
 
 /// What was opened, as a table for people.
 class OpenedTable {
@@ -88,7 +90,8 @@ ExitStatus openStreams(const CommandContext& context, const Session& session, co
 {
     const Options& options = context.options;
     ExitStatus status = done;
-    const StreamDecryptor decryptor(session, {.folder = options.output, .replace = options.force, .capture = capture}, interruption());
+    const StreamDecryptor decryptor(session, {.folder = options.output, .existing = existingFile(options), .capture = capture},
+                                    interruption());
     OpenedTable table(context.terminal);
     if (!options.json)
         for (std::size_t i = 0; i < std::min<std::size_t>(streams.size(), 1'000); ++i) table.measure(session.summary(streams[i]));
@@ -139,10 +142,10 @@ struct NamedOutput {
     std::string path;
     std::optional<OutputFile> file;
 
-    bool begin(bool replace)
+    bool begin(ExistingFile existing)
     {
         if (path.empty()) return true;
-        auto created = OutputFile::create(path, replace);
+        auto created = OutputFile::create(path, existing, OutputFile::Kind::anything);
         if (!created)
             complainAboutOutput(path, created.error());
         else
@@ -180,7 +183,7 @@ ExitStatus run(const CommandContext& context)
 
     NamedOutput pcap{options.pcap}, injected{options.injectSecrets}, stripped{options.stripSecrets};
     for (NamedOutput* output : {&pcap, &injected, &stripped})
-        if (!output->begin(options.force)) return failed;
+        if (!output->begin(existingFile(options))) return failed;
     std::unique_ptr<PlaintextCapture> plaintext;
     if (pcap.file) {
         const fs::path folder = options.pcap == "-" ? fs::temp_directory_path() : fs::absolute(options.pcap).parent_path();
@@ -195,7 +198,7 @@ ExitStatus run(const CommandContext& context)
     const auto streams = wantedStreams(context, *session, status);
     const auto note = [&](ExitStatus another) { status = std::max(status, another); };
     if (opens) note(openStreams(context, *session, streams, plaintext.get()));
-    if (pcap.file) note(pcap.finish(plaintext->write(*pcap.file)));
+    if (pcap.file) note(pcap.finish(plaintext->write(*pcap.file, interruption())));
     if (injected.file) {
         CollectedSecrets secrets = collectSecrets(*session, streams, interruption());
         note(copyCapture(*session, injected, {.addedSecrets = std::move(secrets.keyLog)}));
@@ -221,8 +224,8 @@ const Command decryptCommand{
                 "sealscope decrypt -k keys.txt --pcap plain.pcap capture.pcapng|a capture for other tools\n"
                 "sealscope decrypt -k keys.txt --inject-secrets all.pcapng capture.pcap|the capture with its secrets inside\n"
                 "sealscope decrypt --strip-secrets share.pcapng all.pcapng|the capture without any\n",
-    .options = {Option::stream, Option::keylog, Option::reach, Option::output, Option::pcap, Option::injectSecrets, Option::stripSecrets, Option::force,
-                Option::json, Option::filter, Option::count},
+    .options = {Option::stream, Option::keylog, Option::reach, Option::output, Option::pcap, Option::injectSecrets, Option::stripSecrets,
+                Option::force, Option::json, Option::filter, Option::count},
     .run = run};
 
 }  // namespace sealscope::cli

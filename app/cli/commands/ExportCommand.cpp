@@ -56,7 +56,8 @@ ExitStatus run(const CommandContext& context)
         return wrongCommandLine;
     }
     // What cannot be written is told before the work.
-    auto file = OutputFile::create(options.output, options.force);
+    auto file =
+        OutputFile::create(options.output, options.force ? ExistingFile::isReplaced : ExistingFile::stays, OutputFile::Kind::anything);
     if (!file) {
         complain(fmt::format("{}: {}", options.output, file.error()));
         return failed;
@@ -78,16 +79,16 @@ ExitStatus run(const CommandContext& context)
 
 }  // namespace
 
-const Command exportCommand{
-    .name = "export",
-    .arguments = "FORMAT FILE…",
-    .summary = "the capture in a format that a plug-in offers, such as an HTTP archive",
-    .description = "Writes what was said in a format of another program. Without a FORMAT lists the formats.",
-    .examples = "sealscope export|the formats\n"
-                "sealscope export har -k keys.txt --output capture.har capture.pcapng|for a browser's developer tools\n",
-    .options = {Option::stream, Option::keylog, Option::reach, Option::output, Option::force, Option::largestBody, Option::json, Option::filter,
-                Option::count},
-    .fewestArguments = 0,
-    .run = run};
+const Command exportCommand{.name = "export",
+                            .arguments = "FORMAT FILE…",
+                            .summary = "the capture in a format that a plug-in offers, such as an HTTP archive",
+                            .description = "Writes what was said in a format of another program. Without a FORMAT lists the formats.",
+                            .examples =
+                                "sealscope export|the formats\n"
+                                "sealscope export har -k keys.txt --output capture.har capture.pcapng|for a browser's developer tools\n",
+                            .options = {Option::stream, Option::keylog, Option::reach, Option::output, Option::force, Option::largestBody,
+                                        Option::json, Option::filter, Option::count},
+                            .fewestArguments = 0,
+                            .run = run};
 
 }  // namespace sealscope::cli

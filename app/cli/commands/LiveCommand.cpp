@@ -7,6 +7,7 @@
 #include "app/session/PacketRowReader.h"
 #include "app/cli/text/PacketRows.h"
 
+#include <atomic>
 #include <chrono>
 #include <fmt/format.h>
 #include <net/if.h>
@@ -17,7 +18,22 @@ namespace sealscope::cli {
 
 namespace {
 
-LiveCapture* running = nullptr;  // for the signal handler
+std::atomic<LiveCapture*> running = nullptr;  // for the signal handler
+
+/// Lets signals end a capture as long as it is there.
+class Running {
+public:
+    explicit Running(LiveCapture& capture)
+    {
+        running = &capture;
+        catchInterrupts([] {
+            if (LiveCapture* const active = running) active->stop();
+        });
+    }
+    ~Running() { running = nullptr; }
+    Running(const Running&) = delete;
+    Running& operator=(const Running&) = delete;
+};
 
 std::vector<std::string> interfaceNames()
 {
@@ -29,9 +45,8 @@ std::vector<std::string> interfaceNames()
 }
 
 /// Prints rows until the user, the count or the interface ends it. What has come is written as soon as no more is waiting.
-LiveCapture::Outcome printRows(const CommandContext& context, LiveCapture& capture, std::int64_t& packets)
+LiveCapture::Outcome printRows(const CommandContext& context, const PacketAnalyzers& analyzers, LiveCapture& capture, std::int64_t& packets)
 {
-    const PacketAnalyzers analyzers;
     const auto format = context.options.json ? PacketRowFormat::json() : PacketRowFormat::table(analyzers, context.terminal);
     PacketRowMaker maker(analyzers);
     CapturedPacket packet;
@@ -79,15 +94,18 @@ ExitStatus run(const CommandContext& context)
         complain("--write -: standard output is for the rows");
         return wrongCommandLine;
     }
-    auto opened = LiveCapture::open({.interface = options.interface, .filter = options.filter, .writeTo = options.write});
+    const PacketAnalyzers analyzers;  // reads settings, which are out of reach once privileges were given up
+    auto opened = LiveCapture::open({.interface = options.interface,
+                                     .filter = options.filter,
+                                     .writeTo = options.write,
+                                     .existing = options.force ? ExistingFile::isReplaced : ExistingFile::stays});
     if (!opened) return complainAbout(opened.error());
     LiveCapture& capture = **opened;
-    running = &capture;
-    catchInterrupts([] { running->stop(); });
+    const Running interruptible(capture);
 
     ExitStatus status = done;
     std::int64_t packets = 0;
-    if (printRows(context, capture, packets) == LiveCapture::Outcome::failed) status = complainAbout(capture.error());
+    if (printRows(context, analyzers, capture, packets) == LiveCapture::Outcome::failed) status = complainAbout(capture.error());
     context.output.flush();
     if (const auto written = capture.finishWriting(); !written) status = complainAbout(written.error());
     tellCounts(packets, capture.counts());
@@ -105,7 +123,7 @@ const Command liveCommand{.name = "live",
                           .examples = "sudo sealscope live -i eth0|until Ctrl-C\n"
                                       "sudo sealscope live -i any -f 'tcp port 443' --json|for scripts, one JSON object a line\n"
                                       "sudo sealscope live -i eth0 -n 1000 -w capture.pcap|a thousand packets, kept in a file\n",
-                          .options = {Option::interface, Option::write, Option::filter, Option::count, Option::json},
+                          .options = {Option::interface, Option::write, Option::force, Option::filter, Option::count, Option::json},
                           .fewestArguments = 0,
                           .mostArguments = 0,
                           .run = run};

@@ -15,7 +15,6 @@
 #include <charconv>
 #include <filesystem>
 #include <fmt/format.h>
-#include <fstream>
 
 namespace sealscope::cli {
 
@@ -206,14 +205,8 @@ ExitStatus reset(const CommandContext&)
 ExitStatus keylogLine(const CommandContext& context)
 {
     const fs::path keylog = KeylogLocations::liveKeylog();
-    std::error_code error;
-    if (!fs::exists(keylog, error)) {
-        fs::create_directories(keylog.parent_path(), error);
-        if (std::ofstream(keylog, std::ios::app))
-            fs::permissions(keylog, fs::perms::owner_read | fs::perms::owner_write, error);
-        else
-            remark(fmt::format("{}: cannot be created; programs will not write their secrets there", keylog.string()));
-    }
+    if (!KeylogLocations::makeLiveKeylog())
+        remark(fmt::format("{}: cannot be created; programs will not write their secrets there", keylog.string()));
     context.output.write(fmt::format("SSLKEYLOGFILE={}\n", keylog.string()));
     return done;
 }

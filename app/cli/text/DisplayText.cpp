@@ -6,47 +6,27 @@
 #include <algorithm>
 #include <fmt/format.h>
 #include <limits>
-#include <locale.h>
-#include <wchar.h>
+#include <unictype.h>
+#include <uniwidth.h>
 
 namespace sealscope::cli {
 
 namespace {
 
-struct ScalarRange {
-    char32_t first;
-    char32_t last;
-};
-
-// Default_Ignorable_Code_Point of the Unicode Character Database (DerivedCoreProperties), which holds the direction marks and
-// overrides too, and the line and paragraph separators: what one does not see, or sees only by what it does to the rest.
-constexpr ScalarRange invisible[] = {{0x00AD, 0x00AD},   {0x034F, 0x034F},  {0x061C, 0x061C}, {0x115F, 0x1160}, {0x17B4, 0x17B5},
-                                     {0x180B, 0x180F},   {0x200B, 0x200F},  {0x2028, 0x202E}, {0x2060, 0x206F}, {0x3164, 0x3164},
-                                     {0xFE00, 0xFE0F},   {0xFEFF, 0xFEFF},  {0xFFA0, 0xFFA0}, {0xFFF0, 0xFFFB}, {0x1BCA0, 0x1BCA3},
-                                     {0x1D173, 0x1D17A}, {0xE0000, 0xE0FFF}};
-
+/// What one does not see, or sees only by what it does to the rest: the default ignorable code points of the Unicode Character
+/// Database, which hold the direction marks and overrides too, line and paragraph separators, and what frames annotations.
 bool isInvisible(char32_t scalar)
 {
-    const auto range = std::ranges::lower_bound(invisible, scalar, {}, &ScalarRange::last);
-    return range != std::end(invisible) && scalar >= range->first;
+    return uc_is_property_default_ignorable_code_point(scalar) ||
+           uc_is_general_category_withtable(scalar, UC_CATEGORY_MASK_Zl | UC_CATEGORY_MASK_Zp) || (scalar >= 0xFFF9 && scalar <= 0xFFFB);
 }
 
-/// Makes the C library count columns by the Unicode tables, whatever the user's locale is, for as long as it lives.
-class UnicodeWidths {
-public:
-    UnicodeWidths() : previous_(uselocale(tables())) {}
-    ~UnicodeWidths() { uselocale(previous_); }
-    UnicodeWidths(const UnicodeWidths&) = delete;
-    UnicodeWidths& operator=(const UnicodeWidths&) = delete;
-
-private:
-    static locale_t tables()
-    {
-        static const locale_t unicode = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
-        return unicode;
-    }
-    locale_t previous_;
-};
+/// Columns that a terminal gives to a scalar; negative for one that is no character to be shown.
+int widthOf(char32_t scalar)
+{
+    if (isInvisible(scalar) || uc_is_general_category_withtable(scalar, UC_CATEGORY_MASK_Cc | UC_CATEGORY_MASK_Cn)) return -1;
+    return uc_width(scalar, "UTF-8");
+}
 
 bool isPlain(char character) { return character >= 0x20 && character < 0x7F; }
 
@@ -75,7 +55,6 @@ Piece escaped(char32_t scalar, std::string& escape)
 
 int appendUnicode(std::string& output, std::string_view text, int columns)
 {
-    const UnicodeWidths widths;
     const std::string repaired = utf8::repaired(DataView(text));
     const DataView bytes(repaired);
     std::string escape;
@@ -85,8 +64,7 @@ int appendUnicode(std::string& output, std::string_view text, int columns)
     int cutWidth = 0;
     for (std::int64_t offset = 0; offset < bytes.size();) {
         const utf8::Scalar scalar = *utf8::scalarAt(bytes, offset);
-        const bool isHidden = scalar.value < 0x20 || isInvisible(scalar.value);
-        const int scalarWidth = isHidden ? -1 : ::wcwidth(static_cast<wchar_t>(scalar.value));
+        const int scalarWidth = scalar.value >= 0x20 && scalar.value < 0x7F ? 1 : widthOf(scalar.value);
         const Piece piece = scalarWidth < 0 ? escaped(scalar.value, escape) : Piece{bytes.sub(offset, scalar.length).text(), scalarWidth};
         if (piece.width > columns - width) {
             output.resize(cut);

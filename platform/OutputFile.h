@@ -1,23 +1,27 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "platform/Data.h"
+#include "platform/FileDescriptor.h"
+#include "platform/SecretMemory.h"
 
 #include <cstdint>
 #include <expected>
 #include <string>
-#include <vector>
 
-namespace sealscope {
+namespace sealscope SEALSCOPE_API {
 
 /// A file that plaintext or secrets are written to. Only its owner may read it; what does not get complete is taken away
 /// again; and it takes the place of an existing file only when that is wanted, and only when it is complete. Used by one
 /// thread at a time.
 class OutputFile {
 public:
-    /// Begins a file; "-" is standard output. What is there already and is no regular file, such as a pipe, is written to.
-    /// Fails with the end of a sentence that begins with the path.
-    static std::expected<OutputFile, std::string> create(const std::string& path, bool replace);
+    enum class Kind : std::uint8_t {
+        regular,   ///< a file of ours: what else has the name is not written to
+        anything,  ///< whatever the user has named: also a pipe or a device that is there, or "-" for standard output
+    };
+
+    /// Begins a file. Fails with the end of a sentence that begins with the path.
+    static std::expected<OutputFile, std::string> create(const std::string& path, ExistingFile existing, Kind kind);
     OutputFile(OutputFile&& other) noexcept;
     OutputFile& operator=(OutputFile&&) = delete;
     ~OutputFile();
@@ -26,27 +30,21 @@ public:
     /// or fewer of them, and less room.
     void reserve(std::int64_t bytes);
     void write(DataView bytes);
-    std::int64_t bytesWritten() const { return written_; }
     /// False when a write has failed: the rest of the work is for nothing.
     bool isGood() const { return error_ == 0; }
     /// Puts the complete file under its name. Gives what went wrong, then or at any write before; empty when nothing did.
     std::string finish();
 
-    /// For those who write to the descriptor themselves, and say how that ended.
-    int descriptor() const { return descriptor_; }
-    void setError(int error) { error_ = error; }
-
 private:
     OutputFile() = default;
-    void writeOut(DataView first, DataView second);
 
     std::string path_;
     std::string unfinishedPath_;  ///< where it is until it is complete; empty for what is no file of ours
-    int descriptor_ = -1;
+    FileDescriptor descriptor_;
     int error_ = 0;
     std::int64_t written_ = 0;
     std::int64_t reserved_ = 0;
-    std::vector<std::uint8_t> held_;  ///< small pieces, to be written as a large one
+    SecretBytes held_;  ///< small pieces, to be written as a large one
 };
 
-}  // namespace sealscope
+}  // namespace sealscope SEALSCOPE_API
