@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <utility>
 
 namespace sealscope {
 namespace {
@@ -55,8 +56,8 @@ void FragmentAssembler::take(Pending& pending, const Fragment& fragment)
     if (fragment.isLast && pending.length < 0) {
         pending.length = end;
         // What lies behind the end does not belong to the datagram.
-        pending.unitsArrived = 0;
-        for (std::size_t word = 0; word < words; ++word)
+        const bool hasSome = std::exchange(pending.unitsArrived, 0) > 0;
+        for (std::size_t word = 0; hasSome && word < words; ++word)
             pending.unitsArrived += std::popcount(pending.arrived[word] &= before(static_cast<std::int64_t>(word), end));
     }
     if (fragment.offset == 0) pending.protocol = fragment.protocol;

@@ -6,9 +6,11 @@
 #include <array>
 #include <compare>
 #include <cstdint>
+#include <cstring>
 #include <list>
 #include <map>
 #include <optional>
+#include <utility>
 #include <vector>
 
 namespace sealscope {
@@ -20,7 +22,15 @@ struct DatagramKey {
     std::uint32_t identification = 0;
     std::uint8_t protocol = 0;  ///< of IPv4; IPv6 tells datagrams apart without it
     bool isIPv6 = false;
-    auto operator<=>(const DatagramKey&) const = default;
+    bool operator==(const DatagramKey&) const = default;
+    /// Some order; what tells most datagrams apart comes first.
+    std::strong_ordering operator<=>(const DatagramKey& other) const
+    {
+        if (identification != other.identification) return identification <=> other.identification;
+        if (const int order = std::memcmp(source.data(), other.source.data(), source.size()); order != 0) return order <=> 0;
+        if (const int order = std::memcmp(destination.data(), other.destination.data(), destination.size()); order != 0) return order <=> 0;
+        return std::pair(protocol, isIPv6) <=> std::pair(other.protocol, other.isIPv6);
+    }
 };
 
 /// One fragment's part of the datagram's payload.
