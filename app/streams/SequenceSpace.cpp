@@ -35,7 +35,7 @@ bool SequenceSpace::fits(std::size_t index, std::uint32_t number, std::int64_t l
 {
     const Era& era = eras_[index];
     const std::int64_t position = era.positionOf(number);
-    if (position < era.origin - eraLength / 4 || position > era.origin + eraLength / 4) return false;
+    if (!era.isWithin(position)) return false;
     const std::int64_t lost = position - era.end;
     if (lost > largestLoss) return false;
     if (lost > plausibleFlight && acknowledged_ && index == 0) {
@@ -64,7 +64,8 @@ std::optional<SequenceSpace::Placed> SequenceSpace::place(const SegmentRecord& s
     if (!segment.carriesData()) return std::nullopt;
     const std::uint32_t number = segment.dataNumber();
     const auto length = static_cast<std::int64_t>(segment.length);
-    if (!eras_.empty() && eras_[current_].hasData && number == eras_[current_].numberAt(eras_[current_].end)) {
+    if (!eras_.empty() && eras_[current_].hasData && number == eras_[current_].numberAt(eras_[current_].end) &&
+        eras_[current_].isWithin(eras_[current_].end)) {
         // What most segments do: they go on where the data ends.
         const std::int64_t begin = eras_[current_].end;
         eras_[current_].end += length;

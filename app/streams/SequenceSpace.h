@@ -21,7 +21,7 @@ public:
     static constexpr std::int64_t largestLoss = std::int64_t{1} << 30;
     /// Eras of one direction; segments that would open more are left out.
     static constexpr std::size_t maximumEras = 1 << 16;
-    /// Positions that belong to each era.
+    /// Positions that belong to each era. Its data begins and ends well inside them, see `isWithin`.
     static constexpr std::int64_t eraLength = std::int64_t{1} << 44;
 
     struct Era {
@@ -34,6 +34,8 @@ public:
 
         std::uint32_t numberAt(std::int64_t position) const { return originNumber + static_cast<std::uint32_t>(position - origin); }
         std::int64_t positionOf(std::uint32_t number) const { return end + sequenceDistance(numberAt(end), number); }
+        /// Whether a segment may begin at a position: however far a stream goes, it stays within its era's positions.
+        bool isWithin(std::int64_t position) const { return position >= origin - eraLength / 4 && position <= origin + eraLength / 4; }
     };
 
     using Eras = absl::InlinedVector<Era, 1>;

@@ -322,6 +322,42 @@ TEST(Reassembly, SurvivesAdversarialDisorder)
     }
 }
 
+TEST(Reassembly, KeepsToItsErasHoweverFarAStreamGoes)
+{
+    // Nine terabytes, of which the packets hold a byte in sixteen million.
+    const std::vector<std::uint8_t> payload(SegmentRecord::maximumLength, 'x');
+    constexpr std::int64_t count = 540'000;
+    ScriptedCapture capture;
+    TCPPacket packet{.source = testEndpoint(1, 50'000), .destination = testEndpoint(2, 443), .sequenceNumber = 0, .flags = SYN};
+    capture.add(packet, {}, 0);
+    packet.flags = ACK | PSH;
+    packet.sequenceNumber = 1;
+    for (std::int64_t step = 0; step < count; ++step) {
+        capture.add(packet, payload, 0, 1);
+        packet.sequenceNumber += static_cast<std::uint32_t>(payload.size());
+    }
+    const StreamMeasures measures = capture.measures();
+    EXPECT_EQ(measures.clientBytes - measures.missingBytes, count);
+    EXPECT_GT(measures.clientBytes, 9'000'000'000'000);
+    EXPECT_GE(measures.restarts, 1);
+}
+
+TEST(Reassembly, TellsHoles)
+{
+    const TCPStream stream = captured({{-1, {}, SYN}, {3, "abc"}, {6, "def"}, {1'000'009, "g"}}, 100).stream();
+    const StreamData& data = stream.clientToServerData;
+    struct Case {
+        std::int64_t offset;
+        std::optional<ByteRange> expected;
+    };
+    const Case cases[] = {
+        {-1, {}},        {0, {{0, 3}}},   {2, {{0, 3}}}, {3, {}}, {8, {}}, {9, {{9, 1'000'009}}}, {500'000, {{9, 1'000'009}}},
+        {1'000'009, {}}, {1'000'010, {}},
+    };
+    for (const auto& [offset, expected] : cases) EXPECT_EQ(data.hole(offset), expected) << offset;
+    EXPECT_EQ(data.holeBytes(), 1'000'003);
+}
+
 TEST(Reassembly, LocatesRangesInSequenceOrder)
 {
     // "abcdefghij": the middle came first, then the beginning, then the end with a loss in between.
