@@ -14,16 +14,6 @@ constexpr bool canOpenRecord(std::uint8_t contentType, std::uint8_t majorVersion
     return (contentType & 0xFC) == 20 && majorVersion == 3 && minorVersion >= 1 && minorVersion <= 4 && length >= 1 && length <= 18432;
 }
 
-template <class Bytes> std::vector<TLSRecord> records(const Bytes& bytes)
-{
-    std::vector<TLSRecord> list;
-    forEachRecord(bytes, [&](const TLSRecord& record) {
-        list.push_back(record);
-        return true;
-    });
-    return list;
-}
-
 }  // namespace
 
 bool TLSDissector::looksLikeTLS(DataView bytes)
@@ -37,8 +27,14 @@ bool TLSDissector::looksLikeTLS(const StreamData& bytes)
     return bytes.size() >= TLSRecord::headerLength && canOpenRecord(reader.u8(0), reader.u8(1), reader.u8(2), reader.u16(3));
 }
 
-std::vector<TLSRecord> TLSDissector::parseRecords(DataView bytes) { return records(bytes); }
-
-std::vector<TLSRecord> TLSDissector::parseRecords(const StreamData& bytes) { return records(bytes); }
+std::vector<TLSRecord> TLSDissector::parseRecords(DataView bytes)
+{
+    std::vector<TLSRecord> records;
+    forEachRecord(bytes, [&](const TLSRecord& record) {
+        records.push_back(record);
+        return true;
+    });
+    return records;
+}
 
 }  // namespace sealscope

@@ -28,27 +28,28 @@ template <class Info> struct HelloSearch {
 };
 
 /// The first hello of a direction, or how the first that cannot be read is cut.
-template <class Info, class Parse>
-HelloSearch<Info> searchHello(const TCPStream& stream, Direction direction, TLSHandshakeType helloType, Parse parse)
+template <class Info, class Parse> HelloSearch<Info> searchHello(const StreamData& data, TLSHandshakeType helloType, Parse parse)
 {
     HelloSearch<Info> search;
-    const StreamData& data = stream.data(direction);
+    StreamReader inside(data);
     std::vector<std::uint8_t> gathered;
     bool isClear = true;  // what follows may be encrypted, and a message header by chance only
     forEachRecord(data, [&](const TLSRecord& record) {
         if (record.contentType != type(TLSContentType::handshake)) isClear = false;
         if (record.contentType != type(TLSContentType::handshake)) return true;
-        const DataView body = data.gather(record.bodyOffset, record.declaredLength, gathered);
-        forEachHandshakeMessage(body, record.bodyOffset, [&](const TLSHandshakeMessage& message) {
+        bool isSearched = false;
+        forEachHandshakeMessage(inside, record, [&](const TLSHandshakeMessage& message) {
             if (message.handshakeType != std::to_underlying(helloType)) return true;
             if (!record.isTruncated && !message.isTruncated)
-                search.info = parse(body.sub(message.bodyOffset - record.bodyOffset, message.length), message.bodyOffset);
+                search.info = parse(data.gather(message.bodyOffset, message.length, gathered), message.bodyOffset);
             // Zeros in place of lost bytes may read as a hello, but what is looked for is not in them.
             const ByteRange random{message.bodyOffset + 2, message.bodyOffset + 34};
             if (search.info)
-                search.state = hasLostBytes(stream, direction, random) ? Hello::cutByData : Hello::found;
+                search.state = hasLostBytes(data, random) ? Hello::cutByData : Hello::found;
             else if (isClear && search.state == Hello::missing) {
-                if (record.isTruncated || hasLostBytes(stream, direction, {record.recordOffset, record.endOffset()}))
+                // A record is searched for lost bytes once, however many hellos in it cannot be read.
+                if (record.isTruncated ||
+                    (!std::exchange(isSearched, true) && hasLostBytes(data, {record.recordOffset, record.endOffset()})))
                     search.state = Hello::cutByData;
                 else if (message.isTruncated)
                     search.state = Hello::cutByRecords;
@@ -81,9 +82,9 @@ TLSDecryptionReport TLSStreamReport::report(const TCPStream& stream, const TLSKe
 {
     TLSDecryptionReport report;
     auto clientHello =
-        searchHello<ClientHelloInfo>(stream, Direction::clientToServer, TLSHandshakeType::clientHello, TLSDissector::parseClientHello);
+        searchHello<ClientHelloInfo>(stream.clientToServerData, TLSHandshakeType::clientHello, TLSDissector::parseClientHello);
     const auto serverHello =
-        searchHello<ServerHelloInfo>(stream, Direction::serverToClient, TLSHandshakeType::serverHello, TLSDissector::parseServerHello);
+        searchHello<ServerHelloInfo>(stream.serverToClientData, TLSHandshakeType::serverHello, TLSDissector::parseServerHello);
     report.clientHello = clientHello.state;
     report.serverHello = serverHello.state;
     if (const auto& hello = serverHello.info) {

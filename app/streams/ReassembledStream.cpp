@@ -57,6 +57,13 @@ public:
 
     void forEachStretch(std::int64_t offset, std::int64_t count, const std::function<void(DataView)>& visit) const override;
 
+    std::optional<ByteRange> hole(std::int64_t offset) const override
+    {
+        const Owner owner = ownerOf(offset);
+        return owner.segment ? std::nullopt : std::optional(ByteRange{owner.begin, owner.end});
+    }
+    std::int64_t holeBytes() const override { return data_.missingBytes; }
+
     ByteLocation locate(ByteRange range) const override
     {
         ByteLocation location;
@@ -80,7 +87,7 @@ private:
     /// Who carried a byte and those after it: a segment, or none when they were lost.
     struct Owner {
         const SegmentRecord* segment = nullptr;
-        std::int64_t begin = 0;  ///< offset at which the segment's payload begins
+        std::int64_t begin = 0;  ///< offset at which the segment's payload, or the hole, begins
         std::int64_t end = 0;    ///< offset up to which the bytes are its own
         std::size_t run = 0;     ///< of the segment, and its position in the list
         std::uint32_t position = 0;
@@ -135,7 +142,8 @@ ReassembledDirection::Owner ReassembledDirection::ownerOf(std::int64_t offset) c
         const auto after = std::ranges::upper_bound(runs, offset, {}, &SegmentRun::offset);
         if (after == runs.begin()) return {.end = runs.empty() ? data_.size : runs.front().offset};
         index = static_cast<std::size_t>(after - runs.begin()) - 1;
-        if (runs[index].end() <= offset) return {.end = after == runs.end() ? data_.size : after->offset};
+        if (const std::int64_t begin = runs[index].end(); begin <= offset)
+            return {.begin = begin, .end = after == runs.end() ? data_.size : after->offset};
     }
     const SegmentRun& run = runs[index];
 

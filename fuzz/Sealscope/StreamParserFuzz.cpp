@@ -5,6 +5,7 @@
 #include "Sealscope/TLSStreamParser.h"
 #include "fuzz/Require.h"
 #include "harness/VectorStream.h"
+#include "tests/Sealscope/EntriesTwin.h"
 
 #include <algorithm>
 
@@ -12,12 +13,6 @@ using namespace sealscope;
 using Direction = TCPSegment::Direction;
 
 namespace {
-
-bool isSame(const StreamMessage& a, const StreamMessage& b)
-{
-    return a.direction == b.direction && a.kind == b.kind && a.summary == b.summary && a.detail == b.detail && a.byteRange == b.byteRange &&
-           a.packetIds == b.packetIds && a.timestamp == b.timestamp && a.isDecrypted == b.isDecrypted;
-}
 
 /// The handshake messages of a direction, found the plain way: the bodies of a run laid end to end, then cut.
 std::vector<std::uint8_t> plainHandshakeTypes(const Data& bytes)
@@ -69,9 +64,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     checkEntries(TLSStreamParser::entries(Direction::clientToServer, stream), client);
     checkEntries(TLSStreamParser::entries(Direction::serverToClient, stream), server);
 
+    // Every row of zeros as a hole.
+    auto parts = streamPieces({{Direction::clientToServer, client, {}}, {Direction::serverToClient, server, {}}}, options);
+    parts = withZerosLost(parts, 1 + input.u8(2) % 8);
+    const TCPStream plain = vectorStream(parts), holes = vectorStream(parts, true);
+    for (const Direction direction : {Direction::clientToServer, Direction::serverToClient})
+        require(std::ranges::equal(TLSStreamParser::entries(direction, holes), twin::entries(direction, plain, holes.data(direction)),
+                                   twin::isSameEntry),
+                "a hole shows what its zeros show, but for messages that nobody sent");
+
     const StreamInterpretation whole = TLSStreamParser::interpretation(stream);
     const StreamInterpretation pieces = TLSStreamParser::interpretation(scattered);
-    require(std::ranges::equal(whole.messages, pieces.messages, isSame), "it does not matter where the bytes lie");
+    require(std::ranges::equal(whole.messages, pieces.messages, twin::isSame), "it does not matter where the bytes lie");
     require(whole.pairings == pieces.pairings, "nor for the pairings");
     require(std::ranges::is_sorted(whole.messages, {}, &StreamMessage::timestamp), "messages are in order of time");
     require(!whole.pairings || !whole.pairings->empty(), "no pairings are none, not an empty list");

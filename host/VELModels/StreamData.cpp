@@ -16,6 +16,8 @@ void StreamByteSource::forEachStretch(std::int64_t offset, std::int64_t count, c
     }
 }
 
+std::optional<ByteRange> StreamByteSource::hole(std::int64_t) const { return std::nullopt; }
+
 void StreamData::findStretches(std::int64_t from, std::int64_t count, std::vector<DataView>& stretches) const
 {
     from = std::clamp<std::int64_t>(from, 0, size_);

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <vector>
 
@@ -21,6 +22,13 @@ public:
     /// Calls `visit` with one stretch after another until `count` bytes from `offset` on, all inside the direction's data, are
     /// through. A source that knows where its bytes lie does better than to look for each stretch anew.
     virtual void forEachStretch(std::int64_t offset, std::int64_t count, const std::function<void(DataView)>& visit) const;
+
+    /// The hole that an offset inside the direction's data lies in: bytes that no packet of the capture carried, which read as
+    /// zeros. It reaches as far as it can in both directions. Nothing where there are bytes; bytes that were never captured as
+    /// packets have no holes.
+    virtual std::optional<ByteRange> hole(std::int64_t offset) const;
+    /// The length of all holes together.
+    virtual std::int64_t holeBytes() const { return 0; }
 };
 
 /// One direction's reassembled bytes, in sequence order. They stay where the capture has them, packet by packet, and
@@ -42,6 +50,15 @@ public:
         if (offset < 0 || offset >= size_) return {};
         return source_ ? source_->stretch(offset) : whole_.view().from(offset);
     }
+    /// The hole that an offset lies in, see `StreamByteSource`; nothing outside the data, and for bytes in one place. A hole may be
+    /// longer than any memory: step over it rather than read it.
+    std::optional<ByteRange> hole(std::int64_t offset) const
+    {
+        if (!source_ || offset < 0 || offset >= size_) return std::nullopt;
+        return source_->hole(offset);
+    }
+    /// The length of all holes together.
+    std::int64_t holeBytes() const { return source_ ? source_->holeBytes() : 0; }
     /// `count` bytes from `offset`, cut to the data: shared where they lie in one place, else gathered into new memory.
     Data slice(std::int64_t from, std::int64_t count) const;
     /// The same without the cost of sharing: a view of the bytes where they lie, or of `scratch`, into which they were gathered.
@@ -65,6 +82,7 @@ private:
 class StreamReader {
 public:
     explicit StreamReader(const StreamData& data) : data_(&data) {}
+    const StreamData& data() const { return *data_; }
     std::int64_t size() const { return data_->size(); }
     std::uint8_t u8(std::int64_t offset)
     {
@@ -77,6 +95,13 @@ public:
         if (offset < 0 || offset + 2 > size()) return 0;
         const std::uint16_t high = u8(offset);
         return static_cast<std::uint16_t>(high << 8 | u8(offset + 1));
+    }
+    /// Three single bytes, most significant first; each counts as 0 where it is missing.
+    std::int64_t u24(std::int64_t offset)
+    {
+        if (const std::int64_t inside = offset - start_; inside >= 0 && inside + 3 <= stretch_.size()) return stretch_.u24(inside);
+        const std::int64_t high = u8(offset), middle = u8(offset + 1);
+        return high << 16 | middle << 8 | u8(offset + 2);
     }
 
 private:

@@ -4,6 +4,7 @@
 #include "Sealscope/TLSDissector.h"
 #include "Sealscope/TLSWalk.h"
 #include "harness/VectorStream.h"
+#include "tests/Sealscope/EntriesTwin.h"
 #include "tests/Sealscope/TLSBytes.h"
 #include "tests/Sealscope/TLSPrinters.h"
 
@@ -81,7 +82,7 @@ TEST(TLSRecord, CutsBytesIntoRecords)
     for (const auto& [name, payload, expected] : cases) {
         EXPECT_EQ(TLSDissector::parseRecords(payload), expected) << name;
         for (const std::int64_t segmentSize : {1, 3, 7, 1448})
-            EXPECT_EQ(TLSDissector::parseRecords(scattered(payload, segmentSize)), expected) << name << ", packets of " << segmentSize;
+            EXPECT_EQ(twin::records(scattered(payload, segmentSize)), expected) << name << ", packets of " << segmentSize;
     }
 }
 
@@ -112,6 +113,37 @@ TEST(TLSRecord, AWalkEndsWhereItsVisitorSaysSoAndMayBeginAnywhere)
     forEachRecord(payload.view(), visitTwo, 30);
     forEachRecord(scattered(payload, 4), visitTwo, 45);
     EXPECT_EQ(offsets, (std::vector<std::int64_t>{0, 15, 30, 45, 45, 60}));
+}
+
+TEST(TLSRecord, AHoleIsSteppedOverAtOnce)
+{
+    struct Case {
+        const char* name;
+        std::int64_t lost;
+        std::vector<std::pair<TLSRecord, std::int64_t>> expected;  ///< with how many such records there are in a row
+    };
+    const auto emptyAt = [](std::int64_t offset) { return TLSRecord{0, 0, 0, 0, offset, offset + 5, false}; };
+    const TLSRecord first{21, 3, 3, 2, 0, 5, false};
+    const Case cases[] = {
+        {"too short for a header", 4, {{first, 1}, {{0, 0, 0, 0, 7, 12, false}, 1}, {{1, 2, 3, 0x0405, 12, 17, true}, 1}}},
+        {"one header", 5, {{first, 1}, {emptyAt(7), 1}, {{4, 1, 2, 0x0304, 12, 17, true}, 1}}},
+        {"and a part of the next", 13, {{first, 1}, {emptyAt(7), 2}, {{0, 0, 0, 0x0401, 17, 22, true}, 1}}},
+        {"longer than any memory",
+         5'000'000'000'000'000,
+         {{first, 1}, {emptyAt(7), 1'000'000'000'000'000}, {{4, 1, 2, 0x0304, 5'000'000'000'000'007, 5'000'000'000'000'012, true}, 1}}},
+    };
+    for (const auto& [name, lost, expected] : cases) {
+        const bool isShort = lost == 4;
+        const Data after = isShort ? hex("00 01 02 03 04 05 06") : hex("04 01 02 03 04 05");
+        const TCPStream stream =
+            vectorStream(std::vector<StreamPiece>{{.bytes = hex("15 03 03 00 02  02 28"), .lostBytes = lost}, {.bytes = after}}, true);
+        std::vector<std::pair<TLSRecord, std::int64_t>> visited;
+        forEachRecord(stream.clientToServerData, [&](const TLSRecord& record, std::int64_t count) {
+            visited.emplace_back(record, count);
+            return true;
+        });
+        EXPECT_EQ(visited, expected) << name;
+    }
 }
 
 }  // namespace
