@@ -3,6 +3,7 @@
 
 #include "Sealscope/TLSCertificate.h"
 #include "Sealscope/TLSHandshake.h"
+#include "Sealscope/TLSNames.h"
 #include "Sealscope/TLSRecord.h"
 #include "host/VELDependencies/VELNodeProtocol.h"
 #include "platform/Bundle.h"
@@ -30,7 +31,6 @@ public:
     /// All record headers in order. After the first, every five bytes are taken as a header whatever they hold; a
     /// truncated record is the last.
     static std::vector<TLSRecord> parseRecords(DataView bytes);
-    static std::vector<TLSRecord> parseRecords(const StreamData& bytes);
     static std::vector<TLSRecord> parseRecords(const Data& bytes) { return parseRecords(bytes.view()); }
 
     /// The messages of one record body; a truncated message is the last.
@@ -54,8 +54,19 @@ public:
     /// Nothing when the bytes are no X.509 certificate. Verifies nothing.
     static std::optional<CertSummary> certSummary(DataView der);
 
-    /// The tree of one payload: an array of one root node. Labels come from the bundle's table "LocalizableTLS".
-    static VELNodeList nodes(DataView payload, const Bundle& bundle);
+    /// Adds the tree of a complete Certificate message to the node of its handshake message. `bodyOffset` is the body's in the
+    /// caller's coordinates.
+    static void addCertificateNodes(VELNodeProtocol& handshakeNode, DataView body, std::int64_t bodyOffset, const Bundle& bundle);
+
+    // The names of code points, see TLSNames.h.
+    static std::string versionName(std::uint16_t version) { return sealscope::versionName(version); }
+    static std::string cipherSuiteName(std::uint16_t suite) { return sealscope::cipherSuiteName(suite); }
+    static std::string_view handshakeTypeName(TLSHandshakeType type) { return sealscope::handshakeTypeName(type); }
+    static std::string extensionName(std::uint16_t codePoint, const Bundle& bundle) { return sealscope::extensionName(codePoint, bundle); }
+
+    /// The tree of one payload: an array of one root node. Labels come from the bundle's table "LocalizableTLS". Much of it is made
+    /// when somebody goes through it: the tree shares the payload, and the bundle outlives it.
+    static VELNodeList nodes(const Data& payload, const Bundle& bundle);
 };
 
 }  // namespace sealscope

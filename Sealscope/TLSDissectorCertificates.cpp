@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Sealscope/TLSDissector.h"
+#include "Sealscope/TLSNodeBuilding.h"
 #include "Sealscope/TLSWalk.h"
 #include "platform/Certificate.h"
 
 #include <fmt/compile.h>
+#include <utility>
 
 namespace sealscope {
 
@@ -43,6 +45,24 @@ std::optional<std::string> issuerCommonName(const Certificate& certificate)
     return std::nullopt;
 }
 
+void addSummary(VELNodeProtocol& node, DataView der, const Bundle& bundle)
+{
+    auto summary = TLSDissector::certSummary(der);
+    if (!summary) return;
+    const auto addField = [&](std::string_view label, std::string value) {
+        nodes::add(node, VELNode::nodeWithName(nodes::localized(bundle, label), VELValue(std::move(value))), {0, der.size()});
+    };
+    const auto addPresent = [&](std::string_view label, std::optional<std::string>& value) {
+        if (value) addField(label, *std::move(value));
+    };
+    addPresent("Subject", summary->subjectCN);
+    addPresent("Issuer", summary->issuerCN);
+    addPresent("Not Before", summary->notBefore);
+    addPresent("Not After", summary->notAfter);
+    addPresent("Serial", summary->serial);
+    if (!summary->sans.empty()) addField("Subject Alt Names", nodes::joined(summary->sans));
+}
+
 }  // namespace
 
 std::vector<TLSCertEntry> TLSDissector::parseCertificates(DataView body, std::int64_t baseOffset)
@@ -65,6 +85,18 @@ std::optional<CertSummary> TLSDissector::certSummary(DataView der)
                        .notAfter = certificate->notAfter().transform(iso8601),
                        .serial = colonSeparated(certificate->serialNumber()),
                        .sans = certificate->alternativeNames()};
+}
+
+void TLSDissector::addCertificateNodes(VELNodeProtocol& handshakeNode, DataView body, std::int64_t bodyOffset, const Bundle& bundle)
+{
+    const std::vector<TLSCertEntry> entries = parseCertificates(body, bodyOffset);
+    auto list = VELNode::nodeWithName(nodes::localized(bundle, "Certificates"), VELValue(std::to_string(entries.size())));
+    VELNodeProtocol& node = nodes::add(handshakeNode, std::move(list), {TLSHandshakeMessage::headerLength, body.size()});
+    std::int64_t number = 0;
+    for (const TLSCertEntry& entry : entries) {
+        auto certificate = VELNode::nodeWithName(nodes::localized(bundle, "Certificate %u", ++number));
+        addSummary(nodes::add(node, std::move(certificate), {entry.offsetInSegment - bodyOffset, entry.length}), entry.der, bundle);
+    }
 }
 
 }  // namespace sealscope

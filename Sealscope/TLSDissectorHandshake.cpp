@@ -46,15 +46,16 @@ std::optional<std::int64_t> localOffset(DataView body, std::int64_t extensionBod
     return body.holds(local, count) ? std::optional(local) : std::nullopt;
 }
 
-/// The host name of a server_name extension, not yet known to be text (RFC 6066 §3). The first entry of the list is read,
-/// and the body alone bounds it: a wrong list length hides no name.
-std::optional<DataView> hostNameBytes(DataView body, std::int64_t extensionBodyOffset, std::int64_t baseOffset)
+/// The host name of a server_name extension (RFC 6066 §3), as a view of the body's bytes. The first entry of the list is read, and
+/// the body alone bounds it: a wrong list length hides no name.
+std::optional<std::string_view> hostName(DataView body, std::int64_t extensionBodyOffset, std::int64_t baseOffset)
 {
     const auto local = localOffset(body, extensionBodyOffset, baseOffset, 5);
     if (!local || body[*local + 2] != 0) return std::nullopt;
     const std::int64_t length = body.u16(*local + 3);
     if (!body.holds(*local + 5, length)) return std::nullopt;
-    return body.sub(*local + 5, length);
+    const DataView name = body.sub(*local + 5, length);
+    return utf8::isWellFormed(name) ? std::optional(name.text()) : std::nullopt;
 }
 
 /// The two-byte values that lie wholly between two offsets of the body.
@@ -99,9 +100,7 @@ std::optional<ClientHelloInfo> TLSDissector::parseClientHello(DataView body, std
                           .compressionLength = layout->compressionLength,
                           .extensionsOffset = layout->extensionsOffset,
                           .bodyBaseOffset = baseOffset};
-    if (const auto* extension = firstOf(TLSExtensionType::serverName, hello.extensions)) {
-        hello.serverName = parseServerName(body, extension->bodyOffset, baseOffset);
-    }
+    if (const auto name = clientHelloServerName(body)) hello.serverName = *name;
     if (const auto* extension = firstOf(TLSExtensionType::alpn, hello.extensions)) {
         hello.alpnProtocols = parseALPN(body, extension->bodyOffset, baseOffset);
     }
@@ -117,14 +116,13 @@ std::optional<std::string_view> TLSDissector::clientHelloServerName(DataView bod
 {
     const auto layout = layoutOfClientHello(body);
     if (!layout) return std::nullopt;
-    std::optional<DataView> name;
+    std::optional<std::string_view> name;
     forEachExtension(body.from(layout->extensionsOffset), layout->extensionsOffset, [&](const TLSExtension& extension) {
         if (extension.extType != std::to_underlying(TLSExtensionType::serverName)) return true;
-        name = hostNameBytes(body, extension.bodyOffset, 0);
+        name = hostName(body, extension.bodyOffset, 0);
         return false;
     });
-    if (!name || !utf8::isWellFormed(*name)) return std::nullopt;
-    return name->text();
+    return name;
 }
 
 std::optional<ServerHelloInfo> TLSDissector::parseServerHello(DataView body, std::int64_t baseOffset)
@@ -159,8 +157,7 @@ std::vector<TLSExtension> TLSDissector::parseExtensions(DataView bytes, std::int
 
 std::optional<std::string> TLSDissector::parseServerName(DataView body, std::int64_t extensionBodyOffset, std::int64_t baseOffset)
 {
-    const auto name = hostNameBytes(body, extensionBodyOffset, baseOffset);
-    return name ? utf8::decoded(*name) : std::nullopt;
+    return hostName(body, extensionBodyOffset, baseOffset).transform([](std::string_view name) { return std::string(name); });
 }
 
 std::vector<std::string> TLSDissector::parseALPN(DataView body, std::int64_t extensionBodyOffset, std::int64_t baseOffset)

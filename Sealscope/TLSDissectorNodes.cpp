@@ -2,61 +2,67 @@
 // The tree of a payload's fields. A node's range counts from its parent's, so that each builder below knows its own node
 // alone: a record's fields lie at 0, 1 and 3 wherever the record is.
 #include "Sealscope/TLSDissector.h"
-#include "Sealscope/TLSNames.h"
+#include "Sealscope/TLSNodeBuilding.h"
 #include "Sealscope/TLSWalk.h"
-#include "host/VELModels/VELNode.h"
-#include "platform/LocalizedFormat.h"
 
+#include <algorithm>
+#include <array>
 #include <fmt/compile.h>
-#include <fmt/ranges.h>
+#include <memory>
+#include <utility>
 
 namespace sealscope {
 
 namespace {
 
-std::uint16_t clamped(std::int64_t number) { return static_cast<std::uint16_t>(std::clamp<std::int64_t>(number, 0, 65535)); }
+using nodes::add;
+using nodes::joined;
+using nodes::Range;
+using nodes::setRange;
 
-std::string joined(const std::vector<std::string>& texts) { return fmt::format("{}", fmt::join(texts, ", ")); }
-
-/// Bytes of a node: where they begin within the parent's, and how many there are.
-struct Range {
-    std::int64_t location = 0;
-    std::int64_t length = 0;
-};
-
-class TreeBuilder {
+/// Lives as long as the nodes that make their children.
+class TreeBuilder : public std::enable_shared_from_this<TreeBuilder> {
 public:
-    TreeBuilder(DataView payload, const Bundle& bundle) : payload_(payload), bundle_(bundle) {}
+    TreeBuilder(const Data& payload, const Bundle& bundle) : bytes_(payload), payload_(bytes_), bundle_(bundle) {}
 
     VELNodeList tree() const
     {
-        const auto root = VELNode::nodeWithName(localized("TLS"));
-        root->setHeaderLocations(0);
-        root->setHeaderLengths(clamped(payload_.size()));
-        forEachRecord(payload_, [&](const TLSRecord& record) {
-            addRecord(*root, record);
-            return true;
-        });
-        if (root->children().empty()) addNote(*root, "No TLS records");
+        const bool hasRecords = payload_.size() >= TLSRecord::headerLength;
+        const auto root = hasRecords ? VELNode::nodeWithName(localized("TLS"), records()) : VELNode::nodeWithName(localized("TLS"));
+        setRange(*root, {0, payload_.size()});
+        if (!hasRecords) addNote(*root, "No TLS records");
         return {root};
     }
 
 private:
-    std::string localized(std::string_view text) const { return std::string(bundle_.localizedString(text, localizationTable)); }
-
-    std::string localized(std::string_view format, std::int64_t argument) const
+    VELNode::ChildMaker records() const
     {
-        return fillLocalizedFormat(bundle_.localizedString(format, localizationTable), format, {static_cast<std::uint64_t>(argument)});
+        return [builder = shared_from_this()](const VELNodeVisitor& visit) {
+            forEachRecord(builder->payload_, [&](const TLSRecord& record) { return visit(builder->recordNode(record)); });
+        };
     }
 
-    VELNodeProtocol& add(VELNodeProtocol& parent, std::shared_ptr<VELNodeProtocol> child, Range range) const
+    VELNode::ChildMaker extensions(ClientHelloInfo hello) const
     {
-        VELNodeProtocol& node = *child;
-        node.setHeaderLocations(clamped(range.location));
-        node.setHeaderLengths(clamped(range.length));
-        parent.addChild(std::move(child));
-        return node;
+        return [builder = shared_from_this(), hello = std::move(hello)](const VELNodeVisitor& visit) {
+            // Each extension of a type shows the same text, however long: a node that nobody kept is handed over again.
+            std::array<std::shared_ptr<VELNodeProtocol>, 3> latest;
+            constexpr std::array shown{TLSExtensionType::serverName, TLSExtensionType::alpn, TLSExtensionType::supportedVersions};
+            for (const TLSExtension& extension : hello.extensions) {
+                const auto at = std::ranges::find(shown, static_cast<TLSExtensionType>(extension.extType));
+                std::shared_ptr<VELNodeProtocol> once;
+                auto& node = at == shown.end() ? once : latest[static_cast<std::size_t>(at - shown.begin())];
+                if (!node || node.use_count() > 1)
+                    node = VELNode::nodeWithName(extensionName(extension.extType, builder->bundle_), extensionText(hello, extension));
+                const std::int64_t headerOffset = extension.bodyOffset - hello.bodyBaseOffset - 4;
+                setRange(*node, {headerOffset - hello.extensionsOffset, extension.length + 4});
+                if (!visit(node)) return;
+            }
+        };
     }
+
+    std::string localized(std::string_view text) const { return nodes::localized(bundle_, text); }
+    std::string localized(std::string_view format, std::int64_t argument) const { return nodes::localized(bundle_, format, argument); }
 
     /// A node with a value under a name that stands for itself.
     VELNodeProtocol& addNamed(VELNodeProtocol& parent, std::string name, std::string value, Range range) const
@@ -78,10 +84,17 @@ private:
     /// A label that stands for no bytes.
     void addNote(VELNodeProtocol& parent, std::string_view label) const { parent.addChild(VELNode::nodeWithName(localized(label))); }
 
-    void addRecord(VELNodeProtocol& root, const TLSRecord& record) const
+    std::shared_ptr<VELNodeProtocol> recordNode(const TLSRecord& record) const
     {
         const std::int64_t length = record.isTruncated ? payload_.size() - record.recordOffset : record.endOffset() - record.recordOffset;
-        VELNodeProtocol& node = addHeading(root, localized("TLS Record"), {record.recordOffset, length});
+        auto node = VELNode::nodeWithName(localized("TLS Record"));
+        setRange(*node, {record.recordOffset, length});
+        addRecordFields(*node, record);
+        return node;
+    }
+
+    void addRecordFields(VELNodeProtocol& node, const TLSRecord& record) const
+    {
         const auto type = contentTypeOf(record.contentType);
         const std::string typeName = type ? std::string(contentTypeName(*type)) : unknownCodePointName(record.contentType, bundle_);
         addField(node, "Content Type", fmt::format(FMT_COMPILE("{} (0x{:02X})"), typeName, record.contentType), {0, 1});
@@ -149,14 +162,14 @@ private:
         case TLSHandshakeType::finished: return addNote(node, "Encrypted (TLS 1.3 — keys required, Phase B)");
         case TLSHandshakeType::clientHello: return addClientHello(node, body, message.bodyOffset);
         case TLSHandshakeType::serverHello: return addServerHello(node, body, message.bodyOffset);
-        case TLSHandshakeType::certificate: return addCertificates(node, body);
+        case TLSHandshakeType::certificate: return TLSDissector::addCertificateNodes(node, body, message.bodyOffset, bundle_);
         default: return;
         }
     }
 
     void addClientHello(VELNodeProtocol& node, DataView body, std::int64_t bodyOffset) const
     {
-        const auto hello = TLSDissector::parseClientHello(body, bodyOffset);
+        auto hello = TLSDissector::parseClientHello(body, bodyOffset);
         if (!hello) return;
         // The node begins with the message's header, the hello's offsets with its body.
         constexpr std::int64_t start = TLSHandshakeMessage::headerLength;
@@ -174,13 +187,8 @@ private:
             addField(node, "Compression", {}, {hello->compressionOffset + start, hello->compressionLength});
         }
         if (hello->extensions.empty()) return;
-        VELNodeProtocol& extensions =
-            addHeading(node, localized("Extensions"), {hello->extensionsOffset + start, body.size() - hello->extensionsOffset});
-        for (const TLSExtension& extension : hello->extensions) {
-            const std::int64_t headerOffset = extension.bodyOffset - hello->bodyBaseOffset - 4;
-            addNamed(extensions, extensionName(extension.extType, bundle_), extensionText(*hello, extension),
-                     {headerOffset - hello->extensionsOffset, extension.length + 4});
-        }
+        const Range range{hello->extensionsOffset + start, body.size() - hello->extensionsOffset};
+        add(node, VELNode::nodeWithName(localized("Extensions"), extensions(*std::move(hello))), range);
     }
 
     static std::string extensionText(const ClientHelloInfo& hello, const TLSExtension& extension)
@@ -212,43 +220,16 @@ private:
         }
     }
 
-    void addCertificates(VELNodeProtocol& parent, DataView body) const
-    {
-        std::vector<Range> entries;
-        forEachCertificate(body, 0, [&](DataView der, std::int64_t offset) {
-            entries.push_back({offset, der.size()});
-            return true;
-        });
-        VELNodeProtocol& node =
-            addField(parent, "Certificates", std::to_string(entries.size()), {TLSHandshakeMessage::headerLength, body.size()});
-        std::int64_t number = 0;
-        for (const Range& entry : entries) {
-            VELNodeProtocol& certificate = addHeading(node, localized("Certificate %u", ++number), entry);
-            addCertificateSummary(certificate, body.sub(entry.location, entry.length));
-        }
-    }
-
-    void addCertificateSummary(VELNodeProtocol& node, DataView der) const
-    {
-        auto summary = TLSDissector::certSummary(der);
-        if (!summary) return;
-        const auto addPresent = [&](std::string_view label, std::optional<std::string>& value) {
-            if (value) addField(node, label, *std::move(value), {0, der.size()});
-        };
-        addPresent("Subject", summary->subjectCN);
-        addPresent("Issuer", summary->issuerCN);
-        addPresent("Not Before", summary->notBefore);
-        addPresent("Not After", summary->notAfter);
-        addPresent("Serial", summary->serial);
-        if (!summary->sans.empty()) addField(node, "Subject Alt Names", joined(summary->sans), {0, der.size()});
-    }
-
-    DataView payload_;
+    Data bytes_;
+    DataView payload_;  ///< bytes_
     const Bundle& bundle_;
 };
 
 }  // namespace
 
-VELNodeList TLSDissector::nodes(DataView payload, const Bundle& bundle) { return TreeBuilder(payload, bundle).tree(); }
+VELNodeList TLSDissector::nodes(const Data& payload, const Bundle& bundle)
+{
+    return std::make_shared<const TreeBuilder>(payload, bundle)->tree();
+}
 
 }  // namespace sealscope

@@ -3,8 +3,8 @@
 
 #include "Sealscope/TLSNames.h"
 #include "Sealscope/TLSWalk.h"
-
 #include "host/VELDependencies/VELPlugInBundle.h"
+
 #include <algorithm>
 #include <charconv>
 #include <utility>
@@ -128,7 +128,7 @@ const VELAnalyzerClass& TLSProtocolAnalyzer::analyzerClass()
 
 std::optional<std::string> TLSProtocolAnalyzer::protocolInfo(DataView data) const { return summaryLine(data); }
 
-VELNodeList TLSProtocolAnalyzer::protocolNodes(DataView data) const { return TLSDissector::nodes(data, plugInBundle()); }
+VELNodeList TLSProtocolAnalyzer::protocolNodes(DataView data) const { return TLSDissector::nodes(Data(data), plugInBundle()); }
 
 std::optional<VELValue> TLSProtocolAnalyzer::value(std::string_view key, DataView data) const
 {

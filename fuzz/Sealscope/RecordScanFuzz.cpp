@@ -4,6 +4,7 @@
 #include "Sealscope/TLSProtocolAnalyzer.h"
 #include "fuzz/Require.h"
 #include "platform/UTF8.h"
+#include "tests/Sealscope/EntriesTwin.h"
 
 using namespace sealscope;
 
@@ -32,7 +33,7 @@ void checkRecords(DataView payload)
     }
     require(end + TLSRecord::headerLength > payload.size(), "the scan goes on while headers fit");
     const StreamData cut(std::make_shared<CutSource>(payload), payload.size());
-    require(TLSDissector::parseRecords(cut) == records, "a stream has the records of its bytes");
+    require(twin::records(cut) == records, "a stream has the records of its bytes");
     require(TLSDissector::looksLikeTLS(cut) == TLSDissector::looksLikeTLS(payload), "a stream starts as its bytes do");
 }
 
@@ -45,7 +46,10 @@ std::int64_t checkNode(const VELNodeProtocol& node, int depth)
     require(node.headerLocations().has_value() == node.headerLengths().has_value(), "a range is whole or missing");
     if (node.value()) require(utf8::isWellFormed(DataView(std::get<std::string>(*node.value()))), "a value is text");
     std::int64_t nodes = 1;
-    for (const auto& child : node.children()) nodes += checkNode(*child, depth + 1);
+    node.forEachChild([&](const auto& child) {
+        nodes += checkNode(*child, depth + 1);
+        return true;
+    });
     return nodes;
 }
 
@@ -62,7 +66,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     checkRecords(payload);
 
     static const Bundle noBundle("");
-    const VELNodeList tree = TLSDissector::nodes(payload, noBundle);
+    const VELNodeList tree = TLSDissector::nodes(Data(payload), noBundle);
     require(tree.size() == 1, "a tree has one root");
     // A record of five bytes makes up to seven nodes, a suite of two bytes one. Names in certificates cost bytes, too.
     require(checkNode(*tree.front(), 1) <= 2 + 2 * payload.size(), "a tree grows with its payload");

@@ -3,12 +3,17 @@
 
 #include "host/VELDependencies/VELValue.h"
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string>
 
 namespace sealscope SEALSCOPE_API {
+
+class VELNodeProtocol;
+/// Takes a child and says whether to go on.
+using VELNodeVisitor = std::function<bool(const std::shared_ptr<VELNodeProtocol>&)>;
 
 /// One field of a dissected packet. Its byte range counts from the start of the parent's range; the root's range
 /// counts from the start of the payload. What was never set is absent.
@@ -27,6 +32,15 @@ public:
     /// Appends a child; children are shown in the order added.
     virtual void addChild(std::shared_ptr<VELNodeProtocol> child) = 0;
     virtual std::span<const std::shared_ptr<VELNodeProtocol>> children() const = 0;
+    virtual bool hasChildren() const { return !children().empty(); }
+    /// Hands the children over one by one, in order, until `visit` gives false; says whether it never did. A child that is made for
+    /// this call goes when `visit` lets go of it: whoever prints a tree holds one path of it instead of all.
+    virtual bool forEachChild(const VELNodeVisitor& visit) const
+    {
+        for (const auto& child : children())
+            if (!visit(child)) return false;
+        return true;
+    }
 };
 
 using VELNodeList = std::vector<std::shared_ptr<VELNodeProtocol>>;

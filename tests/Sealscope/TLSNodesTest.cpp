@@ -5,9 +5,11 @@
 #include "tests/Sealscope/TLSBytes.h"
 #include "tests/support/TreeText.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <set>
 #include <sstream>
 
 namespace sealscope {
@@ -287,6 +289,55 @@ TEST(TLSNodes, LabelsAndFormatsAreTranslatedAndNamesAreNot)
     const Data hello = wire::record(22, wire::message(1, wire::clientHello(wire::helloStart(), {}, {wire::extension(23, {})})));
     EXPECT_TRUE(tree(hello, bundle).contains("Extension (0x0017): ")) << "a broken translation gives way to the original";
     unsetenv("LC_ALL");
+}
+
+/// Every node's children, kept from here on.
+std::int64_t keptNodes(const VELNodeProtocol& node)
+{
+    std::int64_t count = 1;
+    for (const auto& child : node.children()) count += keptNodes(*child);
+    return count;
+}
+
+const Bundle noBundle("");
+
+TEST(TLSNodes, AreTheSameWhetherTheyAreMadeOrKept)
+{
+    const Data alpn = wire::alpnExtension({Data::fromText("h2"), Data::fromText("h3")});
+    const Data hello =
+        wire::clientHello(wire::helloStart(), {0x1301}, {alpn, wire::extension(16, {}), wire::serverNameExtension("a.b"), alpn});
+    const VELNodeList nodes = TLSDissector::nodes(joined({wire::record(22, wire::message(1, hello)), wire::record(20, {1})}), noBundle);
+    const std::string made = treeText(nodes);
+    EXPECT_EQ(treeText(nodes), made) << "once more";
+    EXPECT_EQ(keptNodes(*nodes.front()), std::ranges::count(made, '\n'));
+    EXPECT_EQ(treeText(nodes), made);
+    EXPECT_FALSE(nodes.front()->forEachChild([](const auto&) { return false; }));
+}
+
+TEST(TLSNodes, AreMadeOneByOne)
+{
+    // All of them at once would take gigabytes.
+    const Data protocols = wire::alpnExtension(std::vector<Data>(10'000, Data::fromText("a")));
+    const std::vector<Data> empty(8'000, wire::extension(16, {}));
+    const Data hello = wire::clientHello(wire::helloStart(), {0x1301}, {protocols, joined(empty)});
+    const VELNodeList nodes = TLSDissector::nodes(wire::record(22, wire::message(1, hello)), noBundle);
+    const VELNodeProtocol* node = nodes.front().get();
+    for (const char* name : {"TLS Record", "Client Hello", "Extensions"}) {
+        const auto found = std::ranges::find(node->children(), name, [](const auto& child) { return child->name(); });
+        ASSERT_NE(found, node->children().end()) << name;
+        node = found->get();
+    }
+    std::int64_t count = 0, bytes = 0;
+    std::set<const VELNodeProtocol*> different;
+    node->forEachChild([&](const auto& child) {
+        ++count;
+        bytes += std::ssize(std::get<std::string>(*child->value()));
+        different.insert(child.get());
+        return true;
+    });
+    EXPECT_EQ(count, 8'001);
+    EXPECT_EQ(bytes, 8'001 * (3 * 10'000 - 2));
+    EXPECT_EQ(different.size(), 1u);
 }
 
 }  // namespace

@@ -14,7 +14,10 @@ std::string treeText(const VELNodeList& nodes, int depth)
         if (node->headerLocations()) text += fmt::format(" @{}", *node->headerLocations());
         if (node->headerLengths()) text += fmt::format("+{}", *node->headerLengths());
         text += '\n';
-        text += treeText({node->children().begin(), node->children().end()}, depth + 1);
+        node->forEachChild([&](const auto& child) {
+            text += treeText({child}, depth + 1);
+            return true;
+        });
     }
     return text;
 }

@@ -1,18 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/cli/CaptureReading.h"
+#include "app/cli/Interrupt.h"
+#include "app/cli/Progress.h"
 #include "app/cli/commands/Commands.h"
 #include "app/cli/text/DisplayText.h"
-#include "app/records/EndpointTexts.h"
 #include "app/cli/text/HexDump.h"
-#include "app/cli/Interrupt.h"
-#include "app/records/JSONLineWriter.h"
 #include "app/cli/text/Messages.h"
-#include "app/session/PacketAnalyzers.h"
-#include "app/cli/Progress.h"
 #include "app/cli/text/TimeText.h"
+#include "app/records/EndpointTexts.h"
+#include "app/records/JSONLineWriter.h"
+#include "app/records/Spill.h"
+#include "app/session/PacketAnalyzers.h"
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <functional>
+#include <memory>
+#include <utility>
 
 namespace sealscope::cli {
 
@@ -23,26 +27,45 @@ using Node = VELNodeProtocol;
 // A plug-in's tree is shown as deep as this: a program that is asked for a tree must not end for lack of stack.
 constexpr int deepest = 200;
 
-void writeNode(JSONLineWriter& json, const Node& node, int depth)
-{
-    json.beginObject();
-    json.member("name", node.name());
-    if (const auto& value = node.value()) json.member("value", *value);
-    if (const auto location = node.headerLocations()) json.member("location", *location);
-    if (const auto length = node.headerLengths()) json.member("length", *length);
-    json.key("children");
-    json.beginArray();
-    if (depth < deepest)
-        for (const auto& child : node.children()) writeNode(json, *child, depth + 1);
-    json.endArray();
-    json.endObject();
-}
+/// Says whether somebody still wants the tree.
+using IsWanted = std::function<bool()>;
+
+/// Writes a tree as nested objects.
+class TreeJSON {
+public:
+    TreeJSON(JSONLineWriter& json, const IsWanted& isWanted) : json_(json), isWanted_(isWanted) {}
+
+    void node(const Node& node, int depth)
+    {
+        json_.beginObject();
+        json_.member("name", node.name());
+        if (const auto& value = node.value()) json_.member("value", *value);
+        if (const auto location = node.headerLocations()) json_.member("location", *location);
+        if (const auto length = node.headerLengths()) json_.member("length", *length);
+        json_.key("children");
+        json_.beginArray();
+        if (depth < deepest && node.hasChildren()) {
+            // Captures no more than a function object holds in itself.
+            node.forEachChild([this, depth](const std::shared_ptr<Node>& child) {
+                this->node(*child, depth + 1);
+                return isWanted_();
+            });
+        }
+        json_.endArray();
+        json_.endObject();
+    }
+
+private:
+    JSONLineWriter& json_;
+    const IsWanted& isWanted_;
+};
 
 /// Writes a tree as indented lines behind the place of each field in the payload.
 class TreeText {
 public:
-    TreeText(std::string& text, DataView payload, bool showsBytes, bool hasColors)
-        : text_(text), payload_(payload), showsBytes_(showsBytes), hasColors_(hasColors)
+    TreeText(std::string& text, DataView payload, bool showsBytes, bool hasColors, Spill spill, IsWanted isWanted)
+        : text_(text), payload_(payload), showsBytes_(showsBytes), hasColors_(hasColors), spill_(std::move(spill)),
+          isWanted_(std::move(isWanted))
     {}
 
     void heading() { place(" offset  bytes", "  field"); }
@@ -55,7 +78,8 @@ public:
         const std::int64_t start = parentStart + location.value_or(0);
         place(fmt::format("{:>7}  {:>5}", location ? fmt::to_string(start) : "", length ? fmt::to_string(*length) : ""), {});
         text_.append(2 + 2 * static_cast<std::size_t>(depth), ' ');
-        if (node.children().empty())
+        const bool hasChildren = node.hasChildren();
+        if (!hasChildren)
             appendDisplaySafe(text_, node.name());
         else
             styled(Style::strong, displaySafe(node.name()));
@@ -65,11 +89,16 @@ public:
             appendDisplaySafe(text_, shown);
         }
         text_ += '\n';
-        if (showsBytes_ && node.children().empty() && location && length)
+        if (showsBytes_ && !hasChildren && location && length)
             appendHexDump(text_, payload_.sub(start, *length), start,
                           {.bytesIndent = 11 + 2 * static_cast<std::size_t>(depth), .hasColors = hasColors_});
-        if (depth < deepest)
-            for (const auto& child : node.children()) this->node(*child, start, depth + 1);
+        spill_(text_);
+        if (!hasChildren || depth >= deepest) return;
+        const std::pair below(start, depth + 1);
+        node.forEachChild([this, &below](const std::shared_ptr<Node>& child) {
+            this->node(*child, below.first, below.second);
+            return isWanted_();
+        });
     }
 
 private:
@@ -91,6 +120,8 @@ private:
     DataView payload_;
     bool showsBytes_;
     bool hasColors_;
+    Spill spill_;
+    IsWanted isWanted_;
 };
 
 class TreePrinter {
@@ -109,14 +140,25 @@ public:
     }
 
 private:
+    Spill spill() const
+    {
+        return Spill([this](std::string& text) { context_.output.write(text); });
+    }
+    IsWanted isWanted() const
+    {
+        return [this] { return context_.output.isOpen() && !isInterrupted(); };
+    }
+
     void json(const CapturedPacket& packet, const VELNodeList& nodes)
     {
-        JSONLineWriter json(text_);
+        JSONLineWriter json(text_, spill());
         json.beginObject();
         json.member("number", packet.number);
         json.key("nodes");
         json.beginArray();
-        for (const auto& node : nodes) writeNode(json, *node, 0);
+        const IsWanted isWanted = this->isWanted();
+        TreeJSON tree(json, isWanted);
+        for (const auto& node : nodes) tree.node(*node, 0);
         json.endArray();
         json.endObject();
         text_ += '\n';
@@ -138,7 +180,7 @@ private:
         }
         if (hasColors) text_ += resetSequence;
         text_ += '\n';
-        TreeText tree(text_, segment.payload, context_.options.hex, hasColors);
+        TreeText tree(text_, segment.payload, context_.options.hex, hasColors, spill(), isWanted());
         tree.heading();
         for (const auto& node : nodes) tree.node(*node, 0, 0);
     }
