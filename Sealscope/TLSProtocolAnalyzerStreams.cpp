@@ -15,4 +15,10 @@ StreamInterpretation TLSProtocolAnalyzer::interpret(const TCPStream& stream, con
     return TLSStreamParser::interpretation(stream, context);
 }
 
+std::optional<std::vector<Pairing>> TLSProtocolAnalyzer::forEachMessage(const TCPStream& stream, const StreamContext& context,
+                                                                        const StreamMessageVisitor& visit)
+{
+    return TLSStreamParser::forEachMessage(stream, context, visit);
+}
+
 }  // namespace sealscope

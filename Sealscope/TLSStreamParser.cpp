@@ -3,26 +3,19 @@
 
 #include "Sealscope/TLSDecryptionProbe.h"
 #include "Sealscope/TLSDissector.h"
+#include "Sealscope/TLSEntryWalk.h"
+#include "Sealscope/TLSMessageMerge.h"
 #include "Sealscope/TLSNames.h"
 #include "Sealscope/TLSWalk.h"
 
 #include <algorithm>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
+#include <numeric>
 #include <string_view>
 #include <tuple>
 #include <unordered_map>
-
-// A direction is walked record by record, once. Two kinds of records gather into runs: application data, which becomes one
-// item a run, and handshake records, whose bodies are laid end to end so that a message may cross records. Whatever breaks a
-// run flushes it. Take the records H H C H A A X A (handshake, change cipher spec, application data, unknown type):
-//
-//     H H     one handshake run; its complete messages are items, an incomplete last one is not shown
-//     C       breaks it, and is an item itself
-//     H       a new run: its first byte begins a new message, whatever the first run left over
-//     A A X A one run of application data: an unknown type ends a handshake run, but not this one
-//
-// At any time at most one of the two runs holds anything.
+#include <utility>
 
 namespace sealscope {
 
@@ -30,154 +23,6 @@ namespace {
 
 using Direction = TCPSegment::Direction;
 using Entry = TLSStreamParser::Entry;
-
-constexpr std::string_view applicationDataPrefix = "Application Data";
-
-ByteRange bodyRange(const TLSRecord& record) { return {record.bodyOffset, record.endOffset()}; }
-
-/// What the messages of captured records have in common: no body, no file name, not decrypted.
-Entry makeEntry(Direction direction, StreamMessageKind kind, std::pair<std::string, std::vector<DetailRow>> text,
-                std::optional<StreamBodyHint> bodyHint, std::optional<ByteRange> range, ByteLocation location,
-                std::optional<std::uint8_t> handshakeType = {})
-{
-    const double timestamp = location.timestamp.value_or(0);
-    return Entry{.message = {.direction = direction,
-                             .kind = kind,
-                             .summary = std::move(text.first),
-                             .detail = std::move(text.second),
-                             .bodyHint = bodyHint,
-                             .byteRange = range,
-                             .packetIds = std::move(location.packetIds),
-                             .timestamp = timestamp},
-                 .timestamp = timestamp,
-                 .directionOrder = direction == Direction::clientToServer ? 0 : 1,
-                 .firstByteOffset = range ? range->lower : 0,
-                 .handshakeType = handshakeType};
-}
-
-Entry changeCipherSpecEntry(const TLSRecord& record, Direction direction, const TCPStream& stream)
-{
-    const ByteRange range = bodyRange(record);
-    return makeEntry(direction, StreamMessageKind::handshake, {"Change Cipher Spec", {}}, std::nullopt, range,
-                     stream.locate(range, direction));
-}
-
-/// Level and description as they stand in the direction's data: those of a record shorter than two bytes are read from
-/// what follows it, and those of an encrypted alert are the first two bytes of its ciphertext.
-std::pair<std::string, std::vector<DetailRow>> alertText(const TLSRecord& record, StreamReader& bytes)
-{
-    if (bytes.size() < record.bodyOffset + 2) return {"Alert", {}};
-    const char* const level = bytes.u8(record.bodyOffset) == 2 ? "Fatal" : "Warning";
-    const std::string description = fmt::format_int(bytes.u8(record.bodyOffset + 1)).str();
-    return {fmt::format("Alert ({}, {})", level, description), {{"Level", level}, {"Description", description}}};
-}
-
-Entry alertEntry(const TLSRecord& record, StreamReader& bytes, Direction direction, const TCPStream& stream)
-{
-    const ByteRange range = bodyRange(record);
-    return makeEntry(direction, StreamMessageKind::data, alertText(record, bytes), std::nullopt, range, stream.locate(range, direction));
-}
-
-/// A run of application-data records, as much of it as its item shows.
-class ApplicationDataRun {
-public:
-    void add(const TLSRecord& record)
-    {
-        if (records_ == 0) range_.lower = record.bodyOffset;
-        range_.upper = record.endOffset();
-        bytes_ += record.declaredLength;
-        ++records_;
-    }
-
-    /// The run's entry, if it has one; the run is empty afterwards.
-    std::optional<Entry> flush(Direction direction, const TCPStream& stream)
-    {
-        if (records_ == 0) return std::nullopt;
-        const std::string records = fmt::format_int(records_).str();
-        const std::string bytes = fmt::format_int(bytes_).str();
-        Entry entry = makeEntry(direction, StreamMessageKind::data,
-                                {fmt::format("{} ({} records, {} bytes, encrypted)", applicationDataPrefix, records, bytes),
-                                 {{"Records", records}, {"Bytes", bytes}}},
-                                StreamBodyHint::binary(), range_, stream.locate(range_, direction));
-        *this = {};
-        return entry;
-    }
-
-private:
-    ByteRange range_;
-    std::int64_t records_ = 0;
-    std::int64_t bytes_ = 0;
-};
-
-/// An unbroken run of handshake records. Messages leave it as soon as they are complete, so that it never holds more than
-/// one unfinished message, however long the run.
-class HandshakeRun {
-public:
-    HandshakeRun(const StreamData& data, Direction direction, const TCPStream& stream) : data_(data), direction_(direction), stream_(stream)
-    {}
-
-    void add(const TLSRecord& record, std::vector<Entry>& output)
-    {
-        if (record.declaredLength == 0) return;
-        fragments_.push_back({.concatStart = concatEnd_, .streamStart = record.bodyOffset, .length = record.declaredLength});
-        concatEnd_ += record.declaredLength;
-
-        const DataView body = data_.gather(record.bodyOffset, record.declaredLength, gathered_);
-        if (pending_.empty()) {
-            const std::int64_t taken = takeMessages(body, output);
-            pending_.assign(body.begin() + taken, body.end());
-        } else {
-            pending_.insert(pending_.end(), body.begin(), body.end());
-            if (concatEnd_ < wanted_) return;
-            const std::int64_t taken = takeMessages(pending_, output);
-            pending_.erase(pending_.begin(), pending_.begin() + taken);
-        }
-        if (pending_.empty())
-            fragments_.clear();
-        else
-            std::erase_if(fragments_, [&](const auto& fragment) { return fragment.concatStart + fragment.length <= concatStart_; });
-    }
-
-    /// Forgets a message that is not complete.
-    void flush()
-    {
-        pending_.clear();
-        fragments_.clear();
-        concatStart_ = concatEnd_ = wanted_ = 0;
-    }
-
-private:
-    /// Gives out the complete messages at the front of `bytes`, which begin at `concatStart_`; returns how many bytes they took.
-    std::int64_t takeMessages(DataView bytes, std::vector<Entry>& output)
-    {
-        std::int64_t taken = 0;
-        const std::int64_t base = concatStart_;
-        forEachHandshakeMessage(bytes, base, [&](const TLSHandshakeMessage& message) {
-            const ByteRange span{message.bodyOffset - TLSHandshakeMessage::headerLength, message.bodyOffset + message.length};
-            wanted_ = span.upper;
-            if (message.isTruncated) return false;
-            const DataView body = bytes.sub(message.bodyOffset - base, message.length);
-            TLSStreamParser::LocatedSpan located = TLSStreamParser::locateSpan(span, fragments_, direction_, stream_);
-            output.push_back(makeEntry(direction_, StreamMessageKind::handshake,
-                                       TLSStreamParser::handshakeSummary(message.handshakeType, body, message.bodyOffset), std::nullopt,
-                                       located.streamRange, {located.timestamp, std::move(located.packetIds)}, message.handshakeType));
-            taken = span.upper - base;
-            return true;
-        });
-        concatStart_ += taken;
-        return taken;
-    }
-
-    const StreamData& data_;
-    Direction direction_;
-    const TCPStream& stream_;
-    std::vector<TLSStreamParser::HandshakeFragment> fragments_;  ///< those that the unfinished message touches
-    std::vector<std::uint8_t> pending_;                          ///< its bytes so far
-    std::vector<std::uint8_t> gathered_;
-    std::int64_t concatStart_ = 0;  ///< where pending_ begins in the run's reassembled bytes
-    std::int64_t concatEnd_ = 0;
-    std::int64_t wanted_ = 0;  ///< where the unfinished message ends; nothing completes before
-};
 
 bool precedes(const Entry& a, const Entry& b)
 {
@@ -234,49 +79,145 @@ std::vector<DetailRow> certificateRows(DataView body, std::int64_t baseOffset)
     return detail;
 }
 
+/// Whether a message goes before another in the merged list. On a tie the captured one does, and the one that stood before.
+bool isEarlier(const StreamMessage& a, const StreamMessage& b)
+{
+    return std::tie(a.timestamp, a.direction) < std::tie(b.timestamp, b.direction);
+}
+
+/// What a stream carries under encryption: a session has secrets, interpreters and probes of its own.
+std::optional<StreamInterpretation> decryptedPart(const TCPStream& stream, const StreamContext& context)
+{
+    return context.host ? context.host->decryptedInterpretation(stream, context) : TLSDecryptionProbe::decryptedInterpretation(stream);
+}
+
+/// The interpretation of a stream by the items of both directions.
+StreamInterpretation interpretationOf(std::vector<Entry> sorted, const TCPStream& stream, const StreamContext& context)
+{
+    std::ranges::stable_sort(sorted, precedes);
+    auto pairings = TLSStreamParser::handshakePairings(sorted);
+    std::vector<StreamMessage> messages;
+    messages.reserve(sorted.size());
+    for (Entry& entry : sorted) messages.push_back(std::move(entry.message));
+
+    const auto decrypted = decryptedPart(stream, context);
+    if (!decrypted) return {std::move(messages), std::move(pairings)};
+
+    std::vector<StreamMessage> merged;
+    std::ranges::remove_copy_if(messages, std::back_inserter(merged), [](const StreamMessage& message) {
+        return message.summary.starts_with(TLSStreamParser::applicationDataPrefix);
+    });
+    std::ranges::copy(decrypted->messages, std::back_inserter(merged));
+    std::ranges::stable_sort(merged, isEarlier);
+
+    std::vector<Pairing> joined = TLSStreamParser::remapPairings(pairings.value_or(std::vector<Pairing>{}), messages, merged);
+    std::ranges::copy(TLSStreamParser::remapPairings(decrypted->pairings.value_or(std::vector<Pairing>{}), decrypted->messages, merged),
+                      std::back_inserter(joined));
+    return {std::move(merged), joined.empty() ? std::nullopt : std::optional(std::move(joined))};
+}
+
+/// All items of a stream, when they are few.
+std::optional<std::vector<Entry>> fewEntries(const TCPStream& stream)
+{
+    constexpr std::size_t few = 4'096;
+    std::vector<Entry> entries;
+    for (const Direction direction : {Direction::clientToServer, Direction::serverToClient}) {
+        for (TLSEntryWalk walk(direction, stream); walk.next();) {
+            if (entries.size() == few) return std::nullopt;
+            entries.push_back(walk.entry());
+        }
+    }
+    return entries;
+}
+
+/// Finds the first Client Hello and the first Server Hello of messages that go by.
+class HelloPairing {
+public:
+    void take(const TLSEntryWalk& walk, std::int64_t position)
+    {
+        const auto isFirst = [&](TLSHandshakeType type, const std::optional<std::int64_t>& found) {
+            return !found && walk.handshakeType() == std::to_underlying(type);
+        };
+        if (isFirst(TLSHandshakeType::clientHello, request_)) {
+            request_ = position;
+            isNewRequest_ = true;
+        } else if (isFirst(TLSHandshakeType::serverHello, reply_)) {
+            reply_ = position;
+        }
+    }
+    /// Whether the last that was taken is the Client Hello, whose summary is asked for.
+    bool isNewRequest() { return std::exchange(isNewRequest_, false); }
+    void setSummary(std::string summary) { summary_ = std::move(summary); }
+    std::vector<Pairing> pairings() const
+    {
+        if (!request_) return {};
+        return {{*request_, reply_, summary_, reply_ ? PairingStatus::matched : PairingStatus::unmatched}};
+    }
+
+private:
+    std::optional<std::int64_t> request_, reply_;
+    bool isNewRequest_ = false;
+    std::string summary_;
+};
+
+/// What `interpretationOf` makes of a stream, message by message.
+std::optional<std::vector<Pairing>> mergedMessages(const TCPStream& stream, const StreamContext& context, const StreamMessageVisitor& visit)
+{
+    auto decrypted = decryptedPart(stream, context);
+    const bool isDecrypted = decrypted.has_value();
+    auto [messages, pairings] = std::move(decrypted).value_or(StreamInterpretation{});
+    std::vector<std::size_t> order(messages.size());
+    std::iota(order.begin(), order.end(), std::size_t{0});
+    std::ranges::stable_sort(order, [&](std::size_t a, std::size_t b) { return isEarlier(messages[a], messages[b]); });
+
+    std::int64_t position = 0;
+    std::vector<std::int64_t> positions(messages.size());  // of the decrypted messages, in the whole
+    auto next = order.begin();
+    // Hands over the decrypted messages before a time and direction, or all that are left.
+    const auto decryptedBefore = [&](std::optional<std::pair<double, Direction>> key) {
+        for (; next != order.end(); ++next) {
+            StreamMessage& message = messages[*next];
+            if (key && std::pair(message.timestamp, message.direction) >= *key) return true;
+            positions[*next] = position++;
+            if (visit && !visit(message)) return false;
+        }
+        return true;
+    };
+
+    HelloPairing hellos;
+    TLSEntryMerge merge(stream);
+    while (TLSEntryWalk* const walk = merge.next()) {
+        if (isDecrypted && walk->isApplicationData()) continue;
+        if (!decryptedBefore(std::pair(walk->timestamp(), walk->direction()))) return std::nullopt;
+        hellos.take(*walk, position++);
+        const bool isRequest = hellos.isNewRequest();
+        if (!visit && !isRequest) continue;
+        Entry entry = walk->entry();
+        if (isRequest) hellos.setSummary(entry.message.summary);
+        if (visit && !visit(entry.message)) return std::nullopt;
+    }
+    if (!decryptedBefore(std::nullopt)) return std::nullopt;
+
+    std::vector<Pairing> joined = hellos.pairings();
+    const auto whole = [&](std::int64_t index) {
+        const bool isThere = index >= 0 && index < std::ssize(positions);
+        return isThere ? std::optional(positions[static_cast<std::size_t>(index)]) : std::nullopt;
+    };
+    for (Pairing& pairing : std::move(pairings).value_or(std::vector<Pairing>{})) {
+        const auto request = whole(pairing.requestIndex);
+        const auto reply = pairing.replyIndex.and_then(whole);
+        if (request)
+            joined.push_back({*request, reply, std::move(pairing.summary), reply ? PairingStatus::matched : PairingStatus::unmatched});
+    }
+    return joined.empty() ? std::nullopt : std::optional(std::move(joined));
+}
+
 }  // namespace
 
 std::vector<Entry> TLSStreamParser::entries(Direction direction, const TCPStream& stream)
 {
-    const StreamData& data = stream.data(direction);
-    StreamReader bytes(data);
     std::vector<Entry> output;
-    HandshakeRun handshake(data, direction, stream);
-    ApplicationDataRun applicationData;
-    const auto flushApplicationData = [&] {
-        if (auto entry = applicationData.flush(direction, stream)) output.push_back(std::move(*entry));
-    };
-
-    forEachRecord(data, [&](const TLSRecord& record) {
-        if (record.isTruncated) return false;
-        const auto type = contentTypeOf(record.contentType);
-        if (!type) {
-            handshake.flush();
-            return true;
-        }
-        switch (*type) {
-        case TLSContentType::changeCipherSpec:
-            handshake.flush();
-            flushApplicationData();
-            output.push_back(changeCipherSpecEntry(record, direction, stream));
-            break;
-        case TLSContentType::alert:
-            handshake.flush();
-            flushApplicationData();
-            output.push_back(alertEntry(record, bytes, direction, stream));
-            break;
-        case TLSContentType::handshake:
-            flushApplicationData();
-            handshake.add(record, output);
-            break;
-        case TLSContentType::applicationData:
-            handshake.flush();
-            applicationData.add(record);
-            break;
-        }
-        return true;
-    });
-    flushApplicationData();
+    for (TLSEntryWalk walk(direction, stream); walk.next();) output.push_back(walk.entry());
     return output;
 }
 
@@ -284,17 +225,19 @@ std::vector<Entry> TLSStreamParser::handshakeEntries(const std::vector<TLSRecord
                                                      const TCPStream& stream)
 {
     std::vector<Entry> output;
-    HandshakeRun run(data, direction, stream);
-    for (const TLSRecord& record : records) run.add(record, output);
+    TLSHandshakeRun run(data, direction, stream);
+    for (const TLSRecord& record : records)
+        for (run.add(record); run.next();) output.push_back(run.entry(run.locate()));
     return output;
 }
 
 std::optional<Entry> TLSStreamParser::applicationDataEntry(const std::vector<TLSRecord>& records, Direction direction,
                                                            const TCPStream& stream)
 {
-    ApplicationDataRun run;
+    TLSApplicationDataRun run;
     for (const TLSRecord& record : records) run.add(record);
-    return run.flush(direction, stream);
+    if (run.isEmpty()) return std::nullopt;
+    return run.entry(direction, stream.locate(run.range(), direction));
 }
 
 TLSStreamParser::LocatedSpan TLSStreamParser::locateSpan(ByteRange concatRange, const std::vector<HandshakeFragment>& fragments,
@@ -373,31 +316,21 @@ std::vector<Pairing> TLSStreamParser::remapPairings(const std::vector<Pairing>& 
 
 StreamInterpretation TLSStreamParser::interpretation(const TCPStream& stream, const StreamContext& context)
 {
-    std::vector<Entry> sorted = entries(Direction::clientToServer, stream);
-    std::ranges::move(entries(Direction::serverToClient, stream), std::back_inserter(sorted));
-    std::ranges::stable_sort(sorted, precedes);
-    auto pairings = handshakePairings(sorted);
-    std::vector<StreamMessage> messages;
-    messages.reserve(sorted.size());
-    for (Entry& entry : sorted) messages.push_back(std::move(entry.message));
+    std::vector<Entry> all = entries(Direction::clientToServer, stream);
+    std::ranges::move(entries(Direction::serverToClient, stream), std::back_inserter(all));
+    return interpretationOf(std::move(all), stream, context);
+}
 
-    // A session has secrets, interpreters and probes of its own.
-    const auto decrypted =
-        context.host ? context.host->decryptedInterpretation(stream, context) : TLSDecryptionProbe::decryptedInterpretation(stream);
-    if (!decrypted) return {std::move(messages), std::move(pairings)};
-
-    std::vector<StreamMessage> merged;
-    std::ranges::remove_copy_if(messages, std::back_inserter(merged),
-                                [](const StreamMessage& message) { return message.summary.starts_with(applicationDataPrefix); });
-    std::ranges::copy(decrypted->messages, std::back_inserter(merged));
-    std::ranges::stable_sort(merged, [](const StreamMessage& a, const StreamMessage& b) {
-        return std::tie(a.timestamp, a.direction) < std::tie(b.timestamp, b.direction);
-    });
-
-    std::vector<Pairing> joined = remapPairings(pairings.value_or(std::vector<Pairing>{}), messages, merged);
-    std::ranges::copy(remapPairings(decrypted->pairings.value_or(std::vector<Pairing>{}), decrypted->messages, merged),
-                      std::back_inserter(joined));
-    return {std::move(merged), joined.empty() ? std::nullopt : std::optional(std::move(joined))};
+std::optional<std::vector<Pairing>> TLSStreamParser::forEachMessage(const TCPStream& stream, const StreamContext& context,
+                                                                    const StreamMessageVisitor& visit)
+{
+    auto few = fewEntries(stream);
+    if (!few) return mergedMessages(stream, context, visit);
+    StreamInterpretation interpretation = interpretationOf(std::move(*few), stream, context);
+    if (visit)
+        for (StreamMessage& message : interpretation.messages)
+            if (!visit(message)) return std::nullopt;
+    return std::move(interpretation.pairings);
 }
 
 }  // namespace sealscope

@@ -5,10 +5,12 @@
 #include "host/VELModels/StreamContext.h"
 #include "host/VELModels/StreamMessage.h"
 #include "host/VELModels/TCPStream.h"
+#include "host/VELModels/VELStreamInterpreting.h"
 
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -17,6 +19,9 @@ namespace sealscope {
 /// Turns a reassembled stream into the ordered messages of the stream view. Stateless; any thread may call it.
 struct TLSStreamParser {
     TLSStreamParser() = delete;
+
+    /// How the summaries of encrypted application data begin, and of nothing else.
+    static constexpr std::string_view applicationDataPrefix = "Application Data";
 
     /// One item of the stream view with its sort keys: time, client before server, first byte.
     struct Entry {
@@ -66,6 +71,10 @@ struct TLSStreamParser {
     /// The whole stream: both directions in order of time, with decrypted messages in place of encrypted application data
     /// when the stream decrypts.
     static StreamInterpretation interpretation(const TCPStream& stream, const StreamContext& context = {});
+    /// The same message by message until `visit` gives false, and the pairings, where it never did; without a visitor the pairings
+    /// alone. Holds few of a stream's messages, however many there are; those decrypted ones excepted that an interpreter made.
+    static std::optional<std::vector<Pairing>> forEachMessage(const TCPStream& stream, const StreamContext& context,
+                                                              const StreamMessageVisitor& visit);
 };
 
 }  // namespace sealscope

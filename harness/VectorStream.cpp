@@ -4,6 +4,8 @@
 #include "harness/Hex.h"
 
 #include <algorithm>
+#include <array>
+#include <iterator>
 
 namespace sealscope {
 
@@ -11,29 +13,49 @@ namespace {
 
 using Direction = TCPSegment::Direction;
 
-/// Bytes that end where their packet ends.
+/// Bytes that end where their packet ends, and holes between them.
 class PieceSource final : public StreamByteSource {
 public:
-    explicit PieceSource(const std::vector<Data>& pieces)
+    void add(const Data& bytes)
     {
-        for (const Data& piece : pieces) {
-            if (piece.isEmpty()) continue;
-            pieces_.push_back(piece);
-            starts_.push_back(size_);
-            size_ += piece.size();
-        }
+        if (!bytes.isEmpty()) pieces_.push_back({size_, size_ += bytes.size(), bytes});
     }
+    void lose(std::int64_t count)
+    {
+        if (count == 0) return;
+        holeBytes_ += count;
+        if (!pieces_.empty() && pieces_.back().bytes.isEmpty())
+            pieces_.back().end = size_ += count;
+        else
+            pieces_.push_back({size_, size_ += count, {}});
+    }
+
     DataView stretch(std::int64_t offset) const override
     {
-        const auto at = static_cast<std::size_t>(std::ranges::upper_bound(starts_, offset) - starts_.begin() - 1);
-        return pieces_[at].view().from(offset - starts_[at]);
+        static constexpr std::array<std::uint8_t, 4'096> zeros{};
+        const Piece& piece = at(offset);
+        if (piece.bytes.isEmpty()) return DataView(zeros).sub(0, piece.end - offset);
+        return piece.bytes.view().from(offset - piece.begin);
     }
+    std::optional<ByteRange> hole(std::int64_t offset) const override
+    {
+        const Piece& piece = at(offset);
+        return piece.bytes.isEmpty() ? std::optional(ByteRange{piece.begin, piece.end}) : std::nullopt;
+    }
+    std::int64_t holeBytes() const override { return holeBytes_; }
     std::int64_t size() const { return size_; }
 
 private:
-    std::vector<Data> pieces_;
-    std::vector<std::int64_t> starts_;
+    struct Piece {
+        std::int64_t begin = 0;
+        std::int64_t end = 0;
+        Data bytes;  ///< none: a hole
+    };
+    const Piece& at(std::int64_t offset) const { return *std::prev(std::ranges::upper_bound(pieces_, offset, {}, &Piece::begin)); }
+
+    std::vector<Piece> pieces_;
     std::int64_t size_ = 0;
+    std::int64_t holeBytes_ = 0;
 };
 
 class SegmentList final : public TCPSegmentSource {
@@ -46,14 +68,6 @@ private:
     std::vector<TCPSegment> segments_;
 };
 
-StreamData streamData(const std::vector<Data>& pieces, bool isScattered)
-{
-    if (!isScattered) return joined(pieces);
-    auto source = std::make_shared<PieceSource>(pieces);
-    const std::int64_t size = source->size();
-    return {std::move(source), size};
-}
-
 }  // namespace
 
 TCPStream vectorStream(const std::vector<StreamPiece>& pieces, bool isScattered)
@@ -65,17 +79,22 @@ TCPStream vectorStream(const std::vector<StreamPiece>& pieces, bool isScattered)
     stream.clientISN = 1'000;
     stream.serverISN = 2'000;
 
-    struct {
-        std::vector<Data> bytes;
+    struct Side {
+        std::shared_ptr<PieceSource> pieces = std::make_shared<PieceSource>();
         std::vector<ByteSpan> spans;
-        std::int64_t size = 0;
+
+        StreamData data(bool isInPieces) const
+        {
+            const StreamData scattered(pieces, pieces->size());
+            return isInPieces ? scattered : StreamData(scattered.whole());
+        }
     } sides[2];
     std::vector<TCPSegment> segments;
     for (const StreamPiece& piece : pieces) {
         auto& side = sides[piece.direction == Direction::clientToServer ? 0 : 1];
-        const ByteRange range{side.size, side.size + piece.bytes.size()};
-        side.bytes.push_back(piece.bytes);
-        side.size = range.upper;
+        const ByteRange range{side.pieces->size(), side.pieces->size() + piece.bytes.size()};
+        side.pieces->add(piece.bytes);
+        side.pieces->lose(piece.lostBytes);
         if (!piece.packetId) continue;
         side.spans.push_back({range, {*piece.packetId}, piece.timestamp});
         const std::uint32_t isn = piece.direction == Direction::clientToServer ? stream.clientISN : stream.serverISN;
@@ -86,8 +105,8 @@ TCPStream vectorStream(const std::vector<StreamPiece>& pieces, bool isScattered)
         segments.push_back({piece.direction, *piece.packetId, sequenceNumber, piece.bytes.size(), piece.timestamp});
     }
     stream.segments = TCPSegments(std::make_shared<SegmentList>(std::move(segments)));
-    stream.clientToServerData = streamData(sides[0].bytes, isScattered);
-    stream.serverToClientData = streamData(sides[1].bytes, isScattered);
+    stream.clientToServerData = sides[0].data(isScattered);
+    stream.serverToClientData = sides[1].data(isScattered);
     stream.clientByteIndex = ByteToSegmentIndex(std::move(sides[0].spans));
     stream.serverByteIndex = ByteToSegmentIndex(std::move(sides[1].spans));
     return stream;
@@ -104,6 +123,28 @@ std::vector<StreamPiece> streamPieces(const std::vector<TLSFlight>& flights, con
         }
     }
     return pieces;
+}
+
+std::vector<StreamPiece> withZerosLost(const std::vector<StreamPiece>& pieces, std::int64_t least)
+{
+    std::vector<StreamPiece> result;
+    for (const StreamPiece& piece : pieces) {
+        std::int64_t begin = 0, zeros = 0;
+        for (std::int64_t at = 0; at <= piece.bytes.size(); ++at) {
+            if (at < piece.bytes.size() && piece.bytes[at] == 0) {
+                ++zeros;
+                continue;
+            }
+            if (zeros >= least) {
+                const std::int64_t end = at - zeros;
+                result.push_back({piece.direction, piece.bytes.sub(begin, end - begin), piece.packetId, piece.timestamp, zeros});
+                begin = at;
+            }
+            zeros = 0;
+        }
+        result.push_back({piece.direction, piece.bytes.sub(begin, piece.bytes.size()), piece.packetId, piece.timestamp, piece.lostBytes});
+    }
+    return result;
 }
 
 TCPStream vectorStream(const std::vector<TLSFlight>& flights, const VectorStreamOptions& options)

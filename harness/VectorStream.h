@@ -15,6 +15,8 @@ struct StreamPiece {
     Data bytes;
     std::optional<std::int64_t> packetId = 1;  ///< nothing: lost bytes, which belong to no packet
     double timestamp = 0;                      ///< seconds since 1970
+    /// That many bytes behind these were lost: a hole, when the bytes lie packet by packet. In one place they are zeros.
+    std::int64_t lostBytes = 0;
 };
 
 struct VectorStreamOptions {
@@ -32,6 +34,9 @@ TCPStream vectorStream(const std::vector<StreamPiece>& pieces, bool isScattered 
 TCPStream vectorStream(const std::vector<TLSFlight>& flights, const VectorStreamOptions& options = {});
 /// The same from two byte strings, first all that the client sent, then all that the server did.
 TCPStream vectorStream(const Data& clientToServer, const Data& serverToClient, const VectorStreamOptions& options = {});
+
+/// The same stream with its zeros lost, where `least` or more of them stand in a row in one piece.
+std::vector<StreamPiece> withZerosLost(const std::vector<StreamPiece>& pieces, std::int64_t least);
 
 /// What `vectorStream` makes of flights, to be changed before it becomes a stream.
 std::vector<StreamPiece> streamPieces(const std::vector<TLSFlight>& flights, const VectorStreamOptions& options = {});

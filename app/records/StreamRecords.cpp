@@ -4,6 +4,7 @@
 #include "app/records/MessageRecords.h"
 #include "app/records/VerdictSentence.h"
 
+#include <exception>
 #include <utility>
 
 namespace sealscope {
@@ -192,29 +193,47 @@ void appendRecord(std::string& text, const OpenedStream& opened)
     text += '\n';
 }
 
-void appendRecord(std::string& text, std::int64_t stream, const StreamInterpretation& interpretation, const Spill& spill)
+StreamTeller telling(StreamInterpretation& interpretation)
+{
+    return [&](const StreamMessageVisitor& visit) {
+        if (visit)
+            for (StreamMessage& message : interpretation.messages)
+                if (!visit(message)) break;
+        return interpretation.pairings;
+    };
+}
+
+void appendRecord(std::string& text, std::int64_t stream, const StreamTeller& tell, const Spill& spill)
 {
     JSONLineWriter json(text, spill);
     json.beginObject();
     json.member("stream", stream);
     json.key("messages");
     json.beginArray();
-    for (const StreamMessage& message : interpretation.messages) {
-        json.beginObject();
-        writeMembers(json, message, BodyMember::written);
-        json.endObject();
+    std::optional<std::vector<Pairing>> pairings;
+    std::exception_ptr problem;
+    try {
+        pairings = tell([&](StreamMessage& message) {
+            json.beginObject();
+            writeMembers(json, message, BodyMember::written);
+            json.endObject();
+            return true;
+        });
+    } catch (...) {
+        problem = std::current_exception();
     }
     json.endArray();
     json.key("pairings");
-    if (interpretation.pairings) {
+    if (pairings) {
         json.beginArray();
-        for (const Pairing& pairing : *interpretation.pairings) writePairing(json, pairing);
+        for (const Pairing& pairing : *pairings) writePairing(json, pairing);
         json.endArray();
     } else {
         json.null();
     }
     json.endObject();
     text += '\n';
+    if (problem) std::rethrow_exception(problem);
 }
 
 }  // namespace sealscope

@@ -7,11 +7,14 @@
 #include "app/session/Session.h"
 #include "app/verdict/StreamVerdict.h"
 #include "host/VELModels/StreamMessage.h"
+#include "host/VELModels/VELStreamInterpreting.h"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace sealscope {
 
@@ -22,6 +25,12 @@ struct StreamRow {
     std::optional<StreamVerdict> verdict;  ///< only of streams that can be interpreted
 };
 
+/// Hands a stream's messages over one by one until the visitor gives false, and gives their pairings; without a visitor the pairings
+/// alone.
+using StreamTeller = std::function<std::optional<std::vector<Pairing>>(const StreamMessageVisitor&)>;
+/// A teller of what was interpreted already, which outlives it.
+StreamTeller telling(StreamInterpretation& interpretation);
+
 /// The verdict as programs read it: "decrypted", "noHandshake", …
 std::string_view verdictName(const TLSDecryptionOutcome& outcome);
 
@@ -29,7 +38,7 @@ std::string_view verdictName(const TLSDecryptionOutcome& outcome);
 
 void appendRecord(std::string& text, const StreamRow& row);
 void appendRecord(std::string& text, const OpenedStream& opened);
-/// What an interpreter made of a stream; `spill` may take the text away between messages.
-void appendRecord(std::string& text, std::int64_t stream, const StreamInterpretation& interpretation, const Spill& spill);
+/// The messages of a stream; `spill` may take the text away between them. What `tell` throws goes on when the line is whole.
+void appendRecord(std::string& text, std::int64_t stream, const StreamTeller& tell, const Spill& spill);
 
 }  // namespace sealscope

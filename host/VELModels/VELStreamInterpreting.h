@@ -7,7 +7,9 @@
 
 #include <concepts>
 #include <cstdint>
+#include <functional>
 #include <mutex>
+#include <optional>
 #include <string_view>
 #include <vector>
 
@@ -29,12 +31,25 @@ concept StreamInterpreterTypeInContext = requires(const TCPStream& stream, const
     { Type::interpret(stream, context) } -> std::same_as<StreamInterpretation>;
 };
 
+/// Takes a message, which it may move from, and says whether to go on.
+using StreamMessageVisitor = std::function<bool(StreamMessage&)>;
+
+/// What a type may offer on top: the messages of `interpret` one by one, for streams that have too many to be held.
+template <class Type>
+concept StreamMessageTeller = requires(const TCPStream& stream, const StreamContext& context, const StreamMessageVisitor& visit) {
+    { Type::forEachMessage(stream, context, visit) } -> std::same_as<std::optional<std::vector<Pairing>>>;
+};
+
 /// An interpreter type as a value. There is one for each type; its address is the type's identity.
 struct VELStreamInterpreting {
     std::string_view streamDisplayName;
     StreamLayer layer = StreamLayer::application;
     bool (*canInterpretInContext)(const TCPStream& stream, const StreamContext& context) = nullptr;
     StreamInterpretation (*interpretInContext)(const TCPStream& stream, const StreamContext& context) = nullptr;
+    /// Hands the messages of `interpret` over in order until `visit` gives false, and gives the pairings, where it never did. Without
+    /// a visitor it finds the pairings alone. Null for a type that does not offer it.
+    std::optional<std::vector<Pairing>> (*forEachMessage)(const TCPStream& stream, const StreamContext& context,
+                                                          const StreamMessageVisitor& visit) = nullptr;
 
     bool canInterpret(const TCPStream& stream, const StreamContext& context = {}) const { return canInterpretInContext(stream, context); }
     StreamInterpretation interpret(const TCPStream& stream, const StreamContext& context = {}) const
@@ -47,21 +62,23 @@ struct VELStreamInterpreting {
         requires StreamInterpreterType<Type> || StreamInterpreterTypeInContext<Type>
     static const VELStreamInterpreting* type()
     {
-        static constexpr VELStreamInterpreting descriptor{
-            .streamDisplayName = Type::streamDisplayName,
-            .layer = layerOf<Type>(),
-            .canInterpretInContext = [](const TCPStream& stream, const StreamContext& context) {
-                if constexpr (StreamInterpreterTypeInContext<Type>)
-                    return Type::canInterpret(stream, context);
-                else
-                    return static_cast<void>(context), Type::canInterpret(stream);
-            },
-            .interpretInContext = [](const TCPStream& stream, const StreamContext& context) {
-                if constexpr (StreamInterpreterTypeInContext<Type>)
-                    return Type::interpret(stream, context);
-                else
-                    return static_cast<void>(context), Type::interpret(stream);
-            }};
+        static constexpr VELStreamInterpreting descriptor{.streamDisplayName = Type::streamDisplayName,
+                                                          .layer = layerOf<Type>(),
+                                                          .canInterpretInContext =
+                                                              [](const TCPStream& stream, const StreamContext& context) {
+                                                                  if constexpr (StreamInterpreterTypeInContext<Type>)
+                                                                      return Type::canInterpret(stream, context);
+                                                                  else
+                                                                      return static_cast<void>(context), Type::canInterpret(stream);
+                                                              },
+                                                          .interpretInContext =
+                                                              [](const TCPStream& stream, const StreamContext& context) {
+                                                                  if constexpr (StreamInterpreterTypeInContext<Type>)
+                                                                      return Type::interpret(stream, context);
+                                                                  else
+                                                                      return static_cast<void>(context), Type::interpret(stream);
+                                                              },
+                                                          .forEachMessage = tellerOf<Type>()};
         return &descriptor;
     }
 
@@ -72,6 +89,13 @@ private:
             return Type::streamLayer;
         else
             return StreamLayer::application;
+    }
+    template <class Type> static constexpr decltype(VELStreamInterpreting::forEachMessage) tellerOf()
+    {
+        if constexpr (StreamMessageTeller<Type>)
+            return &Type::forEachMessage;
+        else
+            return nullptr;
     }
 };
 

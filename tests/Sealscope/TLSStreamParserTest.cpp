@@ -5,11 +5,15 @@
 #include "harness/Certificates.h"
 #include "harness/Hex.h"
 #include "harness/VectorStream.h"
+#include "host/VELModels/VELStreamInterpreting.h"
+#include "tests/Sealscope/EntriesTwin.h"
+#include "tests/Sealscope/WithKeyLog.h"
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <random>
 
 namespace sealscope {
 namespace {
@@ -152,6 +156,145 @@ TEST(TLSStreamParser, LocatesAMessageInAllItsPackets)
     EXPECT_THAT(nowhere[0].message.packetIds, ElementsAre());
 }
 
+TEST(TLSStreamParser, ShowsOfAHoleWhatTheListsOfItsZerosShow)
+{
+    std::mt19937_64 random(1);
+    const auto below = [&](std::int64_t bound) { return static_cast<std::int64_t>(random() % static_cast<std::uint64_t>(bound)); };
+    const auto anyOf = [&](std::initializer_list<std::int64_t> values) { return values.begin()[below(std::ssize(values))]; };
+    std::size_t shown = 0;
+    for (int round = 0; round < 3'000; ++round) {
+        std::vector<Data> bytes;
+        for (std::int64_t count = below(12); count > 0; --count) {
+            const auto type = static_cast<std::uint8_t>(anyOf({20, 21, 22, 22, 22, 23, 23, 24, 0}));
+            // Bodies that are messages, zeros and anything.
+            const std::int64_t length = below(30);
+            const Data body = below(3) == 0   ? joined({message(static_cast<std::uint8_t>(below(3)),
+                                                                Data(std::vector<std::uint8_t>(static_cast<std::size_t>(below(8)))))})
+                              : below(2) == 0 ? patternBytes(length, random())
+                                              : Data(std::vector<std::uint8_t>(static_cast<std::size_t>(length)));
+            bytes.push_back(record(type, body));
+            if (below(3) == 0) bytes.push_back(Data(std::vector<std::uint8_t>(static_cast<std::size_t>(below(23)))));
+        }
+        const std::vector<StreamPiece> pieces =
+            withZerosLost(streamPieces({{client, joined(bytes), {}}}, {.segmentSize = 1 + below(60)}), 1 + below(9));
+        const TCPStream plain = vectorStream(pieces), holes = vectorStream(pieces, true);
+        const auto expected = twin::entries(client, plain, holes.clientToServerData);
+        const auto entries = TLSStreamParser::entries(client, holes);
+        ASSERT_TRUE(std::ranges::equal(entries, expected, twin::isSameEntry)) << "round " << round;
+        shown += entries.size();
+    }
+    EXPECT_GT(shown, 3'000u);
+}
+
+TEST(TLSStreamParser, DoesNotShowMessagesThatNobodySent)
+{
+    constexpr std::int64_t terabytes = 9'000'000'000'000;
+    struct Case {
+        const char* name;
+        std::vector<StreamPiece> pieces;
+        std::vector<std::string> expected;
+    };
+    const Case cases[] = {
+        {"a record of which the header alone was captured",
+         {{.bytes = hex("16 03 03 ff ff"), .lostBytes = 0xFFFF}, {.bytes = record(20, {1})}},
+         {"[65545,65546) Change Cipher Spec"}},
+        {"a message cut by a hole",
+         {{.bytes = hex("16 03 03 00 0c  00 00"), .lostBytes = 10}, {.bytes = record(20, {1})}},
+         {"[5,9) Handshake (0x00)", "[22,23) Change Cipher Spec"}},
+        {"terabytes",
+         {{.bytes = record(20, {1}), .lostBytes = terabytes}, {.bytes = record(21, {1, 0})}},
+         {"[5,6) Change Cipher Spec", "[9000000000011,9000000000013) Alert (Warning, 0)"}},
+        {"application data on both sides of terabytes",
+         {{.bytes = record(23, {1}), .lostBytes = terabytes}, {.bytes = record(23, {1, 0})}},
+         {"[5,9000000000013) Application Data (2 records, 3 bytes, encrypted)"}},
+    };
+    for (const auto& [name, pieces, expected] : cases) {
+        std::vector<std::string> lines;
+        for (const auto& entry : TLSStreamParser::entries(client, vectorStream(pieces, true)))
+            lines.push_back(
+                fmt::format("[{},{}) {}", entry.message.byteRange->lower, entry.message.byteRange->upper, entry.message.summary));
+        EXPECT_EQ(lines, expected) << name;
+    }
+}
+
+/// What `forEachMessage` hands over, and gives.
+std::pair<std::vector<std::string>, std::optional<std::vector<Pairing>>> told(const TCPStream& stream)
+{
+    std::vector<std::string> lines;
+    auto pairings = TLSStreamParser::forEachMessage(stream, {}, [&](StreamMessage& message) {
+        lines.push_back(described(message));
+        return true;
+    });
+    EXPECT_EQ(TLSStreamParser::forEachMessage(stream, {}, {}), pairings) << "the pairings alone";
+    return {std::move(lines), std::move(pairings)};
+}
+
+TEST(TLSStreamParser, TellsAStreamOfAnyLengthAsTheListDoes)
+{
+    // More messages than are held, of every kind, in packets that were captured in any order.
+    std::mt19937_64 random(1);
+    const auto records = [&](int count) {
+        std::vector<Data> bytes;
+        for (int i = 0; i < count; ++i) {
+            const Data bodies[] = {{1}, {1, 0}, joined({message(14, {}), message(3, {1, 2}), message(14, {})}), patternBytes(9)};
+            const auto kind = random() % 4;
+            bytes.push_back(record(static_cast<std::uint8_t>(20 + kind), bodies[kind]));
+        }
+        return joined(bytes);
+    };
+    for (const double disorder : {0.0, 0.01, 1.0}) {
+        std::vector<StreamPiece> pieces = streamPieces({{client, joined({records(300), record(22, plainClientHello), records(2'000)}), {}},
+                                                        {server, joined({record(22, plainServerHello), records(3'000)}), {}}},
+                                                       {.segmentSize = 50});
+        for (StreamPiece& piece : pieces)
+            if (std::uniform_real_distribution(0.0, 1.0)(random) < disorder) piece.timestamp += static_cast<double>(random() % 100) / 100;
+        const TCPStream stream = vectorStream(pieces, true);
+        const StreamInterpretation expected = TLSStreamParser::interpretation(stream);
+        ASSERT_GT(expected.messages.size(), 5'000u);
+        const auto [lines, pairings] = told(stream);
+        EXPECT_TRUE(lines == described(expected.messages)) << disorder;
+        EXPECT_EQ(pairings, expected.pairings);
+        ASSERT_TRUE(pairings);
+    }
+    EXPECT_EQ(TLSStreamParser::forEachMessage(vectorStream(record(21, {1, 0}), {}), {}, [](StreamMessage&) { return false; }),
+              std::nullopt);
+}
+
+/// Makes a message of each word of the plaintext, at times of its own, and pairs two.
+struct Words {
+    static constexpr std::string_view streamDisplayName = "Words";
+    static bool canInterpret(const TCPStream& stream) { return stream.clientToServerData.slice(0, 3) == Data::fromText("one"); }
+    static StreamInterpretation interpret(const TCPStream& stream)
+    {
+        StreamInterpretation interpretation;
+        for (const double time : {3.0, 0.0, 1'700'000'000.004, 2'000'000'000.0})
+            interpretation.messages.push_back({.direction = server,
+                                               .kind = StreamMessageKind::reply,
+                                               .summary = "word",
+                                               .byteRange = ByteRange{0, stream.clientToServerData.size()},
+                                               .packetIds = {1},
+                                               .timestamp = time});
+        interpretation.pairings = {{0, 2, "said", PairingStatus::matched}, {9, 1, "never", PairingStatus::matched}};
+        return interpretation;
+    }
+};
+
+TEST(TLSStreamParser, TellsADecryptedStreamOfAnyLengthAsTheListDoes)
+{
+    const TLSSession session = runTLS({.version = 0x0303}, {clientSends("one two"), serverSends("three")});
+    const WithKeyLog secrets(session.keyLog);
+    const Data alerts = joined(std::vector<Data>(5'000, record(21, {})));
+    const TCPStream stream = vectorStream(session.wire(client), joined({session.wire(server), alerts}), {.segmentSize = 100});
+    VELStreamInterpreterRegistry::shared().add(VELStreamInterpreting::type<Words>());
+    const StreamInterpretation expected = TLSStreamParser::interpretation(stream);
+    const auto [lines, pairings] = told(stream);
+    VELStreamInterpreterRegistry::shared().remove(VELStreamInterpreting::type<Words>());
+    ASSERT_GT(expected.messages.size(), 5'000u);
+    EXPECT_TRUE(lines == described(expected.messages));
+    EXPECT_EQ(pairings, expected.pairings);
+    ASSERT_EQ(pairings->size(), 2u);
+}
+
 TEST(TLSStreamParser, TellsWhatAHandshakeMessageSays)
 {
     struct Case {
@@ -234,9 +377,7 @@ TEST(TLSStreamParser, OrdersBothDirectionsAndPairsTheHellos)
 
 TEST(TLSStreamParser, CarriesPairingsFromListToList)
 {
-    const auto makeMessage = [](const char* summary) {
-        return StreamMessage{.direction = client, .summary = summary};
-    };
+    const auto makeMessage = [](const char* summary) { return StreamMessage{.direction = client, .summary = summary}; };
     const std::vector<StreamMessage> from{makeMessage("a"), makeMessage("b"), makeMessage("c"), makeMessage("d")};
     const std::vector<StreamMessage> into{makeMessage("x"), from[3], from[1], from[1]};
     const std::vector<Pairing> pairings{

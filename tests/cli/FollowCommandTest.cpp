@@ -179,4 +179,42 @@ TEST(FollowCommand, ShowsTheStreamsThatAreAskedFor)
     EXPECT_EQ(beyond.errors, "sealscope: --stream 40: the capture has 40 TCP connections, numbered 0 to 39\n");
 }
 
+TEST(FollowCommand, AFailingPlugInEndsItsOwnStreamsAlone)
+{
+    const TempDirectory directory;
+    std::vector<std::vector<PlannedSegment>> conversations;
+    for (std::uint16_t i = 0; i < 3; ++i) {
+        auto flights = alerts();
+        if (i == 1) flights = {{.direction = TCPSegment::Direction::clientToServer, .wire = Data::fromText("plain text"), .plaintext = {}}};
+        conversations.push_back(tcpSegments(flights, {.client = endpoint("192.0.2.1", static_cast<std::uint16_t>(50'000 + i)),
+                                                      .startTime = 1'700'000'000'000'000'000 + i * 1'000'000'000LL}));
+    }
+    const std::string capture = directory.write("three.pcap", pcapFile(packets(merged(conversations))));
+    for (const std::string format : {"--json", "--quiet"}) {
+        const ProgramResult result =
+            sealscope({"follow", format, capture}, {.environment = {std::string("SEALSCOPE_PLUGIN_PATH=") + SEALSCOPE_TEST_BUNDLES}});
+        EXPECT_EQ(result.status, 1);
+        EXPECT_EQ(result.errors, "sealscope: stream 1: Test could not interpret it: the moon is full\n");
+        if (format != "--json") continue;
+        const auto lines = jsonLines(result.output);
+        ASSERT_EQ(lines.size(), 2u);
+        EXPECT_EQ(lines[1]["stream"], 2);
+    }
+}
+
+TEST(FollowCommand, TellsAStreamOfMoreMessagesThanItHolds)
+{
+    const TempDirectory directory;
+    const Data many = joined(std::vector<Data>(30'000, hex("15 03 03 00 00")));
+    const std::string capture = write(directory, {{.direction = TCPSegment::Direction::serverToClient, .wire = many, .plaintext = {}}});
+    const auto lines = jsonLines(sealscope({"follow", "--json", capture}).output);
+    ASSERT_EQ(lines.size(), 1u);
+    ASSERT_EQ(lines[0]["messages"].size(), 30'000u);
+    EXPECT_EQ(lines[0]["messages"][29'999]["byteRange"], json::parse("[150000,150000]"));
+    const std::string text = sealscope({"follow", capture}).output;
+    std::size_t shown = 0;
+    for (std::size_t at = 0; (at = text.find("Alert", at)) != std::string::npos; ++at) ++shown;
+    EXPECT_EQ(shown, 30'000u);
+}
+
 }  // namespace sealscope::cli

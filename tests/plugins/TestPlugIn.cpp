@@ -12,7 +12,15 @@ namespace sealscope {
 
 namespace {
 
-enum Behavior { TestFine, TestThrowing, TestThrowingNumber, TestGivingNothing, TestOfOtherVersion, TestWithoutPrincipalClass };
+enum Behavior {
+    TestFine,
+    TestThrowing,
+    TestThrowingNumber,
+    TestGivingNothing,
+    TestOfOtherVersion,
+    TestWithoutPrincipalClass,
+    TestFailingStreams
+};
 constexpr Behavior behavior = SEALSCOPE_TEST_BEHAVIOR;
 
 struct Probe : TLSStreamDecryptionProbing {
@@ -21,8 +29,15 @@ struct Probe : TLSStreamDecryptionProbing {
 
 struct Interpreter {
     static constexpr std::string_view streamDisplayName = "Test";
-    static bool canInterpret(const TCPStream&) { return false; }
-    static StreamInterpretation interpret(const TCPStream&) { return {}; }
+    static bool canInterpret(const TCPStream& stream)
+    {
+        return behavior == TestFailingStreams && stream.clientToServerData.slice(0, 5) == Data::fromText("plain");
+    }
+    static StreamInterpretation interpret(const TCPStream&)
+    {
+        if (behavior == TestFailingStreams) throw std::runtime_error("the moon is full");
+        return {};
+    }
 };
 
 struct SecondInterpreter : Interpreter {

@@ -1,15 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "app/cli/Interrupt.h"
+#include "app/cli/StreamReading.h"
 #include "app/cli/commands/Commands.h"
 #include "app/cli/text/DisplayText.h"
-#include "app/session/InOrder.h"
-#include "app/cli/Interrupt.h"
-#include "app/records/StreamRecords.h"
 #include "app/cli/text/Messages.h"
-#include "app/cli/StreamReading.h"
 #include "app/cli/text/StreamText.h"
+#include "app/records/StreamRecords.h"
+#include "app/session/InOrder.h"
 #include "app/verdict/StreamVerdict.h"
 
+#include <algorithm>
+#include <atomic>
+#include <exception>
 #include <fmt/format.h>
+#include <new>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -18,73 +22,147 @@ namespace sealscope::cli {
 
 namespace {
 
-/// A stream as it is printed: its text, or, where that is too large to be held, what to make it from.
+/// A stream as it is printed: its text, or what to make it from where that is too much to be held.
 struct FollowedStream {
     std::int64_t number = 0;
-    bool isAccepted = false;  ///< by an interpreter
+    const VELStreamInterpreting* interpreter = nullptr;  ///< that accepted it
     std::string text;
-    struct Untold {
-        StreamHeading heading;
-        StreamInterpretation interpretation;
-    };
-    std::optional<Untold> untold;
+    StreamHeading heading;                               ///< where there is no text yet
+    std::optional<StreamInterpretation> interpretation;  ///< where that is not too much either
+    std::int64_t held = 0;                               ///< bytes, about
+    std::optional<std::string> problem;                  ///< of the interpreter
 };
 
 class Follower {
 public:
-    Follower(const CommandContext& context, const Session& session)
-        : context_(context), session_(session), verdicts_(session)
-    {}
+    Follower(const CommandContext& context, const Session& session) : context_(context), session_(session), verdicts_(session) {}
 
     FollowedStream follow(std::int64_t number) const
     {
         FollowedStream followed{.number = number};
-        const TCPStream stream = session_.stream(number);
-        const VELStreamInterpreting* interpreter = session_.plugIns().interpreter(stream);
-        if (!interpreter) return followed;
-        followed.isAccepted = true;
-        FollowedStream::Untold untold{.heading = {.summary = session_.summary(number), .interpreter = interpreter->streamDisplayName},
-                                      .interpretation = interpreter->interpret(stream, session_.plugIns().context())};
-        if (!context_.options.json) untold.heading.report = verdicts_.report(stream);
-        if (isLarge(untold.interpretation))
-            followed.untold = std::move(untold);
-        else
-            append(followed.text, untold, {});
+        // What fails for one stream, a plug-in or the memory, fails for this one alone.
+        try {
+            interpret(followed);
+        } catch (const std::bad_alloc&) {
+            followed.problem = "out of memory";
+        } catch (const std::exception& problem) {
+            followed.problem = problem.what();
+        } catch (...) {
+            followed.problem = "it gave no reason";
+        }
+        if (followed.problem) followed.text.clear();
         return followed;
     }
 
-    void print(FollowedStream followed) const
+    /// False when the stream could not be told to its end.
+    bool print(FollowedStream followed) const
     {
-        if (!followed.isAccepted) {
+        held_ -= followed.held;
+        if (!followed.interpreter && !followed.problem) {
             remark(fmt::format("--stream {}: no plug-in recognises what was said in this connection", followed.number));
-            if (context_.options.json) append(followed.text, {.heading = {.summary = {.number = followed.number}}}, {});
+            StreamInterpretation nothing;
+            if (context_.options.json) append(followed.text, {.summary = {.number = followed.number}}, telling(nothing), {});
+        } else if (!followed.problem && followed.text.empty()) {
+            const Spill spill([&](std::string& text) { context_.output.write(text); });
+            try {
+                append(followed.text, followed.heading, followed.interpretation ? telling(*followed.interpretation) : tellingAnew(followed),
+                       spill);
+            } catch (const std::bad_alloc&) {
+                followed.problem = "out of memory";
+            } catch (const std::exception& problem) {
+                followed.problem = problem.what();
+            } catch (...) {
+                followed.problem = "it gave no reason";
+            }
         }
-        if (followed.untold) append(followed.text, *followed.untold, Spill([&](std::string& text) { context_.output.write(text); }));
         context_.output.write(followed.text);
+        if (followed.problem) {
+            const std::string_view name = followed.interpreter ? followed.interpreter->streamDisplayName : "a plug-in";
+            complain(fmt::format("stream {}: {} could not interpret it: {}", followed.number, name, *followed.problem));
+        }
+        return !followed.problem;
     }
 
 private:
-    static bool isLarge(const StreamInterpretation& interpretation)
+    // What one stream may hold until it is printed, and what all may that wait for it.
+    static constexpr std::size_t manyMessages = 10'000;
+    static constexpr std::int64_t largeBodies = 1'000'000;
+    static constexpr std::int64_t mostHeld = 16 * 1'024 * 1'024;
+
+    void interpret(FollowedStream& followed) const
     {
-        constexpr std::int64_t largeBodies = 1'000'000;
-        constexpr std::size_t manyMessages = 10'000;
+        const TCPStream stream = session_.stream(followed.number);
+        followed.interpreter = session_.plugIns().interpreter(stream);
+        if (!followed.interpreter) return;
+        followed.heading = {.summary = session_.summary(followed.number), .interpreter = followed.interpreter->streamDisplayName};
+        if (!context_.options.json) followed.heading.report = verdicts_.report(stream);
+        auto interpretation = messagesToHold(*followed.interpreter, stream);
+        if (!interpretation) return;
+
         std::int64_t bodies = 0;
-        for (const StreamMessage& message : interpretation.messages) bodies += message.body ? message.body->length() : 0;
-        return bodies > largeBodies || interpretation.messages.size() > manyMessages;
+        for (const StreamMessage& message : interpretation->messages) bodies += message.body ? message.body->length() : 0;
+        if (bodies > largeBodies) {
+            followed.held = std::ssize(interpretation->messages) * messageSize;
+            followed.interpretation = std::move(interpretation);
+        } else {
+            append(followed.text, followed.heading, telling(*interpretation), {});
+            followed.held = std::ssize(followed.text);
+        }
+        held_ += followed.held;
     }
 
-    void append(std::string& text, const FollowedStream::Untold& untold, const Spill& spill) const
+    /// The interpretation of a stream, unless it has too many messages, or too much waits to be printed already.
+    std::optional<StreamInterpretation> messagesToHold(const VELStreamInterpreting& interpreter, const TCPStream& stream) const
+    {
+        if (held_ > mostHeld) return std::nullopt;
+        const StreamContext offered = session_.plugIns().context();
+        // A message of captured bytes has four of them at the least.
+        const auto captured = [](const StreamData& data) { return data.size() - data.holeBytes(); };
+        const bool isSmall =
+            captured(stream.clientToServerData) + captured(stream.serverToClientData) < 4 * static_cast<std::int64_t>(manyMessages);
+        if (isSmall || !interpreter.forEachMessage) return interpreter.interpret(stream, offered);
+        StreamInterpretation interpretation;
+        bool areFew = true;
+        interpretation.pairings = interpreter.forEachMessage(stream, offered, [&](StreamMessage& message) {
+            areFew = interpretation.messages.size() < manyMessages;
+            if (areFew) interpretation.messages.push_back(std::move(message));
+            return areFew;
+        });
+        if (!areFew) return std::nullopt;
+        return interpretation;
+    }
+
+    /// Interprets a stream while it is told.
+    StreamTeller tellingAnew(const FollowedStream& followed) const
+    {
+        return [this, &followed](const StreamMessageVisitor& visit) -> std::optional<std::vector<Pairing>> {
+            const TCPStream stream = session_.stream(followed.number);
+            const StreamMessageVisitor whileWanted = [&](StreamMessage& message) {
+                return visit(message) && context_.output.isOpen() && !isInterrupted();
+            };
+            const StreamMessageVisitor& visitor = visit ? whileWanted : visit;
+            const StreamContext offered = session_.plugIns().context();
+            if (followed.interpreter->forEachMessage) return followed.interpreter->forEachMessage(stream, offered, visitor);
+            StreamInterpretation interpretation = followed.interpreter->interpret(stream, offered);
+            return telling(interpretation)(visitor);
+        };
+    }
+
+    void append(std::string& text, const StreamHeading& heading, const StreamTeller& tell, const Spill& spill) const
     {
         if (context_.options.json)
-            appendRecord(text, untold.heading.summary.number, untold.interpretation, spill);
+            appendRecord(text, heading.summary.number, tell, spill);
         else
-            appendStreamText(text, untold.heading, untold.interpretation, context_.terminal,
+            appendStreamText(text, heading, tell, context_.terminal,
                              context_.options.bodies ? ShownBodies::whole : ShownBodies::beginnings, spill);
     }
+
+    static constexpr std::int64_t messageSize = 1'024;
 
     const CommandContext& context_;
     const Session& session_;
     StreamVerdicts verdicts_;
+    mutable std::atomic<std::int64_t> held_ = 0;  ///< by streams that wait to be printed
 };
 
 ExitStatus run(const CommandContext& context)
@@ -99,8 +177,9 @@ ExitStatus run(const CommandContext& context)
     std::int64_t accepted = 0;
     const auto weight = [&](std::int64_t number) { return session->packets(number) * usualPayload; };
     const auto print = [&](FollowedStream followed) {
-        accepted += followed.isAccepted;
-        if (followed.isAccepted || areNamed) follower.print(std::move(followed));
+        const bool isAccepted = followed.interpreter || followed.problem;
+        accepted += isAccepted;
+        if ((isAccepted || areNamed) && !follower.print(std::move(followed))) status = std::max(status, failed);
         return context.output.isOpen() && !isInterrupted();
     };
     inOrder(streams, weight, [&](std::int64_t number) { return follower.follow(number); }, print);

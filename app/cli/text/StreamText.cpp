@@ -10,6 +10,8 @@
 #include <fmt/format.h>
 #include <initializer_list>
 #include <limits>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace sealscope::cli {
@@ -61,37 +63,55 @@ public:
         text_ += '\n';
     }
 
-    void messages(const StreamInterpretation& interpretation)
+    void messages(const StreamTeller& tell)
     {
-        // For each message, the pairing whose reply it is.
-        std::vector<const Pairing*> answered(interpretation.messages.size());
-        std::vector<const Pairing*> unanswered(interpretation.messages.size());
-        const auto holds = [&](std::int64_t index) { return index >= 0 && index < std::ssize(interpretation.messages); };
-        if (interpretation.pairings) {
-            for (const Pairing& pairing : *interpretation.pairings) {
-                if (pairing.replyIndex && holds(*pairing.replyIndex))
-                    answered[static_cast<std::size_t>(*pairing.replyIndex)] = &pairing;
-                else if (!pairing.replyIndex && holds(pairing.requestIndex))
-                    unanswered[static_cast<std::size_t>(pairing.requestIndex)] = &pairing;
-            }
+        pairings_ = tell({}).value_or(std::vector<Pairing>{});
+        for (const Pairing& pairing : pairings_) {
+            if (pairing.replyIndex)
+                answered_[*pairing.replyIndex] = &pairing;
+            else
+                unanswered_[pairing.requestIndex] = &pairing;
         }
-        // What has no time of its own, such as the plaintext of a whole direction, is read after what it came out of.
-        std::vector<std::size_t> order;
-        for (const bool hasTime : {true, false})
-            for (std::size_t i = 0; i < interpretation.messages.size(); ++i)
-                if ((interpretation.messages[i].timestamp != 0) == hasTime) order.push_back(i);
-        for (const std::size_t i : order) {
-            const StreamMessage& message = interpretation.messages[i];
-            summaryLine(message);
-            for (const DetailRow& row : message.detail) detail(row.name, row.value);
-            if (answered[i]) detail("Answers", answered[i]->summary);
-            if (unanswered[i]) detail("Answer", "none");
-            if (message.body) body(message);
-            spill_(text_);
+        // What has no time of its own, such as the plaintext of a whole direction, is read after what it came out of. There is little
+        // of it as a rule; where there is much, the messages are gone through once more.
+        constexpr std::size_t few = 1'000;
+        std::vector<std::pair<std::int64_t, StreamMessage>> timeless;
+        bool areFew = true;
+        std::int64_t index = 0;
+        tell([&](StreamMessage& said) {
+            const std::int64_t position = index++;
+            if (said.timestamp != 0) return message(said, position);
+            if (areFew && timeless.size() < few)
+                timeless.emplace_back(position, said);
+            else
+                areFew = false;
+            return true;
+        });
+        if (areFew) {
+            for (const auto& [position, said] : timeless)
+                if (!message(said, position)) return;
+            return;
         }
+        timeless.clear();
+        index = 0;
+        tell([&](StreamMessage& said) {
+            const std::int64_t position = index++;
+            return said.timestamp != 0 || message(said, position);
+        });
     }
 
 private:
+    bool message(const StreamMessage& said, std::int64_t position)
+    {
+        summaryLine(said);
+        for (const DetailRow& row : said.detail) detail(row.name, row.value);
+        if (const auto found = answered_.find(position); found != answered_.end()) detail("Answers", found->second->summary);
+        if (unanswered_.contains(position)) detail("Answer", "none");
+        if (said.body) body(said);
+        spill_(text_);
+        return true;
+    }
+
     void styled(Style style, std::string_view safe)
     {
         const bool isColored = terminal_.hasColors && style != Style::plain;
@@ -201,16 +221,19 @@ private:
     bool cutsBodies_;
     const Spill& spill_;
     TimeText time_;
+    std::vector<Pairing> pairings_;
+    // By the position of a message: the pairing whose reply it is, or whose request without one.
+    std::unordered_map<std::int64_t, const Pairing*> answered_, unanswered_;
 };
 
 }  // namespace
 
-void appendStreamText(std::string& text, const StreamHeading& heading, const StreamInterpretation& interpretation, const Terminal& terminal,
+void appendStreamText(std::string& text, const StreamHeading& heading, const StreamTeller& tell, const Terminal& terminal,
                       ShownBodies bodies, const Spill& spill)
 {
     Conversation conversation(text, terminal, bodies, spill);
     conversation.heading(heading);
-    conversation.messages(interpretation);
+    conversation.messages(tell);
     text += '\n';
 }
 

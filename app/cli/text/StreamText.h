@@ -1,15 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "app/records/Spill.h"
 #include "app/cli/text/Terminal.h"
+#include "app/records/StreamRecords.h"
 #include "app/session/Session.h"
 #include "host/VELModels/StreamMessage.h"
 #include "host/VELModels/TLSDecryptionProbeRegistry.h"
+#include "host/VELModels/VELStreamInterpreting.h"
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace sealscope::cli {
 
@@ -26,7 +29,7 @@ enum class ShownBodies { beginnings, whole };
 /// Appends a stream as a conversation: a heading, then message by message the time, who speaks, what, the details, the
 /// message that it answers, and the body. A body is shown as text where it is text, else in hexadecimal; on a terminal only
 /// its beginning.
-void appendStreamText(std::string& text, const StreamHeading& heading, const StreamInterpretation& interpretation, const Terminal& terminal,
+void appendStreamText(std::string& text, const StreamHeading& heading, const StreamTeller& tell, const Terminal& terminal,
                       ShownBodies bodies, const Spill& spill);
 
 }  // namespace sealscope::cli

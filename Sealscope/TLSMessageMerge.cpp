@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Sealscope/TLSMessageMerge.h"
+
+#include <algorithm>
+#include <tuple>
+
+namespace sealscope {
+
+TLSEntryMerge::TLSEntryMerge(const TCPStream& stream) : stream_(stream)
+{
+    sides_[1].direction = TCPSegment::Direction::serverToClient;
+    for (std::uint32_t side = 0; side < sides_.size(); ++side) {
+        findRuns(sides_[side]);
+        for (std::uint32_t run = 0; run < sides_[side].runs.size(); ++run) heads_.push_back({side, run});
+    }
+    std::ranges::make_heap(heads_, [this](Head a, Head b) { return isLater(a, b); });
+}
+
+void TLSEntryMerge::findRuns(Side& side) const
+{
+    double latest = 0;
+    TLSEntryWalk::Place before;
+    for (TLSEntryWalk walk(side.direction, stream_); walk.next(); before = walk.place()) {
+        if (side.runs.empty() || walk.timestamp() < latest) side.runs.push_back({before, walk.timestamp()});
+        latest = walk.timestamp();
+    }
+}
+
+// A direction's items follow each other by their first bytes, so that at one time an earlier run goes before a later one.
+bool TLSEntryMerge::isLater(Head a, Head b) const
+{
+    const auto key = [this](Head head) { return std::tuple(sides_[head.side].runs[head.run].timestamp, head.side, head.run); };
+    return key(a) > key(b);
+}
+
+bool TLSEntryMerge::passItem(Head head)
+{
+    TLSEntryWalk& walk = *sides_[head.side].walk;
+    const auto place = walk.place();
+    const double timestamp = walk.timestamp();
+    if (!walk.next() || walk.timestamp() < timestamp) {
+        sides_[head.side].walk.reset();
+        return false;
+    }
+    sides_[head.side].runs[head.run] = {place, walk.timestamp()};
+    return true;
+}
+
+TLSEntryWalk* TLSEntryMerge::next()
+{
+    const auto isLaterHead = [this](Head a, Head b) { return isLater(a, b); };
+    if (isOnItem_) {
+        const Head head = heads_.front();
+        std::ranges::pop_heap(heads_, isLaterHead);
+        heads_.pop_back();
+        if (passItem(head)) {
+            heads_.push_back(head);
+            std::ranges::push_heap(heads_, isLaterHead);
+        }
+        isOnItem_ = false;
+    }
+    if (heads_.empty()) return nullptr;
+    isOnItem_ = true;
+    const Head head = heads_.front();
+    Side& side = sides_[head.side];
+    if (!side.walk || side.walked != head.run) {
+        side.walk.emplace(side.direction, stream_, side.runs[head.run].place);
+        side.walk->next();
+        side.walked = head.run;
+    }
+    return &*side.walk;
+}
+
+}  // namespace sealscope
