@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <bit>
 #include <functional>
+#include <span>
 #include <string_view>
 #include <utility>
 
@@ -113,17 +114,25 @@ std::array<std::uint8_t, 13> TLS12RecordDecryptor::additionalData(std::uint64_t 
     return bytes;
 }
 
-void TLS12RecordDecryptor::mixSequence(std::span<std::uint8_t> iv, std::uint64_t sequence)
+TLS12RecordDecryptor::Nonce TLS12RecordDecryptor::mixedNonce(DataView iv, std::uint64_t sequence)
 {
-    if (iv.size() < 8) return;
-    const std::span last = iv.last<8>();
-    std::ranges::transform(last, sequenceBytes(sequence), last.begin(), std::bit_xor());
+    Nonce nonce(iv.begin(), iv.end());
+    if (nonce.size() < 8) return nonce;
+    const auto last = nonce.end() - 8;
+    std::ranges::transform(std::span(last, nonce.end()), sequenceBytes(sequence), last, std::bit_xor());
+    return nonce;
 }
 
-std::vector<std::uint8_t> TLS12RecordDecryptor::chaChaNonce(DataView fixedIV, std::uint64_t sequence)
+TLS12RecordDecryptor::Nonce TLS12RecordDecryptor::chaChaNonce(DataView fixedIV, std::uint64_t sequence)
 {
-    std::vector<std::uint8_t> nonce(fixedIV.begin(), fixedIV.end());
-    if (nonce.size() == 12) mixSequence(nonce, sequence);
+    return fixedIV.size() == 12 ? mixedNonce(fixedIV, sequence) : Nonce(fixedIV.begin(), fixedIV.end());
+}
+
+TLS12RecordDecryptor::Nonce TLS12RecordDecryptor::gcmNonce(DataView fixedIV, const ScatteredView& payload)
+{
+    Nonce nonce(static_cast<std::size_t>(fixedIV.size() + explicitNonceLength));
+    const auto explicitPart = std::ranges::copy(fixedIV, nonce.begin()).out;
+    payload.copy(std::span(explicitPart, nonce.end()));
     return nonce;
 }
 
@@ -139,22 +148,17 @@ std::optional<std::int64_t> TLS12RecordDecryptor::Opener::open(std::uint64_t seq
     const std::int64_t length = payload.size() - prefix - AEADOpener::tagSize;
     if (length < 0) return std::nullopt;
 
-    nonce_.assign(fixedIV_.begin(), fixedIV_.end());
-    if (isGCM) {
-        nonce_.resize(nonce_.size() + explicitNonceLength);
-        payload.copy(std::span(nonce_).last(explicitNonceLength));
-    } else if (nonce_.size() == 12) {
-        mixSequence(nonce_, sequence);
-    }
+    const DataView fixedIV = viewOf(fixedIV_);
+    const Nonce nonce = isGCM ? gcmNonce(fixedIV, payload) : chaChaNonce(fixedIV, sequence);
     std::array<std::uint8_t, AEADOpener::tagSize> tag;
     payload.from(prefix + length).copy(tag);
     constexpr auto contentType = std::to_underlying(TLSContentType::applicationData);
     const auto header = additionalData(sequence, contentType, version, static_cast<std::uint16_t>(length));
-    const bool isOpen = aead_.open(nonce_, DataView(header), payload.sub(prefix, length), DataView(tag), plaintext);
+    const bool isOpen = aead_.open(std::span(nonce), DataView(header), payload.sub(prefix, length), DataView(tag), plaintext);
     return isOpen ? std::optional(length) : std::nullopt;
 }
 
-bool TLS12RecordDecryptor::Walk::advance(std::uint8_t contentType)
+bool TLS12RecordDecryptor::Walk::advance(std::uint8_t contentType, std::int64_t count)
 {
     const bool isChange = contentType == std::to_underlying(TLSContentType::changeCipherSpec);
     if (changeCipherSpecs_ == 0) {
@@ -163,7 +167,7 @@ bool TLS12RecordDecryptor::Walk::advance(std::uint8_t contentType)
     }
     // Every record counts from here on, a further ChangeCipherSpec too.
     if (isChange) ++changeCipherSpecs_;
-    ++sequence_;
+    sequence_ += static_cast<std::uint64_t>(count);
     return contentType == std::to_underlying(TLSContentType::applicationData);
 }
 

@@ -5,10 +5,10 @@
 #include "platform/AEAD.h"
 #include "platform/SymmetricKey.h"
 
+#include <absl/container/inlined_vector.h>
 #include <array>
 #include <cstdint>
 #include <optional>
-#include <span>
 #include <vector>
 
 namespace sealscope {
@@ -61,11 +61,15 @@ struct TLS12RecordDecryptor {
     /// Additional data of a record (RFC 5246 §6.2.3.3); `length` is that of the plaintext.
     static std::array<std::uint8_t, 13> additionalData(std::uint64_t sequence, std::uint8_t contentType, std::uint16_t version,
                                                        std::uint16_t length);
-    /// The nonce of RFC 7905 §2 and RFC 8446 §5.3 from an IV: the sequence number is mixed into the last 8 bytes. Fewer bytes stay
-    /// as they are.
-    static void mixSequence(std::span<std::uint8_t> iv, std::uint64_t sequence);
+    /// The bytes of a nonce: 12 as a rule.
+    using Nonce = absl::InlinedVector<std::uint8_t, 16>;
+    /// The nonce of RFC 7905 §2 and RFC 8446 §5.3: the IV with the sequence number mixed into its last 8 bytes; one that has fewer
+    /// stays as it is.
+    static Nonce mixedNonce(DataView iv, std::uint64_t sequence);
     /// RFC 7905 §2. An IV that does not have 12 bytes stays as it is.
-    static std::vector<std::uint8_t> chaChaNonce(DataView fixedIV, std::uint64_t sequence);
+    static Nonce chaChaNonce(DataView fixedIV, std::uint64_t sequence);
+    /// RFC 5288 §3: the IV, then the explicit nonce that the record begins with.
+    static Nonce gcmNonce(DataView fixedIV, const ScatteredView& payload);
     /// The plaintext, or nothing when the record is too short or does not authenticate.
     static std::optional<Data> decrypt(const TLS12Record& record, const DirectionKeys& keys, std::uint64_t sequence, AEADCipher cipher);
     /// Opens what opens of a direction's application data, from its ChangeCipherSpec on; what does not open is left out.
@@ -89,7 +93,6 @@ private:
     AEADCipher cipher_;
     SecretBytes fixedIV_;
     AEADOpener aead_;
-    std::vector<std::uint8_t> nonce_;
 };
 
 /// The walk of a direction, one record at a time: which records are protected, and which sequence number each has.
@@ -97,8 +100,9 @@ class TLS12RecordDecryptor::Walk {
 public:
     Walk(const DirectionKeys& keys, AEADCipher cipher) : opener_(keys, cipher) {}
 
-    /// Moves on to a direction's next record. True when it is protected application data, which `open` opens.
-    bool advance(std::uint8_t contentType);
+    /// Moves on to a direction's next record. True when it is protected application data, which `open` opens. `count` of one
+    /// type in a row may be passed at once where nobody opens them.
+    bool advance(std::uint8_t contentType, std::int64_t count = 1);
     std::optional<std::int64_t> open(std::uint16_t version, const ScatteredView& payload, std::uint8_t* plaintext)
     {
         return opener_.open(sequence_ - 1, version, payload, plaintext);

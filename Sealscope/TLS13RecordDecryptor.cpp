@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <span>
 #include <utility>
 
 namespace sealscope {
@@ -63,11 +64,9 @@ TLS13TrafficKeys TLS13RecordDecryptor::trafficKeys(DataView secret, const TLS13S
     return {.key = SymmetricKey(expand("key", suite.keyLength)), .iv = expand("iv", suite.ivLength)};
 }
 
-std::vector<std::uint8_t> TLS13RecordDecryptor::recordNonce(DataView iv, std::uint64_t sequence)
+TLS12RecordDecryptor::Nonce TLS13RecordDecryptor::recordNonce(DataView iv, std::uint64_t sequence)
 {
-    std::vector<std::uint8_t> nonce(iv.begin(), iv.end());
-    TLS12RecordDecryptor::mixSequence(nonce, sequence);
-    return nonce;
+    return TLS12RecordDecryptor::mixedNonce(iv, sequence);
 }
 
 std::optional<Data> TLS13RecordDecryptor::open(const TLS13CipherRecord& record, const SymmetricKey& key, DataView nonce, AEADCipher cipher)
@@ -125,13 +124,11 @@ std::optional<TLS13RecordDecryptor::Opened> TLS13RecordDecryptor::Walk::open(Epo
     const bool isApplication = &epoch == &application_;
     if (std::exchange(hasApplicationKey_, isApplication) != isApplication) aead_.setKey(epoch.keys.key.bytes());
     const std::int64_t length = body.size() - AEADOpener::tagSize;
-    std::array<std::uint8_t, ivLength> nonce;
-    std::copy_n(epoch.keys.iv.begin(), ivLength, nonce.begin());
-    TLS12RecordDecryptor::mixSequence(nonce, epoch.sequence);
+    const auto nonce = recordNonce(viewOf(epoch.keys.iv), epoch.sequence);
     std::array<std::uint8_t, AEADOpener::tagSize> tag;
     body.from(length).copy(tag);
     // A record that does not open leaves the sequence number as it is.
-    if (!aead_.open(DataView(nonce), header, body.sub(0, length), DataView(tag), plaintext)) return std::nullopt;
+    if (!aead_.open(std::span(nonce), header, body.sub(0, length), DataView(tag), plaintext)) return std::nullopt;
     const auto inner = innerPlaintext({plaintext, length});
     if (!inner) return std::nullopt;
     ++epoch.sequence;

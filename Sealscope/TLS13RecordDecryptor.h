@@ -55,7 +55,7 @@ struct TLS13RecordDecryptor {
     /// The keys of a traffic secret of any length (RFC 8446 §7.3).
     static TLS13TrafficKeys trafficKeys(DataView secret, const TLS13SuiteParameters& suite);
     /// RFC 8446 §5.3. An IV shorter than 8 bytes stays as it is.
-    static std::vector<std::uint8_t> recordNonce(DataView iv, std::uint64_t sequence);
+    static TLS12RecordDecryptor::Nonce recordNonce(DataView iv, std::uint64_t sequence);
     /// The inner plaintext, or nothing when the record is too short or does not authenticate.
     static std::optional<Data> open(const TLS13CipherRecord& record, const SymmetricKey& key, DataView nonce, AEADCipher cipher);
     /// Inner content type and content of an inner plaintext, which ends in the type and any number of zeros (RFC 8446 §5.2);

@@ -24,7 +24,7 @@ const DetailRow decryptedRow{.name = "TLS", .value = "decrypted"};
 /// Whether a direction has plaintext. The first byte of it settles that.
 bool opens(const TCPStream& stream, Direction direction, const Context& context, const TLSKeyLog& keyLog)
 {
-    auto walk = TLSDirectionWalk::begin(stream.data(direction), direction, context, keyLog);
+    auto walk = TLSStreamDecryption::directionWalk(stream.data(direction), direction, context, keyLog);
     return walk && walk->nextApplicationData();
 }
 
@@ -34,7 +34,7 @@ public:
     static std::unique_ptr<PlaintextReader> begin(const TCPStream& stream, Direction direction, const Context& context, TLSKeyLog keyLog)
     {
         auto reader = std::unique_ptr<DirectionReader>(new DirectionReader(stream, direction, context, std::move(keyLog)));
-        reader->walk_ = TLSDirectionWalk::begin(reader->stream_.data(direction), direction, reader->context_, reader->keyLog_);
+        reader->walk_ = TLSStreamDecryption::directionWalk(reader->stream_.data(direction), direction, reader->context_, reader->keyLog_);
         if (!reader->walk_) return nullptr;
         return reader;
     }
@@ -222,9 +222,9 @@ TCPStream TLSDecryptionProbe::decryptedStream(const TCPStream& stream, const std
                                               const std::optional<DirectionPlain>& server)
 {
     TCPStream plaintext = stream;
-    plaintext.clientToServerData = client ? client->data : Data();
+    plaintext.clientToServerData = client ? client->data : StreamData();
     plaintext.clientByteIndex = client ? client->index : ByteToSegmentIndex::empty;
-    plaintext.serverToClientData = server ? server->data : Data();
+    plaintext.serverToClientData = server ? server->data : StreamData();
     plaintext.serverByteIndex = server ? server->index : ByteToSegmentIndex::empty;
     return plaintext;
 }

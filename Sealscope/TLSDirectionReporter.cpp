@@ -65,15 +65,11 @@ std::string alertName(std::uint8_t description)
 
 }  // namespace
 
-// Lost bytes stand as zeros, so only zeros need to be looked up.
-bool hasLostBytes(const TCPStream& stream, Direction direction, ByteRange range)
+bool hasLostBytes(const StreamData& data, ByteRange range)
 {
-    std::vector<std::uint8_t> gathered;
-    const DataView bytes = stream.data(direction).gather(range.lower, range.size(), gathered);
-    for (std::int64_t i = 0; i < bytes.size(); ++i) {
-        if (bytes[i] != 0) continue;
-        if (stream.locate({range.lower + i, range.lower + i + 1}, direction).packetIds.empty()) return true;
-    }
+    const std::int64_t upper = std::min(range.upper, data.size());
+    for (std::int64_t offset = std::max<std::int64_t>(range.lower, 0); offset < upper; offset += data.stretch(offset).size())
+        if (data.hole(offset)) return true;
     return false;
 }
 
@@ -122,7 +118,7 @@ TLSDirectionReport TLSDirectionReporter::report(Direction direction) const
     if (!applicationSecret(direction)) return notBegun(Stop::noSecret);
     // Of most connections there is so little that to look up where each record lies costs more than to copy it all.
     const StreamData data = captured.size() <= littleData ? StreamData(captured.whole()) : captured;
-    auto walk = TLSDirectionWalk::begin(data, direction, context_, keyLog_);
+    auto walk = TLSStreamDecryption::directionWalk(data, direction, context_, keyLog_);
     if (!walk) return notBegun(Stop::badSecret);
     Progress progress;
     for (auto step = walk->next(); step != TLSDirectionWalk::Step::end; step = walk->next()) progress.take(step, *walk);
@@ -153,7 +149,7 @@ void TLSDirectionReporter::settleStop(TLSDirectionReport& report, const TLSFrami
     };
     if (framing.foreign && (!refusal.record || framing.foreign->recordOffset < refusal.record->recordOffset)) {
         const std::int64_t offset = framing.foreign->recordOffset;
-        const bool isLost = hasLostBytes(stream_, direction, {offset, offset + TLSRecord::headerLength});
+        const bool isLost = hasLostBytes(stream_.data(direction), {offset, offset + TLSRecord::headerLength});
         return stopAt(isLost ? Stop::lostBytes : Stop::noRecord, offset);
     }
     if (refusal.record) return stopAt(reason(report, refusal, direction), refusal.record->recordOffset);
@@ -164,7 +160,7 @@ void TLSDirectionReporter::settleStop(TLSDirectionReport& report, const TLSFrami
 Stop TLSDirectionReporter::reason(const TLSDirectionReport& report, const Progress::Refusal& refusal, Direction direction) const
 {
     const TLSRecord& record = *refusal.record;
-    if (hasLostBytes(stream_, direction, {record.recordOffset, record.endOffset()})) return Stop::lostBytes;
+    if (hasLostBytes(stream_.data(direction), {record.recordOffset, record.endOffset()})) return Stop::lostBytes;
     if (refusal.followsRenegotiation) return Stop::renegotiation;
     if (refusal.followsKeyUpdate) return Stop::keyUpdate;
     if (report.openedRecords > 0 || !context_.isTLS13) return Stop::doesNotOpen;

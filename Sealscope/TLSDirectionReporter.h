@@ -57,8 +57,8 @@ private:
     const TLSKeyLog& keyLog_;
 };
 
-/// Whether some byte of a range of a direction was carried by no packet.
-bool hasLostBytes(const TCPStream& stream, TCPSegment::Direction direction, ByteRange range);
+/// Whether some byte of a range lies in a hole.
+bool hasLostBytes(const StreamData& data, ByteRange range);
 /// The first alert of a direction before anything is encrypted.
 std::optional<TLSAlertReport> clearAlert(const StreamData& data);
 

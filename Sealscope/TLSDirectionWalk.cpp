@@ -12,34 +12,8 @@ namespace sealscope {
 
 namespace {
 
-constexpr std::int64_t masterSecretLength = 48;  // RFC 5246 §8.1
-constexpr std::int64_t smallBuffer = 2'048;      // a record of a packet or so
+constexpr std::int64_t smallBuffer = 2'048;  // a record of a packet or so
 constexpr std::uint8_t applicationData = std::to_underlying(TLSContentType::applicationData);
-
-std::optional<TLS12RecordDecryptor::Walk> beginTLS12(TCPSegment::Direction direction, const TLSStreamDecryption::Context& context,
-                                                     const TLSKeyLog& keyLog)
-{
-    const auto masterSecret = keyLog.secrets.find(secretLabels(false, direction).application, context.clientRandom);
-    if (!masterSecret || masterSecret->size() != masterSecretLength) return std::nullopt;
-    const auto parameters = TLS12RecordDecryptor::suiteParameters(context.cipherSuite);
-    if (!parameters) return std::nullopt;
-    const auto keys =
-        TLS12RecordDecryptor::directionKeys(direction, *parameters, context.clientRandom, context.serverRandom, *masterSecret);
-    if (!keys) return std::nullopt;
-    return TLS12RecordDecryptor::Walk(*keys, parameters->cipher);
-}
-
-std::optional<TLS13RecordDecryptor::Walk> beginTLS13(TCPSegment::Direction direction, const TLSStreamDecryption::Context& context,
-                                                     const TLSKeyLog& keyLog)
-{
-    const TLSSecretLabels labels = secretLabels(true, direction);
-    const auto applicationSecret = keyLog.secrets.find(labels.application, context.clientRandom);
-    if (!applicationSecret) return std::nullopt;
-    const auto handshakeSecret = keyLog.secrets.find(labels.handshake, context.clientRandom);
-    const auto suite = TLS13RecordDecryptor::suiteParameters(context.cipherSuite);
-    if (!suite) return std::nullopt;
-    return TLS13RecordDecryptor::Walk(handshakeSecret, *applicationSecret, *suite);
-}
 
 /// Whether a header can be one of TLS at all; after lost bytes headers are read where none are. 24 is a heartbeat.
 bool isForeign(const TLSRecord& record) { return record.contentType < 20 || record.contentType > 24 || record.majorVersion != 3; }
@@ -77,20 +51,9 @@ TLSFraming framingOf(const StreamData& data, bool isTLS13)
     return framing;
 }
 
-std::optional<TLSDirectionWalk> TLSDirectionWalk::begin(const StreamData& data, TCPSegment::Direction direction,
-                                                        const TLSStreamDecryption::Context& context, const TLSKeyLog& keyLog)
+bool TLSDirectionWalk::isProtected(const TLSRecord& record, std::int64_t count)
 {
-    if (context.isTLS13) {
-        if (auto walk = beginTLS13(direction, context, keyLog)) return TLSDirectionWalk(data, std::move(*walk));
-    } else {
-        if (auto walk = beginTLS12(direction, context, keyLog)) return TLSDirectionWalk(data, std::move(*walk));
-    }
-    return std::nullopt;
-}
-
-bool TLSDirectionWalk::isProtected(const TLSRecord& record)
-{
-    if (auto* walk = std::get_if<TLS12RecordDecryptor::Walk>(&records_)) return walk->advance(record.contentType);
+    if (auto* walk = std::get_if<TLS12RecordDecryptor::Walk>(&records_)) return walk->advance(record.contentType, count);
     return record.contentType == applicationData;
 }
 
@@ -99,11 +62,11 @@ bool TLSDirectionWalk::moveToProtectedRecord()
     bool isFound = false;
     forEachRecord(
         reader_,
-        [&](const TLSRecord& record) {
-            isFound = !record.isTruncated && isProtected(record);
+        [&](const TLSRecord& record, std::int64_t count) {
+            isFound = !record.isTruncated && isProtected(record, count);
             framing_.take(record, isFound);
             if (record.isTruncated) return false;
-            nextOffset_ = record.endOffset();
+            nextOffset_ = record.endOffset() + (count - 1) * TLSRecord::headerLength;
             if (isFound) record_ = record;
             return !isFound;
         },
@@ -131,9 +94,8 @@ std::optional<TLS13RecordDecryptor::Opened> TLSDirectionWalk::open(const Scatter
     return std::get<TLS13RecordDecryptor::Walk>(records_).open(DataView(header), body, target);
 }
 
-TLSDirectionWalk::Step TLSDirectionWalk::next(std::uint8_t* target)
+TLSDirectionWalk::Step TLSDirectionWalk::openRecord(std::uint8_t* target)
 {
-    if (hasEnded_ || !moveToProtectedRecord()) return Step::end;
     data_->findStretches(record_.bodyOffset, record_.declaredLength, stretches_);
     const ScatteredView body(stretches_);
     if (!target) {

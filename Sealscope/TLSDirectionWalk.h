@@ -1,12 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "Sealscope/TLS12RecordDecryptor.h"
+#include "Sealscope/TLS13RecordDecryptor.h"
 #include "Sealscope/TLSRecord.h"
-#include "Sealscope/TLSStreamDecryption.h"
+#include "host/VELModels/StreamData.h"
 
+#include <concepts>
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -26,12 +30,14 @@ struct TLSFraming {
 TLSFraming framingOf(const StreamData& data, bool isTLS13);
 
 /// Opens the protected records of one direction of a stream one after another. Everything that decrypts a stream does it
-/// by this walk, and takes from it no more records than it needs. Used by one thread; outlived by the data.
+/// by this walk, and takes from it no more records than it needs. It knows the keys, and not where they come from:
+/// `TLSStreamDecryption::directionWalk` makes it. Used by one thread; outlived by the data.
 class TLSDirectionWalk {
 public:
-    /// Nothing when the key log lacks the direction's secret or has one of no usable length, or the suite cannot be opened.
-    static std::optional<TLSDirectionWalk> begin(const StreamData& data, TCPSegment::Direction direction,
-                                                 const TLSStreamDecryption::Context& context, const TLSKeyLog& keyLog);
+    /// The keys of a version, and what their use has come to.
+    using Records = std::variant<TLS12RecordDecryptor::Walk, TLS13RecordDecryptor::Walk>;
+
+    TLSDirectionWalk(const StreamData& data, Records records) : data_(&data), reader_(data), records_(std::move(records)) {}
 
     enum class Step : std::uint8_t {
         opened,   ///< `innerType` and `plaintext` tell what came out
@@ -40,7 +46,16 @@ public:
     };
     /// Moves on to the next protected record and opens it into `target`, which has room for as many bytes as the record has;
     /// without one, into a buffer of the walk.
-    Step next(std::uint8_t* target = nullptr);
+    Step next(std::uint8_t* target = nullptr)
+    {
+        return next([target](std::int64_t) { return target; });
+    }
+    /// The same into what `room` gives for the number of bytes that the record has.
+    template <std::invocable<std::int64_t> Room> Step next(const Room& room)
+    {
+        if (hasEnded_ || !moveToProtectedRecord()) return Step::end;
+        return openRecord(room(record_.declaredLength));
+    }
     /// Moves on to the next record of application data that opens and is not empty; false at the end.
     bool nextApplicationData();
 
@@ -55,11 +70,9 @@ public:
     const TLSFraming& passToEnd();
 
 private:
-    using Records = std::variant<TLS12RecordDecryptor::Walk, TLS13RecordDecryptor::Walk>;
-    TLSDirectionWalk(const StreamData& data, Records records) : data_(&data), reader_(data), records_(std::move(records)) {}
-
     bool moveToProtectedRecord();
-    bool isProtected(const TLSRecord& record);
+    Step openRecord(std::uint8_t* target);
+    bool isProtected(const TLSRecord& record, std::int64_t count);
     std::optional<TLS13RecordDecryptor::Opened> open(const ScatteredView& body, std::uint8_t* target);
 
     const StreamData* data_;

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Sealscope/TLSStreamDecryption.h"
 
-#include "Sealscope/TLSDirectionWalk.h"
 #include "Sealscope/TLSDissector.h"
 #include "Sealscope/TLSKeyLogStore.h"
 #include "Sealscope/TLSNames.h"
@@ -10,7 +9,9 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <iterator>
 #include <memory>
+#include <new>
 #include <utility>
 
 namespace sealscope {
@@ -27,12 +28,12 @@ auto firstMessage(const StreamData& bytes, TLSHandshakeType type, Parse parse) -
 {
     decltype(parse(DataView{}, std::int64_t{})) found;
     std::vector<std::uint8_t> gathered;
+    StreamReader inside(bytes);
     forEachRecord(bytes, [&](const TLSRecord& record) {
         if (record.isTruncated || record.contentType != std::to_underlying(TLSContentType::handshake)) return true;
-        const DataView body = bytes.gather(record.bodyOffset, record.declaredLength, gathered);
-        forEachHandshakeMessage(body, record.bodyOffset, [&](const TLSHandshakeMessage& message) {
+        forEachHandshakeMessage(inside, record, [&](const TLSHandshakeMessage& message) {
             if (message.isTruncated || message.handshakeType != std::to_underlying(type)) return true;
-            found = parse(body.sub(message.bodyOffset - record.bodyOffset, message.length), message.bodyOffset);
+            found = parse(bytes.gather(message.bodyOffset, message.length, gathered), message.bodyOffset);
             return !found;
         });
         return !found;
@@ -77,32 +78,137 @@ private:
 struct Free {
     void operator()(std::uint8_t* bytes) const { std::free(bytes); }
 };
-using Memory = std::unique_ptr<std::uint8_t[], Free>;
 
-/// What the walk opens, in one piece of memory. A record's plaintext is shorter than the record, so a direction's plaintext
-/// is shorter than the direction: records are opened straight to where they belong, and what is left over is given back.
-/// The memory that nothing was written to never existed.
+/// The plaintext of a direction that does not lie in one place.
+class PlaintextPieces final : public StreamByteSource {
+public:
+    struct Piece {
+        std::int64_t begin = 0;
+        std::int64_t end = 0;
+        std::int64_t capacity = 0;
+        std::unique_ptr<std::uint8_t[], Free> bytes;
+    };
+    explicit PlaintextPieces(std::vector<Piece> pieces) : pieces_(std::move(pieces)) {}
+
+    DataView stretch(std::int64_t offset) const override
+    {
+        const Piece& piece = *std::prev(std::ranges::upper_bound(pieces_, offset, {}, &Piece::begin));
+        return {piece.bytes.get() + (offset - piece.begin), piece.end - offset};
+    }
+
+private:
+    std::vector<Piece> pieces_;
+};
+
+/// Lays plaintext end to end. Records are opened straight to where they belong; memory that nothing was written to never existed,
+/// and what is left over is given back.
+class PlaintextJoiner {
+public:
+    /// `expected`: as many bytes as a direction may have, where they are known.
+    explicit PlaintextJoiner(std::int64_t expected) : next_(expected) {}
+
+    /// Room for `count` bytes behind those that are there.
+    std::uint8_t* room(std::int64_t count)
+    {
+        if (pieces_.empty() || pieces_.back().capacity - (size_ - pieces_.back().begin) < count) begin(count);
+        return pieces_.back().bytes.get() + (size_ - pieces_.back().begin);
+    }
+    /// That many bytes of it were written.
+    void take(std::int64_t count) { size_ = pieces_.back().end = size_ + count; }
+    void append(DataView bytes)
+    {
+        std::ranges::copy(bytes, room(bytes.size()));
+        take(bytes.size());
+    }
+    std::int64_t size() const { return size_; }
+
+    StreamData data() &&
+    {
+        PlaintextPieces::Piece& last = pieces_.back();
+        if (auto* const shrunk = std::realloc(last.bytes.get(), static_cast<std::size_t>(last.end - last.begin))) {
+            (void)last.bytes.release();
+            last.bytes.reset(static_cast<std::uint8_t*>(shrunk));
+        }
+        if (pieces_.size() > 1) return {std::make_shared<PlaintextPieces>(std::move(pieces_)), size_};
+        const std::uint8_t* const bytes = last.bytes.get();
+        return Data(std::shared_ptr<const std::uint8_t[]>(std::move(last.bytes)), {bytes, size_});
+    }
+
+private:
+    static constexpr std::int64_t pieceSize = 1 << 20;
+
+    void begin(std::int64_t count)
+    {
+        // All of it in one place where there is one; else, and for what goes beyond, piece by piece.
+        for (const std::int64_t capacity : {std::exchange(next_, pieceSize), pieceSize, count}) {
+            if (capacity < count) continue;
+            std::unique_ptr<std::uint8_t[], Free> bytes(static_cast<std::uint8_t*>(std::malloc(static_cast<std::size_t>(capacity))));
+            if (!bytes) continue;
+            pieces_.push_back({size_, size_, capacity, std::move(bytes)});
+            return;
+        }
+        throw std::bad_alloc();
+    }
+
+    std::int64_t next_;  ///< capacity of the next piece
+    std::int64_t size_ = 0;
+    std::vector<PlaintextPieces::Piece> pieces_;
+};
+
+/// What the walk opens. A record's plaintext is shorter than the record, so that a direction's is shorter than its captured
+/// bytes; a hole is none of it.
 std::optional<DirectionPlain> joined(TLSDirectionWalk walk, const StreamData& data, const ByteToSegmentIndex& captured)
 {
-    Memory memory(static_cast<std::uint8_t*>(std::malloc(static_cast<std::size_t>(data.size()))));
-    if (!memory) return std::nullopt;
+    PlaintextJoiner plaintext(data.size() - data.holeBytes());
     auto locator = std::make_shared<PlaintextLocator>(captured);
-    std::int64_t size = 0;
     for (auto step = TLSDirectionWalk::Step::opened; step != TLSDirectionWalk::Step::end;) {
-        step = walk.next(memory.get() + size);
-        if (step != TLSDirectionWalk::Step::opened) continue;
-        if (walk.innerType() != std::to_underlying(TLSContentType::applicationData)) continue;
-        size += walk.plaintext().size();
-        locator->add(size, {walk.record().bodyOffset, walk.record().endOffset()});
+        step = walk.next([&](std::int64_t count) { return plaintext.room(count); });
+        if (step != TLSDirectionWalk::Step::opened || walk.innerType() != std::to_underlying(TLSContentType::applicationData)) continue;
+        plaintext.take(walk.plaintext().size());
+        locator->add(plaintext.size(), {walk.record().bodyOffset, walk.record().endOffset()});
     }
-    if (size == 0) return std::nullopt;
-    if (auto* shrunk = static_cast<std::uint8_t*>(std::realloc(memory.get(), static_cast<std::size_t>(size)))) {
-        (void)memory.release();
-        memory.reset(shrunk);
+    if (plaintext.size() == 0) return std::nullopt;
+    return DirectionPlain{.data = std::move(plaintext).data(), .index = ByteToSegmentIndex(std::move(locator))};
+}
+
+/// The same of a list of opened records.
+template <class Record> std::optional<DirectionPlain> joined(const std::vector<Record>& records, auto isWanted)
+{
+    PlaintextJoiner plaintext(0);
+    std::vector<ByteSpan> spans;
+    for (const Record& record : records) {
+        if (!isWanted(record)) continue;
+        const std::int64_t start = plaintext.size();
+        plaintext.append(record.plaintext);
+        if (!record.packetIds.empty()) spans.push_back({{start, plaintext.size()}, record.packetIds, record.timestamp});
     }
-    const std::uint8_t* const bytes = memory.get();
-    return DirectionPlain{.data = Data(std::shared_ptr<const std::uint8_t[]>(std::move(memory)), {bytes, size}),
-                          .index = ByteToSegmentIndex(std::move(locator))};
+    if (plaintext.size() == 0) return std::nullopt;
+    return DirectionPlain{.data = std::move(plaintext).data(), .index = ByteToSegmentIndex(std::move(spans))};
+}
+
+constexpr std::int64_t masterSecretLength = 48;  // RFC 5246 §8.1
+
+std::optional<TLS12RecordDecryptor::Walk> beginTLS12(Direction direction, const Context& context, const TLSKeyLog& keyLog)
+{
+    const auto masterSecret = keyLog.secrets.find(secretLabels(false, direction).application, context.clientRandom);
+    if (!masterSecret || masterSecret->size() != masterSecretLength) return std::nullopt;
+    const auto parameters = TLS12RecordDecryptor::suiteParameters(context.cipherSuite);
+    if (!parameters) return std::nullopt;
+    const auto keys =
+        TLS12RecordDecryptor::directionKeys(direction, *parameters, context.clientRandom, context.serverRandom, *masterSecret);
+    if (!keys) return std::nullopt;
+    return TLS12RecordDecryptor::Walk(*keys, parameters->cipher);
+}
+
+std::optional<TLS13RecordDecryptor::Walk> beginTLS13(Direction direction, const Context& context, const TLSKeyLog& keyLog)
+{
+    const TLSSecretLabels labels = secretLabels(true, direction);
+    const auto applicationSecret = keyLog.secrets.find(labels.application, context.clientRandom);
+    if (!applicationSecret) return std::nullopt;
+    const auto handshakeSecret = keyLog.secrets.find(labels.handshake, context.clientRandom);
+    const auto suite = TLS13RecordDecryptor::suiteParameters(context.cipherSuite);
+    if (!suite) return std::nullopt;
+    return TLS13RecordDecryptor::Walk(handshakeSecret, *applicationSecret, *suite);
 }
 
 }  // namespace
@@ -164,7 +270,7 @@ std::optional<DirectionPlain> TLSStreamDecryption::decrypt(Direction direction, 
                                                            const TLSKeyLog& keyLog)
 {
     const StreamData& data = stream.data(direction);
-    auto walk = TLSDirectionWalk::begin(data, direction, context, keyLog);
+    auto walk = directionWalk(data, direction, context, keyLog);
     if (!walk) return std::nullopt;
     return joined(std::move(*walk), data, direction == Direction::serverToClient ? stream.serverByteIndex : stream.clientByteIndex);
 }
@@ -185,16 +291,25 @@ std::optional<DirectionPlain> TLSStreamDecryption::decryptTLS13(Direction direct
 
 std::optional<DirectionPlain> TLSStreamDecryption::plainDirection(const std::vector<TLS12DecryptedRecord>& records)
 {
-    std::vector<std::uint8_t> bytes;
-    std::vector<ByteSpan> spans;
-    for (const TLS12DecryptedRecord& record : records) {
-        const auto start = static_cast<std::int64_t>(bytes.size());
-        bytes.insert(bytes.end(), record.plaintext.view().begin(), record.plaintext.view().end());
-        if (!record.packetIds.empty())
-            spans.push_back({{start, static_cast<std::int64_t>(bytes.size())}, record.packetIds, record.timestamp});
+    return joined(records, [](const TLS12DecryptedRecord&) { return true; });
+}
+
+std::optional<DirectionPlain> TLSStreamDecryption::plainDirection(const std::vector<TLS13DecryptedRecord>& records)
+{
+    return joined(records, [](const TLS13DecryptedRecord& record) {
+        return record.innerType == std::to_underlying(TLSContentType::applicationData);
+    });
+}
+
+std::optional<TLSDirectionWalk> TLSStreamDecryption::directionWalk(const StreamData& data, Direction direction, const Context& context,
+                                                                   const TLSKeyLog& keyLog)
+{
+    if (context.isTLS13) {
+        if (auto walk = beginTLS13(direction, context, keyLog)) return TLSDirectionWalk(data, std::move(*walk));
+    } else {
+        if (auto walk = beginTLS12(direction, context, keyLog)) return TLSDirectionWalk(data, std::move(*walk));
     }
-    if (bytes.empty()) return std::nullopt;
-    return DirectionPlain{.data = Data(std::move(bytes)), .index = ByteToSegmentIndex(std::move(spans))};
+    return std::nullopt;
 }
 
 }  // namespace sealscope

@@ -3,6 +3,7 @@
 
 #include "Sealscope/TLS12RecordDecryptor.h"
 #include "Sealscope/TLS13RecordDecryptor.h"
+#include "Sealscope/TLSDirectionWalk.h"
 #include "Sealscope/TLSHandshake.h"
 #include "Sealscope/TLSKeyLog.h"
 #include "host/VELModels/TCPStream.h"
@@ -31,9 +32,10 @@ struct TLSStreamDecryption {
     /// Why a stream has no context.
     enum class ContextFailure : std::uint8_t { noHandshake, unsupportedVersion };
 
-    /// The plaintext of one direction: its application data, and which packets carried them.
+    /// The plaintext of one direction: its application data, and which packets carried them. The bytes of one record lie in one
+    /// place, and those of most directions all in one.
     struct DirectionPlain {
-        Data data;
+        StreamData data;
         ByteToSegmentIndex index;
     };
 
@@ -54,8 +56,14 @@ struct TLSStreamDecryption {
     /// One of the two, by the context's version, with the secrets of a key log.
     static std::optional<DirectionPlain> decrypt(TCPSegment::Direction direction, const TCPStream& stream, const Context& context,
                                                  const TLSKeyLog& keyLog);
-    /// Opened records one behind another; nothing when they hold no byte.
+    /// The opened records of a list one behind another; nothing when they hold no byte. Of TLS 1.3 application data alone.
     static std::optional<DirectionPlain> plainDirection(const std::vector<TLS12DecryptedRecord>& records);
+    static std::optional<DirectionPlain> plainDirection(const std::vector<TLS13DecryptedRecord>& records);
+
+    /// A walk that opens a direction's records with the secrets of a key log: what all of the above does it by. Nothing when the
+    /// key log lacks the direction's secret or has one of no usable length, or the suite cannot be opened. Outlived by the data.
+    static std::optional<TLSDirectionWalk> directionWalk(const StreamData& data, TCPSegment::Direction direction, const Context& context,
+                                                         const TLSKeyLog& keyLog);
 };
 
 /// The labels of a version's secrets for one direction. TLS 1.2 has one for both directions, and no handshake secret.

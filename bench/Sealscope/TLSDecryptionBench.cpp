@@ -91,7 +91,7 @@ void openRecords(benchmark::State& state)
     const Transfer transferred = transfer(suite, state.range(1), state.range(2) != 0);
     std::int64_t bytes = 0;
     for (auto _ : state) {
-        auto walk = TLSDirectionWalk::begin(transferred.stream.data(server), server, transferred.context, transferred.keyLog);
+        auto walk = TLSStreamDecryption::directionWalk(transferred.stream.data(server), server, transferred.context, transferred.keyLog);
         bytes = 0;
         while (walk->nextApplicationData()) bytes += walk->plaintext().size();
     }

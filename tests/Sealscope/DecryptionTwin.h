@@ -27,26 +27,21 @@ inline std::optional<TLSStreamDecryption::DirectionPlain> decrypt(const TCPStrea
         if (record.contentType == 23) records13.push_back({bytes.sub(record.recordOffset, 5), body, location.packetIds, timestamp});
     }
 
-    std::vector<TLS12DecryptedRecord> opened;
     if (context.isTLS13) {
         const bool isServer = direction == TCPSegment::Direction::serverToClient;
         const auto applicationSecret = secret(isServer ? "SERVER_TRAFFIC_SECRET_0" : "CLIENT_TRAFFIC_SECRET_0");
         if (!applicationSecret) return std::nullopt;
         const auto handshakeSecret = secret(isServer ? "SERVER_HANDSHAKE_TRAFFIC_SECRET" : "CLIENT_HANDSHAKE_TRAFFIC_SECRET");
         const auto decrypted = TLS13RecordDecryptor::decryptRecords(records13, handshakeSecret, *applicationSecret, context.cipherSuite);
-        if (!decrypted) return std::nullopt;
-        for (const TLS13DecryptedRecord& record : *decrypted)
-            if (record.innerType == 23) opened.push_back({record.plaintext, record.packetIds, record.timestamp});
-    } else {
-        const auto masterSecret = secret("CLIENT_RANDOM");
-        const auto parameters = TLS12RecordDecryptor::suiteParameters(context.cipherSuite);
-        if (!masterSecret || masterSecret->size() != 48 || !parameters) return std::nullopt;
-        const auto keys =
-            TLS12RecordDecryptor::directionKeys(direction, *parameters, context.clientRandom, context.serverRandom, *masterSecret);
-        if (!keys) return std::nullopt;
-        opened = TLS12RecordDecryptor::decryptDirection(records12, *keys, parameters->cipher);
+        return decrypted ? TLSStreamDecryption::plainDirection(*decrypted) : std::nullopt;
     }
-    return TLSStreamDecryption::plainDirection(opened);
+    const auto masterSecret = secret("CLIENT_RANDOM");
+    const auto parameters = TLS12RecordDecryptor::suiteParameters(context.cipherSuite);
+    if (!masterSecret || masterSecret->size() != 48 || !parameters) return std::nullopt;
+    const auto keys =
+        TLS12RecordDecryptor::directionKeys(direction, *parameters, context.clientRandom, context.serverRandom, *masterSecret);
+    if (!keys) return std::nullopt;
+    return TLSStreamDecryption::plainDirection(TLS12RecordDecryptor::decryptDirection(records12, *keys, parameters->cipher));
 }
 
 }  // namespace sealscope::twin

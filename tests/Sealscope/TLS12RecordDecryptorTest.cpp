@@ -93,9 +93,11 @@ TEST(TLS12RecordDecryptor, BuildsNonceAndAdditionalData)
     constexpr std::uint64_t sequence = 0x0102030405060708;
     EXPECT_EQ(DataView(TLS12RecordDecryptor::sequenceBytes(sequence)), hex("01 02 03 04 05 06 07 08"));
     EXPECT_EQ(DataView(TLS12RecordDecryptor::additionalData(sequence, 23, 0x0303, 0x1234)), hex("0102030405060708 17 0303 1234"));
-    EXPECT_EQ(DataView(TLS12RecordDecryptor::chaChaNonce(hex("A0A1A2A3 FFFFFFFFFFFFFFFF"), sequence)), hex("A0A1A2A3 FEFDFCFBFAF9F8F7"));
-    EXPECT_EQ(DataView(TLS12RecordDecryptor::chaChaNonce(hex("A0A1A2A3 FFFFFFFFFFFFFF"), sequence)), hex("A0A1A2A3 FFFFFFFFFFFFFF"));
-    EXPECT_EQ(DataView(TLS12RecordDecryptor::chaChaNonce(hex("A0A1A2A3 FFFFFFFFFFFFFFFF FF"), sequence)),
+    EXPECT_EQ(DataView(std::span<const std::uint8_t>(TLS12RecordDecryptor::chaChaNonce(hex("A0A1A2A3 FFFFFFFFFFFFFFFF"), sequence))),
+              hex("A0A1A2A3 FEFDFCFBFAF9F8F7"));
+    EXPECT_EQ(DataView(std::span<const std::uint8_t>(TLS12RecordDecryptor::chaChaNonce(hex("A0A1A2A3 FFFFFFFFFFFFFF"), sequence))),
+              hex("A0A1A2A3 FFFFFFFFFFFFFF"));
+    EXPECT_EQ(DataView(std::span<const std::uint8_t>(TLS12RecordDecryptor::chaChaNonce(hex("A0A1A2A3 FFFFFFFFFFFFFFFF FF"), sequence))),
               hex("A0A1A2A3 FFFFFFFFFFFFFFFF FF"));
 }
 

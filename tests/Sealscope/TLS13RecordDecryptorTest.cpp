@@ -36,9 +36,12 @@ TEST(TLS13RecordDecryptor, BuildsLabelsAndNonces)
     EXPECT_EQ(label(0x1234, "", hex("AABB")), hex("1234 06 746c73313320 02 AABB"));
 
     constexpr std::uint64_t sequence = 0x0102030405060708;
-    EXPECT_EQ(DataView(TLS13RecordDecryptor::recordNonce(hex("A0A1A2A3 FFFFFFFFFFFFFFFF"), sequence)), hex("A0A1A2A3 FEFDFCFBFAF9F8F7"));
-    EXPECT_EQ(DataView(TLS13RecordDecryptor::recordNonce(hex("FFFFFFFFFFFFFFFF"), sequence)), hex("FEFDFCFBFAF9F8F7"));
-    EXPECT_EQ(DataView(TLS13RecordDecryptor::recordNonce(hex("FFFFFFFFFFFFFF"), sequence)), hex("FFFFFFFFFFFFFF"));
+    EXPECT_EQ(DataView(std::span<const std::uint8_t>(TLS13RecordDecryptor::recordNonce(hex("A0A1A2A3 FFFFFFFFFFFFFFFF"), sequence))),
+              hex("A0A1A2A3 FEFDFCFBFAF9F8F7"));
+    EXPECT_EQ(DataView(std::span<const std::uint8_t>(TLS13RecordDecryptor::recordNonce(hex("FFFFFFFFFFFFFFFF"), sequence))),
+              hex("FEFDFCFBFAF9F8F7"));
+    EXPECT_EQ(DataView(std::span<const std::uint8_t>(TLS13RecordDecryptor::recordNonce(hex("FFFFFFFFFFFFFF"), sequence))),
+              hex("FFFFFFFFFFFFFF"));
 }
 
 // The traces of RFC 8448. Secrets of the simple handshake (section 3), and the early secret of the resumed one (section 4).

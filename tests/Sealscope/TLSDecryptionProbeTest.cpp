@@ -108,7 +108,8 @@ TEST(TLSDecryptionProbe, GivesItsVerdict)
     for (const auto& [name, session, keyLog, expected] : cases) {
         const WithKeyLog secrets(keyLog);
         EXPECT_EQ(TLSDecryptionProbe().probe(vectorStream(session.flights)), expected) << name;
-        EXPECT_EQ(TLSDecryptionProbe().report(vectorStream(session.flights), ReportDepth::opened)->outcome, expected) << name << ", reported";
+        EXPECT_EQ(TLSDecryptionProbe().report(vectorStream(session.flights), ReportDepth::opened)->outcome, expected)
+            << name << ", reported";
     }
     const WithKeyLog secrets(v13.keyLog);
     EXPECT_EQ(TLSDecryptionProbe().probe(vectorStream({}, v13.wire(server))), noHandshake);
@@ -369,11 +370,10 @@ TEST(TLSDecryptionProbe, ReportsWhatIsWrongWithTheHellos)
     const Data clientBytes = session.wire(client);
     const Data serverBytes = session.wire(server);
     const auto lost = [&](std::int64_t from, std::int64_t to) {
-        std::vector<StreamPiece> pieces{{client, clientBytes.sub(0, from)},
-                                        {client, Data(std::vector<std::uint8_t>(static_cast<std::size_t>(to - from))), std::nullopt},
+        std::vector<StreamPiece> pieces{{client, clientBytes.sub(0, from), 1, 0, to - from},
                                         {client, clientBytes.sub(to, clientBytes.size()), 2},
                                         {server, serverBytes, 3}};
-        return vectorStream(pieces);
+        return vectorStream(pieces, true);
     };
     struct Case {
         const char* name;
@@ -416,10 +416,10 @@ TCPStream withLostServerBytes(const TLSSession& session, std::int64_t fromEnd, s
     const Data bytes = session.wire(server);
     const std::int64_t from = bytes.size() - fromEnd;
     const std::int64_t to = bytes.size() - toEnd;
-    return vectorStream({{client, session.wire(client), 1},
-                         {server, bytes.sub(0, from), 2},
-                         {server, Data(std::vector<std::uint8_t>(static_cast<std::size_t>(to - from))), std::nullopt},
-                         {server, bytes.sub(to, toEnd), 3}});
+    return vectorStream(std::vector<StreamPiece>{{client, session.wire(client), 1},
+                                                 {server, bytes.sub(0, from), 2, 0, to - from},
+                                                 {server, bytes.sub(to, toEnd), 3}},
+                        true);
 }
 
 TEST(TLSDecryptionProbe, ReportsHowFarTheServersDirectionOpens)
