@@ -56,3 +56,10 @@ struct TLSKeyLog {
 };
 
 }  // namespace sealscope
+
+template <> struct std::hash<sealscope::TLSKeyLog::Key> {
+    std::size_t operator()(const sealscope::TLSKeyLog::Key& key) const noexcept
+    {
+        return std::hash<std::string_view>{}(key.label) * 31 + std::hash<std::string_view>{}(key.clientRandom.view().text());
+    }
+};

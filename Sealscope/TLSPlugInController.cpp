@@ -5,8 +5,8 @@
 #include "Sealscope/TLSKeylogSection.h"
 #include "Sealscope/TLSNames.h"
 #include "Sealscope/TLSProtocolAnalyzer.h"
-#include "host/VELDependencies/VELPlugInBundle.h"
 #include "host/VELCommonTools/Color.h"
+#include "host/VELDependencies/VELPlugInBundle.h"
 #include "host/VELKonstantsKeys/RandomColor.h"
 #include "host/VELLog/velLog.h"
 #include "host/VELModels/VELPlugInsController.h"
@@ -97,6 +97,14 @@ kVELSourceProtocols sourceProtocolOf(std::int64_t raw)
 }  // namespace
 
 constinit const VELPrincipalClass& TLSPlugInController::principalClass = principalClassOf<TLSPlugInController>;
+
+std::optional<std::string> TLSPlugInController::property(std::string_view name)
+{
+    if (name == "kTLSPlugInNetworkProtocol") return kTLSPlugInNetworkProtocol;
+    if (name == "kTLSUsesColor") return kTLSUsesColor;
+    if (name == "kTLSColor") return kTLSColor;
+    return std::nullopt;
+}
 
 std::optional<std::string> TLSPlugInController::pluginTitle() { return localized("Sealscope"); }
 

@@ -33,6 +33,8 @@ public:
     /// "1.4 (27)": short version and build of the bundle's information dictionary; "0" when either is missing.
     static std::optional<std::string> pluginVersion();
     static std::optional<std::string> pluginAuthor();
+    /// The user-defaults keys above by their names.
+    static std::optional<std::string> property(std::string_view name);
 
     /// Writes the default settings and registers the plug-in.
     TLSPlugInController();

@@ -31,6 +31,13 @@ std::optional<nlohmann::json> readObject(const fs::path& file)
     return object;
 }
 
+/// The text of an entry: the entry itself, or its "text" where a "comment" for translators stands beside it.
+const nlohmann::json& textOf(const nlohmann::json& entry)
+{
+    const auto text = entry.is_object() ? entry.find("text") : entry.end();
+    return text == entry.end() ? entry : *text;
+}
+
 /// The texts of a table in one language. An entry that is empty or no text counts as not translated.
 std::optional<Texts> readTexts(const fs::path& file)
 {
@@ -38,7 +45,8 @@ std::optional<Texts> readTexts(const fs::path& file)
     if (!object) return std::nullopt;
     Texts texts;
     texts.reserve(object->size());
-    for (const auto& [key, value] : object->items()) {
+    for (const auto& [key, entry] : object->items()) {
+        const nlohmann::json& value = textOf(entry);
         if (!value.is_string()) continue;
         if (const auto& text = value.get_ref<const std::string&>(); !text.empty()) texts.emplace(key, text);
     }

@@ -20,7 +20,7 @@ namespace {
 // RFC 5280 §4.1 and Appendix A.1. A stack field holds the elements of a SEQUENCE OF or SET OF.
 struct NameAttribute {
     ASN1_OBJECT* type;
-    ASN1_STRING* value;
+    ASN1_TYPE* value;  ///< of any type: one that is no text loses itself, not the certificate
 };
 struct PublicKeyInfo {
     X509_ALGOR* algorithm;
@@ -52,13 +52,9 @@ namespace {
 using CertificateContent = Certificate::Content;
 
 // clang-format off
-static_ASN1_ITEM_start(NameValue)
-    ASN1_ITYPE_MSTRING, B_ASN1_PRINTABLE | B_ASN1_VISIBLESTRING, nullptr, 0, nullptr, sizeof(ASN1_STRING), "NameValue"
-ASN1_ITEM_end(NameValue)
-
 ASN1_SEQUENCE(NameAttribute) = {
     ASN1_SIMPLE(NameAttribute, type, ASN1_OBJECT),
-    ASN1_SIMPLE(NameAttribute, value, NameValue)
+    ASN1_SIMPLE(NameAttribute, value, ASN1_ANY)
 } static_ASN1_SEQUENCE_END(NameAttribute)
 
 ASN1_ITEM_TEMPLATE(RelativeName) = ASN1_EX_TEMPLATE_TYPE(ASN1_TFLG_SET_OF, 0, RelativeName, NameAttribute)
@@ -132,22 +128,22 @@ std::optional<std::string> wideText(DataView bytes, std::int64_t width)
 }
 
 /// A name's value as text, when it is of a text type and well-formed.
-std::optional<std::string> textOf(const ASN1_STRING* value)
+std::optional<std::string> textOf(const ASN1_TYPE* value)
 {
-    const DataView bytes = bytesOf(value);
-    switch (ASN1_STRING_type(value)) {
-    case V_ASN1_UTF8STRING: return utf8::decoded(bytes);
+    const auto bytesOfString = [&] { return bytesOf(value->value.asn1_string); };
+    switch (value->type) {
+    case V_ASN1_UTF8STRING: return utf8::decoded(bytesOfString());
     case V_ASN1_PRINTABLESTRING:
     case V_ASN1_IA5STRING:
     case V_ASN1_NUMERICSTRING:
     case V_ASN1_VISIBLESTRING:
         // These have seven bits. Who fills the eighth has written UTF-8 or, in older certificates, Latin-1.
-        if (auto text = utf8::decoded(bytes)) return text;
-        return latin1Text(bytes);
+        if (auto text = utf8::decoded(bytesOfString())) return text;
+        return latin1Text(bytesOfString());
     // Nobody writes the shift sequences of T.61; what stands there is Latin-1.
-    case V_ASN1_TELETEXSTRING: return latin1Text(bytes);
-    case V_ASN1_BMPSTRING: return wideText(bytes, 2);
-    case V_ASN1_UNIVERSALSTRING: return wideText(bytes, 4);
+    case V_ASN1_TELETEXSTRING: return latin1Text(bytesOfString());
+    case V_ASN1_BMPSTRING: return wideText(bytesOfString(), 2);
+    case V_ASN1_UNIVERSALSTRING: return wideText(bytesOfString(), 4);
     default: return std::nullopt;
     }
 }

@@ -3,21 +3,30 @@
 
 #include "platform/Data.h"
 
+#include <bit>
 #include <concepts>
 #include <cstdint>
-#include <cstring>
 #include <optional>
 
 namespace sealscope SEALSCOPE_API {
 
+// The byte readers under the contract's names, made of those of `DataView`, which this system's own code calls.
+
 /// The bytes of an unsigned integer that start at `offset`, in the machine's own byte order and without alignment;
 /// nothing when they do not all lie inside the buffer.
-template <std::unsigned_integral Integer> std::optional<Integer> loadUnaligned(DataView bytes, std::int64_t fromByteOffset)
+template <std::unsigned_integral Integer>
+    requires(sizeof(Integer) <= sizeof(std::uint32_t))
+std::optional<Integer> loadUnaligned(DataView bytes, std::int64_t fromByteOffset)
 {
     if (!bytes.holds(fromByteOffset, sizeof(Integer))) return std::nullopt;
     Integer value;
-    std::memcpy(&value, bytes.data() + fromByteOffset, sizeof value);
-    return value;
+    if constexpr (sizeof value == sizeof(std::uint8_t))
+        value = bytes.u8(fromByteOffset);
+    else if constexpr (sizeof value == sizeof(std::uint16_t))
+        value = bytes.u16(fromByteOffset);
+    else
+        value = bytes.u32(fromByteOffset);
+    return std::endian::native == std::endian::little ? std::byteswap(value) : value;
 }
 
 /// `count` bytes from an offset, sharing the buffer's bytes; offset 0 of the result is its first byte.

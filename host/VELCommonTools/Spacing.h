@@ -10,12 +10,12 @@
 namespace sealscope SEALSCOPE_API {
 
 /// Distances between the parts of a view, from none upwards.
-enum class Spacing : std::uint8_t { none, hairline, tight, small, medium, regular, large, huge };
+enum class Spacing : std::uint8_t { none, hairline, tight, small, medium, regular, large };
 
 /// The distance in points.
 constexpr double rawValue(Spacing spacing)
 {
-    constexpr std::array<double, 8> points{0, 1, 2, 4, 6, 8, 16, 32};
+    constexpr std::array<double, 7> points{0, 1, 2, 4, 6, 8, 16};
     return points[std::to_underlying(spacing)];
 }
 

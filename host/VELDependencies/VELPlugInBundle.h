@@ -40,17 +40,31 @@ concept PrincipalClassType = std::derived_from<Type, VELPluginPrincipalClassProt
     { Type::pluginAuthor() } -> std::same_as<std::optional<std::string>>;
 };
 
+/// `Type::property` tells the read-only properties of the class; a type without it has none.
+template <class Type> constexpr decltype(VELPrincipalClass::property) propertyOf()
+{
+    if constexpr (requires(std::string_view name) {
+                      { Type::property(name) } -> std::same_as<std::optional<std::string>>;
+                  })
+        return &Type::property;
+    else
+        return nullptr;
+}
+
 /// The record of a principal class, one for each. What the host hands over at creation is not looked at.
 template <PrincipalClassType Type>
 [[gnu::visibility("hidden")]] inline constexpr VELPrincipalClass principalClassOf{
     .name = Type::principalClassName,
     .create = []() -> std::unique_ptr<VELPluginPrincipalClassProtocol> { return std::make_unique<Type>(); },
-    .createWithPlugInsController = [](const std::any&) -> std::unique_ptr<VELPluginPrincipalClassProtocol> { return std::make_unique<Type>(); },
+    .createWithPlugInsController = [](const std::any&) -> std::unique_ptr<VELPluginPrincipalClassProtocol> {
+        return std::make_unique<Type>();
+    },
     .createWithPlugInManager = [](const std::any&) -> std::unique_ptr<VELPluginPrincipalClassProtocol> { return std::make_unique<Type>(); },
     .pluginTitle = &Type::pluginTitle,
     .pluginDescription = &Type::pluginDescription,
     .pluginVersion = &Type::pluginVersion,
     .pluginAuthor = &Type::pluginAuthor,
+    .property = propertyOf<Type>(),
 };
 
 }  // namespace sealscope

@@ -28,6 +28,8 @@ struct VELPrincipalClass {
     std::optional<std::string> (*pluginDescription)() = nullptr;
     std::optional<std::string> (*pluginVersion)() = nullptr;
     std::optional<std::string> (*pluginAuthor)() = nullptr;
+    /// A read-only property of the class by its name; nothing for one that it does not have. Null for a class without any.
+    std::optional<std::string> (*property)(std::string_view name) = nullptr;
 };
 
 /// Version of the contract that a bundle was built against. It changes whenever a record or protocol of `host/` or

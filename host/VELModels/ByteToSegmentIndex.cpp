@@ -25,7 +25,8 @@ public:
         PacketIdCollector packets(location.packetIds);
         auto span = spans_.begin() + (std::ranges::upper_bound(reach_, range.lower) - reach_.begin());
         for (; span != spans_.end() && span->range.lower < range.upper; ++span) {
-            if (span->range.isEmpty() || span->range.upper <= range.lower) continue;
+            // A span of no packet says nothing of a time either.
+            if (span->range.isEmpty() || span->range.upper <= range.lower || span->packetIds.empty()) continue;
             for (const std::int64_t packetId : span->packetIds) packets.add(packetId);
             location.timestamp = std::min(location.timestamp.value_or(span->timestamp), span->timestamp);
         }

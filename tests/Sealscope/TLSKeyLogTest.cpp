@@ -8,6 +8,7 @@
 #include <fmt/ranges.h>
 #include <gtest/gtest.h>
 #include <random>
+#include <unordered_map>
 
 namespace sealscope {
 namespace {
@@ -239,6 +240,14 @@ TEST(TLSKeyLog, AgreesWithItsTwin)
         ASSERT_EQ(counted.lines, count.lines) << hexText(DataView(text));
         ASSERT_EQ(counted.validLines, count.validLines) << hexText(DataView(text));
     }
+}
+
+TEST(TLSKeyLog, KeysHash)
+{
+    std::unordered_map<TLSKeyLog::Key, int> found{{{"A", hex("01")}, 1}, {{"A", hex("02")}, 2}, {{"B", hex("01")}, 3}};
+    EXPECT_EQ(found.size(), 3u);
+    EXPECT_EQ((found[{"A", hex("02")}]), 2);
+    EXPECT_EQ((found[{"A", hex("01")}]), 1);
 }
 
 }  // namespace

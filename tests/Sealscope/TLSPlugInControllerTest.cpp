@@ -259,6 +259,10 @@ TEST_F(TLSPlugInControllerTest, IsMadeByAnyOfItsInitializers)
     EXPECT_TRUE(principal.createWithPlugInManager(std::any()));
     for (const auto tell : {principal.pluginTitle, principal.pluginDescription, principal.pluginVersion, principal.pluginAuthor})
         EXPECT_THAT(tell(), Optional(testing::Not(IsEmpty())));
+    EXPECT_EQ(principal.property("kTLSPlugInNetworkProtocol"), "com_quillmarshworks_vel_tls_protocols");
+    EXPECT_EQ(principal.property("kTLSUsesColor"), "com_quillmarshworks_vel_tls_color_use");
+    EXPECT_EQ(principal.property("kTLSColor"), "com_quillmarshworks_vel_tls_color");
+    EXPECT_EQ(principal.property("kTLSSize"), std::nullopt);
 }
 
 }  // namespace sealscope

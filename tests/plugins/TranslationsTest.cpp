@@ -31,7 +31,10 @@ const char* const languages[] = {"de", "fr", "es", "ja", "zh-Hans"};
 Table read(const Tables& tables, const std::string& language)
 {
     const Data bytes = readFile(tables.folder / (language + ".lproj") / tables.name);
-    return nlohmann::json::parse(bytes.view().text()).get<Table>();
+    Table table;
+    for (const auto& [key, entry] : nlohmann::json::parse(bytes.view().text()).items())
+        table[key] = (entry.is_object() ? entry.at("text") : entry).get<std::string>();
+    return table;
 }
 
 std::set<std::string> keysOf(const Table& table)
@@ -120,7 +123,11 @@ TEST(Translations, CoverWhatThePlugInShowsAndNothingElse)
     fs::create_directories(bundle / "Resources/xx.lproj");
     const std::set<std::string> keys = keysOf(read(plugInTables, "de"));
     nlohmann::json bracketed;
-    for (const std::string& key : keys) bracketed[key] = "⟦" + key + "⟧";
+    // Entries with a comment and without one.
+    for (const std::string& key : keys) {
+        const std::string text = "⟦" + key + "⟧";
+        bracketed[key] = bracketed.size() % 2 == 0 ? nlohmann::json(text) : nlohmann::json{{"text", text}, {"comment", "where it stands"}};
+    }
     writeFile(bundle / "Resources/xx.lproj/LocalizableTLS.json", DataView(std::string_view(bracketed.dump())));
     setenv("XDG_CONFIG_HOME", folder.path().c_str(), 1);
     setenv("LC_ALL", "xx_XX.UTF-8", 1);
