@@ -13,12 +13,6 @@
 
 namespace sealscope {
 
-constexpr TCPSegment::Direction opposite(TCPSegment::Direction direction)
-{
-    return direction == TCPSegment::Direction::clientToServer ? TCPSegment::Direction::serverToClient
-                                                              : TCPSegment::Direction::clientToServer;
-}
-
 /// What a peer said at one go: its bytes on the wire, one or more records.
 struct TLSFlight {
     TCPSegment::Direction direction = TCPSegment::Direction::clientToServer;

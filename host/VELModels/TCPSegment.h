@@ -21,6 +21,12 @@ struct TCPSegment {
     bool operator==(const TCPSegment&) const = default;
 };
 
+constexpr TCPSegment::Direction opposite(TCPSegment::Direction direction)
+{
+    return direction == TCPSegment::Direction::clientToServer ? TCPSegment::Direction::serverToClient
+                                                              : TCPSegment::Direction::clientToServer;
+}
+
 /// Where a connection's segments are kept. Implementations are immutable and may be read from any thread.
 class TCPSegmentSource {
 public:
