@@ -15,6 +15,13 @@ namespace {
 constexpr std::int64_t usualNonce = 12;
 constexpr std::int64_t largestNonce = 128;  // that libcrypto takes
 
+const EVP_CIPHER* ariaCipher(std::int64_t keySize)
+{
+    static const EVP_CIPHER* const aria128 = EVP_CIPHER_fetch(nullptr, "ARIA-128-GCM", nullptr);
+    static const EVP_CIPHER* const aria256 = EVP_CIPHER_fetch(nullptr, "ARIA-256-GCM", nullptr);
+    return keySize == 16 ? aria128 : keySize == 32 ? aria256 : nullptr;
+}
+
 /// Looked up by name once: fetching costs more than opening a short message.
 const EVP_CIPHER* cipherFor(AEADAlgorithm algorithm, std::int64_t keySize)
 {
@@ -23,6 +30,7 @@ const EVP_CIPHER* cipherFor(AEADAlgorithm algorithm, std::int64_t keySize)
     static const EVP_CIPHER* const aes256 = EVP_CIPHER_fetch(nullptr, "AES-256-GCM", nullptr);
     static const EVP_CIPHER* const chaCha20 = EVP_CIPHER_fetch(nullptr, "ChaCha20-Poly1305", nullptr);
     if (algorithm == AEADAlgorithm::chaCha20Poly1305) return keySize == 32 ? chaCha20 : nullptr;
+    if (algorithm == AEADAlgorithm::ariaGCM) return ariaCipher(keySize);
     switch (keySize) {
     case 16: return aes128;
     case 24: return aes192;
@@ -107,7 +115,7 @@ bool AEADOpener::decrypt(const ScatteredView& ciphertext, std::uint8_t* plaintex
         plaintext += written;
         return isTaken;
     };
-    if (algorithm_ == AEADAlgorithm::aesGCM || ciphertext.isInOnePlace()) return ciphertext.forEach(take);
+    if (algorithm_ != AEADAlgorithm::chaCha20Poly1305 || ciphertext.isInOnePlace()) return ciphertext.forEach(take);
 
     constexpr std::int64_t pieceSize = 2'048, cacheLine = 64;
     std::array<std::uint8_t, pieceSize> piece;

@@ -15,6 +15,7 @@ namespace sealscope SEALSCOPE_API {
 enum class AEADAlgorithm : std::uint8_t {
     aesGCM,            ///< NIST SP 800-38D with a key of 16, 24 or 32 bytes and a nonce of 12 to 128
     chaCha20Poly1305,  ///< RFC 8439 with a key of 32 bytes and a nonce of 12
+    ariaGCM,           ///< as aesGCM, over ARIA (RFC 5794)
 };
 
 /// Opens messages that one key protects. Keeps what depends on the key from message to message; wipes it in the end.

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <openssl/md5.h>
 #include <openssl/sha.h>
 #include <stdexcept>
 #include <utility>
@@ -20,6 +21,10 @@ namespace sealscope {
 
 namespace {
 
+template <class... Calls> struct Overloaded : Calls... {
+    using Calls::operator()...;
+};
+
 /// A hash that has taken in some bytes (FIPS 180-4). Copies go on from there by themselves; each wipes what it has.
 class RunningHash {
 public:
@@ -30,32 +35,35 @@ public:
 
     void begin(HashFunction hash)
     {
-        if (hash == HashFunction::sha384)
-            SHA384_Init(&state_.emplace<SHA512_CTX>());
-        else
-            SHA256_Init(&state_.emplace<SHA256_CTX>());
+        switch (hash) {
+        case HashFunction::sha256: SHA256_Init(&state_.emplace<SHA256_CTX>()); break;
+        case HashFunction::sha384: SHA384_Init(&state_.emplace<SHA512_CTX>()); break;
+        case HashFunction::md5: MD5_Init(&state_.emplace<MD5_CTX>()); break;
+        case HashFunction::sha1: SHA1_Init(&state_.emplace<SHA_CTX>()); break;
+        }
     }
 
     void add(DataView bytes)
     {
         const auto size = static_cast<std::size_t>(bytes.size());
-        if (auto* const state = std::get_if<SHA512_CTX>(&state_))
-            SHA384_Update(state, bytes.data(), size);
-        else
-            SHA256_Update(&std::get<SHA256_CTX>(state_), bytes.data(), size);
+        std::visit(Overloaded{[&](SHA256_CTX& state) { SHA256_Update(&state, bytes.data(), size); },
+                              [&](SHA512_CTX& state) { SHA384_Update(&state, bytes.data(), size); },
+                              [&](MD5_CTX& state) { MD5_Update(&state, bytes.data(), size); },
+                              [&](SHA_CTX& state) { SHA1_Update(&state, bytes.data(), size); }},
+                   state_);
     }
 
     /// Writes the digest; nothing can be added afterwards.
     void take(std::uint8_t* digest)
     {
-        if (auto* const state = std::get_if<SHA512_CTX>(&state_))
-            SHA384_Final(digest, state);
-        else
-            SHA256_Final(digest, &std::get<SHA256_CTX>(state_));
+        std::visit(Overloaded{[&](SHA256_CTX& state) { SHA256_Final(digest, &state); },
+                              [&](SHA512_CTX& state) { SHA384_Final(digest, &state); }, [&](MD5_CTX& state) { MD5_Final(digest, &state); },
+                              [&](SHA_CTX& state) { SHA1_Final(digest, &state); }},
+                   state_);
     }
 
 private:
-    std::variant<SHA256_CTX, SHA512_CTX> state_;
+    std::variant<SHA256_CTX, SHA512_CTX, MD5_CTX, SHA_CTX> state_;
 };
 
 constexpr std::size_t largestDigest = 48;
@@ -130,6 +138,15 @@ SecretBytes hmac(HashFunction hash, DataView key, DataView message)
     keyed.update(message);
     keyed.finish(code);
     return code;
+}
+
+SecretBytes digest(HashFunction hash, std::initializer_list<DataView> pieces)
+{
+    RunningHash running(hash);
+    for (const DataView piece : pieces) running.add(piece);
+    SecretBytes result(static_cast<std::size_t>(digestSize(hash)));
+    running.take(result.data());
+    return result;
 }
 
 }  // namespace sealscope
