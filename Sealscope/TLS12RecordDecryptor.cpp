@@ -19,32 +19,6 @@ constexpr std::int64_t explicitNonceLength = 8;  // of AES-GCM (RFC 5288 §3)
 
 HashFunction hashOf(bool usesSHA384) { return usesSHA384 ? HashFunction::sha384 : HashFunction::sha256; }
 
-/// P_hash of RFC 5246 §5: A(i) = HMAC(secret, A(i-1)) from A(0) = seed on, and the output is HMAC(secret, A(i) | seed) for
-/// i = 1, 2, …
-SecretBytes pHash(HashFunction hash, DataView secret, DataView seed, std::size_t length)
-{
-    const auto blockSize = static_cast<std::size_t>(digestSize(hash));
-    HMAC keyed(hash, secret);
-    SecretBytes a(blockSize);
-    SecretBytes output;
-    output.reserve(length + blockSize);
-
-    keyed.update(seed);
-    keyed.finish(a);
-    while (true) {
-        const std::size_t filled = output.size();
-        output.resize(filled + blockSize);
-        keyed.update(viewOf(a));
-        keyed.update(seed);
-        keyed.finish(std::span(output).subspan(filled));
-        if (output.size() >= length) break;
-        keyed.update(viewOf(a));
-        keyed.finish(a);
-    }
-    output.resize(length);
-    return output;
-}
-
 }  // namespace
 
 std::optional<TLS12SuiteParameters> TLS12RecordDecryptor::suiteParameters(std::uint16_t cipherSuite)
@@ -73,6 +47,30 @@ std::optional<TLS12SuiteParameters> TLS12RecordDecryptor::suiteParameters(std::u
 SecretBytes TLS12RecordDecryptor::hmac(DataView key, DataView data, bool usesSHA384)
 {
     return sealscope::hmac(hashOf(usesSHA384), key, data);
+}
+
+SecretBytes TLS12RecordDecryptor::pHash(HashFunction hash, DataView secret, DataView seed, std::size_t length)
+{
+    const auto blockSize = static_cast<std::size_t>(digestSize(hash));
+    HMAC keyed(hash, secret);
+    SecretBytes a(blockSize);
+    SecretBytes output;
+    output.reserve(length + blockSize);
+
+    keyed.update(seed);
+    keyed.finish(a);
+    while (true) {
+        const std::size_t filled = output.size();
+        output.resize(filled + blockSize);
+        keyed.update(viewOf(a));
+        keyed.update(seed);
+        keyed.finish(std::span(output).subspan(filled));
+        if (output.size() >= length) break;
+        keyed.update(viewOf(a));
+        keyed.finish(a);
+    }
+    output.resize(length);
+    return output;
 }
 
 std::optional<TLS12RecordDecryptor::DirectionKeys> TLS12RecordDecryptor::directionKeys(TCPSegment::Direction direction,

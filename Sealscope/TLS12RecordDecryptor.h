@@ -3,6 +3,7 @@
 
 #include "host/VELModels/TCPSegment.h"
 #include "platform/AEAD.h"
+#include "platform/HMAC.h"
 #include "platform/SymmetricKey.h"
 
 #include <absl/container/inlined_vector.h>
@@ -53,6 +54,9 @@ struct TLS12RecordDecryptor {
     /// Nothing for a suite that cannot be opened.
     static std::optional<TLS12SuiteParameters> suiteParameters(std::uint16_t cipherSuite);
     static SecretBytes hmac(DataView key, DataView data, bool usesSHA384);
+    /// P_hash of RFC 5246 §5: A(i) = HMAC(secret, A(i-1)) from A(0) = seed on, and the output is HMAC(secret, A(i) | seed) for
+    /// i = 1, 2, … The seed begins with the label.
+    static SecretBytes pHash(HashFunction hash, DataView secret, DataView seed, std::size_t length);
     /// The key expansion of RFC 5246 §6.3. Both randoms have 32 bytes, the master secret 48.
     static std::optional<DirectionKeys> directionKeys(TCPSegment::Direction direction, const TLS12SuiteParameters& parameters,
                                                       DataView clientRandom, DataView serverRandom, DataView masterSecret);

@@ -36,9 +36,9 @@ std::optional<TLS13SuiteParameters> TLS13RecordDecryptor::suiteParameters(std::u
     }
 }
 
-absl::InlinedVector<std::uint8_t, 32> TLS13RecordDecryptor::hkdfLabel(std::uint16_t length, std::string_view label, DataView context)
+absl::InlinedVector<std::uint8_t, 32> TLS13RecordDecryptor::hkdfLabel(std::uint16_t length, std::string_view label, DataView context,
+                                                                      std::string_view prefix)
 {
-    constexpr std::string_view prefix = "tls13 ";
     const std::size_t labelLength = prefix.size() + label.size();
     absl::InlinedVector<std::uint8_t, 32> bytes(4 + labelLength + static_cast<std::size_t>(context.size()));
     bytes[0] = static_cast<std::uint8_t>(length >> 8);
@@ -51,17 +51,20 @@ absl::InlinedVector<std::uint8_t, 32> TLS13RecordDecryptor::hkdfLabel(std::uint1
     return bytes;
 }
 
-TLS13TrafficKeys TLS13RecordDecryptor::trafficKeys(DataView secret, const TLS13SuiteParameters& suite)
+SecretBytes TLS13RecordDecryptor::expandLabel(HMAC& secret, std::string_view label, std::int64_t length, std::string_view prefix)
+{
+    SecretBytes output(static_cast<std::size_t>(length));
+    const auto info = hkdfLabel(static_cast<std::uint16_t>(length), label, {}, prefix);
+    // Far from all that HKDF can give.
+    (void)hkdfExpand(secret, std::span(info), output);
+    return output;
+}
+
+TLS13TrafficKeys TLS13RecordDecryptor::trafficKeys(DataView secret, const TLS13SuiteParameters& suite, std::string_view prefix)
 {
     HMAC keyed(suite.hash, secret);
-    const auto expand = [&](std::string_view label, std::int64_t length) {
-        SecretBytes output(static_cast<std::size_t>(length));
-        const auto info = hkdfLabel(static_cast<std::uint16_t>(length), label, {});
-        // Far from all that HKDF can give.
-        (void)hkdfExpand(keyed, std::span(info), output);
-        return output;
-    };
-    return {.key = SymmetricKey(expand("key", suite.keyLength)), .iv = expand("iv", suite.ivLength)};
+    SecretBytes key = expandLabel(keyed, "key", suite.keyLength, prefix);
+    return {.key = SymmetricKey(std::move(key)), .iv = expandLabel(keyed, "iv", suite.ivLength, prefix)};
 }
 
 TLS12RecordDecryptor::Nonce TLS13RecordDecryptor::recordNonce(DataView iv, std::uint64_t sequence)

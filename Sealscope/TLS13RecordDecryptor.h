@@ -50,10 +50,15 @@ struct TLS13RecordDecryptor {
 
     /// Nothing for a suite that cannot be opened.
     static std::optional<TLS13SuiteParameters> suiteParameters(std::uint16_t cipherSuite);
+    /// In front of every label (RFC 8446 §7.1). Drafts up to 19 had another.
+    static constexpr std::string_view labelPrefix = "tls13 ";
     /// The HkdfLabel of RFC 8446 §7.1. The label without its prefix has at most 249 bytes, the context at most 255.
-    static absl::InlinedVector<std::uint8_t, 32> hkdfLabel(std::uint16_t length, std::string_view label, DataView context);
+    static absl::InlinedVector<std::uint8_t, 32> hkdfLabel(std::uint16_t length, std::string_view label, DataView context,
+                                                           std::string_view prefix = labelPrefix);
+    /// HKDF-Expand-Label with an empty context (RFC 8446 §7.1), of a secret that keys the HMAC.
+    static SecretBytes expandLabel(HMAC& secret, std::string_view label, std::int64_t length, std::string_view prefix = labelPrefix);
     /// The keys of a traffic secret of any length (RFC 8446 §7.3).
-    static TLS13TrafficKeys trafficKeys(DataView secret, const TLS13SuiteParameters& suite);
+    static TLS13TrafficKeys trafficKeys(DataView secret, const TLS13SuiteParameters& suite, std::string_view prefix = labelPrefix);
     /// RFC 8446 §5.3. An IV shorter than 8 bytes stays as it is.
     static TLS12RecordDecryptor::Nonce recordNonce(DataView iv, std::uint64_t sequence);
     /// The inner plaintext, or nothing when the record is too short or does not authenticate.

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Sealscope/TLSDecryptionProbe.h"
 
+#include "Sealscope/TLSApplicationProtocol.h"
 #include "Sealscope/TLSDirectionReporter.h"
 #include "Sealscope/TLSDirectionWalk.h"
 #include "Sealscope/TLSKeyLogStore.h"
@@ -104,8 +105,8 @@ std::optional<StreamInterpretation> shown(std::optional<StreamInterpretation> in
     return interpretation;
 }
 
-/// What the hellos say about the plaintext.
-StreamContext contextOf(const TCPStream& stream, const StreamContext& outer)
+/// What the handshake says about the plaintext.
+StreamContext contextOf(const TCPStream& stream, const StreamContext& outer, const TLSKeyLog& keyLog)
 {
     StreamContext context = outer;
     context.isDecrypted = true;
@@ -113,6 +114,7 @@ StreamContext contextOf(const TCPStream& stream, const StreamContext& outer)
     ++context.depth;
     const auto clientHello = TLSStreamDecryption::firstClientHello(stream.clientToServerData);
     context.serverName = clientHello ? clientHello->serverName : std::nullopt;
+    context.applicationProtocol = TLSApplicationProtocol::negotiated(stream, keyLog);
     return context;
 }
 
@@ -155,11 +157,12 @@ std::optional<TLSDecryptionReport> TLSKeyLogProbing::report(const TCPStream& str
 
 std::optional<StreamInterpretation> TLSKeyLogProbing::decryptedInterpretation(const TCPStream& stream, const StreamContext& context) const
 {
-    const auto plaintext = decrypted(stream, store().current());
+    const TLSKeyLog keyLog = store().current();
+    const auto plaintext = decrypted(stream, keyLog);
     if (!plaintext) return std::nullopt;
     if (!context.host) return shown(std::nullopt, *plaintext);
     const TCPStream inner = TLSDecryptionProbe::decryptedStream(stream, plaintext->client, plaintext->server);
-    return shown(context.host->carriedInterpretation(inner, contextOf(stream, context)), *plaintext);
+    return shown(context.host->carriedInterpretation(inner, contextOf(stream, context, keyLog)), *plaintext);
 }
 
 std::unique_ptr<PlaintextReader> TLSKeyLogProbing::plaintextReader(const TCPStream& stream, Direction direction) const
@@ -206,14 +209,15 @@ bool TLSDecryptionProbe::hasKeyMaterial(const Context& context)
 
 std::optional<StreamInterpretation> TLSDecryptionProbe::decryptedInterpretation(const TCPStream& stream)
 {
-    const auto plaintext = decrypted(stream, TLSKeyLogStore::shared().current());
+    const TLSKeyLog keyLog = TLSKeyLogStore::shared().current();
+    const auto plaintext = decrypted(stream, keyLog);
     if (!plaintext) return std::nullopt;
     const TCPStream inner = decryptedStream(stream, plaintext->client, plaintext->server);
     auto candidates = VELStreamInterpreterRegistry::shared().snapshot();
     std::erase_if(candidates, [](const VELStreamInterpreting* interpreter) {
         return interpreter->streamDisplayName == TLSProtocolAnalyzer::streamDisplayName;
     });
-    const StreamContext context = contextOf(stream, {});
+    const StreamContext context = contextOf(stream, {}, keyLog);
     const VELStreamInterpreting* const interpreter = VELStreamInterpreter::firstInterpreter(inner, candidates, context);
     return shown(interpreter ? std::optional(interpreter->interpret(inner, context)) : std::nullopt, *plaintext);
 }

@@ -217,6 +217,36 @@ TEST(TLSDecryptionProbe, HandsPlaintextToOtherInterpreters)
     for (const auto* type : types) registry.remove(type);
 }
 
+/// Keeps what it is told of a stream.
+struct Curious {
+    static constexpr std::string_view streamDisplayName = "Curious";
+    static inline std::optional<std::string> protocol;
+    static bool canInterpret(const TCPStream&, const StreamContext& context)
+    {
+        protocol = context.applicationProtocol;
+        return false;
+    }
+    static StreamInterpretation interpret(const TCPStream&, const StreamContext&) { return {}; }
+};
+
+TEST(TLSDecryptionProbe, TellsWhichProtocolWasNegotiated)
+{
+    const auto* const curious = VELStreamInterpreting::type<Curious>();
+    VELStreamInterpreterRegistry::shared().add(curious);
+    for (const TLSSessionOptions& version : {tls12, tls13}) {
+        for (const char* protocol : {"h2", ""}) {
+            const TLSSession session = runTLS(with(version, [&](auto& o) {
+                                                  if (*protocol) o.clientProtocols = o.serverProtocols = {protocol};
+                                              }),
+                                              {clientSends("x"), serverSends("y")});
+            const WithKeyLog secrets(session.keyLog);
+            TLSDecryptionProbe::decryptedInterpretation(vectorStream(session.flights));
+            EXPECT_EQ(Curious::protocol.value_or(""), protocol) << version.version;
+        }
+    }
+    VELStreamInterpreterRegistry::shared().remove(curious);
+}
+
 TEST(TLSDecryptionProbe, KeepsTheConnectionOfThePlaintextStream)
 {
     TCPStream captured = vectorStream(patternBytes(10), patternBytes(20));
