@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <fmt/format.h>
-#include <iterator>
 #include <utility>
 
 namespace sealscope {
@@ -176,7 +175,7 @@ void HTTP2Direction::readHeaders(const HTTP2Frame& frame, std::int64_t prefix, s
         open_->frameStream = frame.stream;
         open_->endsStream = frame.type == Type::headers && frame.has(HTTP2Frame::endStream);
         open_->block.range = {frame.offset, frame.offset};
-        open_->decompressed.fields = std::move(spareFields_);
+        open_->decompressed.fields.reserve(10);
         if (prefix == 5 && payload.size() >= 5) open_->block.notes.push_back({"Stream priority", priorityText(reader_, payload.lower)});
     }
     payload.lower = std::min(payload.lower + prefix, payload.upper);
@@ -200,17 +199,14 @@ void HTTP2Direction::endHeaders()
         decompressor_.forget();
     } else {
         decompressor_.end(open.decompressed);
-        const auto& [shown, bytes, unshown, unknown, problem] = open.decompressed;
+        const auto& [fields, bytes, unshown, unknown, problem] = open.decompressed;
         if (!problem.empty()) open.block.notes.push_back({"Header malformed", problem});
         if (unknown > 0)
             open.block.notes.push_back(
                 {"Header incomplete", fmt::format("{} of its fields refer to earlier ones that the capture lacks", unknown)});
         if (unshown > 0) open.block.notes.push_back({"Header cut", groupedText(unshown) + " further fields are not shown"});
     }
-    HeaderFields& fields = open.decompressed.fields;
-    open.block.fields = HeaderFields(std::make_move_iterator(fields.begin()), std::make_move_iterator(fields.end()));
-    fields.clear();
-    spareFields_ = std::move(fields);
+    open.block.fields = std::move(open.decompressed.fields);
     HTTP2Half& half = halves_[open.place];
     if (open.endsStream) half.isEnded = true;
     half.blocks.push_back(std::move(open.block));

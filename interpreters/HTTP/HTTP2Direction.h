@@ -89,7 +89,6 @@ private:
         bool endsStream = false;
     };
     std::optional<Open> open_;
-    HeaderFields spareFields_;  ///< room for a block's fields while their number is not known
     std::vector<DataView> stretches_;
 
     std::int64_t windowUpdates_ = 0;

@@ -69,7 +69,7 @@ TEST(FollowCommand, ShowsWhatDecrypts)
         const auto open = jsonLines(sealscope(arguments).output)[0];
         std::vector<json> decrypted;
         std::ranges::copy_if(open["messages"], std::back_inserter(decrypted),
-                             [](const json& message) { return message["isDecrypted"] == true; });
+                             [](const json& message) { return message["isDecrypted"] == true && message["kind"] == "data"; });
         ASSERT_EQ(decrypted.size(), 2);
         EXPECT_EQ(decrypted[0]["direction"], "clientToServer");
         EXPECT_EQ(decrypted[0]["body"], base64(session().clientPlaintext));

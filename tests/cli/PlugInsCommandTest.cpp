@@ -12,9 +12,10 @@ TEST(PlugInsCommand, TellsWhatEachPlugInBrings)
     const ProgramResult result = sealscope({"plugins", "--json"});
     EXPECT_EQ(result.status, 0) << result.errors;
     const auto lines = jsonLines(result.output);
-    ASSERT_EQ(lines.size(), 2U);
+    ASSERT_EQ(lines.size(), 3U);
     EXPECT_EQ(lines[0].at("title"), "HTTP");
     EXPECT_EQ(lines[0].at("interpreters"), (nlohmann::json{"HTTP/2", "HTTP/1", "WebSocket"}));
+    EXPECT_EQ(lines[2].at("title"), "TLS Reach");
     const nlohmann::json& plugIn = lines[1];
     EXPECT_EQ(plugIn.at("title"), "Sealscope");
     EXPECT_EQ(plugIn.at("description"), "TLS Protocol Analyzer");

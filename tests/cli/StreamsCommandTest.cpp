@@ -133,14 +133,15 @@ TEST(StreamsCommand, SaysWhyAStreamDoesNotDecrypt)
     };
     for (const auto& [name, flights, keyLog, verdict, sentence] : cases) {
         const std::string capture = write(directory, "capture.pcap", {flights});
-        const ProgramResult result = sealscope({"streams", "--json", "-k", directory.write("keys.txt", keyLog), capture});
+        const ProgramResult result =
+            sealscope({"streams", "--json", "--reach", "strict", "-k", directory.write("keys.txt", keyLog), capture});
         EXPECT_EQ(result.status, 0) << name;
         const auto rows = jsonLines(result.output);
         ASSERT_EQ(rows.size(), 1) << name;
         EXPECT_EQ(rows[0]["verdict"], verdict) << name;
         EXPECT_THAT(rows[0]["reason"]["sentence"].get<std::string>(), HasSubstr(sentence)) << name;
         // People read the same on a terminal, in lines that fit it.
-        const std::string shown = sealscopeOnTerminal({"streams", "-k", directory.file("keys.txt"), capture}, 80, {"NO_COLOR=1"});
+        const std::string shown = sealscopeOnTerminal({"streams", "--reach", "strict", "-k", directory.file("keys.txt"), capture}, 80, {"NO_COLOR=1"});
         std::string unwrapped;
         std::istringstream lines(shown);
         for (std::string line; std::getline(lines, line);) {

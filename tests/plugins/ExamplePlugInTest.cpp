@@ -72,7 +72,7 @@ TEST_F(ExamplePlugInTest, IsFoundAndAskedByTheInstalledProgram)
 
     const std::string build = folder->file("build");
     const auto plugIns = jsonLines(run({"plugins", "--json", "--plugin-path", build}).output);
-    ASSERT_EQ(plugIns.size(), 3U);
+    ASSERT_EQ(plugIns.size(), 4U);
     EXPECT_EQ(plugIns[0].at("title"), "IRC");
     EXPECT_EQ(plugIns[0].at("version"), "1.0 (1)");
     EXPECT_EQ(plugIns[1].at("title"), "HTTP");

@@ -64,14 +64,16 @@ std::vector<std::size_t> registered()
 TEST_F(PlugInLoaderTest, LoadsTheProgramsOwnPlugIns)
 {
     EXPECT_THAT(problemsOf(own), IsEmpty());
-    ASSERT_EQ(own.loaded.size(), 2U);
+    ASSERT_EQ(own.loaded.size(), 3U);
     EXPECT_EQ(own.loaded[0].bundle, PlugInLoader::ownFolder() / "HTTP.bundle");
     EXPECT_EQ(own.loaded[0].principalClass->name, "HTTPPlugInController");
     EXPECT_EQ(own.loaded[1].bundle, PlugInLoader::ownFolder() / "Sealscope.bundle");
     EXPECT_EQ(own.loaded[1].principalClass->name, "TLSPlugInController");
+    EXPECT_EQ(own.loaded[2].bundle, PlugInLoader::ownFolder() / "TLSReach.bundle");
+    EXPECT_EQ(own.loaded[2].principalClass->name, "ReachPlugIn");
 
     const auto plugIns = VELPlugInsController::sharedManager().plugIns();
-    ASSERT_EQ(plugIns.size(), 2U);
+    ASSERT_EQ(plugIns.size(), 3U);
     for (std::size_t i = 0; i < plugIns.size(); ++i) {
         EXPECT_EQ(plugIns[i].bundle->path(), own.loaded[i].bundle);
         EXPECT_EQ(plugIns[i].plugIn.plugInVersion, *own.loaded[i].principalClass->pluginVersion());

@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "Sealscope/TLSHandshake.h"
+#include "Sealscope/TLSNames.h"
+#include "host/VELModels/TCPStream.h"
+#include "host/VELModels/TLSDecryptionProbeRegistry.h"
+#include "interpreters/TLSReach/HandshakeAssembler.h"
+#include "interpreters/TLSReach/ReachSecrets.h"
+#include "interpreters/TLSReach/ReachSuite.h"
+#include "interpreters/TLSReach/RecordOpener.h"
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace sealscope {
+
+class ReachWalk;
+
+/// What the hellos of one handshake settle.
+struct HandshakeParameters {
+    Data clientRandom;
+    Data serverRandom;
+    std::uint16_t version = 0;  ///< negotiated: 0x0304, or 0x7f00 and the number of a draft, for TLS 1.3
+    std::uint16_t cipherSuite = 0;
+    std::optional<ReachSuite> suite;  ///< nothing for one that cannot be opened
+    Data sessionID;                   ///< of the server hello
+    Data ticket;                      ///< that the client hello offers (RFC 5077 §3.2)
+    bool encryptsThenMACs = false;
+    bool extendsMasterSecret = false;
+    bool compresses = false;
+    bool offersEarlyData = false;
+
+    bool isTLS13() const { return version == 0x0304 || version >> 8 == 0x7F; }
+};
+
+/// The handshake messages that a direction begins with in the clear.
+std::vector<AssembledMessage> clearHandshake(const StreamData& data);
+
+/// One TLS connection of a stream: what its hellos settle, and the keys that the secrets at hand give. Used by one thread at a time.
+class ReachConnection {
+public:
+    using Direction = TCPSegment::Direction;
+
+    ReachConnection(const TCPStream& stream, std::shared_ptr<const ReachSecrets> secrets);
+    ~ReachConnection();
+    ReachConnection(const ReachConnection&) = delete;
+    ReachConnection& operator=(const ReachConnection&) = delete;
+
+    const TCPStream& stream() const { return stream_; }
+    const ReachSecrets& secrets() const { return *secrets_; }
+    /// Of the first handshake; nothing when a hello is missing and nothing that is there makes up for it.
+    const std::optional<HandshakeParameters>& parameters() const { return parameters_; }
+    const std::optional<ClientHelloInfo>& clientHello() const { return clientHello_; }
+    const std::optional<ServerHelloInfo>& serverHello() const { return serverHello_; }
+    TLSDecryptionReport::Hello clientHelloState() const { return clientHelloState_; }
+    TLSDecryptionReport::Hello serverHelloState() const { return serverHelloState_; }
+    /// Whom the server's certificate is for, where none of the private keys at hand is the one that would open the connection.
+    std::optional<std::string> certificateWithoutKey() const;
+    /// Whether anything that is needed to open a direction is there.
+    bool hasKeyMaterial() const;
+
+    /// A traffic secret of TLS 1.3, by its label.
+    std::optional<Data> trafficSecret(std::string_view label) const;
+    /// The keys that a direction uses after the ChangeCipherSpec with this number, from 1 on (TLS 1.2 and before). Null when the
+    /// handshake or its secret is not there.
+    std::unique_ptr<RecordOpener> openerAfterChange(Direction direction, std::int64_t change);
+    /// The parameters of that handshake.
+    std::optional<HandshakeParameters> handshake(std::int64_t change);
+
+private:
+    void findHellos();
+    void settleWithoutHellos();
+    std::optional<SecretBytes> knownMasterSecret(const HandshakeParameters& parameters) const;
+    std::optional<SecretBytes> foundMasterSecret(const HandshakeParameters& parameters, bool isFirst) const;
+    std::optional<SecretBytes> masterSecret(const HandshakeParameters& parameters, bool isFirst) const;
+    const AssembledMessage* clearMessage(Direction direction, TLSHandshakeType type) const;
+    std::optional<DataView> encryptedPremaster(const HandshakeParameters& parameters) const;
+    std::optional<SecretBytes> premasterSecret(const HandshakeParameters& parameters) const;
+    std::optional<std::vector<std::uint8_t>> handshakeUpToKeyExchange() const;
+    ReachWalk& scout(Direction direction);
+
+    TCPStream stream_;
+    std::shared_ptr<const ReachSecrets> secrets_;
+    std::array<std::vector<AssembledMessage>, 2> clearMessages_;  ///< of each direction, up to where encryption begins
+    std::optional<ClientHelloInfo> clientHello_;
+    std::optional<ServerHelloInfo> serverHello_;
+    TLSDecryptionReport::Hello clientHelloState_ = TLSDecryptionReport::Hello::missing;
+    TLSDecryptionReport::Hello serverHelloState_ = TLSDecryptionReport::Hello::missing;
+    std::optional<HandshakeParameters> parameters_;
+    std::array<std::unique_ptr<ReachWalk>, 2> scouts_;  ///< look for the hellos of handshakes inside others
+    std::array<bool, 2> isScouting_{};
+    std::vector<std::optional<HandshakeParameters>> renegotiated_;
+};
+
+}  // namespace sealscope

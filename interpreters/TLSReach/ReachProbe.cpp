@@ -1,0 +1,211 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "interpreters/TLSReach/ReachProbe.h"
+
+#include "Sealscope/TLSApplicationProtocol.h"
+#include "Sealscope/TLSNames.h"
+#include "interpreters/TLSReach/ReachConnection.h"
+#include "interpreters/TLSReach/ReachMessages.h"
+#include "interpreters/TLSReach/ReachPlaintext.h"
+#include "interpreters/TLSReach/ReachTally.h"
+#include "interpreters/TLSReach/ReachWalk.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <utility>
+
+namespace sealscope {
+
+namespace {
+
+using Direction = TCPSegment::Direction;
+
+const DetailRow decryptedRow{.name = "TLS", .value = "decrypted"};
+
+/// Owns what the walk borrows.
+class ReachReader final : public PlaintextReader {
+public:
+    ReachReader(std::unique_ptr<ReachConnection> connection, Direction direction)
+        : connection_(std::move(connection)), direction_(direction), walk_(*connection_, direction)
+    {}
+    bool hasKeys() const { return walk_.hasKeys(); }
+
+    std::optional<PlaintextRecord> next(std::span<std::uint8_t> room) override
+    {
+        while (walk_.next(room.data())) {
+            tally_.take(walk_);
+            if (walk_.isApplicationData())
+                return PlaintextRecord{walk_.content(), {walk_.record().bodyOffset, walk_.record().endOffset()}};
+        }
+        return std::nullopt;
+    }
+    std::optional<TLSDirectionReport> report() override { return tally_.report(walk_, *connection_, direction_); }
+
+private:
+    std::unique_ptr<ReachConnection> connection_;
+    Direction direction_;
+    ReachWalk walk_;
+    ReachTally tally_;
+};
+
+/// What a direction says under encryption.
+struct OpenedDirection {
+    std::shared_ptr<const ReachPlaintext> plaintext;
+    std::vector<StreamMessage> handshake;
+    std::optional<std::string> applicationProtocol;
+    bool isWhole = false;  ///< every protected record opened
+};
+
+OpenedDirection openedDirection(ReachConnection& connection, Direction direction)
+{
+    const TCPStream& stream = connection.stream();
+    const bool isTLS13 = connection.parameters()->isTLS13();
+    OpenedDirection opened;
+    auto plaintext =
+        std::make_shared<ReachPlaintext>(direction == Direction::serverToClient ? stream.serverByteIndex : stream.clientByteIndex);
+    ReachWalk walk(connection, direction);
+    while (walk.next(plaintext->room(PlaintextReader::largestRecord))) {
+        if (const auto& gap = walk.gap()) plaintext->addHole(gap->contentLength);
+        if (walk.isApplicationData()) plaintext->add(walk.content().size(), {walk.record().bodyOffset, walk.record().endOffset()});
+        for (const AssembledMessage& message : walk.messages()) {
+            opened.handshake.push_back(ReachMessages::message(message, isTLS13, direction, stream));
+            if (isTLS13 && message.type == std::to_underlying(TLSHandshakeType::encryptedExtensions))
+                opened.applicationProtocol = TLSApplicationProtocol::ofEncryptedExtensions(message.body);
+        }
+    }
+    opened.plaintext = std::move(plaintext);
+    opened.isWhole = walk.openedRecords() == walk.protectedRecords();
+    return opened;
+}
+
+StreamData dataOf(const OpenedDirection& opened)
+{
+    const std::int64_t size = opened.plaintext->size();
+    return opened.plaintext->openedBytes() > 0 ? StreamData(opened.plaintext, size) : StreamData();
+}
+
+TCPStream plaintextStream(const TCPStream& captured, const OpenedDirection& client, const OpenedDirection& server)
+{
+    TCPStream stream = captured;
+    stream.clientToServerData = dataOf(client);
+    stream.serverToClientData = dataOf(server);
+    stream.clientByteIndex = ByteToSegmentIndex(client.plaintext);
+    stream.serverByteIndex = ByteToSegmentIndex(server.plaintext);
+    return stream;
+}
+
+/// What the hellos say about the plaintext.
+StreamContext contextOf(const ReachConnection& connection, const OpenedDirection& server, const StreamContext& outer)
+{
+    StreamContext context = outer;
+    context.isDecrypted = true;
+    context.notOfferedTo = StreamLayer::security;
+    ++context.depth;
+    context.serverName = connection.clientHello() ? connection.clientHello()->serverName : std::nullopt;
+    context.applicationProtocol =
+        server.applicationProtocol ? server.applicationProtocol : TLSApplicationProtocol::negotiated(connection.stream(), {});
+    return context;
+}
+
+StreamMessage wholeDirection(Direction direction, const OpenedDirection& opened)
+{
+    return {.direction = direction,
+            .summary = fmt::format("Decrypted Application Data ({} bytes)", opened.plaintext->openedBytes()),
+            .detail = {decryptedRow},
+            .body = StreamBody(dataOf(opened)),
+            .bodyHint = StreamBodyHint::text(TextEncoding::utf8),
+            .isDecrypted = true};
+}
+
+/// Handshake messages in front of what the plaintext was made into, whose pairings point behind them then.
+StreamInterpretation merged(std::vector<StreamMessage> handshake, StreamInterpretation interpretation)
+{
+    std::ranges::stable_sort(handshake, {}, &StreamMessage::timestamp);
+    const auto shift = static_cast<std::int64_t>(handshake.size());
+    std::ranges::move(interpretation.messages, std::back_inserter(handshake));
+    interpretation.messages = std::move(handshake);
+    if (interpretation.pairings) {
+        for (Pairing& pairing : *interpretation.pairings) {
+            pairing.requestIndex += shift;
+            if (pairing.replyIndex) *pairing.replyIndex += shift;
+        }
+    }
+    return interpretation;
+}
+
+}  // namespace
+
+ReachProbe::ReachProbe(std::shared_ptr<const KeyLogSources> sources, std::vector<PrivateKey> privateKeys)
+    : store_(sources), secrets_(std::move(sources), std::move(privateKeys))
+{}
+
+ReachProbe::ReachProbe() : ReachProbe(std::make_shared<const KeyLogSources>(SecretText(), std::vector<std::string>())) {}
+
+std::shared_ptr<const TLSStreamDecryptionProbing> ReachProbe::withSecrets(std::shared_ptr<const KeyLogSources> secrets) const
+{
+    return std::make_shared<const ReachProbe>(std::move(secrets), secrets_.privateKeys());
+}
+
+TLSDecryptionOutcome ReachProbe::probe(const TCPStream& stream) const
+{
+    ReachConnection connection(stream, secrets_.current());
+    const TLSDecryptionReport report = reachReport(connection, ReportDepth::hellos);
+    if (report.outcome) return *report.outcome;
+    for (const Direction direction : {Direction::serverToClient, Direction::clientToServer}) {
+        ReachWalk walk(connection, direction);
+        while (walk.next())
+            if (walk.isApplicationData()) return TLSDecryptionOutcome::decrypted();
+    }
+    return TLSDecryptionOutcome::notDecrypted(TLSDecryptionFailure::keyMismatch);
+}
+
+std::optional<TLSDecryptionReport> ReachProbe::report(const TCPStream& stream, ReportDepth depth) const
+{
+    ReachConnection connection(stream, secrets_.current());
+    return reachReport(connection, depth);
+}
+
+TLSKeyMaterialReport ReachProbe::keyMaterial() const
+{
+    TLSKeyMaterialReport report = TLSKeyLogProbing::keyMaterial();
+    const auto secrets = secrets_.current();
+    report.secrets += std::ssize(secrets->privateKeys) + static_cast<std::int64_t>(secrets->sessions.size());
+    return report;
+}
+
+std::unique_ptr<PlaintextReader> ReachProbe::plaintextReader(const TCPStream& stream, Direction direction) const
+{
+    auto reader = std::make_unique<ReachReader>(std::make_unique<ReachConnection>(stream, secrets_.current()), direction);
+    if (!reader->hasKeys()) return nullptr;
+    return reader;
+}
+
+std::optional<StreamInterpretation> ReachProbe::decryptedInterpretation(const TCPStream& stream, const StreamContext& context) const
+{
+    ReachConnection connection(stream, secrets_.current());
+    if (!connection.parameters()) return std::nullopt;
+    OpenedDirection client = openedDirection(connection, Direction::clientToServer);
+    OpenedDirection server = openedDirection(connection, Direction::serverToClient);
+    std::vector<StreamMessage> handshake = std::move(client.handshake);
+    std::ranges::move(server.handshake, std::back_inserter(handshake));
+    const bool hasPlaintext = client.plaintext->openedBytes() > 0 || server.plaintext->openedBytes() > 0;
+    // A handshake alone does not stand in for data that stay closed.
+    if (!hasPlaintext && (handshake.empty() || !client.isWhole || !server.isWhole)) return std::nullopt;
+
+    std::optional<StreamInterpretation> inner;
+    if (hasPlaintext && context.host)
+        inner = context.host->carriedInterpretation(plaintextStream(stream, client, server), contextOf(connection, server, context));
+    if (inner) {
+        for (StreamMessage& message : inner->messages) {
+            message.id = UUID::random();
+            message.detail.insert(message.detail.begin(), decryptedRow);
+            message.isDecrypted = true;
+        }
+    } else {
+        inner.emplace();
+        if (client.plaintext->openedBytes() > 0) inner->messages.push_back(wholeDirection(Direction::clientToServer, client));
+        if (server.plaintext->openedBytes() > 0) inner->messages.push_back(wholeDirection(Direction::serverToClient, server));
+    }
+    return merged(std::move(handshake), *std::move(inner));
+}
+
+}  // namespace sealscope

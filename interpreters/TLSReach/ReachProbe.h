@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "Sealscope/TLSDecryptionProbe.h"
+#include "interpreters/TLSReach/ReachSecrets.h"
+
+#include <memory>
+
+namespace sealscope {
+
+/// The decryption probe that opens whatever the secrets at hand can open. Any thread may ask.
+class ReachProbe final : public TLSKeyLogProbing {
+public:
+    /// With the secrets of one session; `privateKeys` open connections whose clients encrypt a secret to a server's certificate.
+    explicit ReachProbe(std::shared_ptr<const KeyLogSources> sources, std::vector<PrivateKey> privateKeys = {});
+    /// With those of the process: the managed key log, and the user's or the environment's.
+    ReachProbe();
+
+    std::string_view name() const override { return "TLSReach"; }
+    DecryptionReach reach() const override { return DecryptionReach::full; }
+    std::shared_ptr<const TLSStreamDecryptionProbing> withSecrets(std::shared_ptr<const KeyLogSources> secrets) const override;
+    TLSDecryptionOutcome probe(const TCPStream& stream) const override;
+    std::optional<TLSDecryptionReport> report(const TCPStream& stream, ReportDepth depth) const override;
+    std::optional<StreamInterpretation> decryptedInterpretation(const TCPStream& stream, const StreamContext& context) const override;
+    /// Private keys and lines with session IDs count as well.
+    TLSKeyMaterialReport keyMaterial() const override;
+    std::unique_ptr<PlaintextReader> plaintextReader(const TCPStream& stream, TCPSegment::Direction direction) const override;
+
+private:
+    TLSKeyLogStore& store() const override { return store_; }
+    mutable TLSKeyLogStore store_;
+    mutable ReachSecretStore secrets_;
+};
+
+}  // namespace sealscope

@@ -1,0 +1,444 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "interpreters/TLSReach/ReachProbe.h"
+
+#include "Sealscope/TLSDissector.h"
+#include "harness/DeterministicRandom.h"
+#include "harness/Hex.h"
+#include "harness/TLSRecordSealer.h"
+#include "interpreters/TLSReach/ReachConnection.h"
+#include "interpreters/TLSReach/ReachWalk.h"
+#include "tests/interpreters/TLSReach/Opened.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+#include <random>
+
+namespace sealscope {
+namespace {
+
+using Action = TLSStep::Action;
+using Bytes = std::vector<std::uint8_t>;
+using Direction = TCPSegment::Direction;
+using Stop = TLSDirectionReport::Stop;
+constexpr Direction client = Direction::clientToServer;
+constexpr Direction server = Direction::serverToClient;
+constexpr Direction directions[] = {client, server};
+
+TLSSessionOptions with(TLSSessionOptions options, auto change)
+{
+    change(options);
+    return options;
+}
+
+/// Talk in both directions, in records of many lengths.
+std::vector<TLSStep> talk()
+{
+    std::vector<TLSStep> steps{clientSends("GET / HTTP/1.1\r\n\r\n"), serverSends(patternBytes(40'000))};
+    for (int i = 1; i < 40; ++i) {
+        steps.push_back(clientSends(patternBytes(37 * i)));
+        steps.push_back(serverSends(patternBytes(911 * i % 5'000 + 1)));
+    }
+    return steps;
+}
+
+struct Kind {
+    std::string name;
+    TLSSessionOptions options;
+};
+
+/// A kind of session for each suite and version that libssl speaks.
+std::vector<Kind> everyKind()
+{
+    std::vector<Kind> kinds;
+    for (const TLSSuite& suite : availableSuites(0x0304)) kinds.push_back({suite.standardName, {.version = 0x0304, .suites = suite.name}});
+    for (const TLSSuite& suite : availableSuites(0x0303)) {
+        const bool isCBC = suite.standardName.contains("_CBC_");
+        const bool isOld = suite.standardName.ends_with("_SHA") || suite.standardName.ends_with("_MD5");
+        for (const std::uint16_t version : {0x0303, 0x0302, 0x0301}) {
+            if (version < 0x0303 && !isOld) continue;
+            TLSSessionOptions options{.version = version, .suites = suite.name};
+            kinds.push_back({fmt::format("{} in 0x{:04x}", suite.standardName, version), options});
+            if (!isCBC) continue;
+            options.usesEncryptThenMac = options.usesExtendedMasterSecret = false;
+            kinds.push_back({fmt::format("{} in 0x{:04x}, MAC inside", suite.standardName, version), options});
+        }
+    }
+    return kinds;
+}
+
+TEST(ReachProbe, OpensEverySuiteThatIsSpoken)
+{
+    for (const auto& [name, options] : everyKind()) {
+        const TLSSession session = runTLS(options, talk());
+        ASSERT_TRUE(session.isComplete) << name << ": " << session.failure;
+        const auto probe = probeWith(session.keyLog);
+        const TCPStream stream = vectorStream(session.flights);
+        EXPECT_TRUE(probe->probe(stream).isDecrypted()) << name;
+        for (const Direction direction : directions) {
+            const Opened whole = opened(*probe, stream, direction);
+            EXPECT_TRUE(whole.plaintext == session.plaintext(direction).view().text()) << name << ", " << whole.plaintext.size() << " bytes";
+            EXPECT_EQ(whole.report.stop, Stop::endOfData) << name;
+            EXPECT_EQ(whole.report.openedRecords, whole.report.protectedRecords) << name;
+            EXPECT_TRUE(whole.report.gaps.empty()) << name;
+        }
+    }
+}
+
+void lose(StreamPiece& piece)
+{
+    piece.packetId.reset();
+    piece.bytes = Data(std::vector<std::uint8_t>(static_cast<std::size_t>(piece.bytes.size())));
+}
+
+/// Loses some of the packets that carry a stream, from the flight with this number on.
+std::vector<StreamPiece> withLosses(const TLSSession& session, double share, std::uint64_t seed, std::int64_t segmentSize = 1'448)
+{
+    std::vector<StreamPiece> pieces = streamPieces(session.flights, {.segmentSize = segmentSize});
+    std::mt19937_64 random(seed);
+    std::int64_t passed[2] = {};
+    for (StreamPiece& piece : pieces) {
+        std::int64_t& before = passed[piece.direction == client ? 0 : 1];
+        before += piece.bytes.size();
+        constexpr std::int64_t handshakeBytes = 6'000;
+        if (before < handshakeBytes || std::uniform_real_distribution(0.0, 1.0)(random) >= share) continue;
+        lose(piece);
+    }
+    return pieces;
+}
+
+/// Keeps so many bytes of each packet, as a snapshot length does.
+std::vector<StreamPiece> snapped(const TLSSession& session, std::int64_t kept)
+{
+    std::vector<StreamPiece> pieces = streamPieces(session.flights);
+    std::vector<StreamPiece> cut;
+    for (StreamPiece& piece : pieces) {
+        if (cut.size() < 8 || piece.bytes.size() <= kept) {
+            cut.push_back(piece);
+            continue;
+        }
+        StreamPiece rest = piece;
+        piece.bytes = piece.bytes.sub(0, kept);
+        rest.bytes = rest.bytes.sub(kept, rest.bytes.size());
+        lose(rest);
+        cut.insert(cut.end(), {piece, rest});
+    }
+    return cut;
+}
+
+/// Whether a range of a direction was captured whole.
+bool isWhole(const TCPStream& stream, Direction direction, ByteRange range)
+{
+    for (std::int64_t at = range.lower; at < range.upper; at += stream.data(direction).stretch(at).size())
+        if (stream.locate({at, at + 1}, direction).packetIds.empty()) return false;
+    return true;
+}
+
+TEST(ReachProbe, OpensEveryRecordThatIsThere)
+{
+    for (const auto& [name, options] : everyKind()) {
+        const bool isChained = options.version <= 0x0301 && name.contains("_CBC_");
+        const TLSSession session = runTLS(options, talk());
+        const auto probe = probeWith(session.keyLog);
+        for (std::uint64_t seed = 1; seed <= 7; ++seed) {
+            const bool isSnapped = seed == 7;
+            const TCPStream stream =
+                vectorStream(isSnapped ? snapped(session, 700) : withLosses(session, 0.08, seed, seed % 2 ? 1'448 : 300), true);
+            for (const Direction direction : directions) {
+                const auto truth = opened(*probe, vectorStream(session.flights), direction).records;
+                const Opened found = opened(*probe, stream, direction);
+                for (const auto& [body, plaintext] : found.records)
+                    ASSERT_TRUE(truth.contains(body) && truth.at(body) == plaintext) << name << ": a record that nobody sent, at " << body;
+                for (const TLSRecord& record : TLSDissector::parseRecords(session.wire(direction))) {
+                    if (!truth.contains(record.bodyOffset)) continue;
+                    // Without an IV of its own a record needs the end of the one before.
+                    const std::int64_t from = record.recordOffset - (isChained ? 64 : 0);
+                    if (!isWhole(stream, direction, {from, record.endOffset()})) continue;
+                    EXPECT_TRUE(found.records.contains(record.bodyOffset))
+                        << name << ", seed " << seed << ": the record at " << record.recordOffset;
+                }
+            }
+        }
+    }
+}
+
+// Whichever packet of the handshake is lost, what follows opens; of TLS 1.2 as long as both randoms are there.
+TEST(ReachProbe, OpensBehindALostHandshake)
+{
+    const std::vector<TLSStep> steps{clientSends("request"), serverSends(patternBytes(20'000)), clientSends("more"), serverSends("end")};
+    const Kind kinds[] = {{"1.3, AES-GCM", {.version = 0x0304}},
+                          {"1.3, ChaCha20", {.version = 0x0304, .suites = "TLS_CHACHA20_POLY1305_SHA256"}},
+                          {"1.2, AES-GCM", {.version = 0x0303}},
+                          {"1.2, CBC", {.version = 0x0303, .suites = "ECDHE-RSA-AES128-SHA"}}};
+    for (const auto& [name, options] : kinds) {
+        const TLSSession session = runTLS(options, steps);
+        const auto probe = probeWith(session.keyLog);
+        const std::vector<StreamPiece> all = streamPieces(session.flights, {.segmentSize = 120});
+        std::int64_t begun[2] = {};
+        for (std::size_t lost = 0; lost < all.size() && begun[0] + begun[1] < 5'000; ++lost) {
+            std::int64_t& start = begun[all[lost].direction == client ? 0 : 1];
+            const bool isHello = start < 120;
+            start += all[lost].bytes.size();
+            if (isHello && options.version < 0x0304) continue;
+            std::vector<StreamPiece> pieces = all;
+            lose(pieces[lost]);
+            const TCPStream stream = vectorStream(pieces, true);
+            for (const Direction direction : directions) {
+                const auto truth = opened(*probe, vectorStream(session.flights), direction).records;
+                const auto found = opened(*probe, stream, direction).records;
+                for (const TLSRecord& record : TLSDissector::parseRecords(session.wire(direction))) {
+                    if (!truth.contains(record.bodyOffset) || !isWhole(stream, direction, {record.recordOffset, record.endOffset()})) continue;
+                    EXPECT_TRUE(found.contains(record.bodyOffset) && found.at(record.bodyOffset) == truth.at(record.bodyOffset))
+                        << name << ", without piece " << lost << ": the record at " << record.recordOffset;
+                }
+            }
+        }
+    }
+}
+
+TEST(ReachProbe, ReadsHellosThatAreSpreadAndDrafts)
+{
+    const std::vector<TLSStep> steps{clientSends("request"), serverSends("reply")};
+    const TLSSession spread = runTLS({.version = 0x0303, .handshakeRecordLength = 50}, steps);
+    EXPECT_EQ(opened(*probeWith(spread.keyLog), vectorStream(spread.flights), server).plaintext, "reply");
+    // The last draft is the standard but for its number.
+    TLSSession draft = runTLS({.version = 0x0304}, steps);
+    for (TLSFlight& flight : draft.flights) {
+        std::vector<std::uint8_t> bytes(flight.wire.view().begin(), flight.wire.view().end());
+        const Bytes said{0, 43, 0, 2, 3, 4};
+        if (const auto at = std::ranges::search(bytes, said); !at.empty()) std::ranges::copy(Bytes{0x7F, 28}, at.begin() + 4);
+        flight.wire = Data(std::move(bytes));
+    }
+    const auto probe = probeWith(draft.keyLog);
+    EXPECT_EQ(probe->report(vectorStream(draft.flights), ReportDepth::hellos)->version, 0x7F1C);
+    for (const Direction direction : directions)
+        EXPECT_EQ(opened(*probe, vectorStream(draft.flights), direction).plaintext, draft.plaintext(direction).view().text());
+}
+
+TEST(ReachProbe, CountsWhatIsLost)
+{
+    const TLSSession session = runTLS({.version = 0x0303}, {serverSends(patternBytes(200'000))});
+    std::vector<StreamPiece> pieces = streamPieces(session.flights);
+    // One segment within a record, and further on one with a header in it: two records that touch.
+    std::int64_t at = 0;
+    for (StreamPiece& piece : pieces) {
+        if (piece.direction != server) continue;
+        const ByteRange range{at, at + piece.bytes.size()};
+        at = range.upper;
+        const auto records = TLSDissector::parseRecords(session.wire(server));
+        const auto holds = [&](const TLSRecord& record) { return record.declaredLength > 16'000 && range.lower <= record.recordOffset && record.recordOffset < range.upper; };
+        const bool isInside = range.lower < 40'000 && range.upper >= 40'000;
+        const bool hasHeader = range.lower > 100'000 && range.lower < 118'000 && std::ranges::any_of(records, holds);
+        if (!isInside && !hasHeader) continue;
+        lose(piece);
+    }
+    const Opened found = opened(*probeWith(session.keyLog), vectorStream(pieces, true), server);
+    EXPECT_EQ(found.report.stop, Stop::endOfData);
+    EXPECT_EQ(found.report.skippedRecords, 3);
+    EXPECT_EQ(found.report.gaps.size(), 2u);
+    EXPECT_EQ(static_cast<std::int64_t>(found.plaintext.size()), 200'000 - 3 * 16'384);
+}
+
+TEST(ReachProbe, FollowsTheKeysOfTLS13)
+{
+    const TLSSessionOptions tls13{.version = 0x0304, .clientCertificate = CertificateOptions{}, .allowsPostHandshakeAuthentication = true};
+    const std::vector<TLSStep> steps{clientSends("one"), serverSends("two"), clientDoes(Action::updateKey), clientSends("three"),
+                                     serverDoes(Action::updateBothKeys), serverSends("four"), clientSends("five"),
+                                     serverDoes(Action::requestClientCertificate), clientSends("six"), serverSends("seven"),
+                                     serverDoes(Action::sendTicket), serverDoes(Action::updateKey), serverSends("eight")};
+    const TLSSession session = runTLS(tls13, steps);
+    const auto probe = probeWith(session.keyLog);
+    for (const Direction direction : directions)
+        EXPECT_EQ(opened(*probe, vectorStream(session.flights), direction).plaintext, session.plaintext(direction).view().text());
+
+    // Early data, accepted and refused, with its secret and without.
+    const TLSSession first = runTLS({.version = 0x0304, .maximumEarlyData = 1'000}, {clientSends("hello"), serverSends("hello")});
+    for (const std::uint32_t accepts : {1'000u, 0u}) {
+        const TLSSession second =
+            runTLS({.version = 0x0304, .resume = first.resumption, .earlyData = Data::fromText("early bird"), .maximumEarlyData = accepts},
+                   {clientSends("late"), serverSends("reply")});
+        const Opened all = opened(*probeWith(second.keyLog), vectorStream(second.flights), client);
+        EXPECT_TRUE(all.plaintext.ends_with("late")) << accepts;
+        EXPECT_EQ(all.plaintext.starts_with("early bird"), second.acceptedEarlyData || all.plaintext.size() > 4) << accepts;
+        std::string without = second.keyLog;
+        const std::size_t line = without.find("CLIENT_EARLY_TRAFFIC_SECRET");
+        if (line != std::string::npos) without.erase(line, without.find('\n', line) + 1 - line);
+        EXPECT_EQ(opened(*probeWith(without), vectorStream(second.flights), client).plaintext, "late") << accepts;
+    }
+}
+
+TEST(ReachProbe, FollowsRenegotiationAndResumption)
+{
+    for (const char* suite : {"ECDHE-RSA-AES128-GCM-SHA256", "ECDHE-RSA-AES128-SHA256", "ECDHE-ECDSA-CHACHA20-POLY1305"}) {
+        const TLSSession session =
+            runTLS({.version = 0x0303, .suites = suite}, {clientSends("a"), serverSends("b"), clientDoes(Action::renegotiate), clientSends("c"),
+                                                          serverSends("d"), clientDoes(Action::renegotiate), serverSends("e"), clientSends("f")});
+        const auto probe = probeWith(session.keyLog);
+        for (const Direction direction : directions)
+            EXPECT_EQ(opened(*probe, vectorStream(session.flights), direction).plaintext, session.plaintext(direction).view().text()) << suite;
+    }
+}
+
+/// The key log without the lines of labels that begin so.
+std::string without(std::string keyLog, std::string_view label)
+{
+    for (std::size_t at = 0; (at = keyLog.find(label, at)) != std::string::npos;) keyLog.erase(at, keyLog.find('\n', at) + 1 - at);
+    return keyLog;
+}
+
+std::shared_ptr<const ReachProbe> probeWithKeys(std::vector<PrivateKey> keys, std::string_view keyLog = {})
+{
+    return std::make_shared<const ReachProbe>(
+        std::make_shared<const KeyLogSources>(SecretText(keyLog), std::vector<std::string>()), std::move(keys));
+}
+
+TEST(ReachProbe, OpensWithTheServersKey)
+{
+    const NoKeyLogs noOthers;
+    const std::vector<TLSStep> steps{clientSends("request"), serverSends("reply")};
+    const CertificateOptions rsa{.key = CertificateKey::rsa2048};
+    const auto key = PrivateKey::read(DataView(CertificateChain::make(rsa)->privateKeyPEM), std::nullopt);
+    ASSERT_TRUE(key);
+    for (const char* suite : {"AES128-SHA", "AES256-GCM-SHA384", "AES128-SHA256"}) {
+        for (const bool isExtended : {true, false}) {
+            for (const std::uint16_t version : {0x0303, 0x0302, 0x0301}) {
+                if (version < 0x0303 && std::string_view(suite) != "AES128-SHA") continue;
+                const TLSSessionOptions options{
+                    .version = version, .suites = suite, .certificates = {rsa}, .usesExtendedMasterSecret = isExtended};
+                const TLSSession first = runTLS(options, steps);
+                const auto probe = probeWithKeys({*key});
+                for (const Direction direction : directions)
+                    EXPECT_EQ(opened(*probe, vectorStream(first.flights), direction).plaintext, first.plaintext(direction).view().text())
+                        << suite << ' ' << isExtended << ' ' << version;
+                // Whoever resumes the session has no key exchange to be opened.
+                for (const bool usesTickets : {true, false}) {
+                    const TLSSession begun = runTLS(with(options, [&](auto& o) { o.usesTickets = usesTickets; }), steps);
+                    const TLSSession resumed = runTLS(with(options, [&](auto& o) {
+                                                          o.usesTickets = usesTickets;
+                                                          o.resume = begun.resumption;
+                                                          o.seed = 2;
+                                                      }),
+                                                      steps);
+                    ASSERT_TRUE(resumed.isResumed);
+                    EXPECT_EQ(opened(*probe, vectorStream(begun.flights), server).plaintext, "reply");
+                    EXPECT_EQ(opened(*probe, vectorStream(resumed.flights), server).plaintext, "reply") << suite << usesTickets << version;
+                }
+            }
+        }
+    }
+    const TLSSession session = runTLS({.version = 0x0303, .suites = "AES128-SHA", .certificates = {rsa}}, steps);
+    const TCPStream stream = vectorStream(session.flights);
+    const auto withoutKey = [&](const PrivateKey& held) {
+        const auto secrets = ReachSecrets::of("");
+        secrets->privateKeys = {held};
+        return ReachConnection(stream, secrets).certificateWithoutKey();
+    };
+    EXPECT_EQ(withoutKey(*key), std::nullopt);
+
+    // Another key is said to be none of the certificate's.
+    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> made(EVP_RSA_gen(2048), EVP_PKEY_free);
+    const std::unique_ptr<BIO, decltype(&BIO_free_all)> pem(BIO_new(BIO_s_mem()), BIO_free_all);
+    PEM_write_bio_PKCS8PrivateKey(pem.get(), made.get(), EVP_aes_128_cbc(), "pass", 4, nullptr, nullptr);
+    char* text = nullptr;
+    const long length = BIO_get_mem_data(pem.get(), &text);
+    const DataView encrypted(std::string_view(text, static_cast<std::size_t>(length)));
+    EXPECT_EQ(PrivateKey::read(encrypted, std::nullopt).error(), PrivateKey::Problem::needsPassphrase);
+    EXPECT_EQ(PrivateKey::read(encrypted, SecretText("word")).error(), PrivateKey::Problem::wrongPassphrase);
+    EXPECT_EQ(PrivateKey::read(DataView(std::string_view("no key")), std::nullopt).error(), PrivateKey::Problem::noKey);
+    const auto other = PrivateKey::read(encrypted, SecretText("pass"));
+    ASSERT_TRUE(other);
+    EXPECT_EQ(withoutKey(*other), "example.org");
+    EXPECT_EQ(probeWithKeys({*other})->report(stream, ReportDepth::opened)->plaintextBytes(), 0);
+
+    // What a key decrypts may stand in a key log as well.
+    for (const AssembledMessage& message : clearHandshake(stream.clientToServerData)) {
+        if (message.type != 16) continue;
+        const Data exchange = message.body.sub(2, message.body.size() - 2);
+        const auto premaster = key->decrypt(exchange);
+        ASSERT_TRUE(premaster);
+        const std::string secret = hexText(viewOf(*premaster));
+        EXPECT_EQ(opened(*probeWith("RSA " + hexText(exchange.view().sub(0, 8)) + ' ' + secret + '\n'), stream, server).plaintext, "reply");
+        const std::string random = hexText(session.wire(client).view().sub(11, 32));
+        EXPECT_EQ(opened(*probeWith("PMS_CLIENT_RANDOM " + random + ' ' + secret + '\n'), stream, server).plaintext, "reply");
+    }
+    const TLSSession withID = runTLS({.version = 0x0303, .suites = "AES128-SHA", .certificates = {rsa}, .usesTickets = false}, steps);
+    const Data wire = withID.wire(server);
+    const std::string id = hexText(wire.view().sub(44, wire[43])), master = hexText(DataView(keyLogSecret(withID.keyLog, "CLIENT_RANDOM")));
+    EXPECT_EQ(opened(*probeWith("RSA Session-ID:" + id + " Master-Key:" + master + '\n'), vectorStream(withID.flights), server).plaintext, "reply");
+}
+
+TEST(ReachProbe, OpensWithoutTheHandshake)
+{
+    const std::vector<TLSStep> steps{clientSends(patternBytes(3'000)), serverSends(patternBytes(100'000)), clientSends("bye")};
+    for (const char* suite : {"TLS_AES_128_GCM_SHA256", "TLS_AES_256_GCM_SHA384"}) {
+        const TLSSession session = runTLS({.version = 0x0304, .suites = suite}, steps);
+        const TLSSession other = runTLS({.version = 0x0304, .seed = 9}, steps);
+        const auto probe = probeWith(other.keyLog + session.keyLog);
+        // The capture begins when the connection is long under way.
+        const Data late = session.wire(server).sub(40'000, 200'000);
+        const Opened found = opened(*probe, vectorStream(Data(), late), server);
+        EXPECT_GT(found.plaintext.size(), 50'000u) << suite;
+        EXPECT_TRUE(session.serverPlaintext.view().text().ends_with(found.plaintext)) << suite;
+    }
+    // Without the handshake's secrets the application's still open what is theirs.
+    const TLSSession session = runTLS({.version = 0x0304}, steps);
+    const auto probe = probeWith(without(without(session.keyLog, "CLIENT_HANDSHAKE"), "SERVER_HANDSHAKE"));
+    for (const Direction direction : directions)
+        EXPECT_TRUE(opened(*probe, vectorStream(session.flights), direction).plaintext == session.plaintext(direction).view().text());
+}
+
+TEST(ReachProbe, ShowsTheHandshakeUnderEncryption)
+{
+    const TLSSession session = runTLS({.version = 0x0304, .clientProtocols = {"h2"}, .serverProtocols = {"h2"}, .tickets = 1},
+                                      {clientSends("x"), clientDoes(Action::updateKey), serverSends("y")});
+    const TCPStream stream = vectorStream(session.flights);
+    const auto interpretation = probeWith(session.keyLog)->decryptedInterpretation(stream, {});
+    ASSERT_TRUE(interpretation);
+    std::vector<std::string> rows;
+    for (const StreamMessage& message : interpretation->messages) {
+        EXPECT_TRUE(message.isDecrypted);
+        rows.push_back(message.summary);
+        if (message.summary == "Encrypted Extensions") {
+            EXPECT_EQ(message.detail.at(1), (DetailRow{"ALPN", "h2"}));
+        }
+        if (message.summary != "Certificate") continue;
+        EXPECT_EQ(message.detail.at(2), (DetailRow{"Subject", "example.org"}));
+        const VELValue* const chain = message.attribute("certificates");
+        ASSERT_TRUE(chain);
+        EXPECT_TRUE(std::get<std::string>(*chain).starts_with("# subject: example.org\n-----BEGIN CERTIFICATE-----\n"));
+        EXPECT_EQ(message.packetIds, stream.locate(*message.byteRange, server).packetIds);
+    }
+    std::ranges::sort(rows);
+    EXPECT_EQ(rows, (std::vector<std::string>{"Certificate", "Certificate Verify", "Decrypted Application Data (1 bytes)",
+                                              "Decrypted Application Data (1 bytes)", "Encrypted Extensions", "Finished", "Finished",
+                                              "Key Update", "New Session Ticket"}));
+}
+
+TEST(ReachProbe, BoundsItsWork)
+{
+    // Headers at every turn and nothing behind them that any key opens.
+    const TLSSession session = runTLS({.version = 0x0304}, {serverSends("x")});
+    const Data sent = session.wire(server);
+    std::vector<std::uint8_t> wire(sent.view().begin(), sent.view().end());
+    const Data forged = patternBytes(40);
+    for (int i = 0; i < 20'000; ++i) {
+        wire.insert(wire.end(), {23, 3, 3, 0, 40});
+        wire.insert(wire.end(), forged.view().begin(), forged.view().end());
+        if (i % 50 == 0) wire.insert(wire.end(), {0, 23, 3});
+    }
+    const auto size = static_cast<std::int64_t>(wire.size());
+    const TCPStream stream = vectorStream(session.wire(client), Data(std::move(wire)));
+    ReachConnection connection(stream, ReachSecrets::of(session.keyLog));
+    ReachWalk walk(connection, server);
+    std::string plaintext;
+    while (walk.next())
+        if (walk.isApplicationData()) plaintext += walk.content().text();
+    EXPECT_EQ(plaintext, "x");
+    EXPECT_LE(walk.trialBytes(), 64 * size + 64 * 20'000);
+}
+
+}  // namespace
+}  // namespace sealscope
