@@ -4,7 +4,7 @@
 _sealscope() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
     local commands="follow exchanges objects packets tree streams decrypt export live plugins settings help"
-    local common="--plugin-path --color --quiet --version --help"
+    local common="--plugin-path --color --quiet --verbose --memory --no-sandbox --version --help"
     local words="" command="" word index
 
     # The command is the first word that is neither an option nor an option's argument.
@@ -12,7 +12,7 @@ _sealscope() {
         word=${COMP_WORDS[index]}
         case $word in
             -k | --keylog | -f | --filter | -n | --count | --packet | --stream | -o | --output | --pcap | --inject-secrets | \
-                --strip-secrets | --reach | --largest-body | -i | --interface | -w | --write | --plugin-path | --color) ((index++)) ;;
+                --strip-secrets | --reach | --largest-body | -i | --interface | -w | --write | --plugin-path | --color | --memory) ((index++)) ;;
             -*) ;;
             *)
                 command=$word
@@ -44,7 +44,7 @@ _sealscope() {
             mapfile -t COMPREPLY < <(compgen -f -- "$current")
             return
             ;;
-        -f | --filter | -n | --count | --packet | --stream | --largest-body) return ;;
+        -f | --filter | -n | --count | --packet | --stream | --largest-body | --memory) return ;;
     esac
 
     if [[ $command == settings && $current != -* ]]; then

@@ -19,6 +19,9 @@ complete -c sealscope -n "not __fish_seen_subcommand_from $commands" -a help -d 
 complete -c sealscope -l plugin-path -xa "(__fish_complete_directories)" -d "look for plug-ins here first"
 complete -c sealscope -l color -xa "auto always never" -d "colours"
 complete -c sealscope -s q -l quiet -d "only errors on standard error"
+complete -c sealscope -s v -l verbose -d "say how the run is confined"
+complete -c sealscope -l memory -x -d "use at most so much memory"
+complete -c sealscope -l no-sandbox -d "keep all rights while captures are read"
 complete -c sealscope -l version -d "print the version"
 complete -c sealscope -s h -l help -d "print help"
 

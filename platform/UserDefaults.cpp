@@ -217,6 +217,8 @@ class UserDefaults::Implementation {
 public:
     Implementation(fs::path file, fs::path home) : file_(std::move(file)), home_(std::move(home)) {}
 
+    const fs::path& file() const { return file_; }
+
     std::optional<Value> object(std::string_view key) const
     {
         const std::lock_guard lock(mutex_);
@@ -407,6 +409,8 @@ UserDefaults& UserDefaults::standard()
     }();
     return defaults;
 }
+
+const fs::path& UserDefaults::file() const { return implementation_->file(); }
 
 std::optional<Value> UserDefaults::object(std::string_view key) const { return implementation_->object(key); }
 

@@ -31,6 +31,8 @@ public:
     explicit UserDefaults(std::filesystem::path file);
     ~UserDefaults();
 
+    /// The file that holds them; empty where there is no home folder.
+    const std::filesystem::path& file() const;
     /// What is stored under a key, of whatever type.
     std::optional<Value> object(std::string_view key) const;
     // A stored value of another type counts as absent.

@@ -36,6 +36,9 @@ constexpr OptionSpec specs[] = {
     {Option::plugInPath, 0, "plugin-path", "DIR", "look for plug-ins in DIR first; may be given again"},
     {Option::color, 0, "color", "WHEN", "colours: auto (the default), always or never"},
     {Option::quiet, 'q', "quiet", "", "no progress and no remarks on standard error, only errors"},
+    {Option::verbose, 'v', "verbose", "", "say how this run is confined; with --version too"},
+    {Option::memory, 0, "memory", "LIMIT", "use at most so much memory, as in 500M or 8G; none for no limit"},
+    {Option::noSandbox, 0, "no-sandbox", "", "keep all rights while captures are read, for debugging"},
     {Option::version, 0, "version", "", "print the version"},
     {Option::help, 'h', "help", "", "print this help"},
 };
@@ -76,6 +79,19 @@ std::optional<std::int64_t> wholeNumber(std::string_view text, std::int64_t leas
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     if (error != std::errc{} || end != text.data() + text.size() || number < least) return std::nullopt;
     return number;
+}
+
+/// Bytes from a number with K, M, G or T behind it, powers of 1,024; 0 for "none".
+std::optional<std::int64_t> memorySize(std::string_view text)
+{
+    if (text == "none") return 0;
+    constexpr std::string_view units = "KMGT";
+    const std::size_t unit = text.empty() ? std::string_view::npos : units.find(text.back());
+    if (unit != std::string_view::npos) text.remove_suffix(1);
+    const int shift = unit == std::string_view::npos ? 0 : 10 * (static_cast<int>(unit) + 1);
+    const auto number = wholeNumber(text, 1);
+    if (!number || *number > INT64_MAX >> shift) return std::nullopt;
+    return *number << shift;
 }
 
 /// Enters an option into the record; gives what is wrong with its argument, or nothing.
@@ -139,6 +155,11 @@ std::string enter(Options& options, const OptionSpec& spec, std::string_view arg
             return refuse("expected auto, always or never");
         break;
     case Option::quiet: options.quiet = true; break;
+    case Option::verbose: options.verbose = true; break;
+    case Option::memory:
+        if (!(options.memory = memorySize(argument))) return refuse("expected a size such as 500M or 8G, or none");
+        break;
+    case Option::noSandbox: options.noSandbox = true; break;
     case Option::version: options.version = true; break;
     case Option::help: options.help = true; break;
     }

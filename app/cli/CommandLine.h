@@ -40,6 +40,9 @@ enum class Option : std::uint8_t {
     plugInPath,
     color,
     quiet,
+    verbose,
+    memory,
+    noSandbox,
     version,
     help
 };
@@ -98,6 +101,9 @@ struct Options {
     std::vector<std::string> plugInPaths;
     ColorChoice color = ColorChoice::automatic;
     bool quiet = false;
+    bool verbose = false;
+    std::optional<std::int64_t> memory;  ///< bytes; 0 for no limit
+    bool noSandbox = false;
     bool version = false;
     bool help = false;
 };

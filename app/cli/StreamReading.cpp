@@ -35,6 +35,7 @@ std::unique_ptr<Session> openSession(const CommandContext& context, ExitStatus& 
 {
     const Options& options = context.options;
     catchInterrupts();
+    context.confining.begin();
     std::unique_ptr<Session> session;
     {
         Progress progress("reading", !options.quiet);

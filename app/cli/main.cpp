@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "app/cli/Confining.h"
 #include "app/cli/commands/Commands.h"
 #include "app/cli/text/Help.h"
 #include "app/cli/text/Messages.h"
@@ -34,7 +35,7 @@ ExitStatus finish(Output& output, ExitStatus status)
     return failed;
 }
 
-ExitStatus runCommand(const Options& options, Output& output)
+ExitStatus runCommand(const Options& options, Output& output, Confining& confining)
 {
     const Terminal terminal = Terminal::standardOutput(options.color);
     setRemarks(!options.quiet);
@@ -47,12 +48,15 @@ ExitStatus runCommand(const Options& options, Output& output)
     ExitStatus status = done;
     {
         Pager pager;
-        if (terminal.isTerminal && options.command->isPaged && !options.json)
+        if (terminal.isTerminal && options.command->isPaged && !options.json) {
+            pager.prepare();
             output.beforeFirstByte([&] {
                 pager.start();
                 holdMessages();
             });
-        status = options.command->run({.options = options, .terminal = terminal, .output = output});
+        }
+        if (options.command->access == Access::ownData || options.command->access == Access::settings) confining.begin();
+        status = options.command->run({.options = options, .terminal = terminal, .output = output, .confining = confining});
         output.flush();
     }
     releaseMessages();
@@ -73,11 +77,23 @@ ExitStatus runProgram(int argumentCount, char** arguments)
         output.write(helpText(options->command));
         return finish(output, done);
     }
+    Confining confining(*options);
     if (options->version) {
         output.write("sealscope " SEALSCOPE_VERSION "\n");
+        if (options->verbose) {
+            confining.begin();
+            output.write(confining.text());
+        }
         return finish(output, done);
     }
-    return finish(output, runCommand(*options, output));
+    ExitStatus status = failed;
+    try {
+        status = runCommand(*options, output, confining);
+    } catch (const std::bad_alloc&) {
+        releaseMessages();
+        complain(confining.outOfMemory());
+    }
+    return finish(output, status);
 }
 
 }  // namespace

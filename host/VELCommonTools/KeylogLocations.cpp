@@ -13,14 +13,21 @@ namespace sealscope {
 
 namespace {
 
-std::string homeFolder()
+std::string homeFolderOfAccount()
 {
-    if (const char* home = std::getenv("HOME"); home && *home) return home;
     passwd entry{};
     passwd* found = nullptr;
     std::string buffer(4096, '\0');
     if (getpwuid_r(getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found && found->pw_dir) return found->pw_dir;
     return "/";
+}
+
+std::string homeFolder()
+{
+    if (const char* home = std::getenv("HOME"); home && *home) return home;
+    // Asked once: later the process may not be allowed to.
+    static const std::string ofAccount = homeFolderOfAccount();
+    return ofAccount;
 }
 
 }  // namespace

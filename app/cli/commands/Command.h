@@ -2,6 +2,7 @@
 #pragma once
 
 #include "app/cli/CommandLine.h"
+#include "app/cli/Confining.h"
 #include "app/cli/Output.h"
 #include "app/cli/text/Terminal.h"
 
@@ -21,7 +22,16 @@ enum ExitStatus {
 struct CommandContext {
     const Options& options;
     const Terminal& terminal;
-    Output& output;  ///< standard output
+    Output& output;        ///< standard output
+    Confining& confining;  ///< begun by who opens captures, or an interface
+};
+
+/// What a command works on, and so what it keeps once it is confined.
+enum class Access : std::uint8_t {
+    ownData,    ///< plug-ins and their texts; confined before it runs
+    settings,   ///< settings and the managed key log; confined before it runs
+    captures,   ///< its arguments and the key logs; confined when what it writes is open
+    interface,  ///< a network interface; confined when that is open
 };
 
 /// One command, described where it is written.
@@ -35,7 +45,8 @@ struct Command {
     int fewestArguments = 1;
     int mostArguments = -1;  ///< negative for any number
     bool countsRows = false;  ///< --count is about its rows, not about packets
-    bool isPaged = false;    ///< its text is long: on a terminal the user's pager shows it
+    Access access = Access::ownData;
+    bool isPaged = false;  ///< its text is long: on a terminal the user's pager shows it
     ExitStatus (*run)(const CommandContext& context) = nullptr;
 };
 
@@ -45,6 +56,7 @@ std::span<const Command* const> commands();
 const Command* commandNamed(std::string_view name);
 
 /// The options that every command knows.
-inline constexpr OptionSet commonOptions{Option::color, Option::quiet, Option::plugInPath, Option::version, Option::help};
+inline constexpr OptionSet commonOptions{Option::color,  Option::quiet,     Option::verbose, Option::plugInPath,
+                                         Option::memory, Option::noSandbox, Option::version, Option::help};
 
 }  // namespace sealscope::cli

@@ -226,6 +226,7 @@ const Command decryptCommand{
                 "sealscope decrypt --strip-secrets share.pcapng all.pcapng|the capture without any\n",
     .options = {Option::stream, Option::keylog, Option::reach, Option::output, Option::pcap, Option::injectSecrets, Option::stripSecrets,
                 Option::force, Option::json, Option::filter, Option::count},
+    .access = Access::captures,
     .run = run};
 
 }  // namespace sealscope::cli

@@ -199,6 +199,7 @@ const Command exchangesCommand{
                 "sealscope exchanges --json capture.pcapng \\| jq 'select(.reply.status >= 400)'|for scripts\n",
     .options = {Option::stream, Option::keylog, Option::reach, Option::largestBody, Option::json, Option::filter, Option::count},
     .countsRows = true,
+    .access = Access::captures,
     .isPaged = true,
     .run = run};
 

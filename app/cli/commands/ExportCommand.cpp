@@ -65,7 +65,7 @@ ExitStatus run(const CommandContext& context)
     ExitStatus status = done;
     Options captureOptions = options;
     captureOptions.arguments.erase(captureOptions.arguments.begin());
-    const CommandContext captureContext{.options = captureOptions, .terminal = context.terminal, .output = context.output};
+    const CommandContext captureContext{.options = captureOptions, .terminal = context.terminal, .output = context.output, .confining = context.confining};
     const auto session = openSession(captureContext, status);
     if (!session) return status;
     const auto streams = wantedStreams(captureContext, *session, status);
@@ -89,6 +89,7 @@ const Command exportCommand{.name = "export",
                             .options = {Option::stream, Option::keylog, Option::reach, Option::output, Option::force, Option::largestBody,
                                         Option::json, Option::filter, Option::count},
                             .fewestArguments = 0,
+                            .access = Access::captures,
                             .run = run};
 
 }  // namespace sealscope::cli

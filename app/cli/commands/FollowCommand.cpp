@@ -201,6 +201,7 @@ const Command followCommand{
                 "sealscope follow --stream 3 -k keys.txt capture.pcapng|one of them, decrypted\n"
                 "sealscope follow --json capture.pcapng|one JSON object a stream\n",
     .options = {Option::stream, Option::keylog, Option::noInterpreters, Option::bodies, Option::largestBody, Option::reach, Option::json, Option::filter, Option::count},
+    .access = Access::captures,
     .isPaged = true,
     .run = run};
 

@@ -101,6 +101,7 @@ ExitStatus run(const CommandContext& context)
                                      .existing = options.force ? ExistingFile::isReplaced : ExistingFile::stays});
     if (!opened) return complainAbout(opened.error());
     LiveCapture& capture = **opened;
+    context.confining.begin();
     const Running interruptible(capture);
 
     ExitStatus status = done;
@@ -126,6 +127,7 @@ const Command liveCommand{.name = "live",
                           .options = {Option::interface, Option::write, Option::force, Option::filter, Option::count, Option::json},
                           .fewestArguments = 0,
                           .mostArguments = 0,
+                          .access = Access::interface,
                           .run = run};
 
 }  // namespace sealscope::cli

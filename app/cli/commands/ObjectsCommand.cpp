@@ -139,6 +139,7 @@ const Command objectsCommand{
     .examples = "sealscope objects -k keys.txt --output saved capture.pcapng|everything that was downloaded and uploaded\n",
     .options = {Option::stream, Option::keylog, Option::reach, Option::output, Option::force, Option::largestBody, Option::json, Option::filter,
                 Option::count},
+    .access = Access::captures,
     .run = run};
 
 }  // namespace sealscope::cli

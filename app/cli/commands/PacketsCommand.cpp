@@ -103,6 +103,7 @@ const Command packetsCommand{
                 "sealscope packets --json capture.pcapng|one JSON object a line\n"
                 "tcpdump -w - \\| sealscope packets -|from another program, as it comes\n",
     .options = {Option::json, Option::filter, Option::count},
+    .access = Access::captures,
     .isPaged = true,
     .run = run};
 

@@ -287,6 +287,7 @@ const Command settingsCommand{
     .options = {Option::json},
     .fewestArguments = 0,
     .mostArguments = 3,
+    .access = Access::settings,
     .run = run};
 
 }  // namespace sealscope::cli

@@ -159,6 +159,7 @@ const Command streamsCommand{
                 "sealscope streams -k keys.txt capture.pcapng|with the secrets of a key log\n"
                 "sealscope streams --json capture.pcapng \\| jq 'select(.verdict != \"decrypted\")'|for scripts\n",
     .options = {Option::stream, Option::keylog, Option::reach, Option::json, Option::filter, Option::count},
+    .access = Access::captures,
     .isPaged = true,
     .run = run};
 

@@ -261,6 +261,7 @@ const Command treeCommand{
                 "sealscope tree --packet 4 --hex capture.pcapng|with their bytes\n"
                 "sealscope tree --json capture.pcapng|one JSON object a packet\n",
     .options = {Option::packet, Option::hex, Option::json, Option::filter, Option::count},
+    .access = Access::captures,
     .isPaged = true,
     .run = run};
 

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
 #include <string>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
@@ -63,7 +64,27 @@ std::string_view sequence(Style style)
     std::unreachable();
 }
 
-void Pager::start()
+namespace {
+
+/// Waits for the first output and becomes the pager; ends with a program that has none.
+[[noreturn]] void becomePager(int input, const std::string& command)
+{
+    pollfd output{.fd = input, .events = POLLIN, .revents = 0};
+    while (poll(&output, 1, -1) < 0 && errno == EINTR) {}
+    if ((output.revents & POLLIN) == 0) _exit(0);
+    dup2(input, STDIN_FILENO);
+    // What the user set for `less` stays; otherwise it shows colours, and leaves at once when all fits on one screen.
+    setenv("LESS", "FRX", 0);
+    std::signal(SIGPIPE, SIG_DFL);
+    // A pager that is not there must not swallow the output.
+    const std::string line = command + " || [ $? -ne 127 ] || cat";
+    execl("/bin/sh", "sh", "-c", line.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+}
+
+}  // namespace
+
+void Pager::prepare()
 {
     std::string command(environment("PAGER"));
     if (command.empty()) command = "less";
@@ -72,30 +93,34 @@ void Pager::start()
     if (pipe2(ends, O_CLOEXEC) != 0) return;
     process_ = fork();
     if (process_ == 0) {
-        dup2(ends[0], STDIN_FILENO);
-        // What the user set for `less` stays; otherwise it shows colours, and leaves at once when all fits on one screen.
-        setenv("LESS", "FRX", 0);
-        std::signal(SIGPIPE, SIG_DFL);
         // Ctrl-C is for the program that feeds the pager, which goes on with what it has.
         std::signal(SIGINT, SIG_IGN);
-        // A pager that is not there must not swallow the output.
-        const std::string line = command + " || [ $? -ne 127 ] || cat";
-        execl("/bin/sh", "sh", "-c", line.c_str(), static_cast<char*>(nullptr));
-        _exit(127);
+        close(ends[1]);
+        becomePager(ends[0], command);
     }
-    if (process_ > 0)
-        dup2(ends[1], STDOUT_FILENO);
-    else
-        process_ = 0;
     close(ends[0]);
-    close(ends[1]);
+    if (process_ > 0) {
+        input_ = ends[1];
+    } else {
+        process_ = 0;
+        close(ends[1]);
+    }
+}
+
+void Pager::start()
+{
+    if (input_ < 0) return;
+    dup2(input_, STDOUT_FILENO);
+    close(std::exchange(input_, -1));
 }
 
 Pager::~Pager()
 {
     if (process_ == 0) return;
-    // The end of the output: the pager waits for it.
-    if (const int null = open("/dev/null", O_WRONLY | O_CLOEXEC); null >= 0) {
+    if (input_ >= 0) {
+        close(input_);
+    } else if (const int null = open("/dev/null", O_WRONLY | O_CLOEXEC); null >= 0) {
+        // The end of the output: the pager waits for it.
         dup2(null, STDOUT_FILENO);
         close(null);
     }

@@ -27,7 +27,10 @@ inline constexpr std::string_view resetSequence = "\x1B[0m";
 class Pager {
 public:
     Pager() = default;
-    /// Starts `PAGER`, or `less`, and puts it in the place of standard output. Without one everything stays as it is.
+    /// Makes `PAGER`, or `less`, ready to be started by the first output: a process that may start programs no longer needs to be one
+    /// that reads captures.
+    void prepare();
+    /// Puts it in the place of standard output. Without one everything stays as it is.
     void start();
     /// Waits until the user has left it.
     ~Pager();
@@ -37,6 +40,7 @@ public:
 
 private:
     int process_ = 0;
+    int input_ = -1;  ///< the pager's, until it takes the place of standard output
 };
 
 }  // namespace sealscope::cli

@@ -1,0 +1,18 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/CryptoLibrary.h"
+
+#include <cstdlib>
+#include <openssl/crypto.h>
+#include <openssl/x509.h>
+
+namespace sealscope {
+
+void CryptoLibrary::configure() { OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CONFIG, nullptr); }
+
+std::filesystem::path CryptoLibrary::configurationFile()
+{
+    if (const char* const chosen = std::getenv("OPENSSL_CONF"); chosen && *chosen) return chosen;
+    return std::filesystem::path(X509_get_default_cert_area()) / "openssl.cnf";
+}
+
+}  // namespace sealscope
