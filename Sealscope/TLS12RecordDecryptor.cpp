@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <bit>
 #include <functional>
-#include <span>
 #include <string_view>
 #include <utility>
 
@@ -112,12 +111,17 @@ std::array<std::uint8_t, 13> TLS12RecordDecryptor::additionalData(std::uint64_t 
     return bytes;
 }
 
+void TLS12RecordDecryptor::mixSequence(std::span<std::uint8_t> iv, std::uint64_t sequence)
+{
+    if (iv.size() < 8) return;
+    const std::span last = iv.last<8>();
+    std::ranges::transform(last, sequenceBytes(sequence), last.begin(), std::bit_xor());
+}
+
 TLS12RecordDecryptor::Nonce TLS12RecordDecryptor::mixedNonce(DataView iv, std::uint64_t sequence)
 {
     Nonce nonce(iv.begin(), iv.end());
-    if (nonce.size() < 8) return nonce;
-    const auto last = nonce.end() - 8;
-    std::ranges::transform(std::span(last, nonce.end()), sequenceBytes(sequence), last, std::bit_xor());
+    mixSequence(std::span(nonce.data(), nonce.size()), sequence);
     return nonce;
 }
 

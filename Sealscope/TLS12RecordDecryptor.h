@@ -10,6 +10,7 @@
 #include <array>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <vector>
 
 namespace sealscope {
@@ -67,8 +68,10 @@ struct TLS12RecordDecryptor {
                                                        std::uint16_t length);
     /// The bytes of a nonce: 12 as a rule.
     using Nonce = absl::InlinedVector<std::uint8_t, 16>;
-    /// The nonce of RFC 7905 §2 and RFC 8446 §5.3: the IV with the sequence number mixed into its last 8 bytes; one that has fewer
-    /// stays as it is.
+    /// Makes an IV the nonce of RFC 7905 §2 and RFC 8446 §5.3: the sequence number is mixed into its last 8 bytes. Fewer stay as they
+    /// are.
+    static void mixSequence(std::span<std::uint8_t> iv, std::uint64_t sequence);
+    /// The same of a copy.
     static Nonce mixedNonce(DataView iv, std::uint64_t sequence);
     /// RFC 7905 §2. An IV that does not have 12 bytes stays as it is.
     static Nonce chaChaNonce(DataView fixedIV, std::uint64_t sequence);

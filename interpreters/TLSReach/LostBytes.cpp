@@ -15,7 +15,11 @@ bool LostBytes::anyOf(ByteRange range) const
 
 std::int64_t LostBytes::endOfLoss(std::int64_t offset) const
 {
-    while (offset < data_.size() && isLost(offset)) offset += data_.stretch(offset).size();
+    while (offset < data_.size() && isLost(offset)) {
+        // A hole may be longer than anybody can walk through.
+        const auto hole = data_.hole(offset);
+        offset = hole ? hole->upper : offset + data_.stretch(offset).size();
+    }
     return offset;
 }
 

@@ -68,7 +68,7 @@ void strictWalk(benchmark::State& state)
     const TLSKeyLog keyLog(made.session.keyLog);
     const auto context = TLSStreamDecryption::context(stream).value();
     for (auto _ : state) {
-        auto walk = TLSDirectionWalk::begin(stream.data(server), server, context, keyLog);
+        auto walk = TLSStreamDecryption::directionWalk(stream.data(server), server, context, keyLog);
         if (!walk) return state.SkipWithError("is not opened");
         while (walk->nextApplicationData()) benchmark::DoNotOptimize(walk->plaintext());
     }
