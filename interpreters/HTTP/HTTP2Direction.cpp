@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <iterator>
 #include <utility>
 
 namespace sealscope {
@@ -31,7 +32,7 @@ std::string priorityText(StreamReader& reader, std::int64_t offset)
 }  // namespace
 
 HTTP2Direction::HTTP2Direction(const TCPStream& stream, TCPSegment::Direction direction, Start start)
-    : stream_(stream), data_(stream.data(direction)), direction_(direction), lost_(stream, direction), reader_(data_)
+    : data_(stream.data(direction)), direction_(direction), lost_(stream, direction), reader_(data_)
 {
     if (HTTP2Frame::beginsWithPreface(data_)) {
         offset_ = std::ssize(HTTP2Frame::preface);
@@ -175,7 +176,7 @@ void HTTP2Direction::readHeaders(const HTTP2Frame& frame, std::int64_t prefix, s
         open_->frameStream = frame.stream;
         open_->endsStream = frame.type == Type::headers && frame.has(HTTP2Frame::endStream);
         open_->block.range = {frame.offset, frame.offset};
-        open_->decompressed.fields.reserve(10);
+        open_->decompressed.fields = std::move(spareFields_);
         if (prefix == 5 && payload.size() >= 5) open_->block.notes.push_back({"Stream priority", priorityText(reader_, payload.lower)});
     }
     payload.lower = std::min(payload.lower + prefix, payload.upper);
@@ -193,20 +194,23 @@ void HTTP2Direction::readHeaders(const HTTP2Frame& frame, std::int64_t prefix, s
 
 void HTTP2Direction::endHeaders()
 {
-    Open open = *std::exchange(open_, std::nullopt);
+    HTTP2OpenBlock open = *std::exchange(open_, std::nullopt);
     if (open.lostBytes > 0) {
         open.block.notes.push_back({"Header incomplete", fmt::format("the capture lacks {} of it", byteCountText(open.lostBytes))});
         decompressor_.forget();
     } else {
         decompressor_.end(open.decompressed);
-        const auto& [fields, bytes, unshown, unknown, problem] = open.decompressed;
+        const auto& [shown, bytes, unshown, unknown, problem] = open.decompressed;
         if (!problem.empty()) open.block.notes.push_back({"Header malformed", problem});
         if (unknown > 0)
             open.block.notes.push_back(
                 {"Header incomplete", fmt::format("{} of its fields refer to earlier ones that the capture lacks", unknown)});
         if (unshown > 0) open.block.notes.push_back({"Header cut", groupedText(unshown) + " further fields are not shown"});
     }
-    open.block.fields = std::move(open.decompressed.fields);
+    HeaderFields& fields = open.decompressed.fields;
+    open.block.fields = HeaderFields(std::make_move_iterator(fields.begin()), std::make_move_iterator(fields.end()));
+    fields.clear();
+    spareFields_ = std::move(fields);
     HTTP2Half& half = halves_[open.place];
     if (open.endsStream) half.isEnded = true;
     half.blocks.push_back(std::move(open.block));

@@ -33,6 +33,16 @@ struct HTTP2Half {
     std::optional<std::uint32_t> resetCode;  ///< with which this side ended the stream early
 };
 
+/// A header block while its frames are being read.
+struct HTTP2OpenBlock {
+    std::size_t place = 0;  ///< of the half
+    std::uint32_t frameStream = 0;
+    HTTP2Block block;
+    HeaderDecompressor::Block decompressed;
+    std::int64_t lostBytes = 0;
+    bool endsStream = false;
+};
+
 /// Reads the frames of one direction of an HTTP/2 connection: what was sent on its streams, and what it says of the connection. Where
 /// bytes are missing or make no sense, it goes on at the next frames that it can tell.
 class HTTP2Direction {
@@ -66,7 +76,6 @@ private:
     HTTP2Half& halfFor(std::uint32_t stream);
     void appendFrame(HTTP2Half& half, const HTTP2Frame& frame);
 
-    const TCPStream& stream_;
     const StreamData& data_;
     const TCPSegment::Direction direction_;
     LostBytes lost_;
@@ -79,16 +88,8 @@ private:
     std::vector<HTTP2Frame> frames_;
     std::vector<ByteRange> gaps_;
 
-    /// The header block that is being read.
-    struct Open {
-        std::size_t place = 0;  ///< of the half
-        std::uint32_t frameStream = 0;
-        HTTP2Block block;
-        HeaderDecompressor::Block decompressed;
-        std::int64_t lostBytes = 0;
-        bool endsStream = false;
-    };
-    std::optional<Open> open_;
+    std::optional<HTTP2OpenBlock> open_;
+    HeaderFields spareFields_;  ///< room for a block's fields while their number is not known
     std::vector<DataView> stretches_;
 
     std::int64_t windowUpdates_ = 0;

@@ -77,6 +77,14 @@ std::string_view closeName(int code)
     }
 }
 
+/// A message of which the last fragment is yet to come.
+struct OpenMessage {
+    WebSocketFrame first;
+    WebSocketFrame last;
+    std::int64_t bytes = 0;
+    std::int64_t fragments = 0;
+};
+
 /// Reads one direction.
 class DirectionReading {
 public:
@@ -112,14 +120,6 @@ public:
     }
 
 private:
-    /// A message of which the last fragment is yet to come.
-    struct Open {
-        WebSocketFrame first;
-        WebSocketFrame last;
-        std::int64_t bytes = 0;
-        std::int64_t fragments = 0;
-    };
-
     void readData(const WebSocketFrame& frame)
     {
         if (open_ && frame.opcode != Opcode::continuation) addData(false);
@@ -132,7 +132,7 @@ private:
 
     void addData(bool isWhole)
     {
-        const Open open = *std::exchange(open_, std::nullopt);
+        const OpenMessage open = *std::exchange(open_, std::nullopt);
         StreamMessage& message = add(open.first, open.last, open.bytes, open.fragments);
         if (!isWhole) message.detail.push_back({"Message incomplete", "its last fragment is missing"});
         if (open.first.opcode == Opcode::continuation) message.detail.push_back({"Message incomplete", "its first fragment is missing"});
@@ -196,7 +196,7 @@ private:
     LostBytes lost_;
     StreamReader reader_;
     std::shared_ptr<WebSocketInflation> inflation_;
-    std::optional<Open> open_;
+    std::optional<OpenMessage> open_;
 };
 
 /// Whether a direction is WebSocket from its first byte to its last, masked or not as its side has to; with the number of its frames.
