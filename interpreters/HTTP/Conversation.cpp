@@ -52,10 +52,14 @@ StreamInterpretation Conversation::finish()
 
     StreamInterpretation result;
     std::vector<std::int64_t> places(messages_.size());
-    result.messages.reserve(messages_.size());
-    for (const std::int64_t position : order) {
-        places[static_cast<std::size_t>(position)] = static_cast<std::int64_t>(result.messages.size());
-        result.messages.push_back(std::move(messages_[static_cast<std::size_t>(position)]));
+    for (std::size_t place = 0; place < order.size(); ++place)
+        places[static_cast<std::size_t>(order[place])] = static_cast<std::int64_t>(place);
+    if (std::ranges::is_sorted(order)) {
+        result.messages = std::move(messages_);
+    } else {
+        result.messages.reserve(messages_.size());
+        for (const std::int64_t position : order) result.messages.push_back(std::move(messages_[static_cast<std::size_t>(position)]));
+        messages_ = {};
     }
     if (pairings_.empty()) return result;
     for (Pairing& pairing : pairings_) {

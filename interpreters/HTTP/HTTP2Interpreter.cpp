@@ -163,7 +163,6 @@ private:
         message.protocol = head < half.blocks.size() && isGRPC(half.blocks[head]) ? "gRPC" : "HTTP/2";
         message.range = half.frames.bounds();
         if (head > 0 && head < half.blocks.size()) message.range.lower = half.blocks[head].range.lower;
-        message.attributes.reserve(8);
         message.attributes.push_back({"streamId", std::int64_t{half.stream & 0x7FFF'FFFF}});
         message.body.ranges = std::move(half.data);
         if (!half.frames.isInOnePlace()) message.pieces = std::move(half.frames);

@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "fuzz/Require.h"
+#include "harness/VectorStream.h"
+#include "host/VELModels/StreamMessage.h"
+
+#include <algorithm>
+#include <cstdint>
+
+namespace sealscope {
+
+/// A stream from an input: length of what the client sent (2 bytes, big-endian), bytes a packet (1; its highest bit: every fourth
+/// packet is lost), what the client sent, what the server sent.
+inline TCPStream fuzzedStream(DataView input)
+{
+    const std::int64_t asked = std::min<std::int64_t>(input.u16(0), std::max<std::int64_t>(input.size() - 3, 0)),
+                       step = (input.u8(2) & 0x7F) + 1;
+    const bool isLossy = (input.u8(2) & 0x80) != 0;
+    std::vector<StreamPiece> pieces;
+    std::int64_t packet = 0;
+    for (const auto& [direction, bytes] : {std::pair{TCPSegment::Direction::clientToServer, input.sub(3, asked)},
+                                           std::pair{TCPSegment::Direction::serverToClient, input.from(3 + asked)}})
+        for (std::int64_t offset = 0; offset < bytes.size(); offset += step) {
+            const DataView part = bytes.sub(offset, step);
+            const bool isLost = isLossy && ++packet % 4 == 0;
+            pieces.push_back({direction, isLost ? Data(std::vector<std::uint8_t>(static_cast<std::size_t>(part.size()))) : Data(part),
+                              isLost ? std::nullopt : std::optional(packet), 1'000 + static_cast<double>(packet)});
+        }
+    return vectorStream(pieces, true);
+}
+
+/// What holds for every interpretation of a stream.
+inline void requireSound(const StreamInterpretation& interpretation, const TCPStream& stream)
+{
+    const auto count = std::ssize(interpretation.messages);
+    std::int64_t decoded = 0;
+    for (const StreamMessage& message : interpretation.messages) {
+        if (message.byteRange) {
+            require(message.byteRange->lower >= 0 && message.byteRange->lower <= message.byteRange->upper, "a range runs forward");
+            require(message.byteRange->upper <= stream.data(message.direction).size(), "a range lies in the data");
+        }
+        if (!message.body || decoded > 1 << 20) continue;
+        std::int64_t length = 0;
+        message.body->forEachPiece([&](DataView piece) {
+            length += piece.size();
+            return true;
+        });
+        require(length == message.body->length(), "a body has the same length each time");
+        decoded += length;
+    }
+    for (const Pairing& pairing : interpretation.pairings.value_or(std::vector<Pairing>{})) {
+        require(pairing.requestIndex >= 0 && pairing.requestIndex < count, "a request is a message");
+        require(!pairing.replyIndex || (*pairing.replyIndex >= 0 && *pairing.replyIndex < count), "a reply is a message");
+        require(interpretation.messages[static_cast<std::size_t>(pairing.requestIndex)].kind == StreamMessageKind::request,
+                "a request is one");
+    }
+}
+
+}  // namespace sealscope
