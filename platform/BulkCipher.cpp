@@ -56,6 +56,8 @@ const EVP_CIPHER* cipherFor(BulkAlgorithm algorithm, std::int64_t keySize)
 
 }  // namespace
 
+void loadBulkCiphers() { (void)cipherFor(BulkAlgorithm::aesCBC, 16); }
+
 std::int64_t blockSize(BulkAlgorithm algorithm)
 {
     switch (algorithm) {

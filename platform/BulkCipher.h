@@ -17,6 +17,9 @@ namespace sealscope SEALSCOPE_API {
 /// Ciphers that do not authenticate what they protect, those that nobody should use any more among them.
 enum class BulkAlgorithm : std::uint8_t { aesCBC, camelliaCBC, ariaCBC, seedCBC, ideaCBC, desCBC, tripleDESCBC, rc4 };
 
+/// Loads the ciphers now, for a process that may open no files later. Who does not call it loads them when one is first wanted.
+void loadBulkCiphers();
+
 /// Bytes of a block; 1 for a stream cipher.
 std::int64_t blockSize(BulkAlgorithm algorithm);
 

@@ -6,6 +6,7 @@
 #include "host/VELModels/VELPlugInsController.h"
 #include "interpreters/TLSReach/PEMExporter.h"
 #include "interpreters/TLSReach/ReachProbe.h"
+#include "interpreters/TLSReach/RecordAEAD.h"
 
 namespace sealscope {
 
@@ -27,6 +28,7 @@ std::optional<std::string> ReachPlugIn::pluginAuthor() { return localized("The S
 
 ReachPlugIn::ReachPlugIn()
 {
+    RecordAEAD::prepare();
     VELPlugInsController::sharedManager().registerVELPlugIn({.id = UUID::random(),
                                                              .plugInTitle = *pluginTitle(),
                                                              .plugInDescription = *pluginDescription(),

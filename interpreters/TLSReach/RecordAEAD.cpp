@@ -85,6 +85,12 @@ bool OldChaCha20Poly1305::open(DataView nonce, DataView additionalData, const Sc
     return isAuthentic && gcry_cipher_decrypt(handle_.get(), plaintext, count, nullptr, 0) == 0;
 }
 
+void RecordAEAD::prepare()
+{
+    loadBulkCiphers();
+    (void)isLibraryReady();
+}
+
 RecordAEAD::RecordAEAD(const ReachSuite& suite, DataView key) : cipher_(make(suite, key)) {}
 
 RecordAEAD::Cipher RecordAEAD::make(const ReachSuite& suite, DataView key)

@@ -43,6 +43,8 @@ private:
 class RecordAEAD {
 public:
     RecordAEAD(const ReachSuite& suite, DataView key);
+    /// Makes the libraries ready, for a process that may open no files later.
+    static void prepare();
 
     /// As `AEADOpener::open`.
     [[nodiscard]] bool open(DataView nonce, DataView additionalData, const ScatteredView& ciphertext, DataView tag, std::uint8_t* plaintext)
