@@ -44,7 +44,7 @@ std::optional<std::string> TLSApplicationProtocol::negotiated(const TCPStream& s
 
     const auto context = TLSStreamDecryption::context(stream);
     if (!context || !context->isTLS13) return std::nullopt;
-    auto walk = TLSDirectionWalk::begin(stream.serverToClientData, TCPSegment::Direction::serverToClient, *context, keyLog);
+    auto walk = TLSStreamDecryption::directionWalk(stream.serverToClientData, TCPSegment::Direction::serverToClient, *context, keyLog);
     if (!walk || walk->next() != TLSDirectionWalk::Step::opened) return std::nullopt;
     if (walk->innerType() != std::to_underlying(TLSContentType::handshake)) return std::nullopt;
     // The first message after the server hello (RFC 8446 §4.3.1), and so short that every peer sends it in one record.
