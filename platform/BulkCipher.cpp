@@ -1,28 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/BulkCipher.h"
 
+#include "platform/CryptoLibrary.h"
+
 #include <algorithm>
 #include <array>
 #include <climits>
 #include <openssl/evp.h>
-#include <openssl/provider.h>
 #include <span>
 #include <vector>
 
 namespace sealscope {
 
 namespace {
-
-/// A library context of its own: what the process fetches elsewhere shall not depend on whether somebody needed an old cipher.
-OSSL_LIB_CTX* legacyLibrary()
-{
-    static OSSL_LIB_CTX* const library = [] {
-        OSSL_LIB_CTX* const made = OSSL_LIB_CTX_new();
-        if (made) OSSL_PROVIDER_load(made, "legacy");
-        return made;
-    }();
-    return library;
-}
 
 struct CipherEntry {
     BulkAlgorithm algorithm;
@@ -45,7 +35,7 @@ const EVP_CIPHER* cipherFor(BulkAlgorithm algorithm, std::int64_t keySize)
     static const auto fetched = [] {
         std::array<const EVP_CIPHER*, std::size(entries)> ciphers{};
         std::ranges::transform(entries, ciphers.begin(), [](const CipherEntry& entry) {
-            return EVP_CIPHER_fetch(entry.isLegacy ? legacyLibrary() : nullptr, entry.name, nullptr);
+            return EVP_CIPHER_fetch(entry.isLegacy ? CryptoLibrary::legacyContext() : nullptr, entry.name, nullptr);
         });
         return ciphers;
     }();
