@@ -147,7 +147,7 @@ void reportShortConnection(benchmark::State& state)
     const TLSSession session = runTLS({}, {clientSends(patternBytes(500)), serverSends(patternBytes(3'000))});
     const TCPStream stream = vectorStream(session.flights, {.isScattered = true});
     const WithKeyLog keyLog(session.keyLog);
-    for (auto _ : state) benchmark::DoNotOptimize(TLSDecryptionProbe().report(stream, state.range(0) != 0));
+    for (auto _ : state) benchmark::DoNotOptimize(TLSDecryptionProbe().report(stream, state.range(0) != 0 ? ReportDepth::opened : ReportDepth::hellos));
 }
 BENCHMARK(reportShortConnection)->ArgName("walk")->DenseRange(0, 1);
 

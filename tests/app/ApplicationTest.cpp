@@ -75,7 +75,8 @@ TEST_F(Application, AnswersAsTheCommandLineDoes)
                                         .verdict = verdicts.verdict(stream, ReportDepth::opened)});
         const VELStreamInterpreting* interpreter = session->plugIns().interpreter(stream);
         ASSERT_NE(interpreter, nullptr);
-        appendRecord(conversations, number, interpreter->interpret(stream, session->plugIns().context()), {});
+        StreamInterpretation interpretation = interpreter->interpret(stream, session->plugIns().context());
+        appendRecord(conversations, number, telling(interpretation), {});
     }
     EXPECT_EQ(streams, cli::sealscope({"streams", "--json", "-k", firstKeys, capture}).output);
     EXPECT_EQ(conversations, cli::sealscope({"follow", "--json", "-k", firstKeys, capture}).output);

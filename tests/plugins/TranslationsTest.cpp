@@ -32,7 +32,8 @@ Table read(const Tables& tables, const std::string& language)
 {
     const Data bytes = readFile(tables.folder / (language + ".lproj") / tables.name);
     Table table;
-    for (const auto& [key, entry] : nlohmann::json::parse(bytes.view().text()).items())
+    const auto parsed = nlohmann::json::parse(bytes.view().text());
+    for (const auto& [key, entry] : parsed.items())
         table[key] = (entry.is_object() ? entry.at("text") : entry).get<std::string>();
     return table;
 }
