@@ -23,7 +23,8 @@ public:
     /// Talks under a priority string, each text in a record of its own, the client first and then by turns.
     static TLSSession talk(const std::string& priority, const std::vector<std::string>& texts)
     {
-        GnuTLSPeers peers(priority);
+        GnuTLSPeers peers;
+        peers.begin(priority);
         return peers.run(texts);
     }
 
@@ -36,7 +37,12 @@ private:
         std::deque<std::uint8_t> arrived;
     };
 
-    explicit GnuTLSPeers(const std::string& priority)
+    GnuTLSPeers() = default;
+    GnuTLSPeers(const GnuTLSPeers&) = delete;
+    GnuTLSPeers& operator=(const GnuTLSPeers&) = delete;
+
+    /// Throws where GnuTLS does not know a priority; what was made until then goes with the object.
+    void begin(const std::string& priority)
     {
         const auto chain = CertificateChain::make({.key = CertificateKey::rsa2048});
         gnutls_certificate_allocate_credentials(&credentials_);
@@ -74,8 +80,9 @@ private:
     }
     ~GnuTLSPeers()
     {
-        for (Peer& peer : both_) gnutls_deinit(peer.session);
-        gnutls_certificate_free_credentials(credentials_);
+        for (Peer& peer : both_)
+            if (peer.session) gnutls_deinit(peer.session);
+        if (credentials_) gnutls_certificate_free_credentials(credentials_);
     }
 
     TLSSession run(const std::vector<std::string>& texts)

@@ -34,8 +34,7 @@ class Encryption {
 public:
     Encryption(const char* cipher, const SecretBytes& key)
     {
-        OSSL_PROVIDER_load(library_.get(), "legacy");
-        OSSL_PROVIDER_load(library_.get(), "default");
+        for (const char* const name : {"legacy", "default"}) providers_.emplace_back(OSSL_PROVIDER_load(library_.get(), name));
         cipher_.reset(EVP_CIPHER_fetch(library_.get(), cipher, nullptr));
         EVP_EncryptInit_ex2(context_.get(), cipher_.get(), key.data(), nullptr, nullptr);
         EVP_CIPHER_CTX_set_padding(context_.get(), 0);
@@ -54,6 +53,7 @@ private:
         void operator()(auto* object) const { free(object); }
     };
     std::unique_ptr<OSSL_LIB_CTX, Release<OSSL_LIB_CTX_free>> library_{OSSL_LIB_CTX_new()};
+    std::vector<std::unique_ptr<OSSL_PROVIDER, Release<OSSL_PROVIDER_unload>>> providers_;
     std::unique_ptr<EVP_CIPHER, Release<EVP_CIPHER_free>> cipher_;
     std::unique_ptr<EVP_CIPHER_CTX, Release<EVP_CIPHER_CTX_free>> context_{EVP_CIPHER_CTX_new()};
 };
