@@ -52,7 +52,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     require(probe.report(holes, ReportDepth::opened)->outcome == outcome, "with holes too");
     require(!facts->outcome || facts->outcome == outcome, "and what is known without opening anything agrees");
     const auto view = TLSDecryptionProbe::decryptedInterpretation(stream);
-    require(view.messages.has_value() == outcome.isDecrypted(), "there is a decrypted view where the stream decrypts");
+    require(view.has_value() == outcome.isDecrypted(), "there is a decrypted view where the stream decrypts");
 
     const auto context = TLSStreamDecryption::context(stream);
     require(report->isSupportedVersion == context.has_value(), "the report knows whether there is a context");
