@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <initializer_list>
 #include <unistd.h>
+#include <vector>
 
 namespace sealscope::cli {
 
@@ -36,7 +37,11 @@ extern "C" void onSignal(int)
 void catchInterrupts(void (*onInterrupt)())
 {
     whenInterrupted = onInterrupt;
-    if (isInterrupted()) current = new std::stop_source;
+    if (isInterrupted()) {
+        static auto& former = *new std::vector<std::stop_source*>;
+        former.push_back(current);
+        current = new std::stop_source;
+    }
     struct sigaction action = {};
     action.sa_handler = onSignal;
     action.sa_flags = static_cast<int>(SA_RESETHAND);
