@@ -71,6 +71,9 @@ void HTTPMessages::readCodings(HTTPMessage& message)
 
 void HTTPMessages::locate(StreamMessage& shown, const TCPStream& stream, ByteRange range, const ByteRanges& pieces)
 {
+    // A frame may announce more than the data hold.
+    range.upper = std::min(range.upper, stream.data(shown.direction).size());
+    range.lower = std::min(range.lower, range.upper);
     shown.byteRange = range;
     ByteLocation place;
     if (pieces.isInOnePlace()) {
