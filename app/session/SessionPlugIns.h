@@ -10,8 +10,6 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <string>
-#include <string_view>
 #include <vector>
 
 namespace sealscope {
@@ -57,12 +55,6 @@ private:
     std::vector<const VELStreamInterpreting*> interpreters_;
     std::vector<std::shared_ptr<const TLSStreamDecryptionProbing>> probes_;
     std::vector<const TLSStreamDecryptionProbing*> withoutKeyLogs_;  ///< those that have no use for any
-};
-
-/// An interpreter that failed: whose code it was, and what it threw.
-struct InterpreterFailure {
-    std::string interpreter;  ///< its display name
-    std::string reason;
 };
 
 }  // namespace sealscope

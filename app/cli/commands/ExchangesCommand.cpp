@@ -14,7 +14,10 @@
 #include <algorithm>
 #include <array>
 #include <fmt/format.h>
+#include <functional>
+#include <limits>
 #include <queue>
+#include <tuple>
 #include <utility>
 #include <vector>
 
