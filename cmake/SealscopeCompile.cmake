@@ -51,6 +51,22 @@ if(SEALSCOPE_FUZZ)
     target_compile_options(sealscope_compile INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
+# sealscope_headers(sealscope_streams app/streams)
+# The headers of one folder, under their path from the top, for the target and for whoever links it, and no other folder's: an
+# include against the direction of the arrows does not compile.
+function(sealscope_headers target folder)
+    set(tree "${PROJECT_BINARY_DIR}/include/${target}")
+    cmake_path(GET folder PARENT_PATH parent)
+    file(MAKE_DIRECTORY "${tree}/${parent}")
+    file(CREATE_LINK "${PROJECT_SOURCE_DIR}/${folder}" "${tree}/${folder}" SYMBOLIC)
+    get_target_property(type ${target} TYPE)
+    if(type STREQUAL "INTERFACE_LIBRARY")
+        target_include_directories(${target} INTERFACE "$<BUILD_INTERFACE:${tree}>")
+    else()
+        target_include_directories(${target} PUBLIC "$<BUILD_INTERFACE:${tree}>")
+    endif()
+endfunction()
+
 # The build tree is laid out as an installation is: a program finds libraries, bundles and texts from where it stands itself, by
 # one rule, and an installation may be moved. No run path is made but these, since the linker reads an empty entry, as CMake
 # pads with, as the current folder: a library that lies beside a capture would be loaded.
