@@ -2,6 +2,7 @@
 #include "app/cli/Confining.h"
 
 #include "app/capture/Decompressor.h"
+#include "app/cli/Interrupt.h"
 #include "app/cli/commands/Commands.h"
 #include "app/cli/text/Messages.h"
 #include "app/plugins/PlugInLoader.h"
@@ -137,11 +138,13 @@ Confinement confinementFor(const Options& options, fs::path& temporaryFolder)
             CryptoLibrary::configure();
         }
         addOutputs(confinement, options);
-        if (!areInPlace) temporaryFolder = makeTemporaryFolder();
+        // Also a capture that is read in place needs room, for datagrams that came in fragments.
+        temporaryFolder = makeTemporaryFolder();
         if (!temporaryFolder.empty()) {
             setenv("TMPDIR", temporaryFolder.c_str(), 1);
             confinement.writableFolders.push_back(temporaryFolder);
             confinement.removableFolders.push_back(temporaryFolder.parent_path());
+            removeWhenEnded(temporaryFolder.c_str());
         }
     }
     return confinement;
@@ -158,7 +161,9 @@ std::string sizeText(std::int64_t bytes)
 
 Confining::~Confining()
 {
-    if (!temporaryFolder_.empty()) rmdir(temporaryFolder_.c_str());
+    if (temporaryFolder_.empty()) return;
+    removeWhenEnded(nullptr);
+    rmdir(temporaryFolder_.c_str());
 }
 
 void Confining::begin()

@@ -25,8 +25,16 @@ void endStandardInput()
     if (nothing >= 0) dup2(nothing, STDIN_FILENO);
 }
 
-extern "C" void onSignal(int)
+std::atomic<const char*> emptyFolder = nullptr;
+
+extern "C" void onSignal(int number)
 {
+    if (isInterrupted()) {
+        if (const char* const folder = emptyFolder) rmdir(folder);
+        signal(number, SIG_DFL);
+        raise(number);
+        return;
+    }
     current.load()->request_stop();
     everInterrupted = 1;
     if (whenInterrupted) whenInterrupted();
@@ -44,7 +52,6 @@ void catchInterrupts(void (*onInterrupt)())
     }
     struct sigaction action = {};
     action.sa_handler = onSignal;
-    action.sa_flags = static_cast<int>(SA_RESETHAND);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         struct sigaction before = {};
         sigaction(signal, nullptr, &before);
@@ -57,6 +64,8 @@ void catchInterrupts()
     if (nothing < 0) nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
     catchInterrupts(endStandardInput);
 }
+
+void removeWhenEnded(const char* folder) { emptyFolder = folder; }
 
 bool isInterrupted() { return current.load(std::memory_order_relaxed)->stop_requested(); }
 std::stop_token interruption() { return current.load()->get_token(); }

@@ -10,6 +10,8 @@ namespace sealscope::cli {
 void catchInterrupts(void (*onInterrupt)());
 /// The same for work that reads files: one that waits for standard input finds its end.
 void catchInterrupts();
+/// Names an empty folder that is to go when the second one ends the program, or null. The name is not copied.
+void removeWhenEnded(const char* folder);
 /// Whether the user has asked since then.
 bool isInterrupted();
 /// The same, for work that knows nothing of a command line.

@@ -138,6 +138,10 @@ TEST(Confinement, ChangesNothingForTheUser)
     writeFile(plain, DataView(std::string_view("to be replaced")));
     fs::create_symlink(capture, link);
     const std::string bytes(readFile(capture).view().text());
+    auto segments = tcpSegments(
+        {{.direction = TCPSegment::Direction::clientToServer, .wire = Data::fromText("GET / HTTP/1.0\r\n\r\n"), .plaintext = {}}});
+    for (PlannedSegment& segment : segments) segment.fragmentLength = 8;
+    const std::string fragments = directory.write("fragments.pcap", pcapFile(packets(segments)));
     struct Case {
         const char* name;
         std::vector<std::string> arguments;
@@ -147,6 +151,7 @@ TEST(Confinement, ChangesNothingForTheUser)
         {"another time zone", {"packets", capture}, {.environment = {"TZ=Asia/Tokyo"}}},
         {"another language", {"tree", capture}, {.environment = {"LC_ALL=ja_JP.UTF-8"}}},
         {"a compressed capture, which needs a temporary file", {"streams", "-k", keylog, packed}, {}},
+        {"datagrams in fragments, which need one too", {"follow", fragments}, {}},
         {"a pipe", {"follow", "-k", keylog, "-"}, {.input = bytes}},
         {"a pipe by its name", {"follow", "-k", keylog, "/dev/stdin"}, {.input = bytes}},
         {"a link", {"streams", link}, {.environment = {"SSLKEYLOGFILE=" + keylog}}},
