@@ -82,7 +82,7 @@ public:
 
     DataView bytes(CaptureAddress address, std::int64_t count) const override
     {
-        if (address >= firstKeptAddress) return kept_ ? kept_->bytes().sub(address - firstKeptAddress, count) : DataView();
+        if (address >= firstKeptAddress) return kept_ ? kept_->bytes(address - firstKeptAddress, count) : DataView();
         const std::span<const Place> places(places_.get(), placeCount_.load(std::memory_order_acquire));
         const auto behind = std::ranges::upper_bound(places, address, {}, &Place::base);
         if (behind == places.begin()) return {};
@@ -95,6 +95,11 @@ public:
         if (file >= placeCount_.load(std::memory_order_acquire) || !places_[file].file) return {};
         const CaptureInput& input = places_[file].file->input();
         return input.bytes(0, input.size());
+    }
+
+    void letGo(std::size_t file, std::int64_t offset, std::int64_t count) const override
+    {
+        if (file < placeCount_.load(std::memory_order_acquire) && places_[file].file) places_[file].file->input().letGo(offset, count);
     }
 
     CaptureAddress keep(DataView bytes) override

@@ -123,6 +123,7 @@ public:
     }
 
     DataView bytes(std::int64_t offset, std::int64_t count) const override { return file_->bytes().sub(offset, count); }
+    void letGo(std::int64_t offset, std::int64_t count) const override { file_->release(offset, count); }
     std::int64_t size() const override { return file_->bytes().size(); }
     std::int64_t storedBytesRead() const override { return position(); }
 
@@ -207,9 +208,10 @@ public:
         decompressor_ = Decompressor::recognise(DataView(packed_.data(), packedEnd_), storedSize_);
     }
 
-    DataView bytes(std::int64_t offset, std::int64_t count) const override
+    DataView bytes(std::int64_t offset, std::int64_t count) const override { return spool_ ? spool_->bytes(offset, count) : DataView(); }
+    void letGo(std::int64_t offset, std::int64_t count) const override
     {
-        return spool_ ? spool_->bytes().sub(offset, count) : DataView();
+        if (spool_) spool_->release(offset, count);
     }
     std::int64_t size() const override { return position() + available(); }
     bool isRegularFile() const override { return storedSize_ >= 0; }
@@ -255,7 +257,9 @@ private:
     std::span<std::uint8_t> makeRoom(std::int64_t count)
     {
         if (spool_) {
-            if (decompressor_ && unpacked_ - leftOut_ > freelyUnpacked + mostTimesKept * storedBytesRead_) return tooMuch(mostTimesKept);
+            if (const std::int64_t most = freelyUnpacked / copies() + mostTimesKept / copies() * storedBytesRead_;
+                decompressor_ && unpacked_ - leftOut_ > most)
+                return tooMuch(freelyUnpacked / copies(), mostTimesKept / copies());
             auto room = spool_->room(streamedPiece);
             if (!room) {
                 failure_ = room.error();
@@ -303,14 +307,17 @@ private:
         if (!decompressor_) return take(room);
         const std::int64_t written = unpack(room);
         unpacked_ += written;
-        if (unpacked_ > freelyUnpacked + mostTimesRead * storedBytesRead_) return tooMuch(mostTimesRead).size();
+        if (unpacked_ > freelyUnpacked + mostTimesRead * storedBytesRead_) return tooMuch(freelyUnpacked, mostTimesRead).size();
         return written;
     }
 
-    std::span<std::uint8_t> tooMuch(std::int64_t times)
+    /// How often the bytes come to lie on a disk: what keeps every block is to be written once more.
+    std::int64_t copies() const { return options_.keepsSkipped ? 2 : 1; }
+
+    std::span<std::uint8_t> tooMuch(std::int64_t bytes, std::int64_t times)
     {
         failure_ = fmt::format("{} data unpacks to more than {} bytes and {} times its size; unpack it first, if that is meant",
-                               decompressor_->name(), freelyUnpacked, times);
+                               decompressor_->name(), bytes, times);
         return {};
     }
 

@@ -80,6 +80,8 @@ public:
 
     /// `count` bytes at an offset in the uncompressed file, cut to what was read. Needs `keepsAll`.
     virtual DataView bytes(std::int64_t offset, std::int64_t count) const = 0;
+    /// Says that nobody will look at these bytes soon.
+    virtual void letGo(std::int64_t /*offset*/, std::int64_t /*count*/) const {}
     /// Offset behind the last byte that `bytes` can give.
     virtual std::int64_t size() const = 0;
     /// Bytes of the file, as stored, that were read.

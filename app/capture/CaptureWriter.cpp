@@ -14,7 +14,7 @@ namespace sealscope {
 namespace {
 
 constexpr std::int64_t sectionLengthOffset = 16;
-constexpr std::int64_t largePiece = 1 << 20;
+constexpr std::int64_t largePiece = 1 << 20, hugePiece = 8 << 20;
 constexpr std::int64_t packetsPerLook = 256;  // at whether the file is still there
 
 /// Whether bytes of a file are really there: what a file has lost reads as zeros once it was touched.
@@ -96,11 +96,16 @@ bool CaptureWriter::copyPcapng(const Capture& capture, std::size_t file, const C
     PcapngBlocks blocks;
     std::int64_t end = 0, unwritten = 0;  // of whole blocks; those from the second on stay as they are
     bool isLost = false;
+    // In pieces, for a block may be larger than what should be in memory at once.
     const auto writeUpTo = [&](std::int64_t position) {
-        const DataView unchanged = bytes.sub(unwritten, position - unwritten);
-        unwritten = position;
-        isLost = !areThere(unchanged, capture, file);
-        return unchanged.isEmpty() || isLost || sink_(unchanged);
+        while (unwritten < position && !isLost) {
+            const DataView unchanged = bytes.sub(unwritten, std::min(position - unwritten, hugePiece));
+            isLost = !areThere(unchanged, capture, file);
+            if (!isLost && !sink_(unchanged)) return false;
+            capture.letGo(file, unwritten, unchanged.size());
+            unwritten += unchanged.size();
+        }
+        return true;
     };
     // Damage ends it, of which the capture has told.
     while (!isLost && blocks.find(*input)) {
@@ -132,8 +137,13 @@ bool CaptureWriter::copyPcap(const Capture& capture, std::size_t file)
     if (!reader || !reader->begin(*input)) return true;
     if (!section() || !addPendingSecrets() || !interface(reader->linkType(), reader->snapLength(), reader->decimals())) return false;
     CapturedPacket next;
+    std::int64_t letGo = 0;
     for (std::int64_t count = 0; reader->next(*input, next); ++count) {
         put(next, 0);
+        if (const std::int64_t read = input->position() - letGo; read >= largePiece) {
+            capture.letGo(file, letGo, read);
+            letGo += read;
+        }
         // Zeros read like an empty packet, and zeros are what stands where a file lost its end.
         if ((next.frame.isEmpty() || count % packetsPerLook == 0) && capture.isLost(file)) return true;
         if (!end()) return false;

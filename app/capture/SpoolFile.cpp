@@ -16,6 +16,7 @@ namespace {
 constexpr std::int64_t smallestStep = 256 << 10, largestStep = 64 << 20;
 // What a full disk would keep from others stays free: a twentieth of it, or so much.
 constexpr std::int64_t mostLeftFree = 1 << 30, shareLeftFree = 20;
+constexpr std::int64_t mostHandedOut = 16 << 20;  // before the pages go; a fault brings a neighbourhood of sixteen back
 constexpr std::int64_t largestReservation = std::int64_t{1} << 42, smallestReservation = std::int64_t{1} << 26;
 
 std::unexpected<std::string> failure(const char* what, const std::string& folder, bool isNamed, const std::string& reason)
@@ -107,6 +108,16 @@ std::expected<void, std::string> SpoolFile::grow(std::int64_t offset, std::int64
     madvise(base_ + mapped_, added, MADV_DONTDUMP);
     mapped_ = end;
     return {};
+}
+
+DataView SpoolFile::bytes(std::int64_t offset, std::int64_t count) const
+{
+    const DataView view = bytes().sub(offset, count);
+    if (handedOut_.fetch_add(view.size(), std::memory_order_relaxed) + view.size() > mostHandedOut) {
+        handedOut_.store(0, std::memory_order_relaxed);
+        release(0, bytes().size());
+    }
+    return view;
 }
 
 void SpoolFile::release(std::int64_t offset, std::int64_t count) const

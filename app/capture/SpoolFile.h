@@ -30,6 +30,9 @@ public:
     void commit(std::int64_t count) { size_.fetch_add(count, std::memory_order_release); }
 
     DataView bytes() const { return {base_, size_.load(std::memory_order_acquire)}; }
+    /// `count` committed bytes at an offset, cut to what is there. Now and then the whole file leaves this process's memory, so
+    /// that who looks at all of it piece by piece needs little.
+    DataView bytes(std::int64_t offset, std::int64_t count) const;
     /// Takes whole pages of the range out of this process; they stay in the file and come back when touched.
     void release(std::int64_t offset, std::int64_t count) const;
 
@@ -51,6 +54,7 @@ private:
     std::int64_t reserved_;  ///< address space set aside, so that growing never moves a byte
     std::int64_t mapped_ = 0;
     std::atomic<std::int64_t> size_{0};
+    mutable std::atomic<std::int64_t> handedOut_{0};  ///< bytes, since the file left memory
 };
 
 }  // namespace sealscope

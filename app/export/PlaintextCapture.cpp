@@ -282,8 +282,6 @@ void PlaintextCapture::Direction::putDown()
 std::string PlaintextCapture::write(OutputFile& file, const std::stop_token& stop)
 {
     if (!problem_.empty()) return problem_;
-    const DataView spool = spool_->bytes();
-
     // A connection opens at its first packet and closes at its last, and all its data come in between.
     for (Segment& segment : segments_) {
         const Connection& connection = connections_[segment.connection];
@@ -337,7 +335,8 @@ std::string PlaintextCapture::write(OutputFile& file, const std::stop_token& sto
             send(opens, opens.start, client, ack);
         } else if (hasSegment) {
             const Segment& segment = *nextSegment++;
-            send(connections_[segment.connection], segment.moment, segment.direction, psh | ack, spool.sub(segment.offset, segment.length));
+            send(connections_[segment.connection], segment.moment, segment.direction, psh | ack,
+                 spool_->bytes(segment.offset, segment.length));
         } else {
             ++nextClosing;
             send(closes, closes.end, client, fin | ack);
