@@ -38,7 +38,8 @@ namespace fs = std::filesystem;
 using Value = UserDefaults::Value;
 using Json = nlohmann::json;
 
-constexpr std::int64_t largestFile = 16 * 1024 * 1024;
+constexpr std::int64_t largestFile = 1024 * 1024;
+constexpr int deepestNesting = 32;  ///< ours is two deep; what others put beside it stays as it is
 constexpr std::chrono::microseconds longestPause{5'000};
 constexpr std::chrono::milliseconds longestWait{2'000};  ///< for other writers, each of which needs well under a millisecond
 
@@ -107,6 +108,29 @@ struct Contents {
     FileStamp stamp;
 };
 
+/// Whether a JSON text nests deeper than anybody's settings do: each level costs a hundred bytes of memory for one of text.
+bool isNestedTooDeeply(std::string_view text)
+{
+    int depth = 0;
+    bool isInString = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char character = text[i];
+        if (isInString) {
+            if (character == '\\')
+                ++i;
+            else if (character == '"')
+                isInString = false;
+        } else if (character == '"') {
+            isInString = true;
+        } else if (character == '{' || character == '[') {
+            if (++depth > deepestNesting) return true;
+        } else if (character == '}' || character == ']') {
+            --depth;
+        }
+    }
+    return false;
+}
+
 Contents readContents(const fs::path& file)
 {
     const auto failed = [](Contents::State state, std::string reason, FileStamp stamp) {
@@ -133,6 +157,7 @@ Contents readContents(const fs::path& file)
     }
     text.resize(length);
 
+    if (isNestedTooDeeply(text)) return failed(Contents::State::damaged, "it nests too deeply", stamp);
     Json members = Json::parse(text, nullptr, false);
     if (members.is_discarded()) return failed(Contents::State::damaged, text.empty() ? "it is empty" : "it is not JSON", stamp);
     if (!members.is_object()) return failed(Contents::State::damaged, "it is JSON, but no object", stamp);
