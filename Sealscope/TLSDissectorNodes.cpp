@@ -38,7 +38,21 @@ private:
     VELNode::ChildMaker records() const
     {
         return [builder = shared_from_this()](const VELNodeVisitor& visit) {
-            forEachRecord(builder->payload_, [&](const TLSRecord& record) { return visit(builder->recordNode(record)); });
+            // Empty records come in crowds where there is no TLS, zeros above all. Of one header they show the same fields, so a node
+            // that nobody kept is handed over again. An alert shows what lies behind its record.
+            std::shared_ptr<VELNodeProtocol> node;
+            TLSRecord latest;
+            forEachRecord(builder->payload_, [&](const TLSRecord& record) {
+                const bool isSame = node && record.declaredLength == 0 && latest.declaredLength == 0 &&
+                                    record.contentType == latest.contentType && record.version() == latest.version() &&
+                                    contentTypeOf(record.contentType) != TLSContentType::alert;
+                if (isSame && node.use_count() == 1)
+                    setRange(*node, {record.recordOffset, TLSRecord::headerLength});
+                else
+                    node = builder->recordNode(record);
+                latest = record;
+                return visit(node);
+            });
         };
     }
 

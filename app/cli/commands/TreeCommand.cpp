@@ -16,6 +16,8 @@
 #include <fmt/format.h>
 #include <functional>
 #include <memory>
+#include <optional>
+#include <string_view>
 #include <utility>
 
 namespace sealscope::cli {
@@ -76,7 +78,10 @@ public:
         const auto location = node.headerLocations();
         const auto length = node.headerLengths();
         const std::int64_t start = parentStart + location.value_or(0);
-        place(fmt::format("{:>7}  {:>5}", location ? fmt::to_string(start) : "", length ? fmt::to_string(*length) : ""), {});
+        if (hasColors_) text_ += sequence(Style::faint);
+        number(location ? std::optional(start) : std::nullopt, 7);
+        number(length, 5 + 2);
+        if (hasColors_) text_ += resetSequence;
         text_.append(2 + 2 * static_cast<std::size_t>(depth), ' ');
         const bool hasChildren = node.hasChildren();
         if (!hasChildren)
@@ -84,7 +89,9 @@ public:
         else
             styled(Style::strong, displaySafe(node.name()));
         if (const auto& value = node.value()) {
-            const std::string shown = displayText(*value);
+            const auto* const text = std::get_if<std::string>(&*value);
+            const std::string other = text ? std::string() : displayText(*value);
+            const std::string_view shown = text ? *text : other;
             text_ += shown.empty() ? ":" : ": ";
             appendDisplaySafe(text_, shown);
         }
@@ -107,6 +114,15 @@ private:
         if (hasColors_) text_ += sequence(style);
         text_ += safe;
         if (hasColors_) text_ += resetSequence;
+    }
+
+    /// On the right of so many columns; they stay empty without one.
+    void number(std::optional<std::int64_t> value, std::size_t columns)
+    {
+        const fmt::format_int digits(value.value_or(0));
+        const std::string_view shown = value ? std::string_view(digits.data(), digits.size()) : std::string_view();
+        text_.append(columns - std::min(columns, shown.size()), ' ');
+        text_ += shown;
     }
 
     void place(std::string_view numbers, std::string_view rest)
