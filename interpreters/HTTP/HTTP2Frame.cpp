@@ -32,9 +32,6 @@ constexpr std::array<TypeRecord, 17> types{{{"DATA", 0x09},
                                             {},
                                             {"PRIORITY_UPDATE", 0}}};
 
-// Longer frames are announced by hardly anybody; a chain of headers is not looked for across them.
-constexpr std::int64_t longestLikely = 1 << 20;
-
 }  // namespace
 
 HTTP2Frame HTTP2Frame::read(StreamReader& reader, std::int64_t offset)
@@ -63,11 +60,10 @@ bool HTTP2Frame::isPossible() const
     }
 }
 
-bool HTTP2Frame::isLikely() const
+bool HTTP2Frame::isLikely(std::int64_t longest) const
 {
     const auto number = static_cast<std::size_t>(type);
-    return number < types.size() && !types[number].name.empty() && (flags & ~types[number].flags) == 0 && length <= longestLikely &&
-           isPossible();
+    return number < types.size() && !types[number].name.empty() && (flags & ~types[number].flags) == 0 && length <= longest && isPossible();
 }
 
 std::string HTTP2Frame::typeName() const
@@ -111,13 +107,13 @@ bool HTTP2Frame::beginsWithPreface(const StreamData& data)
     return data.size() >= std::ssize(preface) && data.gather(0, std::ssize(preface), scratch).text() == preface;
 }
 
-bool HTTP2Frame::isChain(StreamReader& reader, std::int64_t offset, int count)
+bool HTTP2Frame::isChain(StreamReader& reader, std::int64_t offset, int count, std::int64_t longest)
 {
     for (int found = 0; found < count; ++found) {
         if (offset == reader.size()) return found >= 2;
         if (offset + headerLength > reader.size()) return false;
         const HTTP2Frame frame = read(reader, offset);
-        if (!frame.isLikely()) return false;
+        if (!frame.isLikely(longest)) return false;
         offset = frame.range().upper;
     }
     return true;

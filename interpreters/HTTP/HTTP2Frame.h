@@ -45,7 +45,10 @@ struct HTTP2Frame {
     /// Whether a frame may look like this: the lengths and streams that its type allows.
     bool isPossible() const;
     /// The same with a type that is known and the flags that it knows: what bytes of another protocol are hardly ever.
-    bool isLikely() const;
+    bool isLikely(std::int64_t longest) const;
+
+    /// Bytes of a frame that nobody has agreed on anything longer for (RFC 9113 §4.2), and what hardly anybody goes beyond.
+    static constexpr std::int64_t longestAtFirst = 16'384, longestLikely = 1 << 20;
 
     std::string typeName() const;
     /// "CANCEL (0x8)" (RFC 9113 §7).
@@ -56,7 +59,7 @@ struct HTTP2Frame {
     static constexpr std::string_view preface = "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n";  ///< RFC 9113 §3.4
     static bool beginsWithPreface(const StreamData& data);
     /// Whether `count` likely frames follow each other from an offset on; fewer are enough where the data ends behind them.
-    static bool isChain(StreamReader& reader, std::int64_t offset, int count);
+    static bool isChain(StreamReader& reader, std::int64_t offset, int count, std::int64_t longest = longestLikely);
 };
 
 }  // namespace sealscope

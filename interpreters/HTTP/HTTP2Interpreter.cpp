@@ -32,7 +32,7 @@ bool holdsFrames(const StreamData& data)
 {
     StreamReader reader(data);
     for (std::int64_t offset = 0, end = std::min(searchedForFrames, data.size()); offset < end; ++offset)
-        if (HTTP2Frame::isChain(reader, offset, certain)) return true;
+        if (HTTP2Frame::isChain(reader, offset, certain, HTTP2Frame::longestAtFirst)) return true;
     return false;
 }
 
