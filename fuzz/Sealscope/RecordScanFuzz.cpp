@@ -2,6 +2,7 @@
 // One packet's payload: its records, its tree, and everything that the host may ask the analyzer.
 #include "Sealscope/TLSDissector.h"
 #include "Sealscope/TLSProtocolAnalyzer.h"
+#include "fuzz/PieceMutator.h"
 #include "fuzz/Require.h"
 #include "platform/UTF8.h"
 #include "tests/Sealscope/EntriesTwin.h"
@@ -59,6 +60,12 @@ void checkText(const std::optional<VELValue>& value)
 }
 
 }  // namespace
+
+extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size, std::size_t maximum, unsigned seed)
+{
+    static const PieceMutator mutator = PieceMutator::records(0);
+    return mutator.mutate(data, size, maximum, seed);
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {

@@ -3,6 +3,7 @@
 // sent, what the server sent.
 #include "Sealscope/TLSDissector.h"
 #include "Sealscope/TLSStreamParser.h"
+#include "fuzz/PieceMutator.h"
 #include "fuzz/Require.h"
 #include "harness/VectorStream.h"
 #include "tests/Sealscope/EntriesTwin.h"
@@ -51,6 +52,12 @@ void checkEntries(const std::vector<TLSStreamParser::Entry>& entries, const Data
 }
 
 }  // namespace
+
+extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size, std::size_t maximum, unsigned seed)
+{
+    static const PieceMutator mutator = PieceMutator::records(3);
+    return mutator.mutate(data, size, maximum, seed);
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {

@@ -2,6 +2,7 @@
 // One capture file, read as a mapped file and as a stream, and copied with other secrets inside.
 #include "app/capture/Capture.h"
 #include "app/capture/CaptureWriter.h"
+#include "fuzz/PieceMutator.h"
 #include "fuzz/Require.h"
 
 #include <algorithm>
@@ -93,7 +94,39 @@ Read readAll(const std::string& name, bool randomAccess, std::int64_t size)
     return read;
 }
 
+/// Packets of the classic format, blocks of the other, each in the byte order of the file.
+PieceMutator captureMutator(DataView file)
+{
+    constexpr std::int64_t fileHeader = 24, packetHeader = 16, smallestBlock = 12;
+    const bool isBlocks = file.u32(0) == 0x0A0D0D0A;
+    const bool isLittle = isBlocks ? file.u8(8) == 0x4D : file.u8(0) == 0xD4 || file.u8(0) == 0x4D;
+    const auto number = [isLittle](DataView bytes, std::int64_t at) {
+        return std::int64_t{isLittle ? __builtin_bswap32(bytes.u32(at)) : bytes.u32(at)};
+    };
+    const auto store = [isLittle](PieceMutator::Piece& piece, std::size_t at, std::size_t value) {
+        for (std::size_t i = 0; i < 4; ++i) piece[at + i] = static_cast<std::uint8_t>(value >> 8 * (isLittle ? i : 3 - i));
+    };
+    if (isBlocks)
+        return {0, [number](DataView rest) { return std::max(number(rest, 4), smallestBlock); },
+                [store](PieceMutator::Piece& piece) {
+                    piece.resize(std::max<std::size_t>((piece.size() + 3) / 4 * 4, smallestBlock));
+                    store(piece, 4, piece.size());
+                    store(piece, piece.size() - 4, piece.size());
+                }};
+    return {fileHeader, [number](DataView rest) { return packetHeader + number(rest, 8); },
+            [store](PieceMutator::Piece& piece) {
+                if (std::ssize(piece) < packetHeader) return;
+                store(piece, 8, piece.size() - packetHeader);
+                store(piece, 12, piece.size() - packetHeader);
+            }};
+}
+
 }  // namespace
+
+extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size, std::size_t maximum, unsigned seed)
+{
+    return captureMutator(DataView(data, static_cast<std::int64_t>(size))).mutate(data, size, maximum, seed);
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
