@@ -27,10 +27,13 @@ const std::vector<std::vector<std::string>> allCommands = {
     {"streams", "--json"},
     {"follow"},
     {"follow", "--json"},
+    {"exchanges"},
+    {"objects", "--force", "--output", "plain"},
+    {"export", "har", "--force", "--output", "plain.har"},
     {"decrypt", "--force", "--output", "plain"},
     {"decrypt", "--force", "--pcap", "plain.pcap", "--inject-secrets", "all.pcapng"}};
 
-bool takesKeyLogs(const std::string& command) { return command == "streams" || command == "follow" || command == "decrypt"; }
+bool takesKeyLogs(const std::string& command) { return command != "packets" && command != "tree" && command != "settings"; }
 
 std::int64_t bytesBelow(const fs::path& folder)
 {
@@ -115,7 +118,7 @@ TEST_P(HostileTest, EndsWhenItIsAskedTo)
             for (int turn = 0; turn < 3 && least > std::chrono::seconds(1); ++turn) {
                 MeasuredOptions how = options();
                 how.signal = signal;
-                how.signalAfter = std::chrono::milliseconds(100 + 150 * turn);
+                how.signalAfter = std::chrono::milliseconds(300 + 200 * turn);
                 const Measured measured = measure(commandLine(command), how);
                 EXPECT_TRUE(measured.status >= 0 && measured.status <= 2) << fmt::format("{}: signal {}", command, measured.signal);
                 least = std::min(least, measured.sinceSignal);

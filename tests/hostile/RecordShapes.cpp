@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "harness/TLSRecordSealer.h"
 #include "harness/TempDirectory.h"
+#include "platform/UTF8.h"
 #include "tests/hostile/Shape.h"
 
 namespace sealscope::hostile {
@@ -145,6 +146,7 @@ std::vector<Shape> recordShapes()
                                           "\xFF\xFE\x1B[31m",
                                           "\xED\xA0\x80",
                                           std::string_view("\0\0", 2)};
+        constexpr int utf8String = 12, teletexString = 20;  // tags (X.680 §8.4)
         int connection = 0;
         for (const std::string_view text : texts) {
             Bytes protocols, list;
@@ -155,12 +157,10 @@ std::vector<Shape> recordShapes()
             attack.open(connection);
             attack.send(connection, false, clientHello(extensions));
             Bytes answer = serverHello();
-            attack.send(
-                connection, true,
-                put(answer,
-                    inRecords(certificates({bytesOf(makeCertificate(
-                                  {.subject = {{"CN", std::string(text), 12}, {"O", std::string(text), 12}}, .alternativeNames = {}}))}),
-                              16'000)));
+            const int form = utf8::isWellFormed(DataView(text)) ? utf8String : teletexString;
+            const Data certificate =
+                makeCertificate({.subject = {{"CN", std::string(text), form}, {"O", std::string(text), form}}, .alternativeNames = {}});
+            attack.send(connection, true, put(answer, inRecords(certificates({bytesOf(certificate)}), 16'000)));
             attack.send(connection++, true, record(21, put(*std::make_unique<Bytes>(Bytes{2}), text)));
         }
     });
