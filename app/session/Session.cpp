@@ -4,6 +4,7 @@
 #include "app/streams/ConnectionIndex.h"
 #include "app/streams/ReassembledStream.h"
 
+#include <algorithm>
 #include <array>
 #include <mutex>
 #include <utility>
@@ -134,6 +135,31 @@ StreamSummary Session::summary(std::int64_t stream) const
         .restarts = measures.restarts,
         .hasSYN = connection.sides[0].hasSYN || connection.sides[1].hasSYN,
     };
+}
+
+std::optional<std::int64_t> Session::streamOf(std::int64_t packet, const TCPStreamKey::Endpoint& one,
+                                              const TCPStreamKey::Endpoint& other) const
+{
+    const ConnectionIndex& connections = implementation_->connections();
+    const std::array<TCPStreamKey::Endpoint, 2> endpoints{std::min(one, other), std::max(one, other)};
+    const auto has = [&](const SegmentTable& segments) {
+        // Segments stand in capture order.
+        std::uint32_t low = 0;
+        for (std::uint32_t count = segments.size(); count > 0;) {
+            const std::uint32_t half = count / 2;
+            const bool isBefore = segments[low + half].packetNumber() < packet;
+            low = isBefore ? low + half + 1 : low;
+            count = isBefore ? count - half - 1 : half;
+        }
+        return low < segments.size() && segments[low].packetNumber() == packet;
+    };
+    for (std::int64_t number = 0; number < connections.size(); ++number) {
+        const Connection& connection = connections[number];
+        if (connection.endpoints != endpoints) continue;
+        for (const ConnectionSide& side : connection.sides)
+            if (has(SegmentTable(side.segments))) return number;
+    }
+    return std::nullopt;
 }
 
 TCPStream Session::stream(std::int64_t stream) const { return implementation_->stream(stream); }

@@ -62,6 +62,8 @@ public:
     StreamSummary summary(std::int64_t stream) const;
     /// Of a stream's earliest packet, in seconds since 1970.
     double startTime(std::int64_t stream) const;
+    /// The stream between two endpoints that has a packet; nothing when none has.
+    std::optional<std::int64_t> streamOf(std::int64_t packet, const TCPStreamKey::Endpoint& one, const TCPStreamKey::Endpoint& other) const;
     /// The reassembled connection. Its bytes stay where the capture has them; it may outlive the session.
     TCPStream stream(std::int64_t stream) const;
 
