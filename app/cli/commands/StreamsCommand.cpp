@@ -116,9 +116,8 @@ ExitStatus run(const CommandContext& context)
         row.canInterpret = session->plugIns().isSecured(stream);
         if (row.canInterpret) row.verdict = verdicts.verdict(stream, ReportDepth::opened);
 
-        StreamLine line{.summary = row.summary, .verdict = row.canInterpret ? "not asked" : "not TLS"};
+        StreamLine line{.summary = row.summary, .verdict = verdictText(row)};
         if (row.verdict) {
-            line.verdict = verdictText(*row.verdict);
             if (const auto& report = row.verdict->report) {
                 line.serverName = report->serverName.value_or("");
                 line.version = report->versionName;
