@@ -6,7 +6,7 @@
 #include "app/records/StreamRecords.h"
 #include "app/cli/StreamReading.h"
 #include "app/verdict/StreamVerdict.h"
-#include "app/cli/text/TimeText.h"
+#include "app/texts/TimeText.h"
 #include "app/records/VerdictSentence.h"
 #include "app/cli/text/VerdictTable.h"
 
