@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "app/desktop/Job.h"
 #include "app/desktop/MainWindow.h"
 #include "app/desktop/MessageBar.h"
+#include "app/desktop/Program.h"
 #include "app/plugins/PlugInLoader.h"
 
 #include <QApplication>
@@ -15,27 +15,31 @@ int main(int argumentCount, char** arguments)
 {
     std::signal(SIGPIPE, SIG_IGN);
     QApplication application(argumentCount, arguments);
-    QApplication::setApplicationName(QStringLiteral("sealscope-desktop"));
-    QApplication::setApplicationDisplayName(QStringLiteral("Sealscope"));
     QApplication::setApplicationVersion(QStringLiteral(SEALSCOPE_VERSION));
+    desktop::prepareApplication();
 
+    using desktop::MainWindow;
     QCommandLineParser parser;
-    parser.setApplicationDescription(desktop::MainWindow::tr("Shows the TLS traffic of packet captures"));
+    parser.setApplicationDescription(MainWindow::tr("Shows the packets, streams and exchanges of captures in a window"));
     parser.addHelpOption();
     parser.addVersionOption();
     const QCommandLineOption keyLog({QStringLiteral("k"), QStringLiteral("keylog")},
-                                    desktop::MainWindow::tr("Use this key log instead of the one in the settings"), QStringLiteral("FILE"));
-    parser.addOption(keyLog);
-    parser.addPositionalArgument(QStringLiteral("FILE"), desktop::MainWindow::tr("Captures to open, read as one"), QStringLiteral("[FILE…]"));
+                                    MainWindow::tr("Use this key log instead of the one in the settings"), QStringLiteral("FILE"));
+    const QCommandLineOption plugIns(QStringLiteral("plugin-path"), MainWindow::tr("Look for plug-ins in this folder first"),
+                                     QStringLiteral("DIR"));
+    parser.addOptions({keyLog, plugIns});
+    parser.addPositionalArgument(QStringLiteral("FILE"), MainWindow::tr("Captures to open, read as one"), QStringLiteral("[FILE…]"));
     parser.process(application);
 
-    const PlugInLoading plugIns = PlugInLoader::load({});
+    std::vector<std::filesystem::path> folders;
+    for (const QString& folder : parser.values(plugIns)) folders.emplace_back(folder.toStdString());
+    const PlugInLoading loading = PlugInLoader::load(folders);
     int status = 0;
     {
-        desktop::MainWindow window;
-        for (const PlugInProblem& problem : plugIns.problems) window.messages().tell(QString::fromStdString(problem.text()));
-        window.document().open(parser.positionalArguments(), parser.values(keyLog));
+        MainWindow window;
+        for (const PlugInProblem& problem : loading.problems) window.messages().tell(QString::fromStdString(problem.text()));
         window.show();
+        window.document().open(parser.positionalArguments(), parser.values(keyLog));
         status = QApplication::exec();
     }
     desktop::Job::waitForAll();

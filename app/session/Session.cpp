@@ -39,9 +39,22 @@ public:
         errors = capture_->errors();
         settleClients(capture_, connections);
         connections_ = connections;
-        measured_ = std::make_unique<Measured[]>(static_cast<std::size_t>(connections_->size()));
-        const auto secrets = std::make_shared<const KeyLogSources>(capture_->takeEmbeddedKeyLog(), options.keyLogs);
-        plugIns_ = std::make_unique<const SessionPlugIns>(secrets, options.plugIns);
+        embeddedKeyLog_ = capture_->takeEmbeddedKeyLog();
+        plugInOptions_ = options.plugIns;
+        prepare(options.keyLogs);
+    }
+
+    std::unique_ptr<Implementation> withKeyLogs(const std::vector<std::string>& keyLogs) const
+    {
+        auto other = std::make_unique<Implementation>(capture_);
+        other->packetCount = packetCount;
+        other->notes = notes;
+        other->errors = errors;
+        other->connections_ = connections_;
+        other->embeddedKeyLog_ = embeddedKeyLog_;
+        other->plugInOptions_ = plugInOptions_;
+        other->prepare(keyLogs);
+        return other;
     }
 
     const Capture& capture() const { return *capture_; }
@@ -86,10 +99,19 @@ private:
         bool isKnown = false;
     };
 
+    void prepare(const std::vector<std::string>& keyLogs)
+    {
+        measured_ = std::make_unique<Measured[]>(static_cast<std::size_t>(connections_->size()));
+        plugIns_ =
+            std::make_unique<const SessionPlugIns>(std::make_shared<const KeyLogSources>(embeddedKeyLog_, keyLogs), plugInOptions_);
+    }
+
     std::unique_lock<std::mutex> lockFor(std::size_t index) const { return std::unique_lock(locks_[index % locks_.size()]); }
 
     std::shared_ptr<Capture> capture_;
     std::shared_ptr<const ConnectionIndex> connections_;
+    SecretText embeddedKeyLog_;
+    PlugInOptions plugInOptions_;
     std::unique_ptr<Measured[]> measured_;
     std::unique_ptr<const SessionPlugIns> plugIns_;
     mutable std::array<std::mutex, 64> locks_;  ///< each guards the entries of `measured_` whose number it divides
@@ -109,6 +131,11 @@ std::expected<std::unique_ptr<Session>, CaptureError> Session::open(SessionOptio
     auto implementation = std::make_unique<Implementation>(std::move(*capture));
     implementation->index(options);
     return std::unique_ptr<Session>(new Session(std::move(implementation)));
+}
+
+std::unique_ptr<Session> Session::withKeyLogs(std::vector<std::string> keyLogs) const
+{
+    return std::unique_ptr<Session>(new Session(implementation_->withKeyLogs(keyLogs)));
 }
 
 std::int64_t Session::packetCount() const { return implementation_->packetCount; }

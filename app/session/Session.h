@@ -55,6 +55,9 @@ public:
     static std::expected<std::unique_ptr<Session>, CaptureError> open(SessionOptions options);
     ~Session();
 
+    /// The same capture with other key logs in the place of the user's, without reading it anew. Both may be used side by side.
+    std::unique_ptr<Session> withKeyLogs(std::vector<std::string> keyLogs) const;
+
     std::int64_t packetCount() const;
     std::int64_t streamCount() const;
     /// Packets of a stream: what is known of its size before it is assembled.
