@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/export/Objects.h"
 
+#include "app/session/Exchanges.h"
+#include "app/session/InOrder.h"
 #include "platform/OutputFile.h"
 #include "platform/UTF8.h"
 
@@ -48,6 +50,19 @@ std::optional<std::string> textAttribute(const StreamMessage& message, std::stri
     const VELValue* const value = message.attribute(key);
     const auto* const text = value ? std::get_if<std::string>(value) : nullptr;
     return text ? std::optional(*text) : std::nullopt;
+}
+
+/// For each message of an interpretation the URL that its body belongs to: its own, or that of the request that it answers.
+std::vector<std::optional<std::string>> urlsOf(const StreamInterpretation& interpretation)
+{
+    std::vector<std::optional<std::string>> urls;
+    std::ranges::transform(interpretation.messages, std::back_inserter(urls),
+                           [](const StreamMessage& message) { return textAttribute(message, "url"); });
+    const auto holds = [&](std::int64_t index) { return index >= 0 && index < std::ssize(urls); };
+    for (const Pairing& pairing : interpretation.pairings.value_or(std::vector<Pairing>{}))
+        if (pairing.replyIndex && holds(*pairing.replyIndex) && holds(pairing.requestIndex))
+            urls[static_cast<std::size_t>(*pairing.replyIndex)] = urls[static_cast<std::size_t>(pairing.requestIndex)];
+    return urls;
 }
 
 }  // namespace
@@ -121,6 +136,29 @@ std::optional<SavedObject> ObjectFolder::save(std::int64_t stream, const StreamM
     else
         saved.file = path;
     return saved;
+}
+
+void saveObjects(const Session& session, const std::vector<std::int64_t>& streams, ObjectFolder& folder, const std::stop_token& stop,
+                 const std::function<bool(const SavedObject&)>& told)
+{
+    struct Interpreted {
+        std::int64_t number = 0;
+        std::optional<StreamInterpretation> interpretation;
+    };
+    const auto interpret = [&](std::int64_t number) { return Interpreted{number, applicationInterpretation(session, session.stream(number))}; };
+    const auto save = [&](Interpreted interpreted) {
+        if (!interpreted.interpretation) return !stop.stop_requested();
+        auto urls = urlsOf(*interpreted.interpretation);
+        for (std::size_t i = 0; i < urls.size(); ++i) {
+            const StreamMessage& message = interpreted.interpretation->messages[i];
+            if (message.kind != StreamMessageKind::request && message.kind != StreamMessageKind::reply) continue;
+            const auto object = folder.save(interpreted.number, message, std::move(urls[i]), stop);
+            if (object && (!told(*object) || stop.stop_requested())) return false;
+        }
+        return true;
+    };
+    const auto weight = [&](std::int64_t number) { return session.packets(number) * usualPayload; };
+    inOrder(streams, weight, interpret, save);
 }
 
 }  // namespace sealscope

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "app/session/Session.h"
 #include "host/VELModels/StreamMessage.h"
 
 #include <cstdint>
@@ -10,6 +11,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_set>
+#include <vector>
 
 namespace sealscope {
 
@@ -48,5 +50,10 @@ private:
     Existing existing_;
     std::unordered_set<std::string> used_;  ///< by this run
 };
+
+/// Saves the bodies of what some streams said above any protection, stream by stream in the order given. `told` hears of each, and
+/// ends it by giving false.
+void saveObjects(const Session& session, const std::vector<std::int64_t>& streams, ObjectFolder& folder, const std::stop_token& stop,
+                 const std::function<bool(const SavedObject&)>& told);
 
 }  // namespace sealscope

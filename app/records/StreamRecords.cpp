@@ -128,6 +128,12 @@ void writeReason(JSONLineWriter& json, const StreamVerdict& verdict, const Strea
 
 }  // namespace
 
+std::string_view verdictText(const StreamRow& row)
+{
+    if (row.verdict) return verdictText(*row.verdict);
+    return row.canInterpret ? "not asked" : "not TLS";
+}
+
 std::string_view verdictName(const TLSDecryptionOutcome& outcome)
 {
     if (outcome.isDecrypted()) return "decrypted";

@@ -31,6 +31,8 @@ using StreamTeller = std::function<std::optional<std::vector<Pairing>>(const Str
 /// A teller of what was interpreted already, which outlives it.
 StreamTeller telling(StreamInterpretation& interpretation);
 
+/// A row's verdict as people read it, as `verdictText` has it; also where there is none.
+std::string_view verdictText(const StreamRow& row);
 /// The verdict as programs read it: "decrypted", "noHandshake", …
 std::string_view verdictName(const TLSDecryptionOutcome& outcome);
 

@@ -56,13 +56,14 @@ std::string noHandshake(const TLSDecryptionReport& report, const StreamSummary& 
     return "the handshake is not complete in the capture" + alertText(report);
 }
 
-std::string noKeyMaterial(const StreamVerdict& verdict)
+std::string noKeyMaterial(const StreamVerdict& verdict, SentenceReader reader)
 {
     const KeyLogFacts facts = verdict.keyLog.value_or(KeyLogFacts{});
     if (facts.material.secrets == 0) {
         std::vector<std::string> problems;
         std::ranges::transform(facts.problems, std::back_inserter(problems), problemText);
         if (!problems.empty()) return fmt::format("no key log with secrets: {}", fmt::join(problems, "; "));
+        if (reader == SentenceReader::window) return "no key log given: choose one, or run the client with SSLKEYLOGFILE set";
         return "no key log given: use --keylog FILE, or run the client with SSLKEYLOGFILE set";
     }
     if (!verdict.report) return "the key log holds no secret for this connection";
@@ -150,7 +151,19 @@ std::string keyMismatch(const TLSDecryptionReport& report)
 
 }  // namespace
 
-std::string verdictSentence(const StreamVerdict& verdict, const StreamSummary& summary)
+std::string_view verdictText(const StreamVerdict& verdict)
+{
+    if (verdict.outcome.isDecrypted()) return verdict.isPartly() ? "partly decrypted" : "decrypted";
+    switch (*verdict.outcome.failure) {
+    case TLSDecryptionFailure::noHandshake: return "no handshake";
+    case TLSDecryptionFailure::unsupportedVersion: return "unsupported version";
+    case TLSDecryptionFailure::noKeyMaterial: return "no key material";
+    case TLSDecryptionFailure::keyMismatch: return "key mismatch";
+    }
+    std::unreachable();
+}
+
+std::string verdictSentence(const StreamVerdict& verdict, const StreamSummary& summary, SentenceReader reader)
 {
     const auto& report = verdict.report;
     if (verdict.outcome.isDecrypted()) return report ? openedText(*report) : "the stream decrypts";
@@ -158,7 +171,7 @@ std::string verdictSentence(const StreamVerdict& verdict, const StreamSummary& s
     case TLSDecryptionFailure::noHandshake: return report ? noHandshake(*report, summary) : "the capture holds no complete handshake";
     case TLSDecryptionFailure::unsupportedVersion:
         return fmt::format("{} is not supported for decryption", report ? report->versionName : "this version");
-    case TLSDecryptionFailure::noKeyMaterial: return noKeyMaterial(verdict);
+    case TLSDecryptionFailure::noKeyMaterial: return noKeyMaterial(verdict, reader);
     case TLSDecryptionFailure::keyMismatch: return report ? keyMismatch(*report) : "the secrets do not fit this connection";
     }
     std::unreachable();

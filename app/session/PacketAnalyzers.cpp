@@ -24,7 +24,15 @@ PacketAnalyzers::PacketAnalyzers()
         };
         for (const VELPlugInColumn& column : declared.plugInColumnKeyBindings) {
             addKey(column.keyPath);
-            plugIn.columns.push_back({column.columnTitle, column.keyPath, position++});
+            PacketPlugIn::Column& shown = plugIn.columns.emplace_back(
+                PacketPlugIn::Column{.title = column.columnTitle, .key = column.keyPath, .position = position++});
+            const auto text = [&](const char* option) -> std::string {
+                if (!column.predicateOptions) return {};
+                const auto found = column.predicateOptions->find(option);
+                return found == column.predicateOptions->end() ? std::string() : displayText(found->second);
+            };
+            shown.filter = ColumnPredicate::parse(text(VELBindingOption::predicateFormat));
+            shown.filterTitle = shown.filter ? text(VELBindingOption::displayName) : std::string();
         }
         for (const VELPlugInAnalyzerAttribute& attribute : declared.plugInAnalyzerAttributes) addKey(attribute.attributeKey);
         if (auto* preferences = declared.plugInPreferencesInstance; preferences && preferences->usesColor())

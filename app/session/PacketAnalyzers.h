@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "app/session/ColumnPredicate.h"
 #include "host/VELDependencies/VELPluginAnalyzerProtocol.h"
 #include "platform/Color.h"
 #include "platform/Data.h"
@@ -20,6 +21,8 @@ struct PacketPlugIn {
         std::string title;
         std::string key;
         std::size_t position = 0;  ///< among the columns of all plug-ins
+        std::string filterTitle;   ///< what its filter is called; empty when it has none
+        std::optional<ColumnPredicate> filter;
     };
     std::vector<Column> columns;
     std::optional<Color> color;  ///< that the settings give its rows

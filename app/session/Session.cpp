@@ -4,6 +4,7 @@
 #include "app/streams/ConnectionIndex.h"
 #include "app/streams/ReassembledStream.h"
 
+#include <algorithm>
 #include <array>
 #include <mutex>
 #include <utility>
@@ -38,9 +39,22 @@ public:
         errors = capture_->errors();
         settleClients(capture_, connections);
         connections_ = connections;
-        measured_ = std::make_unique<Measured[]>(static_cast<std::size_t>(connections_->size()));
-        const auto secrets = std::make_shared<const KeyLogSources>(capture_->takeEmbeddedKeyLog(), options.keyLogs);
-        plugIns_ = std::make_unique<const SessionPlugIns>(secrets, options.plugIns);
+        embeddedKeyLog_ = capture_->takeEmbeddedKeyLog();
+        plugInOptions_ = options.plugIns;
+        prepare(options.keyLogs);
+    }
+
+    std::unique_ptr<Implementation> withKeyLogs(const std::vector<std::string>& keyLogs) const
+    {
+        auto other = std::make_unique<Implementation>(capture_);
+        other->packetCount = packetCount;
+        other->notes = notes;
+        other->errors = errors;
+        other->connections_ = connections_;
+        other->embeddedKeyLog_ = embeddedKeyLog_;
+        other->plugInOptions_ = plugInOptions_;
+        other->prepare(keyLogs);
+        return other;
     }
 
     const Capture& capture() const { return *capture_; }
@@ -85,10 +99,19 @@ private:
         bool isKnown = false;
     };
 
+    void prepare(const std::vector<std::string>& keyLogs)
+    {
+        measured_ = std::make_unique<Measured[]>(static_cast<std::size_t>(connections_->size()));
+        plugIns_ =
+            std::make_unique<const SessionPlugIns>(std::make_shared<const KeyLogSources>(embeddedKeyLog_, keyLogs), plugInOptions_);
+    }
+
     std::unique_lock<std::mutex> lockFor(std::size_t index) const { return std::unique_lock(locks_[index % locks_.size()]); }
 
     std::shared_ptr<Capture> capture_;
     std::shared_ptr<const ConnectionIndex> connections_;
+    SecretText embeddedKeyLog_;
+    PlugInOptions plugInOptions_;
     std::unique_ptr<Measured[]> measured_;
     std::unique_ptr<const SessionPlugIns> plugIns_;
     mutable std::array<std::mutex, 64> locks_;  ///< each guards the entries of `measured_` whose number it divides
@@ -108,6 +131,11 @@ std::expected<std::unique_ptr<Session>, CaptureError> Session::open(SessionOptio
     auto implementation = std::make_unique<Implementation>(std::move(*capture));
     implementation->index(options);
     return std::unique_ptr<Session>(new Session(std::move(implementation)));
+}
+
+std::unique_ptr<Session> Session::withKeyLogs(std::vector<std::string> keyLogs) const
+{
+    return std::unique_ptr<Session>(new Session(implementation_->withKeyLogs(keyLogs)));
 }
 
 std::int64_t Session::packetCount() const { return implementation_->packetCount; }
@@ -134,6 +162,31 @@ StreamSummary Session::summary(std::int64_t stream) const
         .restarts = measures.restarts,
         .hasSYN = connection.sides[0].hasSYN || connection.sides[1].hasSYN,
     };
+}
+
+std::optional<std::int64_t> Session::streamOf(std::int64_t packet, const TCPStreamKey::Endpoint& one,
+                                              const TCPStreamKey::Endpoint& other) const
+{
+    const ConnectionIndex& connections = implementation_->connections();
+    const std::array<TCPStreamKey::Endpoint, 2> endpoints{std::min(one, other), std::max(one, other)};
+    const auto has = [&](const SegmentTable& segments) {
+        // Segments stand in capture order.
+        std::uint32_t low = 0;
+        for (std::uint32_t count = segments.size(); count > 0;) {
+            const std::uint32_t half = count / 2;
+            const bool isBefore = segments[low + half].packetNumber() < packet;
+            low = isBefore ? low + half + 1 : low;
+            count = isBefore ? count - half - 1 : half;
+        }
+        return low < segments.size() && segments[low].packetNumber() == packet;
+    };
+    for (std::int64_t number = 0; number < connections.size(); ++number) {
+        const Connection& connection = connections[number];
+        if (connection.endpoints != endpoints) continue;
+        for (const ConnectionSide& side : connection.sides)
+            if (has(SegmentTable(side.segments))) return number;
+    }
+    return std::nullopt;
 }
 
 TCPStream Session::stream(std::int64_t stream) const { return implementation_->stream(stream); }

@@ -55,6 +55,9 @@ public:
     static std::expected<std::unique_ptr<Session>, CaptureError> open(SessionOptions options);
     ~Session();
 
+    /// The same capture with other key logs in the place of the user's, without reading it anew. Both may be used side by side.
+    std::unique_ptr<Session> withKeyLogs(std::vector<std::string> keyLogs) const;
+
     std::int64_t packetCount() const;
     std::int64_t streamCount() const;
     /// Packets of a stream: what is known of its size before it is assembled.
@@ -62,6 +65,8 @@ public:
     StreamSummary summary(std::int64_t stream) const;
     /// Of a stream's earliest packet, in seconds since 1970.
     double startTime(std::int64_t stream) const;
+    /// The stream between two endpoints that has a packet; nothing when none has.
+    std::optional<std::int64_t> streamOf(std::int64_t packet, const TCPStreamKey::Endpoint& one, const TCPStreamKey::Endpoint& other) const;
     /// The reassembled connection. Its bytes stay where the capture has them; it may outlive the session.
     TCPStream stream(std::int64_t stream) const;
 

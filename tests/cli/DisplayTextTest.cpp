@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "app/cli/text/DisplayText.h"
+#include "app/texts/DisplayText.h"
 
 #include <gtest/gtest.h>
 #include <string_view>

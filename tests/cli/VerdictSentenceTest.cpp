@@ -190,6 +190,8 @@ TEST(VerdictSentence, NamesTheCauseAndWhatHelps)
         {"a probe without facts", {keyMismatch, {}, {}}, whole, "the secrets do not fit this connection"},
     };
     for (const auto& [name, verdict, summary, sentence] : cases) EXPECT_EQ(verdictSentence(verdict, summary), sentence) << name;
+    EXPECT_EQ(verdictSentence({noKeyMaterial, tls13(), KeyLogFacts{}}, whole, SentenceReader::window),
+              "no key log given: choose one, or run the client with SSLKEYLOGFILE set");
 }
 
 }  // namespace sealscope

@@ -259,6 +259,24 @@ TEST(Session, SeveralFilesAreOneCapture)
     }
 }
 
+TEST(Session, FindsTheStreamOfAPacket)
+{
+    // The same endpoints connect twice, while others talk.
+    std::vector<PlannedSegment> segments;
+    std::vector<std::int64_t> streams;
+    const TCPConversationOptions conversations[] = {{}, {.client = endpoint("192.0.2.7", 50'000)}, {.clientISN = 900'000}};
+    for (const TCPConversationOptions& options : conversations)
+        for (const PlannedSegment& segment : tcpSegments(realSession().flights, options)) {
+            segments.push_back(segment);
+            streams.push_back(&options - conversations);
+        }
+    const TempDirectory directory;
+    const auto session = opened({.files = {directory.write("three.pcap", pcapFile(packets(segments)))}});
+    for (std::size_t at = 0; at < segments.size(); ++at)
+        ASSERT_EQ(session->streamOf(static_cast<std::int64_t>(at) + 1, segments[at].source, segments[at].destination), streams[at]) << at;
+    EXPECT_EQ(session->streamOf(1, conversations[1].client, conversations[1].server), std::nullopt);
+}
+
 TEST(Session, MayBeAskedFromSeveralThreadsAndOutlived)
 {
     std::vector<std::vector<PlannedSegment>> conversations;

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "app/capture/CaptureWriter.h"
 #include "app/cli/Interrupt.h"
-#include "app/cli/OutputFolder.h"
 #include "app/cli/StreamReading.h"
 #include "app/cli/commands/Commands.h"
 #include "app/cli/text/Messages.h"
 #include "app/cli/text/VerdictTable.h"
+#include "app/export/CaptureCopy.h"
 #include "app/export/CollectedSecrets.h"
+#include "app/export/OutputFolder.h"
 #include "app/export/PlaintextCapture.h"
 #include "app/export/StreamDecryptor.h"
 #include "app/records/StreamRecords.h"
@@ -162,12 +162,8 @@ struct NamedOutput {
 /// Writes the capture again with other secrets inside. A copy that was interrupted is none.
 ExitStatus copyCapture(const Session& session, NamedOutput& output, const CaptureChanges& changes)
 {
-    CaptureWriter writer([&](DataView bytes) {
-        output.file->write(bytes);
-        return output.file->isGood() && !isInterrupted();
-    });
-    writer.copy(session.capture(), changes);
-    return output.finish(isInterrupted() ? "was not written, since the copying was interrupted" : "");
+    const bool isWhole = copyCapture(session.capture(), changes, *output.file, interruption());
+    return output.finish(isWhole ? "" : "was not written, since the copying was interrupted");
 }
 
 ExitStatus run(const CommandContext& context)

@@ -2,12 +2,13 @@
 #include "app/cli/Interrupt.h"
 #include "app/cli/StreamReading.h"
 #include "app/cli/commands/Commands.h"
-#include "app/cli/text/DisplayText.h"
+#include "app/texts/DisplayText.h"
 #include "app/cli/text/Messages.h"
-#include "app/cli/text/SizeText.h"
+#include "app/texts/SizeText.h"
 #include "app/cli/text/TextTable.h"
-#include "app/cli/text/TimeText.h"
+#include "app/texts/TimeText.h"
 #include "app/records/ExchangeRecords.h"
+#include "app/records/ExchangeSummary.h"
 #include "app/session/Exchanges.h"
 #include "app/session/InOrder.h"
 
@@ -46,33 +47,15 @@ struct ExchangeLine {
     }
 };
 
-std::string attributeText(const std::optional<StreamMessage>& message, std::string_view key)
-{
-    const VELValue* const value = message ? message->attribute(key) : nullptr;
-    return value ? displayText(*value) : std::string();
-}
-
-/// "text/html; charset=utf-8" without its parameters.
-std::string mediaType(const std::string& contentType)
-{
-    std::string type = contentType.substr(0, contentType.find(';'));
-    while (type.ends_with(' ')) type.pop_back();
-    return type;
-}
-
 ExchangeCells cellsOf(std::int64_t stream, const Exchange& exchange)
 {
-    const auto& [request, reply] = exchange;
-    const VELValue* const status = reply ? reply->attribute("status") : nullptr;
-    const auto* const code = status ? std::get_if<std::int64_t>(status) : nullptr;
-    std::string url = attributeText(request, "url");
-    if (url.empty()) url = request ? request->summary : "(the capture lacks the request)";
-    const auto duration = exchange.duration();
-    return {.time = exchange.time(),
-            .texts = {"", fmt::to_string(stream), attributeText(request, "method"), code ? fmt::to_string(*code) : reply ? "" : "none",
-                      mediaType(attributeText(reply, "contentType")), reply && reply->body ? sizeText(reply->body->length()) : "",
-                      duration ? durationText(*duration) : "", std::move(url)},
-            .isFailure = !reply || (code && *code >= 400)};
+    ExchangeSummary summary = summaryOf(exchange);
+    return {.time = summary.time,
+            .texts = {"", fmt::to_string(stream), std::move(summary.method),
+                      summary.status ? fmt::to_string(*summary.status) : summary.hasReply ? "" : "none", std::move(summary.mediaType),
+                      summary.size ? sizeText(*summary.size) : "", summary.duration ? durationText(*summary.duration) : "",
+                      std::move(summary.url)},
+            .isFailure = summary.isFailure};
 }
 
 /// Prints exchanges as a good access log reads.

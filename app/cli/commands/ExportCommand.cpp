@@ -2,7 +2,7 @@
 #include "app/cli/Interrupt.h"
 #include "app/cli/StreamReading.h"
 #include "app/cli/commands/Commands.h"
-#include "app/cli/text/DisplayText.h"
+#include "app/texts/DisplayText.h"
 #include "app/cli/text/Messages.h"
 #include "app/export/FormatExport.h"
 #include "app/records/JSONLineWriter.h"

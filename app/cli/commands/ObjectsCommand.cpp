@@ -1,16 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/cli/Interrupt.h"
-#include "app/cli/OutputFolder.h"
 #include "app/cli/StreamReading.h"
 #include "app/cli/commands/Commands.h"
-#include "app/cli/text/DisplayText.h"
+#include "app/texts/DisplayText.h"
 #include "app/cli/text/Messages.h"
-#include "app/cli/text/SizeText.h"
+#include "app/texts/SizeText.h"
 #include "app/cli/text/TextTable.h"
 #include "app/export/Objects.h"
+#include "app/export/OutputFolder.h"
 #include "app/records/ExchangeRecords.h"
-#include "app/session/Exchanges.h"
-#include "app/session/InOrder.h"
 
 #include <algorithm>
 #include <array>
@@ -54,23 +52,6 @@ private:
     bool hasHeading_ = false;
 };
 
-/// For each message of an interpretation the URL that its body belongs to: its own, or that of the request that it answers.
-std::vector<std::optional<std::string>> urlsOf(const StreamInterpretation& interpretation)
-{
-    const auto own = [](const StreamMessage& message) -> std::optional<std::string> {
-        const VELValue* const value = message.attribute("url");
-        const auto* const url = value ? std::get_if<std::string>(value) : nullptr;
-        return url ? std::optional(*url) : std::nullopt;
-    };
-    std::vector<std::optional<std::string>> urls;
-    std::ranges::transform(interpretation.messages, std::back_inserter(urls), own);
-    const auto holds = [&](std::int64_t index) { return index >= 0 && index < std::ssize(urls); };
-    for (const Pairing& pairing : interpretation.pairings.value_or(std::vector<Pairing>{}))
-        if (pairing.replyIndex && holds(*pairing.replyIndex) && holds(pairing.requestIndex))
-            urls[static_cast<std::size_t>(*pairing.replyIndex)] = urls[static_cast<std::size_t>(pairing.requestIndex)];
-    return urls;
-}
-
 ExitStatus run(const CommandContext& context)
 {
     const Options& options = context.options;
@@ -91,37 +72,21 @@ ExitStatus run(const CommandContext& context)
     ObjectTable table(context.terminal);
     std::string text;
     std::int64_t objects = 0;
-    struct Interpreted {
-        std::int64_t number = 0;
-        std::optional<StreamInterpretation> interpretation;
-    };
-    const auto interpret = [&](std::int64_t number) { return Interpreted{number, applicationInterpretation(*session, session->stream(number))}; };
-    const auto save = [&](Interpreted interpreted) {
-        if (!interpreted.interpretation) return !isInterrupted();
-        auto urls = urlsOf(*interpreted.interpretation);
-        for (std::size_t i = 0; i < urls.size(); ++i) {
-            const StreamMessage& message = interpreted.interpretation->messages[i];
-            if (message.kind != StreamMessageKind::request && message.kind != StreamMessageKind::reply) continue;
-            const auto object = folder.save(interpreted.number, message, std::move(urls[i]), interruption());
-            if (!object) continue;
-            if (!object->problem.empty()) {
-                complain(object->problem);
-                status = failed;
-                return false;  // the others would only say the same
-            }
-            ++objects;
-            text.clear();
-            if (options.json)
-                appendRecord(text, *object);
-            else
-                table.append(text, *object);
-            context.output.write(text);
-            if (!context.output.isOpen() || isInterrupted()) return false;
+    saveObjects(*session, streams, folder, interruption(), [&](const SavedObject& object) {
+        if (!object.problem.empty()) {
+            complain(object.problem);
+            status = failed;
+            return false;  // the others would only say the same
         }
-        return true;
-    };
-    const auto weight = [&](std::int64_t number) { return session->packets(number) * usualPayload; };
-    inOrder(streams, weight, interpret, save);
+        ++objects;
+        text.clear();
+        if (options.json)
+            appendRecord(text, object);
+        else
+            table.append(text, object);
+        context.output.write(text);
+        return context.output.isOpen();
+    });
     context.output.flush();
     if (objects == 0 && status == done && !isInterrupted())
         remark("nothing to save: no message of this capture has a body; 'sealscope streams' says what does not decrypt");

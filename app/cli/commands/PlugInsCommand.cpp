@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/cli/commands/Commands.h"
-#include "app/cli/text/DisplayText.h"
+#include "app/texts/DisplayText.h"
 #include "app/plugins/PlugInLoader.h"
 #include "app/records/JSONLineWriter.h"
 #include "host/VELModels/VELExporting.h"

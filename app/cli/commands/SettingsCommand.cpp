@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/cli/commands/Commands.h"
-#include "app/cli/text/DisplayText.h"
+#include "app/texts/DisplayText.h"
 #include "app/records/JSONLineWriter.h"
+#include "app/settings/PlugInSettings.h"
 #include "app/cli/text/Messages.h"
 #include "app/cli/text/ViewText.h"
 #include "host/VELCommonTools/Color.h"
 #include "host/VELCommonTools/KeylogLocations.h"
 #include "host/VELCommonTools/KeylogUserFile.h"
 #include "host/VELDependencies/VELPluginPreferencesProtocol.h"
-#include "host/VELModels/VELPlugInsController.h"
 #include "platform/UserDefaults.h"
 
 #include <algorithm>
@@ -44,15 +44,6 @@ std::string_view nameOf(Setting::Kind kind)
     return names[static_cast<std::size_t>(kind)];
 }
 
-/// The preferences objects of the registered plug-ins, and the plug-ins' titles.
-std::vector<std::pair<std::string, VELPluginPreferencesProtocol*>> preferences()
-{
-    std::vector<std::pair<std::string, VELPluginPreferencesProtocol*>> all;
-    for (const auto& registration : VELPlugInsController::sharedManager().plugIns())
-        if (auto* instance = registration.plugIn.plugInPreferencesInstance) all.emplace_back(registration.plugIn.plugInTitle, instance);
-    return all;
-}
-
 /// What plug-ins declare, then the key log, then whatever else is stored.
 std::vector<Setting> settings()
 {
@@ -60,7 +51,7 @@ std::vector<Setting> settings()
     const auto add = [&](std::string key, Setting::Kind kind) {
         if (std::ranges::find(all, key, &Setting::key) == all.end()) all.push_back({.key = std::move(key), .kind = kind});
     };
-    for (const auto& [title, instance] : preferences()) {
+    for (const auto& [title, instance] : plugInSettings()) {
         const auto config = instance->analyzerSettingsConfig();
         if (!config) continue;
         for (const AnalyzerToggleSpec& toggle : config->toggles) add(toggle.key, Setting::Kind::boolean);
@@ -192,14 +183,7 @@ ExitStatus set(const CommandContext& context)
     return UserDefaults::standard().set(key, *value) ? done : notKept();
 }
 
-ExitStatus reset(const CommandContext&)
-{
-    UserDefaults& defaults = UserDefaults::standard();
-    bool areKept = true;
-    for (const auto& [key, value] : defaults.all()) areKept &= defaults.remove(key);
-    for (const auto& [title, instance] : preferences()) instance->setDefaultSettings(true);
-    return areKept ? done : notKept();
-}
+ExitStatus reset(const CommandContext&) { return resetSettings() ? done : notKept(); }
 
 /// Prints the line that points a program at the managed key log, and sees to it that there is a file to write to.
 ExitStatus keylogLine(const CommandContext& context)
@@ -216,7 +200,7 @@ ExitStatus show(const CommandContext& context)
 {
     if (context.options.json) return list(context);
     std::string text;
-    for (const auto& [title, instance] : preferences()) {
+    for (const auto& [title, instance] : plugInSettings()) {
         if (!text.empty()) text += '\n';
         const bool hasColors = context.terminal.hasColors;
         if (hasColors) text += sequence(Style::accent);

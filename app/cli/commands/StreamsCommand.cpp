@@ -6,7 +6,7 @@
 #include "app/records/StreamRecords.h"
 #include "app/cli/StreamReading.h"
 #include "app/verdict/StreamVerdict.h"
-#include "app/cli/text/TimeText.h"
+#include "app/texts/TimeText.h"
 #include "app/records/VerdictSentence.h"
 #include "app/cli/text/VerdictTable.h"
 
@@ -116,9 +116,8 @@ ExitStatus run(const CommandContext& context)
         row.canInterpret = session->plugIns().isSecured(stream);
         if (row.canInterpret) row.verdict = verdicts.verdict(stream, ReportDepth::opened);
 
-        StreamLine line{.summary = row.summary, .verdict = row.canInterpret ? "not asked" : "not TLS"};
+        StreamLine line{.summary = row.summary, .verdict = verdictText(row)};
         if (row.verdict) {
-            line.verdict = verdictText(*row.verdict);
             if (const auto& report = row.verdict->report) {
                 line.serverName = report->serverName.value_or("");
                 line.version = report->versionName;

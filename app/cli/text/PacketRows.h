@@ -5,7 +5,7 @@
 #include "app/session/PacketAnalyzers.h"
 #include "app/session/PacketRowReader.h"
 #include "app/cli/text/TextTable.h"
-#include "app/cli/text/TimeText.h"
+#include "app/texts/TimeText.h"
 #include "host/VELModels/TCPStream.h"
 
 #include <memory>

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/cli/text/StreamText.h"
 
-#include "app/cli/text/DisplayText.h"
+#include "app/texts/DisplayText.h"
 #include "app/cli/text/HexDump.h"
-#include "app/cli/text/TimeText.h"
+#include "app/texts/TimeText.h"
 #include "platform/UTF8.h"
 
 #include <algorithm>

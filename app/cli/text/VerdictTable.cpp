@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/cli/text/VerdictTable.h"
 
-#include "app/cli/text/DisplayText.h"
+#include "app/texts/DisplayText.h"
 
 #include <algorithm>
 #include <utility>
@@ -19,18 +19,6 @@ std::vector<TextColumn> withVerdict(std::vector<TextColumn> columns, bool isTerm
 }
 
 }  // namespace
-
-std::string_view verdictText(const StreamVerdict& verdict)
-{
-    if (verdict.outcome.isDecrypted()) return verdict.isPartly() ? "partly decrypted" : "decrypted";
-    switch (*verdict.outcome.failure) {
-    case TLSDecryptionFailure::noHandshake: return "no handshake";
-    case TLSDecryptionFailure::unsupportedVersion: return "unsupported version";
-    case TLSDecryptionFailure::noKeyMaterial: return "no key material";
-    case TLSDecryptionFailure::keyMismatch: return "key mismatch";
-    }
-    std::unreachable();
-}
 
 VerdictTable::VerdictTable(std::vector<TextColumn> columns, const Terminal& terminal)
     : terminal_(terminal), table_(withVerdict(std::move(columns), terminal.isTerminal), terminal)

@@ -2,7 +2,6 @@
 #pragma once
 
 #include "app/cli/text/TextTable.h"
-#include "app/verdict/StreamVerdict.h"
 
 #include <span>
 #include <string>
@@ -10,9 +9,6 @@
 #include <vector>
 
 namespace sealscope::cli {
-
-/// A verdict as people read it: "no handshake"; "partly decrypted" where some of what could be opened did not.
-std::string_view verdictText(const StreamVerdict& verdict);
 
 /// A table of streams that ends in a verdict and a sentence on it. The sentence follows the row in lines of its own on a
 /// terminal, whose width it would not fit, and is the last column elsewhere.

@@ -2,7 +2,7 @@
 #include "app/cli/text/ViewText.h"
 
 #include "app/cli/text/ColorSequence.h"
-#include "app/cli/text/DisplayText.h"
+#include "app/texts/DisplayText.h"
 #include "host/VELCommonTools/Color.h"
 #include "platform/UTF8.h"
 

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "app/cli/OutputFolder.h"
+#include "app/export/OutputFolder.h"
 
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <sys/stat.h>
 
-namespace sealscope::cli {
+namespace sealscope {
 
 std::expected<void, std::string> prepareOutputFolder(const std::string& path)
 {
@@ -17,4 +17,4 @@ std::expected<void, std::string> prepareOutputFolder(const std::string& path)
     return {};
 }
 
-}  // namespace sealscope::cli
+}  // namespace sealscope

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "app/cli/text/DisplayText.h"
+#include "app/texts/DisplayText.h"
 
 #include "platform/UTF8.h"
 
@@ -9,7 +9,7 @@
 #include <unictype.h>
 #include <uniwidth.h>
 
-namespace sealscope::cli {
+namespace sealscope {
 
 namespace {
 
@@ -110,4 +110,4 @@ std::string displaySafe(std::string_view text)
     return safe;
 }
 
-}  // namespace sealscope::cli
+}  // namespace sealscope

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "app/cli/text/TimeText.h"
+#include "app/texts/TimeText.h"
 
 #include <algorithm>
 #include <cmath>
 #include <ctime>
 #include <fmt/format.h>
 
-namespace sealscope::cli {
+namespace sealscope {
 
 TimeText::Split TimeText::enterMinute(double seconds)
 {
@@ -51,4 +51,4 @@ void TimeText::appendDateAndClock(std::string& text, double seconds)
     appendSeconds(text, split);
 }
 
-}  // namespace sealscope::cli
+}  // namespace sealscope

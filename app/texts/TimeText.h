@@ -5,7 +5,7 @@
 #include <limits>
 #include <string>
 
-namespace sealscope::cli {
+namespace sealscope {
 
 /// Writes times as the local clock showed them: "2023-11-14 22:13:20.250000". Keeps the minute it is in, since looking up
 /// the time zone costs more than the rest of a row.
@@ -32,4 +32,4 @@ private:
     std::string clock_;  ///< "22:13:"
 };
 
-}  // namespace sealscope::cli
+}  // namespace sealscope

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-namespace sealscope::cli {
+namespace sealscope {
 
 /// A number of bytes as people read it, in powers of 1000: "517 B", "5.2 kB", "1.3 GB".
 std::string sizeText(std::int64_t bytes);
@@ -17,4 +17,4 @@ std::string durationText(double seconds);
 /// than its middle.
 std::string shortenedInTheMiddle(std::string_view text, int columns);
 
-}  // namespace sealscope::cli
+}  // namespace sealscope

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "app/cli/text/SizeText.h"
+#include "app/texts/SizeText.h"
 
-#include "app/cli/text/DisplayText.h"
+#include "app/texts/DisplayText.h"
 
 #include <algorithm>
 #include <array>
 #include <fmt/format.h>
 
-namespace sealscope::cli {
+namespace sealscope {
 
 std::string sizeText(std::int64_t bytes)
 {
@@ -43,4 +43,4 @@ std::string shortenedInTheMiddle(std::string_view text, int columns)
     return safe.substr(0, head) + "…" + safe.substr(safe.size() - tail);
 }
 
-}  // namespace sealscope::cli
+}  // namespace sealscope

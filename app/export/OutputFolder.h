@@ -4,10 +4,10 @@
 #include <expected>
 #include <string>
 
-namespace sealscope::cli {
+namespace sealscope {
 
 /// Sees to it that a folder is there to write to: makes it, for its owner alone, when its parent exists. Fails with the end of a
 /// sentence that begins with the path.
 std::expected<void, std::string> prepareOutputFolder(const std::string& path);
 
-}  // namespace sealscope::cli
+}  // namespace sealscope
