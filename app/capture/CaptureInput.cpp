@@ -270,7 +270,8 @@ private:
                 spool_->release(released_, kept - released_);
                 released_ = kept;
             }
-            return *room;
+            // What was packed well would fill all of it at once.
+            return room->first(std::min(room->size(), static_cast<std::size_t>(mappedWindow)));
         }
         const std::int64_t held = end_ - at_;
         // Grows by what has arrived, not by what was announced.

@@ -231,8 +231,8 @@ std::vector<Shape> captureShapes()
     }).isWorkForLong = true;
     add("LargePacketsThatUnpack", [](const auto& folder) {
         Attack attack;
-        const Bytes payload = put(*std::make_unique<Bytes>(record(23, Bytes(16'000, 0))), Bytes(2 << 20, 0));
-        for (int i = 0; i < 50; ++i) attack.segment(i, {.sequence = 1'001}, payload);
+        const Bytes payload = repeated(record(23, Bytes(16'000, 0)), 130);
+        for (int i = 0; i < 100; ++i) attack.segment(i, {.sequence = 1'001}, payload);
         return save(folder, zstdOf(attack.bytes()),
                     {.packets = attack.packets(), .connections = attack.connections(), .unpacked = std::ssize(attack.bytes())});
     });
