@@ -76,7 +76,7 @@ _sealscope() {
             exchanges) words="--keylog --reach --stream --largest-body --json --filter --count" ;;
             objects) words="--keylog --reach --stream --output --force --largest-body --json --filter --count" ;;
             export) words="--keylog --reach --stream --output --force --largest-body --json --filter --count" ;;
-            live) words="--interface --write --force --filter --count --json" ;;
+            live) words="--interface --follow --exchanges --keylog --largest-body --write --force --filter --count --json" ;;
             plugins | settings) words="--json" ;;
             *) words="--keylog --reach --stream --no-interpreters --bodies --largest-body --json --filter --count" ;;
         esac

@@ -45,6 +45,9 @@ complete -c sealscope -n "__fish_seen_subcommand_from decrypt" -l inject-secrets
 complete -c sealscope -n "__fish_seen_subcommand_from decrypt" -l strip-secrets -rF -d "write the capture without secrets"
 complete -c sealscope -n "__fish_seen_subcommand_from decrypt objects export live" -l force -d "replace files that exist"
 complete -c sealscope -n "__fish_seen_subcommand_from live" -s i -l interface -xa "(__fish_print_interfaces)" -d "capture from this interface"
+complete -c sealscope -n "__fish_seen_subcommand_from live" -s k -l keylog -rF -d "take secrets from this key log"
+complete -c sealscope -n "__fish_seen_subcommand_from live" -l follow -d "requests and replies in place of packets"
+complete -c sealscope -n "__fish_seen_subcommand_from live" -l exchanges -d "the same as --follow"
 complete -c sealscope -n "__fish_seen_subcommand_from live" -s w -l write -rF -d "keep the captured packets"
 
 complete -c sealscope -n "__fish_seen_subcommand_from plugins settings help" -f

@@ -5,6 +5,7 @@
 #include "harness/CaptureFile.h"
 #include "harness/Hex.h"
 #include "harness/TLSSession.h"
+#include "tests/interpreters/HTTP/HTTP2Writer.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -31,9 +32,11 @@ usage: make-capture --out FILE [options]
 
   -o, --out FILE         the capture; a name that ends in .pcap gives the classic format, any other pcapng
   -s, --shape SHAPE      large: a few long transfers; small: many short connections, each a request and its response;
-                         mixed: half the bytes of each (default: small)
+                         mixed: half the bytes of each; requests: one HTTP/2 connection with as many small requests and
+                         replies as --connections says (default: small)
   -S, --size SIZE        about how large the file gets: 1GB, 500MB, 64KiB (default: 100MB; small: as large as it gets)
   -c, --connections N    short connections (default: 1000; mixed: until the size is reached)
+  -2, --http2            long transfers go over HTTP/2
   -t, --transfers N      long transfers, side by side (default: 4)
   -n, --sessions N       different TLS sessions among the short connections; the others repeat one of these under other
                          endpoints (default: 64)
@@ -74,6 +77,7 @@ struct Settings {
     bool secretsInside = false;
     bool secretsAfter = false;
     bool isIPv6 = false;
+    bool isHTTP2 = false;
     TLSSessionOptions tls{.certificates = {{.authorities = 2}, {.key = CertificateKey::rsa2048, .authorities = 2}}, .tickets = 1};
     PacketPath path{.tcpOptions = hex("01 01 08 0a 00 00 00 01 00 00 00 01")};  // timestamps (RFC 7323 §3.2)
 };
@@ -131,13 +135,13 @@ std::optional<Settings> parse(int argc, char** argv)
         {"concurrent", 1, nullptr, 'j'},  {"version", 1, nullptr, 'v'},        {"suite", 1, nullptr, 'u'},
         {"keylog", 1, nullptr, 'k'},      {"secrets-inside", 0, nullptr, 'i'}, {"secrets-after", 0, nullptr, 'a'},
         {"payload", 1, nullptr, 'p'},     {"request", 1, nullptr, 'q'},        {"record", 1, nullptr, 'r'},
-        {"segment", 1, nullptr, 'g'},     {"ipv6", 0, nullptr, '6'},           {"vlan", 1, nullptr, 'l'},
+        {"segment", 1, nullptr, 'g'},     {"ipv6", 0, nullptr, '6'},           {"http2", 0, nullptr, '2'}, {"vlan", 1, nullptr, 'l'},
         {"snaplen", 1, nullptr, 'L'},     {"disorder", 1, nullptr, 'd'},       {"lost", 1, nullptr, 'x'},
         {"seed", 1, nullptr, 'e'},        {"help", 0, nullptr, 'h'},           {}};
     constexpr std::int64_t many = 1'000'000'000;
     Settings settings;
     int letter = 0;
-    while ((letter = getopt_long(argc, argv, "o:s:S:c:t:n:j:v:u:k:iap:q:r:g:6l:L:d:x:e:h", options, nullptr)) != -1) {
+    while ((letter = getopt_long(argc, argv, "o:s:S:c:t:n:j:v:u:k:iap:q:r:g:62l:L:d:x:e:h", options, nullptr)) != -1) {
         const std::string value = optarg ? optarg : "";
         switch (letter) {
         case 'o': settings.out = value; break;
@@ -157,6 +161,7 @@ std::optional<Settings> parse(int argc, char** argv)
         case 'r': settings.tls.maximumFragment = static_cast<int>(count("--record", value, 512, 16'384)); break;
         case 'g': settings.segment = count("--segment", value, 1, 65'000); break;
         case '6': settings.isIPv6 = true; break;
+        case '2': settings.isHTTP2 = true; break;
         case 'l': settings.path.vlans.push_back(static_cast<std::uint16_t>(count("--vlan", value, 0, 4'095))); break;
         case 'L': settings.snapLength = count("--snaplen", value, 1, 262'144); break;
         case 'd': settings.disorder = share("--disorder", value); break;
@@ -168,8 +173,8 @@ std::optional<Settings> parse(int argc, char** argv)
     }
     if (optind < argc) throw WrongUse(fmt::format("what is \"{}\"?", argv[optind]));
     if (settings.out.empty()) throw WrongUse("--out FILE is missing");
-    if (settings.shape != "large" && settings.shape != "small" && settings.shape != "mixed")
-        throw WrongUse("--shape: large, small or mixed, not " + settings.shape);
+    if (settings.shape != "large" && settings.shape != "small" && settings.shape != "mixed" && settings.shape != "requests")
+        throw WrongUse("--shape: large, small, mixed or requests, not " + settings.shape);
     if (settings.out.ends_with(".pcap") && (settings.secretsInside || settings.secretsAfter))
         throw WrongUse("--out " + settings.out + ": only pcapng has room for secrets");
     return settings;
@@ -333,9 +338,18 @@ public:
           left_(bytes), segment_(settings.segment), body_(patternBytes(bytesAtOnce, settings.tls.seed + static_cast<std::uint64_t>(number)))
     {
         if (!tls_.handshake()) throw std::runtime_error("handshake: " + tls_.session().failure);
-        tls_.perform(clientSends(fmt::format("GET /transfer/{} HTTP/1.1\r\nHost: example.org\r\nAccept: */*\r\n\r\n", number)));
-        tls_.perform(
-            serverSends(fmt::format("HTTP/1.1 200 OK\r\nContent-Type: application/octet-stream\r\nContent-Length: {}\r\n\r\n", bytes)));
+        const std::string path = fmt::format("/transfer/{}", number), length = std::to_string(bytes);
+        if (settings.isHTTP2) {
+            HTTP2Writer client, server;
+            tls_.perform(clientSends(HTTP2Writer::preface() + client.headers(1, HTTP2Writer::get(path), HTTP2Writer::endStream)));
+            tls_.perform(serverSends(server.headers(
+                1, {{":status", "200"}, {"content-type", "application/octet-stream"}, {"content-length", length}})));
+            frames_ = dataFrames(body_);
+        } else {
+            tls_.perform(clientSends("GET " + path + " HTTP/1.1\r\nHost: example.org\r\nAccept: */*\r\n\r\n"));
+            tls_.perform(
+                serverSends("HTTP/1.1 200 OK\r\nContent-Type: application/octet-stream\r\nContent-Length: " + length + "\r\n\r\n"));
+        }
         TLSSession session = tls_.session();
         output.secrets(session.keyLog);
         tcp_.open();
@@ -348,8 +362,13 @@ public:
         const std::int64_t now = std::min(left_, bytesAtOnce);
         left_ -= now;
         if (now > 0) {
-            tls_.seal(Direction::serverToClient, body_.view().sub(0, now), wire_);
+            const bool isWhole = now == body_.size();
+            if (frames_.empty())
+                tls_.seal(Direction::serverToClient, body_.view().sub(0, now), wire_);
+            else
+                tls_.seal(Direction::serverToClient, DataView(isWhole ? frames_ : dataFrames(body_.sub(0, now))), wire_);
         } else {
+            if (!frames_.empty()) tls_.seal(Direction::serverToClient, DataView(HTTP2Writer::data(1, {}, HTTP2Writer::endStream)), wire_);
             tls_.sealClose(Direction::serverToClient, wire_);
             isOver_ = true;
         }
@@ -366,14 +385,72 @@ public:
     }
 
 private:
+    static std::string dataFrames(const Data& bytes)
+    {
+        constexpr std::int64_t frameSize = 16'384;
+        std::string frames;
+        for (std::int64_t offset = 0; offset < bytes.size(); offset += frameSize)
+            frames += HTTP2Writer::data(1, bytes.sub(offset, frameSize).view().text());
+        return frames;
+    }
+
     static constexpr std::int64_t bytesAtOnce = 64 * 1024;
     TLSConversation tls_;
     TCPConversation tcp_;
     std::int64_t left_;
     std::int64_t segment_;
     Data body_;
+    std::string frames_;  ///< of HTTP/2, that carry it
     std::vector<std::uint8_t> wire_;
     bool isOver_ = false;
+};
+
+/// Small requests over one HTTP/2 connection, one after another, each with a reply.
+class ManyRequests final : public Connection {
+public:
+    ManyRequests(const std::shared_ptr<TLSContexts>& contexts, const Settings& settings, std::int64_t requests, CaptureOutput& output)
+        : tls_(contexts, settings.tls.seed), tcp_(tcpOptions(settings, 0)), requests_(requests)
+    {
+        if (!tls_.handshake()) throw std::runtime_error("handshake: " + tls_.session().failure);
+        tls_.perform(clientSends(HTTP2Writer::preface()));
+        TLSSession session = tls_.session();
+        output.secrets(session.keyLog);
+        tcp_.open();
+        tcp_.send(session.flights);
+    }
+
+    bool take(CaptureOutput& output) override
+    {
+        if (made_ == requests_) return false;
+        const auto stream = static_cast<std::uint32_t>(2 * made_ + 1);
+        HTTP2Writer::Fields fields = HTTP2Writer::get(fmt::format("/items/{}", made_));
+        fields.insert(fields.end(), {{"user-agent", "client/1.0"}, {"accept", "*/*"}});
+        send(Direction::clientToServer, client_.headers(stream, fields, HTTP2Writer::endStream));
+        const std::string body = fmt::format("{{\"number\": {}}}", made_);
+        const std::string head = server_.headers(stream, {{":status", "200"},
+                                                          {"server", "server/1.0"},
+                                                          {"content-type", "application/json"},
+                                                          {"content-length", std::to_string(body.size())}});
+        send(Direction::serverToClient, head + HTTP2Writer::data(stream, body, HTTP2Writer::endStream));
+        if (++made_ == requests_) tcp_.close();
+        for (PlannedSegment& segment : tcp_.segments) output.segment(std::move(segment));
+        tcp_.segments.clear();
+        return true;
+    }
+
+private:
+    void send(Direction from, const std::string& text)
+    {
+        std::vector<std::uint8_t> wire;
+        tls_.seal(from, DataView(text), wire);
+        tcp_.send(from, Data(std::move(wire)));
+    }
+
+    TLSConversation tls_;
+    TCPConversation tcp_;
+    HTTP2Writer client_, server_;
+    std::int64_t requests_;
+    std::int64_t made_ = 0;
 };
 
 /// The sessions of the short connections: each is made when it is first asked for, and kept when it is asked for again.
@@ -441,6 +518,13 @@ private:
 void run(const Settings& settings)
 {
     CaptureOutput output(settings);
+    if (settings.shape == "requests") {
+        ManyRequests requests(makeTLSContexts(settings.tls), settings, settings.connections.value_or(1'000), output);
+        while (requests.take(output)) {}
+        output.finish();
+        fmt::print("{}: {} packets, {} bytes, 1 connection\n", settings.out, output.packetsWritten(), output.bytesWritten());
+        return;
+    }
     const bool hasLong = settings.shape != "small";
     const bool hasShort = settings.shape != "large";
     constexpr std::int64_t usualSize = 100'000'000;

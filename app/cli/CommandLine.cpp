@@ -33,6 +33,8 @@ constexpr OptionSpec specs[] = {
     {Option::force, 0, "force", "", "replace files that exist"},
     {Option::interface, 'i', "interface", "NAME", "capture from this network interface"},
     {Option::write, 'w', "write", "FILE", "keep the captured packets in FILE"},
+    {Option::follow, 0, "follow", "", "print requests and replies as they become complete, in place of packets"},
+    {Option::exchanges, 0, "exchanges", "", "the same as --follow"},
     {Option::plugInPath, 0, "plugin-path", "DIR", "look for plug-ins in DIR first; may be given again"},
     {Option::color, 0, "color", "WHEN", "colours: auto (the default), always or never"},
     {Option::quiet, 'q', "quiet", "", "no progress and no remarks on standard error, only errors"},
@@ -143,6 +145,8 @@ std::string enter(Options& options, const OptionSpec& spec, std::string_view arg
     case Option::force: options.force = true; break;
     case Option::interface: options.interface = argument; break;
     case Option::write: options.write = argument; break;
+    case Option::follow:
+    case Option::exchanges: options.exchanges = true; break;
     case Option::plugInPath: options.plugInPaths.emplace_back(argument); break;
     case Option::color:
         if (argument == "auto")

@@ -37,6 +37,8 @@ enum class Option : std::uint8_t {
     force,
     interface,
     write,
+    follow,
+    exchanges,
     plugInPath,
     color,
     quiet,
@@ -98,6 +100,7 @@ struct Options {
     bool force = false;
     std::string interface;
     std::string write;
+    bool exchanges = false;  ///< of what `live` follows, in place of packets
     std::vector<std::string> plugInPaths;
     ColorChoice color = ColorChoice::automatic;
     bool quiet = false;

@@ -128,7 +128,13 @@ Confinement confinementFor(const Options& options, fs::path& temporaryFolder)
     } else {
         confinement.readableFolders.insert(confinement.readableFolders.end(), std::begin(ownFolders), std::end(ownFolders));
     }
-    if (access == Access::interface) confinement.calls = Confinement::Calls::packets;
+    if (access == Access::interface) {
+        confinement.calls = Confinement::Calls::packets;
+        if (options.exchanges) {
+            addKeyLogs(confinement, options, true);
+            CryptoLibrary::configure();
+        }
+    }
     if (access == Access::captures) {
         const std::vector<std::string> files = captures(options);
         confinement.readableFiles.insert(confinement.readableFiles.end(), files.begin(), files.end());

@@ -52,19 +52,6 @@ std::optional<std::string> textAttribute(const StreamMessage& message, std::stri
     return text ? std::optional(*text) : std::nullopt;
 }
 
-/// For each message of an interpretation the URL that its body belongs to: its own, or that of the request that it answers.
-std::vector<std::optional<std::string>> urlsOf(const StreamInterpretation& interpretation)
-{
-    std::vector<std::optional<std::string>> urls;
-    std::ranges::transform(interpretation.messages, std::back_inserter(urls),
-                           [](const StreamMessage& message) { return textAttribute(message, "url"); });
-    const auto holds = [&](std::int64_t index) { return index >= 0 && index < std::ssize(urls); };
-    for (const Pairing& pairing : interpretation.pairings.value_or(std::vector<Pairing>{}))
-        if (pairing.replyIndex && holds(*pairing.replyIndex) && holds(pairing.requestIndex))
-            urls[static_cast<std::size_t>(*pairing.replyIndex)] = urls[static_cast<std::size_t>(pairing.requestIndex)];
-    return urls;
-}
-
 }  // namespace
 
 std::string safeFileName(std::string_view name)

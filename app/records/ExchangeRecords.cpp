@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/records/ExchangeRecords.h"
 
+#include "app/records/EndpointTexts.h"
 #include "app/records/JSONLineWriter.h"
 #include "app/records/MessageRecords.h"
 
@@ -51,8 +52,10 @@ void appendRecord(std::string& text, const ExchangeStream& stream, const Exchang
     json.member("protocol", protocol.empty() ? std::nullopt : std::optional(protocol));
     json.member("time", exchange.time());
     json.member("duration", exchange.duration());
-    json.member("client", stream.client.text());
-    json.member("server", stream.server.text());
+    // The exchanges of a stream come one after another.
+    thread_local EndpointTexts endpoints;
+    json.member("client", endpoints.text(stream.client));
+    json.member("server", endpoints.text(stream.server));
     writeSide(json, "request", exchange.request);
     writeSide(json, "reply", exchange.reply);
     json.endObject();

@@ -96,6 +96,12 @@ void JSONLineWriter::key(std::string_view name)
     needsComma_ = false;
 }
 
+void JSONLineWriter::plainKey(std::string_view name)
+{
+    appendQuoted(name, ":");
+    needsComma_ = false;
+}
+
 void JSONLineWriter::value(std::string_view characters) { quoted(characters, ""); }
 
 void JSONLineWriter::integer(std::int64_t number)
@@ -122,7 +128,12 @@ void JSONLineWriter::quoted(std::string_view characters, std::string_view behind
         text_ += behind;
         return;
     }
-    // Most texts: one growth of the line for all of it.
+    appendQuoted(characters, behind);
+}
+
+void JSONLineWriter::appendQuoted(std::string_view characters, std::string_view behind)
+{
+    // One growth of the line for all of it.
     const bool hasComma = std::exchange(needsComma_, true);
     const std::size_t start = text_.size();
     const std::size_t end = start + characters.size() + behind.size() + 2 + hasComma;

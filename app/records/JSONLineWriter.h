@@ -6,6 +6,7 @@
 #include "platform/Data.h"
 
 #include <concepts>
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -30,6 +31,8 @@ public:
     void endArray() { close(']'); }
     /// The name of the member that the next value fills.
     void key(std::string_view name);
+    /// The same of a name that stands in the program, and needs no escapes.
+    template <std::size_t size> void key(const char (&name)[size]) { plainKey({name, size - 1}); }
 
     void null() { literal("null"); }
     void value(bool flag) { literal(flag ? "true" : "false"); }
@@ -52,6 +55,11 @@ public:
             null();
     }
     template <class Value> void member(std::string_view name, const Value& content)
+    {
+        key(name);
+        value(content);
+    }
+    template <std::size_t size, class Value> void member(const char (&name)[size], const Value& content)
     {
         key(name);
         value(content);
@@ -80,6 +88,8 @@ private:
         text_ += word;
     }
     void integer(std::int64_t number);
+    void plainKey(std::string_view name);
+    void appendQuoted(std::string_view characters, std::string_view behind);
     void quoted(std::string_view characters, std::string_view behind);
 
     std::string& text_;

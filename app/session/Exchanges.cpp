@@ -2,6 +2,7 @@
 #include "app/session/Exchanges.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace sealscope {
@@ -26,28 +27,49 @@ std::vector<Exchange> exchangesOf(StreamInterpretation interpretation)
     std::vector<StreamMessage>& messages = interpretation.messages;
     std::vector<Exchange> exchanges;
     std::vector<bool> isTaken(messages.size());
-    const auto take = [&](std::int64_t index, StreamMessageKind kind) -> std::optional<StreamMessage> {
-        if (index < 0 || index >= std::ssize(messages)) return std::nullopt;
+    // A message is large, and there may be many: each is moved once.
+    const auto take = [&](std::int64_t index, StreamMessageKind kind) -> StreamMessage* {
+        if (index < 0 || index >= std::ssize(messages)) return nullptr;
         const auto position = static_cast<std::size_t>(index);
-        if (isTaken[position] || messages[position].kind != kind) return std::nullopt;
+        if (isTaken[position] || messages[position].kind != kind) return nullptr;
         isTaken[position] = true;
-        return std::move(messages[position]);
+        return &messages[position];
     };
-    for (const Pairing& pairing : interpretation.pairings.value_or(std::vector<Pairing>{})) {
-        Exchange exchange;
-        exchange.request = take(pairing.requestIndex, StreamMessageKind::request);
-        if (!exchange.request) continue;
-        if (pairing.replyIndex) exchange.reply = take(*pairing.replyIndex, StreamMessageKind::reply);
-        exchanges.push_back(std::move(exchange));
+    static const std::vector<Pairing> none;
+    const std::vector<Pairing>& pairings = interpretation.pairings ? *interpretation.pairings : none;
+    exchanges.reserve(pairings.size());
+    for (const Pairing& pairing : pairings) {
+        StreamMessage* const request = take(pairing.requestIndex, StreamMessageKind::request);
+        if (!request) continue;
+        Exchange& exchange = exchanges.emplace_back();
+        exchange.request.emplace(std::move(*request));
+        StreamMessage* const reply = pairing.replyIndex ? take(*pairing.replyIndex, StreamMessageKind::reply) : nullptr;
+        if (reply) exchange.reply.emplace(std::move(*reply));
     }
     for (std::int64_t index = 0; index < std::ssize(messages); ++index) {
         // An interim reply is one more message of an exchange, not one of its own.
         if (messages[static_cast<std::size_t>(index)].attribute("isInterim")) continue;
-        if (auto request = take(index, StreamMessageKind::request)) exchanges.push_back({.request = std::move(request)});
-        if (auto reply = take(index, StreamMessageKind::reply)) exchanges.push_back({.reply = std::move(reply)});
+        if (auto* const request = take(index, StreamMessageKind::request)) exchanges.emplace_back().request.emplace(std::move(*request));
+        if (auto* const reply = take(index, StreamMessageKind::reply)) exchanges.emplace_back().reply.emplace(std::move(*reply));
     }
-    std::ranges::stable_sort(exchanges, {}, &Exchange::time);
+    if (!std::ranges::is_sorted(exchanges, {}, &Exchange::time)) std::ranges::stable_sort(exchanges, {}, &Exchange::time);
     return exchanges;
+}
+
+std::vector<std::optional<std::string>> urlsOf(const StreamInterpretation& interpretation)
+{
+    const auto own = [](const StreamMessage& message) -> std::optional<std::string> {
+        const VELValue* const value = message.attribute("url");
+        const auto* const url = value ? std::get_if<std::string>(value) : nullptr;
+        return url ? std::optional(*url) : std::nullopt;
+    };
+    std::vector<std::optional<std::string>> urls;
+    std::ranges::transform(interpretation.messages, std::back_inserter(urls), own);
+    const auto holds = [&](std::int64_t index) { return index >= 0 && index < std::ssize(urls); };
+    for (const Pairing& pairing : interpretation.pairings.value_or(std::vector<Pairing>{}))
+        if (pairing.replyIndex && holds(*pairing.replyIndex) && holds(pairing.requestIndex))
+            urls[static_cast<std::size_t>(*pairing.replyIndex)] = urls[static_cast<std::size_t>(pairing.requestIndex)];
+    return urls;
 }
 
 }  // namespace sealscope

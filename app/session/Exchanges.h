@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <vector>
 
 namespace sealscope {
@@ -28,5 +29,8 @@ std::optional<StreamInterpretation> applicationInterpretation(const Session& ses
 /// The exchanges of an interpretation, in the order of their times: its pairings, and the replies whose requests the capture
 /// lacks. A handshake is none.
 std::vector<Exchange> exchangesOf(StreamInterpretation interpretation);
+
+/// For each message of an interpretation the URL that its body belongs to: its own, or that of the request that it answers.
+std::vector<std::optional<std::string>> urlsOf(const StreamInterpretation& interpretation);
 
 }  // namespace sealscope

@@ -47,17 +47,24 @@ std::optional<StreamInterpretation> SessionPlugIns::decryptedInterpretation(cons
     return std::nullopt;
 }
 
-std::optional<StreamInterpretation> SessionPlugIns::carriedInterpretation(const TCPStream& stream, const StreamContext& context) const
+const VELStreamInterpreting* SessionPlugIns::interpreterOfCarried(const TCPStream& stream, const StreamContext& context) const
 {
-    if (options_.carried == CarriedStreams::shownAsBytes || context.depth > StreamContext::deepest) return std::nullopt;
+    if (options_.carried == CarriedStreams::shownAsBytes || context.depth > StreamContext::deepest) return nullptr;
     StreamContext offered = context;
     offered.host = this;
-    const auto accepts = [&](const VELStreamInterpreting* interpreter) {
+    const auto found = std::ranges::find_if(interpreters_, [&](const VELStreamInterpreting* interpreter) {
         return interpreter->layer != context.notOfferedTo && interpreter->canInterpret(stream, offered);
-    };
-    const auto found = std::ranges::find_if(interpreters_, accepts);
-    if (found == interpreters_.end()) return std::nullopt;
-    return (*found)->interpret(stream, offered);
+    });
+    return found == interpreters_.end() ? nullptr : *found;
+}
+
+std::optional<StreamInterpretation> SessionPlugIns::carriedInterpretation(const TCPStream& stream, const StreamContext& context) const
+{
+    const VELStreamInterpreting* const interpreter = interpreterOfCarried(stream, context);
+    if (!interpreter) return std::nullopt;
+    StreamContext offered = context;
+    offered.host = this;
+    return interpreter->interpret(stream, offered);
 }
 
 }  // namespace sealscope

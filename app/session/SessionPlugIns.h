@@ -32,6 +32,8 @@ public:
 
     /// The first interpreter that accepts a captured stream, or null.
     const VELStreamInterpreting* interpreter(const TCPStream& stream) const;
+    /// The first that accepts a stream which another one carries, or null. `context` says what is known of it.
+    const VELStreamInterpreting* interpreterOfCarried(const TCPStream& stream, const StreamContext& context) const;
     /// Whether a stream is protected, so that decryption probes have something to say about it.
     bool isSecured(const TCPStream& stream) const;
     /// What is known of a captured stream before anybody has looked into it.

@@ -12,8 +12,6 @@ namespace sealscope {
 
 namespace {
 
-constexpr std::chrono::nanoseconds betweenLooks = std::chrono::milliseconds(500);
-
 std::int64_t now() { return std::chrono::steady_clock::now().time_since_epoch() / std::chrono::nanoseconds(1); }
 
 }  // namespace
@@ -47,7 +45,7 @@ std::uint64_t KeyLogSources::generation() const
         signature_ = std::move(signature);
         ++generation_;
     }
-    nextLook_.store(now() + betweenLooks.count(), std::memory_order_relaxed);
+    nextLook_.store(now() + betweenLooks_.count(), std::memory_order_relaxed);
     return generation_;
 }
 

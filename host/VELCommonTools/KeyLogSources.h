@@ -5,6 +5,7 @@
 #include "platform/SecretMemory.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -22,6 +23,8 @@ public:
     /// Counts the states of the sources: another number says that what they hold may have changed. A file is looked at twice a
     /// second at the most, so asking costs next to nothing.
     std::uint64_t generation() const;
+    /// Looks at the files more often than that, for who waits for secrets. To be called before anybody else asks.
+    void lookEvery(std::chrono::nanoseconds interval) { betweenLooks_ = interval; }
     /// The sources' bytes one behind another, each source's lines whole. What cannot be read contributes nothing.
     SecretText text() const;
     /// The files among them, in the order of their texts.
@@ -34,6 +37,7 @@ public:
 private:
     const SecretText embedded_;
     const std::vector<std::string> named_;
+    std::chrono::nanoseconds betweenLooks_ = std::chrono::milliseconds(500);
     mutable std::atomic<std::int64_t> nextLook_ = 0;  ///< on the steady clock, in nanoseconds
     mutable std::atomic<std::uint64_t> generation_ = 0;
     mutable std::mutex mutex_;  ///< guards signature_

@@ -70,6 +70,7 @@ struct TLSDirectionReport {
 struct PlaintextRecord {
     DataView plaintext;
     ByteRange body;  ///< of the record's body in the captured direction's data
+    std::int64_t missingBefore = 0;  ///< bytes of plaintext in front of it that did not open, as far as their number is known
 };
 
 /// Opens one direction of a stream, a record at a time and without keeping any: a stream larger than memory can be read.
@@ -85,6 +86,9 @@ public:
     /// The same, opened into `room`, which has place for `largestRecord` bytes, and stays there; a buffer of the reader's own
     /// when it is empty.
     virtual std::optional<PlaintextRecord> next(std::span<std::uint8_t> room) = 0;
+    /// The stream that it was made for has grown, with the same offsets: what `next` gives from now on may lie in the new bytes. Those
+    /// in front of the last record that it gave may be gone. False for a reader that ends with the data it was made for.
+    virtual bool goOn(const TCPStream&) { return false; }
     /// How far the direction opened; asked after the last record. Nothing when the reader does not know.
     virtual std::optional<TLSDirectionReport> report() { return std::nullopt; }
 };

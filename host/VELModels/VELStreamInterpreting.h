@@ -2,12 +2,14 @@
 #pragma once
 
 #include "host/VELModels/StreamContext.h"
+#include "host/VELModels/StreamFollowing.h"
 #include "host/VELModels/StreamMessage.h"
 #include "host/VELModels/TCPStream.h"
 
 #include <concepts>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string_view>
@@ -40,6 +42,12 @@ concept StreamMessageTeller = requires(const TCPStream& stream, const StreamCont
     { Type::forEachMessage(stream, context, visit) } -> std::same_as<std::optional<std::vector<Pairing>>>;
 };
 
+/// What a type may offer on top: to read a stream that still goes on.
+template <class Type>
+concept StreamFollowerType = requires(const StreamContext& context) {
+    { Type::follow(context) } -> std::same_as<std::unique_ptr<StreamFollowing>>;
+};
+
 /// An interpreter type as a value. There is one for each type; its address is the type's identity.
 struct VELStreamInterpreting {
     std::string_view streamDisplayName;
@@ -50,6 +58,8 @@ struct VELStreamInterpreting {
     /// a visitor it finds the pairings alone. Null for a type that does not offer it.
     std::optional<std::vector<Pairing>> (*forEachMessage)(const TCPStream& stream, const StreamContext& context,
                                                           const StreamMessageVisitor& visit) = nullptr;
+    /// Begins to read a stream that still goes on, of which `canInterpret` accepts the beginning. Null for a type that does not offer it.
+    std::unique_ptr<StreamFollowing> (*follow)(const StreamContext& context) = nullptr;
 
     bool canInterpret(const TCPStream& stream, const StreamContext& context = {}) const { return canInterpretInContext(stream, context); }
     StreamInterpretation interpret(const TCPStream& stream, const StreamContext& context = {}) const
@@ -78,7 +88,8 @@ struct VELStreamInterpreting {
                                                                   else
                                                                       return static_cast<void>(context), Type::interpret(stream);
                                                               },
-                                                          .forEachMessage = tellerOf<Type>()};
+                                                          .forEachMessage = tellerOf<Type>(),
+                                                          .follow = followerOf<Type>()};
         return &descriptor;
     }
 
@@ -94,6 +105,13 @@ private:
     {
         if constexpr (StreamMessageTeller<Type>)
             return &Type::forEachMessage;
+        else
+            return nullptr;
+    }
+    template <class Type> static constexpr decltype(VELStreamInterpreting::follow) followerOf()
+    {
+        if constexpr (StreamFollowerType<Type>)
+            return &Type::follow;
         else
             return nullptr;
     }

@@ -11,7 +11,19 @@ namespace {
 
 class CarriedBytes final : public StreamByteSource {
 public:
-    CarriedBytes(StreamData outer, const ByteRanges& carried) : outer_(std::move(outer)), places_(carried) {}
+    CarriedBytes(StreamData outer, const ByteRanges& carried) : outer_(std::move(outer)), places_(carried)
+    {
+        if (outer_.holeBytes() == 0) return;
+        carried.forEach([&](ByteRange range) {
+            for (std::int64_t offset = range.lower; offset < range.upper;) {
+                const auto hole = outer_.hole(offset);
+                const std::int64_t end = std::min(hole ? hole->upper : offset + outer_.stretch(offset).size(), range.upper);
+                if (hole) holeBytes_ += end - offset;
+                offset = end;
+            }
+            return true;
+        });
+    }
 
     DataView stretch(std::int64_t offset) const override
     {
@@ -28,10 +40,22 @@ public:
         });
         return found.sub(0, left);
     }
+    std::optional<ByteRange> hole(std::int64_t offset) const override
+    {
+        std::optional<ByteRange> hole;
+        places_.forEach({offset, offset + 1}, [&](ByteRange here) {
+            hole = outer_.hole(here.lower);
+            return false;
+        });
+        if (hole) hole = places_.innerRange(*hole);
+        return hole;
+    }
+    std::int64_t holeBytes() const override { return holeBytes_; }
 
 private:
     StreamData outer_;
     CarriedPlaces places_;
+    std::int64_t holeBytes_ = 0;
 };
 
 class CarriedIndex final : public ByteLocator {

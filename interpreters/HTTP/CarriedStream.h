@@ -43,6 +43,18 @@ public:
         return outer;
     }
 
+    /// Which inner bytes lie in an outer range.
+    ByteRange innerRange(ByteRange outer) const
+    {
+        const auto innerOf = [&](std::int64_t offset) {
+            auto place = std::ranges::upper_bound(places_, offset, {}, [](const Place& one) { return one.outer.lower; });
+            if (place == places_.begin()) return std::int64_t{0};
+            --place;
+            return place->inner + std::min(offset, place->outer.upper) - place->outer.lower;
+        };
+        return {innerOf(outer.lower), innerOf(outer.upper)};
+    }
+
 private:
     struct Place {
         std::int64_t inner = 0;  ///< offset of the first byte in what is carried

@@ -32,6 +32,25 @@ void Conversation::append(StreamInterpretation carried)
     }
 }
 
+StreamInterpretation Conversation::takeAllBut(const std::vector<std::int64_t*>& positions)
+{
+    Conversation staying, taken;
+    std::vector<std::int64_t> places(messages_.size(), 0);
+    for (std::int64_t* const position : positions) {
+        places[static_cast<std::size_t>(*position)] = -1;
+        *position = staying.add(std::move((*this)[*position]));
+    }
+    for (std::size_t i = 0; i < messages_.size(); ++i)
+        if (places[i] == 0) places[i] = taken.add(std::move(messages_[i]));
+    for (Pairing& pairing : pairings_) {
+        pairing.requestIndex = places[static_cast<std::size_t>(pairing.requestIndex)];
+        if (pairing.replyIndex) pairing.replyIndex = places[static_cast<std::size_t>(*pairing.replyIndex)];
+    }
+    taken.pairings_ = std::move(pairings_);
+    *this = std::move(staying);
+    return taken.finish();
+}
+
 StreamInterpretation Conversation::finish()
 {
     // A message without a time stays with the one before it in its direction.

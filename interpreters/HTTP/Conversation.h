@@ -31,6 +31,9 @@ public:
 
     /// The interpretation, once.
     StreamInterpretation finish();
+    /// The same of all messages but those at some positions, which belong to no pairing. These stay, in this order and from position 0
+    /// on, and the positions are set to where they are then.
+    StreamInterpretation takeAllBut(const std::vector<std::int64_t*>& positions);
 
 private:
     std::vector<StreamMessage> messages_;

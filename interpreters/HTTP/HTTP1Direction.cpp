@@ -44,17 +44,16 @@ std::optional<std::int64_t> chunkSize(std::string_view line)
 
 }  // namespace
 
-/// Where a body ends (RFC 9112 §6.3).
-struct HTTP1Direction::Framing {
-    enum class Kind : std::uint8_t { none, length, chunked, toTheEnd, toTheNextMessage };
-    Kind kind = Kind::none;
-    std::int64_t length = 0;
-};
-
 HTTP1Direction::HTTP1Direction(const TCPStream& stream, TCPSegment::Direction direction, HTTP1Head::Kind kind, const StreamContext& context)
     : stream_(stream), data_(stream.data(direction)), context_(context), direction_(direction), kind_(kind), lost_(stream, direction),
       window_(data_)
 {}
+
+void HTTP1Direction::goOn(StreamExtent extent)
+{
+    isGrowing_ = extent == StreamExtent::growing;
+    lost_ = LostBytes(stream_, direction_);
+}
 
 bool HTTP1Direction::isStartAt(std::int64_t offset) const
 {
@@ -91,10 +90,12 @@ void HTTP1Direction::skip(std::int64_t to, std::string_view what)
 
 std::optional<HTTP1Message> HTTP1Direction::next(const HTTPMessage* request)
 {
+    if (open_) return endMessage();
     while (offset_ < data_.size()) {
         // Empty lines before a message mean nothing (RFC 9112 §2.2).
         while (offset_ < data_.size() && (window_.bytes(offset_, 1).u8(0) == '\r' || window_.bytes(offset_, 1).u8(0) == '\n')) ++offset_;
         if (offset_ == data_.size()) break;
+        if (isGrowing_ && data_.size() - offset_ < longestStartLine && window_.line(offset_, longestStartLine).isEmpty()) break;
 
         if (!isStartAt(offset_) && !isCutStartAt(offset_)) {
             skip(nextStart(offset_), kind_ == HTTP1Head::Kind::request ? "outside of any request" : "outside of any reply");
@@ -106,11 +107,16 @@ std::optional<HTTP1Message> HTTP1Direction::next(const HTTPMessage* request)
         DataView head = window_.lines(offset_, usualHead);
         auto lost = lost_.firstIn({offset_, offset_ + (head.isEmpty() ? std::min(left, longestHead) : head.size())});
         if (head.isEmpty()) head = window_.lines(offset_, lost ? lost->lower - offset_ : longestHead);
-        if (!head.isEmpty() && (!lost || lost->lower >= offset_ + head.size())) return readMessage(head, request);
+        if (isGrowing_ && head.isEmpty() && !lost && left < longestHead) break;
+        if (!head.isEmpty() && (!lost || lost->lower >= offset_ + head.size())) {
+            beginMessage(head, request);
+            return endMessage();
+        }
 
         // What there is of the head is shown; its body, if it has one, is told from the next message by that one's start line.
         const std::int64_t end = lost ? lost->lower : offset_ + std::min(left, longestHead);
-        HTTP1Message read = readMessage(window_.bytes(offset_, end - offset_), request);
+        beginMessage(window_.bytes(offset_, end - offset_), request);
+        HTTP1Message read = *std::exchange(open_, std::nullopt);
         read.message.notes.push_back({"Header incomplete", lost ? fmt::format("the capture lacks {} of it", byteCountText(lost->size()))
                                                            : left > longestHead ? "it is longer than " + byteCountText(longestHead)
                                                                                 : "the capture ends in it"});
@@ -195,13 +201,13 @@ HTTP1Direction::Framing HTTP1Direction::framing(const HTTP1Head& head, HTTPMessa
     return {};
 }
 
-HTTP1Message HTTP1Direction::readMessage(DataView bytes, const HTTPMessage* request)
+void HTTP1Direction::beginMessage(DataView bytes, const HTTPMessage* request)
 {
     const std::int64_t start = offset_;
     HTTP1Head head = HTTP1Head::parse(bytes, kind_);
     offset_ += bytes.size();
 
-    HTTP1Message read{.time = time(start)};
+    HTTP1Message& read = open_.emplace(HTTP1Message{.time = time(start)});
     HTTPMessage& message = read.message;
     message.direction = direction_;
     message.protocol = head.minorVersion == 0 ? "HTTP/1.0" : "HTTP/1.1";
@@ -221,18 +227,27 @@ HTTP1Message HTTP1Direction::readMessage(DataView bytes, const HTTPMessage* requ
         isConnect || (HeaderField::find(message.fields, "upgrade") && HeaderField::listContains(message.fields, "connection", "upgrade"));
     read.isTunnel = isReply && (head.status == 101 || (isConnect && head.status >= 200 && head.status < 300));
 
-    readBody(framing(head, message, request), message);
     message.range = {start, offset_};
-    HTTPMessages::readCodings(message);
-    return read;
+    framing_ = framing(head, message, request);
+    framing_.start = offset_;
 }
 
-void HTTP1Direction::readBody(const Framing& framing, HTTPMessage& message)
+std::optional<HTTP1Message> HTTP1Direction::endMessage()
+{
+    HTTPMessage& message = open_->message;
+    if (!readBody(framing_, message) && isGrowing_) return std::nullopt;
+    message.range.upper = offset_;
+    HTTPMessages::readCodings(message);
+    return std::exchange(open_, std::nullopt);
+}
+
+bool HTTP1Direction::readBody(Framing& framing, HTTPMessage& message)
 {
     const std::int64_t left = data_.size() - offset_;
     switch (framing.kind) {
     case Framing::Kind::none: break;
     case Framing::Kind::length:
+        if (framing.length > left && isGrowing_) return false;
         if (framing.length > left)
             message.body.shortfall =
                 fmt::format("{} of its {} bytes are missing", groupedText(framing.length - left), groupedText(framing.length));
@@ -241,21 +256,41 @@ void HTTP1Direction::readBody(const Framing& framing, HTTPMessage& message)
         break;
     case Framing::Kind::toTheEnd:
     case Framing::Kind::toTheNextMessage: {
+        if (isGrowing_) return false;
         const std::int64_t end = framing.kind == Framing::Kind::toTheEnd ? data_.size() : nextStart(offset_);
         message.body.ranges.append({offset_, end});
         offset_ = end;
         break;
     }
-    case Framing::Kind::chunked: readChunks(message); break;
+    case Framing::Kind::chunked: return readChunks(framing, message);
     }
+    return true;
 }
 
-void HTTP1Direction::readChunks(HTTPMessage& message)
+bool HTTP1Direction::readChunks(Framing& framing, HTTPMessage& message)
 {
-    const std::int64_t start = offset_;
-    const auto stop = [&](std::string reason) { message.body.shortfall = std::move(reason); };
-    for (;;) {
+    const auto stop = [&](std::string reason) {
+        message.body.shortfall = std::move(reason);
+        return true;
+    };
+    while (!framing.isInTrailers) {
+        if (framing.isInChunk) {
+            const std::int64_t left = data_.size() - offset_, taken = std::min(framing.chunkLeft, left);
+            message.body.ranges.append({offset_, offset_ + taken});
+            offset_ += taken;
+            framing.chunkLeft -= taken;
+            // The end of the chunk's line is read with it.
+            if (isGrowing_ && left - taken < 2) return false;
+            if (framing.chunkLeft > 0)
+                return stop(fmt::format("{} of its last chunk's {} bytes are missing", groupedText(framing.chunkLeft), groupedText(framing.length)));
+            if (const DataView end = window_.bytes(offset_, 2); end.u8(0) == '\r' && end.u8(1) == '\n')
+                offset_ += 2;
+            else if (end.u8(0) == '\n')
+                offset_ += 1;
+            framing.isInChunk = false;
+        }
         const DataView line = window_.line(offset_, longestChunkLine);
+        if (isGrowing_ && line.isEmpty() && data_.size() - offset_ < longestChunkLine) return false;
         const auto size = chunkSize(line.text());
         if (line.isEmpty() && data_.size() - offset_ < longestChunkLine && !lost_.firstIn({offset_, data_.size()})) {
             offset_ = data_.size();
@@ -264,33 +299,26 @@ void HTTP1Direction::readChunks(HTTPMessage& message)
         if (!size) {
             const bool isLost = lost_.firstIn({offset_, offset_ + std::max<std::int64_t>(line.size(), 1)}).has_value();
             stop(fmt::format("{} at byte {} of the chunked data, and the chunks behind it cannot be told apart",
-                             isLost ? "the capture lacks a chunk's size" : "a chunk's size makes no sense", groupedText(offset_ - start)));
+                             isLost ? "the capture lacks a chunk's size" : "a chunk's size makes no sense", groupedText(offset_ - framing.start)));
             hasGap_ = true;
-            return;
+            return true;
         }
         offset_ += line.size();
-        if (*size == 0) break;
-        const std::int64_t left = data_.size() - offset_;
-        message.body.ranges.append({offset_, offset_ + std::min(*size, left)});
-        if (*size > left) {
-            offset_ = data_.size();
-            return stop(fmt::format("{} of its last chunk's {} bytes are missing", groupedText(*size - left), groupedText(*size)));
-        }
-        offset_ += *size;
-        if (const DataView end = window_.bytes(offset_, 2); end.u8(0) == '\r' && end.u8(1) == '\n')
-            offset_ += 2;
-        else if (end.u8(0) == '\n')
-            offset_ += 1;
+        framing.isInTrailers = *size == 0;
+        framing.isInChunk = *size != 0;
+        framing.chunkLeft = framing.length = *size;
     }
     // Trailers, and the empty line that ends them and the message (RFC 9112 §7.1.2).
     const DataView lines = window_.lines(offset_, longestTrailers);
     if (lines.isEmpty()) {
+        if (isGrowing_ && data_.size() - offset_ < longestTrailers) return false;
         if (offset_ < data_.size()) message.notes.push_back({"Trailers incomplete", "they have no end"});
         offset_ = data_.size() - offset_ < longestTrailers ? data_.size() : offset_;
-        return;
+        return true;
     }
     message.trailers = HTTP1Head::fieldLines(lines.text());
     offset_ += lines.size();
+    return true;
 }
 
 }  // namespace sealscope

@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <iterator>
+#include <limits>
+#include <memory>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -40,10 +42,16 @@ bool holds(const TCPStream& stream, Direction direction, Kind kind)
 }
 
 /// Who asks. Of a connection whose start the capture lacks the two sides may be taken for each other.
-std::optional<Direction> asker(const TCPStream& stream)
+std::optional<Direction> askerFromTheStart(const TCPStream& stream)
 {
     for (const Direction direction : {Direction::clientToServer, Direction::serverToClient})
         if (beginsWith(stream, direction, Kind::request) || beginsWith(stream, opposite(direction), Kind::reply)) return direction;
+    return std::nullopt;
+}
+
+std::optional<Direction> asker(const TCPStream& stream)
+{
+    if (const auto direction = askerFromTheStart(stream)) return direction;
     for (const Direction direction : {Direction::clientToServer, Direction::serverToClient})
         if (holds(stream, direction, Kind::request) && holds(stream, opposite(direction), Kind::reply)) return direction;
     return std::nullopt;
@@ -58,9 +66,14 @@ public:
           replies_(stream, opposite(asking), Kind::reply, context)
     {}
 
-    StreamInterpretation read()
+    /// What has become complete by now; of a stream that is whole, all that is left.
+    StreamInterpretation read(StreamExtent extent)
     {
-        readReplies();
+        isGrowing_ = extent == StreamExtent::growing;
+        requests_.goOn(extent);
+        replies_.goOn(extent);
+        if (!isSwitched_) readReplies();
+        if (isGrowing_) return takeFinished();
         if (!isSwitched_) {
             while (readRequest()) {}
             if (pausedAt_) switchUnanswered();
@@ -72,14 +85,35 @@ public:
         return conversation_.finish();
     }
 
+    /// Where the bytes of a direction begin that are not done with.
+    std::int64_t neededFrom(Direction direction) const
+    {
+        // Who follows a stream that goes on has nobody to hand the inside of a tunnel to.
+        if (isSwitched_) return std::numeric_limits<std::int64_t>::max();
+        if (direction == replies_.direction()) return replies_.offset();
+        return asked_.empty() ? requests_.offset() : asked_.front().offset;
+    }
+
 private:
     /// A request that was read, as far as its reply needs it.
     struct Asked {
         HTTPMessage message;  ///< method and URL
         std::int64_t position = 0;
+        std::int64_t offset = 0;  ///< of its first byte
         double time = 0;
         bool isAnswered = false;
     };
+
+    /// All messages but the requests that wait for their replies.
+    StreamInterpretation takeFinished()
+    {
+        asked_.erase(asked_.begin(), asked_.begin() + static_cast<std::ptrdiff_t>(answered_));
+        if (pausedAt_) *pausedAt_ -= answered_;
+        answered_ = 0;
+        std::vector<std::int64_t*> waiting;
+        for (Asked& asked : asked_) waiting.push_back(&asked.position);
+        return conversation_.takeAllBut(waiting);
+    }
 
     void addOthers(HTTP1Direction& direction)
     {
@@ -92,7 +126,7 @@ private:
         auto read = requests_.next(nullptr);
         addOthers(requests_);
         if (!read) return false;
-        Asked asked{.time = read->time};
+        Asked asked{.offset = read->message.range.lower, .time = read->time};
         asked.message.method = read->message.method;
         asked.message.url = read->message.url;
         if (read->isUpgrade) {
@@ -128,6 +162,7 @@ private:
     {
         while (!conversation_.isFull()) {
             Asked* asked = findRequest();
+            if (isGrowing_ && !asked && requests_.isInMessage()) return;  // it may be the one
             auto read = replies_.next(asked ? &asked->message : nullptr);
             addOthers(replies_);
             if (!read) return;
@@ -137,7 +172,7 @@ private:
             const HeaderFields fields = isTunnel ? read->message.fields : HeaderFields();
             // The answer to a request that asked for HTTP/2 comes in HTTP/2, on its first stream (RFC 7540 §3.2).
             const std::string* const protocol = read->message.status == 101 ? HeaderField::find(fields, "upgrade") : nullptr;
-            const bool isAnsweredLater = asked && protocol && HeaderField::isNamed(*protocol, "h2c");
+            const bool isAnsweredLater = !isGrowing_ && asked && protocol && HeaderField::isNamed(*protocol, "h2c");
             if (isAnsweredLater) read->message.kind = StreamMessageKind::data;
             const auto inside = BodyMessages::in(read->message, read->message.url);
             const std::int64_t position = conversation_.add(HTTPMessages::shown(std::move(read->message), stream_, context_));
@@ -168,6 +203,7 @@ private:
     void switchProtocol(const HeaderFields& reply)
     {
         isSwitched_ = true;
+        if (isGrowing_) return;
         const ByteRanges asking = ByteRange{requests_.offset(), stream_.data(requests_.direction()).size()};
         const ByteRanges answering = ByteRange{replies_.offset(), stream_.data(replies_.direction()).size()};
         const bool isClientAsking = requests_.direction() == Direction::clientToServer;
@@ -214,9 +250,35 @@ private:
     std::optional<std::size_t> pausedAt_;
     HeaderFields upgradeRequest_;
     bool isSwitched_ = false;
+    bool isGrowing_ = false;
+};
+
+/// Reads a connection that still goes on, up to where it changes to another protocol.
+class HTTP1Following final : public StreamFollowing {
+public:
+    explicit HTTP1Following(const StreamContext& context) : context_(context) {}
+
+    StreamInterpretation goOn(const TCPStream& stream, StreamExtent extent) override
+    {
+        stream_ = stream;
+        if (!reading_) {
+            const auto asking = asker(stream_);
+            if (!asking && extent == StreamExtent::growing) return {};
+            reading_.emplace(stream_, context_, asking.value_or(Direction::clientToServer));
+        }
+        return reading_->read(extent);
+    }
+    std::int64_t neededFrom(Direction direction) const override { return reading_ ? reading_->neededFrom(direction) : 0; }
+
+private:
+    StreamContext context_;
+    TCPStream stream_;
+    std::optional<HTTP1Reading> reading_;
 };
 
 }  // namespace
+
+bool HTTP1Interpreter::isBeginning(const TCPStream& stream) { return askerFromTheStart(stream).has_value(); }
 
 bool HTTP1Interpreter::canInterpret(const TCPStream& stream, const StreamContext& context)
 {
@@ -226,7 +288,9 @@ bool HTTP1Interpreter::canInterpret(const TCPStream& stream, const StreamContext
 
 StreamInterpretation HTTP1Interpreter::interpret(const TCPStream& stream, const StreamContext& context)
 {
-    return HTTP1Reading(stream, context, asker(stream).value_or(Direction::clientToServer)).read();
+    return HTTP1Reading(stream, context, asker(stream).value_or(Direction::clientToServer)).read(StreamExtent::whole);
 }
+
+std::unique_ptr<StreamFollowing> HTTP1Interpreter::follow(const StreamContext& context) { return std::make_unique<HTTP1Following>(context); }
 
 }  // namespace sealscope

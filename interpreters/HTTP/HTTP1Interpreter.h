@@ -3,6 +3,7 @@
 
 #include "host/VELModels/VELStreamInterpreting.h"
 
+#include <memory>
 #include <string_view>
 
 namespace sealscope {
@@ -11,8 +12,11 @@ namespace sealscope {
 struct HTTP1Interpreter {
     static constexpr std::string_view streamDisplayName = "HTTP/1";
 
+    /// Whether a direction of a stream begins with a start line of HTTP/1.
+    static bool isBeginning(const TCPStream& stream);
     static bool canInterpret(const TCPStream& stream, const StreamContext& context);
     static StreamInterpretation interpret(const TCPStream& stream, const StreamContext& context);
+    static std::unique_ptr<StreamFollowing> follow(const StreamContext& context);
 };
 
 }  // namespace sealscope

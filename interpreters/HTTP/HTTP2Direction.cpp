@@ -40,8 +40,39 @@ HTTP2Direction::HTTP2Direction(const TCPStream& stream, TCPSegment::Direction di
         decompressor_.forget();
         if (!HTTP2Frame::isChain(reader_, 0, certain)) resynchronize(0);
     }
-    read();
-    if (open_) endHeaders();
+}
+
+void HTTP2Direction::goOn(const TCPStream& stream, StreamExtent extent)
+{
+    lost_ = LostBytes(stream, direction_);
+    reader_ = StreamReader(data_);
+    read(extent);
+    if (open_ && extent == StreamExtent::whole) endHeaders();
+}
+
+std::int64_t HTTP2Direction::neededFrom() const
+{
+    std::int64_t from = offset_;
+    for (const HTTP2Half& half : halves_)
+        if (!half.frames.isEmpty()) from = std::min(from, half.frames.bounds().lower);
+    return from;
+}
+
+void HTTP2Direction::forget(const absl::flat_hash_set<std::uint32_t>& streams)
+{
+    // A header block that has begun is read to its end whatever becomes of its stream, for the sake of those behind it.
+    std::erase_if(halves_, [&](const HTTP2Half& half) { return streams.contains(half.stream) && !(open_ && open_->stream == half.stream); });
+    places_.clear();
+    for (std::size_t place = 0; place < halves_.size(); ++place) places_.emplace(halves_[place].stream, place);
+    if (open_) open_->place = places_.at(open_->stream);
+}
+
+void HTTP2Direction::forgetConnection()
+{
+    frames_.clear();
+    gaps_.clear();
+    priorityRows_.clear();
+    windowUpdates_ = connectionWindow_ = priorities_ = furtherFrames_ = 0;
 }
 
 HTTP2Half* HTTP2Direction::half(std::uint32_t stream)
@@ -79,8 +110,9 @@ void HTTP2Direction::resynchronize(std::int64_t from)
     offset_ = offset;
 }
 
-void HTTP2Direction::read()
+void HTTP2Direction::read(StreamExtent extent)
 {
+    const bool isGrowing = extent == StreamExtent::growing;
     while (offset_ < data_.size()) {
         const HTTP2Frame frame = HTTP2Frame::read(reader_, offset_);
         const ByteRange header{offset_, std::min(offset_ + HTTP2Frame::headerLength, data_.size())};
@@ -89,6 +121,7 @@ void HTTP2Direction::read()
             continue;
         }
         if (header.size() < HTTP2Frame::headerLength) {
+            if (isGrowing) return;
             gaps_.push_back(header);  // the capture ends in it
             break;
         }
@@ -96,6 +129,7 @@ void HTTP2Direction::read()
             resynchronize(offset_ + 1);
             continue;
         }
+        if (isGrowing && frame.range().upper > data_.size()) return;
         readFrame(frame);
         offset_ = frame.range().upper;
     }
@@ -173,6 +207,7 @@ void HTTP2Direction::readHeaders(const HTTP2Frame& frame, std::int64_t prefix, s
     if (!open_) {
         halfFor(stream);
         open_.emplace().place = places_.at(stream);
+        open_->stream = stream;
         open_->frameStream = frame.stream;
         open_->endsStream = frame.type == Type::headers && frame.has(HTTP2Frame::endStream);
         open_->block.range = {frame.offset, frame.offset};
@@ -208,7 +243,8 @@ void HTTP2Direction::endHeaders()
         if (unshown > 0) open.block.notes.push_back({"Header cut", groupedText(unshown) + " further fields are not shown"});
     }
     HeaderFields& fields = open.decompressed.fields;
-    open.block.fields = HeaderFields(std::make_move_iterator(fields.begin()), std::make_move_iterator(fields.end()));
+    open.block.fields.reserve(fields.size() + 1);  // who decrypted them adds a row
+    std::ranges::move(fields, std::back_inserter(open.block.fields));
     fields.clear();
     spareFields_ = std::move(fields);
     HTTP2Half& half = halves_[open.place];

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "host/VELModels/StreamFollowing.h"
 #include "host/VELModels/TCPStream.h"
 #include "interpreters/HTTP/ByteRanges.h"
 #include "interpreters/HTTP/HTTP2Frame.h"
@@ -8,6 +9,7 @@
 #include "interpreters/HTTP/LostBytes.h"
 
 #include <absl/container/flat_hash_map.h>
+#include <absl/container/flat_hash_set.h>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -36,6 +38,7 @@ struct HTTP2Half {
 /// A header block while its frames are being read.
 struct HTTP2OpenBlock {
     std::size_t place = 0;  ///< of the half
+    std::uint32_t stream = 0;
     std::uint32_t frameStream = 0;
     HTTP2Block block;
     HeaderDecompressor::Block decompressed;
@@ -49,14 +52,22 @@ class HTTP2Direction {
 public:
     enum class Start : std::uint8_t { whole, missing };
 
-    /// Reads all of it.
+    /// Outlived by the stream, which may grow.
     HTTP2Direction(const TCPStream& stream, TCPSegment::Direction direction, Start start);
+    /// Reads as far as the stream goes by now.
+    void goOn(const TCPStream& stream, StreamExtent extent);
+    /// Where the frames begin that were not read, or belong to streams that are there.
+    std::int64_t neededFrom() const;
 
     TCPSegment::Direction direction() const { return direction_; }
     /// In the order of their first frames.
     std::vector<HTTP2Half>& halves() { return halves_; }
     /// What was sent on a stream, or null.
     HTTP2Half* half(std::uint32_t stream);
+    /// Takes streams away.
+    void forget(const absl::flat_hash_set<std::uint32_t>& streams);
+    /// Takes away what is known of the connection apart from its streams.
+    void forgetConnection();
 
     /// Frames that are shown by themselves.
     const std::vector<HTTP2Frame>& frames() const { return frames_; }
@@ -66,7 +77,7 @@ public:
     std::vector<DetailRow> connectionRows() const;
 
 private:
-    void read();
+    void read(StreamExtent extent);
     void readFrame(const HTTP2Frame& frame);
     void readHeaders(const HTTP2Frame& frame, std::int64_t prefix, std::uint32_t stream);
     void endHeaders();

@@ -4,6 +4,7 @@
 #include "interpreters/HTTP/BodyMessages.h"
 #include "interpreters/HTTP/Carried.h"
 #include "interpreters/HTTP/Conversation.h"
+#include "interpreters/HTTP/HTTP1Interpreter.h"
 #include "interpreters/HTTP/HTTP2Direction.h"
 #include "interpreters/HTTP/HTTPMessage.h"
 #include "interpreters/HTTP/MessageText.h"
@@ -66,22 +67,62 @@ public:
         : stream_(stream), context_(context), asking_(asking), answering_(answering)
     {}
 
+    /// All of it.
     StreamInterpretation read()
     {
         conversation_.reserve(asking_.halves().size() + answering_.halves().size());
         for (const HTTP2Direction* direction : {&asking_, &answering_}) readConnection(*direction);
         for (HTTP2Half& half : asking_.halves())
             if (!half.blocks.empty() || !half.data.isEmpty()) readExchange(half, answering_.half(half.stream));
-        for (HTTP2Half& half : answering_.halves()) {
-            if (half.promisedOn)
-                readExchange(half, answering_.half(half.stream & 0x7FFF'FFFF));
-            else if (!answered_.contains(half.stream))
-                readReply(half, nullptr, 0, asking_.half(half.stream));
+        // A promise may come behind what it promises, whose reply it is all the same.
+        for (HTTP2Half& half : answering_.halves())
+            if (half.promisedOn) readExchange(half, answering_.half(half.stream & 0x7FFF'FFFF));
+        for (HTTP2Half& half : answering_.halves())
+            if (!half.promisedOn && !answered_.contains(half.stream)) readReply(half, nullptr, 0, asking_.half(half.stream));
+        return conversation_.finish();
+    }
+
+    /// The streams of which nothing more is to come, which are taken away from both directions.
+    StreamInterpretation takeFinished()
+    {
+        for (HTTP2Direction* direction : {&asking_, &answering_}) {
+            readConnection(*direction);
+            direction->forgetConnection();
         }
+        absl::flat_hash_set<std::uint32_t> finished;
+        const auto takeExchanges = [&](HTTP2Direction& direction, bool arePromised) {
+            for (HTTP2Half& half : direction.halves()) {
+                if (half.promisedOn.has_value() != arePromised) continue;
+                HTTP2Half* const answer = answering_.half(half.stream & 0x7FFF'FFFF);
+                if (!isFinished(half, answer)) continue;
+                // A reset may come when everything has been said.
+                if (!half.blocks.empty() || !half.data.isEmpty()) readExchange(half, answer);
+                finished.insert(half.stream);
+                finished.insert(half.stream & 0x7FFF'FFFF);
+            }
+        };
+        takeExchanges(asking_, false);
+        takeExchanges(answering_, true);
+        for (HTTP2Half& half : answering_.halves()) {
+            if (half.promisedOn || finished.contains(half.stream) || asking_.half(half.stream)) continue;
+            const bool isReply = !half.blocks.empty() && pseudoField(half.blocks.front(), ":status");
+            if (isReply && !half.isEnded && !half.resetCode) continue;
+            // What comes on a stream behind its end says nothing.
+            if (isReply) readReply(half, nullptr, 0, nullptr);
+            finished.insert(half.stream);
+        }
+        if (!finished.empty())
+            for (HTTP2Direction* direction : {&asking_, &answering_}) direction->forget(finished);
         return conversation_.finish();
     }
 
 private:
+    static bool isFinished(const HTTP2Half& asked, const HTTP2Half* answer)
+    {
+        const bool isReset = asked.resetCode || (answer && answer->resetCode);
+        return isReset || ((asked.isEnded || asked.promisedOn) && answer && answer->isEnded);
+    }
+
     /// A stream: request, interim replies and reply.
     void readExchange(HTTP2Half& asked, HTTP2Half* answer)
     {
@@ -164,8 +205,8 @@ private:
         message.range = half.frames.bounds();
         if (head > 0 && head < half.blocks.size()) message.range.lower = half.blocks[head].range.lower;
         message.attributes.push_back({"streamId", std::int64_t{half.stream & 0x7FFF'FFFF}});
-        message.body.ranges = std::move(half.data);
-        if (!half.frames.isInOnePlace()) message.pieces = std::move(half.frames);
+        message.body.ranges = std::exchange(half.data, {});
+        if (!half.frames.isInOnePlace()) message.pieces = std::exchange(half.frames, {});
         if (!half.isEnded && !half.promisedOn) {
             const auto code = half.resetCode ? half.resetCode : other ? other->resetCode : std::nullopt;
             std::string reason = code ? "the stream was reset: " + HTTP2Frame::errorName(*code) : "the capture has no end of it";
@@ -298,14 +339,60 @@ bool answers(HTTP2Direction& direction)
     return false;
 }
 
+/// Reads a connection that still goes on.
+class HTTP2Following final : public StreamFollowing {
+public:
+    explicit HTTP2Following(const StreamContext& context) : context_(context) {}
+
+    StreamInterpretation goOn(const TCPStream& stream, StreamExtent extent) override
+    {
+        stream_ = stream;
+        bool areBothThere = true;
+        for (const Direction direction : {Direction::clientToServer, Direction::serverToClient}) {
+            auto& reading = directions_[std::to_underlying(direction)];
+            // As much as the preface that one of them begins with.
+            const bool isThere = stream.data(direction).size() >= std::ssize(HTTP2Frame::preface) || extent == StreamExtent::whole;
+            if (!reading && isThere) reading.emplace(stream_, direction, startOf(direction));
+            if (reading)
+                reading->goOn(stream_, extent);
+            else
+                areBothThere = false;
+        }
+        if (!areBothThere) return {};
+        HTTP2Reading reading(stream_, context_, *directions_[0], *directions_[1]);
+        return extent == StreamExtent::whole ? reading.read() : reading.takeFinished();
+    }
+    std::int64_t neededFrom(Direction direction) const override
+    {
+        const auto& reading = directions_[std::to_underlying(direction)];
+        return reading ? reading->neededFrom() : 0;
+    }
+
+private:
+    /// The server's side is whole where the client's is, which came first.
+    HTTP2Direction::Start startOf(Direction direction)
+    {
+        const StreamData& data = stream_.clientToServerData;
+        if (direction == Direction::clientToServer) isWhole_ = HTTP2Frame::beginsWithPreface(data);
+        return isWhole_ ? HTTP2Direction::Start::whole : HTTP2Direction::Start::missing;
+    }
+
+    StreamContext context_;
+    TCPStream stream_;
+    bool isWhole_ = false;
+    std::optional<HTTP2Direction> directions_[2];
+};
+
 }  // namespace
 
 bool HTTP2Interpreter::canInterpret(const TCPStream& stream, const StreamContext& context)
 {
     if (const auto& protocol = context.applicationProtocol) return *protocol == "h2" || *protocol == "h2c";
     for (const StreamData* data : {&stream.clientToServerData, &stream.serverToClientData})
-        if (HTTP2Frame::beginsWithPreface(*data) || holdsFrames(*data)) return true;
-    return false;
+        if (HTTP2Frame::beginsWithPreface(*data)) return true;
+    // A connection of HTTP/1 may have been upgraded.
+    if (HTTP1Interpreter::isBeginning(stream)) return false;
+    return holdsFrames(stream.clientToServerData) || holdsFrames(stream.serverToClientData);
 }
 
 StreamInterpretation HTTP2Interpreter::interpret(const TCPStream& stream, const StreamContext& context)
@@ -314,8 +401,11 @@ StreamInterpretation HTTP2Interpreter::interpret(const TCPStream& stream, const 
     const bool isWhole = isClientAsking || HTTP2Frame::beginsWithPreface(stream.serverToClientData);
     const auto start = isWhole ? HTTP2Direction::Start::whole : HTTP2Direction::Start::missing;
     HTTP2Direction client(stream, Direction::clientToServer, start), server(stream, Direction::serverToClient, start);
+    for (HTTP2Direction* direction : {&client, &server}) direction->goOn(stream, StreamExtent::whole);
     const bool isSwapped = isWhole ? !isClientAsking : answers(client) && !answers(server);
     return isSwapped ? HTTP2Reading(stream, context, server, client).read() : HTTP2Reading(stream, context, client, server).read();
 }
+
+std::unique_ptr<StreamFollowing> HTTP2Interpreter::follow(const StreamContext& context) { return std::make_unique<HTTP2Following>(context); }
 
 }  // namespace sealscope

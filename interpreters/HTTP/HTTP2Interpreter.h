@@ -3,6 +3,7 @@
 
 #include "host/VELModels/VELStreamInterpreting.h"
 
+#include <memory>
 #include <string_view>
 
 namespace sealscope {
@@ -13,6 +14,7 @@ struct HTTP2Interpreter {
 
     static bool canInterpret(const TCPStream& stream, const StreamContext& context);
     static StreamInterpretation interpret(const TCPStream& stream, const StreamContext& context);
+    static std::unique_ptr<StreamFollowing> follow(const StreamContext& context);
 };
 
 }  // namespace sealscope

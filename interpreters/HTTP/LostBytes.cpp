@@ -5,24 +5,15 @@
 
 namespace sealscope {
 
-bool LostBytes::isLost(std::int64_t offset, DataView stretch) const
-{
-    // Lost bytes are zeros in a stretch of their own, and no packet has them. Most stretches begin with something else.
-    if (stretch.isEmpty() || stretch[0] != 0) return false;
-    return !index_.locate({offset, offset + 1}).timestamp;
-}
-
 std::optional<ByteRange> LostBytes::firstIn(ByteRange range) const
 {
     range.upper = std::min(range.upper, data_.size());
+    if (!hasHoles_) return std::nullopt;
     for (std::int64_t offset = std::max<std::int64_t>(range.lower, 0); offset < range.upper;) {
         const DataView stretch = data_.stretch(offset);
-        std::int64_t end = offset + stretch.size();
-        if (isLost(offset, stretch)) {
-            while (end < range.upper && isLost(end, data_.stretch(end))) end += data_.stretch(end).size();
-            return ByteRange{offset, std::min(end, range.upper)};
-        }
-        offset = end;
+        const auto hole = stretch[0] == 0 ? data_.hole(offset) : std::nullopt;
+        if (hole) return ByteRange{offset, std::min(hole->upper, range.upper)};
+        offset += stretch.size();
     }
     return std::nullopt;
 }

@@ -51,6 +51,8 @@ public:
     ReachConnection& operator=(const ReachConnection&) = delete;
 
     const TCPStream& stream() const { return stream_; }
+    /// The stream by now: what it was, and more behind it.
+    void goOn(const TCPStream& stream) { stream_ = stream; }
     const ReachSecrets& secrets() const { return *secrets_; }
     /// Of the first handshake; nothing when a hello is missing and nothing that is there makes up for it.
     const std::optional<HandshakeParameters>& parameters() const { return parameters_; }

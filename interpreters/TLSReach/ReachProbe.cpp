@@ -33,10 +33,17 @@ public:
     {
         while (walk_.next(room.data())) {
             tally_.take(walk_);
+            if (const auto& gap = walk_.gap()) missing_ += gap->contentLength;
             if (walk_.isApplicationData())
-                return PlaintextRecord{walk_.content(), {walk_.record().bodyOffset, walk_.record().endOffset()}};
+                return PlaintextRecord{walk_.content(), {walk_.record().bodyOffset, walk_.record().endOffset()}, std::exchange(missing_, 0)};
         }
         return std::nullopt;
+    }
+    bool goOn(const TCPStream& stream) override
+    {
+        connection_->goOn(stream);
+        walk_.goOn();
+        return true;
     }
     std::optional<TLSDirectionReport> report() override { return tally_.report(walk_, *connection_, direction_); }
 
@@ -45,6 +52,7 @@ private:
     Direction direction_;
     ReachWalk walk_;
     ReachTally tally_;
+    std::int64_t missing_ = 0;  ///< bytes of plaintext in front of the next record that did not open
 };
 
 /// What a direction says under encryption.
@@ -121,6 +129,7 @@ StreamInterpretation merged(std::vector<StreamMessage> handshake, StreamInterpre
 {
     std::ranges::stable_sort(handshake, {}, &StreamMessage::timestamp);
     const auto shift = static_cast<std::int64_t>(handshake.size());
+    handshake.reserve(handshake.size() + interpretation.messages.size());
     std::ranges::move(interpretation.messages, std::back_inserter(handshake));
     interpretation.messages = std::move(handshake);
     if (interpretation.pairings) {

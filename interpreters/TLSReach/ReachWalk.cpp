@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <utility>
 
 // A record opens under one key and one sequence number, and whoever has both needs no more than the record's bytes. As long as
@@ -279,6 +280,15 @@ bool ReachWalk::next(std::uint8_t* target)
         if (failuresLeft_ < 0) trialBudget_ += trialsPerByte * (offset_ - before);
     }
     return false;
+}
+
+void ReachWalk::goOn()
+{
+    reader_ = StreamReader(data_);
+    std::destroy_at(&lost_);
+    std::construct_at(&lost_, connection_.stream(), direction_);
+    hasEnded_ = false;
+    cutFrom_.reset();
 }
 
 bool ReachWalk::opensWithin(int records)

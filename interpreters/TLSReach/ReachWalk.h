@@ -41,6 +41,8 @@ public:
     /// Moves on to the next protected record that opens, into `target`, which has room for `roomFor` bytes; without one, into a
     /// buffer of the walk. False at the end.
     bool next(std::uint8_t* target = nullptr);
+    /// The connection's stream has grown: `next` goes on in the new bytes.
+    void goOn();
 
     /// Whether one of the next few protected records opens.
     bool opensWithin(int records);

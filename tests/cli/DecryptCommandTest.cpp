@@ -97,7 +97,7 @@ std::vector<std::pair<fs::path, std::string>> everyCaptureAndReach(const fs::pat
 {
     std::vector<std::pair<fs::path, std::string>> all;
     for (const auto& capture : fs::directory_iterator(folder))
-        if (capture.is_directory())
+        if (fs::exists(capture.path() / "capture.pcap"))
             for (const char* reach : {"strict", "full"}) all.emplace_back(capture.path(), reach);
     return all;
 }

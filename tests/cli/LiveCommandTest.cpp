@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <set>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -101,6 +102,35 @@ TEST(LiveCommand, EndsCleanlyWhenItIsAskedTo)
     EXPECT_EQ(result.errors, "");
     EXPECT_FALSE(jsonLines(result.output).empty());
     EXPECT_EQ(jsonLines(sealscope({"packets", "--json", file}).output).size(), jsonLines(result.output).size());
+}
+
+// curl asks a server of OpenSSL's over and over; rows come while it does, opened with secrets that did not exist when it began.
+TEST(LiveCommand, FollowsRequestsAsTheyHappen)
+{
+    const TempDirectory directory;
+    const std::string port = std::to_string(20'000 + getpid() % 20'000);
+    std::filesystem::permissions(directory.path(), std::filesystem::perms(0755));  // privileges are given up, and with them what is only root's
+    for (int i = 1; i <= 6; ++i) directory.write("page" + std::to_string(i) + ".html", "<p>A page.</p>\n");
+    const std::string script = "cd " + directory.path().string() + " && command -v curl openssl >/dev/null || exit 77; umask 022; touch keys\n" +
+        "openssl req -x509 -nodes -batch -newkey ec -pkeyopt ec_paramgen_curve:P-256 -subj /CN=h -keyout key -out cert 2>/dev/null\n"
+        "openssl s_server -quiet -WWW -accept 127.0.0.1:" + port + " -key key -cert cert & server=$!\n" +
+        SEALSCOPE_PROGRAM " live -q -i lo -f 'tcp port " + port + "' --exchanges --json -k keys > rows & live=$!\n"
+        "for i in 1 2 3 4 5 6; do sleep 1; SSLKEYLOGFILE=keys curl -sk https://127.0.0.1:" + port + "/page$i.html >/dev/null; done; sleep 1\n"
+        "kill $live; wait $live; status=$?; kill $server; exit $status";
+    const ProgramResult result = runProgram({"sh", "-c", script}, {.timeLimit = std::chrono::seconds(60)});
+    if (result.errors.find("no permission") != std::string::npos || result.status == 77) GTEST_SKIP() << "may not capture here, or nobody asks";
+    ASSERT_EQ(result.status, 0) << result.errors;
+    const auto rows = jsonLines(std::string(readFile(directory.file("rows")).view().text()));
+    ASSERT_GE(rows.size(), 4U) << "the first ones may have been asked before anybody listened";
+    std::set<std::string> seen;
+    for (const auto& row : rows) {
+        EXPECT_EQ(row["reply"]["status"], 200);
+        EXPECT_EQ(row["reply"]["bodyBytes"], 15);
+        EXPECT_EQ(row["request"]["isDecrypted"], true);
+        seen.insert(row["request"]["url"].get<std::string>());
+    }
+    EXPECT_EQ(seen.size(), rows.size()) << "each once";
+    EXPECT_TRUE(seen.contains("https://127.0.0.1:" + port + "/page6.html"));
 }
 
 TEST(LiveCommand, SaysWhatItCannotCapture)

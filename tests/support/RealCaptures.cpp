@@ -32,7 +32,7 @@ std::vector<RealCapture> realCaptures(const std::filesystem::path& sourceDirecto
     const std::filesystem::path top = sourceDirectory / "tests" / "captures";
     std::vector<RealCapture> captures;
     for (const auto& entry : std::filesystem::directory_iterator(top)) {
-        if (!entry.is_directory()) continue;
+        if (!std::filesystem::exists(entry.path() / "capture.pcap")) continue;
         RealCapture capture{.name = entry.path().filename().string(),
                             .capture = (entry.path() / "capture.pcap").string(),
                             .keyLog = (entry.path() / "keylog.txt").string()};

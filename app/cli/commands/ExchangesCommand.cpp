@@ -2,121 +2,21 @@
 #include "app/cli/Interrupt.h"
 #include "app/cli/StreamReading.h"
 #include "app/cli/commands/Commands.h"
-#include "app/texts/DisplayText.h"
+#include "app/cli/text/ExchangeRows.h"
 #include "app/cli/text/Messages.h"
-#include "app/texts/SizeText.h"
-#include "app/cli/text/TextTable.h"
-#include "app/texts/TimeText.h"
 #include "app/records/ExchangeRecords.h"
-#include "app/records/ExchangeSummary.h"
-#include "app/session/Exchanges.h"
-#include "app/session/InOrder.h"
+#include "app/session/ExchangesInOrder.h"
 
-#include <algorithm>
-#include <array>
-#include <fmt/format.h>
-#include <functional>
-#include <limits>
-#include <queue>
-#include <tuple>
+#include <string>
 #include <utility>
-#include <vector>
+#include <variant>
 
 namespace sealscope::cli {
 
 namespace {
 
-/// What a row of the table shows, as texts.
-struct ExchangeCells {
-    static constexpr std::size_t count = 8;
-    double time = 0;
-    std::array<std::string, count> texts;  ///< the first, the clock, is made when the row is printed
-    bool isFailure = false;                ///< of the request: status 400 or more, or no reply
-};
-
-/// One exchange, ready to be printed.
-struct ExchangeLine {
-    double time = 0;
-    std::int64_t stream = 0;
-    std::int64_t position = 0;  ///< among those of its stream
-    std::string json;           ///< the whole line, where NDJSON is wanted
-    ExchangeCells cells;        ///< else
-    bool operator>(const ExchangeLine& other) const
-    {
-        return std::tie(time, stream, position) > std::tie(other.time, other.stream, other.position);
-    }
-};
-
-ExchangeCells cellsOf(std::int64_t stream, const Exchange& exchange)
-{
-    ExchangeSummary summary = summaryOf(exchange);
-    return {.time = summary.time,
-            .texts = {"", fmt::to_string(stream), std::move(summary.method),
-                      summary.status ? fmt::to_string(*summary.status) : summary.hasReply ? "" : "none", std::move(summary.mediaType),
-                      summary.size ? sizeText(*summary.size) : "", summary.duration ? durationText(*summary.duration) : "",
-                      std::move(summary.url)},
-            .isFailure = summary.isFailure};
-}
-
-/// Prints exchanges as a good access log reads.
-class ExchangeTable {
-public:
-    explicit ExchangeTable(const Terminal& terminal) : terminal_(terminal), table_(columns(), terminal) {}
-
-    void append(std::string& text, ExchangeCells& cells)
-    {
-        if (!std::exchange(hasHeading_, true)) table_.appendHeading(text);
-        time_.appendClock(cells.texts[0], cells.time);
-        cells.texts[0].resize(TimeText::clockWidth - 3);  // milliseconds
-        if (terminal_.columns > 0) cells.texts.back() = shortenedInTheMiddle(cells.texts.back(), terminal_.columns - widthBeforeURL);
-        std::array<std::string_view, ExchangeCells::count> views;
-        std::ranges::copy(cells.texts, views.begin());
-        table_.appendRow(text, views, terminal_.hasColors && cells.isFailure ? sequence(Style::warning) : std::string_view());
-    }
-
-private:
-    // The widths of the columns before the last, and the gaps between them.
-    static constexpr int widthBeforeURL = 12 + 6 + 7 + 6 + 24 + 8 + 8 + 7 * 2;
-
-    static std::vector<TextColumn> columns()
-    {
-        using enum TextColumn::Alignment;
-        return {
-            {.title = "Time", .narrowest = 12, .widest = 12, .isFirm = true, .style = Style::faint},
-            {.title = "Stream", .alignment = right, .narrowest = 6, .widest = 8, .isFirm = true, .style = Style::faint},
-            {.title = "Method", .narrowest = 7, .widest = 10, .isFirm = true, .style = Style::strong},
-            {.title = "Status", .alignment = right, .narrowest = 6, .widest = 6, .isFirm = true, .style = Style::good},
-            {.title = "Type", .narrowest = 12, .widest = 24},
-            {.title = "Size", .alignment = right, .narrowest = 8, .widest = 8, .isFirm = true},
-            {.title = "Duration", .alignment = right, .narrowest = 8, .widest = 8, .isFirm = true},
-            {.title = "URL", .narrowest = 20, .style = Style::accent},
-        };
-    }
-
-    Terminal terminal_;
-    TextTable table_;
-    TimeText time_;
-    bool hasHeading_ = false;
-};
-
-/// Hands exchanges out in the order of their times, over streams that come in the order of their first packets: nothing of a
-/// later stream can be earlier than its first packet.
-class ByTime {
-public:
-    void add(ExchangeLine line) { waiting_.push(std::move(line)); }
-    template <class Take> void handOutBefore(double time, const Take& take)
-    {
-        while (!waiting_.empty() && waiting_.top().time < time) {
-            // A queue lends its top as a constant; what is taken from it is popped at once.
-            auto line = std::move(const_cast<ExchangeLine&>(waiting_.top()));
-            waiting_.pop();
-            if (!take(std::move(line))) return;
-        }
-    }
-
-private:
-    std::priority_queue<ExchangeLine, std::vector<ExchangeLine>, std::greater<>> waiting_;
-};
+/// One exchange, ready to be printed: as NDJSON, or as a row's cells.
+using ExchangeLine = std::variant<std::string, ExchangeCells>;
 
 ExitStatus run(const CommandContext& context)
 {
@@ -126,47 +26,31 @@ ExitStatus run(const CommandContext& context)
     const auto streams = wantedStreams(context, *session, status);
     const bool isJSON = context.options.json;
 
-    const auto linesOf = [&](std::int64_t number) {
-        std::vector<ExchangeLine> lines;
-        const TCPStream stream = session->stream(number);
-        auto interpretation = applicationInterpretation(*session, stream);
-        if (!interpretation) return lines;
-        for (const Exchange& exchange : exchangesOf(std::move(*interpretation))) {
-            ExchangeLine& line = lines.emplace_back(ExchangeLine{.time = exchange.time(), .stream = number, .position = std::ssize(lines)});
-            if (isJSON)
-                appendRecord(line.json, {.number = number, .client = stream.clientEndpoint, .server = stream.serverEndpoint}, exchange);
-            else
-                line.cells = cellsOf(number, exchange);
-        }
-        return lines;
+    constexpr std::size_t usualLine = 2'048;
+    const auto lineOf = [&](const TCPStream& stream, const Exchange& exchange) {
+        if (!isJSON) return ExchangeLine(cellsOf(stream.key.number, exchange));
+        std::string line;
+        line.reserve(usualLine);
+        appendRecord(line, {.number = stream.key.number, .client = stream.clientEndpoint, .server = stream.serverEndpoint}, exchange);
+        return ExchangeLine(std::move(line));
     };
-
     ExchangeTable table(context.terminal);
     std::int64_t left = context.options.count;  // negative: no limit
-    std::string text;
-    bool isWanted = true;
-    const auto print = [&](ExchangeLine line) {
-        if (left == 0) return isWanted = false;
-        if (left > 0) --left;
-        text.clear();
-        if (!isJSON) table.append(text, line.cells);
-        context.output.write(isJSON ? line.json : text);
-        return isWanted = context.output.isOpen() && !isInterrupted();
-    };
-    ByTime byTime;
-    std::size_t taken = 0;
     std::int64_t found = 0;
-    const auto take = [&](std::vector<ExchangeLine> lines) {
-        found += std::ssize(lines);
-        for (ExchangeLine& line : lines) byTime.add(std::move(line));
-        ++taken;
-        const double next = taken < streams.size() ? session->startTime(streams[taken]) : std::numeric_limits<double>::infinity();
-        byTime.handOutBefore(next, print);
-        return isWanted && !isInterrupted();
+    std::string text;
+    const auto print = [&](ExchangeLine line) {
+        ++found;
+        if (auto* const cells = std::get_if<ExchangeCells>(&line)) {
+            text.clear();
+            table.append(text, *cells);
+            context.output.write(text);
+        } else {
+            context.output.write(std::get<std::string>(line));
+        }
+        if (left > 0) --left;
+        return left != 0 && context.output.isOpen() && !isInterrupted();
     };
-    const auto weight = [&](std::int64_t number) { return session->packets(number) * usualPayload; };
-    inOrder(streams, weight, linesOf, take);
-    byTime.handOutBefore(std::numeric_limits<double>::infinity(), [&](ExchangeLine line) { return isWanted && print(std::move(line)); });
+    exchangesInOrder(*session, streams, lineOf, print);
     context.output.flush();
     if (found == 0 && status == done && !isInterrupted())
         remark("no requests or replies in this capture; 'sealscope streams' says what does not decrypt");

@@ -24,8 +24,11 @@ inline TCPStream fuzzedStream(DataView input)
         for (std::int64_t offset = 0; offset < bytes.size(); offset += step) {
             const DataView part = bytes.sub(offset, step);
             const bool isLost = isLossy && ++packet % 4 == 0;
-            pieces.push_back({direction, isLost ? Data(std::vector<std::uint8_t>(static_cast<std::size_t>(part.size()))) : Data(part),
-                              isLost ? std::nullopt : std::optional(packet), 1'000 + static_cast<double>(packet)});
+            pieces.push_back({.direction = direction,
+                              .bytes = isLost ? Data() : Data(part),
+                              .packetId = isLost ? std::nullopt : std::optional(packet),
+                              .timestamp = 1'000 + static_cast<double>(packet),
+                              .lostBytes = isLost ? part.size() : 0});
         }
     return vectorStream(pieces, true);
 }

@@ -26,9 +26,10 @@ inline TCPStream conversation(const std::vector<Said>& said)
     for (std::int64_t packet = 0; const auto& [who, text] : said) {
         const bool isLost = who == '{' || who == '}';
         const auto direction = who == '>' || who == '{' ? TCPSegment::Direction::clientToServer : TCPSegment::Direction::serverToClient;
-        Data bytes = isLost ? Data(std::vector<std::uint8_t>(text.size())) : Data::fromText(text);
-        pieces.push_back(
-            {direction, std::move(bytes), isLost ? std::nullopt : std::optional(++packet), 1'000 + 0.001 * static_cast<double>(packet)});
+        if (isLost)
+            pieces.push_back({.direction = direction, .packetId = std::nullopt, .lostBytes = std::ssize(text)});
+        else
+            pieces.push_back({direction, Data::fromText(text), ++packet, 1'000 + 0.001 * static_cast<double>(packet)});
     }
     return vectorStream(pieces, true);
 }

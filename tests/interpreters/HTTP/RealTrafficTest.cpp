@@ -1,12 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-// Captures of curl and nginx: what the program shows is what they said.
+// Captures of real clients and servers: what the program shows is what they said.
+#include "harness/TempDirectory.h"
 #include "platform/Base64.h"
 #include "tests/cli/Program.h"
 #include "tests/support/RealCaptures.h"
 
-#include <gtest/gtest.h>
+#include <algorithm>
+#include <filesystem>
+#include <fmt/format.h>
+#include <gmock/gmock.h>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace sealscope {
 namespace {
@@ -43,6 +48,80 @@ TEST(RealTraffic, ShowsRequestsAndBodiesAsTheyWereSent)
         if (client) { EXPECT_EQ(requests, client->view().text()) << capture.name; }
     }
     EXPECT_EQ(found, 3) << "HTTP/1.1 over TLS 1.3 and 1.2, and HTTP/2";
+}
+
+/// A line for each exchange and each message that the programs recorded: method, URL, status and bodies; "-" where the record has none.
+std::vector<std::string> recorded(const std::filesystem::path& file, std::vector<std::string>& messages)
+{
+    std::vector<std::string> lines;
+    for (const auto& one : cli::jsonLines(std::string(readFile(file).view().text()))) {
+        const auto text = [&](const char* key) { return one[key].is_null() ? "-" : one[key].get<std::string>(); };
+        if (one.contains("method")) {
+            std::string& line = lines.emplace_back(fmt::format("{} {} {} {} {}", text("method"), text("url"), one["status"].get<int>(), text("reply"), text("sent")));
+            if (one.contains("grpcStatus")) line += fmt::format(" grpc {} {}", one["grpcStatus"].get<int>(), text("grpcMessage"));
+        } else if (one.contains("grpc")) {
+            messages.push_back(fmt::format("grpc \"{}\" {}", text("grpc"), one["number"].get<int>()));
+        } else {
+            messages.push_back(fmt::format("{} {}", one.contains("event") ? text("event") : text("direction"), text("text")));
+        }
+    }
+    return lines;
+}
+
+std::string bodyOf(const nlohmann::json& message)
+{
+    return message["body"].is_null() ? "" : std::string(fromBase64(message["body"].get<std::string>())->view().text());
+}
+
+std::string rowOf(const nlohmann::json& message, std::string_view name)
+{
+    for (const auto& row : message["detail"])
+        if (row["name"] == name) return row["value"];
+    return {};
+}
+
+TEST(RealTraffic, IsWhatServersAndClientsRecorded)
+{
+    int found = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(std::filesystem::path(SEALSCOPE_SOURCE_DIR) / "tests/captures/web")) {
+        ++found;
+        std::vector<std::string> messages, shownMessages, shown;
+        const auto lines = recorded(entry.path() / "exchanges.json", messages);
+        std::vector<std::string> arguments{"follow", "--json", entry.path() / "capture.pcap"};
+        if (const auto keyLog = entry.path() / "keylog.txt"; std::filesystem::file_size(keyLog) > 0) arguments.insert(arguments.end(), {"-k", keyLog});
+        for (const auto& stream : cli::jsonLines(cli::sealscope(arguments).output)) {
+            for (const auto& message : stream["messages"]) {
+                const auto attributes = message.value("attributes", nlohmann::json::object());
+                const std::string protocol = attributes.value("protocol", "");
+                if (message["kind"] != "data") continue;
+                if (protocol == "gRPC")
+                    shownMessages.push_back(fmt::format("grpc {} {}", rowOf(message, "Field 1 (length-delimited)"), rowOf(message, "Field 2 (varint)")));
+                else if (protocol == "Server-sent events")
+                    shownMessages.push_back(fmt::format("{} {}", attributes["eventType"].get<std::string>(), bodyOf(message)));
+                else if (protocol == "WebSocket" && attributes["websocketOpcode"] == 1)
+                    shownMessages.push_back(fmt::format("{} {}", message["direction"].get<std::string>(), bodyOf(message)));
+            }
+            for (const auto& pairing : stream["pairings"].is_null() ? nlohmann::json::array() : stream["pairings"]) {
+                const auto& request = stream["messages"][pairing["requestIndex"].get<std::size_t>()];
+                if (request["kind"] != "request") continue;
+                ASSERT_FALSE(pairing["replyIndex"].is_null()) << entry.path();
+                const auto& reply = stream["messages"][pairing["replyIndex"].get<std::size_t>()];
+                const auto &asked = request["attributes"], &answered = reply["attributes"];
+                // Where the record has no body the line is compared without.
+                std::string line = fmt::format("{} {} {}", asked["method"].get<std::string>(), asked["url"].get<std::string>(), answered["status"].get<int>());
+                const auto known = std::ranges::find_if(lines, [&](const std::string& one) { return one.starts_with(line + ' '); });
+                const bool hasReply = known == lines.end() || !std::string_view(*known).substr(line.size()).starts_with(" - ");
+                const bool hasSent = known == lines.end() || !(known->ends_with(" -") || known->contains(" - grpc"));
+                line += fmt::format(" {} {}", hasReply ? bodyOf(reply) : "-", hasSent ? bodyOf(request) : "-");
+                if (answered.contains("grpcStatus"))
+                    line += fmt::format(" grpc {} {}", answered["grpcStatus"].get<int>(), answered.value("grpcMessage", "-"));
+                shown.push_back(line);
+            }
+        }
+        EXPECT_THAT(shown, testing::UnorderedElementsAreArray(lines)) << entry.path();
+        EXPECT_THAT(shownMessages, testing::UnorderedElementsAreArray(messages)) << entry.path();
+    }
+    EXPECT_GE(found, 6);
 }
 
 }  // namespace
