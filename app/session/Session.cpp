@@ -4,7 +4,9 @@
 #include "app/streams/ConnectionIndex.h"
 #include "app/streams/ReassembledStream.h"
 
+#include <algorithm>
 #include <array>
+#include <limits>
 #include <mutex>
 #include <utility>
 
@@ -29,7 +31,8 @@ public:
         TCPPacket segment;
         while (capture_->next(packet)) {
             ++packetCount;
-            if (decoder.decode(packet, segment)) connections->add(segment, packet.number, packet.time.value());
+            if (decoder.decode(packet, segment) && (!options.admits || options.admits(packet, segment)))
+                connections->add(segment, packet.number + options.packetsBefore, packet.time.value());
             if (packetCount % packetsPerProgress != 0) continue;
             if (options.stop.stop_requested()) break;
             if (options.progress) options.progress(capture_->bytesRead(), capture_->bytesTotal());
@@ -39,7 +42,8 @@ public:
         settleClients(capture_, connections);
         connections_ = connections;
         measured_ = std::make_unique<Measured[]>(static_cast<std::size_t>(connections_->size()));
-        const auto secrets = std::make_shared<const KeyLogSources>(capture_->takeEmbeddedKeyLog(), options.keyLogs);
+        const auto secrets =
+            options.secrets ? options.secrets : std::make_shared<const KeyLogSources>(capture_->takeEmbeddedKeyLog(), options.keyLogs);
         plugIns_ = std::make_unique<const SessionPlugIns>(secrets, options.plugIns);
     }
 
@@ -105,7 +109,12 @@ std::expected<std::unique_ptr<Session>, CaptureError> Session::open(SessionOptio
                                                  .maximumPackets = options.maximumPackets,
                                                  .stop = options.stop});
     if (!capture) return std::unexpected(std::move(capture.error()));
-    auto implementation = std::make_unique<Implementation>(std::move(*capture));
+    return open(std::shared_ptr<Capture>(std::move(*capture)), options);
+}
+
+std::unique_ptr<Session> Session::open(std::shared_ptr<Capture> capture, const SessionOptions& options)
+{
+    auto implementation = std::make_unique<Implementation>(std::move(capture));
     implementation->index(options);
     return std::unique_ptr<Session>(new Session(std::move(implementation)));
 }
@@ -113,6 +122,14 @@ std::expected<std::unique_ptr<Session>, CaptureError> Session::open(SessionOptio
 std::int64_t Session::packetCount() const { return implementation_->packetCount; }
 std::int64_t Session::streamCount() const { return implementation_->connections().size(); }
 std::int64_t Session::packets(std::int64_t stream) const { return implementation_->connections()[stream].packets(); }
+
+std::int64_t Session::firstPacket(std::int64_t stream) const
+{
+    std::int64_t first = std::numeric_limits<std::int64_t>::max();
+    for (const ConnectionSide& side : implementation_->connections()[stream].sides)
+        if (side.segments.size() > 0) first = std::min(first, SegmentTable(side.segments)[0].packetNumber());
+    return first;
+}
 
 double Session::startTime(std::int64_t stream) const { return implementation_->connections()[stream].startTime; }
 

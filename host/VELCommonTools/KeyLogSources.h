@@ -18,6 +18,8 @@ class KeyLogSources {
 public:
     /// `files` take the place of the file that the user chose and of `SSLKEYLOGFILE`; later sources win.
     KeyLogSources(SecretText embedded, std::vector<std::string> files);
+    /// These secrets alone, of whatever origin: no file is looked at.
+    explicit KeyLogSources(SecretText secrets);
 
     /// Counts the states of the sources: another number says that what they hold may have changed. A file is looked at twice a
     /// second at the most, so asking costs next to nothing.
@@ -34,6 +36,7 @@ public:
 private:
     const SecretText embedded_;
     const std::vector<std::string> named_;
+    const bool hasFiles_ = true;
     mutable std::atomic<std::int64_t> nextLook_ = 0;  ///< on the steady clock, in nanoseconds
     mutable std::atomic<std::uint64_t> generation_ = 0;
     mutable std::mutex mutex_;  ///< guards signature_

@@ -8,16 +8,14 @@
 #include "app/cli/text/TextTable.h"
 #include "app/cli/text/TimeText.h"
 #include "app/records/ExchangeRecords.h"
+#include "app/session/ByTime.h"
 #include "app/session/Exchanges.h"
 #include "app/session/InOrder.h"
 
 #include <algorithm>
 #include <array>
 #include <fmt/format.h>
-#include <functional>
 #include <limits>
-#include <queue>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -40,10 +38,6 @@ struct ExchangeLine {
     std::int64_t position = 0;  ///< among those of its stream
     std::string json;           ///< the whole line, where NDJSON is wanted
     ExchangeCells cells;        ///< else
-    bool operator>(const ExchangeLine& other) const
-    {
-        return std::tie(time, stream, position) > std::tie(other.time, other.stream, other.position);
-    }
 };
 
 std::string attributeText(const std::optional<StreamMessage>& message, std::string_view key)
@@ -116,25 +110,6 @@ private:
     bool hasHeading_ = false;
 };
 
-/// Hands exchanges out in the order of their times, over streams that come in the order of their first packets: nothing of a
-/// later stream can be earlier than its first packet.
-class ByTime {
-public:
-    void add(ExchangeLine line) { waiting_.push(std::move(line)); }
-    template <class Take> void handOutBefore(double time, const Take& take)
-    {
-        while (!waiting_.empty() && waiting_.top().time < time) {
-            // A queue lends its top as a constant; what is taken from it is popped at once.
-            auto line = std::move(const_cast<ExchangeLine&>(waiting_.top()));
-            waiting_.pop();
-            if (!take(std::move(line))) return;
-        }
-    }
-
-private:
-    std::priority_queue<ExchangeLine, std::vector<ExchangeLine>, std::greater<>> waiting_;
-};
-
 ExitStatus run(const CommandContext& context)
 {
     ExitStatus status = done;
@@ -170,7 +145,7 @@ ExitStatus run(const CommandContext& context)
         context.output.write(isJSON ? line.json : text);
         return isWanted = context.output.isOpen() && !isInterrupted();
     };
-    ByTime byTime;
+    ByTime<ExchangeLine> byTime;
     std::size_t taken = 0;
     std::int64_t found = 0;
     const auto take = [&](std::vector<ExchangeLine> lines) {

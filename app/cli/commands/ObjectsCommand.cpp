@@ -54,23 +54,6 @@ private:
     bool hasHeading_ = false;
 };
 
-/// For each message of an interpretation the URL that its body belongs to: its own, or that of the request that it answers.
-std::vector<std::optional<std::string>> urlsOf(const StreamInterpretation& interpretation)
-{
-    const auto own = [](const StreamMessage& message) -> std::optional<std::string> {
-        const VELValue* const value = message.attribute("url");
-        const auto* const url = value ? std::get_if<std::string>(value) : nullptr;
-        return url ? std::optional(*url) : std::nullopt;
-    };
-    std::vector<std::optional<std::string>> urls;
-    std::ranges::transform(interpretation.messages, std::back_inserter(urls), own);
-    const auto holds = [&](std::int64_t index) { return index >= 0 && index < std::ssize(urls); };
-    for (const Pairing& pairing : interpretation.pairings.value_or(std::vector<Pairing>{}))
-        if (pairing.replyIndex && holds(*pairing.replyIndex) && holds(pairing.requestIndex))
-            urls[static_cast<std::size_t>(*pairing.replyIndex)] = urls[static_cast<std::size_t>(pairing.requestIndex)];
-    return urls;
-}
-
 ExitStatus run(const CommandContext& context)
 {
     const Options& options = context.options;
