@@ -215,7 +215,6 @@ FileScan scanFile(const std::string& file, const std::stop_token& stop)
     scan.secrets = capture.takeEmbeddedKeyLog();
     scan.bytes = capture.bytesRead();
     scan.errors = capture.errors();
-    scan.notes = decoder.notes();
     return scan;
 }
 

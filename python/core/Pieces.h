@@ -41,7 +41,6 @@ struct FileScan {
     std::vector<PairHash> strangers;  ///< pairs that begin in mid-connection, so that any secret may be theirs
     SecretText secrets;               ///< that the file carries
     std::vector<CaptureError> errors;
-    DecoderNotes notes;
 };
 
 FileScan scanFile(const std::string& file, const std::stop_token& stop);

@@ -222,11 +222,8 @@ class _SchedulerLost(Exception):
 
 
 class Rows(Generic[_Row]):
-    """Rows as they become ready, in the order of one machine; a context manager that gives a local cluster back.
-
-    >>> from sealscope import cluster
-    >>> help(cluster.Rows.problems)  # doctest: +SKIP
-    """
+    """Rows as they become ready, in the order of one machine; a context manager that gives a local cluster back. They are gone through
+    once."""
 
     problems: list[CaptureError]
     """Files that could not be read, or not to their end; complete when the rows are through."""
@@ -620,17 +617,11 @@ class _Plan:
             self._done.add(entry)
             finished[entry] = None
             kind, file = entry
-            (self._work if kind == "file" and file not in self._needed_still(order[count + 1:]) else {}).pop(file, None)
+            if kind == "file":
+                self._work.pop(file, None)  # its rows are through, and need no more room on a worker
             self._rows._progress("collecting", count + 1, len(order))
             # A group stands before the file that its first connections begin in.
             yield _Part(found, self._bound(file) if kind == "file" else (-1,))
-
-    def _needed_still(self, entries: list[tuple[str, int]]) -> set[int]:
-        needed: set[int] = set()
-        for kind, index in entries[:1]:
-            if kind == "group":
-                needed |= self._members[index]
-        return needed
 
 
 def streams(files: Path | Iterable[Path], *, client: Client | str | None = None, keylog: Path | Iterable[Path] | None = None,
