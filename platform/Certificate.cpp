@@ -208,13 +208,21 @@ std::optional<std::string> Certificate::subjectCommonName() const
     return commonName;
 }
 
-std::vector<Certificate::Attribute> Certificate::issuer() const
+namespace {
+
+std::vector<Certificate::Attribute> attributesOf(const OPENSSL_STACK* name)
 {
-    std::vector<Attribute> attributes;
-    forEachAttribute(content_->toBeSigned->issuer,
+    std::vector<Certificate::Attribute> attributes;
+    forEachAttribute(name,
                      [&](const NameAttribute& attribute) { attributes.push_back({dottedText(attribute.type), textOf(attribute.value)}); });
     return attributes;
 }
+
+}  // namespace
+
+std::vector<Certificate::Attribute> Certificate::subject() const { return attributesOf(content_->toBeSigned->subject); }
+
+std::vector<Certificate::Attribute> Certificate::issuer() const { return attributesOf(content_->toBeSigned->issuer); }
 
 std::optional<std::chrono::sys_seconds> Certificate::notBefore() const
 {

@@ -32,7 +32,8 @@ public:
 
     /// The last of the subject's common names that are text.
     std::optional<std::string> subjectCommonName() const;
-    /// The issuer's attributes in the order of the certificate.
+    // The attributes of both names in the order of the certificate.
+    std::vector<Attribute> subject() const;
     std::vector<Attribute> issuer() const;
     // Nothing for a time that no calendar has, such as one on 31 February, or one beyond the years 0 to 9999.
     std::optional<std::chrono::sys_seconds> notBefore() const;

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <filesystem>
+#include <iterator>
 #include <fmt/format.h>
 #include <unictype.h>
 #include <unistr.h>
@@ -76,6 +77,18 @@ std::string safeFileName(std::string_view name)
     return isDevice(safe) ? "_" + safe : safe;
 }
 
+std::vector<std::optional<std::string>> urlsOf(const StreamInterpretation& interpretation)
+{
+    std::vector<std::optional<std::string>> urls;
+    std::ranges::transform(interpretation.messages, std::back_inserter(urls),
+                           [](const StreamMessage& message) { return textAttribute(message, "url"); });
+    const auto holds = [&](std::int64_t index) { return index >= 0 && index < std::ssize(urls); };
+    for (const Pairing& pairing : interpretation.pairings.value_or(std::vector<Pairing>{}))
+        if (pairing.replyIndex && holds(*pairing.replyIndex) && holds(pairing.requestIndex))
+            urls[static_cast<std::size_t>(*pairing.replyIndex)] = urls[static_cast<std::size_t>(pairing.requestIndex)];
+    return urls;
+}
+
 std::string ObjectFolder::freePath(const std::string& name)
 {
     const std::size_t dot = extensionOf(name);
@@ -101,6 +114,10 @@ std::optional<SavedObject> ObjectFolder::save(std::int64_t stream, const StreamM
     std::string path;
     const StreamBody::Ending ending = message.body->forEachPiece([&](DataView piece) {
         if (piece.isEmpty()) return true;
+        if (folder_.empty()) {
+            saved.bytes += piece.size();
+            return !stop.stop_requested();
+        }
         if (!file) {
             path = freePath(saved.name);
             auto created = OutputFile::create(path, existing_ == Existing::replaced ? ExistingFile::isReplaced : ExistingFile::stays,
@@ -115,9 +132,10 @@ std::optional<SavedObject> ObjectFolder::save(std::int64_t stream, const StreamM
         saved.bytes += piece.size();
         return file->isGood() && !stop.stop_requested();
     });
-    if (!file) return saved.problem.empty() ? std::nullopt : std::optional(std::move(saved));
+    if (!file && saved.bytes == 0) return saved.problem.empty() ? std::nullopt : std::optional(std::move(saved));
     saved.isComplete = ending.isComplete && !stop.stop_requested();
     saved.remark = ending.reason;
+    if (!file) return saved;
     if (const std::string problem = file->finish(); !problem.empty())
         saved.problem = path + ": " + problem;
     else

@@ -3,6 +3,7 @@
 
 #include "app/session/Session.h"
 #include "host/VELModels/StreamMessage.h"
+#include "host/VELModels/VELStreamInterpreting.h"
 
 #include <cstdint>
 #include <functional>
@@ -33,7 +34,11 @@ struct SavedObject {
 /// characters, not hidden, of at most 200 bytes. "object" where nothing is left of it.
 std::string safeFileName(std::string_view name);
 
-/// Saves the bodies of messages into a folder, each under a name of its own. Used by one thread.
+/// For each message of an interpretation the URL that its body belongs to: its own, or that of the request that it answers.
+std::vector<std::optional<std::string>> urlsOf(const StreamInterpretation& interpretation);
+
+/// Saves the bodies of messages into a folder, each under a name of its own; without a folder ("") they are only measured. Used by one
+/// thread.
 class ObjectFolder {
 public:
     enum class Existing : std::uint8_t { kept, replaced };

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/plugins/PlugInLoader.h"
 
+#include "host/VELModels/StreamFacts.h"
 #include "host/VELModels/TLSDecryptionProbeRegistry.h"
 #include "host/VELModels/VELPlugInsController.h"
 #include "host/VELModels/VELStreamInterpreting.h"
@@ -50,12 +51,15 @@ public:
         for (const auto* interpreter : VELStreamInterpreterRegistry::shared().snapshot())
             if (std::ranges::find(interpreters_, interpreter) == interpreters_.end())
                 VELStreamInterpreterRegistry::shared().remove(interpreter);
+        for (const auto& describer : StreamDescriberRegistry::shared().snapshot())
+            if (std::ranges::find(describers_, describer) == describers_.end()) StreamDescriberRegistry::shared().remove(describer);
     }
 
 private:
     std::vector<VELPlugInsController::Registration> plugIns_ = VELPlugInsController::sharedManager().plugIns();
     std::vector<std::shared_ptr<const TLSStreamDecryptionProbing>> probes_ = TLSDecryptionProbeRegistry::shared().snapshot();
     std::vector<const VELStreamInterpreting*> interpreters_ = VELStreamInterpreterRegistry::shared().snapshot();
+    std::vector<std::shared_ptr<const StreamDescribing>> describers_ = StreamDescriberRegistry::shared().snapshot();
 };
 
 std::string otherVersion(std::int64_t version)

@@ -74,4 +74,13 @@ void writeMembers(JSONLineWriter& json, const StreamMessage& message, BodyMember
     json.endObject();
 }
 
+void appendRecord(std::string& text, const StreamMessage& message)
+{
+    JSONLineWriter json(text);
+    json.beginObject();
+    writeMembers(json, message, BodyMember::written);
+    json.endObject();
+    text += '\n';
+}
+
 }  // namespace sealscope

@@ -5,7 +5,9 @@
 #include "app/records/VerdictSentence.h"
 
 #include <exception>
+#include <type_traits>
 #include <utility>
+#include <variant>
 
 namespace sealscope {
 
@@ -126,6 +128,30 @@ void writeReason(JSONLineWriter& json, const StreamVerdict& verdict, const Strea
     json.endObject();
 }
 
+void writeFacts(JSONLineWriter& json, const std::vector<StreamFact>& facts)
+{
+    for (const StreamFact& fact : facts) {
+        json.key(fact.name);
+        std::visit(
+            [&]<class Content>(const Content& content) {
+                if constexpr (std::is_same_v<Content, std::monostate>) {
+                    json.null();
+                } else if constexpr (std::is_same_v<Content, std::vector<std::string>>) {
+                    json.beginArray();
+                    for (const std::string& text : content) json.value(text);
+                    json.endArray();
+                } else if constexpr (std::is_same_v<Content, std::vector<StreamFact>>) {
+                    json.beginObject();
+                    writeFacts(json, content);
+                    json.endObject();
+                } else {
+                    json.value(content);
+                }
+            },
+            fact.value);
+    }
+}
+
 }  // namespace
 
 std::string_view verdictText(const StreamRow& row)
@@ -144,6 +170,15 @@ std::string_view verdictName(const TLSDecryptionOutcome& outcome)
     case TLSDecryptionFailure::keyMismatch: return "keyMismatch";
     }
     std::unreachable();
+}
+
+StreamRow streamRow(const Session& session, const StreamVerdicts& verdicts, std::int64_t number)
+{
+    const TCPStream stream = session.stream(number);
+    StreamRow row{.summary = session.summary(number), .canInterpret = session.plugIns().isSecured(stream)};
+    if (row.canInterpret) row.verdict = verdicts.verdict(stream, ReportDepth::opened);
+    row.facts = session.plugIns().facts(stream);
+    return row;
 }
 
 void appendRecord(std::string& text, const StreamRow& row)
@@ -170,6 +205,7 @@ void appendRecord(std::string& text, const StreamRow& row)
         writeReason(json, *row.verdict, summary);
     else
         json.null();
+    writeFacts(json, row.facts);
     json.endObject();
     text += '\n';
 }

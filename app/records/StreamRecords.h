@@ -23,7 +23,11 @@ struct StreamRow {
     StreamSummary summary;
     bool canInterpret = false;
     std::optional<StreamVerdict> verdict;  ///< only of streams that can be interpreted
+    std::vector<StreamFact> facts;         ///< of plug-ins
 };
+
+/// The row of a stream, with everything that NDJSON has of it.
+StreamRow streamRow(const Session& session, const StreamVerdicts& verdicts, std::int64_t number);
 
 /// Hands a stream's messages over one by one until the visitor gives false, and gives their pairings; without a visitor the pairings
 /// alone.

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <limits>
 #include <mutex>
 #include <utility>
 
@@ -30,7 +31,8 @@ public:
         TCPPacket segment;
         while (capture_->next(packet)) {
             ++packetCount;
-            if (decoder.decode(packet, segment)) connections->add(segment, packet.number, packet.time.value());
+            if (decoder.decode(packet, segment) && (!options.admits || options.admits(packet, segment)))
+                connections->add(segment, packet.number + options.packetsBefore, packet.time.value());
             if (packetCount % packetsPerProgress != 0) continue;
             if (options.stop.stop_requested()) break;
             if (options.progress) options.progress(capture_->bytesRead(), capture_->bytesTotal());
@@ -41,7 +43,7 @@ public:
         connections_ = connections;
         embeddedKeyLog_ = capture_->takeEmbeddedKeyLog();
         plugInOptions_ = options.plugIns;
-        prepare(options.keyLogs);
+        prepare(options.secrets ? options.secrets : std::make_shared<const KeyLogSources>(embeddedKeyLog_, options.keyLogs));
     }
 
     std::unique_ptr<Implementation> withKeyLogs(const std::vector<std::string>& keyLogs) const
@@ -53,7 +55,7 @@ public:
         other->connections_ = connections_;
         other->embeddedKeyLog_ = embeddedKeyLog_;
         other->plugInOptions_ = plugInOptions_;
-        other->prepare(keyLogs);
+        other->prepare(std::make_shared<const KeyLogSources>(embeddedKeyLog_, keyLogs));
         return other;
     }
 
@@ -99,11 +101,10 @@ private:
         bool isKnown = false;
     };
 
-    void prepare(const std::vector<std::string>& keyLogs)
+    void prepare(std::shared_ptr<const KeyLogSources> secrets)
     {
         measured_ = std::make_unique<Measured[]>(static_cast<std::size_t>(connections_->size()));
-        plugIns_ =
-            std::make_unique<const SessionPlugIns>(std::make_shared<const KeyLogSources>(embeddedKeyLog_, keyLogs), plugInOptions_);
+        plugIns_ = std::make_unique<const SessionPlugIns>(std::move(secrets), plugInOptions_);
     }
 
     std::unique_lock<std::mutex> lockFor(std::size_t index) const { return std::unique_lock(locks_[index % locks_.size()]); }
@@ -128,7 +129,12 @@ std::expected<std::unique_ptr<Session>, CaptureError> Session::open(SessionOptio
                                                  .maximumPackets = options.maximumPackets,
                                                  .stop = options.stop});
     if (!capture) return std::unexpected(std::move(capture.error()));
-    auto implementation = std::make_unique<Implementation>(std::move(*capture));
+    return open(std::shared_ptr<Capture>(std::move(*capture)), options);
+}
+
+std::unique_ptr<Session> Session::open(std::shared_ptr<Capture> capture, const SessionOptions& options)
+{
+    auto implementation = std::make_unique<Implementation>(std::move(capture));
     implementation->index(options);
     return std::unique_ptr<Session>(new Session(std::move(implementation)));
 }
@@ -141,6 +147,14 @@ std::unique_ptr<Session> Session::withKeyLogs(std::vector<std::string> keyLogs) 
 std::int64_t Session::packetCount() const { return implementation_->packetCount; }
 std::int64_t Session::streamCount() const { return implementation_->connections().size(); }
 std::int64_t Session::packets(std::int64_t stream) const { return implementation_->connections()[stream].packets(); }
+
+std::int64_t Session::firstPacket(std::int64_t stream) const
+{
+    std::int64_t first = std::numeric_limits<std::int64_t>::max();
+    for (const ConnectionSide& side : implementation_->connections()[stream].sides)
+        if (side.segments.size() > 0) first = std::min(first, SegmentTable(side.segments)[0].packetNumber());
+    return first;
+}
 
 double Session::startTime(std::int64_t stream) const { return implementation_->connections()[stream].startTime; }
 

@@ -25,6 +25,14 @@ struct SessionOptions {
     /// Key logs that take the place of the user's.
     std::vector<std::string> keyLogs;
     PlugInOptions plugIns;
+
+    // For who takes a large capture apart and opens it piece by piece.
+    /// Stand in for the key logs, and for what the capture carries.
+    std::shared_ptr<const KeyLogSources> secrets;
+    std::int64_t packetsBefore = 0;  ///< counts before the capture's first packet
+    /// Asked for each segment; those that it is false for are left out.
+    std::function<bool(const CapturedPacket&, const TCPPacket&)> admits;
+
     /// Called now and then while the capture is indexed, with bytes read and bytes in all (negative when unknown).
     std::function<void(std::int64_t, std::int64_t)> progress;
     /// Ends the indexing early with what was seen.
@@ -53,6 +61,8 @@ class Session {
 public:
     /// Indexes the capture. Fails when nothing could be read; damage further on is in `errors()`.
     static std::expected<std::unique_ptr<Session>, CaptureError> open(SessionOptions options);
+    /// Indexes one that is open, with random access; the options that say how to open it do not count.
+    static std::unique_ptr<Session> open(std::shared_ptr<Capture> capture, const SessionOptions& options);
     ~Session();
 
     /// The same capture with other key logs in the place of the user's, without reading it anew. Both may be used side by side.
@@ -63,6 +73,8 @@ public:
     /// Packets of a stream: what is known of its size before it is assembled.
     std::int64_t packets(std::int64_t stream) const;
     StreamSummary summary(std::int64_t stream) const;
+    /// The number of a stream's first packet.
+    std::int64_t firstPacket(std::int64_t stream) const;
     /// Of a stream's earliest packet, in seconds since 1970.
     double startTime(std::int64_t stream) const;
     /// The stream between two endpoints that has a packet; nothing when none has.

@@ -2,6 +2,7 @@
 #include "app/session/SessionPlugIns.h"
 
 #include <algorithm>
+#include <iterator>
 #include <ranges>
 #include <utility>
 
@@ -22,6 +23,13 @@ SessionPlugIns::SessionPlugIns(std::shared_ptr<const KeyLogSources> secrets, con
 bool SessionPlugIns::canOpen(const TLSStreamDecryptionProbing& probe) const
 {
     return std::ranges::find(withoutKeyLogs_, &probe) != withoutKeyLogs_.end() || probe.keyMaterial().secrets > 0;
+}
+
+std::vector<StreamFact> SessionPlugIns::facts(const TCPStream& stream) const
+{
+    std::vector<StreamFact> facts;
+    for (const auto& describer : describers_) std::ranges::move(describer->facts(stream, probes_), std::back_inserter(facts));
+    return facts;
 }
 
 StreamContext SessionPlugIns::context() const { return {.largestDecodedBody = options_.largestDecodedBody, .host = this}; }

@@ -3,6 +3,7 @@
 
 #include "host/VELCommonTools/KeyLogSources.h"
 #include "host/VELModels/StreamContext.h"
+#include "host/VELModels/StreamFacts.h"
 #include "host/VELModels/TCPStream.h"
 #include "host/VELModels/TLSDecryptionProbeRegistry.h"
 #include "host/VELModels/VELStreamInterpreting.h"
@@ -39,6 +40,9 @@ public:
     /// What is known of a captured stream before anybody has looked into it.
     StreamContext context() const;
 
+    /// What plug-ins tell of a stream for its row, of every stream the same members.
+    std::vector<StreamFact> facts(const TCPStream& stream) const;
+
     /// The session's probes, those of the least reach first.
     const std::vector<std::shared_ptr<const TLSStreamDecryptionProbing>>& probes() const { return probes_; }
     /// Whether a probe has anything to open streams with: a secret, or means of its own that are no key log.
@@ -56,6 +60,7 @@ private:
     PlugInOptions options_;
     std::vector<const VELStreamInterpreting*> interpreters_;
     std::vector<std::shared_ptr<const TLSStreamDecryptionProbing>> probes_;
+    std::vector<std::shared_ptr<const StreamDescribing>> describers_ = StreamDescriberRegistry::shared().snapshot();
     std::vector<const TLSStreamDecryptionProbing*> withoutKeyLogs_;  ///< those that have no use for any
 };
 

@@ -50,6 +50,15 @@ std::optional<KeyLogProblem> keyLogProblem(const std::string& file)
     return KeyLogProblem{file, found};
 }
 
+KeyLogFacts keyLogFactsOf(const SessionPlugIns& plugIns)
+{
+    if (plugIns.probes().empty()) return {};
+    // The first probe answers where none opens anything.
+    KeyLogFacts facts{.material = plugIns.probes().front()->keyMaterial()};
+    if (facts.material.secrets == 0) facts.problems = problemsOf(plugIns.secrets());
+    return facts;
+}
+
 bool StreamVerdict::isPartly() const { return outcome.isDecrypted() && report && !report->openedEverything(); }
 
 Advice adviceOn(const StreamVerdict& verdict)

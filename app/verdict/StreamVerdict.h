@@ -10,6 +10,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace sealscope {
@@ -31,6 +32,9 @@ struct KeyLogFacts {
     std::int64_t connections = 0;         ///< of the capture, for which they hold a secret
     std::vector<KeyLogProblem> problems;  ///< with key logs that give nothing, when there is no secret at all
 };
+
+/// What the secrets of a session amount to, its connections aside; a protected stream that has none of them is told it.
+KeyLogFacts keyLogFactsOf(const SessionPlugIns& plugIns);
 
 /// What a user can do about a stream.
 enum class Advice : std::uint8_t {
@@ -59,6 +63,11 @@ Advice adviceOn(const StreamVerdict& verdict);
 class StreamVerdicts {
 public:
     explicit StreamVerdicts(const Session& session) : session_(session) {}
+    /// For a session that is a part of a larger capture, whose facts these are.
+    StreamVerdicts(const Session& session, KeyLogFacts keyLog) : session_(session), keyLogFacts_(std::move(keyLog))
+    {
+        std::call_once(keyLogOnce_, [] {});
+    }
 
     /// Nothing when the stream is not protected, or no probe is there. With `ReportDepth::opened` the report counts what opened.
     std::optional<StreamVerdict> verdict(const TCPStream& stream, ReportDepth depth) const;

@@ -20,8 +20,11 @@ KeyLogSources::KeyLogSources(SecretText embedded, std::vector<std::string> files
     : embedded_(std::move(embedded)), named_(std::move(files))
 {}
 
+KeyLogSources::KeyLogSources(SecretText secrets) : embedded_(std::move(secrets)), hasFiles_(false) {}
+
 std::vector<MergedKeylog::Source> KeyLogSources::files() const
 {
+    if (!hasFiles_) return {};
     if (named_.empty()) {
         const char* const environment = std::getenv("SSLKEYLOGFILE");
         return MergedKeylog::sources(KeylogUserFile::resolvedPath(UserDefaults::standard()),

@@ -19,6 +19,8 @@ class KeyLogSources {
 public:
     /// `files` take the place of the file that the user chose and of `SSLKEYLOGFILE`; later sources win.
     KeyLogSources(SecretText embedded, std::vector<std::string> files);
+    /// These secrets alone, of whatever origin: no file is looked at.
+    explicit KeyLogSources(SecretText secrets);
 
     /// Counts the states of the sources: another number says that what they hold may have changed. A file is looked at twice a
     /// second at the most, so asking costs next to nothing.
@@ -37,6 +39,7 @@ public:
 private:
     const SecretText embedded_;
     const std::vector<std::string> named_;
+    const bool hasFiles_ = true;
     std::chrono::nanoseconds betweenLooks_ = std::chrono::milliseconds(500);
     mutable std::atomic<std::int64_t> nextLook_ = 0;  ///< on the steady clock, in nanoseconds
     mutable std::atomic<std::uint64_t> generation_ = 0;

@@ -3,8 +3,10 @@
 
 #include "host/VELDependencies/VELPlugInBundle.h"
 #include "host/VELDependencies/VELPlugInStructure.h"
+#include "host/VELModels/StreamFacts.h"
 #include "host/VELModels/VELPlugInsController.h"
 #include "interpreters/TLSReach/PEMExporter.h"
+#include "interpreters/TLSReach/ReachDescriber.h"
 #include "interpreters/TLSReach/ReachProbe.h"
 #include "interpreters/TLSReach/RecordAEAD.h"
 
@@ -38,6 +40,7 @@ ReachPlugIn::ReachPlugIn()
                                                              .plugInExportFormats = {&pemFormat()}},
                                                             plugInBundle());
     TLSDecryptionProbeRegistry::shared().registerProbe(std::make_shared<const ReachProbe>());
+    StreamDescriberRegistry::shared().add(std::make_shared<const ReachDescriber>());
 }
 
 }  // namespace sealscope

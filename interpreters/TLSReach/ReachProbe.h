@@ -26,6 +26,9 @@ public:
     TLSKeyMaterialReport keyMaterial() const override;
     std::unique_ptr<PlaintextReader> plaintextReader(const TCPStream& stream, TCPSegment::Direction direction) const override;
 
+    /// The secrets of the session as they are now.
+    std::shared_ptr<const ReachSecrets> secrets() const { return secrets_.current(); }
+
 private:
     TLSKeyLogStore& store() const override { return store_; }
     mutable TLSKeyLogStore store_;

@@ -70,9 +70,7 @@ TEST_F(Application, AnswersAsTheCommandLineDoes)
     std::string streams, conversations;
     for (std::int64_t number = 0; number < session->streamCount(); ++number) {
         const TCPStream stream = session->stream(number);
-        appendRecord(streams, StreamRow{.summary = session->summary(number),
-                                        .canInterpret = session->plugIns().isSecured(stream),
-                                        .verdict = verdicts.verdict(stream, ReportDepth::opened)});
+        appendRecord(streams, streamRow(*session, verdicts, number));
         const VELStreamInterpreting* interpreter = session->plugIns().interpreter(stream);
         ASSERT_NE(interpreter, nullptr);
         StreamInterpretation interpretation = interpreter->interpret(stream, session->plugIns().context());

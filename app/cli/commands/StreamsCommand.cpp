@@ -111,6 +111,11 @@ ExitStatus run(const CommandContext& context)
         for (std::size_t i = 0; i < std::min(measured, streams.size()); ++i) table.measure(session->summary(streams[i]));
 
     const auto look = [&](std::int64_t number) {
+        if (context.options.json) {
+            StreamLine line;
+            appendRecord(line.text, streamRow(*session, verdicts, number));
+            return line;
+        }
         const TCPStream stream = session->stream(number);
         StreamRow row{.summary = session->summary(number)};
         row.canInterpret = session->plugIns().isSecured(stream);
@@ -123,9 +128,7 @@ ExitStatus run(const CommandContext& context)
                 line.version = report->versionName;
             }
         }
-        if (context.options.json)
-            appendRecord(line.text, row);
-        else if (row.verdict)
+        if (row.verdict)
             line.text = verdictSentence(*row.verdict, row.summary);
         return line;
     };

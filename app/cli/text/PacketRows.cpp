@@ -2,7 +2,7 @@
 #include "app/cli/text/PacketRows.h"
 
 #include "app/cli/text/ColorSequence.h"
-#include "app/records/JSONLineWriter.h"
+#include "app/records/PacketRecords.h"
 
 #include <fmt/format.h>
 #include <utility>
@@ -14,22 +14,10 @@ namespace {
 class JSONRows final : public PacketRowFormat {
 public:
     void prepare(std::span<const PacketRow>) override {}
-    void append(std::string& text, const PacketRow& row) override
-    {
-        JSONLineWriter json(text);
-        json.beginObject();
-        json.member("number", row.number);
-        json.member("time", row.time);
-        json.member("source", endpoints_.text(row.source));
-        json.member("destination", endpoints_.text(row.destination));
-        for (const std::string& key : row.match.plugIn->keys) json.member(key, row.match.analyzer->value(key, row.payload));
-        json.member("info", row.match.analyzer->protocolInfo(row.payload));
-        json.endObject();
-        text += '\n';
-    }
+    void append(std::string& text, const PacketRow& row) override { records_.append(text, row); }
 
 private:
-    EndpointTexts endpoints_;
+    PacketRecords records_;
 };
 
 class TableRows final : public PacketRowFormat {

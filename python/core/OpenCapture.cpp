@@ -1,0 +1,204 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "python/core/OpenCapture.h"
+
+#include "app/export/Objects.h"
+#include "app/records/ExchangeRecords.h"
+#include "app/records/MessageRecords.h"
+#include "app/records/PacketRecords.h"
+#include "app/records/StreamRecords.h"
+#include "app/records/VerdictSentence.h"
+#include "app/session/ExchangesInOrder.h"
+#include "app/session/InOrder.h"
+#include "app/session/PacketRowReader.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <limits>
+#include <numeric>
+#include <utility>
+
+namespace sealscope::python {
+
+StreamLines::Numbers StreamLines::all(const Session& session)
+{
+    Numbers numbers(static_cast<std::size_t>(session.streamCount()));
+    std::iota(numbers.begin(), numbers.end(), std::int64_t{0});
+    return numbers;
+}
+
+void StreamLines::streams(const Session& session, const StreamVerdicts& verdicts, const Numbers& numbers, const Lines::Take& take,
+                          const std::stop_token& stop)
+{
+    const auto look = [&](std::int64_t number) {
+        std::string line;
+        if (!stop.stop_requested()) appendRecord(line, streamRow(session, verdicts, number));
+        return line;
+    };
+    inOrder(numbers, [](std::int64_t) { return usualPayload; }, look, take);
+}
+
+void StreamLines::exchanges(const Session& session, const Numbers& numbers, const Lines::Take& take, const std::stop_token& stop)
+{
+    const auto make = [](const TCPStream& stream, const Exchange& exchange) {
+        std::string line;
+        appendRecord(line, {.number = stream.key.number, .client = stream.clientEndpoint, .server = stream.serverEndpoint}, exchange);
+        return line;
+    };
+    exchangesInOrder(session, numbers, make, [&](std::string line) { return take(std::move(line)) && !stop.stop_requested(); });
+}
+
+void StreamLines::objects(const Session& session, const Numbers& numbers, const std::string& folder, bool replaces, const Lines::Take& take,
+                          const std::stop_token& stop)
+{
+    ObjectFolder objects(folder, replaces ? ObjectFolder::Existing::replaced : ObjectFolder::Existing::kept);
+    saveObjects(session, numbers, objects, stop, [&](const SavedObject& object) {
+        if (!object.problem.empty())
+            throw CaptureFailure({.file = folder, .reason = object.problem.substr(object.problem.find(": ") + 2), .packetsBefore = -1});
+        std::string text;
+        appendRecord(text, object);
+        return take(std::move(text));
+    });
+}
+
+void StreamLines::messages(const Session& session, std::int64_t number, const Lines::Take& take, const std::stop_token& stop)
+{
+    const TCPStream stream = session.stream(number);
+    const VELStreamInterpreting* const interpreter = session.plugIns().interpreter(stream);
+    if (!interpreter) return;
+    const StreamMessageVisitor visit = [&](StreamMessage& message) {
+        std::string text;
+        appendRecord(text, message);
+        return take(std::move(text)) && !stop.stop_requested();
+    };
+    const StreamContext context = session.plugIns().context();
+    if (interpreter->forEachMessage) {
+        interpreter->forEachMessage(stream, context, visit);
+        return;
+    }
+    StreamInterpretation interpretation = interpreter->interpret(stream, context);
+    telling(interpretation)(visit);
+}
+
+Plaintext::Plaintext(std::shared_ptr<const Session> session, std::int64_t stream, TCPSegment::Direction direction)
+    : session_(std::move(session)), stream_(session_->stream(stream)), direction_(direction),
+      isProtected_(session_->plugIns().isSecured(stream_))
+{
+    if (!isProtected_) return;
+    const StreamVerdicts verdicts(*session_);
+    reader_ = verdicts.plaintextReader(stream_, direction);
+    if (reader_) return;
+    const auto verdict = verdicts.verdict(stream_, ReportDepth::opened);
+    if (verdict && verdict->outcome.isDecrypted()) return;
+    throw ClosedStream(fmt::format("stream {}: {}", stream, verdict ? verdictSentence(*verdict, session_->summary(stream)) : "no probe"));
+}
+
+std::string Plaintext::next()
+{
+    constexpr std::int64_t piece = 256 * 1'024;
+    std::string bytes;
+    if (!isProtected_) {
+        bytes.resize(static_cast<std::size_t>(std::min(piece, stream_.data(direction_).size() - offset_)));
+        offset_ += stream_.data(direction_).copy(offset_, {reinterpret_cast<std::uint8_t*>(bytes.data()), bytes.size()});
+        return bytes;
+    }
+    room_.resize(PlaintextReader::largestRecord);
+    while (reader_ && std::ssize(bytes) < piece) {
+        const auto record = reader_->next(room_);
+        if (!record) {
+            reader_ = nullptr;
+            break;
+        }
+        bytes += record->plaintext.text();
+    }
+    return bytes;
+}
+
+std::unique_ptr<Session> openedSession(SessionOptions options)
+{
+    auto session = Session::open(std::move(options));
+    if (!session) throw CaptureFailure(std::move(session.error()));
+    return std::move(*session);
+}
+
+OpenCapture::OpenCapture(SessionOptions options, std::stop_token stop) : options_(std::move(options))
+{
+    SessionOptions opening = options_;
+    opening.stop = std::move(stop);
+    session_ = openedSession(std::move(opening));
+    verdicts_ = std::make_shared<const StreamVerdicts>(*session_);
+}
+
+std::vector<CaptureError> OpenCapture::errors() const
+{
+    auto errors = session_->errors();
+    std::ranges::move(session_->capture().lostFiles(), std::back_inserter(errors));
+    return errors;
+}
+
+std::int64_t OpenCapture::checked(std::int64_t stream) const
+{
+    if (stream < 0 || stream >= session_->streamCount())
+        throw std::out_of_range(fmt::format("stream {}: the capture has {} TCP connections", stream, session_->streamCount()));
+    return stream;
+}
+
+StreamLines::Numbers OpenCapture::wanted(StreamLines::Numbers numbers) const
+{
+    if (numbers.empty()) return StreamLines::all(*session_);
+    std::ranges::sort(numbers);
+    const auto repeated = std::ranges::unique(numbers);
+    numbers.erase(repeated.begin(), repeated.end());
+    for (const std::int64_t number : numbers) checked(number);
+    return numbers;
+}
+
+std::unique_ptr<Lines> OpenCapture::packets() const
+{
+    return std::make_unique<Lines>([options = options_](const Lines::Take& take, const std::stop_token& stop) {
+        auto capture =
+            Capture::open(options.files, {.filter = options.filter, .maximumPackets = options.maximumPackets, .stop = stop});
+        if (!capture) throw CaptureFailure(std::move(capture.error()));
+        const PacketAnalyzers analyzers;
+        PacketRowReader reader(**capture, analyzers, stop, [](std::int64_t, std::int64_t) {});
+        PacketRecords records;
+        constexpr std::size_t many = 16 * 1'024;
+        std::string text;
+        for (PacketRow row; reader.next(row);) {
+            records.append(text, row);
+            if (text.size() >= many && !take(std::exchange(text, {}))) return;
+        }
+        if (!text.empty()) take(std::move(text));
+    });
+}
+
+std::unique_ptr<Lines> OpenCapture::streams(StreamLines::Numbers numbers) const
+{
+    return std::make_unique<Lines>([session = session_, verdicts = verdicts_, numbers = wanted(std::move(numbers))](
+                                       const Lines::Take& take, const std::stop_token& stop) {
+        StreamLines::streams(*session, *verdicts, numbers, take, stop);
+    });
+}
+
+std::unique_ptr<Lines> OpenCapture::exchanges(StreamLines::Numbers numbers) const
+{
+    return std::make_unique<Lines>([session = session_, numbers = wanted(std::move(numbers))](const Lines::Take& take, const std::stop_token& stop) {
+        StreamLines::exchanges(*session, numbers, take, stop);
+    });
+}
+
+std::unique_ptr<Lines> OpenCapture::objects(StreamLines::Numbers numbers, std::string folder, bool replaces) const
+{
+    return std::make_unique<Lines>([session = session_, numbers = wanted(std::move(numbers)), folder = std::move(folder), replaces](
+                                       const Lines::Take& take, const std::stop_token& stop) {
+        StreamLines::objects(*session, numbers, folder, replaces, take, stop);
+    });
+}
+
+std::unique_ptr<Lines> OpenCapture::messages(std::int64_t stream) const
+{
+    return std::make_unique<Lines>([session = session_, number = checked(stream)](const Lines::Take& take, const std::stop_token& stop) {
+        StreamLines::messages(*session, number, take, stop);
+    });
+}
+
+}  // namespace sealscope::python

@@ -1,0 +1,210 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The cluster against one machine: the same rows, whatever happens to workers, scheduler and files. Each process is one of its own."""
+import json
+import os
+import subprocess
+import sys
+import time
+
+import captures
+import pytest
+from conftest import BUILD, PACKAGE, RECORDED, command, with_keys
+from distributed import Client
+
+from sealscope import CaptureError, cluster
+
+NAMES = ["nginx-http1", "nginx-http2", "nginx-http1-tls12", "node-tls13", "openssl-tls12-renegotiation", "gnutls-tls12"]
+SOURCES = [next(path for path in RECORDED if path.parent.name == name) for name in NAMES]
+
+
+class Cluster:
+    """A scheduler and workers, each a process on loopback."""
+
+    def __init__(self, folder):
+        self.folder, self.workers, self.port = folder, [], 0
+        self.start_scheduler()
+        for _ in range(3):
+            self.start_worker()
+
+    def _start(self, program, name, *arguments):
+        log = open(self.folder / f"{name}.log", "ab")
+        environment = {**os.environ, "PYTHONPATH": str(PACKAGE), "DASK_DISTRIBUTED__COMM__TIMEOUTS__CONNECT": "5s"}
+        return subprocess.Popen([sys.executable, "-m", f"distributed.cli.dask_{program}", *arguments], stdout=log, stderr=log, env=environment)
+
+    def start_scheduler(self):
+        file = self.folder / "scheduler.json"
+        file.unlink(missing_ok=True)
+        self.scheduler = self._start("scheduler", "scheduler", "--host", "127.0.0.1", "--port", str(self.port), "--no-dashboard",
+                                     "--scheduler-file", str(file))
+        while not file.exists():
+            assert self.scheduler.poll() is None
+            time.sleep(0.1)
+        self.address = json.loads(file.read_text())["address"]
+        self.port = int(self.address.rpartition(":")[2])
+
+    def start_worker(self):
+        self.workers.append(self._start("worker", f"worker-{len(self.workers)}", self.address, "--nthreads", "1", "--no-nanny", "--no-dashboard",
+                                        "--local-directory", str(self.folder)))
+
+    def stop(self):
+        for process in [*self.workers, self.scheduler]:
+            process.kill()
+            process.wait()
+
+
+@pytest.fixture(scope="module")
+def running(tmp_path_factory):
+    started = Cluster(tmp_path_factory.mktemp("cluster"))
+    yield started
+    started.stop()
+
+
+@pytest.fixture(scope="module")
+def client(running):
+    with Client(running.address) as connected:
+        connected.wait_for_workers(3, timeout=60)
+        yield connected
+
+
+@pytest.fixture(scope="module")
+def keys(tmp_path_factory):
+    """Secrets of some of the connections."""
+    path = tmp_path_factory.mktemp("keys") / "keys.txt"
+    path.write_bytes(b"".join(source.with_name("keylog.txt").read_bytes() for source in SOURCES[:4]))
+    return path
+
+
+@pytest.fixture(scope="module")
+def packets():
+    return captures.many_connections(SOURCES, 240)
+
+
+@pytest.fixture(scope="module")
+def whole(tmp_path_factory, packets):
+    return captures.write(tmp_path_factory.mktemp("whole") / "whole.pcap", packets)
+
+
+@pytest.fixture(scope="module")
+def ring(tmp_path_factory, packets):
+    return captures.cut(tmp_path_factory.mktemp("ring"), packets, 40)
+
+
+def test_files_give_the_rows_of_the_uncut_capture(client, ring, whole, keys, tmp_path):
+    for kind in ("streams", "exchanges"):
+        expected = command(kind, str(whole), *with_keys([keys]))
+        rows = getattr(cluster, kind)(reversed(ring), client=client, keylog=keys)
+        assert list(rows.lines()) == expected and len(expected) > 150
+        assert not rows.problems and 0 < rows.travelled_bytes < rows.total_bytes
+        written = getattr(cluster, kind)(ring, client=client, keylog=keys, output=tmp_path / kind).run()
+        assert sorted(line for part in written.partitions for line in open(part).read().splitlines()) == sorted(expected)
+        assert sorted(os.listdir(tmp_path / kind)) == sorted(os.path.basename(part) for part in written.partitions)
+    saved = [dict(row) for row in cluster.objects(ring, client=client, keylog=keys, folder=tmp_path / "saved")]
+    expected = [json.loads(line) for line in command("objects", str(whole), *with_keys([keys]), "--output", str(tmp_path / "objects"))]
+    assert [{**row, "file": None} for row in saved] == [{**row, "file": None} for row in expected]
+    assert [open(row["file"], "rb").read() for row in saved] == [open(row["file"], "rb").read() for row in expected]
+
+
+def test_filter_and_reach_count_as_on_one_machine(client, ring, whole, keys):
+    options = {"filter": "tcp and host 10.0.0.7", "reach": "strict"}
+    rows = cluster.streams(ring, client=client, keylog=keys, **options)
+    assert list(rows.lines()) == command("streams", str(whole), *with_keys([keys]), "-f", options["filter"], "--reach", "strict")
+
+
+def test_finds_connections(client, ring, whole, keys):
+    everything = [json.loads(line) for line in command("streams", str(whole), *with_keys([keys]))]
+    some = everything[7]
+    cases = {
+        "server_name": (some["reason"]["serverName"].upper(), lambda row: row["reason"]["serverName"] == some["reason"]["serverName"]),
+        "client_random": (some["reason"]["clientRandom"], lambda row: row["reason"]["clientRandom"] == some["reason"]["clientRandom"]),
+        "certificate": (some["certificate"]["sha256"], lambda row: (row["certificate"] or {}).get("sha256") == some["certificate"]["sha256"]),
+        "address": (some["client"].rpartition(":")[0], lambda row: row["client"] == some["client"]),
+        "ja4": (some["ja4"], lambda row: row["ja4"] == some["ja4"]),
+    }
+    for name, (text, test) in cases.items():
+        found = [dict(row) for row in cluster.find(ring, client=client, keylog=keys, **{name: text})]
+        assert found == [row for row in everything if test(row)] and found, name
+    with pytest.raises(ValueError):
+        cluster.find(ring, client=client)
+
+
+def test_bad_files_are_told_and_the_rest_is_complete(client, ring, keys, tmp_path):
+    files = [str(path) for path in ring]
+    files[3] = str(tmp_path / "missing.pcap")
+    (tmp_path / "noise.pcap").write_bytes(b"no capture at all" * 9)
+    files[11] = str(tmp_path / "noise.pcap")
+    (tmp_path / "cut.pcap").write_bytes(ring[20].read_bytes()[:-70])
+    files[20] = str(tmp_path / "cut.pcap")
+    rows = cluster.streams(files, client=client, keylog=keys)
+    assert list(rows.lines()) == command("streams", *files, *with_keys([keys]), status=(1,))
+    assert sorted(os.path.basename(problem.file) for problem in rows.problems) == ["cut.pcap", "missing.pcap", "noise.pcap"]
+    assert all(isinstance(problem, CaptureError) and problem.reason for problem in rows.problems)
+    cut, = (problem for problem in rows.problems if problem.file.endswith("cut.pcap"))
+    assert cut.offset
+
+
+def test_command_prints_ndjson(running, client, ring, whole, keys):
+    program = [BUILD / "bin/sealscope-cluster", "exchanges", *ring, "/nonexistent.pcap", "-k", keys, "--scheduler", running.address]
+    done = subprocess.run(program, capture_output=True, text=True, check=False)
+    assert done.stdout.splitlines() == command("exchanges", str(whole), *with_keys([keys]))
+    assert done.returncode == 1 and "sealscope-cluster: /nonexistent.pcap: No such file or directory" in done.stderr
+
+
+def test_secrets_stay_where_they_are_needed(running, client, keys):
+    lines = keys.read_bytes().splitlines(keepends=True)
+    log = cluster._KeyLog(b"# comment\n" + b"".join(lines))
+    random = bytes.fromhex(lines[0].split()[1].decode())[:8]
+    handed = log.for_clients([random], False).reveal().splitlines(keepends=True)
+    assert handed == [b"# comment\n", *(line for line in lines if line.split()[1] == lines[0].split()[1])]
+    assert log.for_clients([b"\0" * 8], False).reveal() == b""
+    assert log.for_clients([], True).reveal() == b"# comment\n" + b"".join(lines)
+    # A task that fails is told with its arguments in the worker's log, and with its name everywhere.
+    secret = cluster.Secret(keys.read_bytes())
+    rows = cluster.Rows("streams", str, [], client=client)
+    future = rows._submit(cluster._work_on_packets, [], {"secrets": secret, "folder": ""})
+    with pytest.raises(KeyError):
+        future.result()
+    told = "".join(path.read_text() for path in running.folder.glob("*.log")) + future.key + repr(client.get_task_stream()) + repr(secret)
+    assert "Secret(" in told
+    for line in lines:
+        assert line.split()[2].decode() not in told
+
+
+class Once:
+    """Does something when so much is done, once."""
+
+    def __init__(self, phase, done, action):
+        self.phase, self.done, self.action = phase, done, action
+
+    def __call__(self, phase, done, total):
+        if self.action and (phase, done) == (self.phase, self.done):
+            action, self.action = self.action, None
+            action()
+
+
+@pytest.mark.parametrize("phase", ["looking through", "working on", "collecting"])
+def test_a_lost_worker_costs_nothing(running, client, ring, whole, keys, phase):
+    worker = running.workers.pop(0)
+    kill = Once(phase, 5, worker.kill)
+    rows = cluster.streams(ring, client=client, keylog=keys, progress=kill)
+    assert list(rows.lines()) == command("streams", str(whole), *with_keys([keys]))
+    assert kill.action is None and worker.wait() != 0 and not rows.problems
+    running.start_worker()
+
+
+@pytest.mark.parametrize("phase", ["working on", "collecting"])
+def test_a_scheduler_started_anew_costs_nothing(running, ring, whole, keys, phase, tmp_path):
+    def restart():
+        running.scheduler.kill()
+        running.scheduler.wait()
+        for worker in running.workers:
+            worker.kill()
+            worker.wait()
+        running.workers.clear()
+        running.start_scheduler()
+        for _ in range(3):
+            running.start_worker()
+
+    again = Once(phase, 5, restart)
+    with cluster.streams(ring, client=running.address, keylog=keys, progress=again) as rows:
+        assert list(rows.lines()) == command("streams", str(whole), *with_keys([keys]))
+    assert again.action is None and not rows.problems
