@@ -5,6 +5,7 @@
 #include "app/desktop/MessageBar.h"
 #include "app/desktop/SettingsDialog.h"
 #include "app/desktop/ShownText.h"
+#include "app/desktop/StreamTabs.h"
 #include "app/desktop/WindowMemory.h"
 #include "app/desktop/views/PacketsView.h"
 #include "app/desktop/views/WelcomeView.h"
@@ -93,10 +94,8 @@ void MainWindow::addViews()
         tabs_->setCurrentWidget(packets_);
         packets_->showPacket(number);
     });
-    // Streams, exchanges and conversations:
-    //     tabs_->addTab(new StreamsView(document_, this), tr("Streams"));
-    //     tabs_->addTab(new ExchangesView(document_, this), tr("Exchanges"));
-    //     addExportActions(*exportMenu_, document_);
+    auto* const streams = new StreamTabs(document_, *tabs_, *packets_, *exportMenu_);
+    connect(streams, &StreamTabs::done, this, [this](const QString& sentence) { statusBar()->showMessage(sentence, 20'000); });
     for (int tab = 0; tab < tabs_->count(); ++tab) {
         QAction* const action = new QAction(tabs_->tabText(tab), this);
         action->setShortcut(QKeySequence(Qt::CTRL | static_cast<Qt::Key>(Qt::Key_1 + tab)));
