@@ -3,6 +3,7 @@
 #   sealscope            program, plug-in, texts, manual page, completions
 #   libsealscope-host1   the shared libraries; its number is the version of the plug-in contract
 #   libsealscope-dev     headers, CMake package and pkg-config file for plug-ins
+#   sealscope-desktop    the window, where it is built
 set(library_package "libsealscope-host${SEALSCOPE_CONTRACT_VERSION}")
 find_program(gzip_program gzip REQUIRED)
 
@@ -19,7 +20,11 @@ endfunction()
 # The changelog in Debian's form; its date is that of the sources where SOURCE_DATE_EPOCH tells it.
 string(TIMESTAMP debian_date "%a, %d %b %Y %H:%M:%S +0000" UTC)
 configure_file(packaging/changelog.in "${PROJECT_BINARY_DIR}/packaging/changelog" @ONLY)
-foreach(pair "runtime:sealscope" "libraries:${library_package}" "development:libsealscope-dev")
+set(packages "runtime:sealscope" "libraries:${library_package}" "development:libsealscope-dev")
+if(SEALSCOPE_DESKTOP)
+    list(APPEND packages "desktop:sealscope-desktop")
+endif()
+foreach(pair IN LISTS packages)
     string(REPLACE ":" ";" pair "${pair}")
     list(GET pair 0 component)
     list(GET pair 1 package)
@@ -29,6 +34,9 @@ foreach(pair "runtime:sealscope" "libraries:${library_package}" "development:lib
 endforeach()
 
 sealscope_install_compressed("${PROJECT_SOURCE_DIR}/docs/sealscope.1" sealscope.1 "${CMAKE_INSTALL_MANDIR}/man1" runtime)
+if(SEALSCOPE_DESKTOP)
+    sealscope_install_compressed("${PROJECT_SOURCE_DIR}/docs/sealscope-desktop.1" sealscope-desktop.1 "${CMAKE_INSTALL_MANDIR}/man1" desktop)
+endif()
 install(FILES docs/plugins.md DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/libsealscope-dev" COMPONENT development)
 install(DIRECTORY examples/plugin DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/libsealscope-dev/examples" COMPONENT development)
 
@@ -40,6 +48,9 @@ set(CPACK_PACKAGE_VENDOR "The Sealscope developers")
 set(CPACK_PACKAGE_CONTACT "The Sealscope developers <sealscope@sealscope.example>")
 set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_ALL runtime libraries development)
+if(SEALSCOPE_DESKTOP)
+    list(APPEND CPACK_COMPONENTS_ALL desktop)
+endif()
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
@@ -54,6 +65,17 @@ set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "see into the TLS traffic of a packet captu
 Reads packet captures, reassembles their TCP connections and shows the TLS
 in them: records, handshakes, certificates, and the plaintext where a key log
 in the SSLKEYLOGFILE format holds the secrets. Says why where it does not.")
+
+# It draws with Qt's SVG plug-in, has the texts of Qt's own dialogs where they are installed, and asks for the privilege to capture
+# through pkexec.
+set(CPACK_DEBIAN_DESKTOP_PACKAGE_NAME sealscope-desktop)
+set(CPACK_DEBIAN_DESKTOP_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_DESKTOP_PACKAGE_DEPENDS "sealscope (= ${PROJECT_VERSION}), ${library_package} (= ${PROJECT_VERSION}), libqt6svg6")
+set(CPACK_DEBIAN_DESKTOP_PACKAGE_RECOMMENDS "qt6-translations-l10n, pkexec")
+set(CPACK_DEBIAN_DESKTOP_DESCRIPTION "see into the TLS traffic of a packet capture, in a window
+Shows the packets of a capture with their fields and bytes, its TCP
+connections as conversations, and what they carry where a key log in the
+SSLKEYLOGFILE format holds the secrets. Captures from interfaces, too.")
 
 set(CPACK_DEBIAN_LIBRARIES_PACKAGE_NAME "${library_package}")
 set(CPACK_DEBIAN_LIBRARIES_PACKAGE_SECTION libs)

@@ -75,7 +75,7 @@ std::expected<FileDescriptor, std::string> createFile(const std::string& path, E
         }
         if (S_ISDIR(status.st_mode)) return std::unexpected("is a directory");
         if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) return std::unexpected("is no regular file");
-        if (existing == ExistingFile::stays) return std::unexpected("exists already; --force replaces it");
+        if (existing == ExistingFile::stays) return std::unexpected("exists already");
         if (unlink(path.c_str()) != 0 && errno != ENOENT) return std::unexpected(errorText(errno));
     }
 }

@@ -38,11 +38,21 @@ std::optional<std::uint32_t> environmentNumber(const char* name)
 
 constexpr std::uint32_t nobody = 65'534;  // the kernel's own number for who owns nothing
 
-/// The user behind root: whom sudo names, or who started a set-uid program. Root itself when there is none.
+/// The user behind root: whom sudo or pkexec names, or who started a set-uid program. Root itself when there is none.
 std::uint32_t userBehind()
 {
     const std::uint32_t user = getuid();
-    return user == 0 ? environmentNumber("SUDO_UID").value_or(0) : user;
+    if (user != 0) return user;
+    return environmentNumber("SUDO_UID").value_or(environmentNumber("PKEXEC_UID").value_or(0));
+}
+
+/// The group of that user; pkexec does not name it.
+std::uint32_t groupBehind(std::uint32_t user)
+{
+    if (getuid() != 0) return getgid();
+    if (const auto named = environmentNumber("SUDO_GID")) return *named;
+    const passwd* const account = getpwuid(user);
+    return account ? account->pw_gid : nobody;
 }
 
 bool dropCapabilities()
@@ -58,7 +68,7 @@ bool isRootAlone() { return geteuid() == 0 && userBehind() == 0; }
 std::expected<void, std::string> dropPrivileges()
 {
     if (geteuid() == 0) {
-        std::uint32_t user = userBehind(), group = getuid() == 0 ? environmentNumber("SUDO_GID").value_or(0) : getgid();
+        std::uint32_t user = userBehind(), group = groupBehind(user);
         const bool isAlone = user == 0;
         if (isAlone) user = group = nobody;
         // The groups first: afterwards there is no right to change them.

@@ -7,6 +7,7 @@
 #include "app/verdict/StreamVerdict.h"
 #include "platform/UserDefaults.h"
 
+#include <algorithm>
 #include <chrono>
 #include <expected>
 #include <utility>
@@ -33,13 +34,27 @@ Document::Document(QObject* parent) : QObject(parent)
     timer_.setInterval(betweenLooks);
     connect(&timer_, &QTimer::timeout, this, &Document::lookForSecrets);
     timer_.start();
+    liveTimer_.setInterval(betweenReports);
+    connect(&liveTimer_, &QTimer::timeout, this, &Document::followLive);
 }
 
 Document::~Document() = default;
 
 void Document::open(const QStringList& files, const QStringList& keyLogs)
 {
-    if (!files.isEmpty()) readPackets(files, keyLogs);
+    if (!files.isEmpty()) readPackets({.files = files, .keyLogs = keyLogs, .liveName = {}});
+}
+
+void Document::openLive(const QString& pipe, const QString& name)
+{
+    readPackets({.files = {pipe}, .keyLogs = keyLogs_, .liveName = name});
+}
+
+void Document::abandon()
+{
+    reading_ = {};
+    isLive_ = false;
+    Q_EMIT readingChanged(false);
 }
 
 void Document::cancel()
@@ -48,10 +63,10 @@ void Document::cancel()
     if (reading_.streams) reading_.streams->cancel();
 }
 
-void Document::readPackets(const QStringList& files, const QStringList& keyLogs)
+void Document::readPackets(const Request& request)
 {
-    const auto work = [this, files, keyLogs](const Job::Context& context) {
-        auto opened = PacketIndex::open(paths(files), context.stop());
+    const auto work = [this, request](const Job::Context& context) {
+        auto opened = PacketIndex::open(paths(request.files), context.stop());
         if (!opened) {
             context.deliver([this, problem = opened.error()] {
                 endPackets();
@@ -60,7 +75,7 @@ void Document::readPackets(const QStringList& files, const QStringList& keyLogs)
             return;
         }
         const std::shared_ptr<PacketIndex> index = *std::move(opened);
-        context.deliver([this, index, files, keyLogs] { replace(index, files, keyLogs); });
+        context.deliver([this, index, request] { replace(index, request); });
         // A screen of rows comes at once, then a batch for each few frames.
         std::int64_t step = 256;
         auto last = Clock::now() - betweenReports;
@@ -77,6 +92,7 @@ void Document::readPackets(const QStringList& files, const QStringList& keyLogs)
             Q_EMIT packetsFound(index->size());
             endPackets();
             tellDamage(index->errors(), index->notes(), index->size());
+            tell(QString::fromStdString(index->plugInProblem()));
         });
     };
     const bool wasReading = isReading();
@@ -87,22 +103,57 @@ void Document::readPackets(const QStringList& files, const QStringList& keyLogs)
     if (!wasReading) Q_EMIT readingChanged(true);
 }
 
-void Document::replace(std::shared_ptr<const PacketIndex> packets, const QStringList& files, const QStringList& keyLogs)
+void Document::replace(std::shared_ptr<const PacketIndex> packets, const Request& request)
 {
-    files_ = files;
-    keyLogs_ = keyLogs;
+    isLive_ = !request.liveName.isEmpty();
+    files_ = isLive_ ? QStringList(request.liveName) : request.files;
+    keyLogs_ = request.keyLogs;
     packets_ = std::move(packets);
     session_.reset();
     lost_.clear();
+    recorded_ = isLive_ ? std::make_shared<RecordedFile>() : nullptr;
     reading_.streams.reset();
     Q_EMIT replaced();
-    readStreams();
+    if (!isLive_) return readStreams(request.files);
+    nextRecording_ = 0;
+    liveTimer_.start();
 }
 
-void Document::readStreams()
+void Document::followLive()
+{
+    if (!isLive_) return liveTimer_.stop();
+    Q_EMIT packetsFound(packets_->size());
+    if (!reading_.streams && Clock::now().time_since_epoch().count() >= nextRecording_) readRecordedStreams();
+}
+
+void Document::readRecordedStreams()
+{
+    // Indexing costs the more the more there is, so it takes a tenth of the time at most.
+    static constexpr int pause = 10;
+    static constexpr auto leastPause = std::chrono::seconds(2);
+    const auto work = [this, packets = packets_, recorded = recorded_, keyLogs = keyLogs_](const Job::Context& context) {
+        const auto begin = Clock::now();
+        const QString problem = recorded->update(packets->capture());
+        auto session = Session::open({.files = {recorded->path().toStdString()}, .keyLogs = paths(keyLogs), .progress = {}, .stop = context.stop()});
+        const auto next = Clock::now() + std::max<Clock::duration>(leastPause, pause * (Clock::now() - begin));
+        context.deliver([this, problem, keyLogs, next, session = session ? std::shared_ptr<const Session>(*std::move(session)) : nullptr] {
+            nextRecording_ = next.time_since_epoch().count();
+            keyLogsInUse_ = keyLogs;
+            if (session) take(session);
+            endStreams();
+            tell(problem);
+        });
+    };
+    reading_.streams = std::make_unique<Job>(work, [this](const std::exception& problem) {
+        endStreams();
+        tell(QString::fromUtf8(problem.what()));
+    });
+}
+
+void Document::readStreams(const QStringList& files)
 {
     keyLogsInUse_ = keyLogs_;
-    const auto work = [this, files = paths(files_), keyLogs = paths(keyLogs_)](const Job::Context& context) {
+    const auto work = [this, files = paths(files), keyLogs = paths(keyLogs_)](const Job::Context& context) {
         auto session = Session::open({.files = files, .keyLogs = keyLogs, .progress = {}, .stop = context.stop()});
         // That a file cannot be opened any more is told, as all else is by the other pass.
         const QString problem = session ? QString() : QString::fromStdString(session.error().text());
@@ -131,6 +182,8 @@ void Document::take(std::shared_ptr<const Session> session)
 void Document::endPackets()
 {
     reading_.packets.reset();
+    // Once more, of all that came.
+    if (std::exchange(isLive_, false)) readRecordedStreams();
     if (!isReading()) Q_EMIT readingChanged(false);
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "app/desktop/Job.h"
+#include "app/desktop/RecordedFile.h"
 #include "app/session/PacketIndex.h"
 #include "app/session/Session.h"
 
@@ -25,6 +26,10 @@ public:
     /// Opens captures, read as one, in the place of what is open once they can be. Key logs, where some are named, take the
     /// place of the user's.
     void open(const QStringList& files, const QStringList& keyLogs = {});
+    /// Opens a capture that a pipe brings, which goes on until the pipe ends. `name` is what the user calls it.
+    void openLive(const QString& pipe, const QString& name);
+    /// Lets go of what is being opened and could not be yet.
+    void abandon();
     /// Uses key logs besides those that were named before.
     void addKeyLogs(const QStringList& keyLogs);
     /// Finds out by their content which files are key logs; opens the others and uses these.
@@ -35,6 +40,9 @@ public:
 
     /// Whether the capture goes on, packets coming as they pass an interface.
     bool isLive() const { return isLive_; }
+
+    /// A complete file with what was captured live; empty when nothing was.
+    QString recordedFile() const { return recorded_ ? recorded_->path() : QString(); }
 
     const QStringList& files() const { return files_; }
     const QStringList& keyLogs() const { return keyLogs_; }
@@ -74,9 +82,19 @@ private:
         std::unique_ptr<Job> streams;
     };
 
-    void readPackets(const QStringList& files, const QStringList& keyLogs);
-    void readStreams();
-    void replace(std::shared_ptr<const PacketIndex> packets, const QStringList& files, const QStringList& keyLogs);
+    /// What shall be opened.
+    struct Request {
+        QStringList files;
+        QStringList keyLogs;
+        QString liveName;  ///< of a capture that goes on; empty for files
+    };
+
+    void readPackets(const Request& request);
+    void readStreams(const QStringList& files);
+    /// Indexes the streams of what has been captured so far.
+    void readRecordedStreams();
+    void replace(std::shared_ptr<const PacketIndex> packets, const Request& request);
+    void followLive();
     void take(std::shared_ptr<const Session> session);
     void endPackets();
     void endStreams();
@@ -90,6 +108,9 @@ private:
     std::shared_ptr<const PacketIndex> packets_;
     std::shared_ptr<const Session> session_;
     bool isLive_ = false;
+    std::shared_ptr<RecordedFile> recorded_;
+    QTimer liveTimer_;         ///< between two looks at what came
+    qint64 nextRecording_ = 0; ///< when the streams are indexed again, on the steady clock
     Reading reading_;
     std::unique_ptr<Job> sorting_;      ///< of dropped files
     std::unique_ptr<Job> examining_;    ///< of key logs

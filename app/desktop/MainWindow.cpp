@@ -5,6 +5,7 @@
 #include "app/desktop/MessageBar.h"
 #include "app/desktop/SettingsDialog.h"
 #include "app/desktop/ShownText.h"
+#include "app/desktop/StreamTabs.h"
 #include "app/desktop/WindowMemory.h"
 #include "app/desktop/views/PacketsView.h"
 #include "app/desktop/views/WelcomeView.h"
@@ -13,6 +14,7 @@
 #include <QApplication>
 #include <QClipboard>
 #include <QDragEnterEvent>
+#include <QFile>
 #include <QFileDialog>
 #include <QFileInfo>
 #include <QLabel>
@@ -93,10 +95,8 @@ void MainWindow::addViews()
         tabs_->setCurrentWidget(packets_);
         packets_->showPacket(number);
     });
-    // Streams, exchanges and conversations:
-    //     tabs_->addTab(new StreamsView(document_, this), tr("Streams"));
-    //     tabs_->addTab(new ExchangesView(document_, this), tr("Exchanges"));
-    //     addExportActions(*exportMenu_, document_);
+    auto* const streams = new StreamTabs(document_, *tabs_, *packets_, *exportMenu_);
+    connect(streams, &StreamTabs::done, this, [this](const QString& sentence) { statusBar()->showMessage(sentence, 20'000); });
     for (int tab = 0; tab < tabs_->count(); ++tab) {
         QAction* const action = new QAction(tabs_->tabText(tab), this);
         action->setShortcut(QKeySequence(Qt::CTRL | static_cast<Qt::Key>(Qt::Key_1 + tab)));
@@ -111,14 +111,23 @@ void MainWindow::addViews()
 
 void MainWindow::followDocument()
 {
+    // What is opened takes the place of what is being captured.
+    connect(&document_, &Document::replaced, this, [this] {
+        if (document_.isLive())
+            recording_.noteArrival();
+        else
+            recording_.stop();
+    });
     connect(&document_, &Document::failed, messages_, &MessageBar::tell);
     connect(&document_, &Document::replaced, this, [this] {
-        messages_->clear();
+        // What was told of the capture before; at the start it may be of plug-ins.
+        if (pages_->currentWidget() == tabs_) messages_->clear();
         pages_->setCurrentWidget(tabs_);
+        packets_->table().setFocus();
         QStringList names;
         for (const QString& file : document_.files()) {
             names.append(QFileInfo(file).fileName());
-            WindowMemory::addRecentFile(file);
+            if (!document_.isLive()) WindowMemory::addRecentFile(file);
         }
         updateRecentFiles();
         setWindowTitle(shownText(names.join(QLatin1String(", ")).toStdString()));
@@ -191,7 +200,46 @@ void MainWindow::makeViewMenu()
     }
 }
 
-void MainWindow::makeCaptureMenu() { menuBar()->addMenu(tr("&Capture")); }
+void MainWindow::makeCaptureMenu()
+{
+    QMenu* const menu = menuBar()->addMenu(tr("&Capture"));
+    QMenu* const start = menu->addMenu(tr("&Start"));
+    QAction* const stop = menu->addAction(tr("S&top"), QKeySequence(Qt::CTRL | Qt::Key_E), &recording_, &LiveRecording::stop);
+    menu->addSeparator();
+    QAction* const save = menu->addAction(tr("Save &Packets As…"), QKeySequence::SaveAs, this, &MainWindow::saveRecorded);
+    const auto update = [this, start, stop, save] {
+        start->setEnabled(!recording_.isRunning());
+        stop->setEnabled(recording_.isRunning());
+        save->setEnabled(!document_.recordedFile().isEmpty() && !recording_.isRunning());
+    };
+    update();
+    connect(menu, &QMenu::aboutToShow, this, update);
+    connect(start, &QMenu::aboutToShow, this, [this, start] {
+        start->clear();
+        for (const QString& interface : LiveRecording::interfaces())
+            start->addAction(withoutMnemonic(interface), this, [this, interface] { recording_.start(interface); });
+    });
+    connect(&recording_, &LiveRecording::started, this, [this, stop, update](const QString& pipe) {
+        document_.openLive(pipe, recording_.interface());
+        update();
+        stop->setEnabled(true);
+    });
+    connect(&recording_, &LiveRecording::ended, this, [this, update](const QString& problem, bool wasEmpty) {
+        if (wasEmpty) document_.abandon();
+        document_.tell(problem);
+        update();
+    });
+}
+
+void MainWindow::saveRecorded()
+{
+    const QString name = QFileDialog::getSaveFileName(this, tr("Save Packets"), recording_.interface() + QStringLiteral(".pcap"));
+    if (name.isEmpty()) return;
+    // The dialog has asked about a file that is there.
+    QFile::remove(name);
+    QFile recorded(document_.recordedFile());
+    if (!recorded.copy(name)) document_.tell(QStringLiteral("%1: %2").arg(name, recorded.errorString()));
+}
 
 void MainWindow::makeHelpMenu()
 {
@@ -215,7 +263,10 @@ void MainWindow::makeStatusBar()
     statusBar()->addPermanentWidget(cancel_);
     progress_->hide();
     cancel_->hide();
-    connect(cancel_, &QToolButton::clicked, &document_, &Document::cancel);
+    connect(cancel_, &QToolButton::clicked, this, [this] {
+        recording_.stop();
+        document_.cancel();
+    });
 }
 
 void MainWindow::updateRecentFiles()

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "app/desktop/Document.h"
+#include "app/desktop/LiveRecording.h"
 
 #include <QMainWindow>
 #include <QPointer>
@@ -32,6 +33,7 @@ public:
     QTabWidget& tabs() { return *tabs_; }
     MessageBar& messages() { return *messages_; }
     PacketsView& packets() { return *packets_; }
+    LiveRecording& recording() { return recording_; }
 
     /// Copies what is chosen in the view that has the focus.
     void copy();
@@ -56,10 +58,12 @@ private:
     void updateRecentFiles();
     void chooseCaptures();
     void chooseKeyLogs();
+    void saveRecorded();
     void remember() const;
     void recall();
 
     Document document_;
+    LiveRecording recording_;
     MessageBar* messages_;
     QStackedWidget* pages_;
     WelcomeView* welcome_;

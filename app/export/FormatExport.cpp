@@ -37,4 +37,27 @@ void exportStreams(const Session& session, const std::vector<std::int64_t>& stre
     exporter->end(write);
 }
 
+std::optional<std::string> exportedText(const TCPStream& stream, const StreamInterpretation& interpretation, const StreamExportFormat& format)
+{
+    constexpr std::size_t longest = 16 * 1'024 * 1'024;
+    std::string text;
+    const StreamExporter::Write write = [&](DataView bytes) {
+        text += bytes.text();
+        return text.size() <= longest;
+    };
+    const auto written = [&](bool hasStream) {
+        text.clear();
+        const auto exporter = format.create();
+        exporter->begin(write);
+        if (hasStream) exporter->add({.stream = stream, .interpretation = interpretation}, write);
+        exporter->end(write);
+        return text;
+    };
+    // A format may have a frame, which is there also when nothing is in it.
+    const std::string frame = written(false);
+    std::string all = written(true);
+    if (all == frame) return std::string();
+    return all.size() > longest ? std::nullopt : std::optional(std::move(all));
+}
+
 }  // namespace sealscope

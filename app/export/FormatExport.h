@@ -6,7 +6,9 @@
 #include "host/VELModels/VELExporting.h"
 
 #include <cstdint>
+#include <optional>
 #include <stop_token>
+#include <string>
 #include <vector>
 
 namespace sealscope {
@@ -15,5 +17,9 @@ namespace sealscope {
 /// them. Ends early, with a whole file, when it shall stop; how writing went the file tells.
 void exportStreams(const Session& session, const std::vector<std::int64_t>& streams, const StreamExportFormat& format, OutputFile& file,
                    const std::stop_token& stop);
+
+/// What a format makes of one stream alone, or of some of its messages, as text; nothing when it is longer than a clipboard should hold.
+/// Empty when the format finds nothing in it that it writes about.
+std::optional<std::string> exportedText(const TCPStream& stream, const StreamInterpretation& interpretation, const StreamExportFormat& format);
 
 }  // namespace sealscope

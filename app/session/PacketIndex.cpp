@@ -3,7 +3,10 @@
 
 #include <algorithm>
 #include <any>
+#include <exception>
+#include <fmt/format.h>
 #include <limits>
+#include <new>
 #include <string_view>
 
 namespace sealscope {
@@ -42,13 +45,24 @@ bool PacketIndex::read(std::int64_t packets)
             entry.path = pathOf(segment_);
             entry.payloadAddress = segment_.payloadAddress;
             entry.payloadLength = segment_.payloadAddress < 0 ? 0 : static_cast<std::uint32_t>(segment_.payload.size());
-            if (entry.payloadLength > 0)
-                if (const PacketMatch match = analyzers_.match(segment_.payload))
-                    entry.plugIn = static_cast<std::uint8_t>(match.plugIn - analyzers_.plugIns().data());
+            if (entry.payloadLength > 0) entry.plugIn = recognize(segment_.payload, packet_.number);
         }
         if (!entries_.append(entry)) return false;
     }
     return true;
+}
+
+std::uint8_t PacketIndex::recognize(DataView payload, std::int64_t packet)
+{
+    try {
+        if (const PacketMatch match = analyzers_.match(payload))
+            return static_cast<std::uint8_t>(match.plugIn - analyzers_.plugIns().data());
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (const std::exception& problem) {
+        if (plugInProblem_.empty()) plugInProblem_ = fmt::format("packet {}: a plug-in failed: {}", packet, problem.what());
+    }
+    return PacketEntry::unrecognized;
 }
 
 std::uint32_t PacketIndex::pathOf(const TCPPacket& segment)

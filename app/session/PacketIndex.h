@@ -45,6 +45,8 @@ public:
     /// To be asked when all was read.
     const std::vector<CaptureError>& errors() const { return capture_->errors(); }
     const DecoderNotes& notes() const { return decoder_.notes(); }
+    /// What the first packet told on which a plug-in failed, as a sentence; empty when none did.
+    const std::string& plugInProblem() const { return plugInProblem_; }
 
     /// Packets that were read. Packet N stands at position N - 1.
     std::int64_t size() const { return entries_.size(); }
@@ -66,12 +68,15 @@ private:
 
     explicit PacketIndex(std::shared_ptr<Capture> capture);
     std::uint32_t pathOf(const TCPPacket& segment);
+    /// The position of the plug-in that accepts a payload; one that fails on it counts as one that does not.
+    std::uint8_t recognize(DataView payload, std::int64_t packet);
 
     std::shared_ptr<Capture> capture_;
     PacketAnalyzers analyzers_;
     PacketDecoder decoder_;
     CapturedPacket packet_;
     TCPPacket segment_;
+    std::string plugInProblem_;
     GrowingList<PacketEntry> entries_;
     GrowingList<Path> paths_;
     absl::flat_hash_map<Path, std::uint32_t, PathHash> pathNumbers_;

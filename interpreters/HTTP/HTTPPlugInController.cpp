@@ -3,6 +3,7 @@
 
 #include "host/VELDependencies/VELPlugInBundle.h"
 #include "host/VELModels/VELPlugInsController.h"
+#include "interpreters/HTTP/CurlExporter.h"
 #include "interpreters/HTTP/HARExporter.h"
 #include "interpreters/HTTP/HTTP1Interpreter.h"
 #include "interpreters/HTTP/HTTP2Interpreter.h"
@@ -41,7 +42,7 @@ HTTPPlugInController::HTTPPlugInController()
     };
     structure.plugInStreamInterpreters = {VELStreamInterpreting::type<HTTP2Interpreter>(), VELStreamInterpreting::type<HTTP1Interpreter>(),
                                           VELStreamInterpreting::type<WebSocketInterpreter>()};
-    structure.plugInExportFormats = {&HARExporter::format};
+    structure.plugInExportFormats = {&HARExporter::format, &CurlExporter::format};
     structure.plugInTargetProtocols = {{.id = UUID::random(), .protocolName = "HTTP"}};
     VELPlugInsController::sharedManager().registerVELPlugIn(std::move(structure), plugInBundle());
 }

@@ -26,7 +26,10 @@ void writeToStandardError(std::string_view text)
 
 void complain(std::string_view sentence)
 {
-    const std::string line = "sealscope: " + displaySafe(sentence) + '\n';
+    std::string line = "sealscope: " + displaySafe(sentence);
+    // What the library says of a file that stays; what to do about it is an option here.
+    if (sentence.ends_with(": exists already")) line += "; --force replaces it";
+    line += '\n';
     if (isHolding) {
         held += line;
         return;

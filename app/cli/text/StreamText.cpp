@@ -4,6 +4,7 @@
 #include "app/texts/DisplayText.h"
 #include "app/cli/text/HexDump.h"
 #include "app/texts/TimeText.h"
+#include "app/records/StreamFacts.h"
 #include "platform/UTF8.h"
 
 #include <algorithm>
@@ -48,18 +49,8 @@ public:
         text_ += "  ";
         time_.appendDateAndClock(text_, summary.startTime);
         text_ += '\n';
-        std::string facts(heading.interpreter);
-        if (const auto& report = heading.report) {
-            if (report->version) facts = report->versionName;
-            if (report->cipherSuite) facts += ", " + report->cipherSuiteName;
-            if (report->serverName && !report->serverName->empty()) facts = *report->serverName + ", " + facts;
-        }
-        facts += fmt::format(", {} bytes sent, {} received", summary.clientBytes, summary.serverBytes);
-        if (summary.missingBytes > 0) facts += fmt::format(", {} missing", summary.missingBytes);
-        if (summary.contradictingBytes > 0) facts += fmt::format(", {} retransmitted otherwise", summary.contradictingBytes);
-        if (summary.restarts > 0) facts += fmt::format(", {} jumps in the sequence numbers", summary.restarts);
         text_.append(2, ' ');
-        styled(Style::faint, displaySafe(facts));
+        styled(Style::faint, displaySafe(streamFacts(summary, heading.interpreter, heading.report)));
         text_ += '\n';
     }
 

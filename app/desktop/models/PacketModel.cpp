@@ -190,7 +190,7 @@ PacketModel::RowTexts PacketModel::makeTexts(qint64 position) const
     texts.columns[source] = QString::fromStdString(row.source.text());
     texts.columns[destination] = QString::fromStdString(row.destination.text());
     if (!row.match) {
-        info = tr("TCP, %n bytes of data", nullptr, static_cast<int>(entry.payloadLength));
+        info = entry.payloadLength == 0 ? tr("TCP, no data") : tr("TCP, %n bytes of data", nullptr, static_cast<int>(entry.payloadLength));
         return texts;
     }
     for (const PacketPlugIn::Column& column : row.match.plugIn->columns)

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/desktop/models/RowFilter.h"
 
+#include <exception>
+
 namespace sealscope::desktop {
 
 RowFilter RowFilter::prepared() const
@@ -21,7 +23,11 @@ bool RowFilter::accepts(const PacketIndex& packets, std::int64_t position) const
     if (text.empty()) return true;
     const bool isOfColumn = !kind.title.empty();
     if (isOfColumn && (!isRecognized || entry.plugIn != kind.plugIn)) return false;
-    return acceptsText(packets.row(position));
+    try {
+        return acceptsText(packets.row(position));
+    } catch (const std::exception&) {
+        return false;  // a plug-in that fails on a packet says nothing about it
+    }
 }
 
 bool RowFilter::acceptsText(const PacketRow& row) const

@@ -28,6 +28,13 @@ QString clockText(double time)
     return QString::fromStdString(text.substr(0, TimeText::clockWidth - 3));
 }
 
+/// A duration that may be a very short one.
+QString spanText(double seconds)
+{
+    if (seconds > 0 && seconds < 0.0005) return QStringLiteral("%1 µs").arg(seconds * 1e6, 0, 'f', seconds < 1e-5 ? 1 : 0);
+    return QString::fromStdString(durationText(seconds));
+}
+
 }  // namespace
 
 ActivityChart::ActivityChart(Document& document, QWidget* parent) : QWidget(parent), document_(document)
@@ -178,14 +185,14 @@ void ActivityChart::paintTexts(QPainter& painter, const QRectF& area) const
     const QRectF above(area.left(), 2, area.width(), fontMetrics().height()), below(area.left(), area.bottom() + 2, area.width(), fontMetrics().height());
     const QString most = tr("at most %1 and %2 packets in %3")
                              .arg(QString::fromStdString(sizeText(highest.bytes)), locale().toString(qlonglong{highest.packets}),
-                                  QString::fromStdString(durationText(span)));
+                                  spanText(span));
     QString legend = tr("■ bytes   ━ packets");
     if (times_) legend += QStringLiteral("   ") + tr("(Esc shows all)");
     if (fontMetrics().horizontalAdvance(most + legend) + 20 < area.width()) painter.drawText(above, Qt::AlignRight, most);
     painter.drawText(above, Qt::AlignLeft, legend);
     painter.drawText(below, Qt::AlignLeft, clockText(bins_.start));
     painter.drawText(below, Qt::AlignRight, clockText(bins_.end));
-    painter.drawText(below, Qt::AlignHCenter, QString::fromStdString(durationText(bins_.duration())));
+    painter.drawText(below, Qt::AlignHCenter, spanText(bins_.duration()));
 }
 
 void ActivityChart::resizeEvent(QResizeEvent* event)

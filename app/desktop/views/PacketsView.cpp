@@ -16,6 +16,7 @@
 #include <QLocale>
 #include <QScrollBar>
 #include <QSplitter>
+#include <QStyledItemDelegate>
 #include <QTableView>
 #include <QToolButton>
 #include <QTreeView>
@@ -24,6 +25,19 @@
 namespace sealscope::desktop {
 
 namespace {
+
+/// Keeps numbers, which stand at the right of their column, apart from the column behind.
+class NumberDelegate final : public QStyledItemDelegate {
+public:
+    using QStyledItemDelegate::QStyledItemDelegate;
+
+protected:
+    void initStyleOption(QStyleOptionViewItem* option, const QModelIndex& index) const override
+    {
+        QStyledItemDelegate::initStyleOption(option, index);
+        option->text += QStringLiteral("  ");
+    }
+};
 
 constexpr int typingPause = 180;  ///< milliseconds
 constexpr int stateVersion = 1;
@@ -106,6 +120,7 @@ void PacketsView::makeTable()
     table_->setWordWrap(false);
     table_->setTextElideMode(Qt::ElideRight);
     table_->setVerticalScrollMode(QAbstractItemView::ScrollPerItem);
+    table_->setItemDelegateForColumn(PacketModel::number, new NumberDelegate(table_));
     table_->verticalHeader()->hide();
     table_->verticalHeader()->setSectionResizeMode(QHeaderView::Fixed);
     table_->verticalHeader()->setDefaultSectionSize(table_->fontMetrics().height() + 6);
@@ -126,6 +141,8 @@ void PacketsView::makeTable()
         if (!hasSizedColumns_) sizeColumns();
         if (followsEnd_) table_->scrollToBottom();
         choosePending();
+        // Something to look at from the start.
+        if (!table_->currentIndex().isValid() && pending_ < 0 && !document_.isLive()) table_->setCurrentIndex(model_->index(0, 0));
         showSummary();
     });
 }
@@ -244,9 +261,20 @@ void PacketsView::showRow(const QModelIndex& index)
     }
     fieldModel_->setNodes(std::move(nodes));
     bytes_->setBytes(std::move(bytes));
-    // The fields that one wants to see first, and no more than a screen of them.
-    constexpr int mostExpanded = 8;
-    for (int row = 0; row < std::min(fieldModel_->rowCount(), mostExpanded); ++row) fields_->expand(fieldModel_->index(row, 0));
+    expand({}, 0);
+}
+
+void PacketsView::expand(const QModelIndex& parent, int depth)
+{
+    // The fields that one wants to see first: those of a few messages, and not the items of long lists.
+    constexpr int mostExpanded = 8, deepest = 3;
+    if (fieldModel_->rowCount(parent) > mostExpanded && depth > 0) return;
+    for (int row = 0; row < std::min(fieldModel_->rowCount(parent), mostExpanded); ++row) {
+        const QModelIndex field = fieldModel_->index(row, 0, parent);
+        if (!fieldModel_->hasChildren(field)) continue;
+        fields_->expand(field);
+        if (depth + 1 < deepest) expand(field, depth + 1);
+    }
 }
 
 void PacketsView::showSummary()

@@ -58,6 +58,8 @@ private:
     void applyFilter();
     void choosePending();
     void showRow(const QModelIndex& index);
+    /// Expands what is below a field as far as one wants to see it first.
+    void expand(const QModelIndex& parent, int depth);
     void showSummary();
     void sizeColumns();
 

@@ -68,10 +68,14 @@ Qt::Alignment alignmentOf(VerticalAlignment alignment)
     return {};
 }
 
-/// What takes all the width it is given.
+/// What takes all the width it is given, or holds something that does.
 bool isWide(const AnyView& view)
 {
-    return view.style().fillsWidth || std::holds_alternative<TextField>(view.content()) || std::holds_alternative<Text>(view.content());
+    if (view.style().fillsWidth || std::holds_alternative<TextField>(view.content()) || std::holds_alternative<Text>(view.content()))
+        return true;
+    if (const auto* column = std::get_if<VStack>(&view.content())) return std::ranges::any_of(column->children, isWide);
+    const auto* const row = std::get_if<HStack>(&view.content());
+    return row && std::ranges::any_of(row->children, isWide);
 }
 
 struct Builder {
@@ -87,7 +91,7 @@ struct Builder {
         layout->setSpacing(static_cast<int>(stack.spacing));
         for (const AnyView& child : stack.children)
             if (QWidget* const made = makeWidget(child))
-                layout->addWidget(made, 0, isWide(child) || hasWideChild(child) ? Qt::Alignment() : alignmentOf(stack.alignment));
+                layout->addWidget(made, 0, isWide(child) ? Qt::Alignment() : alignmentOf(stack.alignment));
         return widget;
     }
 
@@ -171,13 +175,6 @@ struct Builder {
         });
         follow(button, well.color, show);
         return button;
-    }
-
-private:
-    static bool hasWideChild(const AnyView& child)
-    {
-        const auto* const row = std::get_if<HStack>(&child.content());
-        return row && std::ranges::any_of(row->children, isWide);
     }
 };
 

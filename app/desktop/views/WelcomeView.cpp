@@ -9,6 +9,7 @@
 #include <QIcon>
 #include <QLabel>
 #include <QPushButton>
+#include <QStyle>
 #include <QVBoxLayout>
 
 namespace sealscope::desktop {
@@ -31,6 +32,7 @@ WelcomeView::WelcomeView(QWidget* parent) : QWidget(parent), list_(new QWidget),
     hint->setTextFormat(Qt::PlainText);
     hint->setForegroundRole(QPalette::PlaceholderText);
     auto* const open = new QPushButton(tr("Open a Capture…"));
+    open->setMinimumSize(180, open->sizeHint().height() + 8);
     connect(open, &QPushButton::clicked, this, &WelcomeView::openWanted);
     entries_->setContentsMargins(0, 12, 0, 0);
     entries_->setSpacing(0);
@@ -58,6 +60,7 @@ void WelcomeView::setRecentFiles(const QStringList& files)
         const QFileInfo info(file);
         auto* const entry =
             new QCommandLinkButton(shownText(info.fileName().toStdString()).replace(QLatin1Char('&'), QLatin1String("&&")));
+        entry->setIcon(style()->standardIcon(QStyle::SP_FileIcon));
         entry->setDescription(fontMetrics().elidedText(shownText(info.path().toStdString()), Qt::ElideMiddle, contentWidth - 60));
         connect(entry, &QCommandLinkButton::clicked, this, [this, file] { Q_EMIT fileWanted(file); });
         entries_->addWidget(entry);

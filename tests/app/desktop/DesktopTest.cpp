@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tests/app/desktop/DesktopTest.h"
 
+#include "app/desktop/Program.h"
 #include "app/plugins/PlugInLoader.h"
 #include "harness/TempDirectory.h"
 
@@ -9,13 +10,17 @@
 
 namespace sealscope::desktop {
 
-void DesktopTest::SetUpTestSuite()
+void prepareForTests()
 {
     static const TempDirectory settings;
     for (const char* variable : {"XDG_CONFIG_HOME", "XDG_DATA_HOME"}) setenv(variable, settings.path().c_str(), 1);
     for (const char* variable : {"SSLKEYLOGFILE", "SEALSCOPE_PLUGIN_PATH"}) unsetenv(variable);
-    if (PlugInLoader::loaded().empty()) PlugInLoader::load({});
+    if (!PlugInLoader::loaded().empty()) return;
+    prepareApplication();
+    PlugInLoader::load({});
 }
+
+void DesktopTest::SetUpTestSuite() { prepareForTests(); }
 
 QString sourceFile(const char* path) { return QStringLiteral(SEALSCOPE_SOURCE_DIR "/") + QString::fromUtf8(path); }
 
@@ -33,12 +38,3 @@ testing::AssertionResult opens(Document& document, const QStringList& files, con
 }
 
 }  // namespace sealscope::desktop
-
-int main(int argumentCount, char** arguments)
-{
-    testing::InitGoogleTest(&argumentCount, arguments);
-    QApplication application(argumentCount, arguments);
-    const int status = RUN_ALL_TESTS();
-    sealscope::desktop::Job::waitForAll();
-    return status;
-}

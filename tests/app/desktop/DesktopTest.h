@@ -10,6 +10,9 @@
 
 namespace sealscope::desktop {
 
+/// Loads the plug-ins, and gives the program settings of its own. Needs the application.
+void prepareForTests();
+
 /// A test with plug-ins, and with settings of its own.
 class DesktopTest : public testing::Test {
 protected:
