@@ -39,7 +39,7 @@ public:
         settleClients(capture_, connections);
         connections_ = connections;
         measured_ = std::make_unique<Measured[]>(static_cast<std::size_t>(connections_->size()));
-        const auto secrets = std::make_shared<const KeyLogSources>(capture_->takeEmbeddedKeyLog(), options.keyLogs);
+        const auto secrets = std::make_shared<const KeyLogSources>(capture_->takeEmbeddedKeyLog(), options.keyLogs, options.privateKeys);
         plugIns_ = std::make_unique<const SessionPlugIns>(secrets, options.plugIns);
     }
 

@@ -24,6 +24,8 @@ struct SessionOptions {
     bool keepsEveryBlock = false;  ///< see `CaptureOptions`; for who copies the capture
     /// Key logs that take the place of the user's.
     std::vector<std::string> keyLogs;
+    /// Of servers, beside the key logs.
+    std::vector<PrivateKey> privateKeys;
     PlugInOptions plugIns;
     /// Called now and then while the capture is indexed, with bytes read and bytes in all (negative when unknown).
     std::function<void(std::int64_t, std::int64_t)> progress;

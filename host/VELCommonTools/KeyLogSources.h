@@ -2,6 +2,7 @@
 #pragma once
 
 #include "host/VELCommonTools/MergedKeylog.h"
+#include "platform/PrivateKey.h"
 #include "platform/SecretMemory.h"
 
 #include <atomic>
@@ -13,11 +14,12 @@
 namespace sealscope SEALSCOPE_API {
 
 /// Where the secrets of one session come from: what its capture carries, the managed key log, and the files named for it, or else
-/// the user's. Belongs to no process-wide state, so that two sessions never share a secret. Any thread may ask.
+/// the user's; and the private keys of servers, which are no key log. Belongs to no process-wide state, so that two sessions never share a
+/// secret. Any thread may ask.
 class KeyLogSources {
 public:
     /// `files` take the place of the file that the user chose and of `SSLKEYLOGFILE`; later sources win.
-    KeyLogSources(SecretText embedded, std::vector<std::string> files);
+    KeyLogSources(SecretText embedded, std::vector<std::string> files, std::vector<PrivateKey> privateKeys = {});
 
     /// Counts the states of the sources: another number says that what they hold may have changed. A file is looked at twice a
     /// second at the most, so asking costs next to nothing.
@@ -26,6 +28,8 @@ public:
     SecretText text() const;
     /// The files among them, in the order of their texts.
     std::vector<MergedKeylog::Source> files() const;
+    /// Of servers whose clients encrypt a secret to their certificates.
+    const std::vector<PrivateKey>& privateKeys() const { return privateKeys_; }
     bool hasEmbeddedSecrets() const { return !embedded_.empty(); }
 
     KeyLogSources(const KeyLogSources&) = delete;
@@ -34,6 +38,7 @@ public:
 private:
     const SecretText embedded_;
     const std::vector<std::string> named_;
+    const std::vector<PrivateKey> privateKeys_;
     mutable std::atomic<std::int64_t> nextLook_ = 0;  ///< on the steady clock, in nanoseconds
     mutable std::atomic<std::uint64_t> generation_ = 0;
     mutable std::mutex mutex_;  ///< guards signature_
