@@ -12,7 +12,7 @@ _sealscope() {
         word=${COMP_WORDS[index]}
         case $word in
             -k | --keylog | -f | --filter | -n | --count | --packet | --stream | -o | --output | --pcap | --inject-secrets | \
-                --strip-secrets | --reach | --largest-body | -i | --interface | -w | --write | --plugin-path | --color | --memory) ((index++)) ;;
+                --strip-secrets | --private-key | --passphrase-file | --gaps | --reach | --largest-body | -i | --interface | -w | --write | --plugin-path | --color | --memory) ((index++)) ;;
             -*) ;;
             *)
                 command=$word
@@ -30,6 +30,10 @@ _sealscope() {
             mapfile -t COMPREPLY < <(compgen -W "full strict" -- "$current")
             return
             ;;
+        --gaps)
+            mapfile -t COMPREPLY < <(compgen -W "zeros skip mark" -- "$current")
+            return
+            ;;
         -i | --interface)
             mapfile -t COMPREPLY < <(compgen -W "$(ls /sys/class/net 2>/dev/null)" -- "$current")
             return
@@ -39,7 +43,7 @@ _sealscope() {
             mapfile -t COMPREPLY < <(compgen -d -- "$current")
             return
             ;;
-        -k | --keylog | --pcap | --inject-secrets | --strip-secrets | -w | --write)
+        -k | --keylog | --private-key | --passphrase-file | --pcap | --inject-secrets | --strip-secrets | -w | --write)
             compopt -o filenames
             mapfile -t COMPREPLY < <(compgen -f -- "$current")
             return
@@ -71,14 +75,14 @@ _sealscope() {
         case $command in
             packets) words="--json --filter --count" ;;
             tree) words="--packet --hex --json --filter --count" ;;
-            streams) words="--keylog --reach --stream --json --filter --count" ;;
-            decrypt) words="--keylog --reach --stream --output --pcap --inject-secrets --strip-secrets --force --filter --count --json" ;;
-            exchanges) words="--keylog --reach --stream --largest-body --json --filter --count" ;;
-            objects) words="--keylog --reach --stream --output --force --largest-body --json --filter --count" ;;
-            export) words="--keylog --reach --stream --output --force --largest-body --json --filter --count" ;;
+            streams) words="--keylog --private-key --passphrase-file --reach --stream --json --filter --count" ;;
+            decrypt) words="--keylog --private-key --passphrase-file --reach --stream --output --pcap --inject-secrets --strip-secrets --gaps --force --filter --count --json" ;;
+            exchanges) words="--keylog --private-key --passphrase-file --reach --stream --largest-body --json --filter --count" ;;
+            objects) words="--keylog --private-key --passphrase-file --reach --stream --output --force --largest-body --json --filter --count" ;;
+            export) words="--keylog --private-key --passphrase-file --reach --stream --output --force --largest-body --json --filter --count" ;;
             live) words="--interface --follow --exchanges --keylog --largest-body --write --force --filter --count --json" ;;
             plugins | settings) words="--json" ;;
-            *) words="--keylog --reach --stream --no-interpreters --bodies --largest-body --json --filter --count" ;;
+            *) words="--keylog --private-key --passphrase-file --reach --stream --no-interpreters --bodies --largest-body --json --filter --count" ;;
         esac
         mapfile -t COMPREPLY < <(compgen -W "$words $common" -- "$current")
         return

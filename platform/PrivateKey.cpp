@@ -6,8 +6,10 @@
 #include <cstring>
 #include <openssl/err.h>
 #include <openssl/evp.h>
+#include <openssl/objects.h>
 #include <openssl/pem.h>
 #include <openssl/pkcs12.h>
+#include <openssl/provider.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 #include <utility>
@@ -26,7 +28,7 @@ using PKCS12Pointer = std::unique_ptr<PKCS12, Release<PKCS12, PKCS12_free>>;
 using X509Pointer = std::unique_ptr<X509, Release<X509, X509_free>>;
 
 struct Asked {
-    const std::optional<SecretText>& passphrase;
+    const std::optional<SecretBytes>& passphrase;
     bool wasAsked = false;
 };
 
@@ -39,9 +41,21 @@ int givePassphrase(char* buffer, int size, int, void* context)
     return static_cast<int>(asked.passphrase->size());
 }
 
+/// PKCS #12 as old programs write it is encrypted with ciphers of old, and its digests are everybody's; so both are together here.
+OSSL_LIB_CTX* contextOfStores()
+{
+    static OSSL_LIB_CTX* const context = [] {
+        OSSL_LIB_CTX* const made = OSSL_LIB_CTX_new();
+        for (const char* const name : {"default", "legacy"})
+            if (made) OSSL_PROVIDER_load(made, name);
+        return made;
+    }();
+    return context;
+}
+
 }  // namespace
 
-std::expected<PrivateKey, PrivateKey::Problem> PrivateKey::read(DataView file, const std::optional<SecretText>& passphrase)
+std::expected<PrivateKey, PrivateKey::Problem> PrivateKey::read(DataView file, const std::optional<SecretBytes>& passphrase)
 {
     if (file.size() > INT_MAX) return std::unexpected(Problem::noKey);
     const auto finished = [](Key key) -> std::expected<PrivateKey, Problem> {
@@ -56,13 +70,16 @@ std::expected<PrivateKey, PrivateKey::Problem> PrivateKey::read(DataView file, c
     if (asked.wasAsked) return std::unexpected(passphrase ? Problem::wrongPassphrase : Problem::needsPassphrase);
 
     const Input binary(BIO_new_mem_buf(file.data(), static_cast<int>(file.size())));
-    const PKCS12Pointer store(d2i_PKCS12_bio(binary.get(), nullptr));
+    PKCS12* store = PKCS12_init_ex(NID_pkcs7_data, contextOfStores(), nullptr);
+    const bool isStore = d2i_PKCS12_bio(binary.get(), &store) != nullptr;  // what is none is let go
+    const PKCS12Pointer heldStore(isStore ? store : nullptr);
     ERR_clear_error();
-    if (!store) return std::unexpected(Problem::noKey);
-    const char* const given = passphrase ? passphrase->c_str() : "";
+    if (!isStore) return std::unexpected(Problem::noKey);
+    SecretBytes given = passphrase.value_or(SecretBytes());
+    given.push_back(0);
     EVP_PKEY* key = nullptr;
     X509* certificate = nullptr;
-    const bool isOpen = PKCS12_parse(store.get(), given, &key, &certificate, nullptr) == 1;
+    const bool isOpen = PKCS12_parse(store, reinterpret_cast<const char*>(given.data()), &key, &certificate, nullptr) == 1;
     const Key held(key);
     const X509Pointer unused(certificate);
     ERR_clear_error();

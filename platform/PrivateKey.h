@@ -24,7 +24,7 @@ public:
         notRSA,
     };
     /// The key in a file's bytes: PEM, encrypted or not (RFC 7468 §10, §11), or PKCS #12 (RFC 7292).
-    static std::expected<PrivateKey, Problem> read(DataView file, const std::optional<SecretText>& passphrase);
+    static std::expected<PrivateKey, Problem> read(DataView file, const std::optional<SecretBytes>& passphrase);
 
     /// Decrypts by RSAES-PKCS1-v1_5 (RFC 8017 §7.2.2); nothing when it is not for this key.
     std::optional<SecretBytes> decrypt(DataView ciphertext) const;

@@ -16,6 +16,8 @@ namespace {
 
 constexpr OptionSpec specs[] = {
     {Option::keylog, 'k', "keylog", "FILE", "take secrets from FILE instead of the key log of the settings; may be given again"},
+    {Option::privateKey, 0, "private-key", "FILE", "open RSA key exchanges with a server's key (PEM, PKCS #12); may be given again"},
+    {Option::passphraseFile, 0, "passphrase-file", "FILE", "take the key's passphrase from the first line of FILE, and do not ask"},
     {Option::json, 0, "json", "", "print one JSON object a line"},
     {Option::filter, 'f', "filter", "EXPR", "only packets that a capture filter passes, as in \"tcp port 443\""},
     {Option::count, 'n', "count", "N", "stop after N packets"},
@@ -30,6 +32,7 @@ constexpr OptionSpec specs[] = {
     {Option::pcap, 0, "pcap", "OUT", "write the plaintext as a capture without TLS"},
     {Option::injectSecrets, 0, "inject-secrets", "OUT", "write the capture again, as pcapng with its secrets inside"},
     {Option::stripSecrets, 0, "strip-secrets", "OUT", "write the capture again, as pcapng without any secrets, for sharing"},
+    {Option::gaps, 0, "gaps", "HOW", "in place of lost bytes: zeros (the default), skip or mark"},
     {Option::force, 0, "force", "", "replace files that exist"},
     {Option::interface, 'i', "interface", "NAME", "capture from this network interface"},
     {Option::write, 'w', "write", "FILE", "keep the captured packets in FILE"},
@@ -104,6 +107,8 @@ std::string enter(Options& options, const OptionSpec& spec, std::string_view arg
     const auto number = [&](std::int64_t least) { return wholeNumber(argument, least); };
     switch (spec.option) {
     case Option::keylog: options.keylogs.emplace_back(argument); break;
+    case Option::privateKey: options.privateKeys.emplace_back(argument); break;
+    case Option::passphraseFile: options.passphraseFile = argument; break;
     case Option::json: options.json = true; break;
     case Option::filter: options.filter = argument; break;
     case Option::count:
@@ -142,6 +147,16 @@ std::string enter(Options& options, const OptionSpec& spec, std::string_view arg
     case Option::pcap: options.pcap = argument; break;
     case Option::injectSecrets: options.injectSecrets = argument; break;
     case Option::stripSecrets: options.stripSecrets = argument; break;
+    case Option::gaps:
+        if (argument == "zeros")
+            options.gaps = GapFilling::zeros;
+        else if (argument == "skip")
+            options.gaps = GapFilling::skip;
+        else if (argument == "mark")
+            options.gaps = GapFilling::mark;
+        else
+            return refuse("expected zeros, skip or mark");
+        break;
     case Option::force: options.force = true; break;
     case Option::interface: options.interface = argument; break;
     case Option::write: options.write = argument; break;

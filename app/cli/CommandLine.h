@@ -2,6 +2,7 @@
 #pragma once
 
 #include "app/cli/text/Terminal.h"
+#include "app/export/GapFilling.h"
 #include "host/VELModels/TLSDecryptionProbeRegistry.h"
 
 #include <cstdint>
@@ -20,6 +21,8 @@ struct Command;
 /// Every option of every command; `optionSpecs()` describes them.
 enum class Option : std::uint8_t {
     keylog,
+    privateKey,
+    passphraseFile,
     json,
     filter,
     count,
@@ -34,6 +37,7 @@ enum class Option : std::uint8_t {
     pcap,
     injectSecrets,
     stripSecrets,
+    gaps,
     force,
     interface,
     write,
@@ -83,6 +87,8 @@ struct Options {
     const Command* command = nullptr;
     std::vector<std::string> arguments;  ///< files, or the words of `settings`
     std::vector<std::string> keylogs;
+    std::vector<std::string> privateKeys;  ///< files
+    std::string passphraseFile;
     bool json = false;
     std::string filter;
     std::int64_t count = -1;  ///< negative for no limit
@@ -97,6 +103,7 @@ struct Options {
     std::string pcap;
     std::string injectSecrets;
     std::string stripSecrets;
+    GapFilling gaps = GapFilling::zeros;
     bool force = false;
     std::string interface;
     std::string write;

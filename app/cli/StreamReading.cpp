@@ -3,8 +3,9 @@
 
 #include "app/cli/CaptureReading.h"
 #include "app/cli/Interrupt.h"
-#include "app/cli/text/Messages.h"
+#include "app/cli/PrivateKeys.h"
 #include "app/cli/Progress.h"
+#include "app/cli/text/Messages.h"
 #include "app/records/VerdictSentence.h"
 #include "app/verdict/StreamVerdict.h"
 
@@ -34,21 +35,28 @@ ExitStatus complainAboutKeyLogs(const std::vector<std::string>& files)
 std::unique_ptr<Session> openSession(const CommandContext& context, ExitStatus& status)
 {
     const Options& options = context.options;
+    auto privateKeys = readPrivateKeys(options);
+    if (!privateKeys) {
+        status = failed;
+        return nullptr;
+    }
     catchInterrupts();
     context.confining.begin();
     std::unique_ptr<Session> session;
     {
         Progress progress("reading", !options.quiet);
-        auto opened = Session::open({.files = options.arguments,
-                                     .filter = options.filter,
-                                     .maximumPackets = options.command->countsRows ? -1 : options.count,
-                                     .keepsEveryBlock = !options.injectSecrets.empty() || !options.stripSecrets.empty(),
-                                     .keyLogs = options.keylogs,
-                                     .plugIns = {.reach = options.reach,
-                                                 .carried = options.noInterpreters ? CarriedStreams::shownAsBytes : CarriedStreams::interpreted,
-                                                 .largestDecodedBody = options.largestBody},
-                                     .progress = [&](std::int64_t done, std::int64_t total) { progress.show(done, total); },
-                                     .stop = interruption()});
+        auto opened =
+            Session::open({.files = options.arguments,
+                           .filter = options.filter,
+                           .maximumPackets = options.command->countsRows ? -1 : options.count,
+                           .keepsEveryBlock = !options.injectSecrets.empty() || !options.stripSecrets.empty(),
+                           .keyLogs = options.keylogs,
+                           .privateKeys = *std::move(privateKeys),
+                           .plugIns = {.reach = options.reach,
+                                       .carried = options.noInterpreters ? CarriedStreams::shownAsBytes : CarriedStreams::interpreted,
+                                       .largestDecodedBody = options.largestBody},
+                           .progress = [&](std::int64_t done, std::int64_t total) { progress.show(done, total); },
+                           .stop = interruption()});
         if (!opened) {
             status = complainAbout(opened.error());
             return nullptr;

@@ -11,6 +11,7 @@
 #include <limits>
 #include <numeric>
 #include <optional>
+#include <tuple>
 #include <utility>
 
 namespace sealscope {
@@ -257,6 +258,7 @@ void PlaintextCapture::Direction::add(DataView plaintext, const ByteLocation& lo
         segments_.push_back({.moment = last_,
                              .offset = std::ssize(bytes_),
                              .length = static_cast<std::uint32_t>(piece.size()),
+                             .passed = 0,
                              .connection = connection_,
                              .direction = direction_});
         bytes_.insert(bytes_.end(), piece.begin(), piece.end());
@@ -265,9 +267,22 @@ void PlaintextCapture::Direction::add(DataView plaintext, const ByteLocation& lo
     if (bytes_.size() >= spoolPiece) putDown();
 }
 
+void PlaintextCapture::Direction::addGap(std::int64_t zeros, std::int64_t passed)
+{
+    static constexpr std::array<std::uint8_t, 16'384> block{};
+    for (; zeros > 0; zeros -= std::ssize(block)) add(DataView(block).sub(0, zeros), {});
+    if (passed == 0) return;
+    segments_.push_back({.moment = last_,
+                         .offset = std::ssize(bytes_),
+                         .length = 0,
+                         .passed = static_cast<std::uint32_t>(passed),
+                         .connection = connection_,
+                         .direction = direction_});
+}
+
 void PlaintextCapture::Direction::putDown()
 {
-    if (bytes_.empty()) return;
+    if (segments_.empty()) return;
     const std::lock_guard lock(capture_.mutex_);
     if (const auto place = capture_.spool_->append(DataView(bytes_))) {
         for (Segment& segment : segments_) segment.offset += *place;
@@ -287,7 +302,8 @@ std::string PlaintextCapture::write(OutputFile& file, const std::stop_token& sto
         const Connection& connection = connections_[segment.connection];
         segment.moment = std::clamp(segment.moment, connection.start, connection.end);
     }
-    std::ranges::sort(segments_, {}, [](const Segment& segment) { return std::pair(segment.moment, segment.offset); });
+    // What is passed over stands where the bytes behind it begin.
+    std::ranges::sort(segments_, {}, [](const Segment& segment) { return std::tuple(segment.moment, segment.offset, segment.length); });
     std::vector<std::uint32_t> opening(connections_.size());
     std::iota(opening.begin(), opening.end(), std::uint32_t{0});
     std::vector<std::uint32_t> closing = opening;
@@ -335,8 +351,11 @@ std::string PlaintextCapture::write(OutputFile& file, const std::stop_token& sto
             send(opens, opens.start, client, ack);
         } else if (hasSegment) {
             const Segment& segment = *nextSegment++;
-            send(connections_[segment.connection], segment.moment, segment.direction, psh | ack,
-                 spool_->bytes(segment.offset, segment.length));
+            Connection& connection = connections_[segment.connection];
+            if (segment.length > 0)
+                send(connection, segment.moment, segment.direction, psh | ack, spool_->bytes(segment.offset, segment.length));
+            else
+                (segment.direction == client ? connection.clientNext : connection.serverNext) += segment.passed;
         } else {
             ++nextClosing;
             send(closes, closes.end, client, fin | ack);

@@ -29,7 +29,8 @@ class PlaintextCapture {
     struct Segment {
         Moment moment;
         std::int64_t offset = 0;  ///< of its bytes in the temporary file
-        std::uint32_t length = 0;
+        std::uint32_t length = 0;  ///< 0 where sequence numbers pass over bytes
+        std::uint32_t passed = 0;  ///< so many
         std::uint32_t connection = 0;
         TCPSegment::Direction direction = TCPSegment::Direction::clientToServer;
     };
@@ -59,6 +60,8 @@ public:
         ~Direction() { putDown(); }
         /// `location` is that of the record.
         void add(DataView plaintext, const ByteLocation& location);
+        /// In place of what was lost: zeros, and bytes that sequence numbers pass over without any packet.
+        void addGap(std::int64_t zeros, std::int64_t passed);
         Direction(const Direction&) = delete;
         Direction& operator=(const Direction&) = delete;
 

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <memory>
 #include <oneapi/tbb/parallel_pipeline.h>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -20,6 +21,7 @@ public:
     struct Record {
         std::int64_t length = 0;  ///< of its plaintext
         ByteRange body;           ///< in the captured direction
+        std::optional<PlaintextGap> gap;  ///< in front of it
     };
 
     /// Takes the next records of a reader in place of those before, until about `wanted` bytes are there.
@@ -32,22 +34,26 @@ public:
         }
         size_ = 0;
         records_.clear();
+        hasGaps_ = false;
         while (size_ < wanted) {
             const auto record = reader.next({buffer_.get() + size_, static_cast<std::size_t>(PlaintextReader::largestRecord)});
             if (!record) return;
             size_ += record->plaintext.size();
-            records_.push_back({record->plaintext.size(), record->body});
+            records_.push_back({record->plaintext.size(), record->body, record->gap});
+            hasGaps_ = hasGaps_ || record->gap;
         }
     }
 
     DataView bytes() const { return {buffer_.get(), size_}; }
     const std::vector<Record>& records() const { return records_; }
+    bool hasGaps() const { return hasGaps_; }
 
 private:
     std::unique_ptr<std::uint8_t[]> buffer_;
     std::int64_t room_ = 0;
     std::int64_t size_ = 0;
     std::vector<Record> records_;
+    bool hasGaps_ = false;
 };
 
 /// Hands the plaintext of a direction of `size` captured bytes to `take`, which ends everything by giving false. Of a large

@@ -4,6 +4,7 @@
 #include "app/export/PlaintextPacks.h"
 #include "platform/OutputFile.h"
 
+#include <array>
 #include <filesystem>
 #include <fmt/format.h>
 #include <memory>
@@ -11,6 +12,16 @@
 #include <utility>
 
 namespace sealscope {
+
+namespace {
+
+void writeZeros(OutputFile& file, std::int64_t count)
+{
+    static constexpr std::array<std::uint8_t, 65'536> zeros{};
+    for (; count > 0; count -= std::ssize(zeros)) file.write(DataView(zeros).sub(0, count));
+}
+
+}  // namespace
 
 OpenedStream StreamDecryptor::open(std::int64_t number) const
 {
@@ -29,6 +40,9 @@ OpenedStream StreamDecryptor::open(std::int64_t number) const
     } else if (auto& report = opened.verdict->report) {
         report->client = *opened.client.report;
         report->server = *opened.server.report;
+        const OpenedDirection& farther = opened.client.reach > opened.server.reach ? opened.client : opened.server;
+        opened.verdict->probe = farther.probe;
+        opened.verdict->reach = farther.reach;
     }
     return opened;
 }
@@ -37,8 +51,11 @@ OpenedDirection StreamDecryptor::open(const TCPStream& stream, TCPSegment::Direc
                                       std::optional<std::uint32_t> connection) const
 {
     OpenedDirection opened;
-    const auto reader = verdicts_.plaintextReader(stream, direction);
+    const ProbeReader found = verdicts_.plaintextReader(stream, direction);
+    PlaintextReader* const reader = found.reader.get();
     if (!reader) return opened;
+    opened.probe = found.probe;
+    opened.reach = found.reach;
 
     std::optional<OutputFile> file;
     std::optional<PlaintextCapture::Direction> segments;
@@ -49,6 +66,17 @@ OpenedDirection StreamDecryptor::open(const TCPStream& stream, TCPSegment::Direc
             ? std::string()
             : (std::filesystem::path(output_.folder) / fmt::format("stream-{}-{}.bin", stream.key.number, isClient ? "client" : "server"))
                   .string();
+    GapFiller filler(output_.gaps, stream.data(direction));
+    const auto fill = [&](const PlaintextGap& gap) {
+        const GapFiller::Fill filling = filler.fill(gap);
+        if (file) {
+            opened.filledBytes += filling.zeros + std::ssize(filling.mark);
+            writeZeros(*file, filling.zeros);
+            file->write(DataView(filling.mark));
+        }
+        if (segments) segments->addGap(filling.zeros, filling.passed);
+    };
+    std::int64_t end = 0;  // of the last record's body
     forEachPack(*reader, stream.data(direction).size(), [&](const PlaintextPack& pack) {
         if (!path.empty() && !file) {
             auto created = OutputFile::create(path, output_.existing, OutputFile::Kind::regular);
@@ -61,15 +89,24 @@ OpenedDirection StreamDecryptor::open(const TCPStream& stream, TCPSegment::Direc
             if (session_.summary(stream.key.number).missingBytes == 0) file->reserve(stream.data(direction).size());
         }
         opened.bytes += pack.bytes().size();
-        if (file) file->write(pack.bytes());
-        if (segments) {
+        end = pack.records().back().body.upper;
+        if (file && !pack.hasGaps()) file->write(pack.bytes());
+        if (segments || (file && pack.hasGaps())) {
             std::int64_t offset = 0;
-            for (const auto& [length, body] : pack.records())
-                segments->add(pack.bytes().sub(std::exchange(offset, offset + length), length), stream.locate(body, direction));
+            for (const PlaintextPack::Record& record : pack.records()) {
+                if (record.gap) fill(*record.gap);
+                const DataView plaintext = pack.bytes().sub(std::exchange(offset, offset + record.length), record.length);
+                if (file && pack.hasGaps()) file->write(plaintext);
+                if (segments) segments->add(plaintext, stream.locate(record.body, direction));
+            }
         }
         return !stop_.stop_requested() && (!file || file->isGood());
     });
     opened.report = reader->report();
+    if (opened.report && opened.bytes > 0) {
+        for (const PlaintextGap& gap : opened.report->gaps)
+            if (gap.range.lower >= end) fill(gap);
+    }
     if (!file) return opened;
     if (const std::string problem = file->finish(); !problem.empty())
         opened.problem = path + ": " + problem;

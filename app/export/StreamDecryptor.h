@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "app/export/GapFilling.h"
 #include "app/export/PlaintextCapture.h"
 #include "app/session/Session.h"
 #include "app/verdict/StreamVerdict.h"
@@ -16,9 +17,12 @@ namespace sealscope {
 /// What came out of one direction of a stream.
 struct OpenedDirection {
     std::int64_t bytes = 0;
+    std::int64_t filledBytes = 0;  ///< beside them, in place of what did not open
     std::string file;     ///< that holds them; empty when there is none
     std::string problem;  ///< with that file, as a sentence
     std::optional<TLSDirectionReport> report;
+    std::string probe;  ///< that opened it
+    DecryptionReach reach = DecryptionReach::strict;
 };
 
 struct OpenedStream {
@@ -34,6 +38,7 @@ struct DecryptorOutput {
     std::string folder;                           ///< for `stream-N-client.bin` and `stream-N-server.bin`; empty for no files
     ExistingFile existing = ExistingFile::stays;  ///< with the name of one of them
     PlaintextCapture* capture = nullptr;          ///< takes the plaintext as packets; null for none
+    GapFilling gaps = GapFilling::zeros;
 };
 
 /// Opens the streams of a session into files or a capture. Any thread may call it.

@@ -44,7 +44,39 @@ std::string_view name(TLSDirectionReport::Stop stop)
     std::unreachable();
 }
 
-void writeDirection(JSONLineWriter& json, std::string_view key, const TLSDirectionReport& direction)
+std::string_view name(TLSPrivateKeyReport::Use use)
+{
+    switch (use) {
+    case TLSPrivateKeyReport::Use::fits: return "fits";
+    case TLSPrivateKeyReport::Use::otherCertificate: return "otherCertificate";
+    case TLSPrivateKeyReport::Use::otherKeyExchange: return "otherKeyExchange";
+    case TLSPrivateKeyReport::Use::noKeyExchange: return "noKeyExchange";
+    }
+    std::unreachable();
+}
+
+void writeGaps(JSONLineWriter& json, const std::vector<PlaintextGap>& gaps)
+{
+    json.key("gaps");
+    json.beginArray();
+    for (const PlaintextGap& gap : gaps) {
+        json.beginObject();
+        json.key("byteRange");
+        json.beginArray();
+        json.value(gap.range.lower);
+        json.value(gap.range.upper);
+        json.endArray();
+        json.member("records", gap.records);
+        json.member("plaintextBytes", gap.contentLength);
+        json.member("isExact", gap.isExact);
+        json.member("isLost", gap.isLost);
+        json.endObject();
+    }
+    json.endArray();
+}
+
+/// Gaps are told of by who goes on behind them.
+void writeDirection(JSONLineWriter& json, std::string_view key, const TLSDirectionReport& direction, DecryptionReach reach)
 {
     json.key(key);
     json.beginObject();
@@ -54,6 +86,7 @@ void writeDirection(JSONLineWriter& json, std::string_view key, const TLSDirecti
     json.member("openedRecords", direction.openedRecords);
     json.member("skippedRecords", direction.skippedRecords);
     json.member("plaintextBytes", direction.plaintextBytes);
+    if (reach == DecryptionReach::full) writeGaps(json, direction.gaps);
     json.key("alert");
     if (direction.alert) {
         json.beginObject();
@@ -104,8 +137,15 @@ void writeReason(JSONLineWriter& json, const StreamVerdict& verdict, const Strea
         json.beginArray();
         for (const std::string& label : report->otherLabels) json.value(label);
         json.endArray();
-        writeDirection(json, "client", report->client);
-        writeDirection(json, "server", report->server);
+        if (const auto& keys = report->privateKeys) {
+            json.key("privateKeys");
+            json.beginObject();
+            json.member("use", name(keys->use));
+            json.member("certificate", keys->certificate);
+            json.endObject();
+        }
+        writeDirection(json, "client", report->client, verdict.reach);
+        writeDirection(json, "server", report->server, verdict.reach);
     }
     json.key("keyLog");
     if (const auto& keyLog = verdict.keyLog) {
@@ -229,6 +269,8 @@ void appendRecord(std::string& text, const OpenedStream& opened)
         json.null();
     json.member("clientPlaintextBytes", opened.client.bytes);
     json.member("serverPlaintextBytes", opened.server.bytes);
+    json.member("clientFilledBytes", opened.client.filledBytes);
+    json.member("serverFilledBytes", opened.server.filledBytes);
     json.member("clientFile", optionalFile(opened.client));
     json.member("serverFile", optionalFile(opened.server));
     json.endObject();

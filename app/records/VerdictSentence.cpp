@@ -19,6 +19,14 @@ namespace {
 using Hello = TLSDecryptionReport::Hello;
 using Stop = TLSDirectionReport::Stop;
 
+/// In groups of three digits.
+std::string grouped(std::int64_t count)
+{
+    std::string text = fmt::to_string(count);
+    for (auto at = std::ssize(text) - 3; at > 0; at -= 3) text.insert(static_cast<std::size_t>(at), 1, ',');
+    return text;
+}
+
 std::string counted(std::int64_t count, std::string_view noun) { return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s"); }
 
 /// The start of a client random: enough to find its line in a key log.
@@ -113,6 +121,16 @@ void appendOpened(std::string& text, std::string_view side, const TLSDirectionRe
     const auto append = [&](auto pattern, const auto&... values) { fmt::format_to(std::back_inserter(text), pattern, values...); };
     if (direction.stop == Stop::nothingProtected) return append(FMT_COMPILE("{} sent nothing protected"), side);
     const auto plural = [](std::int64_t count) { return std::string_view(count == 1 ? "" : "s"); };
+    if (!direction.gaps.empty()) {
+        std::int64_t gapBytes = 0;
+        for (const PlaintextGap& gap : direction.gaps) gapBytes += gap.range.size();
+        append(FMT_COMPILE("{} {} of {} record{}, {} byte{}, {} lost, {} gap{} of {} byte{}"), side, grouped(direction.openedRecords),
+               grouped(direction.protectedRecords), plural(direction.protectedRecords), grouped(direction.plaintextBytes),
+               plural(direction.plaintextBytes), grouped(direction.skippedRecords), grouped(std::ssize(direction.gaps)),
+               plural(std::ssize(direction.gaps)), grouped(gapBytes), plural(gapBytes));
+        if (const std::string stop = stopText(direction); !stop.empty()) append(FMT_COMPILE(", {}"), stop);
+        return;
+    }
     append(FMT_COMPILE("{} {} of {} record{}, {} byte{}"), side, direction.openedRecords, direction.protectedRecords,
            plural(direction.protectedRecords), direction.plaintextBytes, plural(direction.plaintextBytes));
     if (direction.skippedRecords > 0) append(FMT_COMPILE(", {} skipped"), direction.skippedRecords);
@@ -128,6 +146,28 @@ std::string openedText(const TLSDecryptionReport& report)
     text += "; ";
     appendOpened(text, "server", report.server);
     return text;
+}
+
+/// What is the matter with the private keys at hand; empty when nothing is, or when they do not matter.
+std::string privateKeyProblem(const StreamVerdict& verdict)
+{
+    if (!verdict.report || !verdict.report->privateKeys) return "";
+    const TLSPrivateKeyReport& keys = *verdict.report->privateKeys;
+    const bool hasKeyLog = verdict.keyLog && verdict.keyLog->material.secrets > 0;
+    switch (keys.use) {
+    case TLSPrivateKeyReport::Use::fits: return "";
+    case TLSPrivateKeyReport::Use::otherCertificate:
+        if (keys.certificate.empty()) return "the private key does not belong to the server's certificate";
+        return fmt::format("the private key does not belong to the server's certificate, which is for {}", keys.certificate);
+    case TLSPrivateKeyReport::Use::otherKeyExchange:
+        if (hasKeyLog) return "";
+        return fmt::format("a private key does not open this connection, whose key exchange encrypts nothing to it ({}); a key log does",
+                           verdict.report->cipherSuiteName);
+    case TLSPrivateKeyReport::Use::noKeyExchange:
+        if (hasKeyLog) return "";
+        return "the private key has nothing to decrypt: the capture lacks the key exchange, or the session was resumed";
+    }
+    std::unreachable();
 }
 
 std::string keyMismatch(const TLSDecryptionReport& report)
@@ -167,6 +207,7 @@ std::string verdictSentence(const StreamVerdict& verdict, const StreamSummary& s
 {
     const auto& report = verdict.report;
     if (verdict.outcome.isDecrypted()) return report ? openedText(*report) : "the stream decrypts";
+    if (auto problem = privateKeyProblem(verdict); !problem.empty()) return problem;
     switch (*verdict.outcome.failure) {
     case TLSDecryptionFailure::noHandshake: return report ? noHandshake(*report, summary) : "the capture holds no complete handshake";
     case TLSDecryptionFailure::unsupportedVersion:
@@ -202,7 +243,7 @@ std::string incompleteText(const TLSDecryptionReport& report)
 {
     std::string text;
     for (const auto& [side, direction] : {std::pair("client", &report.client), std::pair("server", &report.server)}) {
-        if (stopText(*direction).empty()) continue;
+        if (stopText(*direction).empty() && direction->gaps.empty()) continue;
         if (!text.empty()) text += "; ";
         appendOpened(text, side, *direction);
     }

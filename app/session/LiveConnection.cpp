@@ -166,7 +166,7 @@ void LiveConnection::openRecords(const SessionPlugIns& plugIns, bool hasNewSecre
         if (!reader || !reader->goOn(stream)) continue;
         GrowingBytes& plaintext = *plaintext_[position];
         while (const auto record = reader->next()) {
-            plaintext.appendHole(record->missingBefore);
+            if (record->gap) plaintext.appendHole(record->gap->contentLength);
             plaintext.append(record->plaintext, stream.locate(record->body, direction));
             readUpTo_[position] = record->body.lower;
         }

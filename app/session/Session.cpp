@@ -42,8 +42,9 @@ public:
         settleClients(capture_, connections);
         connections_ = connections;
         embeddedKeyLog_ = capture_->takeEmbeddedKeyLog();
+        privateKeys_ = options.privateKeys;
         plugInOptions_ = options.plugIns;
-        prepare(options.secrets ? options.secrets : std::make_shared<const KeyLogSources>(embeddedKeyLog_, options.keyLogs));
+        prepare(options.secrets ? options.secrets : std::make_shared<const KeyLogSources>(embeddedKeyLog_, options.keyLogs, privateKeys_));
     }
 
     std::unique_ptr<Implementation> withKeyLogs(const std::vector<std::string>& keyLogs) const
@@ -54,8 +55,9 @@ public:
         other->errors = errors;
         other->connections_ = connections_;
         other->embeddedKeyLog_ = embeddedKeyLog_;
+        other->privateKeys_ = privateKeys_;
         other->plugInOptions_ = plugInOptions_;
-        other->prepare(std::make_shared<const KeyLogSources>(embeddedKeyLog_, keyLogs));
+        other->prepare(std::make_shared<const KeyLogSources>(embeddedKeyLog_, keyLogs, privateKeys_));
         return other;
     }
 
@@ -112,6 +114,7 @@ private:
     std::shared_ptr<Capture> capture_;
     std::shared_ptr<const ConnectionIndex> connections_;
     SecretText embeddedKeyLog_;
+    std::vector<PrivateKey> privateKeys_;
     PlugInOptions plugInOptions_;
     std::unique_ptr<Measured[]> measured_;
     std::unique_ptr<const SessionPlugIns> plugIns_;

@@ -24,6 +24,8 @@ struct SessionOptions {
     bool keepsEveryBlock = false;  ///< see `CaptureOptions`; for who copies the capture
     /// Key logs that take the place of the user's.
     std::vector<std::string> keyLogs;
+    /// Of servers, beside the key logs.
+    std::vector<PrivateKey> privateKeys;
     PlugInOptions plugIns;
 
     // For who takes a large capture apart and opens it piece by piece.

@@ -22,7 +22,7 @@ SessionPlugIns::SessionPlugIns(std::shared_ptr<const KeyLogSources> secrets, con
 
 bool SessionPlugIns::canOpen(const TLSStreamDecryptionProbing& probe) const
 {
-    return std::ranges::find(withoutKeyLogs_, &probe) != withoutKeyLogs_.end() || probe.keyMaterial().secrets > 0;
+    return std::ranges::find(withoutKeyLogs_, &probe) != withoutKeyLogs_.end() || !probe.keyMaterial().isEmpty();
 }
 
 std::vector<StreamFact> SessionPlugIns::facts(const TCPStream& stream) const

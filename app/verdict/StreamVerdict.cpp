@@ -14,11 +14,16 @@ namespace {
 using Problem = MergedKeylog::Examination::Problem;
 using Stop = TLSDirectionReport::Stop;
 
+bool tellsOfGaps(const StreamVerdict& verdict)
+{
+    return verdict.report && !(verdict.report->client.gaps.empty() && verdict.report->server.gaps.empty());
+}
+
 std::int64_t plaintextBytes(const StreamVerdict& verdict) { return verdict.report ? verdict.report->plaintextBytes() : 0; }
 
 StreamVerdict asked(const TLSStreamDecryptionProbing& probe, const TCPStream& stream, ReportDepth depth)
 {
-    StreamVerdict verdict{.report = probe.report(stream, depth), .probe = std::string(probe.name())};
+    StreamVerdict verdict{.report = probe.report(stream, depth), .probe = std::string(probe.name()), .reach = probe.reach()};
     const bool isKnown = verdict.report && verdict.report->outcome;
     verdict.outcome = isKnown ? *verdict.report->outcome : probe.probe(stream);
     return verdict;
@@ -103,11 +108,16 @@ std::optional<StreamVerdict> StreamVerdicts::verdict(const TCPStream& stream, Re
         // Who has no secret at all opens nothing.
         if (answering && !session_.plugIns().canOpen(*probe)) continue;
         StreamVerdict verdict = asked(*probe, stream, depth);
+        // Of two that open as much, the one that says what is missing says more.
         const bool opensMore = best && verdict.outcome.isDecrypted() &&
-                               (!best->outcome.isDecrypted() || plaintextBytes(verdict) > plaintextBytes(*best));
+                               (!best->outcome.isDecrypted() || plaintextBytes(verdict) > plaintextBytes(*best) ||
+                                (plaintextBytes(verdict) == plaintextBytes(*best) && tellsOfGaps(verdict)));
         if (!best || opensMore) {
             best = std::move(verdict);
             answering = probe.get();
+        } else if (best->report && verdict.report && verdict.report->privateKeys) {
+            // Only who can use private keys knows what is the matter with them.
+            best->report->privateKeys = std::move(verdict.report->privateKeys);
         }
         // Nobody opens more than everything.
         if (best->outcome.isDecrypted() && (depth == ReportDepth::hellos || !best->isPartly())) break;
@@ -116,12 +126,12 @@ std::optional<StreamVerdict> StreamVerdicts::verdict(const TCPStream& stream, Re
     return best;
 }
 
-std::unique_ptr<PlaintextReader> StreamVerdicts::plaintextReader(const TCPStream& stream, TCPSegment::Direction direction) const
+ProbeReader StreamVerdicts::plaintextReader(const TCPStream& stream, TCPSegment::Direction direction) const
 {
     // Who reaches farther opens what the others open.
     for (const auto& probe : session_.plugIns().probes() | std::views::reverse)
-        if (auto reader = probe->plaintextReader(stream, direction)) return reader;
-    return nullptr;
+        if (auto reader = probe->plaintextReader(stream, direction)) return {std::move(reader), std::string(probe->name()), probe->reach()};
+    return {};
 }
 
 SecretText StreamVerdicts::keyLogLines(const TCPStream& stream) const

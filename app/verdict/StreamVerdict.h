@@ -52,12 +52,20 @@ struct StreamVerdict {
     std::optional<TLSDecryptionReport> report;  ///< nothing when the probe gives no facts
     std::optional<KeyLogFacts> keyLog;          ///< where the secrets are what is missing
     std::string probe;                          ///< name of the probe that answered
+    DecryptionReach reach = DecryptionReach::strict;  ///< of that probe
 
     /// Whether some of the stream opened, and some that could be opened did not.
     bool isPartly() const;
 };
 
 Advice adviceOn(const StreamVerdict& verdict);
+
+/// A reader of plaintext, and whose it is.
+struct ProbeReader {
+    std::unique_ptr<PlaintextReader> reader;  ///< null when no probe can open the direction
+    std::string probe;
+    DecryptionReach reach = DecryptionReach::strict;
+};
 
 /// Asks the decryption probes of a session about its streams; of several the one that opens most answers. Any thread may ask.
 class StreamVerdicts {
@@ -71,8 +79,8 @@ public:
 
     /// Nothing when the stream is not protected, or no probe is there. With `ReportDepth::opened` the report counts what opened.
     std::optional<StreamVerdict> verdict(const TCPStream& stream, ReportDepth depth) const;
-    /// Opens one direction; null when no probe can.
-    std::unique_ptr<PlaintextReader> plaintextReader(const TCPStream& stream, TCPSegment::Direction direction) const;
+    /// Opens one direction.
+    ProbeReader plaintextReader(const TCPStream& stream, TCPSegment::Direction direction) const;
     /// Key log lines with the secrets of a stream's connection; empty when there are none.
     SecretText keyLogLines(const TCPStream& stream) const;
     /// What the hellos of a protected stream say; nothing when no probe gives facts.

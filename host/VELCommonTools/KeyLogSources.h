@@ -2,6 +2,7 @@
 #pragma once
 
 #include "host/VELCommonTools/MergedKeylog.h"
+#include "platform/PrivateKey.h"
 #include "platform/SecretMemory.h"
 
 #include <atomic>
@@ -14,11 +15,12 @@
 namespace sealscope SEALSCOPE_API {
 
 /// Where the secrets of one session come from: what its capture carries, the managed key log, and the files named for it, or else
-/// the user's. Belongs to no process-wide state, so that two sessions never share a secret. Any thread may ask.
+/// the user's; and the private keys of servers, which are no key log. Belongs to no process-wide state, so that two sessions never share a
+/// secret. Any thread may ask.
 class KeyLogSources {
 public:
     /// `files` take the place of the file that the user chose and of `SSLKEYLOGFILE`; later sources win.
-    KeyLogSources(SecretText embedded, std::vector<std::string> files);
+    KeyLogSources(SecretText embedded, std::vector<std::string> files, std::vector<PrivateKey> privateKeys = {});
     /// These secrets alone, of whatever origin: no file is looked at.
     explicit KeyLogSources(SecretText secrets);
 
@@ -31,6 +33,8 @@ public:
     SecretText text() const;
     /// The files among them, in the order of their texts.
     std::vector<MergedKeylog::Source> files() const;
+    /// Of servers whose clients encrypt a secret to their certificates.
+    const std::vector<PrivateKey>& privateKeys() const { return privateKeys_; }
     bool hasEmbeddedSecrets() const { return !embedded_.empty(); }
 
     KeyLogSources(const KeyLogSources&) = delete;
@@ -41,6 +45,7 @@ private:
     const std::vector<std::string> named_;
     const bool hasFiles_ = true;
     std::chrono::nanoseconds betweenLooks_ = std::chrono::milliseconds(500);
+    const std::vector<PrivateKey> privateKeys_;
     mutable std::atomic<std::int64_t> nextLook_ = 0;  ///< on the steady clock, in nanoseconds
     mutable std::atomic<std::uint64_t> generation_ = 0;
     mutable std::mutex mutex_;  ///< guards signature_

@@ -38,6 +38,16 @@ struct TLSAlertReport {
     bool operator==(const TLSAlertReport&) const = default;
 };
 
+/// A stretch of one direction that a probe stepped over to go on behind it.
+struct PlaintextGap {
+    ByteRange range;                 ///< of the direction's data: whole records, as far as anybody can tell
+    std::int64_t records = 0;        ///< that stood there; exact when what follows opened under the same key
+    std::int64_t contentLength = 0;  ///< bytes of application data that these had; no more than so many where it is not exact
+    bool isExact = false;            ///< of the content's length
+    bool isLost = false;             ///< the capture lacks some of it; false: it is all there and does not authenticate
+    bool operator==(const PlaintextGap&) const = default;
+};
+
 /// How far one direction of a stream opened, and what stands where it stopped.
 struct TLSDirectionReport {
     enum class Stop : std::uint8_t {
@@ -61,7 +71,7 @@ struct TLSDirectionReport {
     std::int64_t openedRecords = 0;
     std::int64_t skippedRecords = 0;      ///< did not open, while later ones did
     std::int64_t plaintextBytes = 0;      ///< of application data
-    std::vector<ByteRange> gaps;          ///< of the direction's data that were stepped over, by a probe that goes on behind them
+    std::vector<PlaintextGap> gaps;       ///< in the order of the data, by a probe that goes on behind them; the last may end them
     std::optional<TLSAlertReport> alert;  ///< the first that the direction holds in the clear; looked for where no data opens
     bool operator==(const TLSDirectionReport&) const = default;
 };
@@ -70,7 +80,7 @@ struct TLSDirectionReport {
 struct PlaintextRecord {
     DataView plaintext;
     ByteRange body;  ///< of the record's body in the captured direction's data
-    std::int64_t missingBefore = 0;  ///< bytes of plaintext in front of it that did not open, as far as their number is known
+    std::optional<PlaintextGap> gap;  ///< between it and the application data before it
 };
 
 /// Opens one direction of a stream, a record at a time and without keeping any: a stream larger than memory can be read.
@@ -91,6 +101,19 @@ public:
     virtual bool goOn(const TCPStream&) { return false; }
     /// How far the direction opened; asked after the last record. Nothing when the reader does not know.
     virtual std::optional<TLSDirectionReport> report() { return std::nullopt; }
+};
+
+/// What the private keys at hand are to a connection.
+struct TLSPrivateKeyReport {
+    enum class Use : std::uint8_t {
+        fits,              ///< one belongs to the server's certificate
+        otherCertificate,  ///< none does
+        otherKeyExchange,  ///< nothing is encrypted to the certificate: no private key helps
+        noKeyExchange,     ///< the capture has none, since a session was resumed, or since it was lost
+    };
+    Use use = Use::fits;
+    std::string certificate;  ///< the common name in the server's certificate; empty without one
+    bool operator==(const TLSPrivateKeyReport&) const = default;
 };
 
 /// A key log label, and the length of its secret where a key log has one for the connection.
@@ -124,6 +147,7 @@ struct TLSDecryptionReport {
     std::vector<TLSSecretReport> secrets;  ///< every label that this version reads
     /// Other known labels under which the key logs hold a secret for the client random: those of another version, say.
     std::vector<std::string> otherLabels;
+    std::optional<TLSPrivateKeyReport> privateKeys;  ///< nothing where none is at hand, or of use to the probe
     TLSDirectionReport client;
     TLSDirectionReport server;
 
@@ -137,8 +161,11 @@ struct TLSDecryptionReport {
 struct TLSKeyMaterialReport {
     std::int64_t secrets = 0;        ///< entries of the merged key log
     std::int64_t clientRandoms = 0;  ///< different ones among them
+    std::int64_t privateKeys = 0;    ///< that are no entries of a key log
     /// The known labels among them, with the number of entries of each.
     std::vector<std::pair<std::string, std::int64_t>> labels;
+
+    bool isEmpty() const { return secrets == 0 && privateKeys == 0; }
 };
 
 /// What stands in a key log text, line by line. Comments and empty lines do not count.

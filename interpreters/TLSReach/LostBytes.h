@@ -1,33 +1,34 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "host/VELModels/TCPStream.h"
+#include "host/VELModels/StreamData.h"
 
 #include <cstdint>
-#include <optional>
 
 namespace sealscope {
 
-/// Which bytes of one direction no packet of the capture carried. They read as zeros and lie in stretches of their own, so that
-/// few others have to be looked up. Outlived by the stream.
+/// Which bytes of one direction no packet of the capture carried: its holes. They read as zeros and lie in stretches of their own,
+/// so that few others have to be looked up. Outlived by the data.
 class LostBytes {
 public:
-    LostBytes(const TCPStream& stream, TCPSegment::Direction direction) : stream_(stream), data_(stream.data(direction)), direction_(direction) {}
+    explicit LostBytes(const StreamData& data) : data_(data), isNeeded_(data.holeBytes() > 0) {}
 
     bool isLost(std::int64_t offset) const
     {
+        if (!isNeeded_) return false;
         const DataView stretch = data_.stretch(offset);
-        return !stretch.isEmpty() && stretch[0] == 0 && stream_.locate({offset, offset + 1}, direction_).packetIds.empty();
+        return !stretch.isEmpty() && stretch[0] == 0 && data_.hole(offset);
     }
+    /// The same for an offset at which a stretch begins that the caller has in hand.
+    bool isLost(std::int64_t offset, DataView stretch) const { return isNeeded_ && stretch[0] == 0 && data_.hole(offset); }
     /// Whether any byte of a range is.
     bool anyOf(ByteRange range) const;
     /// Where the bytes that are lost at an offset end; the offset itself when that one is not.
     std::int64_t endOfLoss(std::int64_t offset) const;
 
 private:
-    const TCPStream& stream_;
     const StreamData& data_;
-    TCPSegment::Direction direction_;
+    bool isNeeded_;
 };
 
 }  // namespace sealscope

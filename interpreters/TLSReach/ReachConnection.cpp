@@ -179,7 +179,7 @@ void ReachConnection::findHellos()
         // Version and random stand in front; what is lost behind them does less harm.
         constexpr std::int64_t upToRandom = 4 + 2 + 32;
         const std::int64_t start = found->records.front().lower;
-        isWhole[index] = !LostBytes(stream_, direction).anyOf({start, std::min(start + upToRandom, found->records.front().upper)});
+        isWhole[index] = !LostBytes(stream_.data(direction)).anyOf({start, std::min(start + upToRandom, found->records.front().upper)});
     }
     clientHelloState_ = state(stream_.clientToServerData, hellos[0], isWhole[0]);
     serverHelloState_ = state(stream_.serverToClientData, hellos[1], isWhole[1]);
@@ -241,6 +241,8 @@ void ReachConnection::settleWithoutHellos()
     }
 }
 
+bool ReachConnection::isThereFromTheStart(Direction direction) const { return !clearMessages_[indexOf(direction)].empty(); }
+
 bool ReachConnection::hasKeyMaterial() const
 {
     if (!parameters_) return false;
@@ -264,6 +266,14 @@ std::optional<SecretBytes> ReachConnection::knownMasterSecret(const HandshakePar
 }
 
 std::optional<SecretBytes> ReachConnection::masterSecret(const HandshakeParameters& parameters, bool isFirst) const
+{
+    // While nothing settles whose connection it is, one client after another is tried.
+    if (!isFirst || !clientHello_) return lookForMasterSecret(parameters, isFirst);
+    if (!firstMasterSecret_) firstMasterSecret_ = lookForMasterSecret(parameters, isFirst);
+    return *firstMasterSecret_;
+}
+
+std::optional<SecretBytes> ReachConnection::lookForMasterSecret(const HandshakeParameters& parameters, bool isFirst) const
 {
     const auto found = foundMasterSecret(parameters, isFirst);
     if (!found) {
@@ -339,15 +349,37 @@ std::optional<SecretBytes> ReachConnection::premasterSecret(const HandshakeParam
     return std::nullopt;
 }
 
-std::optional<std::string> ReachConnection::certificateWithoutKey() const
+std::optional<TLSPrivateKeyReport> ReachConnection::privateKeyReport() const
 {
-    if (!parameters_ || secrets_->privateKeys.empty() || !encryptedPremaster(*parameters_)) return std::nullopt;
+    using Use = TLSPrivateKeyReport::Use;
+    if (!parameters_ || !parameters_->suite || secrets_->privateKeys.empty()) return std::nullopt;
+    if (!parameters_->suite->isRSAKeyExchange) return TLSPrivateKeyReport{Use::otherKeyExchange, {}};
+    if (!encryptedPremaster(*parameters_)) return TLSPrivateKeyReport{Use::noKeyExchange, {}};
     const auto* const message = clearMessage(Direction::serverToClient, TLSHandshakeType::certificate);
     const std::vector<DataView> chain = message ? ReachMessages::certificates(message->body, false) : std::vector<DataView>();
-    if (chain.empty()) return std::nullopt;
-    if (std::ranges::any_of(secrets_->privateKeys, [&](const PrivateKey& key) { return key.isOf(chain.front()); })) return std::nullopt;
+    if (chain.empty()) return TLSPrivateKeyReport{premasterSecret(*parameters_) ? Use::fits : Use::otherCertificate, {}};
+    const bool fits = std::ranges::any_of(secrets_->privateKeys, [&](const PrivateKey& key) { return key.isOf(chain.front()); });
     const auto summary = TLSDissector::certSummary(chain.front());
-    return summary && summary->subjectCN ? *summary->subjectCN : std::string();
+    return TLSPrivateKeyReport{fits ? Use::fits : Use::otherCertificate, summary ? summary->subjectCN.value_or("") : ""};
+}
+
+SecretText ReachConnection::keyLogLine() const
+{
+    if (!parameters_ || parameters_->isTLS13() || !parameters_->suite) return {};
+    const auto secret = masterSecret(*parameters_, true);
+    if (!secret) return {};
+    SecretText line("CLIENT_RANDOM ");
+    const auto append = [&](DataView bytes) {
+        for (const std::uint8_t byte : bytes) {
+            line += "0123456789abcdef"[byte >> 4];
+            line += "0123456789abcdef"[byte & 15];
+        }
+    };
+    append(parameters_->clientRandom);
+    line += ' ';
+    append(viewOf(*secret));
+    line += '\n';
+    return line;
 }
 
 /// The messages of both sides up to the client's key exchange, headers included, in the order in which they were sent.

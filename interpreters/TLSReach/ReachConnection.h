@@ -60,8 +60,12 @@ public:
     const std::optional<ServerHelloInfo>& serverHello() const { return serverHello_; }
     TLSDecryptionReport::Hello clientHelloState() const { return clientHelloState_; }
     TLSDecryptionReport::Hello serverHelloState() const { return serverHelloState_; }
-    /// Whom the server's certificate is for, where none of the private keys at hand is the one that would open the connection.
-    std::optional<std::string> certificateWithoutKey() const;
+    /// What the private keys at hand are to the connection; nothing where there are none.
+    std::optional<TLSPrivateKeyReport> privateKeyReport() const;
+    /// The master secret of the first handshake as a line of a key log; empty where it is not known, and for TLS 1.3.
+    SecretText keyLogLine() const;
+    /// Whether a direction begins with a handshake; else its beginning is missing.
+    bool isThereFromTheStart(Direction direction) const;
     /// Whether anything that is needed to open a direction is there.
     bool hasKeyMaterial() const;
 
@@ -79,6 +83,7 @@ private:
     std::optional<SecretBytes> knownMasterSecret(const HandshakeParameters& parameters) const;
     std::optional<SecretBytes> foundMasterSecret(const HandshakeParameters& parameters, bool isFirst) const;
     std::optional<SecretBytes> masterSecret(const HandshakeParameters& parameters, bool isFirst) const;
+    std::optional<SecretBytes> lookForMasterSecret(const HandshakeParameters& parameters, bool isFirst) const;
     const AssembledMessage* clearMessage(Direction direction, TLSHandshakeType type) const;
     std::optional<DataView> encryptedPremaster(const HandshakeParameters& parameters) const;
     std::optional<SecretBytes> premasterSecret(const HandshakeParameters& parameters) const;
@@ -96,6 +101,7 @@ private:
     std::array<std::unique_ptr<ReachWalk>, 2> scouts_;  ///< look for the hellos of handshakes inside others
     std::array<bool, 2> isScouting_{};
     std::vector<std::optional<HandshakeParameters>> renegotiated_;
+    mutable std::optional<std::optional<SecretBytes>> firstMasterSecret_;  ///< once it was looked for: a private key takes its time
 };
 
 }  // namespace sealscope

@@ -53,6 +53,12 @@ DataView ReachPlaintext::stretch(std::int64_t offset) const
     return piece->bytes ? DataView(piece->bytes + (offset - start), left) : DataView(zeros).sub(0, left);
 }
 
+std::optional<ByteRange> ReachPlaintext::hole(std::int64_t offset) const
+{
+    const auto piece = pieceAt(offset);
+    return piece->bytes ? std::nullopt : std::optional(ByteRange{startOf(piece), piece->end});
+}
+
 ByteLocation ReachPlaintext::locate(ByteRange range) const
 {
     ByteLocation location;

@@ -28,6 +28,8 @@ public:
     std::int64_t openedBytes() const { return size_ - holes_; }
 
     DataView stretch(std::int64_t offset) const override;
+    std::optional<ByteRange> hole(std::int64_t offset) const override;
+    std::int64_t holeBytes() const override { return holes_; }
     ByteLocation locate(ByteRange range) const override;
 
 private:

@@ -33,9 +33,10 @@ public:
     {
         while (walk_.next(room.data())) {
             tally_.take(walk_);
-            if (const auto& gap = walk_.gap()) missing_ += gap->contentLength;
+            if (const auto& gap = walk_.gap()) takeGap(*gap);
             if (walk_.isApplicationData())
-                return PlaintextRecord{walk_.content(), {walk_.record().bodyOffset, walk_.record().endOffset()}, std::exchange(missing_, 0)};
+                return PlaintextRecord{
+                    walk_.content(), {walk_.record().bodyOffset, walk_.record().endOffset()}, std::exchange(gap_, std::nullopt)};
         }
         return std::nullopt;
     }
@@ -48,11 +49,25 @@ public:
     std::optional<TLSDirectionReport> report() override { return tally_.report(walk_, *connection_, direction_); }
 
 private:
+    /// Records that hold no application data may stand between two gaps.
+    void takeGap(const PlaintextGap& gap)
+    {
+        if (!gap_) {
+            gap_ = gap;
+            return;
+        }
+        gap_->range.upper = gap.range.upper;
+        gap_->records += gap.records;
+        gap_->contentLength += gap.contentLength;
+        gap_->isExact = gap_->isExact && gap.isExact;
+        gap_->isLost = gap_->isLost || gap.isLost;
+    }
+
     std::unique_ptr<ReachConnection> connection_;
     Direction direction_;
     ReachWalk walk_;
     ReachTally tally_;
-    std::int64_t missing_ = 0;  ///< bytes of plaintext in front of the next record that did not open
+    std::optional<PlaintextGap> gap_;  ///< in front of the next record
 };
 
 /// What a direction says under encryption.
@@ -143,15 +158,13 @@ StreamInterpretation merged(std::vector<StreamMessage> handshake, StreamInterpre
 
 }  // namespace
 
-ReachProbe::ReachProbe(std::shared_ptr<const KeyLogSources> sources, std::vector<PrivateKey> privateKeys)
-    : store_(sources), secrets_(std::move(sources), std::move(privateKeys))
-{}
+ReachProbe::ReachProbe(std::shared_ptr<const KeyLogSources> sources) : store_(sources), secrets_(std::move(sources)) {}
 
 ReachProbe::ReachProbe() : ReachProbe(std::make_shared<const KeyLogSources>(SecretText(), std::vector<std::string>())) {}
 
 std::shared_ptr<const TLSStreamDecryptionProbing> ReachProbe::withSecrets(std::shared_ptr<const KeyLogSources> secrets) const
 {
-    return std::make_shared<const ReachProbe>(std::move(secrets), secrets_.privateKeys());
+    return std::make_shared<const ReachProbe>(std::move(secrets));
 }
 
 TLSDecryptionOutcome ReachProbe::probe(const TCPStream& stream) const
@@ -177,8 +190,15 @@ TLSKeyMaterialReport ReachProbe::keyMaterial() const
 {
     TLSKeyMaterialReport report = TLSKeyLogProbing::keyMaterial();
     const auto secrets = secrets_.current();
-    report.secrets += std::ssize(secrets->privateKeys) + static_cast<std::int64_t>(secrets->sessions.size());
+    report.secrets += static_cast<std::int64_t>(secrets->sessions.size());
+    report.privateKeys = std::ssize(secrets->privateKeys);
     return report;
+}
+
+SecretText ReachProbe::keyLogLines(const TCPStream& stream) const
+{
+    if (auto lines = TLSKeyLogProbing::keyLogLines(stream); !lines.empty()) return lines;
+    return ReachConnection(stream, secrets_.current()).keyLogLine();
 }
 
 std::unique_ptr<PlaintextReader> ReachProbe::plaintextReader(const TCPStream& stream, Direction direction) const

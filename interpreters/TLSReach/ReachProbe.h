@@ -11,8 +11,8 @@ namespace sealscope {
 /// The decryption probe that opens whatever the secrets at hand can open. Any thread may ask.
 class ReachProbe final : public TLSKeyLogProbing {
 public:
-    /// With the secrets of one session; `privateKeys` open connections whose clients encrypt a secret to a server's certificate.
-    explicit ReachProbe(std::shared_ptr<const KeyLogSources> sources, std::vector<PrivateKey> privateKeys = {});
+    /// With the secrets of one session.
+    explicit ReachProbe(std::shared_ptr<const KeyLogSources> sources);
     /// With those of the process: the managed key log, and the user's or the environment's.
     ReachProbe();
 
@@ -22,8 +22,10 @@ public:
     TLSDecryptionOutcome probe(const TCPStream& stream) const override;
     std::optional<TLSDecryptionReport> report(const TCPStream& stream, ReportDepth depth) const override;
     std::optional<StreamInterpretation> decryptedInterpretation(const TCPStream& stream, const StreamContext& context) const override;
-    /// Private keys and lines with session IDs count as well.
+    /// Lines with session IDs count as well.
     TLSKeyMaterialReport keyMaterial() const override;
+    /// Where no key log has any, with the master secret that was found otherwise.
+    SecretText keyLogLines(const TCPStream& stream) const override;
     std::unique_ptr<PlaintextReader> plaintextReader(const TCPStream& stream, TCPSegment::Direction direction) const override;
 
     /// The secrets of the session as they are now.

@@ -62,7 +62,7 @@ std::shared_ptr<const ReachSecrets> ReachSecretStore::current()
         if (secrets_ && generation_ == generation) return secrets_;
     }
     auto fresh = ReachSecrets::of(sources_->text());
-    fresh->privateKeys = privateKeys_;
+    fresh->privateKeys = sources_->privateKeys();
     fresh->memory = memory_;
     const std::lock_guard lock(mutex_);
     generation_ = generation;

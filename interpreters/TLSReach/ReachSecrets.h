@@ -43,15 +43,11 @@ struct ReachSecrets {
 /// The secrets of a session's sources, as current as these are at the moment of asking. Any thread may ask.
 class ReachSecretStore {
 public:
-    ReachSecretStore(std::shared_ptr<const KeyLogSources> sources, std::vector<PrivateKey> privateKeys)
-        : sources_(std::move(sources)), privateKeys_(std::move(privateKeys))
-    {}
+    explicit ReachSecretStore(std::shared_ptr<const KeyLogSources> sources) : sources_(std::move(sources)) {}
     std::shared_ptr<const ReachSecrets> current();
-    const std::vector<PrivateKey>& privateKeys() const { return privateKeys_; }
 
 private:
     const std::shared_ptr<const KeyLogSources> sources_;
-    const std::vector<PrivateKey> privateKeys_;
     std::mutex mutex_;  ///< guards what follows; never held while sources are read
     std::uint64_t generation_ = 0;
     const std::shared_ptr<SessionMemory> memory_ = std::make_shared<SessionMemory>();

@@ -39,19 +39,10 @@ TLSDirectionReport directionReport(ReachConnection& connection, Direction direct
 
 }  // namespace
 
-void ReachTally::takeGap(const ReachGap& gap)
-{
-    // Gaps that only a record apart touch nowhere; two of a row are one.
-    if (!report_.gaps.empty() && report_.gaps.back().upper == gap.range.lower)
-        report_.gaps.back().upper = gap.range.upper;
-    else
-        report_.gaps.push_back(gap.range);
-}
-
 void ReachTally::take(const ReachWalk& walk)
 {
     if (const auto& gap = walk.gap()) {
-        takeGap(*gap);
+        report_.gaps.push_back(*gap);
         report_.skippedRecords += gap->records;
     }
     if (walk.isApplicationData()) report_.plaintextBytes += walk.content().size();
@@ -71,10 +62,7 @@ TLSDirectionReport ReachTally::report(const ReachWalk& walk, const ReachConnecti
         stopAt(Stop::noSecret, 0);
     } else if (const auto& gap = walk.gap()) {
         stopAt(gap->isLost ? Stop::lostBytes : Stop::doesNotOpen, gap->range.lower);
-        if (report.openedRecords > 0) {
-            takeGap(*gap);
-            report.gaps = report_.gaps;
-        }
+        if (report.openedRecords > 0) report.gaps.push_back(*gap);
     } else if (walk.cutFrom()) {
         stopAt(Stop::cutRecord, *walk.cutFrom());
     } else {
@@ -99,6 +87,7 @@ TLSDecryptionReport reachReport(ReachConnection& connection, ReportDepth depth)
     }
     const auto failed = [&](TLSDecryptionFailure failure) { report.outcome = TLSDecryptionOutcome::notDecrypted(failure); };
     const auto& parameters = connection.parameters();
+    report.privateKeys = connection.privateKeyReport();
     if (parameters) {
         report.clientRandom = parameters->clientRandom;
         report.version = parameters->version;

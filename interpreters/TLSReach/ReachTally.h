@@ -19,8 +19,6 @@ public:
     TLSDirectionReport report(const ReachWalk& walk, const ReachConnection& connection, TCPSegment::Direction direction);
 
 private:
-    void takeGap(const ReachGap& gap);
-
     TLSDirectionReport report_;
 };
 

@@ -21,7 +21,7 @@
 //                                                    the sequence numbers that fit the number of bytes, the likeliest first
 //
 // Nothing counts but what authenticates, so a wrong guess costs time alone. How much is bounded twice: a record gets 64 trials,
-// and all trials together go through no more than 64 times the bytes that the walk has passed.
+// and all trials together go through no more than 64 times the bytes that the walk has passed, holes not counted.
 
 namespace sealscope {
 
@@ -54,8 +54,8 @@ constexpr std::uint8_t keyUpdate = 24;      // RFC 8446 §4.6.3
 ReachWalk::~ReachWalk() = default;
 
 ReachWalk::ReachWalk(ReachConnection& connection, Direction direction)
-    : connection_(connection), direction_(direction), data_(connection.stream().data(direction)), reader_(data_),
-      lost_(connection.stream(), direction), trialBudget_(firstBudget)
+    : connection_(connection), direction_(direction), data_(connection.stream().data(direction)), reader_(data_), lost_(data_),
+      trialBudget_(firstBudget)
 {
     const auto& parameters = connection.parameters();
     hasEnded_ = !parameters || !parameters->suite;
@@ -75,6 +75,7 @@ ReachWalk::ReachWalk(ReachConnection& connection, Direction direction)
     hasKeys_ = isEarly || !applicationSecret_.empty();
     // Without the handshake's secret the application's keys are tried from the first record on.
     enter(isEarly ? early : hasHandshakeSecret() ? handshake : application);
+    isUncertain_ = !connection.isThereFromTheStart(direction);
 }
 
 bool ReachWalk::hasHandshakeSecret() const { return connection_.trafficSecret(secretLabels(true, direction_).handshake).has_value(); }
@@ -183,7 +184,8 @@ bool ReachWalk::findRecordAfterLoss()
     while (data_.size() - at >= TLSRecord::headerLength) {
         if (lost_.isLost(at)) {
             isLossy = true;
-            at = lost_.endOfLoss(at);
+            const std::int64_t end = lost_.endOfLoss(at);
+            lostBytes_ += end - std::exchange(at, end);
             continue;
         }
         // The bytes in one place are looked through for the version, which all of the headers have.
@@ -208,17 +210,17 @@ void ReachWalk::stepOver(std::int64_t end, bool isLost, bool hasFraming)
 {
     if (end <= offset_) return;
     if (!pendingGap_) {
-        pendingGap_ = ReachGap{.range = {offset_, offset_}, .isExact = true};
+        pendingGap_ = PlaintextGap{.range = {offset_, offset_}, .isExact = true};
         gapSequence_ = sequence_;
     }
     pendingGap_->range.upper = end;
     pendingGap_->isLost = pendingGap_->isLost || isLost;
     if (hasFraming) {
         ++pendingGap_->records;
-        if (current_) {
+        if (current_ && record_.contentType == applicationData) {
             const auto length = current_->contentLength(record_.declaredLength);
             pendingGap_->contentLength += length.bytes;
-            pendingGap_->isExact = pendingGap_->isExact && length.isExact;
+            pendingGap_->isExact = pendingGap_->isExact && isSure(length);
         }
     } else {
         isUncertain_ = true;
@@ -260,10 +262,11 @@ bool ReachWalk::next(std::uint8_t* target)
     messages_.clear();
     content_ = {};
     while (!hasEnded_) {
-        const std::int64_t before = offset_;
+        const std::int64_t before = offset_ - lostBytes_;
+        const auto passed = [&] { return offset_ - lostBytes_ - before; };
         if (!findRecord()) {
             hasEnded_ = true;
-            gap_ = std::exchange(pendingGap_, std::nullopt);
+            settleLastGap();
             return false;
         }
         if (isClear(record_)) {
@@ -272,12 +275,12 @@ bool ReachWalk::next(std::uint8_t* target)
         } else {
             if (record_.contentType == applicationData) ++protectedRecords_;
             if (tryRecord(target)) {
-                trialBudget_ += trialsPerByte * (offset_ - before);
+                trialBudget_ += trialsPerByte * passed();
                 return true;
             }
             if (failuresLeft_ > 0 && --failuresLeft_ == 0) hasEnded_ = true;
         }
-        if (failuresLeft_ < 0) trialBudget_ += trialsPerByte * (offset_ - before);
+        if (failuresLeft_ < 0) trialBudget_ += trialsPerByte * passed();
     }
     return false;
 }
@@ -309,27 +312,38 @@ bool ReachWalk::attempt(const Candidate& candidate, const ProtectedRecord& recor
     return true;
 }
 
+/// Takes openings of a record off what it and the walk may cost; false when there is nothing left.
+bool ReachWalk::spend(const ProtectedRecord& record, std::int64_t openings, std::int64_t extraCost)
+{
+    const std::int64_t cost = openings * (record.body.size() + costOfTrial) + extraCost;
+    if (openings > trialsLeft_ || cost > trialBudget_) return false;
+    trialsLeft_ -= openings;
+    trialBudget_ -= cost;
+    trialBytes_ += cost;
+    return true;
+}
+
+/// The number that a record says it has; whether no other needs to be tried.
+bool ReachWalk::addSaid(Epoch epoch, const ProtectedRecord& record)
+{
+    RecordOpener* const opener = openerOf(epoch);
+    if (!opener || record.body.size() < opener->smallestBody()) return true;
+    if (!spend(record, opener->openingsToSay(), 0)) return true;
+    if (const auto said = opener->sequenceOf(record)) candidates_.push_back({epoch, *said});
+    return opener->openingsToSay() > 0;
+}
+
 /// What a record that the expected key and number do not open is tried under, the likeliest first.
 void ReachWalk::collectCandidates(const ProtectedRecord& record)
 {
     candidates_.clear();
-    // Where so many records in a row do not open, more of the same is not likely to help.
-    const std::int64_t trials = failedRecords_ < mostFailures ? mostTrials : fewTrials;
-    const auto add = [&](Epoch epoch, std::uint64_t sequence) {
-        if (std::ssize(candidates_) < trials) candidates_.push_back({epoch, sequence});
-    };
-    const auto addSaid = [&](Epoch epoch) {
-        RecordOpener* const opener = openerOf(epoch);
-        if (!opener || record.body.size() < opener->smallestBody()) return;
-        if (const auto said = opener->sequenceOf(record)) add(epoch, *said);
-    };
+    const auto add = [&](Epoch epoch, std::uint64_t sequence) { candidates_.push_back({epoch, sequence}); };
     // The last record under a key may have been lost, or nobody has its secret.
     const bool mayFollow = isTLS13_ || epoch_ == 0 || (sawLoss_ && !innerHellos_.empty());
-    if (isUncertain_) {
-        addSaid(epoch_);
-        if (mayFollow) addSaid(followingEpoch());
-    }
-    if (isUncertain_ && current_) {
+    const bool isSettled = isUncertain_ && addSaid(epoch_, record);
+    const bool isFollowingSettled = mayFollow && (sawLoss_ || isUncertain_) && addSaid(followingEpoch(), record);
+    const std::int64_t trials = trialsLeft_;
+    if (isUncertain_ && !isSettled && current_) {
         // By turns from none upwards, and around what the bytes make likely. A record that nothing opens leaves the numbers further
         // away to the next, so that a wide gap is searched through over several records, and again in case one was no record at all.
         const std::int64_t smallest = TLSRecord::headerLength + current_->smallestBody();
@@ -344,13 +358,10 @@ void ReachWalk::collectCandidates(const ProtectedRecord& record)
             if (near >= from + share && near <= most) add(epoch_, sequence_ + static_cast<std::uint64_t>(near));
         }
     }
-    if (mayFollow) {
-        const Epoch following = followingEpoch();
-        add(following, 0);
-        if (sawLoss_ || isUncertain_) {
-            for (std::uint64_t sequence = 1; std::ssize(candidates_) < trials; ++sequence) add(following, sequence);
-        }
-    }
+    if (!mayFollow || isFollowingSettled) return;
+    add(followingEpoch(), 0);
+    if (!sawLoss_ && !isUncertain_) return;
+    for (std::uint64_t sequence = 1; std::ssize(candidates_) < trials; ++sequence) add(followingEpoch(), sequence);
 }
 
 /// Whether a hole reaches into the record's body. A hole is a stretch of zeros, so that few others have to be looked up.
@@ -358,7 +369,7 @@ bool ReachWalk::hasLostStretch() const
 {
     std::int64_t offset = record_.bodyOffset;
     for (const DataView& stretch : stretches_) {
-        if (stretch[0] == 0 && lost_.isLost(offset)) return true;
+        if (lost_.isLost(offset, stretch)) return true;
         offset += stretch.size();
     }
     return false;
@@ -367,39 +378,30 @@ bool ReachWalk::hasLostStretch() const
 bool ReachWalk::tryRecord(std::uint8_t* target)
 {
     data_.findStretches(record_.bodyOffset, record_.declaredLength, stretches_);
-    // A record without an IV of its own has that of the one before, which ends in it.
-    const bool isChainedToBefore = !isTLS13_ && recordVersion_ <= 0x0301 && connection_.parameters()->suite->protection == RecordProtection::cbc;
-    const std::int64_t from = isChainedToBefore && !isFresh_ ? std::max<std::int64_t>(record_.recordOffset - std::ssize(before_), 0) : record_.recordOffset;
-    const bool isCut = hasLostStretch() || (from < record_.recordOffset && lost_.anyOf({from, record_.recordOffset}));
+    bool isCut = hasLostStretch();
     ProtectedRecord record{.header = {record_.contentType, record_.majorVersion, record_.minorVersion,
-                                      static_cast<std::uint8_t>(record_.declaredLength >> 8), static_cast<std::uint8_t>(record_.declaredLength)},
+                                      static_cast<std::uint8_t>(record_.declaredLength >> 8),
+                                      static_cast<std::uint8_t>(record_.declaredLength)},
                            .body = ScatteredView(stretches_),
+                           .followsAuthentic = authenticEnd_ == record_.recordOffset,
                            .offsetUnderKey = record_.bodyOffset - keyStart_};
-    if (isChainedToBefore) {
-        const std::int64_t count = std::min<std::int64_t>(record_.recordOffset, std::ssize(before_));
-        data_.copy(record_.recordOffset - count, std::span(before_).first(static_cast<std::size_t>(count)));
-        record.bytesBefore = {before_.data(), count};
+    // A record without an IV of its own has that of the one before, which ends in it.
+    const auto& parameters = *connection_.parameters();
+    if (!isTLS13_ && recordVersion_ <= 0x0301 && parameters.suite->protection == RecordProtection::cbc) {
+        const std::int64_t needed =
+            blockSize(parameters.suite->bulk) + (parameters.encryptsThenMACs ? digestSize(parameters.suite->mac) : 0);
+        const std::int64_t count = std::min(record_.recordOffset, needed);
+        const std::int64_t from = record_.recordOffset - count;
+        const bool isIVLost = !isFresh_ && lost_.anyOf({from, record_.recordOffset});
+        // With the MAC behind the blocks it authenticates all the same, and is the IV of the next.
+        isCut = isCut || (isIVLost && !parameters.encryptsThenMACs);
+        data_.copy(from, std::span(before_).first(static_cast<std::size_t>(count)));
+        if (!isIVLost) record.bytesBefore = {before_.data(), count};
     }
-    target = room(target);
-    if (!isCut && !isHopeless()) {
-        const Candidate expected{epoch_, sequence_};
-        if (isFramed_ && !isUncertain_ && attempt(expected, record, target)) {
-            accept(expected);
-            return true;
-        }
-        collectCandidates(record);
-        for (const Candidate& candidate : candidates_) {
-            RecordOpener* const opener = openerOf(candidate.epoch);
-            if (!opener) continue;
-            const std::int64_t cost = record.body.size() + costOfTrial + opener->extraCost(candidate.sequence, record);
-            if (cost > trialBudget_) break;
-            trialBudget_ -= cost;
-            trialBytes_ += cost;
-            if (attempt(candidate, record, target)) {
-                accept(candidate);
-                return true;
-            }
-        }
+    // Who is sent a record of another version than was agreed upon does not take it.
+    const bool isOfVersion = isTLS13_ || record_.version() == recordVersion_;
+    if (!isCut && isOfVersion && !isHopeless()) {
+        if (tryCandidates(record, room(target))) return opened_.isReadable;
         ++failedRecords_;
         if (isUncertain_) ++uncertainTries_;
     }
@@ -425,6 +427,55 @@ bool ReachWalk::tryRecord(std::uint8_t* target)
     return false;
 }
 
+/// Whether a record opens, or authenticates at least; the walk is behind it then.
+bool ReachWalk::tryCandidates(const ProtectedRecord& record, std::uint8_t* target)
+{
+    // Where so many records in a row do not open, more of the same is not likely to help.
+    const std::int64_t trials = failedRecords_ < mostFailures ? mostTrials : fewTrials;
+    trialsLeft_ = trials;
+    const auto opens = [&](const Candidate& candidate) {
+        if (!attempt(candidate, record, target)) return false;
+        if (opened_.isReadable)
+            accept(candidate);
+        else
+            passUnreadable(candidate);
+        return true;
+    };
+    bool isOpen = false;
+    if (isFramed_ && !isUncertain_) {
+        --trialsLeft_;
+        isOpen = opens({epoch_, sequence_});
+    }
+    if (!isOpen) {
+        collectCandidates(record);
+        for (const Candidate& candidate : candidates_) {
+            RecordOpener* const opener = openerOf(candidate.epoch);
+            if (!opener) continue;
+            if (!spend(record, 1, opener->extraCost(candidate.sequence, record))) break;
+            if ((isOpen = opens(candidate))) break;
+        }
+    }
+    mostTried_ = std::max(mostTried_, trials - trialsLeft_);
+    return isOpen;
+}
+
+/// A record whose content nothing authenticates, but which itself does: what follows it is certain again.
+void ReachWalk::passUnreadable(const Candidate& candidate)
+{
+    if (pendingGap_) {
+        settleGap(candidate);
+        pendingGap_ = std::exchange(gap_, std::nullopt);
+    }
+    if (candidate.epoch != epoch_) {
+        offset_ = record_.recordOffset;
+        enter(candidate.epoch);
+    }
+    stepOver(record_.endOffset(), false, true);
+    settleSequence(candidate);
+    failedRecords_ = 0;
+    openedAny_ = true;
+}
+
 /// Where nothing at all opens the secrets are not this connection's.
 bool ReachWalk::isHopeless() const { return openedAny_ ? false : failedRecords_ >= mostFailures; }
 
@@ -432,37 +483,58 @@ void ReachWalk::settleGap(const Candidate& candidate)
 {
     gap_ = std::exchange(pendingGap_, std::nullopt);
     if (!gap_) return;
-    if (candidate.epoch != epoch_ || isFresh_) {
-        // What stood there, handshake or data, nobody knows.
+    const auto nobodyKnows = [&] {
         gap_->contentLength = 0;
         gap_->isExact = false;
-        return;
-    }
+    };
+    // Of what stood there, handshake or data, before a key was used.
+    if (candidate.epoch != epoch_ || isFresh_ || !current_) return nobodyKnows();
+    if (isPadded_) gap_->isExact = false;
     if (!isUncertain_) return;
-    const auto missed = static_cast<std::int64_t>(candidate.sequence - gapSequence_);
     // The sequence number says how many records stood in bytes of which nobody saw the headers.
-    if (missed < 0 || !current_) return;
-    gap_->records = missed;
-    const std::int64_t bodies = gap_->range.size() - missed * TLSRecord::headerLength;
+    const std::uint64_t missed = candidate.sequence - gapSequence_;
+    const std::int64_t smallest = TLSRecord::headerLength + current_->smallestBody();
+    if (missed > static_cast<std::uint64_t>(gap_->range.size() / smallest)) return nobodyKnows();
+    gap_->records = static_cast<std::int64_t>(missed);
+    const std::int64_t bodies = gap_->range.size() - gap_->records * TLSRecord::headerLength;
+    if (bodies > gap_->records * longestTLS12Body) return nobodyKnows();
     const auto one = current_->contentLength(bodies);
     const std::int64_t overhead = bodies - one.bytes;
-    gap_->contentLength = missed == 0 ? 0 : std::max<std::int64_t>(bodies - missed * overhead, 0);
-    gap_->isExact = one.isExact && missed > 0;
+    gap_->contentLength = std::max<std::int64_t>(bodies - gap_->records * overhead, 0);
+    gap_->isExact = isSure(one);
+}
+
+/// Behind the last record that opened only what still has its framing can be counted.
+void ReachWalk::settleLastGap()
+{
+    gap_ = std::exchange(pendingGap_, std::nullopt);
+    if (!gap_ || (!isUncertain_ && !isFresh_ && isFramed_ && current_)) return;
+    gap_->contentLength = 0;
+    gap_->isExact = false;
+}
+
+void ReachWalk::settleSequence(const Candidate& candidate)
+{
+    sequence_ = candidate.sequence + 1;
+    isUncertain_ = isFresh_ = false;
+    unseenBytes_ = uncertainTries_ = 0;
+    isFramed_ = true;
+    authenticEnd_ = record_.endOffset();
 }
 
 void ReachWalk::accept(const Candidate& candidate)
 {
+    if (isTLS13_ && current_ && opened_.length < current_->contentLength(record_.declaredLength).bytes) isPadded_ = true;
     if (pendingGap_) settleGap(candidate);
     if (candidate.epoch != epoch_) {
         offset_ = record_.recordOffset;
         enter(candidate.epoch);
     }
-    sequence_ = candidate.sequence + 1;
-    isUncertain_ = isFresh_ = sawLoss_ = false;
+    settleSequence(candidate);
+    sawLoss_ = false;
     openedAny_ = true;
     failedRecords_ = 0;
-    unseenBytes_ = uncertainTries_ = 0;
-    isFramed_ = true;
+    openedData_ = openedData_ || opened_.type == applicationData;
     if (record_.contentType == applicationData) ++openedRecords_;
     const std::int64_t length = TLSRecord::headerLength + record_.declaredLength;
     typicalRecord_ = typicalRecord_ == 0 ? length : (7 * typicalRecord_ + length) / 8;

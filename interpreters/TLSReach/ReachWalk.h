@@ -4,6 +4,7 @@
 #include "Sealscope/TLSRecord.h"
 #include "host/VELModels/StreamData.h"
 #include "host/VELModels/TCPSegment.h"
+#include "host/VELModels/TLSDecryptionProbeRegistry.h"
 #include "interpreters/TLSReach/HandshakeAssembler.h"
 #include "interpreters/TLSReach/LostBytes.h"
 #include "interpreters/TLSReach/RecordOpener.h"
@@ -17,15 +18,6 @@
 namespace sealscope {
 
 class ReachConnection;
-
-/// A stretch of a direction that was stepped over, in front of a record or at the end.
-struct ReachGap {
-    ByteRange range;                 ///< of the direction's data: whole records, as far as anybody can tell
-    std::int64_t records = 0;        ///< that stood there; exact when what follows opened under the same key
-    std::int64_t contentLength = 0;  ///< bytes of content that these had
-    bool isExact = false;            ///< of the content's length
-    bool isLost = false;             ///< the capture lacks some of it; false: it is all there and does not authenticate
-};
 
 /// Opens the protected records of one direction one after another, and finds the next again where bytes were lost. Used by one
 /// thread; outlived by the connection.
@@ -52,8 +44,9 @@ public:
     std::uint8_t innerType() const { return opened_.type; }
     DataView content() const { return content_; }
     bool isApplicationData() const;
-    /// What was stepped over in front of it; after the last one, what is left.
-    const std::optional<ReachGap>& gap() const { return gap_; }
+    /// What was stepped over in front of it; after the last one, what is left. Where records can be padded the length of their content
+    /// counts as exact when none was that opened.
+    const std::optional<PlaintextGap>& gap() const { return gap_; }
     /// The handshake messages that it completed.
     const std::vector<AssembledMessage>& messages() const { return messages_; }
 
@@ -69,6 +62,8 @@ public:
     /// Hello messages of handshakes under encryption, in order.
     const std::vector<AssembledMessage>& innerHellos() const { return innerHellos_; }
     std::int64_t trialBytes() const { return trialBytes_; }
+    /// Openings of the record that was tried most.
+    std::int64_t mostTried() const { return mostTried_; }
 
 private:
     /// Which keys: of TLS 1.3 0 for early data, 1 for the handshake, from 2 on for application data; else the number of
@@ -88,8 +83,12 @@ private:
     bool isChained(const TLSRecord& record);
     bool isClear(const TLSRecord& record);
     bool tryRecord(std::uint8_t* target);
+    bool tryCandidates(const ProtectedRecord& record, std::uint8_t* target);
+    bool spend(const ProtectedRecord& record, std::int64_t openings, std::int64_t extraCost);
     bool attempt(const Candidate& candidate, const ProtectedRecord& record, std::uint8_t* target);
     void collectCandidates(const ProtectedRecord& record);
+    bool addSaid(Epoch epoch, const ProtectedRecord& record);
+    void passUnreadable(const Candidate& candidate);
     void stepOver(std::int64_t end, bool isLost, bool hasFraming);
     void accept(const Candidate& candidate);
     void takeMessages();
@@ -100,6 +99,9 @@ private:
     RecordOpener* openerOf(Epoch epoch);
     std::unique_ptr<RecordOpener> makeOpener(Epoch epoch);
     void settleGap(const Candidate& candidate);
+    void settleLastGap();
+    void settleSequence(const Candidate& candidate);
+    bool isSure(RecordOpener::ContentLength length) const { return length.isExact || (isTLS13_ && openedData_ && !isPadded_); }
     std::uint8_t* room(std::uint8_t* target);
 
     ReachConnection& connection_;
@@ -131,12 +133,17 @@ private:
     bool sawLoss_ = false;           ///< since the last record that opened
     std::int64_t typicalRecord_ = 0; ///< bytes, header included
 
-    std::optional<ReachGap> pendingGap_;
+    std::optional<PlaintextGap> pendingGap_;
     std::uint64_t gapSequence_ = 0;  ///< of the first record in it
-    std::optional<ReachGap> gap_;
+    std::optional<PlaintextGap> gap_;
     OpenedRecord opened_;
     DataView content_;
     std::vector<Candidate> candidates_;
+    std::int64_t trialsLeft_ = 0;  ///< of the record at hand
+    std::int64_t mostTried_ = 0;
+    std::int64_t authenticEnd_ = -1;  ///< of the record that authenticated last
+    bool openedData_ = false;
+    bool isPadded_ = false;  ///< some record was, of those that can be
     HandshakeAssembler handshake_;
     std::vector<AssembledMessage> messages_;
     std::vector<AssembledMessage> innerHellos_;
@@ -149,6 +156,7 @@ private:
     bool hasEnded_ = false;
     std::optional<std::int64_t> cutFrom_;
     std::int64_t trialBudget_ = 0;  ///< bytes
+    std::int64_t lostBytes_ = 0;    ///< in holes that were stepped over to find a record
     std::int64_t trialBytes_ = 0;
     std::unique_ptr<std::uint8_t[]> buffer_;
     std::int64_t bufferSize_ = 0;

@@ -160,6 +160,8 @@ public:
                 const std::int64_t end = record.bytesBefore.size() - mac_.length();
                 iv = record.bytesBefore.sub(end - block_, block_);
             }
+            // That MAC does not cover an IV that the record does not carry (RFC 7366 §3): one that is changed changes the first block.
+            if (encryptsThenMACs_ && sequence > 0 && !record.followsAuthentic) return OpenedRecord{record.type(), 0, false};
         }
         if (sealed.size() == 0 || !cipher_.decryptBlocks(iv, sealed, plaintext)) return std::nullopt;
         // The bytes of a padding say how many stand in front of the last; those of SSL 3.0 say nothing but in the last one.
@@ -292,6 +294,7 @@ public:
         }
         return sequence;
     }
+    std::int64_t openingsToSay() const override { return isAESGCM_ ? 2 : 0; }
     std::int64_t smallestBody() const override { return tagLength_ + 1; }
     ContentLength contentLength(std::int64_t bodyLength) const override
     {
@@ -319,7 +322,7 @@ public:
         if (!isUsable_ || sequence != next_) return std::nullopt;
         compressed_.resize(static_cast<std::size_t>(record.body.size()));
         auto opened = inner_->open(sequence, record, compressed_.data());
-        if (!opened) return std::nullopt;
+        if (!opened || !opened->isReadable) return std::nullopt;
         ++next_;
         stream_.next_in = compressed_.data();
         stream_.avail_in = static_cast<unsigned>(opened->length);

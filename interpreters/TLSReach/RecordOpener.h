@@ -20,6 +20,7 @@ struct ProtectedRecord {
     std::array<std::uint8_t, TLSRecord::headerLength> header{};
     ScatteredView body;
     DataView bytesBefore;             ///< the last bytes in front of the header; empty where they were lost
+    bool followsAuthentic = false;    ///< they end a record that authenticated
     std::int64_t offsetUnderKey = 0;  ///< bytes from the first header under the key to this body
 
     std::uint8_t type() const { return header[0]; }
@@ -29,6 +30,7 @@ struct ProtectedRecord {
 struct OpenedRecord {
     std::uint8_t type = 0;    ///< content type, of TLS 1.3 the one within the protection
     std::int64_t length = 0;  ///< bytes of content
+    bool isReadable = true;   ///< false: it authenticates, but not what its first block is decrypted with, and so no content is given
 };
 
 /// Opens the records that one key of one direction protects. What comes out has been authenticated. Used by one thread at a time.
@@ -36,11 +38,13 @@ class RecordOpener {
 public:
     virtual ~RecordOpener() = default;
 
-    /// Opens into `plaintext`, which has room for as many bytes as the body has, and for those of the longest record. Nothing for a record that does not authenticate
-    /// under this sequence number, for whatever reason.
+    /// Opens into `plaintext`, which has room for as many bytes as the body has, and for those of the longest record. Nothing for a
+    /// record that does not authenticate under this sequence number, for whatever reason.
     virtual std::optional<OpenedRecord> open(std::uint64_t sequence, const ProtectedRecord& record, std::uint8_t* plaintext) = 0;
     /// The sequence number that a record says or shows it has; nothing where it does not.
     virtual std::optional<std::uint64_t> sequenceOf(const ProtectedRecord&) { return std::nullopt; }
+    /// As many openings does it take to find that out. 0: it is only read, and may be wrong; else no other number opens the record.
+    virtual std::int64_t openingsToSay() const { return 0; }
     /// Bytes that have to be gone through for an attempt, beyond the record's own.
     virtual std::int64_t extraCost(std::uint64_t, const ProtectedRecord&) const { return 0; }
     /// The fewest bytes that a body has.

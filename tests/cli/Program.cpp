@@ -41,7 +41,8 @@ ProgramResult sealscope(std::vector<std::string> arguments, ProgramOptions optio
     return runProgram(arguments, options);
 }
 
-std::string sealscopeOnTerminal(const std::vector<std::string>& arguments, int columns, const std::vector<std::string>& environment)
+std::string sealscopeOnTerminal(const std::vector<std::string>& arguments, int columns, const std::vector<std::string>& environment,
+                                std::string answer)
 {
     const winsize size{.ws_row = 50, .ws_col = static_cast<unsigned short>(columns), .ws_xpixel = 0, .ws_ypixel = 0};
     int terminal = -1;
@@ -71,6 +72,7 @@ std::string sealscopeOnTerminal(const std::vector<std::string>& arguments, int c
         if (count < 0 && errno == EINTR) continue;
         if (count <= 0) break;  // a terminal whose last program has ended reads as an error
         shown.append(buffer, static_cast<std::size_t>(count));
+        if (!answer.empty() && shown.ends_with(": ") && write(terminal, answer.data(), answer.size()) > 0) answer.clear();
     }
     close(terminal);
     waitpid(process, nullptr, 0);

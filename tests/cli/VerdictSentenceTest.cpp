@@ -111,7 +111,8 @@ TEST(VerdictSentence, NamesTheCauseAndWhatHelps)
          whole,
          "no key log given: use --keylog FILE, or run the client with SSLKEYLOGFILE set"},
         {"a key log that is not there",
-         {noKeyMaterial, tls13(), KeyLogFacts{.problems = {{.file = "keys.txt", .found = {.problem = Problem::cannotOpen, .error = ENOENT}}}}},
+         {noKeyMaterial, tls13(),
+          KeyLogFacts{.problems = {{.file = "keys.txt", .found = {.problem = Problem::cannotOpen, .error = ENOENT}}}}},
          whole,
          "no key log with secrets: keys.txt: No such file or directory"},
         {"the log of another session",
@@ -187,6 +188,28 @@ TEST(VerdictSentence, NamesTheCauseAndWhatHelps)
          whole,
          "client 3 of 5 records, 517 bytes, up to byte 900, where a key update changed the key; server 12 of 14 records, 4096 bytes, "
          "1 skipped, up to byte 5000, where the capture lost bytes"},
+        {"behind gaps",
+         {TLSDecryptionOutcome::decrypted(),
+          with(tls13(32, 32),
+               [](Report& report) {
+                   report.client = direction(Stop::endOfData, 900, 3, 3, 517);
+                   report.server = direction(Stop::endOfData, 22'000'000, 1'391, 1'380, 21'000'000, 11);
+                   report.server.gaps = {{.range = {100, 8'100}}, {.range = {90'000, 99'370}}, {.range = {200'000, 200'006}}};
+               }),
+          {}},
+         whole,
+         "client 3 of 3 records, 517 bytes; server 1,380 of 1,391 records, 21,000,000 bytes, 11 lost, 3 gaps of 17,376 bytes"},
+        {"a private key of another server",
+         {unsupportedVersion,
+          with(tls13(), [](Report& report) { report.privateKeys = {TLSPrivateKeyReport::Use::otherCertificate, "www.example.org"}; }),
+          {}},
+         whole,
+         "the private key does not belong to the server's certificate, which is for www.example.org"},
+        {"a private key beside a key log that matters more",
+         {noKeyMaterial, with(tls13(32), [](Report& report) { report.privateKeys = {TLSPrivateKeyReport::Use::otherKeyExchange, ""}; }),
+          keyLog(1, 1)},
+         whole,
+         "the key log has only CLIENT_HANDSHAKE_TRAFFIC_SECRET for this connection; TLS 1.3 needs CLIENT_TRAFFIC_SECRET_0"},
         {"a probe without facts", {keyMismatch, {}, {}}, whole, "the secrets do not fit this connection"},
     };
     for (const auto& [name, verdict, summary, sentence] : cases) EXPECT_EQ(verdictSentence(verdict, summary), sentence) << name;

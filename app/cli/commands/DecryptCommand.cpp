@@ -90,8 +90,8 @@ ExitStatus openStreams(const CommandContext& context, const Session& session, co
 {
     const Options& options = context.options;
     ExitStatus status = done;
-    const StreamDecryptor decryptor(session, {.folder = options.output, .existing = existingFile(options), .capture = capture},
-                                    interruption());
+    const StreamDecryptor decryptor(
+        session, {.folder = options.output, .existing = existingFile(options), .capture = capture, .gaps = options.gaps}, interruption());
     OpenedTable table(context.terminal);
     if (!options.json)
         for (std::size_t i = 0; i < std::min<std::size_t>(streams.size(), 1'000); ++i) table.measure(session.summary(streams[i]));
@@ -214,14 +214,16 @@ const Command decryptCommand{
     .description = "Writes the plaintext of every TLS connection that decrypts, or of those that --stream names, and prints what became\n"
                    "of each. --output makes DIR/stream-0-client.bin, what the client sent, and DIR/stream-0-server.bin. --pcap makes a\n"
                    "capture that other tools read: TCP connections without TLS, between the original endpoints, at the original times.\n"
+                   "In place of records that the capture lost, --gaps puts zeros, where it is known how many bytes they held, or\n"
+                   "nothing, or a mark: in files a line of text, in a capture sequence numbers that pass over them.\n"
                    "--inject-secrets and --strip-secrets write the capture again, with and without secrets inside. What is written is\n"
                    "readable for its owner alone.",
     .examples = "sealscope decrypt -k keys.txt --output plain capture.pcapng|files in the folder plain\n"
                 "sealscope decrypt -k keys.txt --pcap plain.pcap capture.pcapng|a capture for other tools\n"
                 "sealscope decrypt -k keys.txt --inject-secrets all.pcapng capture.pcap|the capture with its secrets inside\n"
                 "sealscope decrypt --strip-secrets share.pcapng all.pcapng|the capture without any\n",
-    .options = {Option::stream, Option::keylog, Option::reach, Option::output, Option::pcap, Option::injectSecrets, Option::stripSecrets,
-                Option::force, Option::json, Option::filter, Option::count},
+    .options = {Option::stream, Option::keylog, Option::privateKey, Option::passphraseFile, Option::reach, Option::output, Option::pcap,
+                Option::injectSecrets, Option::stripSecrets, Option::gaps, Option::force, Option::json, Option::filter, Option::count},
     .access = Access::captures,
     .run = run};
 

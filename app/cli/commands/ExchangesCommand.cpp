@@ -63,11 +63,13 @@ const Command exchangesCommand{
     .name = "exchanges",
     .arguments = "FILE…",
     .summary = "what was asked and what came back: a row per request with its reply",
-    .description = "Prints a row for each request with its reply, over all streams, in the order of the requests' times: decrypted where the\n"
-                   "key logs hold the secrets, and as they are where nothing is encrypted.",
+    .description =
+        "Prints a row for each request with its reply, over all streams, in the order of the requests' times: decrypted where the\n"
+        "key logs hold the secrets, and as they are where nothing is encrypted.",
     .examples = "sealscope exchanges -k keys.txt capture.pcapng|like an access log\n"
                 "sealscope exchanges --json capture.pcapng \\| jq 'select(.reply.status >= 400)'|for scripts\n",
-    .options = {Option::stream, Option::keylog, Option::reach, Option::largestBody, Option::json, Option::filter, Option::count},
+    .options = {Option::stream, Option::keylog, Option::privateKey, Option::passphraseFile, Option::reach, Option::largestBody,
+                Option::json, Option::filter, Option::count},
     .countsRows = true,
     .access = Access::captures,
     .isPaged = true,

@@ -86,8 +86,8 @@ const Command exportCommand{.name = "export",
                             .examples =
                                 "sealscope export|the formats\n"
                                 "sealscope export har -k keys.txt --output capture.har capture.pcapng|for a browser's developer tools\n",
-                            .options = {Option::stream, Option::keylog, Option::reach, Option::output, Option::force, Option::largestBody,
-                                        Option::json, Option::filter, Option::count},
+                            .options = {Option::stream, Option::keylog, Option::privateKey, Option::passphraseFile, Option::reach,
+                                        Option::output, Option::force, Option::largestBody, Option::json, Option::filter, Option::count},
                             .fewestArguments = 0,
                             .access = Access::captures,
                             .run = run};

@@ -12,6 +12,7 @@
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 #include <random>
+#include <utility>
 
 namespace sealscope {
 namespace {
@@ -41,7 +42,7 @@ struct Transfer {
         for (std::size_t i = 20; i < pieces.size(); ++i) {
             if (static_cast<int>(random() % 100) >= lostOfHundred) continue;
             pieces[i].packetId.reset();
-            pieces[i].bytes = Data(std::vector<std::uint8_t>(static_cast<std::size_t>(pieces[i].bytes.size())));
+            pieces[i].lostBytes = std::exchange(pieces[i].bytes, Data()).size();
         }
         return vectorStream(pieces, true);
     }

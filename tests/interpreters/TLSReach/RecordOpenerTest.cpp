@@ -82,11 +82,12 @@ Bytes withMAC(const Bytes& content, const ReachSuite& suite, std::uint16_t versi
 std::string opened(RecordOpener& opener, std::uint64_t sequence, std::uint16_t version, const Bytes& body, DataView before, std::int64_t position)
 {
     const auto length = static_cast<std::uint16_t>(body.size());
-    ProtectedRecord record{.header = {23, 3, static_cast<std::uint8_t>(version), static_cast<std::uint8_t>(length >> 8),
-                                      static_cast<std::uint8_t>(length)},
-                           .body = ScatteredView(DataView(body)),
-                           .bytesBefore = before,
-                           .offsetUnderKey = position};
+    ProtectedRecord record{
+        .header = {23, 3, static_cast<std::uint8_t>(version), static_cast<std::uint8_t>(length >> 8), static_cast<std::uint8_t>(length)},
+        .body = ScatteredView(DataView(body)),
+        .bytesBefore = before,
+        .followsAuthentic = true,
+        .offsetUnderKey = position};
     Bytes plaintext(20'000);
     const auto result = opener.open(sequence, record, plaintext.data());
     return result ? std::string(DataView(plaintext).sub(0, result->length).text()) : "nothing";

@@ -1,0 +1,200 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/session/Session.h"
+#include "harness/CaptureFile.h"
+#include "harness/Certificates.h"
+#include "harness/Hex.h"
+#include "harness/OpenSSLPointers.h"
+#include "harness/TLSSession.h"
+#include "harness/TempDirectory.h"
+#include "tests/cli/Program.h"
+
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/pkcs12.h>
+#include <openssl/provider.h>
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
+
+namespace sealscope::cli {
+
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using testing::HasSubstr;
+using Direction = TCPSegment::Direction;
+
+/// A connection as a capture that lacks the server's segment in whose middle a byte of its data lies.
+std::string withoutSegment(const TempDirectory& directory, const TLSSession& session, std::int64_t byte)
+{
+    auto segments = tcpSegments(session.flights);
+    std::int64_t at = 0;
+    std::erase_if(segments, [&](const PlannedSegment& segment) {
+        if (segment.direction != Direction::serverToClient) return false;
+        const std::int64_t start = at;
+        at += segment.payload.size();
+        return start <= byte && byte < at;
+    });
+    return directory.write("capture.pcap", pcapFile(packets(segments)));
+}
+
+TEST(DecryptCommand, FillsGapsAsItIsTold)
+{
+    const std::string plaintext(patternBytes(200'000).view().text());
+    struct Case {
+        TLSSessionOptions options;
+        std::int64_t lost;      ///< bytes of content, as far as is known
+        const char* mark;
+        bool isExact;
+        const char* says;
+    };
+    const Case cases[] = {
+        {{.version = 0x0303, .suites = "ECDHE-RSA-AES128-GCM-SHA256"}, 16'384, "\n[16384 bytes lost]\n", true, "records, 183,616 bytes, 1 lost, 1 gap of 16,413 bytes"},
+        {{.version = 0x0304}, 16'384, "\n[16384 bytes lost]\n", true, "records, 183,616 bytes, 1 lost, 1 gap of 16,406 bytes"},
+        {{.version = 0x0303, .suites = "ECDHE-RSA-AES128-SHA256"}, 16'399, "\n[up to 16399 bytes lost]\n", false,
+         "records, 183,616 bytes, 1 lost, 1 gap of 16,453 bytes"},
+    };
+    for (const auto& [options, lost, mark, isExact, says] : cases) {
+        const TempDirectory directory;
+        const TLSSession session = runTLS(options, {clientSends("GET"), serverSends(patternBytes(200'000))});
+        const std::string capture = withoutSegment(directory, session, 60'000);
+        const std::string keyLog = directory.write("keys.txt", session.keyLog);
+        const auto filled = [&](const char* how) {
+            const std::string pcap = directory.file(std::string(how) + ".pcap");
+            const ProgramResult result = sealscope({"decrypt", "--json", "--force", "-k", keyLog, "--gaps", how, "--output",
+                                                    directory.path().string(), "--pcap", pcap, capture});
+            EXPECT_EQ(result.errors, "");
+            const json row = jsonLines(result.output).at(0);
+            const json gap = row["reason"]["server"]["gaps"].at(0);
+            EXPECT_EQ(row["reason"]["probe"], "TLSReach");
+            EXPECT_EQ(gap["plaintextBytes"], lost);
+            EXPECT_EQ(gap["isExact"], isExact);
+            EXPECT_EQ(gap["isLost"], true);
+            EXPECT_EQ(gap["records"], 1);
+            EXPECT_TRUE(gap["byteRange"][0] < 60'000 && 60'000 < gap["byteRange"][1]) << gap;
+            EXPECT_EQ(row["serverPlaintextBytes"], 200'000 - 16'384);
+            std::string file(readFile(directory.path() / "stream-0-server.bin").view().text());
+            EXPECT_EQ(row["serverFilledBytes"], static_cast<std::int64_t>(file.size()) - (200'000 - 16'384)) << how;
+            const auto opened = Session::open({.files = {pcap}});
+            return std::tuple(std::move(file), std::string((*opened)->stream(0).serverToClientData.whole().view().text()),
+                              (*opened)->summary(0).missingBytes);
+        };
+        const auto [skipped, skippedPackets, skippedMissing] = filled("skip");
+        ASSERT_EQ(skipped.size(), 200'000u - 16'384u);
+        const auto start = static_cast<std::size_t>(std::ranges::mismatch(skipped, plaintext).in1 - skipped.begin());
+        EXPECT_TRUE(skipped == std::string(plaintext).erase(start, 16'384));
+        EXPECT_TRUE(skippedPackets == skipped);
+        EXPECT_EQ(skippedMissing, 0);
+
+        const auto [zeros, zeroPackets, zerosMissing] = filled("zeros");
+        EXPECT_TRUE(zeros == (isExact ? std::string(plaintext).replace(start, 16'384, 16'384, '\0') : skipped));
+        EXPECT_TRUE(zeroPackets == zeros);
+        EXPECT_EQ(zerosMissing, 0);
+
+        const auto [marked, markedPackets, markedMissing] = filled("mark");
+        EXPECT_TRUE(marked == std::string(skipped).insert(start, mark));
+        EXPECT_EQ(markedMissing, lost) << "tools show segments that were lost";
+
+        EXPECT_THAT(sealscope({"streams", "-k", keyLog, capture}).output, HasSubstr(says));
+    }
+}
+
+std::string pemOf(EVP_PKEY* key, const char* passphrase)
+{
+    const std::unique_ptr<BIO, decltype(&BIO_free_all)> pem(BIO_new(BIO_s_mem()), BIO_free_all);
+    PEM_write_bio_PKCS8PrivateKey(pem.get(), key, passphrase ? EVP_aes_128_cbc() : nullptr, passphrase, passphrase ? 4 : 0, nullptr, nullptr);
+    char* text = nullptr;
+    const long length = BIO_get_mem_data(pem.get(), &text);
+    return {text, static_cast<std::size_t>(length)};
+}
+
+/// The key under one cipher, its certificate under another.
+std::string pkcs12Of(EVP_PKEY* key, const Data& certificate, int keyCipher, int cipher)
+{
+    const std::uint8_t* next = certificate.data();
+    const std::unique_ptr<X509, decltype(&X509_free)> parsed(d2i_X509(nullptr, &next, static_cast<long>(certificate.size())), X509_free);
+    const std::unique_ptr<PKCS12, decltype(&PKCS12_free)> store(
+        PKCS12_create("pass", "server", key, parsed.get(), nullptr, keyCipher, cipher, 0, 0, 0), PKCS12_free);
+    std::uint8_t* bytes = nullptr;
+    const int length = i2d_PKCS12(store.get(), &bytes);
+    std::string made(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(std::max(length, 0)));
+    OPENSSL_free(bytes);
+    return made;
+}
+
+TEST(PrivateKeys, OpenWhatWasEncryptedToTheirCertificates)
+{
+    // What old programs write has a cipher of old.
+    OSSL_PROVIDER_load(nullptr, "default");
+    OSSL_PROVIDER_load(nullptr, "legacy");
+    const CertificateOptions rsa{.key = CertificateKey::rsa2048};
+    const auto chain = CertificateChain::make(rsa);
+    const std::unique_ptr<BIO, decltype(&BIO_free_all)> text(BIO_new_mem_buf(chain->privateKeyPEM.data(), -1), BIO_free_all);
+    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(PEM_read_bio_PrivateKey(text.get(), nullptr, nullptr, nullptr), EVP_PKEY_free);
+    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> other(EVP_RSA_gen(2048), EVP_PKEY_free);
+    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> curve(EVP_EC_gen("P-256"), EVP_PKEY_free);
+
+    const TempDirectory directory;
+    const TLSSession session =
+        runTLS({.version = 0x0303, .suites = "AES128-GCM-SHA256", .certificates = {rsa}}, {clientSends("request"), serverSends("reply")});
+    const TLSSession forward = runTLS({.version = 0x0303, .suites = "ECDHE-RSA-AES128-GCM-SHA256", .certificates = {rsa}}, {serverSends("reply")});
+    const std::string capture = directory.write("capture.pcap", pcapFile(packets(tcpSegments(session.flights))));
+    const std::string secret = directory.write("forward.pcap", pcapFile(packets(tcpSegments(forward.flights))));
+    const std::string right = directory.write("right.pem", pemOf(key.get(), nullptr));
+    const std::string encrypted = directory.write("encrypted.pem", pemOf(key.get(), "pass"));
+    const std::string store = directory.write("store.p12", pkcs12Of(key.get(), chain->certificates.front(), NID_aes_128_cbc, NID_aes_128_cbc));
+    const std::string oldStore = directory.write("old.p12", pkcs12Of(key.get(), chain->certificates.front(), NID_pbe_WithSHA1And3_Key_TripleDES_CBC, NID_pbe_WithSHA1And40BitRC2_CBC));
+    const std::string wrong = directory.write("wrong.pem", pemOf(other.get(), nullptr));
+    const std::string elliptic = directory.write("elliptic.pem", pemOf(curve.get(), nullptr));
+    const std::string passphrase = directory.write("passphrase.txt", std::string("pass\n")), noPassphrase = directory.write("other.txt", std::string("word\n"));
+
+    struct Case {
+        const char* name;
+        std::string capture;
+        std::vector<std::string> options;
+        const char* verdict;  ///< none: an error
+        std::string says;
+    };
+    const Case cases[] = {
+        {"PEM", capture, {right}, "decrypted", "client 1 of 1 record, 7 bytes; server 1 of 1 record, 5 bytes"},
+        {"one of two", capture, {wrong, "--private-key", right}, "decrypted", "server 1 of 1 record, 5 bytes"},
+        {"encrypted PEM", capture, {encrypted, "--passphrase-file", passphrase}, "decrypted", ""},
+        {"PKCS #12", capture, {store, "--passphrase-file", passphrase}, "decrypted", ""},
+        {"PKCS #12 of old", capture, {oldStore, "--passphrase-file", passphrase}, "decrypted", ""},
+        {"another's", capture, {wrong}, "noKeyMaterial", "the private key does not belong to the server's certificate, which is for example.org"},
+        {"of no use", secret, {right}, "noKeyMaterial", "a private key does not open this connection, whose key exchange encrypts nothing to it"},
+        {"a wrong passphrase", capture, {encrypted, "--passphrase-file", noPassphrase}, nullptr, "the passphrase does not open it"},
+        {"a wrong passphrase of a store", capture, {store, "--passphrase-file", noPassphrase}, nullptr, "the passphrase does not open it"},
+        {"another kind of key", capture, {elliptic}, nullptr, "not an RSA key; no other opens a connection"},
+        {"no key", capture, {capture}, nullptr, "neither a private key in PEM nor PKCS #12"},
+        {"no file", capture, {directory.file("missing")}, nullptr, "No such file or directory"},
+    };
+    for (const auto& [name, file, options, verdict, says] : cases) {
+        std::vector<std::string> arguments{"streams", "--json", file, "--private-key"};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        const ProgramResult result = sealscope(arguments);
+        ASSERT_EQ(result.status, verdict ? 0 : 1) << name << ": " << result.errors;
+        EXPECT_EQ(result.errors, verdict ? "" : fmt::format("sealscope: --private-key {}: {}\n", options.front(), says)) << name;
+        if (!verdict) continue;
+        const json row = jsonLines(result.output).at(0);
+        EXPECT_EQ(row["verdict"], verdict) << name;
+        EXPECT_THAT(row["reason"]["sentence"].get<std::string>(), HasSubstr(says)) << name;
+    }
+
+    // A terminal asks, and shows nothing of the answer.
+    const std::string shown = sealscopeOnTerminal({"streams", "--private-key", encrypted, capture}, 200, {}, "pass\n");
+    EXPECT_THAT(shown, HasSubstr("passphrase of " + encrypted + ": \n"));
+    EXPECT_THAT(shown, HasSubstr("server 1 of 1 record, 5 bytes"));
+
+    // What the key opened opens without it when the secrets travel in the capture.
+    const std::string carrying = directory.file("carrying.pcapng");
+    EXPECT_EQ(sealscope({"decrypt", "--private-key", right, "--inject-secrets", carrying, capture}).status, 0);
+    EXPECT_EQ(jsonLines(sealscope({"streams", "--json", "--reach", "strict", carrying}).output).at(0)["verdict"], "decrypted");
+}
+
+}  // namespace
+
+}  // namespace sealscope::cli
