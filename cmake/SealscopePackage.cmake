@@ -4,6 +4,7 @@
 #   libsealscope-host1   the shared libraries; its number is the version of the plug-in contract
 #   libsealscope-dev     headers, CMake package and pkg-config file for plug-ins
 #   sealscope-desktop    the window, where it is built
+#   python3-sealscope    the Python package, and the command sealscope-cluster; where pybind11 is there
 set(library_package "libsealscope-host${SEALSCOPE_CONTRACT_VERSION}")
 find_program(gzip_program gzip REQUIRED)
 
@@ -23,6 +24,9 @@ configure_file(packaging/changelog.in "${PROJECT_BINARY_DIR}/packaging/changelog
 set(packages "runtime:sealscope" "libraries:${library_package}" "development:libsealscope-dev")
 if(SEALSCOPE_DESKTOP)
     list(APPEND packages "desktop:sealscope-desktop")
+endif()
+if(SEALSCOPE_PYTHON)
+    list(APPEND packages "python:python3-sealscope")
 endif()
 foreach(pair IN LISTS packages)
     string(REPLACE ":" ";" pair "${pair}")
@@ -96,4 +100,25 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${library_package} (= ${PROJECT_VE
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "contract between sealscope and its plug-ins (development files)
 Headers, CMake package and pkg-config file for writing plug-ins that teach
 sealscope a protocol.")
+
+if(SEALSCOPE_PYTHON)
+    list(APPEND CPACK_COMPONENTS_ALL python)
+    sealscope_install_compressed("${PROJECT_SOURCE_DIR}/docs/sealscope-cluster.1" sealscope-cluster.1 "${CMAKE_INSTALL_MANDIR}/man1" python)
+    install(FILES docs/scale.md DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/python3-sealscope" COMPONENT python)
+    execute_process(COMMAND "${SEALSCOPE_PYTHON_EXECUTABLE}" -c "import sys; print('%d.%d' % sys.version_info[:2], '%d.%d' % (sys.version_info[0], sys.version_info[1] + 1))"
+        OUTPUT_VARIABLE python_versions OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+    string(REPLACE " " ";" python_versions "${python_versions}")
+    list(GET python_versions 0 python_version)
+    list(GET python_versions 1 next_python_version)
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-sealscope)
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+    # The bundles are the program's.
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+        "python3 (>= ${python_version}), python3 (<< ${next_python_version}), ${library_package} (= ${PROJECT_VERSION}), sealscope (= ${PROJECT_VERSION})")
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_RECOMMENDS "python3-distributed")
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS "python3-pandas")
+    set(CPACK_DEBIAN_PYTHON_DESCRIPTION "see into the TLS traffic of packet captures (Python)
+Packets, streams, exchanges and plaintext of packet captures as typed rows,
+and the same for any number of files on a Dask cluster.")
+endif()
 include(CPack)

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/cli/PrivateKeys.h"
 
-#include "app/cli/text/DisplayText.h"
+#include "app/texts/DisplayText.h"
 #include "app/cli/text/Messages.h"
 #include "app/session/PrivateKeyFile.h"
 #include "platform/FileDescriptor.h"

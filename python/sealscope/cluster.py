@@ -30,6 +30,7 @@ from collections.abc import Callable, Iterable, Iterator
 from fractions import Fraction
 from typing import Any, Generic, TypeVar
 
+import dask
 from distributed import Client, LocalCluster, as_completed
 from distributed.scheduler import KilledWorker
 
@@ -246,7 +247,9 @@ class Rows(Generic[_Row]):
         self._patience, self._progress = patience, progress or (lambda phase, done, total: None)
         self._owned: list[Any] = []
         if client is None:
-            local = LocalCluster(n_workers=os.cpu_count(), threads_per_worker=1, dashboard_address=None)
+            # A look at every worker's stack, a hundred times a second, tells nothing about code that is not Python.
+            with dask.config.set({"distributed.worker.profile.interval": "1s"}):
+                local = LocalCluster(n_workers=os.cpu_count(), threads_per_worker=1, dashboard_address="127.0.0.1:0")
             client = Client(local)
             self._owned = [client, local]
         elif isinstance(client, str):
@@ -443,35 +446,26 @@ class _Plan:
         keys = _KeyLog(text)
         known: set[bytes] = set()
         needs: list[tuple[set[bytes], bool]] = []
+        unmet: dict[int, int] = {}
         group_needs: dict[int, tuple[set[bytes], list[bool]]] = {group: (set(), []) for group in self._members}
         for scan, travelling in zip(self._scans, self._travelling):
             own: set[bytes] = set()
-            hellos = set()
             for entry in _entries(scan["clients"], 16):
-                pair = int.from_bytes(entry[:8], "little")
-                hellos.add(pair)
                 if not keys.has(entry[8:]):
                     continue
                 known.add(entry)
+                pair = int.from_bytes(entry[:8], "little")
                 (group_needs[travelling[pair]][0] if pair in travelling else own).add(entry[8:])
-            strangers = False
-            for entry in _entries(scan["strangers"], 8):
-                pair = int.from_bytes(entry, "little")
-                if pair not in travelling:
-                    strangers = True
-            needs.append((own, strangers))
+            strangers = [int.from_bytes(entry, "little") for entry in _entries(scan["strangers"], 8)]
+            needs.append((own, any(pair not in travelling for pair in strangers)))
+            unmet.update((pair, travelling[pair]) for pair in strangers if pair in travelling)
         # A pair is a stranger where none of its files has its hello.
-        unmet: dict[int, int] = {}
-        met = set()
-        for scan, travelling in zip(self._scans, self._travelling):
-            for entry in _entries(scan["strangers"], 8):
-                pair = int.from_bytes(entry, "little")
-                if pair in travelling:
-                    unmet[pair] = travelling[pair]
-            met.update(int.from_bytes(entry[:8], "little") for entry in _entries(scan["clients"], 16))
-        for pair, group in unmet.items():
-            if pair not in met:
-                group_needs[group][1].append(True)
+        if unmet:
+            for scan in self._scans:
+                for entry in _entries(scan["clients"], 16):
+                    unmet.pop(int.from_bytes(entry[:8], "little"), None)
+        for group in unmet.values():
+            group_needs[group][1].append(True)
         facts["connections"] = len(known)
         self._common = {"kind": rows._kind, "reach": rows._reach, "facts": facts, "folder": ""}
         self._secrets = [keys.for_clients(clients, strangers) for clients, strangers in needs]

@@ -1,0 +1,121 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
+"""What 1,000 files of 1 GB cost a scheduler and whoever asks, without the files: the package's own plan, on a real scheduler with 100
+workers in one process. Only the answers about files are made up, as large as those of real ones. Prints what is measured, and what
+follows from it for real files at the speed of one processor.
+
+    SEALSCOPE_BUILD=build/release bench/python/simulate.py [FILES] [WORKERS]
+"""
+import os
+import pathlib
+import pickle
+import resource
+import sys
+import threading
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT / "tests/python"))
+
+import conftest  # noqa: E402,F401  finds the package
+from distributed import Client, LocalCluster  # noqa: E402
+
+from sealscope import _core, cluster  # noqa: E402
+
+# A gigabyte of web traffic in connections of 15 kB; one in 50 goes on in the next file.
+CONNECTIONS = 20_000
+GOING_ON = CONNECTIONS // 50
+PACKETS = 1_200_000
+FILE = 10**9
+ROW = 1_300  # bytes of a row of streams
+SPEED = 100e6  # bytes a second that a processor works on, rows included; the first look aside
+FIRST_LOOK = 900e6
+
+
+def pairs(file):
+    """Those that begin in a file, of which the last go on in the next; and those that go on from the one before."""
+    first = file * CONNECTIONS
+    return list(range(first - GOING_ON if file else 0, first + CONNECTIONS))
+
+
+class MadeUp:
+    """Answers in place of `sealscope._core`."""
+
+    travelled = 0
+    shared_pairs = staticmethod(_core.shared_pairs)
+
+    @staticmethod
+    def scan_file(file):
+        number = int(file)
+        packed = b"".join(pair.to_bytes(8, "little") for pair in pairs(number))
+        clients = b"".join(pair.to_bytes(8, "little") + pair.to_bytes(8, "big") for pair in pairs(number))
+        return {"first": (1_700_000_000 + 600 * number, 0, 1), "packets": PACKETS, "bytes": FILE, "pairs": packed, "clients": clients,
+                "strangers": b"", "secrets": b"", "errors": []}
+
+    @staticmethod
+    def work_on_file(file, filter, packets_before, travelling, options):
+        number = int(file)
+        own = [pair for pair in pairs(number) if pair not in travelling]
+        step = PACKETS // CONNECTIONS
+        firsts = b"".join((packets_before + 1 + i * step).to_bytes(8, "little") for i in range(len(own)))
+        groups = {}
+        for pair, group in travelling.items():
+            groups.setdefault(group, []).append(pair)
+        # The packets themselves are counted, not carried.
+        MadeUp.travelled += len(travelling) * FILE // CONNECTIONS // 2
+        return {"first_packets": firsts, "rows": b"", "errors": [], "packets": {group: b"%d %d" % (len(found), packets_before) for group, found in groups.items()}}
+
+    @staticmethod
+    def work_on_packets(pieces, options):
+        count, packets_before = map(int, pieces[0].split())
+        step = PACKETS // CONNECTIONS
+        first = packets_before + 2 + (CONNECTIONS - count) * step
+        return {"first_packets": b"".join((first + i * step).to_bytes(8, "little") for i in range(count)), "rows": b"", "errors": []}
+
+    @staticmethod
+    def key_log(embedded, files):
+        return b"", {"secrets": 0, "client_randoms": 0, "labels": [], "connections": 0, "problems": []}
+
+
+def memory():
+    return int(pathlib.Path("/proc/self/statm").read_text().split()[1]) * os.sysconf("SC_PAGE_SIZE")
+
+
+def main():
+    files, workers = (int(word) for word in (sys.argv[1:] + ["1000", "100"][len(sys.argv) - 1 :])[:2])
+    cluster._core = MadeUp
+    with LocalCluster(n_workers=workers, threads_per_worker=1, processes=False, dashboard_address="127.0.0.1:0", memory_limit=0) as local, Client(local) as client:
+        scheduler, most, tasks, is_watching = local.scheduler, [0, 0], set(), True
+
+        def watch():
+            while is_watching:
+                most[0] = max(most[0], len(scheduler.tasks))
+                most[1] = max(most[1], memory())
+                tasks.update(list(scheduler.tasks))
+                time.sleep(0.02)
+
+        watcher = threading.Thread(target=watch)
+        watcher.start()
+        base, used, begun = memory(), sum(resource.getrusage(resource.RUSAGE_SELF)[:2]), time.monotonic()
+        rows = cluster.streams([str(number) for number in range(files)], client=client).run()
+        used, wall = sum(resource.getrusage(resource.RUSAGE_SELF)[:2]) - used, time.monotonic() - begun
+        is_watching = False
+        watcher.join()
+        answers = files * len(pickle.dumps(MadeUp.scan_file("1")))
+    total = files * FILE
+    print(f"{files} files of 1 GB, {CONNECTIONS} connections each, {workers} workers: {len(rows.problems)} problems")
+    print(f"tasks: {len(tasks)} in all ({len(tasks) / files:.1f} a file), {most[0]} held at once")
+    print(f"processor time of scheduler, workers' event loops and the one who asks: {used:.1f} s ({used / len(tasks) * 1e3:.2f} ms a task), "
+          f"{wall:.1f} s of wall clock")
+    print(f"memory of all of them: {(most[1] - base) / 1e6:.0f} MB more than before")
+    print(f"to the one who asks: {answers / 1e6:.0f} MB of pairs and client randoms; {files * CONNECTIONS * ROW / 1e9:.1f} GB of rows where no "
+          "--output is given")
+    print(f"between workers: {MadeUp.travelled / 1e9:.1f} GB of packets, {MadeUp.travelled / total:.1%} of the bytes")
+    work = total / FIRST_LOOK + total / SPEED
+    print(f"workers compute {work / 3600:.1f} hours of processor time, so {work / workers / 60:.1f} minutes; the scheduler is busy for "
+          f"{used / 60:.1f} of them")
+    print(f"it would be as long as the work with {int(workers * (work / workers) / used)} workers")
+
+
+if __name__ == "__main__":
+    main()
