@@ -41,7 +41,7 @@ bool asksForAnotherHello(DataView serverHello)
 template <class Visit> void forEachClearMessage(const TCPStream& stream, Direction direction, Visit visit)
 {
     const StreamData& data = stream.data(direction);
-    const LostBytes lost(stream, direction);
+    const LostBytes lost(stream.data(direction));
     HandshakeAssembler assembler;
     std::vector<AssembledMessage> messages;
     std::vector<std::uint8_t> gathered;

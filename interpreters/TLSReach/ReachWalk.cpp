@@ -288,8 +288,7 @@ bool ReachWalk::next(std::uint8_t* target)
 void ReachWalk::goOn()
 {
     reader_ = StreamReader(data_);
-    std::destroy_at(&lost_);
-    std::construct_at(&lost_, connection_.stream(), direction_);
+    lost_ = LostBytes(data_);
     hasEnded_ = false;
     cutFrom_.reset();
 }

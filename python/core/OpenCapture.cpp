@@ -81,11 +81,11 @@ void StreamLines::messages(const Session& session, std::int64_t number, const Li
 
 Plaintext::Plaintext(std::shared_ptr<const Session> session, std::int64_t stream, TCPSegment::Direction direction)
     : session_(std::move(session)), stream_(session_->stream(stream)), direction_(direction),
-      isProtected_(session_->plugIns().isSecured(stream_))
+      isProtected_(session_->plugIns().isSecured(stream_)), filler_(GapFilling::zeros, stream_.data(direction))
 {
     if (!isProtected_) return;
     const StreamVerdicts verdicts(*session_);
-    reader_ = verdicts.plaintextReader(stream_, direction);
+    reader_ = verdicts.plaintextReader(stream_, direction).reader;
     if (reader_) return;
     const auto verdict = verdicts.verdict(stream_, ReportDepth::opened);
     if (verdict && verdict->outcome.isDecrypted()) return;
@@ -102,13 +102,25 @@ std::string Plaintext::next()
         return bytes;
     }
     room_.resize(PlaintextReader::largestRecord);
-    while (reader_ && std::ssize(bytes) < piece) {
-        const auto record = reader_->next(room_);
-        if (!record) {
-            reader_ = nullptr;
-            break;
+    while (std::ssize(bytes) < piece) {
+        if (const std::int64_t count = std::min(zeros_, piece - std::ssize(bytes)); count > 0) {
+            bytes.append(static_cast<std::size_t>(count), '\0');
+            zeros_ -= count;
+            continue;
         }
-        bytes += record->plaintext.text();
+        bytes += std::exchange(waiting_, {});
+        if (!reader_) break;
+        if (const auto record = reader_->next(room_)) {
+            if (record->gap) zeros_ += filler_.fill(*record->gap).zeros;
+            (zeros_ > 0 ? waiting_ : bytes) += record->plaintext.text();
+            end_ = record->body.upper;
+            continue;
+        }
+        // What did not open behind the last record.
+        if (const auto report = end_ > 0 ? reader_->report() : std::nullopt)
+            for (const PlaintextGap& gap : report->gaps)
+                if (gap.range.lower >= end_) zeros_ += filler_.fill(gap).zeros;
+        reader_ = nullptr;
     }
     return bytes;
 }

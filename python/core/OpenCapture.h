@@ -2,6 +2,7 @@
 #pragma once
 
 #include "app/capture/CaptureError.h"
+#include "app/export/GapFilling.h"
 #include "app/session/Session.h"
 #include "app/verdict/StreamVerdict.h"
 #include "python/core/Lines.h"
@@ -54,8 +55,12 @@ private:
     std::shared_ptr<const Session> session_;
     TCPStream stream_;
     TCPSegment::Direction direction_;
-    std::unique_ptr<PlaintextReader> reader_;
     bool isProtected_ = false;
+    GapFiller filler_;
+    std::int64_t zeros_ = 0;  ///< that come next
+    std::string waiting_;     ///< what comes behind them
+    std::int64_t end_ = 0;    ///< of the last record's body
+    std::unique_ptr<PlaintextReader> reader_;
     std::int64_t offset_ = 0;
     std::vector<std::uint8_t> room_;
 };
