@@ -25,28 +25,31 @@ void GrowingBytes::append(DataView bytes, ByteLocation carriedBy)
 void GrowingBytes::appendHole(std::int64_t count)
 {
     if (count <= 0) return;
-    if (pieces_.empty() || !pieces_.back().bytes.isEmpty()) pieces_.push_back({.begin = end_});
+    if (first_ == pieces_.size() || !pieces_.back().bytes.isEmpty()) pieces_.push_back({.begin = end_});
     end_ += count;
 }
 
 void GrowingBytes::letGo(std::int64_t before)
 {
-    while (!pieces_.empty() && endOf(pieces_.begin()) <= before) {
-        held_ -= pieces_.front().bytes.size();
-        pieces_.pop_front();
+    for (; first_ < pieces_.size() && endOf(firstPiece()) <= before; ++first_) {
+        held_ -= pieces_[first_].bytes.size();
+        pieces_[first_] = {};
     }
+    if (first_ <= pieces_.size() / 2) return;
+    pieces_.erase(pieces_.begin(), firstPiece());
+    first_ = 0;
 }
 
-std::int64_t GrowingBytes::endOf(std::deque<Piece>::const_iterator piece) const
+std::int64_t GrowingBytes::endOf(Position piece) const
 {
     const auto next = std::next(piece);
     return next == pieces_.end() ? end_ : next->begin;
 }
 
-std::deque<GrowingBytes::Piece>::const_iterator GrowingBytes::pieceAt(std::int64_t offset) const
+GrowingBytes::Position GrowingBytes::pieceAt(std::int64_t offset) const
 {
-    const auto after = std::ranges::upper_bound(pieces_, offset, {}, &Piece::begin);
-    return after == pieces_.begin() ? pieces_.end() : std::prev(after);
+    const auto after = std::ranges::upper_bound(firstPiece(), pieces_.end(), offset, {}, &Piece::begin);
+    return after == firstPiece() ? pieces_.end() : std::prev(after);
 }
 
 DataView GrowingBytes::stretch(std::int64_t offset) const
@@ -61,11 +64,11 @@ std::optional<ByteRange> GrowingBytes::hole(std::int64_t offset) const
 {
     const auto piece = pieceAt(offset);
     if (piece == pieces_.end()) {
-        const bool goesOn = !pieces_.empty() && pieces_.front().bytes.isEmpty();
-        return ByteRange{0, goesOn ? endOf(pieces_.begin()) : begin()};
+        const bool goesOn = first_ < pieces_.size() && firstPiece()->bytes.isEmpty();
+        return ByteRange{0, goesOn ? endOf(firstPiece()) : begin()};
     }
     if (!piece->bytes.isEmpty()) return std::nullopt;
-    return ByteRange{piece == pieces_.begin() ? 0 : piece->begin, endOf(piece)};
+    return ByteRange{piece == firstPiece() ? 0 : piece->begin, endOf(piece)};
 }
 
 ByteLocation GrowingBytes::locate(ByteRange range) const

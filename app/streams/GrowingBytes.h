@@ -4,9 +4,10 @@
 #include "host/VELModels/ByteToSegmentIndex.h"
 #include "host/VELModels/StreamData.h"
 
+#include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <optional>
+#include <vector>
 
 namespace sealscope {
 
@@ -25,7 +26,7 @@ public:
     /// Bytes that are held.
     std::int64_t held() const { return held_; }
     /// Where the first byte lies that was not let go of.
-    std::int64_t begin() const { return pieces_.empty() ? end_ : pieces_.front().begin; }
+    std::int64_t begin() const { return first_ == pieces_.size() ? end_ : pieces_[first_].begin; }
 
     DataView stretch(std::int64_t offset) const override;
     std::optional<ByteRange> hole(std::int64_t offset) const override;
@@ -38,10 +39,13 @@ private:
         Data bytes;  ///< empty for a hole
         ByteLocation carriedBy;
     };
-    std::deque<Piece>::const_iterator pieceAt(std::int64_t offset) const;
-    std::int64_t endOf(std::deque<Piece>::const_iterator piece) const;
+    using Position = std::vector<Piece>::const_iterator;
+    Position firstPiece() const { return pieces_.begin() + static_cast<std::ptrdiff_t>(first_); }
+    Position pieceAt(std::int64_t offset) const;
+    std::int64_t endOf(Position piece) const;
 
-    std::deque<Piece> pieces_;
+    std::vector<Piece> pieces_;
+    std::size_t first_ = 0;  ///< of the pieces that are held; those before are empty, and taken away now and then
     std::int64_t end_ = 0;
     std::int64_t held_ = 0;
 };

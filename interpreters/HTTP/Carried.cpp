@@ -40,12 +40,14 @@ void Carried::append(Conversation& conversation, const TCPStream& outer, const S
     ++innerContext.depth;
     innerContext.applicationProtocol = carried.protocol;
     std::optional<StreamInterpretation> made;
-    // What the handshake agreed on is known here alone.
-    if (carried.protocol && HeaderField::isNamed(*carried.protocol, "websocket"))
+    // Streams inside streams end somewhere; what the handshake agreed on is known here alone.
+    if (innerContext.depth > StreamContext::deepest)
+        made = bytesOf(inner);
+    else if (carried.protocol && HeaderField::isNamed(*carried.protocol, "websocket"))
         made = WebSocketInterpreter::interpret(inner, innerContext, WebSocketInterpreter::agreement(carried.reply));
     else if (carried.protocol && HeaderField::isNamed(*carried.protocol, "h2c"))
         made = HTTP2Interpreter::interpret(inner, innerContext);
-    else if (context.host && innerContext.depth <= StreamContext::deepest)
+    else if (context.host)
         made = context.host->carriedInterpretation(inner, innerContext);
     if (!made) made = bytesOf(inner);
     const CarriedPlaces client(carried.client), server(carried.server);
