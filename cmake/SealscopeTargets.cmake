@@ -1,6 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
 # One line per test, fuzz target and benchmark; each mirrors the path of what it exercises.
 
+# Twins and writers that stand beside the tests, for fuzz targets and benchmarks too.
+add_library(sealscope_test_headers INTERFACE)
+sealscope_headers(sealscope_test_headers tests)
+
 # sealscope_test(streams/ReassemblerTest.cpp LINK sealscope::streams [LABELS slow])
 # A GoogleTest program, one CTest test per program.
 function(sealscope_test source)
@@ -23,7 +27,7 @@ function(sealscope_fuzz source)
     cmake_parse_arguments(ARG "BUILT_ONLY" "" "LINK" ${ARGN})
     get_filename_component(name "${source}" NAME_WE)
     add_executable(${name} "${source}")
-    target_link_libraries(${name} PRIVATE sealscope::compile sealscope_fuzz_support ${ARG_LINK})
+    target_link_libraries(${name} PRIVATE sealscope::compile sealscope_fuzz_support sealscope_test_headers ${ARG_LINK})
     target_link_options(${name} PRIVATE -fsanitize=fuzzer)
     if(ARG_BUILT_ONLY)
         return()
@@ -38,5 +42,5 @@ function(sealscope_bench source)
     cmake_parse_arguments(ARG "" "" "LINK" ${ARGN})
     get_filename_component(name "${source}" NAME_WE)
     add_executable(${name} "${source}")
-    target_link_libraries(${name} PRIVATE sealscope::compile ${ARG_LINK} benchmark::benchmark benchmark::benchmark_main)
+    target_link_libraries(${name} PRIVATE sealscope::compile sealscope_test_headers ${ARG_LINK} benchmark::benchmark benchmark::benchmark_main)
 endfunction()

@@ -5,7 +5,7 @@
 #include "harness/CaptureFile.h"
 #include "harness/Hex.h"
 #include "harness/TLSSession.h"
-#include "tests/interpreters/HTTP/HTTP2Writer.h"
+#include "harness/HTTP2Writer.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -9,7 +9,7 @@
 #include "harness/PacketPath.h"
 #include "harness/TLSSession.h"
 #include "harness/TempDirectory.h"
-#include "tests/interpreters/HTTP/HTTP2Writer.h"
+#include "harness/HTTP2Writer.h"
 
 #include <algorithm>
 #include <filesystem>

@@ -3,7 +3,7 @@
 #include "harness/VectorStream.h"
 #include "interpreters/HTTP/HTTP1Interpreter.h"
 #include "interpreters/HTTP/HTTP2Interpreter.h"
-#include "tests/interpreters/HTTP/HTTP2Writer.h"
+#include "harness/HTTP2Writer.h"
 
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>

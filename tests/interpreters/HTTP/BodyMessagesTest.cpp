@@ -2,7 +2,7 @@
 #include "interpreters/HTTP/HTTP1Interpreter.h"
 #include "interpreters/HTTP/HTTP2Interpreter.h"
 
-#include "tests/interpreters/HTTP/HTTP2Writer.h"
+#include "harness/HTTP2Writer.h"
 #include "tests/interpreters/HTTP/HTTPTranscript.h"
 
 #include <gtest/gtest.h>

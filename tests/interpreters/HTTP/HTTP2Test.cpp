@@ -2,7 +2,7 @@
 #include "interpreters/HTTP/HTTP1Interpreter.h"
 #include "interpreters/HTTP/HTTP2Interpreter.h"
 #include "interpreters/HTTP/HeaderDecompressor.h"
-#include "tests/interpreters/HTTP/HTTP2Writer.h"
+#include "harness/HTTP2Writer.h"
 #include "tests/interpreters/HTTP/HTTPTranscript.h"
 
 #include <gtest/gtest.h>
@@ -10,7 +10,7 @@
 namespace sealscope {
 namespace {
 
-using Type = HTTP2Frame::Type;
+using Type = HTTP2Writer::Type;
 constexpr auto endStream = HTTP2Writer::endStream, endHeaders = HTTP2Writer::endHeaders;
 
 /// The transcript without the frames that are shown by themselves, which have a test of their own.
@@ -80,7 +80,7 @@ TEST(HTTP2, ShowsPushesResetsAndWhatIsUnanswered)
 TEST(HTTP2, ShowsWhatFramesSayOfTheConnection)
 {
     const std::string settings("\0\1\0\0\x10\0\0\3\0\0\0\x64\x99\x99\0\0\0\1", 18);
-    const std::string asked = std::string(HTTP2Frame::preface) + HTTP2Writer::frame(Type::settings, 0, 0, settings) +
+    const std::string asked = "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n" + HTTP2Writer::frame(Type::settings, 0, 0, settings) +
                               HTTP2Writer::frame(Type::windowUpdate, 0, 0, std::string("\0\1\0\0", 4)) +
                               HTTP2Writer::frame(Type::priority, 0, 3, std::string("\0\0\0\0\xc8", 5)) +
                               HTTP2Writer::frame(Type::ping, 0, 0, "12345678") + HTTP2Writer::frame(Type{0x77}, 1, 9, "?") +

@@ -2,8 +2,8 @@
 #pragma once
 
 #include "harness/Hex.h"
-#include "interpreters/HTTP/HTTP2Frame.h"
 
+#include <cstdint>
 #include <nghttp2/nghttp2.h>
 #include <string>
 #include <string_view>
@@ -24,7 +24,8 @@ inline std::string inOrder(std::initializer_list<std::string> pieces)
 class HTTP2Writer {
 public:
     using Fields = std::vector<std::pair<std::string, std::string>>;
-    using Type = HTTP2Frame::Type;
+    /// Frame types (RFC 9113 §6).
+    enum class Type : std::uint8_t { data, headers, priority, rstStream, settings, pushPromise, ping, goAway, windowUpdate, continuation };
     static constexpr std::uint8_t endStream = 1, endHeaders = 4;
 
     HTTP2Writer() { nghttp2_hd_deflate_new(&deflater_, 4'096); }
@@ -61,7 +62,7 @@ public:
     {
         return frame(Type::data, flags, stream, payload);
     }
-    static std::string preface() { return std::string(HTTP2Frame::preface) + frame(Type::settings, 0, 0, {}); }
+    static std::string preface() { return "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n" + frame(Type::settings, 0, 0, {}); }
 
     static Fields get(std::string path, std::string method = "GET")
     {
