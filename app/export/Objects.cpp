@@ -77,18 +77,6 @@ std::string safeFileName(std::string_view name)
     return isDevice(safe) ? "_" + safe : safe;
 }
 
-std::vector<std::optional<std::string>> urlsOf(const StreamInterpretation& interpretation)
-{
-    std::vector<std::optional<std::string>> urls;
-    std::ranges::transform(interpretation.messages, std::back_inserter(urls),
-                           [](const StreamMessage& message) { return textAttribute(message, "url"); });
-    const auto holds = [&](std::int64_t index) { return index >= 0 && index < std::ssize(urls); };
-    for (const Pairing& pairing : interpretation.pairings.value_or(std::vector<Pairing>{}))
-        if (pairing.replyIndex && holds(*pairing.replyIndex) && holds(pairing.requestIndex))
-            urls[static_cast<std::size_t>(*pairing.replyIndex)] = urls[static_cast<std::size_t>(pairing.requestIndex)];
-    return urls;
-}
-
 std::string ObjectFolder::freePath(const std::string& name)
 {
     const std::size_t dot = extensionOf(name);

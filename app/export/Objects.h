@@ -34,9 +34,6 @@ struct SavedObject {
 /// characters, not hidden, of at most 200 bytes. "object" where nothing is left of it.
 std::string safeFileName(std::string_view name);
 
-/// For each message of an interpretation the URL that its body belongs to: its own, or that of the request that it answers.
-std::vector<std::optional<std::string>> urlsOf(const StreamInterpretation& interpretation);
-
 /// Saves the bodies of messages into a folder, each under a name of its own; without a folder ("") they are only measured. Used by one
 /// thread.
 class ObjectFolder {
