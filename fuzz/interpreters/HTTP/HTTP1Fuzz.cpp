@@ -9,5 +9,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const StreamContext context{.largestDecodedBody = 1 << 18};
     HTTP1Interpreter::canInterpret(stream, context);
     requireSound(HTTP1Interpreter::interpret(stream, context), stream);
+    requireFollows<HTTP1Interpreter>(stream, context);
     return 0;
 }

@@ -3,7 +3,10 @@
 
 #include "fuzz/Require.h"
 #include "harness/VectorStream.h"
+#include "host/VELModels/StreamContext.h"
+#include "host/VELModels/StreamFollowing.h"
 #include "host/VELModels/StreamMessage.h"
+#include "interpreters/HTTP/CarriedStream.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -57,6 +60,22 @@ inline void requireSound(const StreamInterpretation& interpretation, const TCPSt
         require(!pairing.replyIndex || (*pairing.replyIndex >= 0 && *pairing.replyIndex < count), "a reply is a message");
         require(interpretation.messages[static_cast<std::size_t>(pairing.requestIndex)].kind == StreamMessageKind::request,
                 "a request is one");
+    }
+}
+
+/// The stream as it would have come in a few pieces: what is found on the way is sound, and is let go of as it says.
+template <class Interpreter> void requireFollows(const TCPStream& stream, const StreamContext& context)
+{
+    constexpr std::int64_t pieces = 5;
+    const auto following = Interpreter::follow(context);
+    std::int64_t neededFrom = 0;
+    for (std::int64_t piece = 1; piece <= pieces; ++piece) {
+        const auto part = [&](const StreamData& data) { return ByteRanges(ByteRange{0, data.size() * piece / pieces}); };
+        const TCPStream grown = CarriedStream::inside(stream, part(stream.clientToServerData), part(stream.serverToClientData));
+        requireSound(following->goOn(grown, piece == pieces ? StreamExtent::whole : StreamExtent::growing), grown);
+        const std::int64_t needed = following->neededFrom(TCPSegment::Direction::clientToServer);
+        require(needed >= neededFrom, "what was let go of is not needed again");
+        neededFrom = needed;
     }
 }
 
