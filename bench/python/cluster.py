@@ -35,7 +35,7 @@ def worker_time(client):
 
 
 def main():
-    dask.config.set({"distributed.worker.profile.interval": "1s"})
+    dask.config.set(cluster._LOCAL)
     connections, files = (int(word) for word in (sys.argv[1:] + ["20000", "40"][len(sys.argv) - 1 :])[:2])
     with tempfile.TemporaryDirectory() as name:
         folder = pathlib.Path(name)

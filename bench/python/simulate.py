@@ -6,6 +6,8 @@ follows from it for real files at the speed of one processor.
 
     SEALSCOPE_BUILD=build/release bench/python/simulate.py [FILES] [WORKERS]
 """
+import array
+import collections
 import os
 import pathlib
 import pickle
@@ -34,8 +36,7 @@ FIRST_LOOK = 900e6
 
 def pairs(file):
     """Those that begin in a file, of which the last go on in the next; and those that go on from the one before."""
-    first = file * CONNECTIONS
-    return list(range(first - GOING_ON if file else 0, first + CONNECTIONS))
+    return range(file * CONNECTIONS - (GOING_ON if file else 0), (file + 1) * CONNECTIONS)
 
 
 class MadeUp:
@@ -47,30 +48,28 @@ class MadeUp:
     @staticmethod
     def scan_file(file):
         number = int(file)
-        packed = b"".join(pair.to_bytes(8, "little") for pair in pairs(number))
-        clients = b"".join(pair.to_bytes(8, "little") + pair.to_bytes(8, "big") for pair in pairs(number))
+        packed = array.array("Q", pairs(number)).tobytes()
+        clients = array.array("Q", (pair for pair in pairs(number) for _ in range(2))).tobytes()
         return {"first": (1_700_000_000 + 600 * number, 0, 1), "packets": PACKETS, "bytes": FILE, "pairs": packed, "clients": clients,
                 "strangers": b"", "secrets": b"", "errors": []}
 
     @staticmethod
     def work_on_file(file, filter, packets_before, travelling, options):
-        number = int(file)
-        own = [pair for pair in pairs(number) if pair not in travelling]
         step = PACKETS // CONNECTIONS
-        firsts = b"".join((packets_before + 1 + i * step).to_bytes(8, "little") for i in range(len(own)))
-        groups = {}
-        for pair, group in travelling.items():
-            groups.setdefault(group, []).append(pair)
+        own = len(pairs(int(file))) - len(travelling)
+        firsts = array.array("q", range(packets_before + 1, packets_before + 1 + own * step, step)).tobytes()
+        groups = collections.Counter(travelling.values())
         # The packets themselves are counted, not carried.
         MadeUp.travelled += len(travelling) * FILE // CONNECTIONS // 2
-        return {"first_packets": firsts, "rows": b"", "errors": [], "packets": {group: b"%d %d" % (len(found), packets_before) for group, found in groups.items()}}
+        return {"first_packets": firsts, "rows": b"", "errors": [],
+                "packets": {group: b"%d %d" % (count, packets_before) for group, count in groups.items()}}
 
     @staticmethod
     def work_on_packets(pieces, options):
         count, packets_before = map(int, pieces[0].split())
         step = PACKETS // CONNECTIONS
         first = packets_before + 2 + (CONNECTIONS - count) * step
-        return {"first_packets": b"".join((first + i * step).to_bytes(8, "little") for i in range(count)), "rows": b"", "errors": []}
+        return {"first_packets": array.array("q", range(first, first + count * step, step)).tobytes(), "rows": b"", "errors": []}
 
     @staticmethod
     def key_log(embedded, files):
