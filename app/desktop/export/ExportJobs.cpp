@@ -77,6 +77,7 @@ ExportOutcome copied(const ExportSource& source, const CaptureChanges& changes, 
     auto output = begun(file);
     if (!output) return {.problem = output.error()};
     auto capture = Capture::open(source.session->capture().files(), {.randomAccess = true, .keepsEveryBlock = true, .stop = source.stop});
+    if (source.stop.stop_requested()) return {.problem = cancelled(file)};
     if (!capture) return {.problem = capture.error().text()};
     CapturedPacket packet;
     while ((*capture)->next(packet) && !source.stop.stop_requested()) {}

@@ -98,7 +98,7 @@ void BodyView::clear()
     stack_->hide();
 }
 
-void BodyView::show(const StreamMessage& message)
+void BodyView::setMessage(const StreamMessage& message)
 {
     clear();
     if (!message.body) return;

@@ -29,7 +29,7 @@ public:
     explicit BodyView(QWidget* parent = nullptr);
     ~BodyView() override;
 
-    void show(const StreamMessage& message);
+    void setMessage(const StreamMessage& message);
     void clear();
     bool isLoading() const { return loading_ != nullptr; }
     /// The ways that this body can be shown in.

@@ -75,7 +75,7 @@ ConversationView::ConversationView(Document& document, QWidget* parent)
                                   ? messages_->message(current.row()).packetIds.front()
                                   : -1;
         messages_->clear();
-        show(shown, [this, packet] { return messages_->rowOfPacket(packet); });
+        showRow(shown, [this, packet] { return messages_->rowOfPacket(packet); });
     });
     connect(&document, &Document::streamWanted, this, &ConversationView::showStream);
     connect(messages_, &MessagesModel::headingChanged, this, &ConversationView::showHeading);
@@ -86,12 +86,12 @@ ConversationView::ConversationView(Document& document, QWidget* parent)
         wanted_ = nullptr;
         if (!list_->currentIndex().isValid()) choose(0);
         // Pairings are known now.
-        panel_->show(list_->currentIndex().row());
+        panel_->setRow(list_->currentIndex().row());
         showHeading();
     });
-    connect(messages_, &QAbstractItemModel::modelReset, this, [this] { panel_->show(-1); });
+    connect(messages_, &QAbstractItemModel::modelReset, this, [this] { panel_->setRow(-1); });
     connect(list_->selectionModel(), &QItemSelectionModel::currentChanged, this,
-            [this](const QModelIndex& index) { panel_->show(index.isValid() ? index.row() : -1); });
+            [this](const QModelIndex& index) { panel_->setRow(index.isValid() ? index.row() : -1); });
     const auto choosePartner = [this](const QModelIndex& index) {
         if (index.isValid()) choose(messages_->partner(index.row()));
     };
@@ -103,11 +103,6 @@ ConversationView::ConversationView(Document& document, QWidget* parent)
     connect(search_, &QLineEdit::returnPressed, this, [this] { find(1); });
     for (const auto& [key, step] : {std::pair(QKeySequence::FindNext, 1), std::pair(QKeySequence::FindPrevious, -1)})
         connect(new QShortcut(key, this, nullptr, nullptr, Qt::WidgetWithChildrenShortcut), &QShortcut::activated, this, [this, step = step] { find(step); });
-    connect(new QShortcut(QKeySequence::Find, this, nullptr, nullptr, Qt::WidgetWithChildrenShortcut), &QShortcut::activated, search_,
-            [this] {
-                search_->setFocus();
-                search_->selectAll();
-            });
     setFocusProxy(list_);
     showHeading();
 }
@@ -116,20 +111,20 @@ qint64 ConversationView::stream() const { return messages_->stream(); }
 
 void ConversationView::showStream(qint64 stream)
 {
-    show(stream, [] { return -1; });
+    showRow(stream, [] { return -1; });
 }
 
 void ConversationView::showMessage(qint64 stream, quint64 mark)
 {
-    show(stream, [this, mark] { return messages_->rowOfMark(mark); });
+    showRow(stream, [this, mark] { return messages_->rowOfMark(mark); });
 }
 
 void ConversationView::showPacket(qint64 stream, qint64 packet)
 {
-    show(stream, [this, packet] { return messages_->rowOfPacket(packet); });
+    showRow(stream, [this, packet] { return messages_->rowOfPacket(packet); });
 }
 
-void ConversationView::show(qint64 stream, std::function<int()> row)
+void ConversationView::showRow(qint64 stream, std::function<int()> row)
 {
     if (!document_.session() || stream < 0 || stream >= document_.session()->streamCount()) return;
     wanted_ = std::move(row);

@@ -36,7 +36,7 @@ public:
 
 private:
     /// Shows a stream and chooses a row as soon as there is one.
-    void show(qint64 stream, std::function<int()> row);
+    void showRow(qint64 stream, std::function<int()> row);
     void choose(int row);
     void chooseWanted();
     void find(int step);

@@ -68,7 +68,7 @@ MessagePanel::MessagePanel(Document& document, const MessagesModel& messages, QW
     layout->addWidget(note_);
     layout->addWidget(makeButtons());
     layout->addWidget(parts, 1);
-    show(-1);
+    setRow(-1);
 }
 
 MessagePanel::~MessagePanel() = default;
@@ -99,7 +99,7 @@ QWidget* MessagePanel::makeButtons()
     return buttons;
 }
 
-void MessagePanel::show(int row)
+void MessagePanel::setRow(int row)
 {
     row_ = row;
     details_->setVisible(row >= 0);
@@ -125,7 +125,7 @@ void MessagePanel::show(int row)
     fillPacketMenu(message);
     save_->setVisible(message.body.has_value());
     copy_->show();
-    body_->show(message);
+    body_->setMessage(message);
 }
 
 void MessagePanel::fillPacketMenu(const StreamMessage& message)

@@ -29,7 +29,7 @@ public:
     ~MessagePanel() override;
 
     /// Shows a row of the messages; none for -1.
-    void show(int row);
+    void setRow(int row);
     BodyView& body() { return *body_; }
     QPushButton& partner() { return *partner_; }
     QToolButton& packets() { return *packets_; }

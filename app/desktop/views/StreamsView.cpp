@@ -35,7 +35,7 @@ StreamsView::StreamsView(Document& document, QWidget* parent)
 {
     table_->setItemDelegateForColumn(column(Column::verdict), new VerdictDelegate(table_));
     table_->setContextMenuPolicy(Qt::CustomContextMenu);
-    table_->setWidths({{column(Column::number), 7}, {column(Column::client), 20}, {column(Column::server), 20}, {column(Column::serverName), 20},
+    table_->setWidths({{column(Column::number), 9}, {column(Column::client), 20}, {column(Column::server), 20}, {column(Column::serverName), 20},
                        {column(Column::version), 8}, {column(Column::sent), 8}, {column(Column::received), 9}, {column(Column::start), 25},
                        {column(Column::duration), 9}, {column(Column::verdict), 27}});
     table_->sortByColumn(column(Column::number), Qt::AscendingOrder);

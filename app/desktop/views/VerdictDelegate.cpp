@@ -13,7 +13,7 @@ namespace sealscope::desktop {
 
 namespace {
 
-constexpr int padding = 8;
+constexpr int padding = 8, slack = 4;  ///< a sign of another font may be a little wider than it is measured
 
 QString badgeText(const QModelIndex& index)
 {
@@ -35,7 +35,7 @@ void VerdictDelegate::paint(QPainter* painter, const QStyleOptionViewItem& optio
     const auto colors = toneColors(static_cast<Tone>(index.data(StreamsModel::ToneRole).toInt()), option.palette);
     const QString text = badgeText(index);
     QRect badge = option.rect.adjusted(3, 2, -3, -2);
-    badge.setWidth(std::min(badge.width(), option.fontMetrics.horizontalAdvance(text) + 2 * padding));
+    badge.setWidth(std::min(badge.width(), option.fontMetrics.horizontalAdvance(text) + 2 * padding + slack));
     painter->save();
     painter->setRenderHint(QPainter::Antialiasing);
     painter->setPen(Qt::NoPen);
@@ -51,7 +51,7 @@ void VerdictDelegate::paint(QPainter* painter, const QStyleOptionViewItem& optio
 QSize VerdictDelegate::sizeHint(const QStyleOptionViewItem& option, const QModelIndex& index) const
 {
     QSize size = QStyledItemDelegate::sizeHint(option, index);
-    size.setWidth(option.fontMetrics.horizontalAdvance(badgeText(index)) + 2 * padding + 6);
+    size.setWidth(option.fontMetrics.horizontalAdvance(badgeText(index)) + 2 * padding + slack + 6);
     return size;
 }
 
