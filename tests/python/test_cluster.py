@@ -61,8 +61,8 @@ def running(tmp_path_factory):
 
 @pytest.fixture(scope="module")
 def client(running):
-    with Client(running.address) as connected:
-        connected.wait_for_workers(3, timeout=60)
+    with Client(running.address, timeout=120) as connected:
+        connected.wait_for_workers(3, timeout=240)
         yield connected
 
 
