@@ -72,6 +72,13 @@ class _Failed:
         self.error = error
 
 
+class _Work(dict[str, Any]):
+    """What came of a file. Rows may be plaintext, and logs show the arguments of tasks that fail."""
+
+    def __repr__(self) -> str:
+        return f"_Work({len(self['rows'])} bytes of rows)"
+
+
 def _told(error: CaptureError) -> tuple[str, str, int, str]:
     return error.file, error.reason, error.packets_before, str(error)
 
@@ -93,17 +100,17 @@ def _opened(options: dict[str, Any]) -> dict[str, Any]:
 
 def _work_on_file(file: str, packets_before: int, travelling: dict[int, int], filter: str, options: dict[str, Any]) -> dict[str, Any] | _Failed:
     try:
-        return _core.work_on_file(file, filter, packets_before, travelling, _opened(options))
+        return _Work(_core.work_on_file(file, filter, packets_before, travelling, _opened(options)))
     except CaptureError as error:
         return _Failed(_told(error))
 
 
-def _packets_for(work: dict[str, Any], group: int) -> bytes:
-    return work["packets"][group]
+def _packets_for(work: dict[str, Any], group: int) -> Secret:
+    return Secret(work["packets"][group])
 
 
-def _work_on_packets(pieces: list[bytes], options: dict[str, Any]) -> dict[str, Any]:
-    return _core.work_on_packets(pieces, _opened(options))
+def _work_on_packets(pieces: list[Secret], options: dict[str, Any]) -> dict[str, Any]:
+    return _Work(_core.work_on_packets([piece.reveal() for piece in pieces], _opened(options)))
 
 
 def _facts(work: dict[str, Any] | _Failed) -> dict[str, Any]:
@@ -166,8 +173,13 @@ def _finish(work: dict[str, Any] | _Failed, numbers: list[int] | tuple[int, list
     if wanted:
         lines = (line for line in lines if _matches(json.loads(line), wanted))
     rows = b"".join(lines)
-    if not path:
-        return rows
+    try:
+        return _written(rows, path) if path else rows
+    except OSError as problem:
+        return _Failed((path, problem.strerror or str(problem), -1, ""))
+
+
+def _written(rows: bytes, path: str) -> str:
     # Whoever does it once more, because a worker was lost, puts the same in its place.
     draft = f"{path}.{socket.gethostname()}.{os.getpid()}.{uuid.uuid4().hex}"
     descriptor = os.open(draft, os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o600)
@@ -218,6 +230,10 @@ def _entries(packed: bytes, size: int) -> list[bytes]:
     return [packed[at:at + size] for at in range(0, len(packed), size)]
 
 
+# Looks at every worker's stack and event loop, up to a hundred times a second, tell nothing about code that is not Python.
+_LOCAL = {"distributed.worker.profile.interval": "1s", "distributed.admin.tick.interval": "500ms"}
+
+
 class _SchedulerLost(Exception):
     pass
 
@@ -247,8 +263,7 @@ class Rows(Generic[_Row]):
         self._patience, self._progress = patience, progress or (lambda phase, done, total: None)
         self._owned: list[Any] = []
         if client is None:
-            # A look at every worker's stack, a hundred times a second, tells nothing about code that is not Python.
-            with dask.config.set({"distributed.worker.profile.interval": "1s"}):
+            with dask.config.set(_LOCAL):
                 local = LocalCluster(n_workers=os.cpu_count(), threads_per_worker=1, dashboard_address="127.0.0.1:0")
             client = Client(local)
             self._owned = [client, local]
@@ -327,8 +342,10 @@ class Rows(Generic[_Row]):
         except MemoryError:
             return _Failed((file, "a worker ran out of memory", -1, ""))
         except Exception as problem:
-            if future.status in ("cancelled", "lost") or self._client.status != "running" or isinstance(problem, OSError):
+            if future.status != "error":  # not the task's own
                 raise _SchedulerLost from None
+            if isinstance(problem, OSError):  # of the folder for objects
+                raise CaptureError(str(problem.filename or file), problem.strerror or str(problem)) from None
             raise
 
     def _again(self, attempt: Callable[[], Any]) -> Any:

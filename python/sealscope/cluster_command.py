@@ -8,6 +8,8 @@ import sys
 import time
 from typing import Any
 
+from . import Error
+
 EXAMPLES = """examples:
   sealscope-cluster streams -k keys.txt ring/*.pcapng.zst
       all connections, on all processors of this machine
@@ -119,6 +121,9 @@ def main(arguments: list[str] | None = None) -> int:
         return 1
     except ValueError as problem:
         parser.error(str(problem))
+    except Error as problem:
+        print(f"sealscope-cluster: {problem}", file=sys.stderr)
+        return 1
     except (OSError, TimeoutError) as problem:
         print(f"sealscope-cluster: {options.scheduler or 'this machine'}: {problem}", file=sys.stderr)
         return 1

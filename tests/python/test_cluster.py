@@ -61,8 +61,8 @@ def running(tmp_path_factory):
 
 @pytest.fixture(scope="module")
 def client(running):
-    with Client(running.address) as connected:
-        connected.wait_for_workers(3, timeout=60)
+    with Client(running.address, timeout=120) as connected:
+        connected.wait_for_workers(3, timeout=240)
         yield connected
 
 
@@ -140,6 +140,11 @@ def test_bad_files_are_told_and_the_rest_is_complete(client, ring, keys, tmp_pat
     assert all(isinstance(problem, CaptureError) and problem.reason for problem in rows.problems)
     cut, = (problem for problem in rows.problems if problem.file.endswith("cut.pcap"))
     assert cut.offset
+    (tmp_path / "full").mkdir()
+    (tmp_path / "full/part-00000.ndjson").mkdir()
+    refused = cluster.streams(ring[:2], client=client, output=tmp_path / "full").run()
+    assert [problem.file for problem in refused.problems] == [str(tmp_path / "full/part-00000.ndjson")] and refused.partitions
+    assert not [name for name in os.listdir(tmp_path / "full") if not name.endswith(".ndjson")]
 
 
 def test_command_prints_ndjson(running, client, ring, whole, keys):
