@@ -42,7 +42,10 @@ Document::~Document() = default;
 
 void Document::open(const QStringList& files, const QStringList& keyLogs)
 {
-    if (!files.isEmpty()) readPackets({.files = files, .keyLogs = keyLogs, .liveName = {}});
+    if (files.isEmpty()) return;
+    // A key log that was dropped before its capture is meant for it.
+    const bool isFirst = files_.isEmpty() && keyLogs.isEmpty();
+    readPackets({.files = files, .keyLogs = isFirst ? keyLogs_ : keyLogs, .liveName = {}});
 }
 
 void Document::openLive(const QString& pipe, const QString& name)
