@@ -5,19 +5,29 @@
 #include "app/desktop/MainWindow.h"
 #include "app/desktop/MessageBar.h"
 #include "app/desktop/Program.h"
+#include "app/desktop/StreamTabs.h"
+#include "app/desktop/models/ExchangesModel.h"
+#include "app/desktop/models/MessagesModel.h"
 #include "app/desktop/views/ActivityChart.h"
+#include "app/desktop/views/ConversationView.h"
+#include "app/desktop/views/ExchangesView.h"
 #include "app/desktop/views/HexView.h"
 #include "app/desktop/views/PacketsView.h"
+#include "app/desktop/views/StreamsView.h"
+#include "app/desktop/views/TableView.h"
+#include "tests/app/desktop/Browsing.h"
 #include "tests/app/desktop/DesktopTest.h"
 
 #include <QApplication>
 #include <QDialog>
 #include <QLineEdit>
+#include <QListView>
 #include <QTabWidget>
 #include <QTableView>
 #include <QTest>
 
 #include <cstdio>
+#include <utility>
 
 namespace sealscope::desktop {
 
@@ -43,6 +53,30 @@ private:
     QString scheme_;
 };
 
+/// Streams, exchanges, and a conversation with bodies of several kinds.
+bool photographStreams(MainWindow& window, Photographer& photographer)
+{
+    const TempDirectory directory;
+    const Browsing browsing(directory);
+    StreamTabs& tabs = *window.findChild<StreamTabs*>();
+    if (!opens(window.document(), {browsing.capture}, {browsing.keyLog})) return false;
+    window.tabs().setCurrentWidget(&tabs.streams());
+    tabs.streams().table().selectRow(1);
+    bool isDone = photographer.take(window, "streams");
+    window.tabs().setCurrentWidget(&tabs.exchanges());
+    isDone &= waitUntil([&] { return !tabs.exchanges().model().isSearching(); });
+    tabs.exchanges().table().selectRow(1);
+    isDone &= photographer.take(window, "exchanges");
+    window.document().showStream(0);
+    MessagesModel& messages = tabs.conversation().messages();
+    isDone &= waitUntil([&] { return !messages.isLoading(); });
+    for (const auto& [summary, name] : {std::pair("200 (application/json", "conversation"), std::pair("200 (image/png", "image")}) {
+        tabs.conversation().list().setCurrentIndex(messages.index(messages.find(QLatin1String(summary), -1, 1)));
+        isDone &= photographer.take(window, name);
+    }
+    return isDone;
+}
+
 bool photograph(const QString& folder, Appearance appearance)
 {
     MainWindow window;
@@ -57,11 +91,6 @@ bool photograph(const QString& folder, Appearance appearance)
     QTest::qWait(200);
     Q_EMIT packets.bytes().byteChosen(60);
     isDone &= photographer.take(window, "packets");
-    for (int tab = 1; tab < window.tabs().count(); ++tab) {
-        window.tabs().setCurrentIndex(tab);
-        isDone &= photographer.take(window, ("tab" + std::to_string(tab + 1)).c_str());
-    }
-    window.tabs().setCurrentIndex(0);
     packets.setShowsEveryPacket(true);
     document.tell(QStringLiteral("office.pcapng: block at byte 88104: length 12 is too short for an Enhanced Packet Block (32); 411 packets "
                                  "before it were read"));
@@ -70,7 +99,7 @@ bool photograph(const QString& folder, Appearance appearance)
     QTest::qWait(400);
     isDone &= photographer.take(window, "filtered");
     isDone &= photographer.take(*window.showSettings(), "settings");
-    return isDone;
+    return photographStreams(window, photographer) && isDone;
 }
 
 }  // namespace
