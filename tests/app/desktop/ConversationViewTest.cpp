@@ -55,7 +55,7 @@ protected:
         }
         FAIL() << "no message " << summary;
     }
-    std::string current() const { return view.list().currentIndex().data().toString().toStdString(); }
+    std::string current() { return view.list().currentIndex().data().toString().toStdString(); }
     QString copied(const char* action)
     {
         QApplication::clipboard()->clear();
