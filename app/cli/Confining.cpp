@@ -149,7 +149,7 @@ Confinement confinementFor(const Options& options, fs::path& temporaryFolder)
         if (!temporaryFolder.empty()) {
             setenv("TMPDIR", temporaryFolder.c_str(), 1);
             confinement.writableFolders.push_back(temporaryFolder);
-            confinement.removableFolders.push_back(temporaryFolder.parent_path());
+            confinement.emptyFoldersIn.push_back(temporaryFolder.parent_path());
             removeWhenEnded(temporaryFolder.c_str());
         }
     }

@@ -22,6 +22,7 @@ struct Confinement {
     std::vector<std::filesystem::path> writableFiles;
     std::vector<std::filesystem::path> writableFolders;   ///< files below may be made, read, written, renamed and removed
     std::vector<std::filesystem::path> removableFolders;  ///< files and empty folders in it may be removed
+    std::vector<std::filesystem::path> emptyFoldersIn;    ///< empty folders in it may be removed, and no file
     std::vector<std::filesystem::path> renamableFolders;  ///< files in it may be renamed and removed
     std::int64_t memory = 0;                              ///< bytes of heap, stacks and other private memory; 0: no limit
 };

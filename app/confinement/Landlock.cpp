@@ -108,6 +108,7 @@ int Landlock::restrict(const Confinement& confinement)
     rules.allow(confinement.writableFiles, reading | writing, 0);
     rules.allow(confinement.writableFolders, reading | writing, reading | listing | writing | making | removing);
     rules.allow(confinement.removableFolders, 0, removing | removingFolders);
+    rules.allow(confinement.emptyFoldersIn, 0, removingFolders);
     rules.allow(confinement.renamableFolders, 0, removing | making);
     return rules.enforce(known >= coversAllThreads ? allThreads : 0) ? known : 0;
 }

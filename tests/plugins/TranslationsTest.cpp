@@ -81,7 +81,8 @@ TEST(Translations, HoldTheSameTextsInEveryLanguage)
     for (const Tables& tables : {plugInTables, applicationTables}) {
         const std::set<std::string> keys = keysOf(read(tables, "de"));
         std::size_t folders = 0;
-        for (const auto& entry : fs::directory_iterator(tables.folder)) folders += entry.is_directory();
+        // English stands in the code; a table of it has the forms that one of something takes.
+        for (const auto& entry : fs::directory_iterator(tables.folder)) folders += entry.is_directory() && entry.path().filename() != "en.lproj";
         EXPECT_EQ(folders, std::size(languages));
         for (const char* language : languages) {
             const Table table = read(tables, language);

@@ -12,7 +12,7 @@ BUILD = pathlib.Path(os.environ["SEALSCOPE_BUILD"])
 PACKAGE = BUILD / "lib/python3/dist-packages"
 sys.path.insert(0, str(PACKAGE))
 # Nobody's own key logs and settings, here and in what is started here.
-os.environ["XDG_CONFIG_HOME"] = os.environ["XDG_DATA_HOME"] = "/nonexistent"
+os.environ["XDG_CONFIG_HOME"] = os.environ["XDG_DATA_HOME"] = "/proc/none"
 os.environ.pop("SSLKEYLOGFILE", None)
 os.environ["PYTHONPATH"] = str(PACKAGE)
 
