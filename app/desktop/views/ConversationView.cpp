@@ -8,6 +8,7 @@
 #include <QHBoxLayout>
 #include <QItemSelectionModel>
 #include <QLabel>
+#include <QKeyEvent>
 #include <QLineEdit>
 #include <QListView>
 #include <QShortcut>
@@ -97,14 +98,22 @@ ConversationView::ConversationView(Document& document, QWidget* parent)
     };
     connect(list_, &QAbstractItemView::doubleClicked, this, choosePartner);
     connect(delegate, &MessageDelegate::partnerChosen, this, choosePartner);
-    connect(new QShortcut(Qt::Key_Return, list_, nullptr, nullptr, Qt::WidgetShortcut), &QShortcut::activated, this,
-            [this, choosePartner] { choosePartner(list_->currentIndex()); });
+    list_->installEventFilter(this);
     connect(panel_, &MessagePanel::partnerChosen, this, &ConversationView::choose);
     connect(search_, &QLineEdit::returnPressed, this, [this] { find(1); });
     for (const auto& [key, step] : {std::pair(QKeySequence::FindNext, 1), std::pair(QKeySequence::FindPrevious, -1)})
         connect(new QShortcut(key, this, nullptr, nullptr, Qt::WidgetWithChildrenShortcut), &QShortcut::activated, this, [this, step = step] { find(step); });
     setFocusProxy(list_);
     showHeading();
+}
+
+bool ConversationView::eventFilter(QObject* object, QEvent* event)
+{
+    const auto* const key = event->type() == QEvent::KeyPress ? static_cast<QKeyEvent*>(event) : nullptr;
+    if (object != list_ || !key || (key->key() != Qt::Key_Return && key->key() != Qt::Key_Enter) || !list_->currentIndex().isValid())
+        return QWidget::eventFilter(object, event);
+    choose(messages_->partner(list_->currentIndex().row()));
+    return true;
 }
 
 qint64 ConversationView::stream() const { return messages_->stream(); }

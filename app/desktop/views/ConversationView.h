@@ -34,6 +34,9 @@ public:
     MessagePanel& panel() { return *panel_; }
     QLineEdit& search() { return *search_; }
 
+protected:
+    bool eventFilter(QObject* object, QEvent* event) override;
+
 private:
     /// Shows a stream and chooses a row as soon as there is one.
     void showRow(qint64 stream, std::function<int()> row);
