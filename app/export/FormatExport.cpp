@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/export/FormatExport.h"
 
+#include "app/session/Exchanges.h"
 #include "app/session/InOrder.h"
 
 #include <optional>
@@ -15,11 +16,11 @@ void exportStreams(const Session& session, const std::vector<std::int64_t>& stre
         TCPStream stream;
         std::optional<StreamInterpretation> interpretation;
     };
-    const SessionPlugIns& plugIns = session.plugIns();
     const auto interpret = [&](std::int64_t number) {
         Interpreted interpreted{.stream = session.stream(number)};
-        if (const auto* interpreter = plugIns.interpreter(interpreted.stream))
-            interpreted.interpretation = interpreter->interpret(interpreted.stream, plugIns.context());
+        // A secured stream that does not open has nothing for a format but itself.
+        if (session.plugIns().interpreter(interpreted.stream))
+            interpreted.interpretation = applicationInterpretation(session, interpreted.stream).value_or(StreamInterpretation());
         return interpreted;
     };
     const StreamExporter::Write write = [&](DataView bytes) {

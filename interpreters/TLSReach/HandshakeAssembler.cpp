@@ -7,14 +7,18 @@ namespace sealscope {
 
 void HandshakeAssembler::add(DataView content, ByteRange recordBody, std::vector<AssembledMessage>& messages)
 {
-    if (content.isEmpty()) return;
+    if (content.isEmpty() || hasEnded_) return;
     pending_.insert(pending_.end(), content.begin(), content.end());
     records_.push_back(recordBody);
     std::int64_t taken = 0;
     const DataView bytes(pending_);
     while (bytes.size() - taken >= TLSHandshakeMessage::headerLength) {
         const std::int64_t length = bytes.u24(taken + 1);
-        if (length > longestMessage) return reset();
+        if (length > longestMessage) {
+            reset();
+            hasEnded_ = true;
+            return;
+        }
         const std::int64_t end = taken + TLSHandshakeMessage::headerLength + length;
         if (end > bytes.size()) break;
         messages.push_back({bytes[taken], Data(bytes.sub(taken + TLSHandshakeMessage::headerLength, length)), records_});
@@ -30,6 +34,7 @@ void HandshakeAssembler::reset()
 {
     pending_.clear();
     records_.clear();
+    hasEnded_ = false;
 }
 
 }  // namespace sealscope

@@ -18,7 +18,7 @@ struct AssembledMessage {
 /// Lays the contents of handshake records end to end and takes the messages out. Used by one thread.
 class HandshakeAssembler {
 public:
-    /// Longer messages are let go: no peer takes them.
+    /// A longer message ends it until it is reset: no peer takes one, and what follows is nothing that can be told apart.
     static constexpr std::int64_t longestMessage = 1 << 20;
 
     /// Takes the next record's content, and appends the messages that are now complete.
@@ -30,6 +30,7 @@ public:
 private:
     std::vector<std::uint8_t> pending_;
     std::vector<ByteRange> records_;
+    bool hasEnded_ = false;
 };
 
 }  // namespace sealscope

@@ -137,6 +137,7 @@ RecordKeys keysOf(Direction direction, const HandshakeParameters& parameters, Da
 
 std::vector<AssembledMessage> clearHandshake(const StreamData& data)
 {
+    constexpr std::size_t mostMessages = 1'000;  // a handshake has a dozen
     std::vector<AssembledMessage> messages;
     HandshakeAssembler assembler;
     std::vector<std::uint8_t> gathered;
@@ -146,7 +147,9 @@ std::vector<AssembledMessage> clearHandshake(const StreamData& data)
         if (*type == TLSContentType::alert) return true;
         if (*type != TLSContentType::handshake) return false;
         assembler.add(data.gather(record.bodyOffset, record.declaredLength, gathered), {record.bodyOffset, record.endOffset()}, messages);
-        return true;
+        // A Hello Request belongs to no handshake (RFC 5246 §7.4.1.1), and lost bytes read as a crowd of them.
+        std::erase_if(messages, [](const AssembledMessage& message) { return message.type == 0 && message.body.isEmpty(); });
+        return messages.size() < mostMessages;
     });
     return messages;
 }
