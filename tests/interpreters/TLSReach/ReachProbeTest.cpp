@@ -187,6 +187,7 @@ TEST(ReachProbe, OpensEveryRecordThatIsThere)
             }
         }
     }
+    EXPECT_GT(exactGaps, 0);
 }
 
 // A capture may be changed as well as cut; in what has a MAC behind the blocks the one before a record may be.
