@@ -97,7 +97,7 @@ Read readAll(const std::string& name, bool randomAccess, std::int64_t size)
 /// Packets of the classic format, blocks of the other, each in the byte order of the file.
 PieceMutator captureMutator(DataView file)
 {
-    constexpr std::int64_t fileHeader = 24, packetHeader = 16, smallestBlock = 12;
+    static constexpr std::int64_t fileHeader = 24, packetHeader = 16, smallestBlock = 12;
     const bool isBlocks = file.u32(0) == 0x0A0D0D0A;
     const bool isLittle = isBlocks ? file.u8(8) == 0x4D : file.u8(0) == 0xD4 || file.u8(0) == 0x4D;
     const auto number = [isLittle](DataView bytes, std::int64_t at) {
