@@ -71,8 +71,8 @@ std::expected<PrivateKey, PrivateKey::Problem> PrivateKey::read(DataView file, c
 
     const Input binary(BIO_new_mem_buf(file.data(), static_cast<int>(file.size())));
     PKCS12* store = PKCS12_init_ex(NID_pkcs7_data, contextOfStores(), nullptr);
-    const bool isStore = d2i_PKCS12_bio(binary.get(), &store) != nullptr;  // what is none is let go
-    const PKCS12Pointer heldStore(isStore ? store : nullptr);
+    const bool isStore = d2i_PKCS12_bio(binary.get(), &store) != nullptr;
+    const PKCS12Pointer heldStore(store);  // null where reading one has failed halfway
     ERR_clear_error();
     if (!isStore) return std::unexpected(Problem::noKey);
     SecretBytes given = passphrase.value_or(SecretBytes());
@@ -94,10 +94,9 @@ std::optional<SecretBytes> PrivateKey::decrypt(DataView ciphertext) const
     const Context context(EVP_PKEY_CTX_new(key_.get(), nullptr));
     SecretBytes plaintext(static_cast<std::size_t>(EVP_PKEY_get_size(key_.get())));
     std::size_t length = plaintext.size();
-    const bool isOpen = context && EVP_PKEY_decrypt_init(context.get()) == 1 &&
-                        EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) == 1 &&
-                        EVP_PKEY_decrypt(context.get(), plaintext.data(), &length, ciphertext.data(),
-                                         static_cast<std::size_t>(ciphertext.size())) == 1;
+    const bool isOpen =
+        context && EVP_PKEY_decrypt_init(context.get()) == 1 && EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) == 1 &&
+        EVP_PKEY_decrypt(context.get(), plaintext.data(), &length, ciphertext.data(), static_cast<std::size_t>(ciphertext.size())) == 1;
     ERR_clear_error();
     if (!isOpen) return std::nullopt;
     plaintext.resize(length);

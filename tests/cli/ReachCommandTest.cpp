@@ -46,15 +46,22 @@ TEST(DecryptCommand, FillsGapsAsItIsTold)
     const std::string plaintext(patternBytes(200'000).view().text());
     struct Case {
         TLSSessionOptions options;
-        std::int64_t lost;      ///< bytes of content, as far as is known
+        std::int64_t lost;  ///< bytes of content, as far as is known
         const char* mark;
         bool isExact;
         const char* says;
     };
     const Case cases[] = {
-        {{.version = 0x0303, .suites = "ECDHE-RSA-AES128-GCM-SHA256"}, 16'384, "\n[16384 bytes lost]\n", true, "records, 183,616 bytes, 1 lost, 1 gap of 16,413 bytes"},
+        {{.version = 0x0303, .suites = "ECDHE-RSA-AES128-GCM-SHA256"},
+         16'384,
+         "\n[16384 bytes lost]\n",
+         true,
+         "records, 183,616 bytes, 1 lost, 1 gap of 16,413 bytes"},
         {{.version = 0x0304}, 16'384, "\n[16384 bytes lost]\n", true, "records, 183,616 bytes, 1 lost, 1 gap of 16,406 bytes"},
-        {{.version = 0x0303, .suites = "ECDHE-RSA-AES128-SHA256"}, 16'399, "\n[up to 16399 bytes lost]\n", false,
+        {{.version = 0x0303, .suites = "ECDHE-RSA-AES128-SHA256"},
+         16'399,
+         "\n[up to 16399 bytes lost]\n",
+         false,
          "records, 183,616 bytes, 1 lost, 1 gap of 16,453 bytes"},
     };
     for (const auto& [options, lost, mark, isExact, says] : cases) {
@@ -105,7 +112,8 @@ TEST(DecryptCommand, FillsGapsAsItIsTold)
 std::string pemOf(EVP_PKEY* key, const char* passphrase)
 {
     const std::unique_ptr<BIO, decltype(&BIO_free_all)> pem(BIO_new(BIO_s_mem()), BIO_free_all);
-    PEM_write_bio_PKCS8PrivateKey(pem.get(), key, passphrase ? EVP_aes_128_cbc() : nullptr, passphrase, passphrase ? 4 : 0, nullptr, nullptr);
+    PEM_write_bio_PKCS8PrivateKey(pem.get(), key, passphrase ? EVP_aes_128_cbc() : nullptr, passphrase, passphrase ? 4 : 0, nullptr,
+                                  nullptr);
     char* text = nullptr;
     const long length = BIO_get_mem_data(pem.get(), &text);
     return {text, static_cast<std::size_t>(length)};
@@ -128,28 +136,35 @@ std::string pkcs12Of(EVP_PKEY* key, const Data& certificate, int keyCipher, int 
 TEST(PrivateKeys, OpenWhatWasEncryptedToTheirCertificates)
 {
     // What old programs write has a cipher of old.
-    OSSL_PROVIDER_load(nullptr, "default");
-    OSSL_PROVIDER_load(nullptr, "legacy");
+    using Provider = std::unique_ptr<OSSL_PROVIDER, decltype(&OSSL_PROVIDER_unload)>;
+    const Provider usual(OSSL_PROVIDER_load(nullptr, "default"), OSSL_PROVIDER_unload),
+        old(OSSL_PROVIDER_load(nullptr, "legacy"), OSSL_PROVIDER_unload);
     const CertificateOptions rsa{.key = CertificateKey::rsa2048};
     const auto chain = CertificateChain::make(rsa);
     const std::unique_ptr<BIO, decltype(&BIO_free_all)> text(BIO_new_mem_buf(chain->privateKeyPEM.data(), -1), BIO_free_all);
-    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(PEM_read_bio_PrivateKey(text.get(), nullptr, nullptr, nullptr), EVP_PKEY_free);
+    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(PEM_read_bio_PrivateKey(text.get(), nullptr, nullptr, nullptr),
+                                                                  EVP_PKEY_free);
     const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> other(EVP_RSA_gen(2048), EVP_PKEY_free);
     const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> curve(EVP_EC_gen("P-256"), EVP_PKEY_free);
 
     const TempDirectory directory;
     const TLSSession session =
         runTLS({.version = 0x0303, .suites = "AES128-GCM-SHA256", .certificates = {rsa}}, {clientSends("request"), serverSends("reply")});
-    const TLSSession forward = runTLS({.version = 0x0303, .suites = "ECDHE-RSA-AES128-GCM-SHA256", .certificates = {rsa}}, {serverSends("reply")});
+    const TLSSession forward =
+        runTLS({.version = 0x0303, .suites = "ECDHE-RSA-AES128-GCM-SHA256", .certificates = {rsa}}, {serverSends("reply")});
     const std::string capture = directory.write("capture.pcap", pcapFile(packets(tcpSegments(session.flights))));
     const std::string secret = directory.write("forward.pcap", pcapFile(packets(tcpSegments(forward.flights))));
     const std::string right = directory.write("right.pem", pemOf(key.get(), nullptr));
     const std::string encrypted = directory.write("encrypted.pem", pemOf(key.get(), "pass"));
-    const std::string store = directory.write("store.p12", pkcs12Of(key.get(), chain->certificates.front(), NID_aes_128_cbc, NID_aes_128_cbc));
-    const std::string oldStore = directory.write("old.p12", pkcs12Of(key.get(), chain->certificates.front(), NID_pbe_WithSHA1And3_Key_TripleDES_CBC, NID_pbe_WithSHA1And40BitRC2_CBC));
+    const std::string store =
+        directory.write("store.p12", pkcs12Of(key.get(), chain->certificates.front(), NID_aes_128_cbc, NID_aes_128_cbc));
+    const std::string oldStore =
+        directory.write("old.p12", pkcs12Of(key.get(), chain->certificates.front(), NID_pbe_WithSHA1And3_Key_TripleDES_CBC,
+                                            NID_pbe_WithSHA1And40BitRC2_CBC));
     const std::string wrong = directory.write("wrong.pem", pemOf(other.get(), nullptr));
     const std::string elliptic = directory.write("elliptic.pem", pemOf(curve.get(), nullptr));
-    const std::string passphrase = directory.write("passphrase.txt", std::string("pass\n")), noPassphrase = directory.write("other.txt", std::string("word\n"));
+    const std::string passphrase = directory.write("passphrase.txt", std::string("pass\n")),
+                      noPassphrase = directory.write("other.txt", std::string("word\n"));
 
     struct Case {
         const char* name;
@@ -164,8 +179,16 @@ TEST(PrivateKeys, OpenWhatWasEncryptedToTheirCertificates)
         {"encrypted PEM", capture, {encrypted, "--passphrase-file", passphrase}, "decrypted", ""},
         {"PKCS #12", capture, {store, "--passphrase-file", passphrase}, "decrypted", ""},
         {"PKCS #12 of old", capture, {oldStore, "--passphrase-file", passphrase}, "decrypted", ""},
-        {"another's", capture, {wrong}, "noKeyMaterial", "the private key does not belong to the server's certificate, which is for example.org"},
-        {"of no use", secret, {right}, "noKeyMaterial", "a private key does not open this connection, whose key exchange encrypts nothing to it"},
+        {"another's",
+         capture,
+         {wrong},
+         "noKeyMaterial",
+         "the private key does not belong to the server's certificate, which is for example.org"},
+        {"of no use",
+         secret,
+         {right},
+         "noKeyMaterial",
+         "a private key does not open this connection, whose key exchange encrypts nothing to it"},
         {"a wrong passphrase", capture, {encrypted, "--passphrase-file", noPassphrase}, nullptr, "the passphrase does not open it"},
         {"a wrong passphrase of a store", capture, {store, "--passphrase-file", noPassphrase}, nullptr, "the passphrase does not open it"},
         {"another kind of key", capture, {elliptic}, nullptr, "not an RSA key; no other opens a connection"},

@@ -27,7 +27,11 @@ std::string commands(const std::string& said)
 
 TEST(CurlExporter, WritesRequestsAsCommands)
 {
-    struct Case { const char* name; std::string said; std::string expected; };
+    struct Case {
+        const char* name;
+        std::string said;
+        std::string expected;
+    };
     const Case cases[] = {
         {"fields that the program sees to by itself",
          "GET /a?b=1 HTTP/1.1\r\nHost: example.org\r\nUser-Agent: x\r\nAccept-Encoding: gzip\r\nConnection: close\r\nX-Empty:\r\n\r\n",
@@ -37,9 +41,11 @@ TEST(CurlExporter, WritesRequestsAsCommands)
          "curl 'http://h/form' \\\n  --header 'Content-Type: application/x-www-form-urlencoded' \\\n  --data-raw $'k=it\\x27s ok'\n"},
         {"a method of its own, and a body of no type", "PUT /[1-3] HTTP/1.1\r\nHost: h\r\nContent-Length: 2\r\n\r\n@x",
          "curl 'http://h/[1-3]' \\\n  --globoff \\\n  --request 'PUT' \\\n  --header 'Content-Type:' \\\n  --data-raw '@x'\n"},
-        {"a body that no argument can hold", std::string("POST / HTTP/1.1\r\nHost: h\r\nContent-Type: a/b\r\nContent-Length: 3\r\n\r\na\0b", 71),
+        {"a body that no argument can hold",
+         std::string("POST / HTTP/1.1\r\nHost: h\r\nContent-Type: a/b\r\nContent-Length: 3\r\n\r\na\0b", 69),
          "# body.bin: the body of 3 bytes\ncurl 'http://h/' \\\n  --header 'Content-Type: a/b' \\\n  --data-binary @body.bin\n"},
-        {"other schemes and tunnels", "GET file:///etc/passwd HTTP/1.1\r\nHost: h\r\n\r\nCONNECT h:443 HTTP/1.1\r\nHost: h:443\r\n\r\n", ""},
+        {"other schemes and tunnels", "GET file:///etc/passwd HTTP/1.1\r\nHost: h\r\n\r\nCONNECT h:443 HTTP/1.1\r\nHost: h:443\r\n\r\n",
+         ""},
     };
     for (const auto& [name, said, expected] : cases) EXPECT_EQ(commands(said), expected) << name;
 }
