@@ -91,14 +91,16 @@ TCPStream LiveConnection::plaintext() const
     return stream;
 }
 
-void LiveConnection::read(const SessionPlugIns& plugIns, bool hasNewSecrets, std::int64_t mostHeld, const LiveSession::Take& take)
+void LiveConnection::read(const SessionPlugIns& plugIns, bool hasNewSecrets, Secrets secrets, std::int64_t mostHeld,
+                          const LiveSession::Take& take)
 {
     if (state_ == State::unknown) findInterpreter(plugIns);
     if (state_ == State::secured) {
         openRecords(plugIns, hasNewSecrets);
         const bool areBothOpen = readers_[0] && readers_[1];
+        const bool isAllThatOpens = secrets == Secrets::areAll && hasEnded_ && (readers_[0] || readers_[1]);
         const TCPStream stream = plaintext();
-        if (!following_ && (areBothOpen || (hasEnded_ && (readers_[0] || readers_[1])))) {
+        if (!following_ && (areBothOpen || isAllThatOpens)) {
             StreamContext context = plugIns.context();
             context.isDecrypted = true;
             context.notOfferedTo = StreamLayer::security;

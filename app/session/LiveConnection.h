@@ -28,8 +28,10 @@ public:
     bool waitsForSecrets() const { return state_ == State::secured && !(readers_[0] && readers_[1]); }
     std::int64_t held() const;
 
+    /// Whether more secrets may come: a key log that grows may hold those of one side alone for a moment.
+    enum class Secrets : std::uint8_t { mayCome, areAll };
     /// Reads what has come, and lets go of what is done with.
-    void read(const SessionPlugIns& plugIns, bool hasNewSecrets, std::int64_t mostHeld, const LiveSession::Take& take);
+    void read(const SessionPlugIns& plugIns, bool hasNewSecrets, Secrets secrets, std::int64_t mostHeld, const LiveSession::Take& take);
 
     std::array<TCPStreamKey::Endpoint, 2> endpoints;  ///< the client's, the server's
     std::list<std::unique_ptr<LiveConnection>>::iterator place;

@@ -87,12 +87,16 @@ public:
     void read(const Take& take)
     {
         const std::uint64_t generation = sources_->generation();
-        const bool hasNewSecrets = std::exchange(generation_, generation) != generation;
-        if (hasNewSecrets)
+        hasNewSecrets_ = std::exchange(generation_, generation) != generation;
+        if (hasNewSecrets_)
             for (const auto& connection : connections_)
                 if (connection->waitsForSecrets()) markChanged(*connection);
-        for (LiveConnection* const connection : std::exchange(changed_, {})) readOne(*connection, hasNewSecrets, take);
-        if (Clock::now() >= nextSweep_) letGoOfEnded(Clock::now() - longestWait);
+        for (LiveConnection* const connection : std::exchange(changed_, {})) {
+            connection->isMarked = false;
+            readOne(*connection, LiveConnection::Secrets::mayCome, take);
+            if (connection->hasEnded() && !connection->waitsForSecrets()) remove(*connection);
+        }
+        if (Clock::now() >= nextSweep_) letGoOfEnded(Clock::now() - longestWait, take);
     }
 
     void finish(const Take& take)
@@ -101,8 +105,9 @@ public:
             connection->end();
             markChanged(*connection);
         }
+        sources_->lookEvery({});
         read(take);
-        letGoOfEnded(Clock::time_point::max());
+        letGoOfEnded(Clock::time_point::max(), take);
     }
 
     std::int64_t givenUp_ = 0;
@@ -115,23 +120,23 @@ private:
         if (!std::exchange(connection.isMarked, true)) changed_.push_back(&connection);
     }
 
-    void readOne(LiveConnection& connection, bool hasNewSecrets, const Take& take)
+    void readOne(LiveConnection& connection, LiveConnection::Secrets secrets, const Take& take)
     {
-        connection.isMarked = false;
         const std::int64_t before = connection.held();
-        connection.read(plugIns_, hasNewSecrets, options_.mostHeldOfOne, take);
+        connection.read(plugIns_, hasNewSecrets_, secrets, options_.mostHeldOfOne, take);
         held_ += connection.held() - before;
-        if (!connection.hasEnded()) return;
-        if (!connection.endSeen) connection.endSeen = Clock::now();
-        if (!connection.waitsForSecrets()) remove(connection);
+        if (connection.hasEnded() && !connection.endSeen) connection.endSeen = Clock::now();
     }
 
-    void letGoOfEnded(Clock::time_point seenBefore)
+    /// Of those that waited long enough for secrets, what opens without them is read.
+    void letGoOfEnded(Clock::time_point seenBefore, const Take& take)
     {
         nextSweep_ = Clock::now() + betweenSweeps;
         for (auto next = connections_.begin(); next != connections_.end();) {
             LiveConnection& connection = **next++;
-            if (connection.endSeen && *connection.endSeen < seenBefore) remove(connection);
+            if (!connection.endSeen || *connection.endSeen >= seenBefore) continue;
+            readOne(connection, LiveConnection::Secrets::areAll, take);
+            remove(connection);
         }
     }
 
@@ -162,6 +167,7 @@ private:
     std::vector<LiveConnection*> changed_;  ///< since they were read last
     Clock::time_point nextSweep_;
     std::uint64_t generation_ = 0;
+    bool hasNewSecrets_ = false;
     std::int64_t nextNumber_ = 0;
 };
 

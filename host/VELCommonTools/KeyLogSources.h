@@ -27,8 +27,13 @@ public:
     /// Counts the states of the sources: another number says that what they hold may have changed. A file is looked at twice a
     /// second at the most, so asking costs next to nothing.
     std::uint64_t generation() const;
-    /// Looks at the files more often than that, for who waits for secrets. To be called before anybody else asks.
-    void lookEvery(std::chrono::nanoseconds interval) { betweenLooks_ = interval; }
+    /// Looks at the files more often than that, and again at the next question, for who waits for secrets. To be called while nobody
+    /// else asks.
+    void lookEvery(std::chrono::nanoseconds interval)
+    {
+        betweenLooks_ = interval;
+        nextLook_ = 0;
+    }
     /// The sources' bytes one behind another, each source's lines whole. What cannot be read contributes nothing.
     SecretText text() const;
     /// The files among them, in the order of their texts.
