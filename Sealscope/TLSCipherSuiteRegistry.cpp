@@ -13,7 +13,7 @@ struct Suite {
 };
 
 // In order of their code points. clang-format off
-constexpr Suite suites[] = {
+constexpr Suite registeredSuites[] = {
     {0x0001, "TLS_RSA_WITH_NULL_MD5"},
     {0x0002, "TLS_RSA_WITH_NULL_SHA"},
     {0x0004, "TLS_RSA_WITH_RC4_128_MD5"},
@@ -211,14 +211,14 @@ constexpr Suite suites[] = {
 };
 // clang-format on
 
-static_assert(std::ranges::is_sorted(suites, {}, &Suite::codePoint));
+static_assert(std::ranges::is_sorted(registeredSuites, {}, &Suite::codePoint));
 
 }  // namespace
 
 std::optional<std::string_view> registeredCipherSuiteName(std::uint16_t codePoint)
 {
-    const auto found = std::ranges::lower_bound(suites, codePoint, {}, &Suite::codePoint);
-    if (found == std::ranges::end(suites) || found->codePoint != codePoint) return std::nullopt;
+    const auto found = std::ranges::lower_bound(registeredSuites, codePoint, {}, &Suite::codePoint);
+    if (found == std::ranges::end(registeredSuites) || found->codePoint != codePoint) return std::nullopt;
     return found->name;
 }
 

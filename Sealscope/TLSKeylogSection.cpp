@@ -20,9 +20,9 @@ constexpr Font titleFont{.points = 12, .weight = Font::Weight::bold};
 constexpr Font explanationFont{.points = 11};
 constexpr Font controlFont{.points = 11, .design = Font::Design::monospaced};
 
-std::string localized(std::string_view key) { return std::string(Bundle::main().localizedString(key, "Localizable")); }
+std::string hostText(std::string_view key) { return std::string(Bundle::main().localizedString(key, "Localizable")); }
 
-AnyView title(std::string_view key) { return AnyView(Text{localized(key)}).font(titleFont); }
+AnyView title(std::string_view key) { return AnyView(Text{hostText(key)}).font(titleFont); }
 
 AnyView explanation(std::string text) { return AnyView(Text{std::move(text)}).font(explanationFont).secondary(); }
 
@@ -69,30 +69,30 @@ TLSKeylogSection::TLSKeylogSection()
 
 AnyView TLSKeylogSection::body() const
 {
-    const AnyView field = AnyView(TextField{.text = keylogPath, .placeholder = localized("/path/to/keylog.txt"), .hasRoundedBorder = true});
+    const AnyView field = AnyView(TextField{.text = keylogPath, .placeholder = hostText("/path/to/keylog.txt"), .hasRoundedBorder = true});
     const AnyView managedPath = Text{KeylogLocations::liveKeylog().string()};
-    const AnyView copyButton = Button{localized("Copy SSLKEYLOGFILE=…"), copyManagedKeylog};
+    const AnyView copyButton = Button{hostText("Copy SSLKEYLOGFILE=…"), copyManagedKeylog};
     return AnyView(VStack{HorizontalAlignment::leading,
                           24,
                           {group({
                                title("Automatic detection"),
-                               explanation(localized("TLS sessions are detected automatically from packet content on any TCP port. "
-                                                     "No port configuration is required.")),
+                               explanation(hostText("TLS sessions are detected automatically from packet content on any TCP port. "
+                                                    "No port configuration is required.")),
                            }),
                            group({
                                title("TLS key log (SSLKEYLOGFILE)"),
                                explanation("Point this at an SSLKEYLOGFILE to decrypt TLS 1.3 sessions in Follow TCP Stream. "
                                            "Defaults to the $SSLKEYLOGFILE environment variable when empty."),
                                controls(field.font(controlFont),
-                                        AnyView(Button{localized("Choose…"), [path = keylogPath] { choose(path); }}).font(controlFont)),
+                                        AnyView(Button{hostText("Choose…"), [path = keylogPath] { choose(path); }}).font(controlFont)),
                            }),
                            group({
                                title("Managed key log"),
-                               explanation(localized("The app records TLS secrets from the proxy here and always reads it. Point your "
-                                                     "browser or curl at this file to decrypt manually-captured traffic too.")),
+                               explanation(hostText("The app records TLS secrets from the proxy here and always reads it. Point your "
+                                                    "browser or curl at this file to decrypt manually-captured traffic too.")),
                                controls(managedPath.font(controlFont).lineLimit(1, Truncation::middle).selectable(),
                                         copyButton.font(controlFont)
-                                            .tooltip(localized("Copy an export line to point a browser or curl at the managed key log"))),
+                                            .tooltip(hostText("Copy an export line to point a browser or curl at the managed key log"))),
                            })}})
         .onChange(keylogPath, announceChange);
 }

@@ -19,13 +19,13 @@ namespace sealscope {
 namespace {
 
 /// Stands in front of an entry's bytes: label, client random, secret.
-struct Entry {
+struct StoredSecret {
     std::int64_t labelLength = 0;
     std::int64_t randomLength = 0;
     std::int64_t secretLength = 0;
     bool isReplaced = false;  ///< by a later entry for its key
 
-    std::size_t size() const { return sizeof(Entry) + static_cast<std::size_t>(labelLength + randomLength + secretLength); }
+    std::size_t size() const { return sizeof(StoredSecret) + static_cast<std::size_t>(labelLength + randomLength + secretLength); }
     const std::uint8_t* bytes() const { return reinterpret_cast<const std::uint8_t*>(this + 1); }
     DataView label() const { return {bytes(), labelLength}; }
     DataView clientRandom() const { return {bytes() + labelLength, randomLength}; }
@@ -39,7 +39,7 @@ struct Key {
 };
 
 Key keyOf(const Key& key) { return key; }
-Key keyOf(const Entry* entry) { return {entry->label().text(), entry->clientRandom().text()}; }
+Key keyOf(const StoredSecret* entry) { return {entry->label().text(), entry->clientRandom().text()}; }
 
 struct KeyHash {
     using is_transparent = void;
@@ -124,30 +124,30 @@ public:
     void forEach(const std::function<void(std::string_view, DataView, DataView)>& visit) const
     {
         blocks_.forEach([&](const void* memory) {
-            const auto* const entry = static_cast<const Entry*>(memory);
+            const auto* const entry = static_cast<const StoredSecret*>(memory);
             if (!entry->isReplaced) visit(entry->label().text(), entry->clientRandom(), entry->secret());
             return entry->size();
         });
     }
 
-    const Entry* find(const Key& key) const
+    const StoredSecret* find(const Key& key) const
     {
         const auto found = entries.find(key);
         return found == entries.end() ? nullptr : *found;
     }
 
-    absl::flat_hash_set<Entry*, KeyHash, KeyEqual> entries;
+    absl::flat_hash_set<StoredSecret*, KeyHash, KeyEqual> entries;
 
 private:
-    Entry* makeEntry(const Key& key, DataView secret)
+    StoredSecret* makeEntry(const Key& key, DataView secret)
     {
         const DataView label(key.label);
         const DataView clientRandom(key.clientRandom);
-        const Entry header{label.size(), clientRandom.size(), secret.size()};
+        const StoredSecret header{label.size(), clientRandom.size(), secret.size()};
         void* const memory = blocks_.allocate(header.size());
-        auto* bytes = static_cast<std::uint8_t*>(memory) + sizeof(Entry);
+        auto* bytes = static_cast<std::uint8_t*>(memory) + sizeof(StoredSecret);
         for (const DataView part : {label, clientRandom, secret}) bytes = std::copy(part.begin(), part.end(), bytes);
-        return new (memory) Entry(header);
+        return new (memory) StoredSecret(header);
     }
 
     Blocks blocks_;
@@ -157,13 +157,13 @@ std::int64_t TLSSecrets::size() const { return storage_ ? static_cast<std::int64
 
 std::optional<Data> TLSSecrets::find(std::string_view label, DataView clientRandom) const
 {
-    const Entry* const entry = storage_ ? storage_->find({label, clientRandom.text()}) : nullptr;
+    const StoredSecret* const entry = storage_ ? storage_->find({label, clientRandom.text()}) : nullptr;
     return entry ? std::optional(Data(storage_, entry->secret())) : std::nullopt;
 }
 
 std::optional<std::int64_t> TLSSecrets::length(std::string_view label, DataView clientRandom) const
 {
-    const Entry* const entry = storage_ ? storage_->find({label, clientRandom.text()}) : nullptr;
+    const StoredSecret* const entry = storage_ ? storage_->find({label, clientRandom.text()}) : nullptr;
     return entry ? std::optional(entry->secretLength) : std::nullopt;
 }
 

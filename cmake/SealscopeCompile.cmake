@@ -27,6 +27,10 @@ target_compile_options(sealscope_compile INTERFACE
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     # GCC 12 reports bounds it cannot know in inlined library code.
     target_compile_options(sealscope_compile INTERFACE -Wno-array-bounds -Wno-stringop-overflow -Wno-stringop-overread -Wno-restrict -Wno-maybe-uninitialized -Wno-missing-field-initializers)
+    if(CMAKE_UNITY_BUILD)
+        # It takes a source file that another one includes for a header, whose unnamed namespaces many would see.
+        target_compile_options(sealscope_compile INTERFACE -Wno-subobject-linkage)
+    endif()
 else()
     # libstdc++ 12's stable_sort calls what C++17 deprecated, and Clang reports it where the template is used.
     target_compile_options(sealscope_compile INTERFACE -Wno-missing-designated-field-initializers -Wno-missing-field-initializers -Wno-deprecated-declarations)

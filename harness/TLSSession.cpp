@@ -13,7 +13,11 @@
 
 namespace sealscope {
 
+namespace {
+
 using Direction = TCPSegment::Direction;
+
+}  // namespace
 
 class TLSResumption {
 public:

@@ -15,6 +15,7 @@ class CMakeBuild(build_ext):
     def build_extension(self, ext):
         build = pathlib.Path(self.build_temp).resolve()
         subprocess.run(["cmake", "-S", SOURCE, "-B", build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=RelWithDebInfo", "-DSEALSCOPE_PYTHON=ON",
+                        "-DCMAKE_UNITY_BUILD=ON", "-DCMAKE_UNITY_BUILD_BATCH_SIZE=12",
                         f"-DSEALSCOPE_PYTHON_EXECUTABLE={sys.executable}", "-DSEALSCOPE_TESTS=OFF", "-DSEALSCOPE_BENCH=OFF",
                         "-DCMAKE_INSTALL_LIBDIR=lib"], check=True)
         subprocess.run(["cmake", "--build", build, "--target", "sealscope_python"], check=True)

@@ -23,7 +23,7 @@ namespace {
 constexpr std::int64_t mappedWindow = 4 << 20;     // pages let go together
 constexpr std::int64_t streamedPiece = 128 << 10;  // read at once; stays in the processor's cache
 constexpr std::int64_t shortestHole = 1 << 20;     // what is skipped and not kept; less is not worth the trouble
-constexpr int lookAgainAfter = 100;                // milliseconds, while a pipe holds nothing
+constexpr int lookAgainAtPipeAfter = 100;                // milliseconds, while a pipe holds nothing
 // So much may anything unpack to. Beyond it a bomb is told from a capture by how many times its size it has become: in a temporary
 // file, or by passing through.
 constexpr std::int64_t freelyUnpacked = 1 << 30, mostTimesKept = 16, mostTimesRead = 256;
@@ -295,7 +295,7 @@ private:
     {
         while (!options_.stop.stop_requested()) {
             pollfd pipe{.fd = descriptor_.number(), .events = POLLIN, .revents = 0};
-            if (storedSize_ < 0 && options_.stop.stop_possible() && poll(&pipe, 1, lookAgainAfter) <= 0) continue;
+            if (storedSize_ < 0 && options_.stop.stop_possible() && poll(&pipe, 1, lookAgainAtPipeAfter) <= 0) continue;
             const ssize_t count = read(descriptor_.number(), target.data(), target.size());
             if (count >= 0 || errno != EINTR) return count;
         }

@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::int64_t sectionLengthOffset = 16;
 constexpr std::int64_t largePiece = 1 << 20, hugePiece = 8 << 20;
-constexpr std::int64_t packetsPerLook = 256;  // at whether the file is still there
+constexpr std::int64_t packetsPerLookAtFile = 256;  // at whether the file is still there
 
 /// Whether bytes of a file are really there: what a file has lost reads as zeros once it was touched.
 bool areThere(DataView bytes, const Capture& capture, std::size_t file)
@@ -145,7 +145,7 @@ bool CaptureWriter::copyPcap(const Capture& capture, std::size_t file)
             letGo += read;
         }
         // Zeros read like an empty packet, and zeros are what stands where a file lost its end.
-        if ((next.frame.isEmpty() || count % packetsPerLook == 0) && capture.isLost(file)) return true;
+        if ((next.frame.isEmpty() || count % packetsPerLookAtFile == 0) && capture.isLost(file)) return true;
         if (!end()) return false;
     }
     return true;

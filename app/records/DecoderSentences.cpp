@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/records/DecoderSentences.h"
 
+#include "app/texts/SizeText.h"
+
 #include <algorithm>
 #include <fmt/format.h>
 #include <functional>
@@ -11,8 +13,6 @@
 namespace sealscope {
 
 namespace {
-
-std::string counted(std::int64_t count, std::string_view noun) { return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s"); }
 
 /// What the notes are about; they do not say which of several files.
 std::string filesText(const std::vector<std::string>& files)

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/records/VerdictSentence.h"
 
-#include "app/verdict/StreamVerdict.h"
 #include "app/session/Session.h"
+#include "app/texts/SizeText.h"
+#include "app/verdict/StreamVerdict.h"
 
 #include <algorithm>
 #include <cstring>
@@ -26,8 +27,6 @@ std::string grouped(std::int64_t count)
     for (auto at = std::ssize(text) - 3; at > 0; at -= 3) text.insert(static_cast<std::size_t>(at), 1, ',');
     return text;
 }
-
-std::string counted(std::int64_t count, std::string_view noun) { return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s"); }
 
 /// The start of a client random: enough to find its line in a key log.
 std::string clientRandomText(const TLSDecryptionReport& report)

@@ -10,7 +10,7 @@ namespace sealscope {
 
 namespace {
 
-constexpr std::array<std::uint8_t, 16'384> zeros{};
+constexpr std::array<std::uint8_t, 16'384> lostBytes{};  // what holes are read from
 
 }  // namespace
 
@@ -57,7 +57,7 @@ DataView GrowingBytes::stretch(std::int64_t offset) const
     const auto piece = pieceAt(offset);
     if (piece != pieces_.end() && !piece->bytes.isEmpty()) return piece->bytes.view().from(offset - piece->begin);
     const std::int64_t end = piece == pieces_.end() ? begin() : endOf(piece);
-    return DataView(zeros).sub(0, end - offset);
+    return DataView(lostBytes).sub(0, end - offset);
 }
 
 std::optional<ByteRange> GrowingBytes::hole(std::int64_t offset) const

@@ -22,6 +22,8 @@ std::string sizeText(std::int64_t bytes)
     return value < 99.95 ? fmt::format("{:.1f} {}", value, units[unit]) : fmt::format("{:.0f} {}", value, units[unit]);
 }
 
+std::string counted(std::int64_t count, std::string_view noun) { return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s"); }
+
 std::string durationText(double seconds)
 {
     const double milliseconds = seconds * 1'000;

@@ -10,6 +10,9 @@ namespace sealscope {
 /// A number of bytes as people read it, in powers of 1000: "517 B", "5.2 kB", "1.3 GB".
 std::string sizeText(std::int64_t bytes);
 
+/// A number of things by their English name: "1 packet", "20 packets".
+std::string counted(std::int64_t count, std::string_view noun);
+
 /// A duration as people read it: "0.4 ms", "31 ms", "1.25 s", "3:07 min".
 std::string durationText(double seconds);
 

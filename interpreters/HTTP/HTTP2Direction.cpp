@@ -19,7 +19,7 @@ constexpr std::size_t mostFrames = 1'000;
 constexpr std::size_t mostPriorityRows = 100;
 constexpr std::size_t mostGaps = 1'000;
 // Frames in a row that make it certain that they are frames.
-constexpr int certain = 3;
+constexpr int framesToGoOn = 3;
 
 /// "weight 16, after stream 3" (RFC 7540 §5.3.2): five bytes.
 std::string priorityText(StreamReader& reader, std::int64_t offset)
@@ -38,7 +38,7 @@ HTTP2Direction::HTTP2Direction(const TCPStream& stream, TCPSegment::Direction di
         offset_ = std::ssize(HTTP2Frame::preface);
     } else if (start == Start::missing) {
         decompressor_.forget();
-        if (!HTTP2Frame::isChain(reader_, 0, certain)) resynchronize(0);
+        if (!HTTP2Frame::isChain(reader_, 0, framesToGoOn)) resynchronize(0);
     }
 }
 
@@ -101,7 +101,7 @@ void HTTP2Direction::resynchronize(std::int64_t from)
     }
     decompressor_.forget();
     std::int64_t offset = from;
-    while (offset < data_.size() && !HTTP2Frame::isChain(reader_, offset, certain)) {
+    while (offset < data_.size() && !HTTP2Frame::isChain(reader_, offset, framesToGoOn)) {
         // A hole may be longer than any memory.
         const auto lost = reader_.u8(offset) == 0 ? lost_.firstIn({offset, offset + 1}) : std::nullopt;
         offset = lost ? std::max(offset + data_.stretch(offset).size(), offset + 1) : offset + 1;

@@ -26,14 +26,14 @@ using Direction = TCPSegment::Direction;
 using Type = HTTP2Frame::Type;
 
 // Frames in a row, and how far from the start they are looked for, of a connection whose start the capture lacks.
-constexpr int certain = 4;
+constexpr int framesToRecognize = 4;
 constexpr std::int64_t searchedForFrames = 2'048;
 
 bool holdsFrames(const StreamData& data)
 {
     StreamReader reader(data);
     for (std::int64_t offset = 0, end = std::min(searchedForFrames, data.size()); offset < end; ++offset)
-        if (HTTP2Frame::isChain(reader, offset, certain, HTTP2Frame::longestAtFirst)) return true;
+        if (HTTP2Frame::isChain(reader, offset, framesToRecognize, HTTP2Frame::longestAtFirst)) return true;
     return false;
 }
 

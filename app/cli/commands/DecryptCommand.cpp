@@ -166,7 +166,7 @@ ExitStatus copyCapture(const Session& session, NamedOutput& output, const Captur
     return output.finish(isWhole ? "" : "was not written, since the copying was interrupted");
 }
 
-ExitStatus run(const CommandContext& context)
+ExitStatus runDecrypt(const CommandContext& context)
 {
     const Options& options = context.options;
     const bool opens = !options.output.empty() || !options.pcap.empty();
@@ -225,6 +225,6 @@ const Command decryptCommand{
     .options = {Option::stream, Option::keylog, Option::privateKey, Option::passphraseFile, Option::reach, Option::output, Option::pcap,
                 Option::injectSecrets, Option::stripSecrets, Option::gaps, Option::force, Option::json, Option::filter, Option::count},
     .access = Access::captures,
-    .run = run};
+    .run = runDecrypt};
 
 }  // namespace sealscope::cli

@@ -18,7 +18,7 @@ namespace {
 /// One exchange, ready to be printed: as NDJSON, or as a row's cells.
 using ExchangeLine = std::variant<std::string, ExchangeCells>;
 
-ExitStatus run(const CommandContext& context)
+ExitStatus runExchanges(const CommandContext& context)
 {
     ExitStatus status = done;
     const auto session = openSession(context, status);
@@ -73,6 +73,6 @@ const Command exchangesCommand{
     .countsRows = true,
     .access = Access::captures,
     .isPaged = true,
-    .run = run};
+    .run = runExchanges};
 
 }  // namespace sealscope::cli

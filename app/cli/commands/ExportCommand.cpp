@@ -37,7 +37,7 @@ void listFormats(const CommandContext& context)
     context.output.write(text);
 }
 
-ExitStatus run(const CommandContext& context)
+ExitStatus runExport(const CommandContext& context)
 {
     const Options& options = context.options;
     if (options.arguments.empty()) return listFormats(context), done;
@@ -90,6 +90,6 @@ const Command exportCommand{.name = "export",
                                         Option::output, Option::force, Option::largestBody, Option::json, Option::filter, Option::count},
                             .fewestArguments = 0,
                             .access = Access::captures,
-                            .run = run};
+                            .run = runExport};
 
 }  // namespace sealscope::cli

@@ -165,7 +165,7 @@ private:
     mutable std::atomic<std::int64_t> held_ = 0;  ///< by streams that wait to be printed
 };
 
-ExitStatus run(const CommandContext& context)
+ExitStatus runFollow(const CommandContext& context)
 {
     ExitStatus status = done;
     const auto session = openSession(context, status);
@@ -204,6 +204,6 @@ const Command followCommand{
                 Option::largestBody, Option::reach, Option::json, Option::filter, Option::count},
     .access = Access::captures,
     .isPaged = true,
-    .run = run};
+    .run = runFollow};
 
 }  // namespace sealscope::cli

@@ -131,7 +131,7 @@ void tellCounts(std::int64_t packets, const LiveCounts& counts)
                          counts.droppedByKernel, counts.droppedByInterface));
 }
 
-ExitStatus run(const CommandContext& context)
+ExitStatus runLive(const CommandContext& context)
 {
     const Options& options = context.options;
     if (options.interface.empty()) {
@@ -199,6 +199,6 @@ const Command liveCommand{.name = "live",
                           .fewestArguments = 0,
                           .mostArguments = 0,
                           .access = Access::interface,
-                          .run = run};
+                          .run = runLive};
 
 }  // namespace sealscope::cli

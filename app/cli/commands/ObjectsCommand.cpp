@@ -52,7 +52,7 @@ private:
     bool hasHeading_ = false;
 };
 
-ExitStatus run(const CommandContext& context)
+ExitStatus runObjects(const CommandContext& context)
 {
     const Options& options = context.options;
     if (options.output.empty()) {
@@ -106,6 +106,6 @@ const Command objectsCommand{
     .options = {Option::stream, Option::keylog, Option::privateKey, Option::passphraseFile, Option::reach, Option::output, Option::force,
                 Option::largestBody, Option::json, Option::filter, Option::count},
     .access = Access::captures,
-    .run = run};
+    .run = runObjects};
 
 }  // namespace sealscope::cli

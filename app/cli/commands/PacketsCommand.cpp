@@ -68,7 +68,7 @@ bool mayPause(const std::string& file)
     return file == "-" || !std::filesystem::is_regular_file(file, error);
 }
 
-ExitStatus run(const CommandContext& context)
+ExitStatus runPackets(const CommandContext& context)
 {
     ExitStatus status = done;
     const auto capture = openCapture(context, status);
@@ -105,6 +105,6 @@ const Command packetsCommand{
     .options = {Option::json, Option::filter, Option::count},
     .access = Access::captures,
     .isPaged = true,
-    .run = run};
+    .run = runPackets};
 
 }  // namespace sealscope::cli

@@ -189,7 +189,7 @@ private:
     bool hasColors_;
 };
 
-ExitStatus run(const CommandContext& context)
+ExitStatus runPlugIns(const CommandContext& context)
 {
     std::string text;
     for (const LoadedPlugIn& loaded : PlugInLoader::loaded()) {
@@ -222,6 +222,6 @@ const Command plugInsCommand{
     .options = {Option::json},
     .fewestArguments = 0,
     .mostArguments = 0,
-    .run = run};
+    .run = runPlugIns};
 
 }  // namespace sealscope::cli

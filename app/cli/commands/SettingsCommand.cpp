@@ -228,7 +228,7 @@ constexpr Verb verbs[] = {
     {"keylog-line", "", 1, keylogLine},
 };
 
-ExitStatus run(const CommandContext& context)
+ExitStatus runSettings(const CommandContext& context)
 {
     const std::vector<std::string>& words = context.options.arguments;
     const auto problem = UserDefaults::standard().lastProblem();
@@ -272,6 +272,6 @@ const Command settingsCommand{
     .fewestArguments = 0,
     .mostArguments = 3,
     .access = Access::settings,
-    .run = run};
+    .run = runSettings};
 
 }  // namespace sealscope::cli

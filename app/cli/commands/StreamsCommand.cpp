@@ -97,7 +97,7 @@ private:
     std::array<std::string_view, 10> cells_;
 };
 
-ExitStatus run(const CommandContext& context)
+ExitStatus runStreams(const CommandContext& context)
 {
     ExitStatus status = done;
     const auto session = openSession(context, status);
@@ -164,6 +164,6 @@ const Command streamsCommand{
                 Option::count},
     .access = Access::captures,
     .isPaged = true,
-    .run = run};
+    .run = runStreams};
 
 }  // namespace sealscope::cli

@@ -225,7 +225,7 @@ ExitStatus explainMissing(std::int64_t wanted, std::int64_t packets, bool wasRea
     return done;
 }
 
-ExitStatus run(const CommandContext& context)
+ExitStatus runTree(const CommandContext& context)
 {
     ExitStatus status = done;
     const auto capture = openCapture(context, status);
@@ -279,6 +279,6 @@ const Command treeCommand{
     .options = {Option::packet, Option::hex, Option::json, Option::filter, Option::count},
     .access = Access::captures,
     .isPaged = true,
-    .run = run};
+    .run = runTree};
 
 }  // namespace sealscope::cli

@@ -22,8 +22,6 @@ namespace sealscope::desktop {
 
 namespace {
 
-std::string counted(std::int64_t count, std::string_view noun) { return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s"); }
-
 std::string cancelled(const std::string& path) { return path + ": the export was cancelled"; }
 
 /// What came of opening streams.

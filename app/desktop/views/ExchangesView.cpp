@@ -14,16 +14,15 @@
 #include <QMenu>
 #include <QProgressBar>
 #include <QVBoxLayout>
-
 #include <algorithm>
 
 namespace sealscope::desktop {
 
 namespace {
 
-using Column = ExchangeTable::Column;
+using ExchangeColumn = ExchangeTable::Column;
 
-constexpr int column(Column column) { return static_cast<int>(column); }
+constexpr int column(ExchangeColumn column) { return static_cast<int>(column); }
 
 /// Colours what failed; the words say it too.
 class StatusDelegate final : public QStyledItemDelegate {
@@ -46,16 +45,22 @@ ExchangesView::ExchangesView(Document& document, QWidget* parent)
     : QWidget(parent), model_(new ExchangesModel(document, this)), table_(new TableView(model_, tr("Exchanges"))),
       filter_(new FilterBar(tr("Filter by method, status, type or URL"), tr("Filter the exchanges"))), progress_(new QProgressBar)
 {
-    table_->setItemDelegateForColumn(column(Column::status), new StatusDelegate(table_));
-    table_->setItemDelegateForColumn(column(Column::waterfall), new WaterfallDelegate(*model_, table_));
+    table_->setItemDelegateForColumn(column(ExchangeColumn::status), new StatusDelegate(table_));
+    table_->setItemDelegateForColumn(column(ExchangeColumn::waterfall), new WaterfallDelegate(*model_, table_));
     table_->setContextMenuPolicy(Qt::CustomContextMenu);
-    table_->setWidths({{column(Column::time), 13}, {column(Column::stream), 8}, {column(Column::method), 9}, {column(Column::status), 8},
-                       {column(Column::type), 25}, {column(Column::size), 9}, {column(Column::duration), 10}, {column(Column::url), 60},
-                       {column(Column::waterfall), 30}});
+    table_->setWidths({{column(ExchangeColumn::time), 13},
+                       {column(ExchangeColumn::stream), 8},
+                       {column(ExchangeColumn::method), 9},
+                       {column(ExchangeColumn::status), 8},
+                       {column(ExchangeColumn::type), 25},
+                       {column(ExchangeColumn::size), 9},
+                       {column(ExchangeColumn::duration), 10},
+                       {column(ExchangeColumn::url), 60},
+                       {column(ExchangeColumn::waterfall), 30}});
     table_->horizontalHeader()->setStretchLastSection(false);
-    table_->horizontalHeader()->setSectionResizeMode(column(Column::url), QHeaderView::Stretch);
+    table_->horizontalHeader()->setSectionResizeMode(column(ExchangeColumn::url), QHeaderView::Stretch);
     table_->setTextElideMode(Qt::ElideMiddle);
-    table_->sortByColumn(column(Column::time), Qt::AscendingOrder);
+    table_->sortByColumn(column(ExchangeColumn::time), Qt::AscendingOrder);
     progress_->setTextVisible(false);
     progress_->setMaximumWidth(120);
     progress_->setAccessibleName(tr("Looking for exchanges"));
@@ -109,7 +114,8 @@ void ExchangesView::choose()
 {
     const QModelIndex current = table_->currentIndex();
     if (current.isValid())
-        Q_EMIT messageChosen(current.data(ExchangesModel::StreamRole).toLongLong(), current.data(ExchangesModel::MessageRole).toULongLong());
+        Q_EMIT messageChosen(current.data(ExchangesModel::StreamRole).toLongLong(),
+                             current.data(ExchangesModel::MessageRole).toULongLong());
 }
 
 void ExchangesView::showMenu(const QPoint& position)
@@ -119,7 +125,7 @@ void ExchangesView::showMenu(const QPoint& position)
     QMenu menu;
     menu.addAction(tr("&Show Conversation"), this, &ExchangesView::choose);
     menu.addAction(tr("Copy &URL"), this,
-                   [index] { QApplication::clipboard()->setText(index.siblingAtColumn(column(Column::url)).data().toString()); });
+                   [index] { QApplication::clipboard()->setText(index.siblingAtColumn(column(ExchangeColumn::url)).data().toString()); });
     menu.addAction(tr("&Copy Text"), this, [index] { QApplication::clipboard()->setText(index.data().toString()); });
     menu.exec(table_->viewport()->mapToGlobal(position));
 }

@@ -15,16 +15,15 @@
 #include <QLineEdit>
 #include <QMenu>
 #include <QVBoxLayout>
-
 #include <algorithm>
 
 namespace sealscope::desktop {
 
 namespace {
 
-using Column = StreamTable::Column;
+using StreamColumn = StreamTable::Column;
 
-constexpr int column(Column column) { return static_cast<int>(column); }
+constexpr int column(StreamColumn column) { return static_cast<int>(column); }
 
 }  // namespace
 
@@ -33,12 +32,19 @@ StreamsView::StreamsView(Document& document, QWidget* parent)
       filter_(new FilterBar(tr("Filter by address, port, server name, version or verdict"), tr("Filter the streams"))),
       verdicts_(new QComboBox), panel_(new VerdictPanel)
 {
-    table_->setItemDelegateForColumn(column(Column::verdict), new VerdictDelegate(table_));
+    table_->setItemDelegateForColumn(column(StreamColumn::verdict), new VerdictDelegate(table_));
     table_->setContextMenuPolicy(Qt::CustomContextMenu);
-    table_->setWidths({{column(Column::number), 9}, {column(Column::client), 20}, {column(Column::server), 20}, {column(Column::serverName), 20},
-                       {column(Column::version), 8}, {column(Column::sent), 8}, {column(Column::received), 9}, {column(Column::start), 25},
-                       {column(Column::duration), 9}, {column(Column::verdict), 27}});
-    table_->sortByColumn(column(Column::number), Qt::AscendingOrder);
+    table_->setWidths({{column(StreamColumn::number), 9},
+                       {column(StreamColumn::client), 20},
+                       {column(StreamColumn::server), 20},
+                       {column(StreamColumn::serverName), 20},
+                       {column(StreamColumn::version), 8},
+                       {column(StreamColumn::sent), 8},
+                       {column(StreamColumn::received), 9},
+                       {column(StreamColumn::start), 25},
+                       {column(StreamColumn::duration), 9},
+                       {column(StreamColumn::verdict), 27}});
+    table_->sortByColumn(column(StreamColumn::number), Qt::AscendingOrder);
     verdicts_->setAccessibleName(tr("Show streams of one verdict"));
     verdicts_->setSizeAdjustPolicy(QComboBox::AdjustToContents);
     filter_->add(verdicts_);
@@ -86,10 +92,10 @@ void StreamsView::describeCurrent()
 {
     const QModelIndex current = table_->currentIndex();
     if (!current.isValid()) return panel_->clear();
-    const auto text = [&](Column column) { return current.siblingAtColumn(static_cast<int>(column)).data().toString(); };
-    const QString name = text(Column::serverName);
-    panel_->describe(tr("Stream %1, %2").arg(text(Column::number), name.isEmpty() ? text(Column::server) : name),
-                     static_cast<Tone>(current.data(StreamsModel::ToneRole).toInt()), text(Column::verdict),
+    const auto text = [&](StreamColumn column) { return current.siblingAtColumn(static_cast<int>(column)).data().toString(); };
+    const QString name = text(StreamColumn::serverName);
+    panel_->describe(tr("Stream %1, %2").arg(text(StreamColumn::number), name.isEmpty() ? text(StreamColumn::server) : name),
+                     static_cast<Tone>(current.data(StreamsModel::ToneRole).toInt()), text(StreamColumn::verdict),
                      current.data(StreamsModel::SentenceRole).toString(),
                      static_cast<Advice>(current.data(StreamsModel::AdviceRole).toInt()));
 }
