@@ -41,8 +41,8 @@ public:
     /// Whether the capture goes on, packets coming as they pass an interface.
     bool isLive() const { return isLive_; }
 
-    /// A complete file with what was captured live; empty when nothing was.
-    QString recordedFile() const { return recorded_ ? recorded_->path() : QString(); }
+    /// What was captured live; null when nothing was.
+    const std::shared_ptr<RecordedFile>& recorded() const { return recorded_; }
 
     const QStringList& files() const { return files_; }
     const QStringList& keyLogs() const { return keyLogs_; }

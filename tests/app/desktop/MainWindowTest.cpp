@@ -9,6 +9,7 @@
 #include "harness/CaptureFile.h"
 #include "harness/TLSSession.h"
 #include "harness/TempDirectory.h"
+#include "platform/UserDefaults.h"
 #include "tests/app/desktop/DesktopTest.h"
 
 #include <QAccessible>
@@ -17,6 +18,7 @@
 #include <QLabel>
 #include <QMenu>
 #include <QMimeData>
+#include <QProcess>
 #include <QPushButton>
 #include <QTest>
 #include <QToolButton>
@@ -57,6 +59,16 @@ protected:
         ASSERT_TRUE(opens(window.document(), {file}));
         ASSERT_TRUE(waitUntil([&] { return window.packets().packets().rowCount() > 0 && !window.packets().packets().isFiltering(); }));
     }
+    /// Chooses in a menu, and a file in the panel that comes for it.
+    void choose(const char* title, const QString& file)
+    {
+        for (QAction* const action : window.findChildren<QAction*>()) {
+            if (action->text().remove(QLatin1Char('&')) != QString::fromUtf8(title)) continue;
+            answerFilePanel(file);
+            return action->trigger();
+        }
+        ADD_FAILURE() << title;
+    }
     std::string message() { return window.messages().text().toStdString(); }
 
     TempDirectory directory;
@@ -74,6 +86,25 @@ TEST_F(MainWindowTest, TakesCapturesAndKeyLogsThatAreDropped)
     EXPECT_TRUE(isDecrypted() || waitUntil([&] { return isDecrypted(); })) << "the key log alone, afterwards";
     EXPECT_EQ(message(), "");
     EXPECT_EQ(WindowMemory::recentFiles().front(), sourceFile("tests/captures/openssl-tls13/capture.pcap"));
+}
+
+TEST_F(MainWindowTest, OpensByMenuAndByArgument)
+{
+    choose("Open…", sourceFile("examples/tls12.pcap"));
+    ASSERT_TRUE(waitUntil([&] { return window.document().session() && !window.document().isReading(); }));
+    EXPECT_FALSE(isDecrypted());
+    choose("Use Key Log…", sourceFile("examples/tls12.keylog"));
+    EXPECT_TRUE(waitUntil([&] { return isDecrypted(); }));
+
+    // The program itself remembers what it opened.
+    QProcess program;
+    program.start(QStringLiteral(SEALSCOPE_BINARY_DIR "/bin/sealscope-desktop"), {sourceFile("examples/https.pcapng")});
+    EXPECT_TRUE(waitUntil([&] {
+        UserDefaults::standard().synchronize();
+        return WindowMemory::recentFiles().contains(sourceFile("examples/https.pcapng"));
+    })) << program.readAllStandardError().toStdString();
+    program.terminate();
+    EXPECT_TRUE(program.waitForFinished());
 }
 
 TEST_F(MainWindowTest, TellsWhatCannotBeOpenedAndKeepsWhatIsOpen)
@@ -177,7 +208,12 @@ TEST_F(MainWindowTest, FollowsACaptureThatGoesOn)
     recording.stop();
     ASSERT_TRUE(waitUntil([&] { return !recording.isRunning() && !window.document().isReading(); }));
     EXPECT_FALSE(window.document().isLive());
-    EXPECT_EQ(readFile(window.document().recordedFile().toStdString()), readFile(first)) << "what was captured can be kept";
+    const std::string kept = directory.write("kept.pcap", "mine");
+    choose("Save Packets As…", QString::fromStdString(kept));
+    EXPECT_TRUE(waitUntil([&] { return readFile(kept) == readFile(first); })) << "what was captured can be kept";
+    choose("Save Packets As…", QStringLiteral("/dev/full"));
+    EXPECT_TRUE(waitUntil([&] { return message() == "/dev/full: No space left on device"; })) << message();
+    window.messages().clear();
     EXPECT_EQ(message(), "");
 
     const auto packets = window.document().packets();
