@@ -64,6 +64,8 @@ Q_SIGNALS:
     void packetsFound(qint64 count);
     /// The streams are there.
     void opened(std::shared_ptr<const sealscope::Session> session);
+    /// More has been captured: the same streams, of which each may go on, and further ones.
+    void grown(std::shared_ptr<const sealscope::Session> session);
     /// The secrets may have become others: what was asked about decryption may be answered anew. `session` may be another one,
     /// of the same streams.
     void secretsChanged(std::shared_ptr<const sealscope::Session> session);

@@ -77,10 +77,10 @@ StreamsModel::StreamsModel(Document& document, QObject* parent) : ArrangedModel(
 {
     connect(&document, &Document::replaced, this, &StreamsModel::clear);
     connect(&document, &Document::opened, this, &StreamsModel::start);
+    connect(&document, &Document::grown, this, &StreamsModel::grow);
     connect(&document, &Document::secretsChanged, this, [this](std::shared_ptr<const Session> session) {
         if (session->streamCount() != recordCount()) return start(std::move(session));
-        session_ = std::move(session);
-        judging_ = std::make_shared<Judging>(session_);
+        beginJudging(std::move(session));
         table_.forgetVerdicts();
         sentences_.clear();
         update(true);
@@ -109,13 +109,29 @@ void StreamsModel::clear()
 void StreamsModel::start(std::shared_ptr<const Session> session)
 {
     clear();
-    session_ = std::move(session);
-    judging_ = std::make_shared<Judging>(session_);
+    beginJudging(std::move(session));
     beginNewRecords();
     table_.reset(session_->streamCount());
     endNewRecords();
     measureAll();
     judgeAll();
+}
+
+// What is known of a stream is shown until more is.
+void StreamsModel::grow(std::shared_ptr<const Session> session)
+{
+    beginJudging(std::move(session));
+    table_.grow(session_->streamCount());
+    rearrange();
+    measureAll();
+    judgeAll();
+}
+
+void StreamsModel::beginJudging(std::shared_ptr<const Session> session)
+{
+    judgingWanted_.reset();
+    session_ = std::move(session);
+    judging_ = std::make_shared<Judging>(session_);
 }
 
 void StreamsModel::measureAll()
@@ -138,8 +154,7 @@ void StreamsModel::judgeAll()
         std::iota(streams.begin(), streams.end(), std::int64_t{0});
         Batches<StreamJudgement> batches(context, [this](const std::vector<StreamJudgement>& batch) { take(batch); });
         const auto work = [&](std::int64_t number) {
-            if (context.isCancelled() || judging->isKnown[static_cast<std::size_t>(number)])
-                return StreamJudgement{.stream = -1};
+            if (context.isCancelled() || judging->isKnown[static_cast<std::size_t>(number)]) return StreamJudgement{.stream = -1};
             return judge(session, judging->verdicts, number);
         };
         const auto takeOne = [&](StreamJudgement judgement) {
@@ -192,7 +207,8 @@ void StreamsModel::take(const std::vector<StreamJudgement>& judgements)
         sentences_[static_cast<std::uint32_t>(judgement.stream)] = judgement.sentence;
     }
     const auto column = static_cast<Column>(sortColumn());
-    const bool isSorting = column == Column::serverName || column == Column::version || column == Column::verdict || column == Column::detail;
+    const bool isSorting =
+        column == Column::serverName || column == Column::version || column == Column::verdict || column == Column::detail;
     if (table_.verdicts().size() != before) Q_EMIT verdictsChanged();
     update(isSorting || isFiltered() || !verdictFilterText_.isEmpty());
 }
@@ -266,8 +282,7 @@ QVariant StreamsModel::text(std::uint32_t row, Column column) const
         text.resize(text.size() - 3);  // milliseconds
         return QString::fromStdString(text);
     }
-    case Column::duration:
-        return record.isMeasured ? QString::fromStdString(durationText(record.endTime - record.startTime)) : QString();
+    case Column::duration: return record.isMeasured ? QString::fromStdString(durationText(record.endTime - record.startTime)) : QString();
     case Column::verdict: return record.tone == Tone::pending ? tr("…") : shownText(table_.name(record.verdict));
     case Column::detail: {
         const auto found = sentences_.find(row);
@@ -288,7 +303,9 @@ QVariant StreamsModel::data(const QModelIndex& index, int role) const
     case Qt::ToolTipRole:
         if (column == Column::sent) return tr("%L1 bytes").arg(table_[row].clientBytes);
         if (column == Column::received && table_[row].missingBytes > 0)
-            return tr("%L1 bytes; %L2 bytes of the stream are missing from the capture").arg(table_[row].serverBytes).arg(table_[row].missingBytes);
+            return tr("%L1 bytes; %L2 bytes of the stream are missing from the capture")
+                .arg(table_[row].serverBytes)
+                .arg(table_[row].missingBytes);
         if (column == Column::received) return tr("%L1 bytes").arg(table_[row].serverBytes);
         return plainToolTip(text(row, column == Column::verdict ? Column::detail : column).toString());
     case ToneRole: return static_cast<int>(table_[row].tone);

@@ -3,7 +3,7 @@
 
 #include <QHeaderView>
 #include <QKeyEvent>
-
+#include <QScrollBar>
 #include <chrono>
 
 namespace sealscope::desktop {
@@ -38,6 +38,11 @@ TableView::TableView(QAbstractItemModel* model, const QString& name, QWidget* pa
     connect(&pause_, &QTimer::timeout, this, &TableView::tellSeen);
     connect(model, &QAbstractItemModel::modelReset, &pause_, qOverload<>(&QTimer::start));
     connect(model, &QAbstractItemModel::layoutChanged, &pause_, qOverload<>(&QTimer::start));
+    connect(model, &QAbstractItemModel::layoutAboutToBeChanged, this,
+            [this] { wasAtEnd_ = verticalScrollBar()->value() == verticalScrollBar()->maximum(); });
+    connect(model, &QAbstractItemModel::layoutChanged, this, [this] {
+        if (followsEnd_ && wasAtEnd_) scrollToBottom();
+    });
 }
 
 void TableView::setWidths(std::initializer_list<std::pair<int, int>> widths)
