@@ -4,6 +4,7 @@
 #include <QHeaderView>
 #include <QKeyEvent>
 #include <QScrollBar>
+#include <algorithm>
 #include <chrono>
 
 namespace sealscope::desktop {
@@ -48,7 +49,9 @@ TableView::TableView(QAbstractItemModel* model, const QString& name, QWidget* pa
 void TableView::setWidths(std::initializer_list<std::pair<int, int>> widths)
 {
     const int letter = fontMetrics().averageCharWidth();
-    for (const auto& [column, characters] : widths) setColumnWidth(column, characters * letter + 16);
+    // A title may be longer in another language.
+    for (const auto& [column, characters] : widths)
+        setColumnWidth(column, std::max(characters * letter + 16, horizontalHeader()->sectionSizeHint(column)));
 }
 
 void TableView::tellSeen()
