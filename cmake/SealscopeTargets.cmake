@@ -19,10 +19,38 @@ function(sealscope_test source)
     set_tests_properties(${name} PROPERTIES TIMEOUT 300 LABELS "${ARG_LABELS}")
 endfunction()
 
+# The option that lets a test program run no suites but those that a file declares.
+function(sealscope_suites source result)
+    file(STRINGS "${source}" declarations REGEX "^(TEST|TEST_F|TEST_P)\\(")
+    list(TRANSFORM declarations REPLACE "^[A-Z_]+\\(([A-Za-z0-9_]+),.*" "\\1.*:*/\\1.*")
+    list(REMOVE_DUPLICATES declarations)
+    list(JOIN declarations ":" filter)
+    set(${result} "--gtest_filter=${filter}" PARENT_SCOPE)
+endfunction()
+
+# sealscope_tests(CommandTests SOURCES CommandLineTest.cpp FollowCommandTest.cpp LINK sealscope_test_program)
+# One program of several test files, which are compiled together, and a CTest test for each file: it runs the suites that the file
+# declares, so no two files of a program declare the same one.
+function(sealscope_tests program)
+    cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+    add_executable(${program} ${ARG_SOURCES})
+    target_link_libraries(${program} PRIVATE sealscope::compile sealscope_test_support ${ARG_LINK} GTest::gtest GTest::gmock GTest::gtest_main)
+    target_compile_definitions(${program} PRIVATE SEALSCOPE_SOURCE_DIR="${PROJECT_SOURCE_DIR}" SEALSCOPE_BINARY_DIR="${PROJECT_BINARY_DIR}")
+    set_target_properties(${program} PROPERTIES SEALSCOPE_IS_TEST ON)
+    target_precompile_headers(${program} REUSE_FROM sealscope_test_pch)
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${ARG_SOURCES})
+    foreach(source IN LISTS ARG_SOURCES)
+        get_filename_component(name "${source}" NAME_WE)
+        sealscope_suites("${source}" filter)
+        add_test(NAME ${name} COMMAND ${program} "${filter}")
+        set_tests_properties(${name} PROPERTIES TIMEOUT 300)
+    endforeach()
+endfunction()
+
 # sealscope_fuzz(capture/CaptureReaderFuzz.cpp LINK sealscope::capture)
 # With BUILT_ONLY it has a finding that is not mended yet, and runs by hand alone.
 # A libFuzzer program with the seed corpus fuzz/corpus/<name>, and a CTest test that runs it for SEALSCOPE_FUZZ_SECONDS.
-set(SEALSCOPE_FUZZ_SECONDS 10 CACHE STRING "How long each fuzz test runs")
+set(SEALSCOPE_FUZZ_SECONDS 6 CACHE STRING "How long each fuzz test runs")
 function(sealscope_fuzz source)
     cmake_parse_arguments(ARG "BUILT_ONLY" "" "LINK" ${ARGN})
     get_filename_component(name "${source}" NAME_WE)

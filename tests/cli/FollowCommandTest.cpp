@@ -31,17 +31,12 @@ std::vector<TLSFlight> alerts()
             {.direction = TCPSegment::Direction::serverToClient, .wire = hex("15 03 03 00 02  02 28"), .plaintext = {}}};
 }
 
-std::string write(const TempDirectory& directory, const std::vector<TLSFlight>& flights, const TCPConversationOptions& options = {})
-{
-    return directory.write("capture.pcap", pcapFile(packets(tcpSegments(flights, options))));
-}
-
 }  // namespace
 
 TEST(FollowCommand, PrintsMessagesAndPairingsAsNDJSON)
 {
     const TempDirectory directory;
-    const std::string capture = write(directory, alerts(), {.interval = 20'250'000});
+    const std::string capture = writeCapture(directory, alerts(), {.interval = 20'250'000});
     const auto streams = jsonLines(sealscope({"follow", "--json", capture}).output);
     ASSERT_EQ(streams.size(), 1);
     EXPECT_EQ(streams[0], json::parse(R"json({"stream":0,"messages":[
@@ -57,7 +52,7 @@ TEST(FollowCommand, PrintsMessagesAndPairingsAsNDJSON)
 TEST(FollowCommand, ShowsWhatDecrypts)
 {
     const TempDirectory directory;
-    const std::string capture = write(directory, session().flights);
+    const std::string capture = writeCapture(directory, session().flights);
     const auto closed = jsonLines(sealscope({"follow", "--json", capture}).output)[0];
     EXPECT_EQ(closed["pairings"][0]["status"], "matched");
     EXPECT_EQ(closed["messages"][closed["pairings"][0]["requestIndex"].get<std::size_t>()]["summary"], "Client Hello (example.org)");
@@ -89,7 +84,7 @@ TEST(FollowCommand, PrintsBodiesOfAnySize)
         return lines;
     }());
     const TLSSession large = runTLS({}, {clientSends(patternBytes(1'500'000)), serverSends(text)});
-    const std::string capture = write(directory, large.flights);
+    const std::string capture = writeCapture(directory, large.flights);
     const std::string keyLog = directory.write("keys.txt", large.keyLog);
     const auto streams = jsonLines(sealscope({"follow", "--json", "-k", keyLog, capture}).output);
     ASSERT_EQ(streams.size(), 1);
@@ -117,7 +112,7 @@ TEST(FollowCommand, PrintsBodiesOfAnySize)
 TEST(FollowCommand, ReadsLikeAConversation)
 {
     const TempDirectory directory;
-    EXPECT_EQ(sealscope({"follow", write(directory, alerts(), {.interval = 20'250'000})}).output,
+    EXPECT_EQ(sealscope({"follow", writeCapture(directory, alerts(), {.interval = 20'250'000})}).output,
               "stream 0  192.0.2.1:50000 → 192.0.2.2:443  2023-11-14 22:13:20.000000\n"
               "  TLS, 7 bytes sent, 7 received\n"
               "  22:13:20.060750 → Alert (Warning, 0)\n"
@@ -128,7 +123,7 @@ TEST(FollowCommand, ReadsLikeAConversation)
               "                      Description: 40\n"
               "\n");
 
-    const std::string capture = write(directory, session().flights);
+    const std::string capture = writeCapture(directory, session().flights);
     const std::string text = sealscope({"follow", "-k", directory.write("keys.txt", session().keyLog), capture}).output;
     struct Case {
         const char* name;
@@ -209,7 +204,7 @@ TEST(FollowCommand, TellsAStreamOfMoreMessagesThanItHolds)
     std::vector<Data> alerts(30'000, hex("15 03 03 00 00"));
     alerts.front() = hex("15 03 03 00 02  01 00");
     const Data many = joined(alerts);
-    const std::string capture = write(directory, {{.direction = TCPSegment::Direction::serverToClient, .wire = many, .plaintext = {}}});
+    const std::string capture = writeCapture(directory, {{.direction = TCPSegment::Direction::serverToClient, .wire = many, .plaintext = {}}});
     const auto lines = jsonLines(sealscope({"follow", "--json", capture}).output);
     ASSERT_EQ(lines.size(), 1u);
     ASSERT_EQ(lines[0]["messages"].size(), 30'000u);

@@ -37,7 +37,7 @@ public:
                 const int client = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
                 if (connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
                     static constexpr unsigned char alert[] = {0x15, 3, 3, 0, 2, 2, 40};
-                    [[maybe_unused]] const ssize_t sent = write(client, alert, sizeof alert);
+                    [[maybe_unused]] const ssize_t sent = ::write(client, alert, sizeof alert);
                     close(accept(listener_, nullptr, nullptr));
                 }
                 close(client);

@@ -36,11 +36,6 @@ Data clientHello(std::string_view serverName)
     return joined({hex("16 03 01 00"), u8(length + 4), hex("01 00 00"), u8(length), body});
 }
 
-std::string write(const TempDirectory& directory, const std::vector<TLSFlight>& flights, const TCPConversationOptions& options = {})
-{
-    return directory.write("capture.pcap", pcapFile(packets(tcpSegments(flights, options))));
-}
-
 /// The infos of the rows, each behind its packet's number.
 std::vector<std::string> infos(const ProgramResult& result)
 {
@@ -57,7 +52,7 @@ using testing::ElementsAre;
 TEST(PacketsCommand, PrintsARowForEachPayloadThatAnAnalyzerTakes)
 {
     const TempDirectory directory;
-    const std::string capture = write(directory, {fromClient(clientHello("example.org")), fromServer(httpRequest), fromServer(alert)},
+    const std::string capture = writeCapture(directory, {fromClient(clientHello("example.org")), fromServer(httpRequest), fromServer(alert)},
                                       {.startTime = 1'700'000'000'250'000'000, .interval = 500'000});
     const ProgramResult result = sealscope({"packets", "--json", capture});
     EXPECT_EQ(result.status, 0);
@@ -79,7 +74,7 @@ TEST(PacketsCommand, WritesIPv6EndpointsInBrackets)
 {
     const TempDirectory directory;
     const std::string capture =
-        write(directory, {fromServer(alert)}, {.client = endpoint("2001:db8::1", 50'000), .server = endpoint("2001:db8::2", 443)});
+        writeCapture(directory, {fromServer(alert)}, {.client = endpoint("2001:db8::1", 50'000), .server = endpoint("2001:db8::2", 443)});
     const auto rows = jsonLines(sealscope({"packets", "--json", capture}).output);
     ASSERT_EQ(rows.size(), 1);
     EXPECT_EQ(rows[0]["source"], "[2001:db8::2]:443");
@@ -102,7 +97,7 @@ TEST(PacketsCommand, CountsPacketsOverSeveralFilesInTheOrderOfTheirTimes)
 TEST(PacketsCommand, KeepsNumbersUnderAFilterAndStopsAfterACount)
 {
     const TempDirectory directory;
-    const std::string capture = write(directory, {fromClient(changeCipherSpec), fromServer(alert), fromClient(alert)});
+    const std::string capture = writeCapture(directory, {fromClient(changeCipherSpec), fromServer(alert), fromClient(alert)});
     EXPECT_THAT(infos(sealscope({"packets", "--json", capture})),
                 ElementsAre("4 TLS 1.0: Change Cipher Spec", "5 TLS 1.2: Alert (Fatal, 40)", "6 TLS 1.2: Alert (Fatal, 40)"));
     EXPECT_THAT(infos(sealscope({"packets", "--json", "-f", "src port 443", capture})), ElementsAre("5 TLS 1.2: Alert (Fatal, 40)"));
@@ -114,7 +109,7 @@ TEST(PacketsCommand, KeepsNumbersUnderAFilterAndStopsAfterACount)
 TEST(PacketsCommand, PrintsWhatStandsBeforeTheDamage)
 {
     const TempDirectory directory;
-    const Data whole = readFile(write(directory, {fromClient(changeCipherSpec), fromServer(alert)}));
+    const Data whole = readFile(writeCapture(directory, {fromClient(changeCipherSpec), fromServer(alert)}));
     struct Case {
         const char* name;
         Data file;
@@ -174,7 +169,7 @@ TEST(PacketsCommand, NamesLinkTypesThatItDoesNotKnow)
 TEST(PacketsCommand, ReadsStandardInputAsItComes)
 {
     const TempDirectory directory;
-    const std::string capture = write(directory, {fromClient(changeCipherSpec), fromServer(alert)});
+    const std::string capture = writeCapture(directory, {fromClient(changeCipherSpec), fromServer(alert)});
     const ProgramResult piped = sealscope({"packets", "--json", "-"}, {.input = std::string(readFile(capture).view().text())});
     EXPECT_EQ(piped.status, 0);
     EXPECT_EQ(piped.output, sealscope({"packets", "--json", capture}).output);
@@ -187,7 +182,7 @@ TEST(PacketsCommand, PrintsTheSameRowsWhateverTheirNumber)
     std::vector<TLSFlight> flights;
     for (int i = 0; i < 3'000; ++i)
         flights.push_back(i % 2 == 0 ? fromClient(joined({alert, patternBytes(i)})) : fromServer(changeCipherSpec));
-    const std::string capture = write(directory, flights, {.segmentSize = 65'000});
+    const std::string capture = writeCapture(directory, flights, {.segmentSize = 65'000});
     const ProgramResult result = sealscope({"packets", "--json", capture});
     const auto rows = jsonLines(result.output);
     ASSERT_EQ(rows.size(), flights.size());
@@ -202,7 +197,7 @@ TEST(PacketsCommand, PrintsTheSameRowsWhateverTheirNumber)
 TEST(PacketsCommand, LaysTextOutInColumnsThatGrow)
 {
     const TempDirectory directory;
-    const std::string capture = write(directory, {fromClient(clientHello("例え.example")), fromServer(alert)}, {.interval = 20'250'000});
+    const std::string capture = writeCapture(directory, {fromClient(clientHello("例え.example")), fromServer(alert)}, {.interval = 20'250'000});
     EXPECT_EQ(sealscope({"packets", capture}).output,
               " No.  Time             Source           Destination      TLS Server Name  Info\n"
               "   4  22:13:20.060750  192.0.2.1:50000  192.0.2.2:443    例え.example     TLS 1.0: Client Hello (例え.example)\n"
@@ -212,7 +207,7 @@ TEST(PacketsCommand, LaysTextOutInColumnsThatGrow)
 TEST(PacketsCommand, ShowsHostileNamesInsteadOfObeyingThem)
 {
     const TempDirectory directory;
-    const std::string capture = write(directory, {fromClient(clientHello("\x1B]0;gotcha\x07\u202Egro.elpmaxe\r\n"))});
+    const std::string capture = writeCapture(directory, {fromClient(clientHello("\x1B]0;gotcha\x07\u202Egro.elpmaxe\r\n"))});
     const std::string name = "\\x1B]0;gotcha\\x07\\u{202E}gro.elpmaxe\\r\\n";
     for (const std::string& text :
          {sealscope({"packets", capture}).output, sealscope({"tree", capture}).output, sealscope({"follow", capture}).output,
@@ -226,7 +221,7 @@ TEST(PacketsCommand, ShowsHostileNamesInsteadOfObeyingThem)
 TEST(PacketsCommand, FitsTheTerminal)
 {
     const TempDirectory directory;
-    const std::string capture = write(directory, {fromClient(clientHello("a-rather-long-name.of-a-host.in-some-department.example.org"))});
+    const std::string capture = writeCapture(directory, {fromClient(clientHello("a-rather-long-name.of-a-host.in-some-department.example.org"))});
     struct Case {
         int columns;
         std::string row;
@@ -246,7 +241,7 @@ TEST(PacketsCommand, FitsTheTerminal)
 TEST(PacketsCommand, ColorsWhereThatIsWanted)
 {
     const TempDirectory directory;
-    const std::string capture = write(directory, {fromClient(alert)});
+    const std::string capture = writeCapture(directory, {fromClient(alert)});
     struct Case {
         const char* name;
         std::vector<std::string> arguments;
@@ -278,7 +273,7 @@ TEST(PacketsCommand, EndsQuietlyWhenNobodyReadsAndToldWhenTheDiskIsFull)
 {
     const TempDirectory directory;
     std::vector<TLSFlight> flights(5'000, fromClient(alert));
-    const std::string capture = write(directory, flights, {.acknowledges = false});
+    const std::string capture = writeCapture(directory, flights, {.acknowledges = false});
     const std::string program = SEALSCOPE_PROGRAM;
     const ProgramResult closed = runProgram({"sh", "-c", "{ " + program + " packets " + capture + "; echo $? >&2; } | head -n 1"});
     EXPECT_EQ(std::ranges::count(closed.output, '\n'), 1);
@@ -291,7 +286,7 @@ TEST(PacketsCommand, EndsQuietlyWhenNobodyReadsAndToldWhenTheDiskIsFull)
 TEST(TreeCommand, PrintsFieldsWithTheirPlaces)
 {
     const TempDirectory directory;
-    const std::string capture = write(directory, {fromClient(changeCipherSpec), fromServer(alert)});
+    const std::string capture = writeCapture(directory, {fromClient(changeCipherSpec), fromServer(alert)});
     EXPECT_EQ(sealscope({"tree", "--packet", "5", capture}).output,
               "packet 5  2023-11-14 22:13:20.004000  192.0.2.2:443 → 192.0.2.1:50000  TLS 1.2: Alert (Fatal, 40)\n"
               " offset  bytes  field\n"
@@ -321,7 +316,7 @@ TEST(TreeCommand, PrintsFieldsWithTheirPlaces)
 TEST(TreeCommand, SaysWhyAPacketHasNoTree)
 {
     const TempDirectory directory;
-    const std::string capture = write(directory, {fromClient(httpRequest), fromServer(alert)});
+    const std::string capture = writeCapture(directory, {fromClient(httpRequest), fromServer(alert)});
     struct Case {
         std::vector<std::string> arguments;
         int status;

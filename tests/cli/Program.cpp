@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tests/cli/Program.h"
 
+#include "harness/CaptureFile.h"
 #include "harness/TempDirectory.h"
 
 #include <cerrno>
@@ -78,6 +79,11 @@ std::string sealscopeOnTerminal(const std::vector<std::string>& arguments, int c
     waitpid(process, nullptr, 0);
     std::erase(shown, '\r');
     return shown;
+}
+
+std::string writeCapture(const TempDirectory& directory, const std::vector<TLSFlight>& flights, const TCPConversationOptions& options)
+{
+    return directory.write("capture.pcap", pcapFile(packets(tcpSegments(flights, options))));
 }
 
 std::vector<nlohmann::json> jsonLines(const std::string& output)

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "harness/PacketPath.h"
 #include "harness/RunProgram.h"
+#include "harness/TempDirectory.h"
 
 #include <nlohmann/json.hpp>
 #include <string>
@@ -16,6 +18,9 @@ ProgramResult sealscope(std::vector<std::string> arguments, ProgramOptions optio
 /// it asks for something, which ends in ": ".
 std::string sealscopeOnTerminal(const std::vector<std::string>& arguments, int columns, const std::vector<std::string>& environment = {},
                                 std::string answer = {});
+
+/// Writes a connection with a TLS session on it as "capture.pcap"; its path.
+std::string writeCapture(const TempDirectory& directory, const std::vector<TLSFlight>& flights, const TCPConversationOptions& options = {});
 
 /// The lines of NDJSON output, parsed; a line that does not parse throws.
 std::vector<nlohmann::json> jsonLines(const std::string& output);

@@ -18,7 +18,7 @@ namespace sealscope::desktop {
 
 namespace {
 
-using Column = ExchangeTable::Column;
+using ExchangeColumn = ExchangeTable::Column;
 
 class ExchangesViewTest : public DesktopTest {
 protected:
@@ -33,12 +33,12 @@ protected:
         ASSERT_TRUE(opens(document, {browsing.capture}, {browsing.keyLog}));
         ASSERT_TRUE(waitUntil([&] { return !view.model().isSearching(); }));
     }
-    std::string rows(std::initializer_list<Column> columns)
+    std::string rows(std::initializer_list<ExchangeColumn> columns)
     {
         QStringList lines;
         for (int row = 0; row < view.model().rowCount(); ++row) {
             QStringList cells;
-            for (const Column column : columns) cells.append(view.model().index(row, static_cast<int>(column)).data().toString());
+            for (const ExchangeColumn column : columns) cells.append(view.model().index(row, static_cast<int>(column)).data().toString());
             lines.append(cells.join(QLatin1Char(' ')));
         }
         return lines.join(QLatin1Char('\n')).toStdString();
@@ -54,7 +54,7 @@ protected:
 TEST_F(ExchangesViewTest, ListsSortsAndFilters)
 {
     open();
-    const std::initializer_list<Column> columns{Column::stream, Column::method, Column::status, Column::type, Column::url};
+    const std::initializer_list<ExchangeColumn> columns{ExchangeColumn::stream, ExchangeColumn::method, ExchangeColumn::status, ExchangeColumn::type, ExchangeColumn::url};
     EXPECT_EQ(rows(columns), "0 GET 200 text/html https://shop.example.org/\n"
                              "0 GET 200 application/json https://shop.example.org/api/cart?full=1\n"
                              "0 GET 200 image/png https://shop.example.org/static/logo.png\n"
@@ -63,13 +63,13 @@ TEST_F(ExchangesViewTest, ListsSortsAndFilters)
                              "2 GET 200 text/plain http://plain.example.com/<b>bold</b>\n"
                              "2 GET 200 application/octet-stream http://plain.example.com/data.bin\n"
                              "2 GET none  http://plain.example.com/never-answered");
-    view.table().sortByColumn(static_cast<int>(Column::size), Qt::DescendingOrder);
-    EXPECT_TRUE(rows({Column::type}).starts_with("image/png\napplication/json\n")) << rows({Column::type, Column::size});
-    view.table().sortByColumn(static_cast<int>(Column::url), Qt::AscendingOrder);
-    EXPECT_TRUE(rows({Column::url}).starts_with("http://plain.example.com/<b>bold</b>\n")) << rows({Column::url});
+    view.table().sortByColumn(static_cast<int>(ExchangeColumn::size), Qt::DescendingOrder);
+    EXPECT_TRUE(rows({ExchangeColumn::type}).starts_with("image/png\napplication/json\n")) << rows({ExchangeColumn::type, ExchangeColumn::size});
+    view.table().sortByColumn(static_cast<int>(ExchangeColumn::url), Qt::AscendingOrder);
+    EXPECT_TRUE(rows({ExchangeColumn::url}).starts_with("http://plain.example.com/<b>bold</b>\n")) << rows({ExchangeColumn::url});
     view.filter().field().setText(QStringLiteral("JSON shop 201"));
     QTest::keyClick(&view.filter().field(), Qt::Key_Return);
-    EXPECT_EQ(rows({Column::url}), "https://shop.example.org/api/orders");
+    EXPECT_EQ(rows({ExchangeColumn::url}), "https://shop.example.org/api/orders");
 }
 
 TEST_F(ExchangesViewTest, DrawsTimesAmongThoseThatAreShown)
@@ -97,7 +97,7 @@ TEST_F(ExchangesViewTest, LeadsToTheMessageInItsConversation)
         view.table().selectRow(row);
         QTest::keyClick(&view.table(), Qt::Key_Return);
         ASSERT_TRUE(waitUntil([&] { return !conversation.messages().isLoading(); }));
-        const QString url = view.model().index(row, static_cast<int>(Column::url)).data().toString();
+        const QString url = view.model().index(row, static_cast<int>(ExchangeColumn::url)).data().toString();
         EXPECT_TRUE(conversation.list().currentIndex().data().toString().endsWith(url)) << url.toStdString();
     }
 }
