@@ -36,7 +36,10 @@ endif()
 if(SEALSCOPE_DESKTOP)
     # What the desktop session finds the window by.
     install(FILES packaging/desktop/sealscope-desktop.desktop DESTINATION "${CMAKE_INSTALL_DATADIR}/applications" COMPONENT desktop)
-    install(FILES packaging/desktop/sealscope-desktop.metainfo.xml DESTINATION "${CMAKE_INSTALL_DATADIR}/metainfo" COMPONENT desktop)
+    string(TIMESTAMP release_date "%Y-%m-%d" UTC)
+    set(metainfo "${PROJECT_BINARY_DIR}/packaging/example.sealscope.Sealscope.metainfo.xml")
+    configure_file(packaging/desktop/sealscope-desktop.metainfo.xml.in "${metainfo}" @ONLY)
+    install(FILES "${metainfo}" DESTINATION "${CMAKE_INSTALL_DATADIR}/metainfo" COMPONENT desktop)
     install(FILES packaging/desktop/sealscope-desktop.xml DESTINATION "${CMAKE_INSTALL_DATADIR}/mime/packages" COMPONENT desktop)
     install(FILES app/desktop/resources/sealscope-desktop.svg DESTINATION "${CMAKE_INSTALL_DATADIR}/icons/hicolor/scalable/apps"
         COMPONENT desktop)

@@ -1,11 +1,29 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/cli/Output.h"
 
+#include "app/cli/Interrupt.h"
+
+#include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <poll.h>
 #include <unistd.h>
 #include <utility>
 
 namespace sealscope::cli {
+
+namespace {
+
+constexpr std::chrono::milliseconds longestWait{300};
+
+/// Whether so much as PIPE_BUF can be written without waiting for longer.
+bool isReadyWithin(int descriptor, std::chrono::milliseconds wait)
+{
+    pollfd output{.fd = descriptor, .events = POLLOUT, .revents = 0};
+    return poll(&output, 1, static_cast<int>(wait.count())) != 0;
+}
+
+}  // namespace
 
 Output::~Output()
 {
@@ -45,7 +63,12 @@ void Output::flushLocked()
     if (prepare_) std::exchange(prepare_, nullptr)();
     std::string_view rest = buffer_;
     while (!rest.empty()) {
-        const ssize_t written = ::write(descriptor_, rest.data(), rest.size());
+        if (isInterrupted() && !isReadyWithin(descriptor_, longestWait)) {
+            // A reader that has stopped reading keeps nobody who was asked to end.
+            isOpen_ = false;
+            break;
+        }
+        const ssize_t written = ::write(descriptor_, rest.data(), isInterrupted() ? std::min<std::size_t>(rest.size(), PIPE_BUF) : rest.size());
         if (written < 0 && errno == EINTR) continue;
         if (written < 0) {
             isOpen_ = false;

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/cli/Confining.h"
+#include "app/cli/Interrupt.h"
 #include "app/cli/commands/Commands.h"
 #include "app/cli/text/Help.h"
 #include "app/cli/text/Messages.h"
@@ -30,7 +31,7 @@ void keepFreedMemory()
 ExitStatus finish(Output& output, ExitStatus status)
 {
     output.flush();
-    if (output.error() == 0) return output.isOpen() ? status : done;
+    if (output.error() == 0) return output.isOpen() || isInterrupted() ? status : done;
     complain(fmt::format("standard output: {}", std::strerror(output.error())));
     return failed;
 }

@@ -183,9 +183,13 @@ void Document::take(std::shared_ptr<const Session> session)
     // Key logs that were named while the streams were being read.
     if (keyLogsInUse_ != keyLogs_) session = session->withKeyLogs(paths(keyLogs_));
     keyLogsInUse_ = keyLogs_;
+    const bool hasGrown = recorded_ && session_ && session->streamCount() >= session_->streamCount();
     session_ = std::move(session);
     secretsGeneration_ = session_->plugIns().secrets().generation();
-    Q_EMIT opened(session_);
+    if (hasGrown)
+        Q_EMIT grown(session_);
+    else
+        Q_EMIT opened(session_);
 }
 
 void Document::endPackets()

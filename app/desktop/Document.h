@@ -41,8 +41,8 @@ public:
     /// Whether the capture goes on, packets coming as they pass an interface.
     bool isLive() const { return isLive_; }
 
-    /// A complete file with what was captured live; empty when nothing was.
-    QString recordedFile() const { return recorded_ ? recorded_->path() : QString(); }
+    /// What was captured live; null when nothing was.
+    const std::shared_ptr<RecordedFile>& recorded() const { return recorded_; }
 
     const QStringList& files() const { return files_; }
     const QStringList& keyLogs() const { return keyLogs_; }
@@ -64,6 +64,8 @@ Q_SIGNALS:
     void packetsFound(qint64 count);
     /// The streams are there.
     void opened(std::shared_ptr<const sealscope::Session> session);
+    /// More has been captured: the same streams, of which each may go on, and further ones.
+    void grown(std::shared_ptr<const sealscope::Session> session);
     /// The secrets may have become others: what was asked about decryption may be answered anew. `session` may be another one,
     /// of the same streams.
     void secretsChanged(std::shared_ptr<const sealscope::Session> session);

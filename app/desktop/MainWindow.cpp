@@ -14,7 +14,6 @@
 #include <QApplication>
 #include <QClipboard>
 #include <QDragEnterEvent>
-#include <QFile>
 #include <QFileDialog>
 #include <QFileInfo>
 #include <QLabel>
@@ -210,7 +209,7 @@ void MainWindow::makeCaptureMenu()
     const auto update = [this, start, stop, save] {
         start->setEnabled(!recording_.isRunning());
         stop->setEnabled(recording_.isRunning());
-        save->setEnabled(!document_.recordedFile().isEmpty() && !recording_.isRunning());
+        save->setEnabled(document_.recorded() && !recording_.isRunning());
     };
     update();
     connect(menu, &QMenu::aboutToShow, this, update);
@@ -235,10 +234,9 @@ void MainWindow::saveRecorded()
 {
     const QString name = QFileDialog::getSaveFileName(this, tr("Save Packets"), recording_.interface() + QStringLiteral(".pcap"));
     if (name.isEmpty()) return;
-    // The dialog has asked about a file that is there.
-    QFile::remove(name);
-    QFile recorded(document_.recordedFile());
-    if (!recorded.copy(name)) document_.tell(QStringLiteral("%1: %2").arg(name, recorded.errorString()));
+    saving_ = compute(
+        [recorded = document_.recorded(), file = name.toStdString()](const std::stop_token& stop) { return recorded->copyTo(file, stop); },
+        [this](const std::string& problem) { document_.tell(shownText(problem)); });
 }
 
 void MainWindow::makeHelpMenu()

@@ -2,10 +2,13 @@
 #pragma once
 
 #include "app/desktop/Document.h"
+#include "app/desktop/Job.h"
 #include "app/desktop/LiveRecording.h"
 
 #include <QMainWindow>
 #include <QPointer>
+
+#include <memory>
 
 class QAction;
 class QDialog;
@@ -64,6 +67,7 @@ private:
 
     Document document_;
     LiveRecording recording_;
+    std::unique_ptr<Job> saving_;
     MessageBar* messages_;
     QStackedWidget* pages_;
     WelcomeView* welcome_;

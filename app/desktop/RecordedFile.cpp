@@ -2,8 +2,10 @@
 #include "app/desktop/RecordedFile.h"
 
 #include "app/capture/Capture.h"
+#include "platform/OutputFile.h"
 
 #include <QDir>
+#include <QFile>
 
 namespace sealscope::desktop {
 
@@ -20,6 +22,22 @@ QString RecordedFile::update(const Capture& capture)
     if (added > 0) written_ += added;
     if (added != bytes.size() || !file_.flush()) return QStringLiteral("%1: %2").arg(path(), file_.errorString());
     return {};
+}
+
+std::string RecordedFile::copyTo(const std::string& file, const std::stop_token& stop) const
+{
+    QFile recorded(path());
+    if (!recorded.open(QIODevice::ReadOnly)) return file + ": " + recorded.errorString().toStdString();
+    auto copy = OutputFile::create(file, ExistingFile::isReplaced, OutputFile::Kind::anything);
+    if (!copy) return file + ": " + copy.error();
+    while (copy->isGood() && !recorded.atEnd()) {
+        if (stop.stop_requested()) return {};
+        const QByteArray piece = recorded.read(qint64{1} << 20);
+        if (piece.isEmpty()) return file + ": " + recorded.errorString().toStdString();
+        copy->write(DataView(std::string_view(piece.constData(), static_cast<std::size_t>(piece.size()))));
+    }
+    const std::string problem = copy->finish();
+    return problem.empty() ? problem : file + ": " + problem;
 }
 
 }  // namespace sealscope::desktop

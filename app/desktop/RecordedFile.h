@@ -5,6 +5,8 @@
 #include <QTemporaryFile>
 
 #include <mutex>
+#include <stop_token>
+#include <string>
 
 namespace sealscope {
 class Capture;
@@ -20,6 +22,8 @@ public:
     QString path() const { return file_.fileName(); }
     /// Adds what came since the last time. Gives what went wrong, as a sentence; empty when nothing did.
     QString update(const Capture& capture);
+    /// Writes the same to a file of the user's, in the place of one that is there. Gives what went wrong, as `update` does.
+    std::string copyTo(const std::string& file, const std::stop_token& stop) const;
 
     RecordedFile(const RecordedFile&) = delete;
     RecordedFile& operator=(const RecordedFile&) = delete;

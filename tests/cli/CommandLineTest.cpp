@@ -3,6 +3,7 @@
 #include "harness/TempDirectory.h"
 #include "tests/cli/Program.h"
 
+#include <chrono>
 #include <gtest/gtest.h>
 
 namespace sealscope::cli {
@@ -114,6 +115,25 @@ TEST(CommandLine, KeepsWhatItFoundWhenItIsInterrupted)
         EXPECT_EQ(result.status, 1) << command;
         EXPECT_EQ(result.errors, "sealscope: interrupted; what was read until then is printed\n") << command;
         EXPECT_EQ(result.output, expected) << command;
+    }
+}
+
+TEST(CommandLine, EndsWhenItIsInterruptedThoughNobodyReads)
+{
+    const TempDirectory directory;
+    const std::string pipe = directory.file("pipe");
+    std::string captures;
+    for (int i = 0; i < 60; ++i) captures += " " SEALSCOPE_SOURCE_DIR "/examples/https.pcapng";
+    for (const char* command : {"packets --json", "tree", "follow --bodies"}) {
+        const auto begin = std::chrono::steady_clock::now();
+        const ProgramResult result =
+            runProgram({"sh", "-c",
+                        "rm -f " + pipe + "; mkfifo " + pipe + "; sleep 20 < " + pipe + " & reader=$!; " SEALSCOPE_PROGRAM " " + command + captures + " > " +
+                            pipe + " & program=$!; sleep 1; kill $program; wait $program; status=$?; kill $reader; exit $status"},
+                       {.timeLimit = std::chrono::seconds(15)});
+        EXPECT_EQ(result.status, 1) << command;
+        EXPECT_EQ(result.errors, "sealscope: interrupted; what was read until then is printed\n") << command;
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(4)) << command;
     }
 }
 

@@ -126,11 +126,12 @@ void ExportMenu::run(Work work)
                                       .streams = streams,
                                       .stop = context.stop(),
                                       .progress = [&](std::int64_t done) {
-                                          if (done * 100 / total == std::exchange(told, done * 100 / total)) return;
-                                          context.deliver([running, done, total] {
+                                          const std::int64_t percent = done * 100 / std::max<std::int64_t>(total, 1);
+                                          if (percent == std::exchange(told, percent)) return;
+                                          context.deliver([running, percent] {
                                               if (!running->dialog) return;
-                                              running->dialog->setMaximum(static_cast<int>(std::min<std::int64_t>(total, 1'000'000)));
-                                              running->dialog->setValue(static_cast<int>(std::min(done, total)));
+                                              running->dialog->setMaximum(100);
+                                              running->dialog->setValue(static_cast<int>(percent));
                                           });
                                       }};
             const ExportOutcome outcome = work(source);

@@ -55,16 +55,26 @@ QModelIndex ArrangedModel::indexOf(std::uint32_t record, int column) const
 
 void ArrangedModel::rearrange()
 {
+    changeRecords(
+        [](const std::vector<std::uint32_t>& pointedTo) { return std::vector<std::int64_t>(pointedTo.begin(), pointedTo.end()); });
+}
+
+void ArrangedModel::changeRecords(const std::function<std::vector<std::int64_t>(const std::vector<std::uint32_t>& pointedTo)>& change)
+{
     soon_.stop();
     Q_EMIT layoutAboutToBeChanged();
     const QModelIndexList before = persistentIndexList();
     std::vector<std::uint32_t> records;
     records.reserve(static_cast<std::size_t>(before.size()));
     for (const QModelIndex& index : before) records.push_back(record(index));
+    const std::vector<std::int64_t> changed = change(records);
     arrange(order_, sortColumn_, directionOf(sortOrder_), terms_);
     QModelIndexList after;
     after.reserve(before.size());
-    for (qsizetype i = 0; i < before.size(); ++i) after.append(indexOf(records[static_cast<std::size_t>(i)], before[i].column()));
+    for (qsizetype i = 0; i < before.size(); ++i) {
+        const std::int64_t record = changed[static_cast<std::size_t>(i)];
+        after.append(record < 0 ? QModelIndex() : indexOf(static_cast<std::uint32_t>(record), before[i].column()));
+    }
     changePersistentIndexList(before, after);
     Q_EMIT layoutChanged();
     Q_EMIT arranged();

@@ -8,6 +8,8 @@
 #include <QTimer>
 
 #include <cstdint>
+#include <functional>
+#include <vector>
 
 namespace sealscope::desktop {
 
@@ -41,6 +43,9 @@ protected:
     /// Sorts and filters at once; or soon, once for many changes.
     void rearrange();
     void rearrangeSoon();
+    /// Changes records at will. `change` gets the numbers of records that somebody points to, and gives the numbers that they have
+    /// from there on; -1 for what is gone.
+    void changeRecords(const std::function<std::vector<std::int64_t>(const std::vector<std::uint32_t>& pointedTo)>& change);
     const RowOrder& order() const { return order_; }
     bool isFiltered() const { return !terms_.isEmpty(); }
     /// Around a change of everything.

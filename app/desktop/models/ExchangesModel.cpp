@@ -12,6 +12,8 @@
 
 #include <algorithm>
 #include <exception>
+#include <iterator>
+#include <map>
 #include <numeric>
 #include <utility>
 
@@ -50,7 +52,13 @@ ExchangesModel::ExchangesModel(Document& document, QObject* parent) : ArrangedMo
 {
     connect(&document, &Document::replaced, this, &ExchangesModel::clear);
     connect(&document, &Document::opened, this, &ExchangesModel::start);
-    connect(&document, &Document::secretsChanged, this, &ExchangesModel::start);
+    connect(&document, &Document::grown, this, &ExchangesModel::refresh);
+    connect(&document, &Document::secretsChanged, this, [this, &document](std::shared_ptr<const Session> session) {
+        if (document.isLive())
+            refresh(std::move(session));
+        else
+            start(std::move(session));
+    });
     connect(this, &ArrangedModel::arranged, this, &ExchangesModel::measureSpan);
     if (document.session()) start(document.session());
 }
@@ -60,6 +68,7 @@ ExchangesModel::~ExchangesModel() = default;
 void ExchangesModel::clear()
 {
     searching_.reset();
+    next_.reset();
     beginNewRecords();
     table_.clear();
     endNewRecords();
@@ -69,32 +78,71 @@ void ExchangesModel::clear()
 void ExchangesModel::start(std::shared_ptr<const Session> session)
 {
     clear();
-    searching_ = std::make_unique<Job>([this, session = std::move(session)](const Job::Context& context) {
+    const Take take = [this](std::vector<FoundExchange> batch) {
+        for (FoundExchange& exchange : batch) table_.add(std::move(exchange));
+        // The first rows at once: nothing that somebody reads moves yet.
+        if (order().size() == 0)
+            rearrange();
+        else
+            rearrangeSoon();
+    };
+    search(std::move(session), take, [this] { rearrange(); });
+}
+
+/// Looks for the same exchanges and further ones; those that are known are shown meanwhile.
+void ExchangesModel::refresh(std::shared_ptr<const Session> session)
+{
+    if (searching_) {
+        next_ = std::move(session);
+        return;
+    }
+    const auto all = std::make_shared<std::vector<FoundExchange>>();
+    const Take take = [all](std::vector<FoundExchange> batch) { std::ranges::move(batch, std::back_inserter(*all)); };
+    search(std::move(session), take, [this, all] { replace(std::move(*all)); });
+}
+
+void ExchangesModel::replace(std::vector<FoundExchange> found)
+{
+    changeRecords([&](const std::vector<std::uint32_t>& pointedTo) {
+        using Key = std::pair<std::uint32_t, std::uint64_t>;
+        std::map<Key, std::int64_t> numbers;
+        for (const std::uint32_t record : pointedTo) numbers[{table_[record].stream, table_[record].request}] = -1;
+        std::vector<Key> keys;
+        for (const std::uint32_t record : pointedTo) keys.push_back({table_[record].stream, table_[record].request});
+        table_.clear();
+        for (FoundExchange& exchange : found) {
+            const auto known = numbers.find({static_cast<std::uint32_t>(exchange.stream), exchange.request});
+            if (known != numbers.end()) known->second = table_.size();
+            table_.add(std::move(exchange));
+        }
+        std::vector<std::int64_t> changed;
+        for (const Key& key : keys) changed.push_back(numbers[key]);
+        return changed;
+    });
+}
+
+void ExchangesModel::search(std::shared_ptr<const Session> session, const Take& take, const std::function<void()>& finish)
+{
+    searching_ = std::make_unique<Job>([this, take, finish, session = std::move(session)](const Job::Context& context) {
         std::vector<std::int64_t> streams(static_cast<std::size_t>(session->streamCount()));
         std::iota(streams.begin(), streams.end(), std::int64_t{0});
         qint64 done = 0;
-        Batches<FoundExchange> batches(context, [this](std::vector<FoundExchange> batch) {
-            for (FoundExchange& exchange : batch) table_.add(std::move(exchange));
-            // The first rows at once: nothing that somebody reads moves yet.
-            if (order().size() == 0)
-                rearrange();
-            else
-                rearrangeSoon();
-        });
+        Batches<FoundExchange> batches(context, take);
         const auto work = [&](std::int64_t number) {
             return context.isCancelled() ? std::vector<FoundExchange>() : exchangesIn(*session, number);
         };
-        const auto take = [&](std::vector<FoundExchange> found) {
+        const auto collect = [&](std::vector<FoundExchange> found) {
             for (FoundExchange& exchange : found) batches.add(std::move(exchange));
             if (++done % 256 == 0) context.deliver([this, done, total = session->streamCount()] { Q_EMIT progressed(done, total); });
             return !context.isCancelled();
         };
-        inOrder(streams, [&](std::int64_t number) { return session->packets(number) * usualPayload; }, work, take);
+        inOrder(streams, [&](std::int64_t number) { return session->packets(number) * usualPayload; }, work, collect);
         batches.flush();
-        context.deliver([this] {
+        context.deliver([this, finish] {
+            finish();
             searching_.reset();
-            rearrange();
             Q_EMIT searchingChanged();
+            if (next_) refresh(std::exchange(next_, nullptr));
         });
     });
     Q_EMIT searchingChanged();

@@ -7,6 +7,7 @@
 #include "app/texts/TimeText.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 
 namespace sealscope::desktop {
@@ -44,7 +45,11 @@ protected:
     void arrange(RowOrder& order, int column, RowOrder::Direction direction, const FilterTerms& terms) const override;
 
 private:
+    using Take = std::function<void(std::vector<FoundExchange>)>;
     void start(std::shared_ptr<const Session> session);
+    void refresh(std::shared_ptr<const Session> session);
+    void search(std::shared_ptr<const Session> session, const Take& take, const std::function<void()>& finish);
+    void replace(std::vector<FoundExchange> found);
     void clear();
     void measureSpan();
 
@@ -53,6 +58,7 @@ private:
     double spanEnd_ = 0;
     mutable TimeText time_;
     std::unique_ptr<Job> searching_;
+    std::shared_ptr<const Session> next_;  ///< to be searched after the one that is
 };
 
 }  // namespace sealscope::desktop

@@ -54,6 +54,8 @@ public:
 
     /// Starts anew with as many streams, of which nothing is known.
     void reset(std::int64_t count);
+    /// Further streams, up to as many.
+    void grow(std::int64_t count) { records_.resize(static_cast<std::size_t>(count)); }
     void measure(const StreamSummary& summary);
     void judge(const StreamJudgement& judgement);
     /// Takes every verdict back.

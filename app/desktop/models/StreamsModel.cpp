@@ -79,10 +79,10 @@ StreamsModel::StreamsModel(Document& document, QObject* parent) : ArrangedModel(
 {
     connect(&document, &Document::replaced, this, &StreamsModel::clear);
     connect(&document, &Document::opened, this, &StreamsModel::start);
+    connect(&document, &Document::grown, this, &StreamsModel::grow);
     connect(&document, &Document::secretsChanged, this, [this](std::shared_ptr<const Session> session) {
         if (session->streamCount() != recordCount()) return start(std::move(session));
-        session_ = std::move(session);
-        judging_ = std::make_shared<Judging>(session_);
+        beginJudging(std::move(session));
         table_.forgetVerdicts();
         sentences_.clear();
         update(true);
@@ -111,13 +111,29 @@ void StreamsModel::clear()
 void StreamsModel::start(std::shared_ptr<const Session> session)
 {
     clear();
-    session_ = std::move(session);
-    judging_ = std::make_shared<Judging>(session_);
+    beginJudging(std::move(session));
     beginNewRecords();
     table_.reset(session_->streamCount());
     endNewRecords();
     measureAll();
     judgeAll();
+}
+
+// What is known of a stream is shown until more is.
+void StreamsModel::grow(std::shared_ptr<const Session> session)
+{
+    beginJudging(std::move(session));
+    table_.grow(session_->streamCount());
+    rearrange();
+    measureAll();
+    judgeAll();
+}
+
+void StreamsModel::beginJudging(std::shared_ptr<const Session> session)
+{
+    judgingWanted_.reset();
+    session_ = std::move(session);
+    judging_ = std::make_shared<Judging>(session_);
 }
 
 void StreamsModel::measureAll()
@@ -140,8 +156,7 @@ void StreamsModel::judgeAll()
         std::iota(streams.begin(), streams.end(), std::int64_t{0});
         Batches<StreamJudgement> batches(context, [this](const std::vector<StreamJudgement>& batch) { take(batch); });
         const auto work = [&](std::int64_t number) {
-            if (context.isCancelled() || judging->isKnown[static_cast<std::size_t>(number)])
-                return StreamJudgement{.stream = -1};
+            if (context.isCancelled() || judging->isKnown[static_cast<std::size_t>(number)]) return StreamJudgement{.stream = -1};
             return judge(session, judging->verdicts, number);
         };
         const auto takeOne = [&](StreamJudgement judgement) {
@@ -194,7 +209,8 @@ void StreamsModel::take(const std::vector<StreamJudgement>& judgements)
         sentences_[static_cast<std::uint32_t>(judgement.stream)] = judgement.sentence;
     }
     const auto column = static_cast<Column>(sortColumn());
-    const bool isSorting = column == Column::serverName || column == Column::version || column == Column::verdict || column == Column::detail;
+    const bool isSorting =
+        column == Column::serverName || column == Column::version || column == Column::verdict || column == Column::detail;
     if (table_.verdicts().size() != before) Q_EMIT verdictsChanged();
     update(isSorting || isFiltered() || !verdictFilterText_.isEmpty());
 }
@@ -290,7 +306,9 @@ QVariant StreamsModel::data(const QModelIndex& index, int role) const
     case Qt::ToolTipRole:
         if (column == Column::sent) return tr("%L1 bytes").arg(table_[row].clientBytes);
         if (column == Column::received && table_[row].missingBytes > 0)
-            return tr("%L1 bytes; %L2 bytes of the stream are missing from the capture").arg(table_[row].serverBytes).arg(table_[row].missingBytes);
+            return tr("%L1 bytes; %L2 bytes of the stream are missing from the capture")
+                .arg(table_[row].serverBytes)
+                .arg(table_[row].missingBytes);
         if (column == Column::received) return tr("%L1 bytes").arg(table_[row].serverBytes);
         return plainToolTip(text(row, column == Column::verdict ? Column::detail : column).toString());
     case ToneRole: return static_cast<int>(table_[row].tone);

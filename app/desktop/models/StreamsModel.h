@@ -47,6 +47,8 @@ private:
     struct Judging;
 
     void start(std::shared_ptr<const Session> session);
+    void grow(std::shared_ptr<const Session> session);
+    void beginJudging(std::shared_ptr<const Session> session);
     void clear();
     void measureAll();
     void judgeAll();

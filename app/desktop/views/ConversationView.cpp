@@ -67,16 +67,11 @@ ConversationView::ConversationView(Document& document, QWidget* parent)
         wanted_ = nullptr;
         messages_->clear();
     });
-    connect(&document, &Document::secretsChanged, this, [this] {
-        const qint64 shown = stream();
-        if (shown < 0) return;
-        const QModelIndex current = list_->currentIndex();
-        // What was a closed record may be a request now: the same place in the stream is as near as it gets.
-        const qint64 packet = current.isValid() && !messages_->message(current.row()).packetIds.empty()
-                                  ? messages_->message(current.row()).packetIds.front()
-                                  : -1;
-        messages_->clear();
-        showRow(shown, [this, packet] { return messages_->rowOfPacket(packet); });
+    connect(&document, &Document::secretsChanged, this, &ConversationView::refresh);
+    connect(&document, &Document::grown, this, [this](const std::shared_ptr<const Session>& session) {
+        if (stream() < 0) return;
+        const StreamSummary before = messages_->session()->summary(stream()), now = session->summary(stream());
+        if (before.clientBytes != now.clientBytes || before.serverBytes != now.serverBytes) refresh();
     });
     connect(&document, &Document::streamWanted, this, &ConversationView::showStream);
     connect(messages_, &MessagesModel::headingChanged, this, &ConversationView::showHeading);
@@ -117,6 +112,19 @@ bool ConversationView::eventFilter(QObject* object, QEvent* event)
 }
 
 qint64 ConversationView::stream() const { return messages_->stream(); }
+
+void ConversationView::refresh()
+{
+    const qint64 shown = stream();
+    if (shown < 0) return;
+    const QModelIndex current = list_->currentIndex();
+    // What was a closed record may be a request now: the same place in the stream is as near as it gets.
+    const qint64 packet = current.isValid() && !messages_->message(current.row()).packetIds.empty()
+                              ? messages_->message(current.row()).packetIds.front()
+                              : -1;
+    messages_->clear();
+    showRow(shown, [this, packet] { return messages_->rowOfPacket(packet); });
+}
 
 void ConversationView::showStream(qint64 stream)
 {

@@ -39,6 +39,7 @@ protected:
 
 private:
     /// Shows a stream and chooses a row as soon as there is one.
+    void refresh();
     void showRow(qint64 stream, std::function<int()> row);
     void choose(int row);
     void chooseWanted();

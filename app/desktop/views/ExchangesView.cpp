@@ -73,6 +73,7 @@ ExchangesView::ExchangesView(Document& document, QWidget* parent)
     layout->addWidget(filter_);
     layout->addWidget(table_, 1);
 
+    connect(&document, &Document::replaced, this, [this, &document] { table_->setFollowsEnd(document.isLive()); });
     connect(filter_, &FilterBar::changed, model_, &ExchangesModel::setFilter);
     connect(filter_, &FilterBar::left, this, [this] {
         table_->setFocus();

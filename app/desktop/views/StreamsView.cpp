@@ -58,6 +58,7 @@ StreamsView::StreamsView(Document& document, QWidget* parent)
     layout->addWidget(table_, 1);
     layout->addWidget(panel_);
 
+    connect(&document, &Document::replaced, this, [this, &document] { table_->setFollowsEnd(document.isLive()); });
     connect(filter_, &FilterBar::changed, model_, &StreamsModel::setFilter);
     connect(filter_, &FilterBar::left, this, [this] {
         table_->setFocus();

@@ -3,7 +3,8 @@
 
 #include <QHeaderView>
 #include <QKeyEvent>
-
+#include <QScrollBar>
+#include <algorithm>
 #include <chrono>
 
 namespace sealscope::desktop {
@@ -38,12 +39,19 @@ TableView::TableView(QAbstractItemModel* model, const QString& name, QWidget* pa
     connect(&pause_, &QTimer::timeout, this, &TableView::tellSeen);
     connect(model, &QAbstractItemModel::modelReset, &pause_, qOverload<>(&QTimer::start));
     connect(model, &QAbstractItemModel::layoutChanged, &pause_, qOverload<>(&QTimer::start));
+    connect(model, &QAbstractItemModel::layoutAboutToBeChanged, this,
+            [this] { wasAtEnd_ = verticalScrollBar()->value() == verticalScrollBar()->maximum(); });
+    connect(model, &QAbstractItemModel::layoutChanged, this, [this] {
+        if (followsEnd_ && wasAtEnd_) scrollToBottom();
+    });
 }
 
 void TableView::setWidths(std::initializer_list<std::pair<int, int>> widths)
 {
     const int letter = fontMetrics().averageCharWidth();
-    for (const auto& [column, characters] : widths) setColumnWidth(column, characters * letter + 16);
+    // A title may be longer in another language.
+    for (const auto& [column, characters] : widths)
+        setColumnWidth(column, std::max(characters * letter + 16, horizontalHeader()->sectionSizeHint(column)));
 }
 
 void TableView::tellSeen()

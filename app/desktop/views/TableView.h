@@ -15,8 +15,10 @@ class TableView final : public QTableView {
 public:
     /// `name` is for who hears the window instead of seeing it.
     TableView(QAbstractItemModel* model, const QString& name, QWidget* parent = nullptr);
-    /// Widths of columns in characters.
+    /// Widths of columns in characters; at least what their titles take.
     void setWidths(std::initializer_list<std::pair<int, int>> widths);
+    /// Whether the end stays in sight when rows come while it is.
+    void setFollowsEnd(bool follows) { followsEnd_ = follows; }
 
 Q_SIGNALS:
     /// The user double-clicked a row, or pressed Return on it.
@@ -33,6 +35,8 @@ private:
     void tellSeen();
 
     QTimer pause_;
+    bool followsEnd_ = false;
+    bool wasAtEnd_ = false;
 };
 
 }  // namespace sealscope::desktop

@@ -5,8 +5,14 @@
 #include "app/plugins/PlugInLoader.h"
 #include "harness/TempDirectory.h"
 
+#include <QAbstractButton>
 #include <QApplication>
+#include <QElapsedTimer>
+#include <QFileDialog>
+#include <QLineEdit>
+#include <QMessageBox>
 #include <QTest>
+#include <QTimer>
 
 namespace sealscope::desktop {
 
@@ -25,6 +31,29 @@ void DesktopTest::SetUpTestSuite() { prepareForTests(); }
 QString sourceFile(const char* path) { return QStringLiteral(SEALSCOPE_SOURCE_DIR "/") + QString::fromUtf8(path); }
 
 bool waitUntil(const std::function<bool()>& holds, int milliseconds) { return QTest::qWaitFor(holds, milliseconds); }
+
+void answerFilePanel(const QString& file)
+{
+    auto* const timer = new QTimer(qApp);
+    QObject::connect(timer, &QTimer::timeout, timer, [timer, file, asked = QElapsedTimer()]() mutable {
+        // A file that is there is asked about.
+        if (auto* const question = qobject_cast<QMessageBox*>(QApplication::activeModalWidget()))
+            if (QAbstractButton* const yes = question->button(QMessageBox::Yes)) return yes->click();
+        auto* const panel = qobject_cast<QFileDialog*>(QApplication::activeModalWidget());
+        if (!panel && asked.isValid()) timer->deleteLater();
+        if (!panel) return;
+        if (!asked.isValid()) {
+            asked.start();
+            auto* const name = panel->findChild<QLineEdit*>(QStringLiteral("fileNameEdit"));
+            name->setText(file);
+            // Not from here, since what is asked then would wait for this timer.
+            QTimer::singleShot(0, name, [name] { QTest::keyClick(name, Qt::Key_Return); });
+        } else if (asked.elapsed() > 10'000) {
+            panel->reject();
+        }
+    });
+    timer->start(20);
+}
 
 testing::AssertionResult opens(Document& document, const QStringList& files, const QStringList& keyLogs)
 {

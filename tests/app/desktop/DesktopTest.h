@@ -25,6 +25,9 @@ QString sourceFile(const char* path);
 /// Lets the main thread go on until a condition holds; false when it does not come to hold in time.
 bool waitUntil(const std::function<bool()>& holds, int milliseconds = 20'000);
 
+/// Chooses a file in the file panel that comes next, as a user types its name; closes a panel that does not take it.
+void answerFilePanel(const QString& file);
+
 /// Opens captures and waits until all of them has been read.
 testing::AssertionResult opens(Document& document, const QStringList& files, const QStringList& keyLogs = {});
 

@@ -8,6 +8,7 @@
 int main(int argumentCount, char** arguments)
 {
     testing::InitGoogleTest(&argumentCount, arguments);
+    QApplication::setAttribute(Qt::AA_DontUseNativeDialogs);
     QApplication application(argumentCount, arguments);
     const int status = RUN_ALL_TESTS();
     sealscope::desktop::Job::waitForAll();

@@ -2,13 +2,20 @@
 #include "app/desktop/MainWindow.h"
 
 #include "app/desktop/MessageBar.h"
+#include "app/desktop/StreamTabs.h"
 #include "app/desktop/WindowMemory.h"
+#include "app/desktop/models/ExchangeTable.h"
 #include "app/desktop/models/PacketModel.h"
+#include "app/desktop/views/ExchangesView.h"
 #include "app/desktop/views/PacketsView.h"
+#include "app/desktop/views/StreamsView.h"
+#include "app/desktop/views/TableView.h"
 #include "app/verdict/StreamVerdict.h"
 #include "harness/CaptureFile.h"
+#include "harness/PacketPath.h"
 #include "harness/TLSSession.h"
 #include "harness/TempDirectory.h"
+#include "platform/UserDefaults.h"
 #include "tests/app/desktop/DesktopTest.h"
 
 #include <QAccessible>
@@ -17,6 +24,7 @@
 #include <QLabel>
 #include <QMenu>
 #include <QMimeData>
+#include <QProcess>
 #include <QPushButton>
 #include <QTest>
 #include <QToolButton>
@@ -57,6 +65,16 @@ protected:
         ASSERT_TRUE(opens(window.document(), {file}));
         ASSERT_TRUE(waitUntil([&] { return window.packets().packets().rowCount() > 0 && !window.packets().packets().isFiltering(); }));
     }
+    /// Chooses in a menu, and a file in the panel that comes for it.
+    void choose(const char* title, const QString& file)
+    {
+        for (QAction* const action : window.findChildren<QAction*>()) {
+            if (action->text().remove(QLatin1Char('&')) != QString::fromUtf8(title)) continue;
+            answerFilePanel(file);
+            return action->trigger();
+        }
+        ADD_FAILURE() << title;
+    }
     std::string message() { return window.messages().text().toStdString(); }
 
     TempDirectory directory;
@@ -74,6 +92,25 @@ TEST_F(MainWindowTest, TakesCapturesAndKeyLogsThatAreDropped)
     EXPECT_TRUE(isDecrypted() || waitUntil([&] { return isDecrypted(); })) << "the key log alone, afterwards";
     EXPECT_EQ(message(), "");
     EXPECT_EQ(WindowMemory::recentFiles().front(), sourceFile("tests/captures/openssl-tls13/capture.pcap"));
+}
+
+TEST_F(MainWindowTest, OpensByMenuAndByArgument)
+{
+    choose("Open…", sourceFile("examples/tls12.pcap"));
+    ASSERT_TRUE(waitUntil([&] { return window.document().session() && !window.document().isReading(); }));
+    EXPECT_FALSE(isDecrypted());
+    choose("Use Key Log…", sourceFile("examples/tls12.keylog"));
+    EXPECT_TRUE(waitUntil([&] { return isDecrypted(); }));
+
+    // The program itself remembers what it opened.
+    QProcess program;
+    program.start(QStringLiteral(SEALSCOPE_BINARY_DIR "/bin/sealscope-desktop"), {sourceFile("examples/https.pcapng")});
+    EXPECT_TRUE(waitUntil([&] {
+        UserDefaults::standard().synchronize();
+        return WindowMemory::recentFiles().contains(sourceFile("examples/https.pcapng"));
+    })) << program.readAllStandardError().toStdString();
+    program.terminate();
+    EXPECT_TRUE(program.waitForFinished());
 }
 
 TEST_F(MainWindowTest, TellsWhatCannotBeOpenedAndKeepsWhatIsOpen)
@@ -160,24 +197,51 @@ TEST_F(MainWindowTest, StopsReadingWithWhatHasBeenRead)
 TEST_F(MainWindowTest, FollowsACaptureThatGoesOn)
 {
     // In the place of the program that captures: it hands a capture over in two parts, and then waits to be ended.
-    const auto first = sourceFile("examples/tls12.pcap").toStdString();
+    const auto connection = [](std::uint16_t port) {
+        TCPConversation conversation({.client = endpoint("192.0.2.1", port), .server = endpoint("192.0.2.2", 80)});
+        conversation.open();
+        conversation.send(TCPSegment::Direction::clientToServer, Data::fromText("GET /" + std::to_string(port) + " HTTP/1.1\r\nHost: h\r\n\r\n"));
+        conversation.send(TCPSegment::Direction::serverToClient, Data::fromText("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"));
+        return packets(conversation.segments);
+    };
+    auto both = connection(50'001);
+    const std::string half = std::to_string(pcapFile(both).size());
+    for (const CapturePacket& packet : connection(50'002)) both.push_back(packet);
+    const std::string first = directory.write("both.pcap", pcapFile(both)), go = directory.file("go");
     const std::string program = directory.write("capture", "#!/bin/sh\n[ $3 = lo ] || { echo 'sealscope: it has no such interface' >&2; exit 1; }\n"
-                                                           "exec >\"$5.rows\"; head -c 2000 " + first + " >$5; sleep 0.3; tail -c +2001 " +
-                                                               first + " >$5\ntrap 'exit 0' TERM; while :; do sleep 0.05; done\n");
+                                                           "trap 'exit 0' TERM; exec >\"$5.rows\"; head -c " + half + ' ' + first +
+                                                               " >$5; until [ -e " + go + " ]; do sleep 0.05; done; tail -c +$((1 + " + half + ")) " +
+                                                               first + " >$5; while :; do sleep 0.05; done\n");
     std::filesystem::permissions(program, std::filesystem::perms::owner_all);
+    window.packets().setShowsEveryPacket(true);
     open(QString::fromStdString(first));
     const qint64 all = window.document().packets()->size();
     LiveRecording& recording = window.recording();
     recording.setProgram(QString::fromStdString(program));
     recording.start(QStringLiteral("lo"));
-    ASSERT_TRUE(waitUntil([&] { return window.document().isLive() && window.packets().packets().rowCount() > 0; }));
+    StreamTabs& tabs = *window.findChild<StreamTabs*>();
+    TableView& streams = tabs.streams().table();
+    TableView& exchanges = tabs.exchanges().table();
+    const auto hasRows = [&](int count) { return streams.model()->rowCount() == count && exchanges.model()->rowCount() == count; };
+    ASSERT_TRUE(waitUntil([&] { return window.document().isLive() && hasRows(1); })) << "streams are there while it goes on";
+    streams.selectRow(0);
+    exchanges.sortByColumn(static_cast<int>(ExchangeTable::Column::url), Qt::DescendingOrder);
+    exchanges.selectRow(0);
+    directory.write("go", "");
     EXPECT_TRUE(waitUntil([&] { return window.document().packets()->size() == all; })) << "also what comes later";
-    EXPECT_TRUE(waitUntil([&] { return window.document().session() && window.document().session()->streamCount() > 0; }))
-        << "streams are there while it goes on";
+    EXPECT_TRUE(waitUntil([&] { return hasRows(2); }));
+    EXPECT_EQ(streams.currentIndex().row(), 0);
+    EXPECT_EQ(exchanges.currentIndex().row(), 1) << "what was chosen stays so";
+    EXPECT_EQ(exchanges.currentIndex().siblingAtColumn(static_cast<int>(ExchangeTable::Column::url)).data().toString(), QStringLiteral("http://h/50001"));
     recording.stop();
     ASSERT_TRUE(waitUntil([&] { return !recording.isRunning() && !window.document().isReading(); }));
     EXPECT_FALSE(window.document().isLive());
-    EXPECT_EQ(readFile(window.document().recordedFile().toStdString()), readFile(first)) << "what was captured can be kept";
+    const std::string kept = directory.write("kept.pcap", "mine");
+    choose("Save Packets As…", QString::fromStdString(kept));
+    EXPECT_TRUE(waitUntil([&] { return readFile(kept) == readFile(first); })) << "what was captured can be kept";
+    choose("Save Packets As…", QStringLiteral("/dev/full"));
+    EXPECT_TRUE(waitUntil([&] { return message() == "/dev/full: No space left on device"; })) << message();
+    window.messages().clear();
     EXPECT_EQ(message(), "");
 
     const auto packets = window.document().packets();

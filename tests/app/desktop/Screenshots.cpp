@@ -99,6 +99,7 @@ bool photograph(const QString& folder, Appearance appearance)
     QTest::qWait(400);
     isDone &= photographer.take(window, "filtered");
     isDone &= photographer.take(*window.showSettings(), "settings");
+    packets.findChild<QLineEdit*>()->clear();
     return photographStreams(window, photographer) && isDone;
 }
 

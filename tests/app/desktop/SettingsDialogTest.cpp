@@ -5,7 +5,6 @@
 #include "harness/TempDirectory.h"
 #include "host/VELCommonTools/KeylogLocations.h"
 #include "host/VELCommonTools/KeylogUserFile.h"
-#include "platform/OpenPanel.h"
 #include "platform/UserDefaults.h"
 #include "tests/app/desktop/DesktopTest.h"
 
@@ -63,10 +62,7 @@ TEST_F(SettingsDialogTest, ReachesFilesAndTheClipboard)
 {
     const TempDirectory directory;
     const std::string chosen = directory.write("chosen.txt", "");
-    OpenPanel::setChooser([&](const OpenPanel& panel) -> OpenPanel::Choice {
-        EXPECT_FALSE(panel.allowsMultipleSelection);
-        return {{chosen}};
-    });
+    answerFilePanel(QString::fromStdString(chosen));
     QTest::mouseClick(button("Choose…"), Qt::LeftButton);
     EXPECT_EQ(defaults.string(pathKey), chosen);
     EXPECT_TRUE(waitUntil([&] { return dialog.findChild<QLineEdit*>()->text().toStdString() == chosen; }));
