@@ -20,7 +20,7 @@ constexpr std::int64_t packetsPerLook = 1'024;  // at whether anybody wants to s
 
 CaptureInputOptions inputOptions(const CaptureOptions& options)
 {
-    return {.keepsAll = options.randomAccess, .keepsSkipped = options.keepsEveryBlock, .stop = options.stop};
+    return {.keepsAll = options.randomAccess, .keepsSkipped = options.keepsEveryBlock, .stop = options.stop, .reader = options.reader};
 }
 
 /// A file that was found readable, before its turn.
@@ -122,8 +122,9 @@ public:
             }
         }
         if (!std::exchange(hasKeepingFailed_, true))
-            errors_.push_back(
-                {.file = names_[position_ - 1], .reason = "fragments cannot be put together: " + reason, .packetsBefore = packetsOfFile_});
+            errors_.push_back({.file = names_[position_ - 1],
+                               .reason = options_.reader.say("fragments cannot be put together: {}", reason),
+                               .packetsBefore = packetsOfFile_});
         return -1;
     }
 
@@ -134,8 +135,9 @@ public:
             if (!isLost(file)) continue;
             const auto isOfIt = [&](const CaptureError& error) { return error.file == names_[file] && error.passedOver == 0; };
             if (std::ranges::any_of(errors_, isOfIt)) continue;
-            lost.push_back(
-                {.file = names_[file], .reason = "became shorter after it was read; what is missing counts as zeros", .packetsBefore = -1});
+            lost.push_back({.file = names_[file],
+                            .reason = options_.reader.say("became shorter after it was read; what is missing counts as zeros"),
+                            .packetsBefore = -1});
         }
         return lost;
     }
@@ -293,7 +295,8 @@ std::expected<std::unique_ptr<Capture>, CaptureError> Capture::open(const std::v
             errors.push_back({.file = name, .reason = candidate.error(), .couldNotOpen = true});
     }
     if (candidates.empty() && options.stop.stop_requested())
-        return std::unexpected(CaptureError{.file = files.front(), .reason = "was not read before the interruption", .couldNotOpen = true});
+        return std::unexpected(CaptureError{
+            .file = files.front(), .reason = options.reader.say("was not read before the interruption"), .couldNotOpen = true});
     if (candidates.empty()) return std::unexpected(errors.front());
     std::ranges::stable_sort(candidates, [](const Candidate& a, const Candidate& b) { return a.isBefore(b); });
 

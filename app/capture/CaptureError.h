@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "app/texts/SentenceReader.h"
+
 #include <cstdint>
 #include <string>
 
@@ -16,7 +18,7 @@ struct CaptureError {
     std::int64_t passedOver = 0;
 
     /// "office.pcapng: block at byte 88104: …; 411 packets before it were read"
-    std::string text() const;
+    std::string text(const SentenceReader& reader = {}) const;
 };
 
 }  // namespace sealscope

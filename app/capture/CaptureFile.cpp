@@ -19,8 +19,9 @@ std::expected<std::unique_ptr<CaptureFile>, std::string> CaptureFile::open(const
     }
     if (PcapngReader::recognises(head)) return std::unique_ptr<CaptureFile>(new CaptureFile(std::move(input), PcapngReader()));
     if (!input->failure().empty()) return std::unexpected(input->failure());
-    if (head.isEmpty()) return std::unexpected("is empty");
-    return std::unexpected(fmt::format("is not a capture file (it begins with {:02x})", fmt::join(head, " ")));
+    if (head.isEmpty()) return std::unexpected(input->reader().say("is empty"));
+    const auto bytes = fmt::join(head, " ");
+    return std::unexpected(input->reader().say("is not a capture file (it begins with {:02x})", bytes));
 }
 
 const std::string& CaptureFile::damage() const

@@ -27,7 +27,6 @@ constexpr int lookAgainAtPipeAfter = 100;                // milliseconds, while 
 // So much may anything unpack to. Beyond it a bomb is told from a capture by how many times its size it has become: in a temporary
 // file, or by passing through.
 constexpr std::int64_t freelyUnpacked = 1 << 30, mostTimesKept = 16, mostTimesRead = 256;
-constexpr const char* becameShorter = "became shorter while it was being read";
 
 /// Memory that grows where it stands and holds what comes from a capture, of which nothing gets into a core.
 class PageBuffer {
@@ -119,6 +118,7 @@ public:
     {
         if (options_.keepsAll && PageSupply::isOfUse(*file_)) pages_ = std::make_unique<PageSupply>(*file_);
         start_ = at_ = end_ = file_->bytes().data();
+        reader_ = options_.reader;
         damage_ = &file_->isDamaged();
     }
 
@@ -146,7 +146,7 @@ public:
         struct stat status;
         const std::int64_t now = fstat(descriptor_.number(), &status) == 0 ? status.st_size : 0;
         if (now < file_->bytes().size()) {
-            failure_ = becameShorter;
+            failure_ = reader_.say("became shorter while it was being read");
             size_ = std::min(size_, now);
         } else if (isSuspicious()) {
             failure_ = errorText(EIO);
@@ -193,6 +193,7 @@ public:
     StreamedInput(FileDescriptor descriptor, std::unique_ptr<SpoolFile> spool, CaptureInputOptions options)
         : descriptor_(std::move(descriptor)), options_(std::move(options)), spool_(std::move(spool))
     {
+        reader_ = options_.reader;
         struct stat status;
         if (fstat(descriptor_.number(), &status) == 0 && S_ISREG(status.st_mode)) storedSize_ = status.st_size;
     }
@@ -317,7 +318,7 @@ private:
 
     std::span<std::uint8_t> tooMuch(std::int64_t bytes, std::int64_t times)
     {
-        failure_ = fmt::format("{} data unpacks to more than {} bytes and {} times its size; unpack it first, if that is meant",
+        failure_ = reader_.say("{} data unpacks to more than {} bytes and {} times its size; unpack it first, if that is meant",
                                decompressor_->name(), bytes, times);
         return {};
     }
@@ -367,10 +368,10 @@ private:
             const std::int64_t place = storedBytesRead_ - (packedEnd_ - packedAt_);
             if (!reason.empty()) {
                 failure_ =
-                    fmt::format("{} data cannot be unpacked from near byte {} of the file on ({})", decompressor_->name(), place, reason);
+                    reader_.say("{} data cannot be unpacked from near byte {} of the file on ({})", decompressor_->name(), place, reason);
             } else if (!hadInput && output.size() == room.size()) {
                 if (failure_.empty() && !decompressor_->mayEnd())
-                    failure_ = fmt::format("{} data ends too early, after {} bytes", decompressor_->name(), place);
+                    failure_ = reader_.say("{} data ends too early, after {} bytes", decompressor_->name(), place);
                 break;
             }
         }
@@ -423,7 +424,7 @@ std::expected<std::unique_ptr<CaptureInput>, std::string> CaptureInput::open(con
         isStandardInput ? FileDescriptor::lent(STDIN_FILENO) : FileDescriptor(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat status;
     if (descriptor.number() < 0 || fstat(descriptor.number(), &status) != 0) return std::unexpected(errorText(errno));
-    if (S_ISDIR(status.st_mode)) return std::unexpected("is a directory");
+    if (S_ISDIR(status.st_mode)) return std::unexpected(options.reader.say("is a directory"));
 
     if (S_ISREG(status.st_mode) && status.st_size > 0 && lseek(descriptor.number(), 0, SEEK_CUR) == 0) {
         std::uint8_t head[Decompressor::recognisedFrom];
@@ -444,7 +445,7 @@ std::expected<std::unique_ptr<CaptureInput>, std::string> CaptureInput::open(con
     auto input = std::make_unique<StreamedInput>(std::move(descriptor), std::move(spool), std::move(options));
     input->begin();
     if (!input->failure().empty()) return std::unexpected(input->failure());
-    if (input->storedBytesRead() == 0) return std::unexpected("is empty");
+    if (input->storedBytesRead() == 0) return std::unexpected(input->reader().say("is empty"));
     return input;
 }
 

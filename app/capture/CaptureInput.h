@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "app/texts/SentenceReader.h"
 #include "platform/Data.h"
 
 #include <algorithm>
@@ -23,6 +24,7 @@ struct CaptureInputOptions {
     bool keepsSkipped = false;
     /// Ends the bytes early once it is asked to stop: no wait for a pipe and no unpacking goes on after that.
     std::stop_token stop;
+    SentenceReader reader;  ///< of what is the matter with a file
 };
 
 /// The bytes of one capture file from front to back, uncompressed: mapped where the file allows it, else read piece by piece.
@@ -65,6 +67,8 @@ public:
     /// Offset of `data()` in the uncompressed file.
     std::int64_t position() const { return startPosition_ + (at_ - start_); }
 
+    /// Who reads what is the matter with them.
+    const SentenceReader& reader() const { return reader_; }
     /// Why the bytes ended before the end of the file; empty when they did not.
     const std::string& failure() const { return failure_; }
     /// Finds out whether bytes that looked fine were there at all; false when not, with the reason in `failure()`.
@@ -103,6 +107,7 @@ protected:
     std::size_t recentAt_ = 0;
     const std::atomic<bool>* damage_ = nullptr;  ///< set while somebody reads bytes that are not there
     std::string failure_;
+    SentenceReader reader_;
 };
 
 /// Size of a regular file in bytes, as stored; negative for anything else, or nothing.

@@ -32,10 +32,11 @@ std::optional<PcapReader> PcapReader::recognise(DataView head)
 bool PcapReader::begin(CaptureInput& input)
 {
     if (!input.require(fileHeaderLength))
-        return refuse(input, fmt::format("the file ends after {} of the {} bytes of its header", input.available(), fileHeaderLength));
+        return refuse(input,
+                      input.reader().say("the file ends after {} of the {} bytes of its header", input.available(), fileHeaderLength));
     const std::uint8_t* const header = input.data();
     const std::uint16_t major = order_.u16(header + 4), minor = order_.u16(header + 6);
-    if (major != 2) return refuse(input, fmt::format("pcap version {}.{} is not known", major, minor));
+    if (major != 2) return refuse(input, input.reader().say("pcap version {}.{} is not known", major, minor));
     // Before version 2.3 the two lengths stood in the other order, and some writers of 2.3 kept to that.
     mayHaveLengthsSwapped_ = minor <= 3;
     snapLength_ = order_.u32(header + 16);
@@ -48,8 +49,8 @@ bool PcapReader::next(CaptureInput& input, CapturedPacket& packet)
 {
     if (!input.require(packetHeaderLength_)) [[unlikely]] {
         if (input.available() == 0 && input.failure().empty()) return false;
-        return fail(input,
-                    fmt::format("the file ends after {} of the {} bytes of a packet's header", input.available(), packetHeaderLength_));
+        return fail(input, input.reader().say("the file ends after {} of the {} bytes of a packet's header", input.available(),
+                                              packetHeaderLength_));
     }
     const std::uint8_t* header = input.data();
     std::int64_t captured = order_.u32(header + 8);
@@ -57,9 +58,9 @@ bool PcapReader::next(CaptureInput& input, CapturedPacket& packet)
     if (mayHaveLengthsSwapped_ && captured > original) [[unlikely]]
         std::swap(captured, original);
     if (captured > longestPacket) [[unlikely]]
-        return fail(input, fmt::format("it announces {} captured bytes, more than a packet can have ({})", captured, longestPacket));
+        return fail(input, input.reader().say("it announces {} captured bytes, more than a packet can have ({})", captured, longestPacket));
     if (!input.require(packetHeaderLength_ + captured)) [[unlikely]]
-        return fail(input, fmt::format("the file ends after {} of its {} bytes", input.available() - packetHeaderLength_, captured));
+        return fail(input, input.reader().say("the file ends after {} of its {} bytes", input.available() - packetHeaderLength_, captured));
     // Zeros read like an empty packet, and zeros are what stands where a file lost its end.
     if ((captured == 0 || input.isSuspicious()) && !input.verify()) [[unlikely]]
         return fail(input, {});
@@ -81,7 +82,7 @@ bool PcapReader::next(CaptureInput& input, CapturedPacket& packet)
 
 bool PcapReader::fail(CaptureInput& input, const std::string& reason)
 {
-    return refuse(input, fmt::format("packet at byte {}: {}", input.position(), reason));
+    return refuse(input, input.reader().say("packet at byte {}: {}", input.position(), reason));
 }
 
 bool PcapReader::refuse(CaptureInput& input, std::string reason)

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace sealscope {
 
@@ -56,7 +57,7 @@ public:
         }
     }
     /// "an Enhanced Packet Block"
-    const char* name() const;
+    std::string_view name(const SentenceReader& reader) const;
 
     /// Has the whole block at `input.data()`. False at damage.
     bool gather(CaptureInput& input)

@@ -61,20 +61,22 @@ bool PcapngReader::readOther(CaptureInput& input)
     }
     if (!blocks_.gather(input)) return false;
     const bool isTooShort = blocks_.length() < blocks_.shortestLength();
-    if (isTooShort) passOver(fmt::format("length {} is too short for {} ({})", blocks_.length(), blocks_.name(), blocks_.shortestLength()));
+    if (isTooShort)
+        passOver(input, input.reader().say("length {} is too short for {} ({})", blocks_.length(), blocks_.name(input.reader()),
+                                           blocks_.shortestLength()));
     // Also one that cannot be read counts, since interfaces are numbered by their places.
     if (blocks_.type() == Pcapng::interfaceDescription)
-        readInterface(isTooShort ? DataView()
-                                 : DataView(input.data() + Pcapng::blockHeaderLength, blocks_.length() - Pcapng::shortestBlock));
+        readInterface(input, isTooShort ? DataView()
+                                        : DataView(input.data() + Pcapng::blockHeaderLength, blocks_.length() - Pcapng::shortestBlock));
     input.consume(blocks_.length());
     return true;
 }
 
-void PcapngReader::readInterface(DataView body)
+void PcapngReader::readInterface(const CaptureInput& input, DataView body)
 {
     const ByteOrder order = blocks_.order();
     if (interfaces_.size() == mostInterfaces) {
-        passOver(fmt::format("a section can have no more than {} interfaces", mostInterfaces));
+        passOver(input, input.reader().say("a section can have no more than {} interfaces", mostInterfaces));
         return;
     }
     Interface& interface = interfaces_.emplace_back();
@@ -105,17 +107,17 @@ bool PcapngReader::readSecrets(CaptureInput& input)
 {
     const std::int64_t room = blocks_.length() - secretsHeaderLength - 4;
     if (room < 0) {
-        passOver("it is too short for decryption secrets");
+        passOver(input, input.reader().say("it is too short for decryption secrets"));
         return blocks_.leave(input);
     }
     if (!input.require(secretsHeaderLength) || blocks_.order().u32(input.data() + 8) != Pcapng::tlsKeyLog) return blocks_.leave(input);
     const std::int64_t announced = blocks_.order().u32(input.data() + 12);
     const std::int64_t size = std::min(announced, room);
     if (const std::int64_t most = mostKeyLog(input.storedBytesRead()); keyLogSize_ + size > most) {
-        passOver(fmt::format("with those before it, its secrets are more than {} bytes", most));
+        passOver(input, input.reader().say("with those before it, its secrets are more than {} bytes", most));
         return blocks_.leave(input);
     }
-    if (announced > room) passOver(fmt::format("it announces {} bytes of secrets, but has room for {}", announced, room));
+    if (announced > room) passOver(input, input.reader().say("it announces {} bytes of secrets, but has room for {}", announced, room));
 
     const std::size_t before = keyLog_.size();
     input.consume(secretsHeaderLength);
@@ -141,7 +143,8 @@ bool PcapngReader::readPacket(const CaptureInput& input, CapturedPacket& packet)
     const std::uint32_t type = blocks_.type();
     const std::int64_t length = blocks_.length();
     if (length < blocks_.shortestLength()) [[unlikely]]
-        return passOver(fmt::format("length {} is too short for {} ({})", length, blocks_.name(), blocks_.shortestLength()));
+        return passOver(input, input.reader().say("length {} is too short for {} ({})", length, blocks_.name(input.reader()),
+                                                  blocks_.shortestLength()));
     const std::uint8_t* const block = input.data();
     std::uint32_t interface = 0;
     std::int64_t captured = 0, original = 0, dataOffset = enhancedDataOffset;
@@ -160,9 +163,10 @@ bool PcapngReader::readPacket(const CaptureInput& input, CapturedPacket& packet)
         original = order.u32(block + 24);
     }
     if (interface >= interfaces_.size() || !interfaces_[interface].isDescribed) [[unlikely]]
-        return passOver(fmt::format("interface {} is not described (its section has {})", interface, interfaces_.size()));
+        return passOver(input, input.reader().say("interface {} is not described (its section has {})", interface, interfaces_.size()));
     if (captured > length - 4 - dataOffset) [[unlikely]]
-        return passOver(fmt::format("it announces {} captured bytes, but has room for {}", captured, length - 4 - dataOffset));
+        return passOver(input,
+                        input.reader().say("it announces {} captured bytes, but has room for {}", captured, length - 4 - dataOffset));
 
     packet.time = type == Pcapng::simplePacket ? CaptureTime{} : interfaces_[interface].time(stamp);
     packet.address = input.position() + dataOffset;
@@ -172,10 +176,10 @@ bool PcapngReader::readPacket(const CaptureInput& input, CapturedPacket& packet)
     return true;
 }
 
-bool PcapngReader::passOver(const std::string& reason)
+bool PcapngReader::passOver(const CaptureInput& input, const std::string& reason)
 {
     if (passedOver_.count++ == 0) {
-        passedOver_.reason = fmt::format("block at byte {}: {}", blocks_.position(), reason);
+        passedOver_.reason = input.reader().say("block at byte {}: {}", blocks_.position(), reason);
         passedOver_.packetsBefore = packets_;
     }
     return false;

@@ -46,11 +46,11 @@ private:
     };
 
     bool readOther(CaptureInput& input);
-    void readInterface(DataView body);
+    void readInterface(const CaptureInput& input, DataView body);
     bool readSecrets(CaptureInput& input);
     bool readPacket(const CaptureInput& input, CapturedPacket& packet);
     /// Notes what is wrong with the block that was found; always false.
-    bool passOver(const std::string& reason);
+    bool passOver(const CaptureInput& input, const std::string& reason);
 
     PcapngBlocks blocks_;
     std::vector<Interface> interfaces_;

@@ -2,6 +2,7 @@
 #include "app/desktop/Document.h"
 
 #include "app/desktop/FileKind.h"
+#include "app/desktop/StringTableTranslator.h"
 #include "app/records/DecoderSentences.h"
 #include "app/records/VerdictSentence.h"
 #include "app/verdict/StreamVerdict.h"
@@ -69,11 +70,11 @@ void Document::cancel()
 void Document::readPackets(const Request& request)
 {
     const auto work = [this, request](const Job::Context& context) {
-        auto opened = PacketIndex::open(paths(request.files), context.stop());
+        auto opened = PacketIndex::open(paths(request.files), context.stop(), windowReader());
         if (!opened) {
             context.deliver([this, problem = opened.error()] {
                 endPackets();
-                tell(QString::fromStdString(problem.text()));
+                tell(QString::fromStdString(problem.text(windowReader())));
             });
             return;
         }
@@ -137,7 +138,11 @@ void Document::readRecordedStreams()
     const auto work = [this, packets = packets_, recorded = recorded_, keyLogs = keyLogs_](const Job::Context& context) {
         const auto begin = Clock::now();
         const QString problem = recorded->update(packets->capture());
-        auto session = Session::open({.files = {recorded->path().toStdString()}, .keyLogs = paths(keyLogs), .progress = {}, .stop = context.stop()});
+        auto session = Session::open({.files = {recorded->path().toStdString()},
+                                      .keyLogs = paths(keyLogs),
+                                      .progress = {},
+                                      .stop = context.stop(),
+                                      .reader = windowReader()});
         const auto next = Clock::now() + std::max<Clock::duration>(leastPause, pause * (Clock::now() - begin));
         context.deliver([this, problem, keyLogs, next, session = session ? std::shared_ptr<const Session>(*std::move(session)) : nullptr] {
             nextRecording_ = next.time_since_epoch().count();
@@ -157,9 +162,10 @@ void Document::readStreams(const QStringList& files)
 {
     keyLogsInUse_ = keyLogs_;
     const auto work = [this, files = paths(files), keyLogs = paths(keyLogs_)](const Job::Context& context) {
-        auto session = Session::open({.files = files, .keyLogs = keyLogs, .progress = {}, .stop = context.stop()});
+        auto session =
+            Session::open({.files = files, .keyLogs = keyLogs, .progress = {}, .stop = context.stop(), .reader = windowReader()});
         // That a file cannot be opened any more is told, as all else is by the other pass.
-        const QString problem = session ? QString() : QString::fromStdString(session.error().text());
+        const QString problem = session ? QString() : QString::fromStdString(session.error().text(windowReader()));
         context.deliver([this, problem, session = session ? std::shared_ptr<const Session>(*std::move(session)) : nullptr] {
             if (session) take(session);
             endStreams();
@@ -202,8 +208,8 @@ void Document::endStreams()
 
 void Document::tellDamage(const std::vector<CaptureError>& errors, const DecoderNotes& notes, qint64 packets)
 {
-    for (const CaptureError& error : errors) tell(QString::fromStdString(error.text()));
-    const DecoderSentences sentences = decoderSentences(paths(files_), notes, packets);
+    for (const CaptureError& error : errors) tell(QString::fromStdString(error.text(windowReader())));
+    const DecoderSentences sentences = decoderSentences(paths(files_), notes, packets, windowReader());
     for (const auto* part : {&sentences.unknownLinkTypes, &sentences.losses})
         for (const std::string& sentence : *part) tell(QString::fromStdString(sentence));
 }
@@ -216,7 +222,8 @@ void Document::addKeyLogs(const QStringList& keyLogs)
         [files = paths(keyLogs)](std::stop_token) {
             QStringList problems;
             for (const std::string& file : files)
-                if (const auto problem = keyLogProblem(file)) problems.append(QString::fromStdString(problemText(*problem)));
+                if (const auto problem = keyLogProblem(file))
+                    problems.append(QString::fromStdString(problemText(*problem, windowReader())));
             return problems;
         },
         [this](const QStringList& problems) {
@@ -246,7 +253,7 @@ void Document::lookForSecrets()
             const QString file = QString::fromStdString(error.file);
             if (lost_.contains(file)) continue;
             lost_.append(file);
-            tell(QString::fromStdString(error.text()));
+            tell(QString::fromStdString(error.text(windowReader())));
         }
     if (!session_ || looking_) return;
     looking_ = compute([session = session_](std::stop_token) { return std::pair(session, session->plugIns().secrets().generation()); },

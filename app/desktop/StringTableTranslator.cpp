@@ -26,4 +26,10 @@ QString StringTableTranslator::translate(const char*, const char* sourceText, co
     return text.isNull() ? entry(source) : text;
 }
 
+SentenceReader windowReader()
+{
+    return {.place = SentenceReader::Place::window,
+            .words = [](std::string_view english) { return Bundle::main().localizedString(english, "Sentences"); }};
+}
+
 }  // namespace sealscope::desktop

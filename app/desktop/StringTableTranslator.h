@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "app/texts/SentenceReader.h"
+
 #include <QTranslator>
 
 namespace sealscope::desktop {
@@ -14,5 +16,8 @@ public:
     bool isEmpty() const override { return false; }
     QString translate(const char* context, const char* sourceText, const char* disambiguation, int number) const override;
 };
+
+/// Who reads in the window: its languages stand in table "Sentences", under the English patterns.
+SentenceReader windowReader();
 
 }  // namespace sealscope::desktop

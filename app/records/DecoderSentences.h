@@ -2,6 +2,7 @@
 #pragma once
 
 #include "app/capture/PacketDecoder.h"
+#include "app/texts/SentenceReader.h"
 
 #include <cstdint>
 #include <string>
@@ -18,6 +19,7 @@ struct DecoderSentences {
 };
 
 /// `files` are the capture's, as the user named them; `packets` counts what was read.
-DecoderSentences decoderSentences(const std::vector<std::string>& files, const DecoderNotes& notes, std::int64_t packets);
+DecoderSentences decoderSentences(const std::vector<std::string>& files, const DecoderNotes& notes, std::int64_t packets,
+                                  const SentenceReader& reader = {});
 
 }  // namespace sealscope

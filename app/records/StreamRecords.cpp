@@ -194,10 +194,10 @@ void writeFacts(JSONLineWriter& json, const std::vector<StreamFact>& facts)
 
 }  // namespace
 
-std::string_view verdictText(const StreamRow& row)
+std::string_view verdictText(const StreamRow& row, const SentenceReader& reader)
 {
-    if (row.verdict) return verdictText(*row.verdict);
-    return row.canInterpret ? "not asked" : "not TLS";
+    if (row.verdict) return verdictText(*row.verdict, reader);
+    return row.canInterpret ? reader.word("not asked") : reader.word("not TLS");
 }
 
 std::string_view verdictName(const TLSDecryptionOutcome& outcome)

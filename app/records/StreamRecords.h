@@ -36,7 +36,7 @@ using StreamTeller = std::function<std::optional<std::vector<Pairing>>(const Str
 StreamTeller telling(StreamInterpretation& interpretation);
 
 /// A row's verdict as people read it, as `verdictText` has it; also where there is none.
-std::string_view verdictText(const StreamRow& row);
+std::string_view verdictText(const StreamRow& row, const SentenceReader& reader = {});
 /// The verdict as programs read it: "decrypted", "noHandshake", …
 std::string_view verdictName(const TLSDecryptionOutcome& outcome);
 

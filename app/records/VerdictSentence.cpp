@@ -2,14 +2,11 @@
 #include "app/records/VerdictSentence.h"
 
 #include "app/session/Session.h"
-#include "app/texts/SizeText.h"
 #include "app/verdict/StreamVerdict.h"
 
 #include <algorithm>
 #include <cstring>
-#include <fmt/compile.h>
 #include <fmt/format.h>
-#include <iterator>
 #include <utility>
 #include <vector>
 
@@ -20,135 +17,152 @@ namespace {
 using Hello = TLSDecryptionReport::Hello;
 using Stop = TLSDirectionReport::Stop;
 
-/// In groups of three digits.
-std::string grouped(std::int64_t count)
-{
-    std::string text = fmt::to_string(count);
-    for (auto at = std::ssize(text) - 3; at > 0; at -= 3) text.insert(static_cast<std::size_t>(at), 1, ',');
-    return text;
-}
-
 /// The start of a client random: enough to find its line in a key log.
-std::string clientRandomText(const TLSDecryptionReport& report)
+std::string clientRandomText(const TLSDecryptionReport& report, const SentenceReader& reader)
 {
-    return report.clientRandom ? fmt::format("client random {}…", hexText(report.clientRandom->view().sub(0, 8))) : "this client random";
+    if (!report.clientRandom) return std::string(reader.word("this client random"));
+    return reader.say("client random {}…", hexText(report.clientRandom->view().sub(0, 8)));
 }
 
-/// The alert that a side sent in the clear, as the end of a sentence; empty when it sent none.
-std::string alertText(const TLSDecryptionReport& report)
+/// A clause with the alert that a side sent in the clear behind it, where one did.
+std::string withAlert(std::string clause, const TLSDecryptionReport& report, const SentenceReader& reader)
 {
-    if (const auto& alert = report.server.alert) return fmt::format("; the server sent the alert {}", alert->name);
-    if (const auto& alert = report.client.alert) return fmt::format("; the client sent the alert {}", alert->name);
-    return "";
+    if (const auto& alert = report.server.alert)
+        return (clause += reader.word("; ")) += reader.say("the server sent the alert {}", alert->name);
+    if (const auto& alert = report.client.alert)
+        return (clause += reader.word("; ")) += reader.say("the client sent the alert {}", alert->name);
+    return clause;
 }
 
-std::string noHandshake(const TLSDecryptionReport& report, const StreamSummary& summary)
+std::string noHandshake(const TLSDecryptionReport& report, const StreamSummary& summary, const SentenceReader& reader)
 {
     switch (report.clientHello) {
     case Hello::missing:
-        if (!summary.hasSYN) return "the capture starts after the Client Hello; start capturing before the connection opens";
-        return "the client's bytes hold no Client Hello: it was lost, or TLS starts later in this connection";
-    case Hello::cutByRecords: return "the Client Hello is split over several TLS records";
-    case Hello::cutByData: return "the Client Hello is cut off by the end of the capture, or by bytes that it lost";
+        if (!summary.hasSYN) return reader.say("the capture starts after the Client Hello; start capturing before the connection opens");
+        return reader.say("the client's bytes hold no Client Hello: it was lost, or TLS starts later in this connection");
+    case Hello::cutByRecords: return reader.say("the Client Hello is split over several TLS records");
+    case Hello::cutByData: return reader.say("the Client Hello is cut off by the end of the capture, or by bytes that it lost");
     case Hello::found: break;
     }
     switch (report.serverHello) {
     case Hello::missing:
-        if (summary.serverBytes == 0) return "the capture has no bytes from the server; capture both directions, until the server answers";
-        return "the server's bytes hold no Server Hello" + alertText(report);
-    case Hello::cutByRecords: return "the Server Hello is split over several TLS records";
-    case Hello::cutByData: return "the Server Hello is cut off by the end of the capture, or by bytes that it lost";
+        if (summary.serverBytes == 0)
+            return reader.say("the capture has no bytes from the server; capture both directions, until the server answers");
+        return withAlert(reader.say("the server's bytes hold no Server Hello"), report, reader);
+    case Hello::cutByRecords: return reader.say("the Server Hello is split over several TLS records");
+    case Hello::cutByData: return reader.say("the Server Hello is cut off by the end of the capture, or by bytes that it lost");
     case Hello::found: break;
     }
-    return "the handshake is not complete in the capture" + alertText(report);
+    return withAlert(reader.say("the handshake is not complete in the capture"), report, reader);
 }
 
-std::string noKeyMaterial(const StreamVerdict& verdict, SentenceReader reader)
+std::string noKeyMaterial(const StreamVerdict& verdict, const SentenceReader& reader)
 {
     const KeyLogFacts facts = verdict.keyLog.value_or(KeyLogFacts{});
     if (facts.material.secrets == 0) {
         std::vector<std::string> problems;
-        std::ranges::transform(facts.problems, std::back_inserter(problems), problemText);
-        if (!problems.empty()) return fmt::format("no key log with secrets: {}", fmt::join(problems, "; "));
-        if (reader == SentenceReader::window) return "no key log given: choose one, or run the client with SSLKEYLOGFILE set";
+        for (const KeyLogProblem& problem : facts.problems) problems.push_back(problemText(problem, reader));
+        if (!problems.empty()) return reader.say("no key log with secrets: {}", fmt::join(problems, reader.word("; ")));
+        if (reader.place == SentenceReader::Place::window)
+            return reader.say("no key log given: choose one, or run the client with SSLKEYLOGFILE set");
         return "no key log given: use --keylog FILE, or run the client with SSLKEYLOGFILE set";
     }
-    if (!verdict.report) return "the key log holds no secret for this connection";
+    if (!verdict.report) return reader.say("the key log holds no secret for this connection");
     const TLSDecryptionReport& report = *verdict.report;
 
     std::vector<std::string_view> wanted, present;
     for (const TLSSecretReport& secret : report.secrets) (secret.secretLength ? present : wanted).push_back(secret.label);
     if (!present.empty() || !report.otherLabels.empty()) {
         present.insert(present.end(), report.otherLabels.begin(), report.otherLabels.end());
-        return fmt::format("the key log has only {} for this connection; {} needs {}", fmt::join(present, ", "), report.versionName,
-                           fmt::join(wanted, ", "));
+        const std::string_view comma = reader.word(", ");
+        return reader.say("the key log has only {} for this connection; {} needs {}", fmt::join(present, comma), report.versionName,
+                          fmt::join(wanted, comma));
     }
-    const std::string missing = fmt::format("the key log has no secret for this connection ({})", clientRandomText(report));
+    std::string sentence = reader.say("the key log has no secret for this connection ({})", clientRandomText(report, reader));
+    const std::int64_t others = facts.material.clientRandoms;
+    sentence += reader.word("; ");
     if (facts.connections == 0)
-        return fmt::format("{}; its {} other{} all come from other captures: is it the log of another session, or of the other leg of a proxy?",
-                           missing, facts.material.clientRandoms, facts.material.clientRandoms == 1 ? "" : "s");
-    return fmt::format("{}; it has {} other{}, {} from this capture: was it overwritten, or did another program open this connection?",
-                       missing, facts.material.clientRandoms, facts.material.clientRandoms == 1 ? "" : "s", facts.connections);
+        return sentence += reader.sayOf(
+                   others, "its {} other all come from other captures: is it the log of another session, or of the other leg of a proxy?",
+                   "its {} others all come from other captures: is it the log of another session, or of the other leg of a proxy?", others);
+    return sentence +=
+           reader.sayOf(others, "it has {} other, {} from this capture: was it overwritten, or did another program open this connection?",
+                        "it has {} others, {} from this capture: was it overwritten, or did another program open this connection?", others,
+                        facts.connections);
 }
 
 /// Where a direction stopped opening, as a clause; empty when nothing is the matter.
-std::string stopText(const TLSDirectionReport& direction)
+std::string stopText(const TLSDirectionReport& direction, const SentenceReader& reader)
 {
-    const auto at = [&](std::string_view what) { return fmt::format("up to byte {}, where {}", direction.stopOffset, what); };
+    const std::int64_t end = direction.stopOffset;
     switch (direction.stop) {
     case Stop::endOfData:
     case Stop::nothingProtected: return "";
-    case Stop::noSecret: return "the key log lacks this direction's secret";
-    case Stop::noHandshakeSecret: return "the key log has its application secret but not its handshake secret";
-    case Stop::badSecret: return "the key log's secret has the wrong length";
-    case Stop::lostBytes: return at("the capture lost bytes");
-    case Stop::cutRecord: return at("the capture ends within a record");
-    case Stop::noRecord: return at("there is no TLS record");
-    case Stop::earlyData: return at("early data starts");
-    case Stop::keyUpdate: return at("a key update changed the key");
-    case Stop::renegotiation: return at("a second handshake changed the keys");
-    case Stop::doesNotOpen: return at("a record does not authenticate");
-    case Stop::notAttempted: return "was not tried";
+    case Stop::noSecret: return reader.say("the key log lacks this direction's secret");
+    case Stop::noHandshakeSecret: return reader.say("the key log has its application secret but not its handshake secret");
+    case Stop::badSecret: return reader.say("the key log's secret has the wrong length");
+    case Stop::lostBytes: return reader.say("up to byte {}, where the capture lost bytes", end);
+    case Stop::cutRecord: return reader.say("up to byte {}, where the capture ends within a record", end);
+    case Stop::noRecord: return reader.say("up to byte {}, where there is no TLS record", end);
+    case Stop::earlyData: return reader.say("up to byte {}, where early data starts", end);
+    case Stop::keyUpdate: return reader.say("up to byte {}, where a key update changed the key", end);
+    case Stop::renegotiation: return reader.say("up to byte {}, where a second handshake changed the keys", end);
+    case Stop::doesNotOpen: return reader.say("up to byte {}, where a record does not authenticate", end);
+    case Stop::notAttempted: return reader.say("was not tried");
     }
     std::unreachable();
 }
 
-/// How much of a direction opened, as in "client 3 of 4 records, 517 bytes, up to byte 901, where the capture lost bytes". Most
-/// sentences are made of these, one for each stream that decrypts, so their patterns are read when this is compiled.
-void appendOpened(std::string& text, std::string_view side, const TLSDirectionReport& direction)
+void appendBytes(std::string& text, std::int64_t bytes, const SentenceReader& reader)
 {
-    const auto append = [&](auto pattern, const auto&... values) { fmt::format_to(std::back_inserter(text), pattern, values...); };
-    if (direction.stop == Stop::nothingProtected) return append(FMT_COMPILE("{} sent nothing protected"), side);
-    const auto plural = [](std::int64_t count) { return std::string_view(count == 1 ? "" : "s"); };
-    if (!direction.gaps.empty()) {
+    if (bytes == 1)
+        reader.sayInto(text, FMT_COMPILE("{} byte"), bytes);
+    else
+        reader.sayInto(text, FMT_COMPILE("{} bytes"), bytes);
+}
+
+/// How much of a direction opened, as in "client 3 of 4 records, 517 bytes, up to byte 901, where the capture lost bytes". Most
+/// sentences are made of these, one for each stream that decrypts.
+void appendOpened(std::string& text, std::string_view side, const TLSDirectionReport& direction, const SentenceReader& reader)
+{
+    if (direction.stop == Stop::nothingProtected) return reader.sayInto(text, FMT_COMPILE("{} sent nothing protected"), side);
+    const std::string_view comma = reader.word(", ");
+    const auto appendRecords = [&](const auto& opened, const auto& all) {
+        if (direction.protectedRecords == 1)
+            reader.sayInto(text, FMT_COMPILE("{} {} of {} record"), side, opened, all);
+        else
+            reader.sayInto(text, FMT_COMPILE("{} {} of {} records"), side, opened, all);
+        text += comma;
+    };
+    if (direction.gaps.empty()) {
+        appendRecords(direction.openedRecords, direction.protectedRecords);
+        appendBytes(text, direction.plaintextBytes, reader);
+        if (direction.skippedRecords > 0) (text += comma) += reader.say("{} skipped", direction.skippedRecords);
+    } else {
+        const auto bytesText = [&](std::int64_t bytes) { return reader.sayOf(bytes, "{} byte", "{} bytes", reader.grouped(bytes)); };
+        const std::int64_t gaps = std::ssize(direction.gaps);
         std::int64_t gapBytes = 0;
         for (const PlaintextGap& gap : direction.gaps) gapBytes += gap.range.size();
-        append(FMT_COMPILE("{} {} of {} record{}, {} byte{}, {} lost, {} gap{} of {} byte{}"), side, grouped(direction.openedRecords),
-               grouped(direction.protectedRecords), plural(direction.protectedRecords), grouped(direction.plaintextBytes),
-               plural(direction.plaintextBytes), grouped(direction.skippedRecords), grouped(std::ssize(direction.gaps)),
-               plural(std::ssize(direction.gaps)), grouped(gapBytes), plural(gapBytes));
-        if (const std::string stop = stopText(direction); !stop.empty()) append(FMT_COMPILE(", {}"), stop);
-        return;
+        appendRecords(reader.grouped(direction.openedRecords), reader.grouped(direction.protectedRecords));
+        ((text += bytesText(direction.plaintextBytes)) += comma) += reader.say("{} lost", reader.grouped(direction.skippedRecords));
+        (text += comma) += reader.sayOf(gaps, "{} gap of {}", "{} gaps of {}", reader.grouped(gaps), bytesText(gapBytes));
     }
-    append(FMT_COMPILE("{} {} of {} record{}, {} byte{}"), side, direction.openedRecords, direction.protectedRecords,
-           plural(direction.protectedRecords), direction.plaintextBytes, plural(direction.plaintextBytes));
-    if (direction.skippedRecords > 0) append(FMT_COMPILE(", {} skipped"), direction.skippedRecords);
-    if (const std::string stop = stopText(direction); !stop.empty()) append(FMT_COMPILE(", {}"), stop);
+    if (const std::string stop = stopText(direction, reader); !stop.empty()) (text += comma) += stop;
 }
 
 /// The same for both.
-std::string openedText(const TLSDecryptionReport& report)
+std::string openedText(const TLSDecryptionReport& report, const SentenceReader& reader)
 {
     std::string text;
     text.reserve(96);
-    appendOpened(text, "client", report.client);
-    text += "; ";
-    appendOpened(text, "server", report.server);
+    appendOpened(text, reader.word("client"), report.client, reader);
+    text += reader.word("; ");
+    appendOpened(text, reader.word("server"), report.server, reader);
     return text;
 }
 
 /// What is the matter with the private keys at hand; empty when nothing is, or when they do not matter.
-std::string privateKeyProblem(const StreamVerdict& verdict)
+std::string privateKeyProblem(const StreamVerdict& verdict, const SentenceReader& reader)
 {
     if (!verdict.report || !verdict.report->privateKeys) return "";
     const TLSPrivateKeyReport& keys = *verdict.report->privateKeys;
@@ -156,68 +170,42 @@ std::string privateKeyProblem(const StreamVerdict& verdict)
     switch (keys.use) {
     case TLSPrivateKeyReport::Use::fits: return "";
     case TLSPrivateKeyReport::Use::otherCertificate:
-        if (keys.certificate.empty()) return "the private key does not belong to the server's certificate";
-        return fmt::format("the private key does not belong to the server's certificate, which is for {}", keys.certificate);
+        if (keys.certificate.empty()) return reader.say("the private key does not belong to the server's certificate");
+        return reader.say("the private key does not belong to the server's certificate, which is for {}", keys.certificate);
     case TLSPrivateKeyReport::Use::otherKeyExchange:
         if (hasKeyLog) return "";
-        return fmt::format("a private key does not open this connection, whose key exchange encrypts nothing to it ({}); a key log does",
-                           verdict.report->cipherSuiteName);
+        return reader.say("a private key does not open this connection, whose key exchange encrypts nothing to it ({}); a key log does",
+                          verdict.report->cipherSuiteName);
     case TLSPrivateKeyReport::Use::noKeyExchange:
         if (hasKeyLog) return "";
-        return "the private key has nothing to decrypt: the capture lacks the key exchange, or the session was resumed";
+        return reader.say("the private key has nothing to decrypt: the capture lacks the key exchange, or the session was resumed");
     }
     std::unreachable();
 }
 
-std::string keyMismatch(const TLSDecryptionReport& report)
+std::string keyMismatch(const TLSDecryptionReport& report, const SentenceReader& reader)
 {
-    if (!report.isSupportedSuite)
-        return fmt::format("cipher suite {} is not supported for decryption", report.cipherSuiteName);
+    if (!report.isSupportedSuite) return reader.say("cipher suite {} is not supported for decryption", report.cipherSuiteName);
     const TLSDirectionReport* sides[] = {&report.server, &report.client};
     const auto any = [&](Stop stop) { return std::ranges::any_of(sides, [&](const auto* side) { return side->stop == stop; }); };
     const auto all = [&](Stop stop) { return std::ranges::all_of(sides, [&](const auto* side) { return side->stop == stop; }); };
-    if (all(Stop::nothingProtected)) return "the secrets are there, but the capture has no encrypted record of this connection";
+    if (all(Stop::nothingProtected)) return reader.say("the secrets are there, but the capture has no encrypted record of this connection");
     if (any(Stop::badSecret)) {
-        std::string sentence = "a secret in the key log has the wrong length for this connection";
-        for (const TLSSecretReport& secret : report.secrets)
-            if (secret.secretLength) sentence += fmt::format(", {} {}", secret.label, counted(*secret.secretLength, "byte"));
+        std::string sentence = reader.say("a secret in the key log has the wrong length for this connection");
+        for (const TLSSecretReport& secret : report.secrets) {
+            if (!secret.secretLength) continue;
+            ((sentence += reader.word(", ")) += secret.label) += ' ';
+            appendBytes(sentence, *secret.secretLength, reader);
+        }
         return sentence;
     }
     if (any(Stop::noHandshakeSecret))
-        return "the key log has the application secrets but not the handshake secrets, which the first records need; log those too";
-    return fmt::format("the key log's secrets do not open this connection: {}{}", openedText(report), alertText(report));
+        return reader.say(
+            "the key log has the application secrets but not the handshake secrets, which the first records need; log those too");
+    return withAlert(reader.say("the key log's secrets do not open this connection: {}", openedText(report, reader)), report, reader);
 }
 
-}  // namespace
-
-std::string_view verdictText(const StreamVerdict& verdict)
-{
-    if (verdict.outcome.isDecrypted()) return verdict.isPartly() ? "partly decrypted" : "decrypted";
-    switch (*verdict.outcome.failure) {
-    case TLSDecryptionFailure::noHandshake: return "no handshake";
-    case TLSDecryptionFailure::unsupportedVersion: return "unsupported version";
-    case TLSDecryptionFailure::noKeyMaterial: return "no key material";
-    case TLSDecryptionFailure::keyMismatch: return "key mismatch";
-    }
-    std::unreachable();
-}
-
-std::string verdictSentence(const StreamVerdict& verdict, const StreamSummary& summary, SentenceReader reader)
-{
-    const auto& report = verdict.report;
-    if (verdict.outcome.isDecrypted()) return report ? openedText(*report) : "the stream decrypts";
-    if (auto problem = privateKeyProblem(verdict); !problem.empty()) return problem;
-    switch (*verdict.outcome.failure) {
-    case TLSDecryptionFailure::noHandshake: return report ? noHandshake(*report, summary) : "the capture holds no complete handshake";
-    case TLSDecryptionFailure::unsupportedVersion:
-        return fmt::format("{} is not supported for decryption", report ? report->versionName : "this version");
-    case TLSDecryptionFailure::noKeyMaterial: return noKeyMaterial(verdict, reader);
-    case TLSDecryptionFailure::keyMismatch: return report ? keyMismatch(*report) : "the secrets do not fit this connection";
-    }
-    std::unreachable();
-}
-
-std::string problemReason(const KeyLogProblem& problem)
+std::string problemReason(const KeyLogProblem& problem, const SentenceReader& reader)
 {
     using Problem = MergedKeylog::Examination::Problem;
     const MergedKeylog::Examination& found = problem.found;
@@ -225,26 +213,63 @@ std::string problemReason(const KeyLogProblem& problem)
     case Problem::none: return "";
     case Problem::cannotOpen:
     case Problem::cannotRead: return std::strerror(found.error);
-    case Problem::isDirectory: return "is a directory";
-    case Problem::isNoFile: return "not a regular file";
-    case Problem::tooLarge: return fmt::format("{} bytes are too many for the memory of this machine", found.size);
-    case Problem::isEmpty: return "is empty";
+    case Problem::isDirectory: return reader.say("is a directory");
+    case Problem::isNoFile: return reader.say("not a regular file");
+    case Problem::tooLarge: return reader.say("{} bytes are too many for the memory of this machine", found.size);
+    case Problem::isEmpty: return reader.say("is empty");
     case Problem::noValidLine:
-        if (found.lines == 0) return "holds only comments";
-        return fmt::format("not a key log (none of its {} line{} is a secret)", found.lines, found.lines == 1 ? "" : "s");
+        if (found.lines == 0) return reader.say("holds only comments");
+        return reader.sayOf(found.lines, "not a key log (none of its {} line is a secret)",
+                            "not a key log (none of its {} lines is a secret)", found.lines);
     }
     std::unreachable();
 }
 
-std::string problemText(const KeyLogProblem& problem) { return fmt::format("{}: {}", problem.file, problemReason(problem)); }
+}  // namespace
+
+std::string_view verdictText(const StreamVerdict& verdict, const SentenceReader& reader)
+{
+    if (verdict.outcome.isDecrypted()) return verdict.isPartly() ? reader.word("partly decrypted") : reader.word("decrypted");
+    switch (*verdict.outcome.failure) {
+    case TLSDecryptionFailure::noHandshake: return reader.word("no handshake");
+    case TLSDecryptionFailure::unsupportedVersion: return reader.word("unsupported version");
+    case TLSDecryptionFailure::noKeyMaterial: return reader.word("no key material");
+    case TLSDecryptionFailure::keyMismatch: return reader.word("key mismatch");
+    }
+    std::unreachable();
+}
+
+std::string verdictSentence(const StreamVerdict& verdict, const StreamSummary& summary, const SentenceReader& reader)
+{
+    const auto& report = verdict.report;
+    if (verdict.outcome.isDecrypted()) return report ? openedText(*report, reader) : reader.say("the stream decrypts");
+    if (auto problem = privateKeyProblem(verdict, reader); !problem.empty()) return problem;
+    switch (*verdict.outcome.failure) {
+    case TLSDecryptionFailure::noHandshake:
+        return report ? noHandshake(*report, summary, reader) : reader.say("the capture holds no complete handshake");
+    case TLSDecryptionFailure::unsupportedVersion:
+        return reader.say("{} is not supported for decryption",
+                          report ? std::string_view(report->versionName) : reader.word("this version"));
+    case TLSDecryptionFailure::noKeyMaterial: return noKeyMaterial(verdict, reader);
+    case TLSDecryptionFailure::keyMismatch:
+        return report ? keyMismatch(*report, reader) : reader.say("the secrets do not fit this connection");
+    }
+    std::unreachable();
+}
+
+std::string problemText(const KeyLogProblem& problem, const SentenceReader& reader)
+{
+    return reader.say("{}: {}", problem.file, problemReason(problem, reader));
+}
 
 std::string incompleteText(const TLSDecryptionReport& report)
 {
+    const SentenceReader reader;
     std::string text;
     for (const auto& [side, direction] : {std::pair("client", &report.client), std::pair("server", &report.server)}) {
-        if (stopText(*direction).empty() && direction->gaps.empty()) continue;
+        if (stopText(*direction, reader).empty() && direction->gaps.empty()) continue;
         if (!text.empty()) text += "; ";
-        appendOpened(text, side, *direction);
+        appendOpened(text, side, *direction, reader);
     }
     return text;
 }

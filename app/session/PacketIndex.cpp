@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <any>
 #include <exception>
-#include <fmt/format.h>
 #include <limits>
 #include <new>
 #include <string_view>
@@ -21,16 +20,18 @@ std::size_t PacketIndex::PathHash::operator()(const Path& path) const
     return hash;
 }
 
-PacketIndex::PacketIndex(std::shared_ptr<Capture> capture) : capture_(std::move(capture)), decoder_(capture_.get())
+PacketIndex::PacketIndex(std::shared_ptr<Capture> capture, const SentenceReader& reader)
+    : capture_(std::move(capture)), reader_(reader), decoder_(capture_.get())
 {
     paths_.append({});  // of packets that are not TCP
 }
 
-std::expected<std::shared_ptr<PacketIndex>, CaptureError> PacketIndex::open(const std::vector<std::string>& files, std::stop_token stop)
+std::expected<std::shared_ptr<PacketIndex>, CaptureError> PacketIndex::open(const std::vector<std::string>& files, std::stop_token stop,
+                                                                            const SentenceReader& reader)
 {
-    auto capture = Capture::open(files, {.randomAccess = true, .stop = std::move(stop)});
+    auto capture = Capture::open(files, {.randomAccess = true, .stop = std::move(stop), .reader = reader});
     if (!capture) return std::unexpected(std::move(capture.error()));
-    return std::shared_ptr<PacketIndex>(new PacketIndex(std::move(*capture)));
+    return std::shared_ptr<PacketIndex>(new PacketIndex(std::move(*capture), reader));
 }
 
 bool PacketIndex::read(std::int64_t packets)
@@ -60,7 +61,7 @@ std::uint8_t PacketIndex::recognize(DataView payload, std::int64_t packet)
     } catch (const std::bad_alloc&) {
         throw;
     } catch (const std::exception& problem) {
-        if (plugInProblem_.empty()) plugInProblem_ = fmt::format("packet {}: a plug-in failed: {}", packet, problem.what());
+        if (plugInProblem_.empty()) plugInProblem_ = reader_.say("packet {}: a plug-in failed: {}", fmt::to_string(packet), problem.what());
     }
     return PacketEntry::unrecognized;
 }

@@ -36,7 +36,8 @@ static_assert(sizeof(PacketEntry) == 32);
 class PacketIndex {
 public:
     /// Opens the capture; nothing is read yet.
-    static std::expected<std::shared_ptr<PacketIndex>, CaptureError> open(const std::vector<std::string>& files, std::stop_token stop);
+    static std::expected<std::shared_ptr<PacketIndex>, CaptureError> open(const std::vector<std::string>& files, std::stop_token stop,
+                                                                          const SentenceReader& reader = {});
 
     /// Reads at most so many packets more; false at the end.
     bool read(std::int64_t packets);
@@ -66,12 +67,13 @@ private:
         std::size_t operator()(const Path& path) const;
     };
 
-    explicit PacketIndex(std::shared_ptr<Capture> capture);
+    PacketIndex(std::shared_ptr<Capture> capture, const SentenceReader& reader);
     std::uint32_t pathOf(const TCPPacket& segment);
     /// The position of the plug-in that accepts a payload; one that fails on it counts as one that does not.
     std::uint8_t recognize(DataView payload, std::int64_t packet);
 
     std::shared_ptr<Capture> capture_;
+    SentenceReader reader_;
     PacketAnalyzers analyzers_;
     PacketDecoder decoder_;
     CapturedPacket packet_;

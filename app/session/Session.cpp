@@ -130,7 +130,8 @@ std::expected<std::unique_ptr<Session>, CaptureError> Session::open(SessionOptio
                                                  .keepsEveryBlock = options.keepsEveryBlock,
                                                  .filter = options.filter,
                                                  .maximumPackets = options.maximumPackets,
-                                                 .stop = options.stop});
+                                                 .stop = options.stop,
+                                                 .reader = options.reader});
     if (!capture) return std::unexpected(std::move(capture.error()));
     return open(std::shared_ptr<Capture>(std::move(*capture)), options);
 }

@@ -9,27 +9,36 @@
 
 namespace sealscope {
 
-std::string sizeText(std::int64_t bytes)
+namespace {
+
+/// A number with the decimal sign of a language.
+std::string decimal(std::string number, const SentenceReader& reader)
 {
-    if (bytes < 1'000) return fmt::format("{} B", bytes);
-    static constexpr std::array units{"kB", "MB", "GB", "TB", "PB"};
+    if (const std::size_t point = number.find('.'); point != std::string::npos) number.replace(point, 1, reader.word("."));
+    return number;
+}
+
+}  // namespace
+
+std::string sizeText(std::int64_t bytes, const SentenceReader& reader)
+{
+    if (bytes < 1'000) return fmt::format("{} {}", bytes, reader.word("B"));
+    const std::array units{reader.word("kB"), reader.word("MB"), reader.word("GB"), reader.word("TB"), reader.word("PB")};
     double value = static_cast<double>(bytes) / 1'000;
     std::size_t unit = 0;
     while (value >= 999.95 && unit + 1 < units.size()) {
         value /= 1'000;
         ++unit;
     }
-    return value < 99.95 ? fmt::format("{:.1f} {}", value, units[unit]) : fmt::format("{:.0f} {}", value, units[unit]);
+    return decimal(fmt::format("{:.{}f} {}", value, value < 99.95 ? 1 : 0, units[unit]), reader);
 }
 
-std::string counted(std::int64_t count, std::string_view noun) { return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s"); }
-
-std::string durationText(double seconds)
+std::string durationText(double seconds, const SentenceReader& reader)
 {
     const double milliseconds = seconds * 1'000;
-    if (milliseconds < 9.95) return fmt::format("{:.1f} ms", milliseconds);
+    if (milliseconds < 9.95) return decimal(fmt::format("{:.1f} ms", milliseconds), reader);
     if (milliseconds < 999.5) return fmt::format("{:.0f} ms", milliseconds);
-    if (seconds < 99.995) return fmt::format("{:.2f} s", seconds);
+    if (seconds < 99.995) return decimal(fmt::format("{:.2f} s", seconds), reader);
     const auto whole = static_cast<std::int64_t>(std::min(seconds, 1e15));
     return fmt::format("{}:{:02} min", whole / 60, whole % 60);
 }

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "app/texts/SentenceReader.h"
+
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -8,13 +10,10 @@
 namespace sealscope {
 
 /// A number of bytes as people read it, in powers of 1000: "517 B", "5.2 kB", "1.3 GB".
-std::string sizeText(std::int64_t bytes);
-
-/// A number of things by their English name: "1 packet", "20 packets".
-std::string counted(std::int64_t count, std::string_view noun);
+std::string sizeText(std::int64_t bytes, const SentenceReader& reader = {});
 
 /// A duration as people read it: "0.4 ms", "31 ms", "1.25 s", "3:07 min".
-std::string durationText(double seconds);
+std::string durationText(double seconds, const SentenceReader& reader = {});
 
 /// A text of at most so many characters: what is too much is left out in the middle and told by "…". Both ends of a URL say more
 /// than its middle.

@@ -213,8 +213,25 @@ TEST(VerdictSentence, NamesTheCauseAndWhatHelps)
         {"a probe without facts", {keyMismatch, {}, {}}, whole, "the secrets do not fit this connection"},
     };
     for (const auto& [name, verdict, summary, sentence] : cases) EXPECT_EQ(verdictSentence(verdict, summary), sentence) << name;
-    EXPECT_EQ(verdictSentence({noKeyMaterial, tls13(), KeyLogFacts{}}, whole, SentenceReader::window),
+    EXPECT_EQ(verdictSentence({noKeyMaterial, tls13(), KeyLogFacts{}}, whole, {.place = SentenceReader::Place::window}),
               "no key log given: choose one, or run the client with SSLKEYLOGFILE set");
+}
+
+TEST(VerdictSentence, IsInEnglishWhereOtherWordsDoNotFit)
+{
+    static std::string_view translation;
+    const SentenceReader reader{.words = [](std::string_view english) { return english.starts_with("{} is") ? translation : english; }};
+    const StreamVerdict verdict{unsupportedVersion, Report{.version = 0x0302, .versionName = "TLS 1.1"}, {}};
+    const std::string english = verdictSentence(verdict, {});
+    const std::pair<std::string_view, std::string> cases[] = {{"kein {0}", "kein TLS 1.1"},
+                                                              {"kein {}, nein", "kein TLS 1.1, nein"},
+                                                              {"{1}", english},
+                                                              {"kein {", english},
+                                                              {"kein {:d}", english}};
+    for (const auto& [pattern, sentence] : cases) {
+        translation = pattern;
+        EXPECT_EQ(verdictSentence(verdict, {}, reader), sentence) << pattern;
+    }
 }
 
 }  // namespace sealscope

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/desktop/export/ExportJobs.h"
 
+#include "app/desktop/StringTableTranslator.h"
 #include "app/export/CaptureCopy.h"
 #include "app/export/CollectedSecrets.h"
 #include "app/export/FormatExport.h"
@@ -14,15 +15,14 @@
 
 #include <expected>
 #include <filesystem>
-#include <fmt/format.h>
-#include <string_view>
 #include <utility>
 
 namespace sealscope::desktop {
 
 namespace {
 
-std::string cancelled(const std::string& path) { return path + ": the export was cancelled"; }
+std::string cancelled(const std::string& path) { return windowReader().say("{}: the export was cancelled", path); }
+std::string failed(const std::string& path, const std::string& reason) { return windowReader().say("{}: {}", path, reason); }
 
 /// What came of opening streams.
 struct Opened {
@@ -54,17 +54,23 @@ Opened openStreams(const ExportSource& source, DecryptorOutput output)
 
 std::string summaryOf(const Opened& opened, const std::string& path)
 {
-    std::string summary = fmt::format("{}: plaintext of {}, {}", path, counted(opened.decrypted, "stream"), sizeText(opened.bytes));
-    if (opened.closed > 0) summary += fmt::format("; {} not decrypt", opened.closed == 1 ? "1 stream does" : fmt::format("{} streams do", opened.closed));
-    return summary;
+    const SentenceReader reader = windowReader();
+    std::string summary = reader.sayOf(opened.decrypted, "{}: plaintext of {} stream, {}", "{}: plaintext of {} streams, {}", path,
+                                       opened.decrypted, sizeText(opened.bytes, reader));
+    if (opened.closed == 0) return summary;
+    summary += reader.word("; ");
+    return summary += reader.sayOf(opened.closed, "{} stream does not decrypt", "{} streams do not decrypt", opened.closed);
 }
 
-constexpr std::string_view nothingDecrypts = "none of the streams decrypts, so there is no plaintext; the list of streams says why";
+std::string nothingDecrypts()
+{
+    return windowReader().say("none of the streams decrypts, so there is no plaintext; the list of streams says why");
+}
 
 std::expected<OutputFile, std::string> begun(const std::string& file)
 {
     auto output = OutputFile::create(file, ExistingFile::isReplaced, OutputFile::Kind::anything);
-    if (!output) return std::unexpected(file + ": " + output.error());
+    if (!output) return std::unexpected(failed(file, output.error()));
     return output;
 }
 
@@ -74,13 +80,14 @@ ExportOutcome copied(const ExportSource& source, const CaptureChanges& changes, 
     // The copy takes the place of an original only when it is whole, and reads from that one until then.
     auto output = begun(file);
     if (!output) return {.problem = output.error()};
-    auto capture = Capture::open(source.session->capture().files(), {.randomAccess = true, .keepsEveryBlock = true, .stop = source.stop});
+    auto capture = Capture::open(source.session->capture().files(),
+                                 {.randomAccess = true, .keepsEveryBlock = true, .stop = source.stop, .reader = windowReader()});
     if (source.stop.stop_requested()) return {.problem = cancelled(file)};
-    if (!capture) return {.problem = capture.error().text()};
+    if (!capture) return {.problem = capture.error().text(windowReader())};
     CapturedPacket packet;
     while ((*capture)->next(packet) && !source.stop.stop_requested()) {}
     if (!copyCapture(**capture, changes, *output, source.stop)) return {.problem = cancelled(file)};
-    if (const std::string problem = output->finish(); !problem.empty()) return {.problem = file + ": " + problem};
+    if (const std::string problem = output->finish(); !problem.empty()) return {.problem = failed(file, problem)};
     return {.summary = std::move(summary)};
 }
 
@@ -88,11 +95,11 @@ ExportOutcome copied(const ExportSource& source, const CaptureChanges& changes, 
 
 ExportOutcome exportPlaintextFiles(const ExportSource& source, const std::string& folder)
 {
-    if (const auto made = prepareOutputFolder(folder); !made) return {.problem = folder + ": " + made.error()};
+    if (const auto made = prepareOutputFolder(folder); !made) return {.problem = failed(folder, made.error())};
     const Opened opened = openStreams(source, {.folder = folder});
     if (!opened.problem.empty()) return {.problem = opened.problem};
     if (source.stop.stop_requested()) return {.problem = cancelled(folder)};
-    if (opened.decrypted == 0) return {.problem = std::string(nothingDecrypts)};
+    if (opened.decrypted == 0) return {.problem = nothingDecrypts()};
     return {.summary = summaryOf(opened, folder)};
 }
 
@@ -102,33 +109,35 @@ ExportOutcome exportPlaintextCapture(const ExportSource& source, const std::stri
     if (!output) return {.problem = output.error()};
     const std::string folder = std::filesystem::absolute(file).parent_path().string();
     auto capture = PlaintextCapture::create(folder);
-    if (!capture) return {.problem = folder + ": " + capture.error()};
+    if (!capture) return {.problem = failed(folder, capture.error())};
     const Opened opened = openStreams(source, {.capture = capture->get()});
     if (source.stop.stop_requested()) return {.problem = cancelled(file)};
-    if (opened.decrypted == 0) return {.problem = std::string(nothingDecrypts)};
+    if (opened.decrypted == 0) return {.problem = nothingDecrypts()};
     std::string problem = (*capture)->write(*output, source.stop);
     if (source.stop.stop_requested()) return {.problem = cancelled(file)};
     if (problem.empty()) problem = output->finish();
-    if (!problem.empty()) return {.problem = file + ": " + problem};
+    if (!problem.empty()) return {.problem = failed(file, problem)};
     return {.summary = summaryOf(opened, file)};
 }
 
 ExportOutcome exportWithSecrets(const ExportSource& source, const std::string& file)
 {
     CollectedSecrets secrets = collectSecrets(*source.session, source.streams, source.stop);
-    if (secrets.connections == 0 && !source.stop.stop_requested()) return {.problem = "there is no secret for any of the streams"};
+    if (secrets.connections == 0 && !source.stop.stop_requested())
+        return {.problem = windowReader().say("there is no secret for any of the streams")};
     return copied(source, {.addedSecrets = std::move(secrets.keyLog)}, file,
-                  fmt::format("{}: carries secrets for {}", file, counted(secrets.connections, "connection")));
+                  windowReader().sayOf(secrets.connections, "{}: carries secrets for {} connection",
+                                       "{}: carries secrets for {} connections", file, secrets.connections));
 }
 
 ExportOutcome exportWithoutSecrets(const ExportSource& source, const std::string& file)
 {
-    return copied(source, {.dropsSecrets = true}, file, fmt::format("{}: carries no secret", file));
+    return copied(source, {.dropsSecrets = true}, file, windowReader().say("{}: carries no secret", file));
 }
 
 ExportOutcome exportObjects(const ExportSource& source, const std::string& folder)
 {
-    if (const auto made = prepareOutputFolder(folder); !made) return {.problem = folder + ": " + made.error()};
+    if (const auto made = prepareOutputFolder(folder); !made) return {.problem = failed(folder, made.error())};
     ObjectFolder objects(folder, ObjectFolder::Existing::kept);
     std::int64_t count = 0, bytes = 0, incomplete = 0;
     std::string problem;
@@ -141,9 +150,10 @@ ExportOutcome exportObjects(const ExportSource& source, const std::string& folde
     });
     if (!problem.empty()) return {.problem = problem};
     if (source.stop.stop_requested()) return {.problem = cancelled(folder)};
-    if (count == 0) return {.problem = "no message of the streams has a body, so there is nothing to save"};
-    std::string summary = fmt::format("{}: {}, {}", folder, counted(count, "object"), sizeText(bytes));
-    if (incomplete > 0) summary += fmt::format("; {} incomplete", incomplete);
+    if (count == 0) return {.problem = windowReader().say("no message of the streams has a body, so there is nothing to save")};
+    const SentenceReader reader = windowReader();
+    std::string summary = reader.sayOf(count, "{}: {} object, {}", "{}: {} objects, {}", folder, count, sizeText(bytes, reader));
+    if (incomplete > 0) (summary += reader.word("; ")) += reader.say("{} incomplete", incomplete);
     return {.summary = std::move(summary)};
 }
 
@@ -153,8 +163,9 @@ ExportOutcome exportFormat(const ExportSource& source, const StreamExportFormat&
     if (!output) return {.problem = output.error()};
     exportStreams(*source.session, source.streams, format, *output, source.stop);
     if (source.stop.stop_requested()) return {.problem = cancelled(file)};
-    if (const std::string problem = output->finish(); !problem.empty()) return {.problem = file + ": " + problem};
-    return {.summary = fmt::format("{}: {} as {}", file, counted(std::ssize(source.streams), "stream"), format.name)};
+    if (const std::string problem = output->finish(); !problem.empty()) return {.problem = failed(file, problem)};
+    const std::int64_t count = std::ssize(source.streams);
+    return {.summary = windowReader().sayOf(count, "{}: {} stream as {}", "{}: {} streams as {}", file, count, format.name)};
 }
 
 }  // namespace sealscope::desktop

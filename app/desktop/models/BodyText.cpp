@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/desktop/models/BodyText.h"
 
+#include "app/desktop/StringTableTranslator.h"
 #include "app/texts/DisplayText.h"
 #include "platform/UTF8.h"
 
@@ -161,7 +162,8 @@ std::string messageText(const StreamMessage& message)
         text += hexText(bytes.view().sub(0, told));
     }
     text += '\n';
-    if (const std::int64_t length = message.body->length(); told < length) text += fmt::format("… {} more bytes\n", length - told);
+    if (const std::int64_t length = message.body->length(); told < length)
+        text += windowReader().say("… {} more bytes", length - told) += '\n';
     return text;
 }
 

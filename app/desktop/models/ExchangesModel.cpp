@@ -2,6 +2,7 @@
 #include "app/desktop/models/ExchangesModel.h"
 
 #include "app/desktop/ShownText.h"
+#include "app/desktop/StringTableTranslator.h"
 #include "app/desktop/ToolTip.h"
 #include "app/desktop/models/Batches.h"
 #include "app/desktop/models/MessageMark.h"
@@ -205,7 +206,7 @@ QVariant ExchangesModel::data(const QModelIndex& index, int role) const
     if (role == Qt::TextAlignmentRole) return alignment(column);
     if (column == Column::waterfall && (role == Qt::ToolTipRole || role == Qt::AccessibleTextRole)) {
         if (record.duration < 0) return tr("no reply");
-        const auto text = [](double seconds) { return QString::fromStdString(durationText(seconds)); };
+        const auto text = [](double seconds) { return QString::fromStdString(durationText(seconds, windowReader())); };
         return tr("%1 until the reply began, %2 in all").arg(text(std::max(record.wait, 0.0)), text(record.duration));
     }
     if (role == Qt::ToolTipRole && column == Column::url) return plainToolTip(shownText(record.url));
@@ -222,8 +223,8 @@ QVariant ExchangesModel::data(const QModelIndex& index, int role) const
     case Column::method: return shownText(table_.name(record.method));
     case Column::status: return record.status >= 0 ? QString::number(record.status) : record.hasReply ? QString() : tr("none");
     case Column::type: return shownText(table_.name(record.type));
-    case Column::size: return record.size >= 0 ? QString::fromStdString(sizeText(record.size)) : QString();
-    case Column::duration: return record.duration >= 0 ? QString::fromStdString(durationText(record.duration)) : QString();
+    case Column::size: return record.size >= 0 ? QString::fromStdString(sizeText(record.size, windowReader())) : QString();
+    case Column::duration: return record.duration >= 0 ? QString::fromStdString(durationText(record.duration, windowReader())) : QString();
     case Column::url: return shownText(record.url);
     case Column::waterfall: return {};
     }

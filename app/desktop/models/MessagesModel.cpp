@@ -2,6 +2,7 @@
 #include "app/desktop/models/MessagesModel.h"
 
 #include "app/desktop/ShownText.h"
+#include "app/desktop/StringTableTranslator.h"
 #include "app/desktop/ToolTip.h"
 #include "app/desktop/models/Batches.h"
 #include "app/desktop/models/FilterTerms.h"
@@ -12,7 +13,7 @@
 
 #include <algorithm>
 #include <exception>
-#include <fmt/format.h>
+#include <string>
 #include <utility>
 
 namespace sealscope::desktop {
@@ -50,21 +51,23 @@ void MessagesModel::show(std::shared_ptr<const Session> session, qint64 stream)
     session_ = std::move(session);
     stream_ = stream;
     loading_ = std::make_unique<Job>([this, session = session_, number = stream](const Job::Context& context) {
+        const SentenceReader reader = windowReader();
+        const std::string name = std::to_string(number);
         Found found;
         try {
             const StreamSummary summary = session->summary(number);
             const TCPStream tcp = session->stream(number);
             const VELStreamInterpreting* const interpreter = session->plugIns().interpreter(tcp);
-            const std::string heading = fmt::format("Stream {}:  {}  →  {}", number, summary.client.text(), summary.server.text());
+            const std::string heading = reader.say("Stream {}:  {}  →  {}", name, summary.client.text(), summary.server.text());
             const std::string facts =
-                streamFacts(summary, interpreter ? interpreter->streamDisplayName : "TCP", StreamVerdicts(*session).report(tcp));
+                streamFacts(summary, interpreter ? interpreter->streamDisplayName : "TCP", StreamVerdicts(*session).report(tcp), reader);
             context.deliver([this, heading, facts] {
                 heading_ = shownText(heading);
                 facts_ = shownText(facts);
                 Q_EMIT headingChanged();
             });
             if (!interpreter) {
-                found.problem = fmt::format("stream {}: no plug-in recognises what was said in this connection", number);
+                found.problem = reader.say("stream {}: no plug-in recognises what was said in this connection", name);
             } else {
                 Batches<StreamMessage> batches(context, [this](std::vector<StreamMessage> batch) { append(std::move(batch)); });
                 std::int64_t count = 0;
@@ -88,7 +91,7 @@ void MessagesModel::show(std::shared_ptr<const Session> session, qint64 stream)
                 found.pairings = std::move(pairings).value_or(std::vector<Pairing>{});
             }
         } catch (const std::exception& problem) {
-            found.problem = fmt::format("stream {}: a plug-in could not interpret it: {}", number, problem.what());
+            found.problem = reader.say("stream {}: a plug-in could not interpret it: {}", name, problem.what());
         }
         context.deliver([this, found = std::move(found)] { finish(found); });
     });

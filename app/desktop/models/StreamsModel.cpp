@@ -2,6 +2,7 @@
 #include "app/desktop/models/StreamsModel.h"
 
 #include "app/desktop/ShownText.h"
+#include "app/desktop/StringTableTranslator.h"
 #include "app/desktop/ToolTip.h"
 #include "app/desktop/models/Batches.h"
 #include "app/records/StreamRecords.h"
@@ -38,24 +39,25 @@ QVariant alignment(Column column)
 
 StreamJudgement judge(const Session& session, const StreamVerdicts& verdicts, std::int64_t number)
 {
+    const SentenceReader reader = windowReader();
     StreamJudgement judgement{.stream = number, .tone = Tone::none};
     try {
         const TCPStream stream = session.stream(number);
         StreamRow row{.summary = session.summary(number), .canInterpret = session.plugIns().isSecured(stream)};
         if (row.canInterpret) row.verdict = verdicts.verdict(stream, ReportDepth::opened);
-        judgement.verdict = verdictText(row);
+        judgement.verdict = verdictText(row, reader);
         if (!row.verdict) return judgement;
         judgement.tone = toneOf(*row.verdict);
         judgement.advice = adviceOn(*row.verdict);
-        judgement.sentence = verdictSentence(*row.verdict, row.summary, SentenceReader::window);
+        judgement.sentence = verdictSentence(*row.verdict, row.summary, reader);
         if (const auto& report = row.verdict->report) {
             judgement.serverName = report->serverName.value_or("");
             judgement.version = report->versionName;
         }
     } catch (const std::exception& problem) {
         // What fails for one stream fails for this one alone.
-        judgement.verdict = "failed";
-        judgement.sentence = std::string("a plug-in could not look into this stream: ") + problem.what();
+        judgement.verdict = reader.word("failed");
+        judgement.sentence = reader.say("a plug-in could not look into this stream: {}", problem.what());
     }
     return judgement;
 }
@@ -266,7 +268,7 @@ QVariant StreamsModel::headerData(int section, Qt::Orientation orientation, int 
 QVariant StreamsModel::text(std::uint32_t row, Column column) const
 {
     const StreamTable::Record& record = table_[row];
-    const auto size = [&](std::int64_t bytes) { return QString::fromStdString(sizeText(bytes)); };
+    const auto size = [&](std::int64_t bytes) { return QString::fromStdString(sizeText(bytes, windowReader())); };
     switch (column) {
     case Column::number: return QString::number(row);
     case Column::client: return QString::fromStdString(table_.client(row));
@@ -282,7 +284,8 @@ QVariant StreamsModel::text(std::uint32_t row, Column column) const
         text.resize(text.size() - 3);  // milliseconds
         return QString::fromStdString(text);
     }
-    case Column::duration: return record.isMeasured ? QString::fromStdString(durationText(record.endTime - record.startTime)) : QString();
+    case Column::duration:
+        return record.isMeasured ? QString::fromStdString(durationText(record.endTime - record.startTime, windowReader())) : QString();
     case Column::verdict: return record.tone == Tone::pending ? tr("…") : shownText(table_.name(record.verdict));
     case Column::detail: {
         const auto found = sentences_.find(row);

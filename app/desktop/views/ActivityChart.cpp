@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/desktop/views/ActivityChart.h"
 
+#include "app/desktop/StringTableTranslator.h"
 #include "app/texts/SizeText.h"
 #include "app/texts/TimeText.h"
 
@@ -32,7 +33,7 @@ QString clockText(double time)
 QString spanText(double seconds)
 {
     if (seconds > 0 && seconds < 0.0005) return QStringLiteral("%1 µs").arg(seconds * 1e6, 0, 'f', seconds < 1e-5 ? 1 : 0);
-    return QString::fromStdString(durationText(seconds));
+    return QString::fromStdString(durationText(seconds, windowReader()));
 }
 
 }  // namespace
@@ -184,8 +185,8 @@ void ActivityChart::paintTexts(QPainter& painter, const QRectF& area) const
     painter.setPen(palette().color(QPalette::PlaceholderText));
     const QRectF above(area.left(), 2, area.width(), fontMetrics().height()), below(area.left(), area.bottom() + 2, area.width(), fontMetrics().height());
     const QString most = tr("at most %1 and %2 packets in %3")
-                             .arg(QString::fromStdString(sizeText(highest.bytes)), locale().toString(qlonglong{highest.packets}),
-                                  spanText(span));
+                             .arg(QString::fromStdString(sizeText(highest.bytes, windowReader())),
+                                  locale().toString(qlonglong{highest.packets}), spanText(span));
     QString legend = tr("■ bytes   ━ packets");
     if (times_) legend += QStringLiteral("   ") + tr("(Esc shows all)");
     if (fontMetrics().horizontalAdvance(most + legend) + 20 < area.width()) painter.drawText(above, Qt::AlignRight, most);

@@ -2,6 +2,7 @@
 #include "app/desktop/views/BodyView.h"
 
 #include "app/desktop/ShownText.h"
+#include "app/desktop/StringTableTranslator.h"
 #include "app/desktop/models/BodyText.h"
 #include "app/desktop/views/HexView.h"
 #include "app/texts/SizeText.h"
@@ -127,7 +128,7 @@ void BodyView::setMessage(const StreamMessage& message)
             }
             remarks.append(tr("%L1 bytes").arg(length));
             if (content.bytes.size() < length && content.image.isNull())
-                remarks.append(tr("the first %1 are shown").arg(QString::fromStdString(sizeText(content.bytes.size()))));
+                remarks.append(tr("the first %1 are shown").arg(QString::fromStdString(sizeText(content.bytes.size(), windowReader()))));
             const StreamBody::Ending ending = body.ending();
             if (!ending.isComplete) remarks.append(tr("incomplete: %1").arg(shownText(ending.reason)));
             content.remark = remarks.join(QStringLiteral(", "));

@@ -2,6 +2,7 @@
 #include "app/desktop/views/MessagePanel.h"
 
 #include "app/desktop/ShownText.h"
+#include "app/desktop/StringTableTranslator.h"
 #include "app/desktop/ToolTip.h"
 #include "app/desktop/models/BodyText.h"
 #include "app/desktop/models/DetailModel.h"
@@ -205,13 +206,13 @@ void MessagePanel::saveBody(const QString& file)
         [body = *messages_.message(row_).body, path = file.toStdString()](const std::stop_token& stop) -> std::string {
             // The dialog has asked about a file that is there.
             auto created = OutputFile::create(path, ExistingFile::isReplaced, OutputFile::Kind::anything);
-            if (!created) return path + ": " + created.error();
+            if (!created) return windowReader().say("{}: {}", path, created.error());
             const auto ending = body.forEachPiece([&](DataView piece) {
                 created->write(piece);
                 return created->isGood() && !stop.stop_requested();
             });
-            if (const std::string problem = created->finish(); !problem.empty()) return path + ": " + problem;
-            return ending.isComplete ? "" : path + ": the body is incomplete: " + ending.reason;
+            if (const std::string problem = created->finish(); !problem.empty()) return windowReader().say("{}: {}", path, problem);
+            return ending.isComplete ? "" : windowReader().say("{}: the body is incomplete: {}", path, ending.reason);
         },
         [this](const std::string& problem) {
             if (!problem.empty()) document_.tell(shownText(problem));

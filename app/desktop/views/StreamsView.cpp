@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/desktop/views/StreamsView.h"
 
+#include "app/desktop/StringTableTranslator.h"
 #include "app/desktop/models/StreamsModel.h"
 #include "app/desktop/views/FilterBar.h"
 #include "app/desktop/views/TableView.h"
@@ -132,7 +133,7 @@ void StreamsView::copyKeyLogLine()
     const std::string file = KeylogLocations::liveKeylog().string();
     // A client is started with the line next, and finds a file that only its owner reads.
     if (const auto made = KeylogLocations::makeLiveKeylog(); !made)
-        document_.tell(QString::fromStdString(file + ": " + made.error()));
+        document_.tell(QString::fromStdString(windowReader().say("{}: {}", file, made.error())));
     else
         QApplication::clipboard()->setText(QString::fromStdString("SSLKEYLOGFILE=" + file));
 }

@@ -50,8 +50,9 @@ void VerdictPanel::describe(const QString& stream, Tone tone, const QString& ver
     badge_->setText(sign.isEmpty() ? verdict : sign + QStringLiteral("  ") + verdict);
     badge_->setAccessibleName(tr("Verdict: %1").arg(verdict));
     badge_->show();
-    const QString end = sentence.isEmpty() || sentence.endsWith(QLatin1Char('?')) ? QString() : QStringLiteral(".");
-    sentence_->setText(sentence.left(1).toUpper() + sentence.mid(1) + end);
+    const QString whole = sentence.left(1).toUpper() + sentence.mid(1);
+    const bool isEnded = sentence.isEmpty() || sentence.endsWith(QLatin1Char('?')) || sentence.endsWith(QChar(u'？'));
+    sentence_->setText(isEnded ? whole : tr("%1.").arg(whole));
     const bool wantsSecrets = advice == Advice::giveKeyLog || advice == Advice::giveOtherKeyLog || advice == Advice::logAllSecrets;
     chooseKeyLog_->setVisible(wantsSecrets);
     copyLine_->setVisible(advice == Advice::giveKeyLog || advice == Advice::giveOtherKeyLog);
