@@ -3,10 +3,10 @@
 
 #include "app/cli/Interrupt.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <climits>
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 
@@ -14,16 +14,20 @@ namespace sealscope::cli {
 
 namespace {
 
-constexpr std::chrono::milliseconds longestWait{300};
+constexpr std::chrono::milliseconds betweenLooks{100};
+constexpr int mostLooksAtTheEnd = 3;
 
-/// Whether so much as PIPE_BUF can be written without waiting for longer.
-bool isReadyWithin(int descriptor, std::chrono::milliseconds wait)
+/// The same pipe, but a write to it waits for nobody; nothing for what is none. Whoever else has the pipe goes on as before.
+FileDescriptor withoutWaiting(int descriptor)
 {
-    pollfd output{.fd = descriptor, .events = POLLOUT, .revents = 0};
-    return poll(&output, 1, static_cast<int>(wait.count())) != 0;
+    struct stat status = {};
+    if (fstat(descriptor, &status) != 0 || !S_ISFIFO(status.st_mode)) return {};
+    return FileDescriptor(open(("/proc/self/fd/" + std::to_string(descriptor)).c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
 }
 
 }  // namespace
+
+Output::Output(int descriptor) : descriptor_(descriptor), pipe_(withoutWaiting(descriptor)) { buffer_.reserve(capacity + capacity / 4); }
 
 Output::~Output()
 {
@@ -60,21 +64,31 @@ void Output::flushEvery(std::chrono::milliseconds interval)
 void Output::flushLocked()
 {
     if (buffer_.empty() || !isOpen_) return;
-    if (prepare_) std::exchange(prepare_, nullptr)();
+    if (prepare_) {
+        std::exchange(prepare_, nullptr)();
+        pipe_ = {};  // a pager's, perhaps, which ends when its user wants
+    }
     std::string_view rest = buffer_;
+    int looks = 0;
     while (!rest.empty()) {
-        if (isInterrupted() && !isReadyWithin(descriptor_, longestWait)) {
-            // A reader that has stopped reading keeps nobody who was asked to end.
-            isOpen_ = false;
-            break;
-        }
-        const ssize_t written = ::write(descriptor_, rest.data(), isInterrupted() ? std::min<std::size_t>(rest.size(), PIPE_BUF) : rest.size());
+        const ssize_t written = ::write(pipe_ ? pipe_.number() : descriptor_, rest.data(), rest.size());
         if (written < 0 && errno == EINTR) continue;
+        if (written < 0 && errno == EAGAIN) {
+            // A reader that has stopped reading keeps nobody who was asked to end.
+            if (isInterrupted() && ++looks > mostLooksAtTheEnd) {
+                isOpen_ = false;
+                break;
+            }
+            pollfd output{.fd = pipe_ ? pipe_.number() : descriptor_, .events = POLLOUT, .revents = 0};
+            poll(&output, 1, static_cast<int>(betweenLooks.count()));
+            continue;
+        }
         if (written < 0) {
             isOpen_ = false;
             error_ = errno == EPIPE ? 0 : errno;
             break;
         }
+        looks = 0;
         rest.remove_prefix(static_cast<std::size_t>(written));
     }
     buffer_.clear();

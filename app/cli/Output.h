@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "platform/FileDescriptor.h"
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -15,7 +17,8 @@ namespace sealscope::cli {
 /// A descriptor that text is written to in large blocks. One thread at a time writes; `flushEvery` adds one of its own.
 class Output {
 public:
-    explicit Output(int descriptor) : descriptor_(descriptor) { buffer_.reserve(capacity + capacity / 4); }
+    /// To be made before the process confines itself.
+    explicit Output(int descriptor);
     ~Output();
 
     /// Takes whole lines: a flush in between never parts what one call brought.
@@ -43,6 +46,7 @@ private:
     void flushLocked();
 
     int descriptor_;
+    FileDescriptor pipe_;  ///< the same, where it is a pipe
     std::string buffer_;
     bool flushesEachWrite_ = false;
     std::atomic<bool> isOpen_ = true;
