@@ -22,6 +22,7 @@
 #include <QMessageBox>
 #include <QMimeData>
 #include <QProgressBar>
+#include <QScreen>
 #include <QStackedWidget>
 #include <QStatusBar>
 #include <QTabWidget>
@@ -348,7 +349,7 @@ void MainWindow::remember() const
 
 void MainWindow::recall()
 {
-    if (!restoreGeometry(WindowMemory::bytes(geometryKey))) resize(1200, 800);
+    if (!restoreGeometry(WindowMemory::bytes(geometryKey))) resize(QSize(1200, 800).boundedTo(screen()->availableSize()));
     packets_->restoreLayoutState(WindowMemory::bytes(packetsKey));
 }
 
