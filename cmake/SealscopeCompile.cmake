@@ -30,6 +30,8 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     if(CMAKE_UNITY_BUILD)
         # It takes a source file that another one includes for a header, whose unnamed namespaces many would see.
         target_compile_options(sealscope_compile INTERFACE -Wno-subobject-linkage)
+        # How much it inlines is a part of what it compiles at a time, and has a bound: without these the program is 5 % slower.
+        target_compile_options(sealscope_compile INTERFACE --param=large-unit-insns=400000 --param=inline-unit-growth=200)
     endif()
 else()
     # libstdc++ 12's stable_sort calls what C++17 deprecated, and Clang reports it where the template is used.
