@@ -10,6 +10,20 @@
 
 namespace sealscope {
 
+namespace {
+
+/// A stream as an interpreter may be given it.
+TCPStream readable(const VELStreamInterpreting& interpreter, const TCPStream& stream)
+{
+    TCPStream given = stream;
+    if (interpreter.readsPieceByPiece) return given;
+    given.clientToServerData = stream.clientToServerData.kept();
+    given.serverToClientData = stream.serverToClientData.kept();
+    return given;
+}
+
+}  // namespace
+
 SessionPlugIns::SessionPlugIns(std::shared_ptr<const KeyLogSources> secrets, const PlugInOptions& options)
     : secrets_(std::move(secrets)), options_(options), interpreters_(VELStreamInterpreterRegistry::shared().snapshot())
 {
@@ -74,7 +88,7 @@ std::optional<StreamInterpretation> SessionPlugIns::carriedInterpretation(const 
     if (!interpreter) return std::nullopt;
     StreamContext offered = context;
     offered.host = this;
-    return interpreter->interpret(stream, offered);
+    return interpreter->interpret(readable(*interpreter, stream), offered);
 }
 
 std::unique_ptr<StreamExchangeReader> SessionPlugIns::exchanges(const VELStreamInterpreting& interpreter, const TCPStream& stream,
@@ -91,7 +105,7 @@ std::unique_ptr<StreamExchangeReader> SessionPlugIns::carriedExchanges(const TCP
     if (!interpreter) return nullptr;
     StreamContext offered = context;
     offered.host = this;
-    return exchanges(*interpreter, stream, offered);
+    return exchanges(*interpreter, readable(*interpreter, stream), offered);
 }
 
 std::unique_ptr<StreamExchangeReader> SessionPlugIns::decryptedExchanges(const TCPStream& stream, const StreamContext& context) const

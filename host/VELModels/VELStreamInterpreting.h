@@ -70,6 +70,9 @@ struct VELStreamInterpreting {
     std::unique_ptr<StreamFollowing> (*follow)(const StreamContext& context) = nullptr;
     /// Null for a type that does not offer it; gives null where `interpret` is to be asked.
     std::unique_ptr<StreamExchangeReader> (*exchanges)(const TCPStream& stream, const StreamContext& context) = nullptr;
+    /// Whether it holds on to no view of a stream's bytes while it looks at megabytes of others, and so may be given data that are made
+    /// when they are looked at.
+    bool readsPieceByPiece = false;
 
     bool canInterpret(const TCPStream& stream, const StreamContext& context = {}) const { return canInterpretInContext(stream, context); }
     StreamInterpretation interpret(const TCPStream& stream, const StreamContext& context = {}) const
@@ -100,7 +103,8 @@ struct VELStreamInterpreting {
                                                               },
                                                           .forEachMessage = tellerOf<Type>(),
                                                           .follow = followerOf<Type>(),
-                                                          .exchanges = exchangesOf<Type>()};
+                                                          .exchanges = exchangesOf<Type>(),
+                                                          .readsPieceByPiece = readsInPieces<Type>()};
         return &descriptor;
     }
 
@@ -118,6 +122,13 @@ private:
             return &Type::forEachMessage;
         else
             return nullptr;
+    }
+    template <class Type> static constexpr bool readsInPieces()
+    {
+        if constexpr (requires { Type::readsPieceByPiece; })
+            return Type::readsPieceByPiece;
+        else
+            return false;
     }
     template <class Type> static constexpr decltype(VELStreamInterpreting::exchanges) exchangesOf()
     {

@@ -11,6 +11,7 @@ namespace sealscope {
 /// HTTP/2 (RFC 9113): the requests and replies of its streams, and what its other frames say.
 struct HTTP2Interpreter {
     static constexpr std::string_view streamDisplayName = "HTTP/2";
+    static constexpr bool readsPieceByPiece = true;
 
     static bool canInterpret(const TCPStream& stream, const StreamContext& context);
     static StreamInterpretation interpret(const TCPStream& stream, const StreamContext& context);
