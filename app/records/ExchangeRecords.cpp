@@ -9,26 +9,46 @@ namespace sealscope {
 
 namespace {
 
-template <class Value> std::optional<Value> attribute(const StreamMessage& message, std::string_view key)
-{
-    const VELValue* const found = message.attribute(key);
-    const auto* const value = found ? std::get_if<Value>(found) : nullptr;
-    return value ? std::optional(*value) : std::nullopt;
-}
+template <class Value> const Value* valueIn(const VELValue* value) { return value ? std::get_if<Value>(value) : nullptr; }
+
+/// What machines ask of a message, found in one go.
+struct KnownAttributes {
+    explicit KnownAttributes(const StreamMessage& message)
+    {
+        for (const StreamAttribute& attribute : message.attributes) {
+            const std::string_view key = attribute.key;
+            if (key == "method") method = valueIn<std::string>(&attribute.value);
+            else if (key == "url") url = valueIn<std::string>(&attribute.value);
+            else if (key == "status") status = valueIn<std::int64_t>(&attribute.value);
+            else if (key == "encodedBytes") encodedBytes = valueIn<std::int64_t>(&attribute.value);
+            else if (key == "contentType") contentType = valueIn<std::string>(&attribute.value);
+        }
+    }
+
+    const std::string* method = nullptr;
+    const std::string* url = nullptr;
+    const std::int64_t* status = nullptr;
+    const std::int64_t* encodedBytes = nullptr;
+    const std::string* contentType = nullptr;
+};
 
 /// A message without its body, and what machines ask of it as members of its own.
-void writeSide(JSONLineWriter& json, std::string_view key, const std::optional<StreamMessage>& message)
+void writeSide(JSONLineWriter& json, const std::optional<StreamMessage>& message)
 {
-    json.key(key);
     if (!message) return json.null();
+    const KnownAttributes known(*message);
     json.beginObject();
-    for (const char* const text : {"method", "url"})
-        if (const auto value = attribute<std::string>(*message, text)) json.member(text, *value);
-    if (const auto status = attribute<std::int64_t>(*message, "status")) json.member("status", *status);
+    if (known.method) json.member("method", *known.method);
+    if (known.url) json.member("url", *known.url);
+    if (known.status) json.member("status", *known.status);
     const std::int64_t bytes = message->body ? message->body->length() : 0;
     json.member("bodyBytes", bytes);
-    json.member("encodedBytes", attribute<std::int64_t>(*message, "encodedBytes").value_or(bytes));
-    json.member("contentType", attribute<std::string>(*message, "contentType"));
+    json.member("encodedBytes", known.encodedBytes ? *known.encodedBytes : bytes);
+    json.key("contentType");
+    if (known.contentType)
+        json.value(*known.contentType);
+    else
+        json.null();
     writeMembers(json, *message, BodyMember::leftOut);
     json.endObject();
 }
@@ -39,7 +59,7 @@ std::string protocolOf(const Exchange& exchange)
 {
     for (const auto* const message : {&exchange.request, &exchange.reply})
         if (*message)
-            if (auto protocol = attribute<std::string>(**message, "protocol")) return *protocol;
+            if (const auto* const protocol = valueIn<std::string>((*message)->attribute("protocol"))) return *protocol;
     return {};
 }
 
@@ -56,8 +76,10 @@ void appendRecord(std::string& text, const ExchangeStream& stream, const Exchang
     thread_local EndpointTexts endpoints;
     json.member("client", endpoints.text(stream.client));
     json.member("server", endpoints.text(stream.server));
-    writeSide(json, "request", exchange.request);
-    writeSide(json, "reply", exchange.reply);
+    json.key("request");
+    writeSide(json, exchange.request);
+    json.key("reply");
+    writeSide(json, exchange.reply);
     json.endObject();
     text += '\n';
 }

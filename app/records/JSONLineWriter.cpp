@@ -8,6 +8,7 @@
 #include <array>
 #include <cmath>
 #include <cstring>
+#include <fmt/compile.h>
 #include <fmt/format.h>
 #include <type_traits>
 #include <utility>
@@ -63,20 +64,48 @@ bool wantsEscape(char32_t scalar)
            (scalar >= 0x2066 && scalar <= 0x2069) || scalar == 0x061C || scalar == 0xFEFF;
 }
 
-bool areAllPlain(DataView bytes)
+/// Copies plain characters, and gives where they end; null when not all are plain.
+char* copyPlain(std::string_view characters, char* to)
 {
-    if (bytes.size() < 8) return std::ranges::all_of(bytes, [](std::uint8_t byte) { return isPlain[byte]; });
-    for (std::int64_t offset = 0; bytes.size() - offset > 8; offset += 8)
-        if (!areEightPlain(bytes.data() + offset)) return false;
-    return areEightPlain(bytes.end() - 8);  // some of them once more
+    using Sixteen = signed char __attribute__((vector_size(16)));
+    const char* const from = characters.data();
+    const std::size_t count = characters.size();
+    if (count >= sizeof(Sixteen)) {
+        Sixteen bad{};
+        const auto copySixteen = [&](std::size_t offset) {
+            Sixteen here;
+            std::memcpy(&here, from + offset, sizeof here);
+            bad |= (here < 0x20) | (here == '"') | (here == '\\') | (here == 0x7F);  // what is not ASCII is negative
+            std::memcpy(to + offset, &here, sizeof here);
+        };
+        for (std::size_t offset = 0; count - offset > sizeof(Sixteen); offset += sizeof(Sixteen)) copySixteen(offset);
+        copySixteen(count - sizeof(Sixteen));  // some of them once more
+        std::uint64_t halves[2];
+        std::memcpy(halves, &bad, sizeof halves);
+        return (halves[0] | halves[1]) == 0 ? to + count : nullptr;
+    }
+    if (count >= 8) {
+        const auto* const bytes = reinterpret_cast<const std::uint8_t*>(from);
+        if (!areEightPlain(bytes) || !areEightPlain(bytes + count - 8)) return nullptr;
+        std::memcpy(to, from, 8);
+        std::memcpy(to + count - 8, from + count - 8, 8);
+        return to + count;
+    }
+    bool arePlain = true;
+    for (std::size_t i = 0; i < count; ++i) {
+        arePlain &= isPlain[static_cast<std::uint8_t>(from[i])];
+        to[i] = from[i];
+    }
+    return arePlain ? to + count : nullptr;
 }
 
-/// Appends a text in quotation marks, character by character.
-void appendEscaped(std::string& text, std::string_view characters)
+/// A text without quotation marks, escaped character by character.
+std::string escaped(std::string_view characters)
 {
     const std::string repaired = utf8::repaired(DataView(characters));
     const DataView bytes(repaired);
-    text += '"';
+    std::string text;
+    text.reserve(repaired.size() + 16);
     for (std::int64_t offset = 0; offset < bytes.size();) {
         const utf8::Scalar scalar = *utf8::scalarAt(bytes, offset);
         if (wantsEscape(scalar.value))
@@ -85,24 +114,66 @@ void appendEscaped(std::string& text, std::string_view characters)
             text += bytes.sub(offset, scalar.length).text();
         offset += scalar.length;
     }
-    text += '"';
+    return text;
+}
+
+/// Times as captures have them, to the microsecond: the shortest digits that read back as the same number, as long as microseconds
+/// are further apart than such numbers. Null for any other.
+char* writeMicroseconds(double number, char* to)
+{
+    constexpr double largest = 4'294'967'296, smallest = 1e-4;
+    if (!(number >= smallest && number < largest)) return nullptr;
+    const auto microseconds = static_cast<std::int64_t>(number * 1e6 + 0.5);
+    if (static_cast<double>(microseconds) / 1e6 != number) return nullptr;
+    const fmt::format_int whole(microseconds / 1'000'000);
+    to = std::copy_n(whole.data(), whole.size(), to);
+    *to++ = '.';
+    auto rest = static_cast<int>(microseconds % 1'000'000);
+    for (int i = 5; i >= 0; --i, rest /= 10) to[i] = static_cast<char>('0' + rest % 10);
+    int digits = 6;
+    while (digits > 1 && to[digits - 1] == '0') --digits;
+    return to + digits;
 }
 
 }  // namespace
 
+void JSONLineWriter::grow(std::size_t count)
+{
+    constexpr std::size_t step = 512;
+    const std::size_t used = next_ ? static_cast<std::size_t>(next_ - text_.data()) : text_.size();
+    const std::size_t size = std::max(text_.capacity(), used + count + step);
+    text_.resize_and_overwrite(size, [&](char*, std::size_t) { return size; });
+    next_ = text_.data() + used;
+    end_ = text_.data() + size;
+}
+
+void JSONLineWriter::settle()
+{
+    if (!next_) return;
+    text_.resize(static_cast<std::size_t>(next_ - text_.data()));
+    next_ = end_ = nullptr;
+}
+
+void JSONLineWriter::spillIfLarge()
+{
+    if (!spill_.isDue(next_ ? static_cast<std::size_t>(next_ - text_.data()) : text_.size())) return;
+    settle();
+    spill_(text_);
+}
+
 void JSONLineWriter::key(std::string_view name)
 {
-    quoted(name, ":");
+    quoted(name);
+    *room(1) = ':';
+    ++next_;
     needsComma_ = false;
 }
 
-void JSONLineWriter::plainKey(std::string_view name)
+void JSONLineWriter::value(std::string_view characters)
 {
-    appendQuoted(name, ":");
-    needsComma_ = false;
+    quoted(characters);
+    if (depth_ == 0) settle();
 }
-
-void JSONLineWriter::value(std::string_view characters) { quoted(characters, ""); }
 
 void JSONLineWriter::integer(std::int64_t number)
 {
@@ -113,39 +184,29 @@ void JSONLineWriter::integer(std::int64_t number)
 void JSONLineWriter::value(double number)
 {
     if (!std::isfinite(number)) return null();
-    std::array<char, 32> digits;
-    const char* end = fmt::format_to(digits.data(), "{}", number);
-    const std::string_view shortest(digits.data(), static_cast<std::size_t>(end - digits.data()));
-    literal(shortest);
-    if (shortest.find_first_of(".e") == std::string_view::npos) text_ += ".0";
-}
-
-void JSONLineWriter::quoted(std::string_view characters, std::string_view behind)
-{
-    if (!areAllPlain(DataView(characters))) {
-        separate();
-        appendEscaped(text_, characters);
-        text_ += behind;
-        return;
+    std::array<char, 40> digits;
+    if (const char* const end = writeMicroseconds(number, digits.data()))
+        return literal({digits.data(), static_cast<std::size_t>(end - digits.data())});
+    char* end = fmt::format_to(digits.data(), FMT_COMPILE("{}"), number);
+    if (std::string_view(digits.data(), static_cast<std::size_t>(end - digits.data())).find_first_of(".e") == std::string_view::npos) {
+        *end++ = '.';
+        *end++ = '0';
     }
-    appendQuoted(characters, behind);
+    literal({digits.data(), static_cast<std::size_t>(end - digits.data())});
 }
 
-void JSONLineWriter::appendQuoted(std::string_view characters, std::string_view behind)
+void JSONLineWriter::quoted(std::string_view characters)
 {
-    // One growth of the line for all of it.
-    const bool hasComma = std::exchange(needsComma_, true);
-    const std::size_t start = text_.size();
-    const std::size_t end = start + characters.size() + behind.size() + 2 + hasComma;
-    text_.resize_and_overwrite(end, [&](char* line, std::size_t) {  // whose size may be what the text has room for
-        char* next = line + start;
-        if (hasComma) *next++ = ',';
-        *next++ = '"';
-        next += characters.copy(next, characters.size());
-        *next++ = '"';
-        behind.copy(next, behind.size());
-        return end;
-    });
+    separate();
+    char* const start = room(characters.size() + 2);
+    *start = '"';
+    char* end = copyPlain(characters, start + 1);
+    if (!end) {
+        const std::string text = escaped(characters);
+        end = std::ranges::copy(text, room(text.size() + 2) + 1).out;
+    }
+    *end = '"';
+    next_ = end + 1;
 }
 
 void JSONLineWriter::value(const VELValue& any)
@@ -163,14 +224,15 @@ void JSONLineWriter::value(const VELValue& any)
 void JSONLineWriter::base64(DataView bytes)
 {
     separate();
-    text_ += '"';
+    append("\"");
     // Pieces of whole triples: only the last one is padded, and a large body is not held twice.
     constexpr std::int64_t piece = 48 * 1'024;
     for (std::int64_t offset = 0; offset < bytes.size(); offset += piece) {
-        text_ += sealscope::base64(bytes.sub(offset, piece));
-        spill_(text_);
+        append(sealscope::base64(bytes.sub(offset, piece)));
+        spillIfLarge();
     }
-    text_ += '"';
+    append("\"");
+    if (depth_ == 0) settle();
 }
 
 }  // namespace sealscope

@@ -7,6 +7,7 @@
 
 #include <concepts>
 #include <cstddef>
+#include <cstring>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -15,24 +16,39 @@
 namespace sealscope {
 
 /// Appends JSON (RFC 8259) to a text: one value without line breaks. Texts come out as UTF-8; what is not well-formed in
-/// them is replaced by U+FFFD. Characters that a terminal or a log could obey are escaped.
+/// them is replaced by U+FFFD. Characters that a terminal or a log could obey are escaped. The text is there once the value is
+/// whole, and is not to be touched before.
 class JSONLineWriter {
 public:
     /// `spill`, where there is one, is called whenever the text has grown large; it may take it away.
     explicit JSONLineWriter(std::string& text, Spill spill = {}) : text_(text), spill_(std::move(spill)) {}
+    ~JSONLineWriter() { settle(); }
+    JSONLineWriter(const JSONLineWriter&) = delete;
+    JSONLineWriter& operator=(const JSONLineWriter&) = delete;
 
     void beginObject() { open('{'); }
     void endObject()
     {
         close('}');
-        spill_(text_);
+        spillIfLarge();
     }
     void beginArray() { open('['); }
     void endArray() { close(']'); }
     /// The name of the member that the next value fills.
     void key(std::string_view name);
     /// The same of a name that stands in the program, and needs no escapes.
-    template <std::size_t size> void key(const char (&name)[size]) { plainKey({name, size - 1}); }
+    template <std::size_t size> void key(const char (&name)[size])
+    {
+        char* next = room(size + 3);
+        if (needsComma_) *next++ = ',';
+        *next++ = '"';
+        std::memcpy(next, name, size - 1);
+        next += size - 1;
+        *next++ = '"';
+        *next++ = ':';
+        next_ = next;
+        needsComma_ = false;
+    }
 
     void null() { literal("null"); }
     void value(bool flag) { literal(flag ? "true" : "false"); }
@@ -66,34 +82,57 @@ public:
     }
 
 private:
+    /// Room for `count` characters behind what is written.
+    char* room(std::size_t count)
+    {
+        if (static_cast<std::size_t>(end_ - next_) < count) grow(count);
+        return next_;
+    }
+    void grow(std::size_t count);
+    /// Leaves in the text what is written, and no more.
+    void settle();
+    void spillIfLarge();
+
     void separate()
     {
-        if (needsComma_) text_ += ',';
+        if (needsComma_) *room(1) = ',', ++next_;
         needsComma_ = true;
     }
     void open(char bracket)
     {
         separate();
-        text_ += bracket;
+        *room(1) = bracket;
+        ++next_;
+        ++depth_;
         needsComma_ = false;
     }
     void close(char bracket)
     {
-        text_ += bracket;
+        *room(1) = bracket;
+        ++next_;
         needsComma_ = true;
+        if (--depth_ == 0) settle();
+    }
+    void append(std::string_view characters)
+    {
+        std::memcpy(room(characters.size()), characters.data(), characters.size());
+        next_ += characters.size();
     }
     void literal(std::string_view word)
     {
         separate();
-        text_ += word;
+        append(word);
+        if (depth_ == 0) settle();
     }
     void integer(std::int64_t number);
-    void plainKey(std::string_view name);
-    void appendQuoted(std::string_view characters, std::string_view behind);
-    void quoted(std::string_view characters, std::string_view behind);
+    void quoted(std::string_view characters);
 
     std::string& text_;
     Spill spill_;
+    // While a value is being written the text is longer than what is written of it.
+    char* next_ = nullptr;
+    char* end_ = nullptr;
+    int depth_ = 0;
     bool needsComma_ = false;
 };
 

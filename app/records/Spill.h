@@ -14,16 +14,18 @@ class Spill {
 public:
     Spill() = default;
     explicit Spill(std::function<void(std::string&)> take) : take_(std::move(take)) {}
+    /// Whether a text of that size is to be taken away.
+    bool isDue(std::size_t size) const { return take_ && size >= large; }
     /// Called between pieces; takes the text away once it is large.
     void operator()(std::string& text) const
     {
-        constexpr std::size_t large = 256 * 1'024;
-        if (!take_ || text.size() < large) return;
+        if (!isDue(text.size())) return;
         take_(text);
         text.clear();
     }
 
 private:
+    static constexpr std::size_t large = 256 * 1'024;
     std::function<void(std::string&)> take_;
 };
 

@@ -7,11 +7,24 @@
 
 namespace sealscope {
 
-std::optional<double> Exchange::duration() const
-{
-    if (!request || !reply) return std::nullopt;
-    return std::max(0.0, reply->endTimestamp.value_or(reply->timestamp) - request->timestamp);
-}
+namespace {
+
+/// Exchanges that were all made.
+class MadeExchanges final : public StreamExchangeReader {
+public:
+    explicit MadeExchanges(std::vector<Exchange> exchanges) : exchanges_(std::move(exchanges)) {}
+    std::optional<double> nextTime() const override
+    {
+        return next_ < exchanges_.size() ? std::optional(exchanges_[next_].time()) : std::nullopt;
+    }
+    void next(StreamExchange& exchange) override { exchange = std::exchange(exchanges_[next_++], {}); }
+
+private:
+    std::vector<Exchange> exchanges_;
+    std::size_t next_ = 0;
+};
+
+}  // namespace
 
 std::optional<StreamInterpretation> applicationInterpretation(const Session& session, const TCPStream& stream)
 {
@@ -20,6 +33,20 @@ std::optional<StreamInterpretation> applicationInterpretation(const Session& ses
     if (!interpreter) return std::nullopt;
     if (interpreter->layer == StreamLayer::security) return plugIns.decryptedInterpretation(stream, plugIns.context());
     return interpreter->interpret(stream, plugIns.context());
+}
+
+std::unique_ptr<StreamExchangeReader> applicationExchanges(const Session& session, const TCPStream& stream)
+{
+    const SessionPlugIns& plugIns = session.plugIns();
+    const VELStreamInterpreting* const interpreter = plugIns.interpreter(stream);
+    if (!interpreter) return nullptr;
+    if (interpreter->layer == StreamLayer::security) return plugIns.decryptedExchanges(stream, plugIns.context());
+    return plugIns.exchanges(*interpreter, stream, plugIns.context());
+}
+
+std::unique_ptr<StreamExchangeReader> readerOf(StreamInterpretation interpretation)
+{
+    return std::make_unique<MadeExchanges>(exchangesOf(std::move(interpretation)));
 }
 
 std::vector<Exchange> exchangesOf(StreamInterpretation interpretation)

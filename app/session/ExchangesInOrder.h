@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -21,27 +22,37 @@ template <class Make, class Take>
 void exchangesInOrder(const Session& session, const std::vector<std::int64_t>& streams, const Make& make, const Take& take)
 {
     using Made = decltype(make(std::declval<const TCPStream&>(), std::declval<const Exchange&>()));
-    // Of a stream with more of them, what is made at once would be more than the exchanges themselves.
+    // Of a stream with more of them, those behind are made when their turn comes.
     constexpr std::size_t madeAtOnce = 1'000;
     struct OfStream {
         std::int64_t number = 0;
         TCPStream stream;
-        std::vector<Exchange> exchanges;  ///< by time
-        std::vector<Made> made;           ///< of all of them, or none yet
-        std::vector<double> times;
+        std::vector<std::pair<double, Made>> made;  ///< the first, with their times
         std::size_t next = 0;
-        double time() const { return times[next]; }
+        std::unique_ptr<StreamExchangeReader> reader;  ///< gives those behind
+        std::optional<double> time() const
+        {
+            if (next < made.size()) return made[next].first;
+            return reader ? reader->nextTime() : std::nullopt;
+        }
+    };
+    const auto makeNext = [&](OfStream& found, Exchange& exchange) {
+        found.reader->next(exchange);
+        return make(found.stream, exchange);
     };
     const auto find = [&](std::int64_t number) {
         auto found = std::make_unique<OfStream>();
         found->number = number;
         found->stream = session.stream(number);
-        if (auto interpretation = applicationInterpretation(session, found->stream)) found->exchanges = exchangesOf(*std::move(interpretation));
-        found->times.reserve(found->exchanges.size());
-        for (const Exchange& exchange : found->exchanges) found->times.push_back(exchange.time());
-        if (found->exchanges.size() > madeAtOnce) return found;
-        for (const Exchange& exchange : found->exchanges) found->made.push_back(make(found->stream, exchange));
-        found->exchanges.clear();
+        found->reader = applicationExchanges(session, found->stream);
+        Exchange exchange;
+        while (const auto time = found->time()) {
+            if (found->made.size() == madeAtOnce) break;
+            ++found->next;  // while they are being made the reader's are the next
+            found->made.emplace_back(*time, makeNext(*found, exchange));
+        }
+        if (!found->time()) found->reader.reset();
+        found->next = 0;
         return found;
     };
 
@@ -50,23 +61,24 @@ void exchangesInOrder(const Session& session, const std::vector<std::int64_t>& s
     };
     std::vector<std::unique_ptr<OfStream>> waiting;  // a heap, the one whose next exchange is the earliest on top
     bool isWanted = true;
+    Exchange made;
     const auto handOutBefore = [&](double time) {
-        while (isWanted && !waiting.empty() && waiting.front()->time() < time) {
+        while (isWanted && !waiting.empty() && *waiting.front()->time() < time) {
             std::ranges::pop_heap(waiting, isLater);
             OfStream& first = *waiting.back();
-            if (first.made.empty())
-                isWanted = take(make(first.stream, std::exchange(first.exchanges[first.next], {})));
+            if (first.next < first.made.size())
+                isWanted = take(std::move(first.made[first.next++].second));
             else
-                isWanted = take(std::move(first.made[first.next]));
-            if (++first.next == first.times.size())
-                waiting.pop_back();
-            else
+                isWanted = take(makeNext(first, made));
+            if (first.time())
                 std::ranges::push_heap(waiting, isLater);
+            else
+                waiting.pop_back();
         }
     };
     std::size_t taken = 0;
     const auto collect = [&](std::unique_ptr<OfStream> found) {
-        if (!found->times.empty()) {
+        if (found->time()) {
             waiting.push_back(std::move(found));
             std::ranges::push_heap(waiting, isLater);
         }

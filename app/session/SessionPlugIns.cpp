@@ -1,12 +1,28 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/session/SessionPlugIns.h"
 
+#include "app/session/Exchanges.h"
+
 #include <algorithm>
 #include <iterator>
 #include <ranges>
 #include <utility>
 
 namespace sealscope {
+
+namespace {
+
+/// A stream as an interpreter may be given it.
+TCPStream readable(const VELStreamInterpreting& interpreter, const TCPStream& stream)
+{
+    TCPStream given = stream;
+    if (interpreter.readsPieceByPiece) return given;
+    given.clientToServerData = stream.clientToServerData.kept();
+    given.serverToClientData = stream.serverToClientData.kept();
+    return given;
+}
+
+}  // namespace
 
 SessionPlugIns::SessionPlugIns(std::shared_ptr<const KeyLogSources> secrets, const PlugInOptions& options)
     : secrets_(std::move(secrets)), options_(options), interpreters_(VELStreamInterpreterRegistry::shared().snapshot())
@@ -72,7 +88,37 @@ std::optional<StreamInterpretation> SessionPlugIns::carriedInterpretation(const 
     if (!interpreter) return std::nullopt;
     StreamContext offered = context;
     offered.host = this;
-    return interpreter->interpret(stream, offered);
+    return interpreter->interpret(readable(*interpreter, stream), offered);
+}
+
+std::unique_ptr<StreamExchangeReader> SessionPlugIns::exchanges(const VELStreamInterpreting& interpreter, const TCPStream& stream,
+                                                                const StreamContext& context) const
+{
+    if (interpreter.exchanges)
+        if (auto reader = interpreter.exchanges(stream, context)) return reader;
+    return readerOf(interpreter.interpret(stream, context));
+}
+
+std::unique_ptr<StreamExchangeReader> SessionPlugIns::carriedExchanges(const TCPStream& stream, const StreamContext& context) const
+{
+    const VELStreamInterpreting* const interpreter = interpreterOfCarried(stream, context);
+    if (!interpreter) return nullptr;
+    StreamContext offered = context;
+    offered.host = this;
+    return exchanges(*interpreter, readable(*interpreter, stream), offered);
+}
+
+std::unique_ptr<StreamExchangeReader> SessionPlugIns::decryptedExchanges(const TCPStream& stream, const StreamContext& context) const
+{
+    for (const auto& probe : probes_ | std::views::reverse) {
+        if (!canOpen(*probe)) continue;
+        if (probe->tellsExchanges()) {
+            if (auto reader = probe->decryptedExchanges(stream, context)) return reader;
+        } else if (auto interpretation = probe->decryptedInterpretation(stream, context)) {
+            return readerOf(*std::move(interpretation));
+        }
+    }
+    return nullptr;
 }
 
 }  // namespace sealscope

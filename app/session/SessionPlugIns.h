@@ -51,6 +51,12 @@ public:
 
     std::optional<StreamInterpretation> decryptedInterpretation(const TCPStream& stream, const StreamContext& context) const override;
     std::optional<StreamInterpretation> carriedInterpretation(const TCPStream& stream, const StreamContext& context) const override;
+    std::unique_ptr<StreamExchangeReader> carriedExchanges(const TCPStream& stream, const StreamContext& context) const override;
+    /// Those of what a stream carries under encryption. Null when it does not open.
+    std::unique_ptr<StreamExchangeReader> decryptedExchanges(const TCPStream& stream, const StreamContext& context) const;
+    /// Those that an interpreter finds in a stream, which it accepts.
+    std::unique_ptr<StreamExchangeReader> exchanges(const VELStreamInterpreting& interpreter, const TCPStream& stream,
+                                                    const StreamContext& context) const;
 
     SessionPlugIns(const SessionPlugIns&) = delete;
     SessionPlugIns& operator=(const SessionPlugIns&) = delete;

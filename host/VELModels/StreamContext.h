@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "host/VELModels/StreamExchange.h"
 #include "host/VELModels/StreamMessage.h"
 #include "host/VELModels/TCPStream.h"
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -47,6 +49,9 @@ public:
     /// `context` says what is known of the inner stream, its depth included. Nothing when no interpreter accepts it, or
     /// when it lies too deep.
     virtual std::optional<StreamInterpretation> carriedInterpretation(const TCPStream& stream, const StreamContext& context) const = 0;
+
+    /// The exchanges of such an interpretation. Null when no interpreter accepts the stream, or when it lies too deep.
+    virtual std::unique_ptr<StreamExchangeReader> carriedExchanges(const TCPStream&, const StreamContext&) const { return nullptr; }
 };
 
 }  // namespace sealscope SEALSCOPE_API

@@ -17,8 +17,11 @@ class StreamByteSource {
 public:
     virtual ~StreamByteSource() = default;
     /// The longest stretch of bytes in one place that begins at `offset`, for an offset inside the direction's data;
-    /// never empty. The bytes live as long as the source.
+    /// never empty. The bytes live as long as the source, or as `lendsForLong` says.
     virtual DataView stretch(std::int64_t offset) const = 0;
+    /// False: bytes are made when they are looked at, and live until the thread that looks has been lent some megabytes of others.
+    /// Only interpreters that say that they read piece by piece meet such a source.
+    virtual bool lendsForLong() const { return true; }
     /// Calls `visit` with one stretch after another until `count` bytes from `offset` on, all inside the direction's data, are
     /// through. A source that knows where its bytes lie does better than to look for each stretch anew.
     virtual void forEachStretch(std::int64_t offset, std::int64_t count, const std::function<void(DataView)>& visit) const;
@@ -59,6 +62,10 @@ public:
     }
     /// The length of all holes together.
     std::int64_t holeBytes() const { return source_ ? source_->holeBytes() : 0; }
+    /// Whether the bytes of a stretch live as long as the data, see `StreamByteSource`.
+    bool lendsForLong() const { return !source_ || source_->lendsForLong(); }
+    /// The same with bytes that do, which may take as much memory as there are bytes.
+    StreamData kept() const { return lendsForLong() ? *this : StreamData(whole()); }
     /// `count` bytes from `offset`, cut to the data: shared where they lie in one place, else gathered into new memory.
     Data slice(std::int64_t from, std::int64_t count) const;
     /// The same without the cost of sharing: a view of the bytes where they lie, or of `scratch`, into which they were gathered.

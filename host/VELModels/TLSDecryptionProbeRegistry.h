@@ -213,6 +213,10 @@ public:
     virtual SecretText keyLogLines(const TCPStream& stream) const;
     /// Reads a text as a key log and counts its lines, keeping nothing.
     virtual TLSKeyLogLineCount countKeyLogLines(std::string_view text) const;
+    /// Whether `decryptedExchanges` gives those of `decryptedInterpretation`.
+    virtual bool tellsExchanges() const { return false; }
+    /// The exchanges of the plaintext, which has none where no interpreter accepts it. Null when the stream does not open.
+    virtual std::unique_ptr<StreamExchangeReader> decryptedExchanges(const TCPStream&, const StreamContext&) const { return nullptr; }
 };
 
 /// The probes that the host knows. Any thread may call it.

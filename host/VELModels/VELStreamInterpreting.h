@@ -2,6 +2,7 @@
 #pragma once
 
 #include "host/VELModels/StreamContext.h"
+#include "host/VELModels/StreamExchange.h"
 #include "host/VELModels/StreamFollowing.h"
 #include "host/VELModels/StreamMessage.h"
 #include "host/VELModels/TCPStream.h"
@@ -48,6 +49,13 @@ concept StreamFollowerType = requires(const StreamContext& context) {
     { Type::follow(context) } -> std::same_as<std::unique_ptr<StreamFollowing>>;
 };
 
+/// What a type may offer on top: the exchanges of `interpret` one by one, for streams that have many. Null for a stream of which it
+/// has no other way to tell them than to interpret all of it.
+template <class Type>
+concept StreamExchangesType = requires(const TCPStream& stream, const StreamContext& context) {
+    { Type::exchanges(stream, context) } -> std::same_as<std::unique_ptr<StreamExchangeReader>>;
+};
+
 /// An interpreter type as a value. There is one for each type; its address is the type's identity.
 struct VELStreamInterpreting {
     std::string_view streamDisplayName;
@@ -60,6 +68,11 @@ struct VELStreamInterpreting {
                                                           const StreamMessageVisitor& visit) = nullptr;
     /// Begins to read a stream that still goes on, of which `canInterpret` accepts the beginning. Null for a type that does not offer it.
     std::unique_ptr<StreamFollowing> (*follow)(const StreamContext& context) = nullptr;
+    /// Null for a type that does not offer it; gives null where `interpret` is to be asked.
+    std::unique_ptr<StreamExchangeReader> (*exchanges)(const TCPStream& stream, const StreamContext& context) = nullptr;
+    /// Whether it holds on to no view of a stream's bytes while it looks at megabytes of others, and so may be given data that are made
+    /// when they are looked at.
+    bool readsPieceByPiece = false;
 
     bool canInterpret(const TCPStream& stream, const StreamContext& context = {}) const { return canInterpretInContext(stream, context); }
     StreamInterpretation interpret(const TCPStream& stream, const StreamContext& context = {}) const
@@ -89,7 +102,9 @@ struct VELStreamInterpreting {
                                                                       return static_cast<void>(context), Type::interpret(stream);
                                                               },
                                                           .forEachMessage = tellerOf<Type>(),
-                                                          .follow = followerOf<Type>()};
+                                                          .follow = followerOf<Type>(),
+                                                          .exchanges = exchangesOf<Type>(),
+                                                          .readsPieceByPiece = readsInPieces<Type>()};
         return &descriptor;
     }
 
@@ -105,6 +120,20 @@ private:
     {
         if constexpr (StreamMessageTeller<Type>)
             return &Type::forEachMessage;
+        else
+            return nullptr;
+    }
+    template <class Type> static constexpr bool readsInPieces()
+    {
+        if constexpr (requires { Type::readsPieceByPiece; })
+            return Type::readsPieceByPiece;
+        else
+            return false;
+    }
+    template <class Type> static constexpr decltype(VELStreamInterpreting::exchanges) exchangesOf()
+    {
+        if constexpr (StreamExchangesType<Type>)
+            return &Type::exchanges;
         else
             return nullptr;
     }

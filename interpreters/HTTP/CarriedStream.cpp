@@ -25,6 +25,7 @@ public:
         });
     }
 
+    bool lendsForLong() const override { return outer_.lendsForLong(); }
     DataView stretch(std::int64_t offset) const override
     {
         DataView found;

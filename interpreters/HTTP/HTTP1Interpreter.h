@@ -11,6 +11,7 @@ namespace sealscope {
 /// HTTP/1.0 and 1.1 (RFC 9112): requests and replies, and what a tunnel or an upgraded connection carries.
 struct HTTP1Interpreter {
     static constexpr std::string_view streamDisplayName = "HTTP/1";
+    static constexpr bool readsPieceByPiece = true;
 
     /// Whether a direction of a stream begins with a start line of HTTP/1.
     static bool isBeginning(const TCPStream& stream);

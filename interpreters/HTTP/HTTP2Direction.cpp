@@ -221,8 +221,11 @@ void HTTP2Direction::readHeaders(const HTTP2Frame& frame, std::int64_t prefix, s
     if (lost_.firstIn(payload)) open_->lostBytes += lost_.countIn(payload);
     if (frame.range().upper > data_.size()) open_->block.notes.push_back({"Header incomplete", "the capture ends in it"});
     if (open_->lostBytes == 0) {
-        data_.findStretches(payload.lower, payload.size(), stretches_);
-        for (const DataView& stretch : stretches_) decompressor_.push(stretch, open_->decompressed);
+        constexpr std::int64_t atOnce = 1 << 20;  // a frame may have 16 MB
+        for (; !payload.isEmpty(); payload.lower += std::min(atOnce, payload.size())) {
+            data_.findStretches(payload.lower, std::min(atOnce, payload.size()), stretches_);
+            for (const DataView& stretch : stretches_) decompressor_.push(stretch, open_->decompressed);
+        }
     }
     if (frame.has(HTTP2Frame::endHeaders) || frame.range().upper > data_.size()) endHeaders();
 }
@@ -235,18 +238,16 @@ void HTTP2Direction::endHeaders()
         decompressor_.forget();
     } else {
         decompressor_.end(open.decompressed);
-        const auto& [shown, bytes, unshown, unknown, problem] = open.decompressed;
+        const auto& [shown, count, bytes, unshown, unknown, problem] = open.decompressed;
         if (!problem.empty()) open.block.notes.push_back({"Header malformed", problem});
         if (unknown > 0)
             open.block.notes.push_back(
                 {"Header incomplete", fmt::format("{} of its fields refer to earlier ones that the capture lacks", unknown)});
         if (unshown > 0) open.block.notes.push_back({"Header cut", groupedText(unshown) + " further fields are not shown"});
     }
-    HeaderFields& fields = open.decompressed.fields;
-    open.block.fields.reserve(fields.size() + 1);  // who decrypted them adds a row
-    std::ranges::move(fields, std::back_inserter(open.block.fields));
-    fields.clear();
-    spareFields_ = std::move(fields);
+    open.block.fields = open.decompressed.fields.fitted();
+    spareFields_ = std::move(open.decompressed.fields);
+    spareFields_.clear();
     HTTP2Half& half = halves_[open.place];
     if (open.endsStream) half.isEnded = true;
     half.blocks.push_back(std::move(open.block));

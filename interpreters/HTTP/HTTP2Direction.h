@@ -10,7 +10,9 @@
 
 #include <absl/container/flat_hash_map.h>
 #include <absl/container/flat_hash_set.h>
+#include <absl/container/inlined_vector.h>
 #include <cstdint>
+#include <deque>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,7 +21,7 @@ namespace sealscope {
 
 /// A header block of a stream: the head of a message, or trailers.
 struct HTTP2Block {
-    HeaderFields fields;
+    PackedFields fields;
     std::vector<DetailRow> notes;
     ByteRange range;  ///< of the frames that carried it
 };
@@ -28,7 +30,7 @@ struct HTTP2Block {
 struct HTTP2Half {
     std::uint32_t stream = 0;
     std::optional<std::uint32_t> promisedOn;  ///< the stream that a pushed request was promised on
-    std::vector<HTTP2Block> blocks;
+    absl::InlinedVector<HTTP2Block, 1> blocks;
     ByteRanges data;    ///< payloads of DATA frames, padding taken away
     ByteRanges frames;  ///< its frames whole
     bool isEnded = false;
@@ -61,7 +63,7 @@ public:
 
     TCPSegment::Direction direction() const { return direction_; }
     /// In the order of their first frames.
-    std::vector<HTTP2Half>& halves() { return halves_; }
+    std::deque<HTTP2Half>& halves() { return halves_; }
     /// What was sent on a stream, or null.
     HTTP2Half* half(std::uint32_t stream);
     /// Takes streams away.
@@ -94,13 +96,13 @@ private:
     HeaderDecompressor decompressor_;
     std::int64_t offset_ = 0;
 
-    std::vector<HTTP2Half> halves_;
+    std::deque<HTTP2Half> halves_;
     absl::flat_hash_map<std::uint32_t, std::size_t> places_;  ///< of streams in `halves_`
     std::vector<HTTP2Frame> frames_;
     std::vector<ByteRange> gaps_;
 
     std::optional<HTTP2OpenBlock> open_;
-    HeaderFields spareFields_;  ///< room for a block's fields while their number is not known
+    PackedFields spareFields_;  ///< room for a block's fields while their number is not known
     std::vector<DataView> stretches_;
 
     std::int64_t windowUpdates_ = 0;

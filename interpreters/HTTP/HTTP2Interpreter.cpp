@@ -44,21 +44,36 @@ std::int64_t number(std::string_view text)
     return value;
 }
 
-const std::string* pseudoField(const HTTP2Block& block, std::string_view name)
+std::optional<std::string_view> pseudoField(const HTTP2Block& block, std::string_view wanted)
 {
+    std::optional<std::string_view> found;
     // They come first (RFC 9113 §8.3).
-    for (const DetailRow& field : block.fields) {
-        if (!field.name.starts_with(':') && !field.name.starts_with('(')) break;
-        if (field.name == name) return &field.value;
-    }
-    return nullptr;
+    block.fields.forEach([&](std::string_view name, std::string_view value) {
+        if (!name.starts_with(':') && !name.starts_with('(')) return false;
+        if (name == wanted) found = value;
+        return !found;
+    });
+    return found;
 }
 
 bool isGRPC(const HTTP2Block& block)
 {
-    const std::string* const type = HeaderField::find(block.fields, "content-type");
+    const auto type = block.fields.find("content-type");
     return type && type->starts_with("application/grpc");
 }
+
+/// Which block the reply begins with: the first that is no interim one.
+std::size_t finalHead(const HTTP2Half& half)
+{
+    const auto isInterim = [](const HTTP2Block& block) {
+        const auto status = pseudoField(block, ":status");
+        return status && number(*status) >= 100 && number(*status) <= 199;
+    };
+    return static_cast<std::size_t>(std::ranges::find_if_not(half.blocks, isInterim) - half.blocks.begin());
+}
+
+bool hasRequest(const HTTP2Half& half) { return !half.blocks.empty() || !half.data.isEmpty(); }
+bool hasReply(const HTTP2Half& half, std::size_t head) { return head < half.blocks.size() || !half.data.isEmpty(); }
 
 /// Makes messages of what two directions sent.
 class HTTP2Reading {
@@ -73,7 +88,7 @@ public:
         conversation_.reserve(asking_.halves().size() + answering_.halves().size());
         for (const HTTP2Direction* direction : {&asking_, &answering_}) readConnection(*direction);
         for (HTTP2Half& half : asking_.halves())
-            if (!half.blocks.empty() || !half.data.isEmpty()) readExchange(half, answering_.half(half.stream));
+            if (hasRequest(half)) readExchange(half, answering_.half(half.stream));
         // A promise may come behind what it promises, whose reply it is all the same.
         for (HTTP2Half& half : answering_.halves())
             if (half.promisedOn) readExchange(half, answering_.half(half.stream & 0x7FFF'FFFF));
@@ -96,7 +111,7 @@ public:
                 HTTP2Half* const answer = answering_.half(half.stream & 0x7FFF'FFFF);
                 if (!isFinished(half, answer)) continue;
                 // A reset may come when everything has been said.
-                if (!half.blocks.empty() || !half.data.isEmpty()) readExchange(half, answer);
+                if (hasRequest(half)) readExchange(half, answer);
                 finished.insert(half.stream);
                 finished.insert(half.stream & 0x7FFF'FFFF);
             }
@@ -116,6 +131,38 @@ public:
         return conversation_.finish();
     }
 
+    /// The request of a stream; `asked` gives up what it says.
+    HTTPMessage requestOf(HTTP2Half& asked, const HTTP2Half* answer)
+    {
+        HTTPMessage request{.direction = asked.promisedOn ? answering_.direction() : asking_.direction()};
+        fill(request, asked, answer, 0);
+        if (!asked.blocks.empty()) {
+            const HTTP2Block& head = asked.blocks.front();
+            if (const auto method = pseudoField(head, ":method")) request.method = *method;
+            request.url = urlOf(head, request.method);
+        }
+        if (request.method.empty()) request.method = "(unknown method)";
+        if (asked.promisedOn) request.notes.push_back({"Pushed by the server", fmt::format("on stream {}", *asked.promisedOn)});
+        if (!asked.blocks.empty()) takeFields(request, asked, 0);
+        return request;
+    }
+
+    /// The reply that begins with a block; `half` gives up what it says. `url` and `method` are those of its request.
+    HTTPMessage replyOf(HTTP2Half& half, std::size_t head, std::string_view url, std::string_view method, const HTTP2Half* asked)
+    {
+        HTTPMessage reply{.direction = answering_.direction(), .kind = StreamMessageKind::reply};
+        reply.url = url;
+        fill(reply, half, asked, head);
+        if (head < half.blocks.size()) {
+            if (const auto status = pseudoField(half.blocks[head], ":status"))
+                reply.status = static_cast<int>(std::clamp<std::int64_t>(number(*status), 0, 999));
+            takeFields(reply, half, head);
+            readGRPCStatus(reply);
+        }
+        if (method == "CONNECT" && reply.status / 100 == 2) reply.body = {};
+        return reply;
+    }
+
 private:
     static bool isFinished(const HTTP2Half& asked, const HTTP2Half* answer)
     {
@@ -129,19 +176,10 @@ private:
         if (conversation_.isFull()) return;
         const std::uint32_t number = asked.stream & 0x7FFF'FFFF;
         const bool hasAnswer = answer && answered_.insert(number).second;
-        HTTPMessage request{.direction = asked.promisedOn ? answering_.direction() : asking_.direction()};
-        fill(request, asked, answer, 0);
-        if (!asked.blocks.empty()) {
-            const HTTP2Block& head = asked.blocks.front();
-            if (const std::string* const method = pseudoField(head, ":method")) request.method = *method;
-            request.url = urlOf(head, request.method);
-        }
-        if (request.method.empty()) request.method = "(unknown method)";
-        if (asked.promisedOn) request.notes.push_back({"Pushed by the server", fmt::format("on stream {}", *asked.promisedOn)});
+        HTTPMessage request = requestOf(asked, answer);
         HTTPMessage known;
         known.method = request.method;
         known.url = request.url;
-        if (!asked.blocks.empty()) takeFields(request, asked, 0);
         const bool isTunnel = known.method == "CONNECT";
         const ByteRanges askedData = isTunnel ? std::exchange(request.body.ranges, {}) : ByteRanges();
         const auto inside = BodyMessages::in(request, known.url);
@@ -168,28 +206,18 @@ private:
     std::optional<std::int64_t> readReply(HTTP2Half& half, const HTTPMessage* request, std::int64_t position, const HTTP2Half* asked)
     {
         std::optional<std::int64_t> final;
-        std::size_t head = 0;
-        for (; head < half.blocks.size(); ++head) {
-            const std::string* const status = pseudoField(half.blocks[head], ":status");
-            if (!status || number(*status) < 100 || number(*status) > 199) break;
+        const std::size_t head = finalHead(half);
+        for (std::size_t i = 0; i < head; ++i) {
+            HTTP2Block& block = half.blocks[i];
             HTTPMessage interim{.direction = answering_.direction(), .kind = StreamMessageKind::data, .protocol = "HTTP/2"};
-            interim.status = static_cast<int>(number(*status));
-            interim.range = half.blocks[head].range;
+            interim.status = static_cast<int>(number(*pseudoField(block, ":status")));
+            interim.range = block.range;
             interim.attributes = {{"streamId", std::int64_t{half.stream}}};
-            interim.fields = std::move(half.blocks[head].fields);
+            block.fields.appendTo(interim.fields);
             conversation_.add(HTTPMessages::shown(std::move(interim), stream_, context_));
         }
-        if (head < half.blocks.size() || !half.data.isEmpty()) {
-            HTTPMessage reply{.direction = answering_.direction(), .kind = StreamMessageKind::reply};
-            if (request) reply.url = request->url;
-            fill(reply, half, asked, head);
-            if (head < half.blocks.size()) {
-                if (const std::string* const status = pseudoField(half.blocks[head], ":status"))
-                    reply.status = static_cast<int>(std::clamp<std::int64_t>(number(*status), 0, 999));
-                takeFields(reply, half, head);
-                readGRPCStatus(reply);
-            }
-            if (request && request->method == "CONNECT" && reply.status / 100 == 2) reply.body = {};
+        if (hasReply(half, head)) {
+            HTTPMessage reply = request ? replyOf(half, head, request->url, request->method, asked) : replyOf(half, head, {}, {}, asked);
             const auto inside = BodyMessages::in(reply, reply.url);
             final = conversation_.add(HTTPMessages::shown(std::move(reply), stream_, context_));
             if (inside) inside->append(conversation_, stream_, context_);
@@ -221,10 +249,10 @@ private:
 
     void takeFields(HTTPMessage& message, HTTP2Half& half, std::size_t head)
     {
-        message.fields = std::move(half.blocks[head].fields);
+        half.blocks[head].fields.appendTo(message.fields, 1);  // who decrypted them adds a row
         std::ranges::move(half.blocks[head].notes, std::back_inserter(message.notes));
         for (std::size_t trailers = head + 1; trailers < half.blocks.size(); ++trailers) {
-            std::ranges::move(half.blocks[trailers].fields, std::back_inserter(message.trailers));
+            half.blocks[trailers].fields.appendTo(message.trailers);
             std::ranges::move(half.blocks[trailers].notes, std::back_inserter(message.notes));
         }
         HTTPMessages::readCodings(message);
@@ -251,12 +279,16 @@ private:
 
     std::string urlOf(const HTTP2Block& head, std::string_view method) const
     {
-        const std::string* const scheme = pseudoField(head, ":scheme");
-        const std::string* const path = pseudoField(head, ":path");
-        const std::string* authority = pseudoField(head, ":authority");
-        if (!authority) authority = HeaderField::find(head.fields, "host");
-        std::string url = scheme ? *scheme : context_.isDecrypted ? "https" : "http";
-        url.append("://").append(authority ? *authority : context_.serverName.value_or(stream_.serverEndpoint.text()));
+        const auto scheme = pseudoField(head, ":scheme"), path = pseudoField(head, ":path");
+        auto authority = pseudoField(head, ":authority");
+        if (!authority) authority = head.fields.find("host");
+        std::string url(scheme ? *scheme : context_.isDecrypted ? std::string_view("https") : std::string_view("http"));
+        url.reserve(url.size() + 3 + (authority ? authority->size() : 64) + (path ? path->size() : 16));
+        url.append("://");
+        if (authority)
+            url.append(*authority);
+        else
+            url.append(context_.serverName ? *context_.serverName : stream_.serverEndpoint.text());
         if (path && *path != "*")
             url.append(*path);
         else if (!path && method != "CONNECT")
@@ -339,6 +371,93 @@ bool answers(HTTP2Direction& direction)
     return false;
 }
 
+/// The two directions of a connection, read to their ends.
+class HTTP2Connection {
+public:
+    explicit HTTP2Connection(const TCPStream& stream)
+        : isClientAsking_(HTTP2Frame::beginsWithPreface(stream.clientToServerData)),
+          isWhole_(isClientAsking_ || HTTP2Frame::beginsWithPreface(stream.serverToClientData)),
+          client_(stream, Direction::clientToServer, isWhole_ ? HTTP2Direction::Start::whole : HTTP2Direction::Start::missing),
+          server_(stream, Direction::serverToClient, isWhole_ ? HTTP2Direction::Start::whole : HTTP2Direction::Start::missing)
+    {
+        for (HTTP2Direction* direction : {&client_, &server_}) direction->goOn(stream, StreamExtent::whole);
+        isSwapped_ = isWhole_ ? !isClientAsking_ : answers(client_) && !answers(server_);
+    }
+    HTTP2Direction& asking() { return isSwapped_ ? server_ : client_; }
+    HTTP2Direction& answering() { return isSwapped_ ? client_ : server_; }
+
+private:
+    bool isClientAsking_, isWhole_, isSwapped_ = false;
+    HTTP2Direction client_, server_;
+};
+
+/// Makes the exchanges of a connection when their turns come.
+class HTTP2Exchanges final : public StreamExchangeReader {
+public:
+    HTTP2Exchanges(const TCPStream& stream, const StreamContext& context)
+        : stream_(stream), context_(context), connection_(stream_), reading_(stream_, context_, connection_.asking(), connection_.answering())
+    {}
+
+    /// False for a connection that is left to `interpret`: with tunnels, pushed replies, replies to nothing, or bytes of which nobody
+    /// knows when they came.
+    bool findOrder()
+    {
+        HTTP2Direction& asking = connection_.asking();
+        HTTP2Direction& answering = connection_.answering();
+        std::size_t answered = 0;
+        turns_.reserve(asking.halves().size());
+        for (HTTP2Half& half : asking.halves()) {
+            if (half.promisedOn) return false;
+            if (!hasRequest(half)) continue;
+            if (!half.blocks.empty() && pseudoField(half.blocks.front(), ":method") == "CONNECT") return false;
+            const auto time = timeOf(half, asking.direction());
+            if (!time) return false;
+            HTTP2Half* const answer = answering.half(half.stream);
+            if (answer) ++answered;
+            turns_.push_back({*time, &half, answer});
+        }
+        if (!std::ranges::is_sorted(turns_, {}, &Turn::time)) std::ranges::stable_sort(turns_, {}, &Turn::time);
+        return answered == answering.halves().size();
+    }
+
+    std::optional<double> nextTime() const override { return next_ < turns_.size() ? std::optional(turns_[next_].time) : std::nullopt; }
+    void next(StreamExchange& exchange) override
+    {
+        const auto& [time, asked, answer] = turns_[next_++];
+        HTTPMessage request = reading_.requestOf(*asked, answer);
+        exchange.reply.reset();
+        if (answer)
+            if (const std::size_t head = finalHead(*answer); hasReply(*answer, head))
+                exchange.reply = HTTPMessages::shown(reading_.replyOf(*answer, head, request.url, request.method, asked), stream_, context_);
+        exchange.request = HTTPMessages::shown(std::move(request), stream_, context_);
+    }
+
+private:
+    /// The earliest of the times at which a request's frames were captured, as its message has it.
+    std::optional<double> timeOf(const HTTP2Half& half, Direction direction) const
+    {
+        std::optional<double> earliest;
+        half.frames.forEach([&](ByteRange frame) {
+            if (const auto time = stream_.locate(frame, direction).timestamp) earliest = std::min(earliest.value_or(*time), *time);
+            return true;
+        });
+        return earliest;
+    }
+
+    struct Turn {
+        double time = 0;
+        HTTP2Half* asked = nullptr;
+        HTTP2Half* answer = nullptr;
+    };
+
+    TCPStream stream_;
+    StreamContext context_;
+    HTTP2Connection connection_;
+    HTTP2Reading reading_;
+    std::vector<Turn> turns_;
+    std::size_t next_ = 0;
+};
+
 /// Reads a connection that still goes on.
 class HTTP2Following final : public StreamFollowing {
 public:
@@ -397,13 +516,15 @@ bool HTTP2Interpreter::canInterpret(const TCPStream& stream, const StreamContext
 
 StreamInterpretation HTTP2Interpreter::interpret(const TCPStream& stream, const StreamContext& context)
 {
-    const bool isClientAsking = HTTP2Frame::beginsWithPreface(stream.clientToServerData);
-    const bool isWhole = isClientAsking || HTTP2Frame::beginsWithPreface(stream.serverToClientData);
-    const auto start = isWhole ? HTTP2Direction::Start::whole : HTTP2Direction::Start::missing;
-    HTTP2Direction client(stream, Direction::clientToServer, start), server(stream, Direction::serverToClient, start);
-    for (HTTP2Direction* direction : {&client, &server}) direction->goOn(stream, StreamExtent::whole);
-    const bool isSwapped = isWhole ? !isClientAsking : answers(client) && !answers(server);
-    return isSwapped ? HTTP2Reading(stream, context, server, client).read() : HTTP2Reading(stream, context, client, server).read();
+    HTTP2Connection connection(stream);
+    return HTTP2Reading(stream, context, connection.asking(), connection.answering()).read();
+}
+
+std::unique_ptr<StreamExchangeReader> HTTP2Interpreter::exchanges(const TCPStream& stream, const StreamContext& context)
+{
+    auto exchanges = std::make_unique<HTTP2Exchanges>(stream, context);
+    if (!exchanges->findOrder()) return nullptr;
+    return exchanges;
 }
 
 std::unique_ptr<StreamFollowing> HTTP2Interpreter::follow(const StreamContext& context) { return std::make_unique<HTTP2Following>(context); }

@@ -11,10 +11,12 @@ namespace sealscope {
 /// HTTP/2 (RFC 9113): the requests and replies of its streams, and what its other frames say.
 struct HTTP2Interpreter {
     static constexpr std::string_view streamDisplayName = "HTTP/2";
+    static constexpr bool readsPieceByPiece = true;
 
     static bool canInterpret(const TCPStream& stream, const StreamContext& context);
     static StreamInterpretation interpret(const TCPStream& stream, const StreamContext& context);
     static std::unique_ptr<StreamFollowing> follow(const StreamContext& context);
+    static std::unique_ptr<StreamExchangeReader> exchanges(const TCPStream& stream, const StreamContext& context);
 };
 
 }  // namespace sealscope

@@ -112,35 +112,36 @@ StreamMessage HTTPMessages::shown(HTTPMessage message, const TCPStream& stream, 
     const bool isRequest = message.kind == StreamMessageKind::request;
     const std::string* const contentType = HeaderField::find(message.fields, "content-type");
 
+    if (!message.body.ranges.isEmpty()) shown.filename = HeaderField::suggestedName(message.fields, message.url);
+    if (isRequest) {
+        shown.summary.reserve(message.method.size() + 1 + message.url.size());
+        shown.summary.append(message.method).append(1, ' ').append(message.url);
+    }
     shown.attributes = std::move(message.attributes);
     // Of a connection with many small requests these rows are most of the memory: no more room than they need.
     shown.attributes.reserve(shown.attributes.size() + (isRequest ? 4 : 3) + (contentType ? 1 : 0) + (message.reason.empty() ? 0 : 1) +
                              (message.body.codings.empty() ? 0 : 1));
     if (isRequest) {
-        shown.attributes.push_back({"method", message.method});
-        shown.attributes.push_back({"url", message.url});
+        shown.attributes.emplace_back("method", std::move(message.method));
+        shown.attributes.emplace_back("url", std::move(message.url));
     } else {
-        shown.attributes.push_back({"status", std::int64_t{message.status}});
-        if (!message.reason.empty()) shown.attributes.push_back({"statusText", message.reason});
+        shown.attributes.emplace_back("status", std::int64_t{message.status});
+        if (!message.reason.empty()) shown.attributes.emplace_back("statusText", message.reason);
     }
-    shown.attributes.push_back({"protocol", std::string(message.protocol)});
-    if (contentType) shown.attributes.push_back({"contentType", *contentType});
-    shown.attributes.push_back({"encodedBytes", message.body.ranges.size()});
+    shown.attributes.emplace_back("protocol", std::string(message.protocol));
+    if (contentType) shown.attributes.emplace_back("contentType", *contentType);
+    shown.attributes.emplace_back("encodedBytes", message.body.ranges.size());
     if (!message.body.codings.empty())
         if (const std::string* const coding = HeaderField::find(message.fields, "content-encoding"))
-            shown.attributes.push_back({"contentEncoding", *coding});
+            shown.attributes.emplace_back("contentEncoding", *coding);
 
-    if (isRequest) {
-        shown.summary.reserve(message.method.size() + 1 + message.url.size());
-        shown.summary.append(message.method).append(1, ' ').append(message.url);
-    } else {
+    if (!isRequest) {
         shown.summary = std::to_string(message.status);
         if (message.kind == StreamMessageKind::data && !message.reason.empty()) shown.summary += ' ' + message.reason;
-        if (message.kind == StreamMessageKind::reply) shown.summary += " (" + bodyText(shown) + ')';
+        if (message.kind == StreamMessageKind::reply) shown.summary.append(" (").append(bodyText(shown)).append(1, ')');
     }
 
     if (!message.body.ranges.isEmpty()) {
-        shown.filename = HeaderField::suggestedName(message.fields, message.url);
         shown.bodyHint = contentType ? HeaderField::bodyHint(*contentType) : StreamBodyHint::binary();
         if (!message.body.shortfall.empty()) message.notes.push_back({"Body incomplete", message.body.shortfall});
         shown.body =

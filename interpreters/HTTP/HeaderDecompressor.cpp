@@ -74,13 +74,15 @@ void HeaderDecompressor::forget()
     nghttp2_hd_inflate_end_headers(inflater_.get());
 }
 
-void HeaderDecompressor::add(std::string name, std::string value, Block& block) const
+void HeaderDecompressor::add(std::string_view name, std::string_view value, Block& block)
 {
     block.fieldBytes += std::ssize(name) + std::ssize(value);
-    if (block.fieldBytes > longestBlock || block.fields.size() >= mostFields)
+    if (block.fieldBytes > longestBlock || block.count >= mostFields) {
         ++block.unshown;
-    else
-        block.fields.push_back({std::move(name), std::move(value)});
+        return;
+    }
+    ++block.count;
+    block.fields.append(name, value);
 }
 
 bool HeaderDecompressor::inflate(DataView bytes, bool isLast, Block& block)
@@ -98,12 +100,15 @@ bool HeaderDecompressor::inflate(DataView bytes, bool isLast, Block& block)
         next += read;
         left -= static_cast<std::size_t>(read);
         if (flags & NGHTTP2_HD_INFLATE_EMIT) {
+            const std::string_view name(reinterpret_cast<const char*>(field.name), field.namelen);
+            const std::string_view value(reinterpret_cast<const char*>(field.value), field.valuelen);
             // A compression bomb repeats large entries: what nobody will see is not copied.
-            if (block.fieldBytes > longestBlock || block.fields.size() >= mostFields)
+            if (block.fieldBytes > longestBlock || block.count >= mostFields)
                 ++block.unshown;
+            else if (HeaderField::isASCII(name) && HeaderField::isASCII(value))
+                add(name, value, block);
             else
-                add(HeaderField::text({reinterpret_cast<const char*>(field.name), field.namelen}),
-                    HeaderField::text({reinterpret_cast<const char*>(field.value), field.valuelen}), block);
+                add(HeaderField::text(name), HeaderField::text(value), block);
         }
         if (flags & NGHTTP2_HD_INFLATE_FINAL) return true;
         if (!(flags & NGHTTP2_HD_INFLATE_EMIT) && left == 0) return true;

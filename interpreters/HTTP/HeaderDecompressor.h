@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "interpreters/HTTP/HeaderFields.h"
+#include "interpreters/HTTP/PackedFields.h"
 #include "platform/Data.h"
 
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 struct nghttp2_hd_inflater;
@@ -21,7 +22,8 @@ public:
 
     /// A header block while it is being read.
     struct Block {
-        HeaderFields fields;
+        PackedFields fields;
+        std::size_t count = 0;        ///< of them
         std::int64_t fieldBytes = 0;  ///< of all names and values
         std::int64_t unshown = 0;     ///< fields behind the limit
         std::int64_t unknown = 0;     ///< fields of which name or value is unknown
@@ -45,7 +47,7 @@ private:
     };
 
     bool inflate(DataView bytes, bool isLast, Block& block);
-    void add(std::string name, std::string value, Block& block) const;
+    static void add(std::string_view name, std::string_view value, Block& block);
     /// Reads a block field by field, stepping over what refers to unknown entries.
     void readKnownPart(DataView bytes, Block& block);
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 
 namespace sealscope {
 
@@ -195,11 +196,19 @@ std::string HeaderField::percentDecoded(std::string_view text)
     return bytes;
 }
 
-std::string HeaderField::text(std::string_view bytes)
+bool HeaderField::isASCII(std::string_view bytes)
 {
-    const bool isASCII = std::ranges::none_of(bytes, [](char byte) { return static_cast<unsigned char>(byte) >= 0x80; });
-    return isASCII ? std::string(bytes) : utf8::repaired(DataView(bytes));
+    constexpr std::uint64_t tops = 0x8080'8080'8080'8080;
+    std::uint64_t all = 0, word = 0;
+    for (; bytes.size() >= sizeof word; bytes.remove_prefix(sizeof word)) {
+        std::memcpy(&word, bytes.data(), sizeof word);
+        all |= word;
+    }
+    for (const char byte : bytes) all |= static_cast<unsigned char>(byte);
+    return (all & tops) == 0;
 }
+
+std::string HeaderField::text(std::string_view bytes) { return isASCII(bytes) ? std::string(bytes) : utf8::repaired(DataView(bytes)); }
 
 bool HeaderField::isToken(std::string_view text)
 {

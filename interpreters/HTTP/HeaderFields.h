@@ -34,6 +34,7 @@ struct HeaderField {
     static std::optional<std::string> suggestedName(const HeaderFields& fields, std::string_view url);
     /// The bytes of a percent-encoded text (RFC 3986 §2.1); what is no escape stands for itself.
     static std::string percentDecoded(std::string_view text);
+    static bool isASCII(std::string_view bytes);
     /// Text from the wire as UTF-8.
     static std::string text(std::string_view bytes);
     /// The characters of a field name (RFC 9110 §5.6.2).

@@ -11,6 +11,7 @@ namespace sealscope {
 /// WebSocket (RFC 6455), behind the handshake: messages of text and bytes, their fragments joined, pings and closes.
 struct WebSocketInterpreter {
     static constexpr std::string_view streamDisplayName = "WebSocket";
+    static constexpr bool readsPieceByPiece = true;
 
     static bool canInterpret(const TCPStream& stream, const StreamContext& context);
     static StreamInterpretation interpret(const TCPStream& stream, const StreamContext& context);

@@ -1,8 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "interpreters/TLSReach/ReachPlaintext.h"
 
+#include "Sealscope/TLSRecord.h"
+#include "platform/ScatteredView.h"
+
 #include <algorithm>
 #include <array>
+#include <cstring>
 
 namespace sealscope {
 
@@ -14,60 +18,158 @@ constexpr std::array<std::uint8_t, 16'384> zeros{};
 
 std::uint8_t* ReachPlaintext::room(std::int64_t count)
 {
-    if (left_ < count) {
-        left_ = std::max(count, blockSize);
-        next_ = blocks_.emplace_back(std::make_unique_for_overwrite<std::uint8_t[]>(static_cast<std::size_t>(left_))).get();
+    if (!isOpen_ || blockSize - used_ < count) {
+        endBlock();
+        Bytes bytes = std::exchange(spare_, nullptr);
+        if (!bytes) bytes = std::make_shared_for_overwrite<std::uint8_t[]>(static_cast<std::size_t>(blockSize));
+        blocks_.push_back({.begin = size_, .end = size_, .firstRun = runs_.size(), .bytes = std::move(bytes)});
+        isOpen_ = canReopen_ = true;
+        used_ = 0;
     }
-    return next_;
+    return blocks_.back().bytes.get() + used_;
 }
 
-void ReachPlaintext::add(std::int64_t count, ByteRange body)
+void ReachPlaintext::add(std::int64_t count, ByteRange body, const Key& key)
 {
     if (count == 0) return;
-    size_ += count;
-    pieces_.push_back({.end = size_, .bytes = next_, .body = body});
-    next_ += count;
-    left_ -= count;
+    const auto block = static_cast<std::uint32_t>(blocks_.size() - 1);
+    const bool isSameKey = !openers_.empty() && openers_.back() == key.opener;
+    if (!isSameKey) openers_.push_back(key.opener);
+    canReopen_ = canReopen_ && key.opener && key.opener->canOpenAgain();
+    Run* run = runs_.empty() ? nullptr : &runs_.back();
+    if (!run || run->isHole || run->block != block || run->count == longestRun || !isSameKey || run->sequence + run->count != key.sequence ||
+        lastBody_ + TLSRecord::headerLength != body.lower) {
+        runs_.push_back({.begin = size_,
+                         .body = body.lower,
+                         .sequence = key.sequence,
+                         .first = records_.size(),
+                         .block = block,
+                         .opener = static_cast<std::uint32_t>(openers_.size() - 1)});
+        run = &runs_.back();
+    }
+    ++run->count;
+    records_.push_back({static_cast<std::uint16_t>(count), static_cast<std::uint16_t>(body.size())});
+    lastBody_ = body.upper;
+    used_ += count;
+    blocks_.back().end = size_ += count;
 }
 
 void ReachPlaintext::addHole(std::int64_t count)
 {
     if (count <= 0) return;
+    endBlock();
+    if (runs_.empty() || !runs_.back().isHole) runs_.push_back({.begin = size_, .first = records_.size(), .isHole = true});
     size_ += count;
     holes_ += count;
-    if (!pieces_.empty() && !pieces_.back().bytes)
-        pieces_.back().end = size_;
-    else
-        pieces_.push_back({.end = size_});
 }
 
-std::vector<ReachPlaintext::Piece>::const_iterator ReachPlaintext::pieceAt(std::int64_t offset) const
+void ReachPlaintext::endBlock()
 {
-    return std::ranges::upper_bound(pieces_, offset, {}, &Piece::end);
+    if (!std::exchange(isOpen_, false)) return;
+    Block& last = blocks_.back();
+    if (last.begin == last.end) {
+        spare_ = std::move(last.bytes);
+        blocks_.pop_back();
+    } else if (kept_ >= keptBytes && canReopen_) {
+        spare_ = std::move(last.bytes);
+        isKept_ = false;
+    } else {
+        kept_ += used_;
+    }
+}
+
+void ReachPlaintext::end()
+{
+    endBlock();
+    spare_.reset();
+    records_.shrink_to_fit();
+    runs_.shrink_to_fit();
+}
+
+std::vector<ReachPlaintext::Run>::const_iterator ReachPlaintext::runAt(std::int64_t offset) const
+{
+    return std::prev(std::ranges::upper_bound(runs_, offset, {}, &Run::begin));
 }
 
 DataView ReachPlaintext::stretch(std::int64_t offset) const
 {
-    const auto piece = pieceAt(offset);
-    const std::int64_t start = startOf(piece), left = piece->end - offset;
-    return piece->bytes ? DataView(piece->bytes + (offset - start), left) : DataView(zeros).sub(0, left);
+    const auto run = runAt(offset);
+    if (run->isHole) return DataView(zeros).sub(0, endOf(run) - offset);
+    const Block& block = blocks_[run->block];
+    const std::uint8_t* const bytes = block.bytes ? block.bytes.get() : lent(run->block);
+    return {bytes + (offset - block.begin), block.end - offset};
+}
+
+const std::uint8_t* ReachPlaintext::lent(std::uint32_t number) const
+{
+    const std::scoped_lock lock(mutex_);
+    auto& mine = lent_[std::this_thread::get_id()];
+    const auto found = std::ranges::find(mine, number, &std::pair<std::uint32_t, Bytes>::first);
+    if (found != mine.end()) {
+        // What was looked at last goes last.
+        auto again = std::move(*found);
+        mine.erase(found);
+        mine.push_back(std::move(again));
+    } else {
+        mine.emplace_back(number, opened(number));
+        if (mine.size() > lentBlocks) mine.pop_front();
+    }
+    return mine.back().second.get();
+}
+
+ReachPlaintext::Bytes ReachPlaintext::opened(std::uint32_t number) const
+{
+    const Block& block = blocks_[number];
+    // Records are opened where they belong, and an opener may use as much room as their bodies have.
+    const std::int64_t size = block.end - block.begin;
+    Bytes bytes = std::make_shared_for_overwrite<std::uint8_t[]>(static_cast<std::size_t>(size + (1 << 16)));
+    std::uint8_t* next = bytes.get();
+    std::vector<DataView> stretches;
+    for (std::size_t i = block.firstRun; i < runs_.size() && runs_[i].block == number && !runs_[i].isHole; ++i) {
+        const Run& run = runs_[i];
+        std::int64_t at = run.body;
+        for (std::uint32_t position = 0; position < run.count; ++position) {
+            const Record& record = records_[run.first + position];
+            ProtectedRecord sealed;
+            captured_.copy(at - TLSRecord::headerLength, sealed.header);
+            captured_.findStretches(at, record.body, stretches);
+            sealed.body = ScatteredView(stretches);
+            const auto content = openers_[run.opener]->open(run.sequence + position, sealed, next);
+            // It has opened before.
+            if (!content || content->length != record.content) std::memset(next, 0, record.content);
+            next += record.content;
+            at += record.body + TLSRecord::headerLength;
+        }
+    }
+    return bytes;
 }
 
 std::optional<ByteRange> ReachPlaintext::hole(std::int64_t offset) const
 {
-    const auto piece = pieceAt(offset);
-    return piece->bytes ? std::nullopt : std::optional(ByteRange{startOf(piece), piece->end});
+    const auto run = runAt(offset);
+    return run->isHole ? std::optional(ByteRange{run->begin, endOf(run)}) : std::nullopt;
 }
 
 ByteLocation ReachPlaintext::locate(ByteRange range) const
 {
     ByteLocation location;
+    range.upper = std::min(range.upper, size_);
+    if (range.lower >= range.upper) return location;
     PacketIdCollector packets(location.packetIds);
-    for (auto piece = pieceAt(range.lower); piece != pieces_.end() && startOf(piece) < range.upper; ++piece) {
-        if (!piece->bytes) continue;
-        const ByteLocation behind = captured_.locate(piece->body);
-        for (const std::int64_t packetId : behind.packetIds) packets.add(packetId);
-        if (behind.timestamp) location.timestamp = std::min(location.timestamp.value_or(*behind.timestamp), *behind.timestamp);
+    for (auto run = runAt(range.lower); run != runs_.end() && run->begin < range.upper; ++run) {
+        if (run->isHole) continue;
+        std::int64_t begin = run->begin, body = run->body;
+        for (std::uint32_t position = 0; position < run->count && begin < range.upper; ++position) {
+            const Record& record = records_[run->first + position];
+            if (begin + record.content > range.lower) {
+                if (range.lower >= begin && range.upper <= begin + record.content) return index_.locate({body, body + record.body});
+                const ByteLocation behind = index_.locate({body, body + record.body});
+                for (const std::int64_t packetId : behind.packetIds) packets.add(packetId);
+                if (behind.timestamp) location.timestamp = std::min(location.timestamp.value_or(*behind.timestamp), *behind.timestamp);
+            }
+            begin += record.content;
+            body += record.body + TLSRecord::headerLength;
+        }
     }
     return location;
 }

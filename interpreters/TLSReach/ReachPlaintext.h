@@ -3,26 +3,42 @@
 
 #include "host/VELModels/ByteToSegmentIndex.h"
 #include "host/VELModels/StreamData.h"
+#include "interpreters/TLSReach/RecordOpener.h"
 
 #include <cstdint>
+#include <deque>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
+#include <thread>
+#include <utility>
 #include <vector>
 
 namespace sealscope {
 
-/// The plaintext of one direction, record by record, with holes in place of records that could not be opened as long as these are
-/// known to have been. Immutable once it is built; any thread may read it then.
+/// The plaintext of one direction, with holes in place of records that could not be opened as long as these are known to have been.
+/// The first of it is kept; what lies behind is opened anew when somebody reads it, where that is possible. Nothing changes once it is
+/// built; any thread may read it then.
 class ReachPlaintext final : public StreamByteSource, public ByteLocator {
 public:
-    explicit ReachPlaintext(ByteToSegmentIndex captured) : captured_(std::move(captured)) {}
+    /// `captured` and `index`: the direction's data, and where they came from.
+    ReachPlaintext(StreamData captured, ByteToSegmentIndex index) : captured_(std::move(captured)), index_(std::move(index)) {}
 
-    /// Room for the next record's plaintext: `count` bytes, which stay where they are.
+    /// What opened a record.
+    struct Key {
+        std::shared_ptr<RecordOpener> opener;
+        std::uint64_t sequence = 0;
+    };
+
+    /// Room for the next record's plaintext: `count` bytes, no more than `blockSize`.
     std::uint8_t* room(std::int64_t count);
     /// What was opened into the room last: `count` bytes of it, from a record whose body lies at `body`.
-    void add(std::int64_t count, ByteRange body);
+    void add(std::int64_t count, ByteRange body, const Key& key);
     /// As many bytes that nobody opened.
     void addHole(std::int64_t count);
+    /// Nothing more comes.
+    void end();
 
     std::int64_t size() const { return size_; }
     std::int64_t openedBytes() const { return size_ - holes_; }
@@ -30,25 +46,63 @@ public:
     DataView stretch(std::int64_t offset) const override;
     std::optional<ByteRange> hole(std::int64_t offset) const override;
     std::int64_t holeBytes() const override { return holes_; }
+    bool lendsForLong() const override { return isKept_; }
     ByteLocation locate(ByteRange range) const override;
 
 private:
-    static constexpr std::int64_t blockSize = 1 << 20;
-    struct Piece {
-        std::int64_t end = 0;                 ///< in the plaintext
-        const std::uint8_t* bytes = nullptr;  ///< null for a hole
-        ByteRange body;
-    };
-    std::vector<Piece>::const_iterator pieceAt(std::int64_t offset) const;
-    std::int64_t startOf(std::vector<Piece>::const_iterator piece) const { return piece == pieces_.begin() ? 0 : std::prev(piece)->end; }
+    static constexpr std::int64_t blockSize = 1 << 18;
+    static constexpr std::int64_t keptBytes = 8 << 20;
+    static constexpr std::uint32_t longestRun = 64;
+    static constexpr std::size_t lentBlocks = 16;  ///< to a thread at the same time
 
-    ByteToSegmentIndex captured_;
-    std::vector<Piece> pieces_;
-    std::vector<std::unique_ptr<std::uint8_t[]>> blocks_;
-    std::int64_t left_ = 0;  ///< bytes at the end of the last block
-    std::uint8_t* next_ = nullptr;
+    using Bytes = std::shared_ptr<std::uint8_t[]>;
+    struct Record {
+        std::uint16_t content = 0;
+        std::uint16_t body = 0;
+    };
+    /// Records one behind another, or a hole.
+    struct Run {
+        std::int64_t begin = 0;  ///< in the plaintext
+        std::int64_t body = 0;   ///< where the first record's body begins in the captured data
+        std::uint64_t sequence = 0;
+        std::size_t first = 0;  ///< of its records
+        std::uint32_t count = 0;
+        std::uint32_t block = 0;
+        std::uint32_t opener = 0;
+        bool isHole = false;
+    };
+    struct Block {
+        std::int64_t begin = 0;  ///< in the plaintext
+        std::int64_t end = 0;
+        std::size_t firstRun = 0;
+        Bytes bytes;  ///< null: to be opened anew
+    };
+
+    void endBlock();
+    std::vector<Run>::const_iterator runAt(std::int64_t offset) const;
+    std::int64_t endOf(std::vector<Run>::const_iterator run) const { return std::next(run) == runs_.end() ? size_ : std::next(run)->begin; }
+    /// The bytes of a block that was not kept, as this thread has them.
+    const std::uint8_t* lent(std::uint32_t number) const;
+    Bytes opened(std::uint32_t number) const;
+
+    StreamData captured_;
+    ByteToSegmentIndex index_;
+    std::vector<Record> records_;
+    std::vector<Run> runs_;
+    std::deque<Block> blocks_;
+    std::vector<std::shared_ptr<RecordOpener>> openers_;
+    std::int64_t used_ = 0;  ///< bytes of the last block
+    std::int64_t lastBody_ = 0;  ///< where the last record ends in the captured data
+    Bytes spare_;            ///< of a block that is not kept
+    bool isOpen_ = false;    ///< the last block may grow
+    bool canReopen_ = true;  ///< all records of the last block
+    bool isKept_ = true;     ///< every block
+    std::int64_t kept_ = 0;
     std::int64_t size_ = 0;
     std::int64_t holes_ = 0;
+
+    mutable std::mutex mutex_;
+    mutable std::map<std::thread::id, std::deque<std::pair<std::uint32_t, Bytes>>> lent_;
 };
 
 }  // namespace sealscope

@@ -83,18 +83,25 @@ OpenedDirection openedDirection(ReachConnection& connection, Direction direction
     const TCPStream& stream = connection.stream();
     const bool isTLS13 = connection.parameters()->isTLS13();
     OpenedDirection opened;
-    auto plaintext =
-        std::make_shared<ReachPlaintext>(direction == Direction::serverToClient ? stream.serverByteIndex : stream.clientByteIndex);
+    auto plaintext = std::make_shared<ReachPlaintext>(stream.data(direction), direction == Direction::serverToClient
+                                                                                  ? stream.serverByteIndex
+                                                                                  : stream.clientByteIndex);
     ReachWalk walk(connection, direction);
     while (walk.next(plaintext->room(PlaintextReader::largestRecord))) {
-        if (const auto& gap = walk.gap()) plaintext->addHole(gap->contentLength);
-        if (walk.isApplicationData()) plaintext->add(walk.content().size(), {walk.record().bodyOffset, walk.record().endOffset()});
+        if (const auto& gap = walk.gap()) {
+            // The record was opened where the hole begins.
+            const std::vector<std::uint8_t> content(walk.content().begin(), walk.content().end());
+            plaintext->addHole(gap->contentLength);
+            std::ranges::copy(content, plaintext->room(PlaintextReader::largestRecord));
+        }
+        if (walk.isApplicationData()) plaintext->add(walk.content().size(), {walk.record().bodyOffset, walk.record().endOffset()}, {walk.opener(), walk.sequence()});
         for (const AssembledMessage& message : walk.messages()) {
             opened.handshake.push_back(ReachMessages::message(message, isTLS13, direction, stream));
             if (isTLS13 && message.type == std::to_underlying(TLSHandshakeType::encryptedExtensions))
                 opened.applicationProtocol = TLSApplicationProtocol::ofEncryptedExtensions(message.body);
         }
     }
+    plaintext->end();
     opened.plaintext = std::move(plaintext);
     opened.isWhole = walk.openedRecords() == walk.protectedRecords();
     return opened;
@@ -156,6 +163,46 @@ StreamInterpretation merged(std::vector<StreamMessage> handshake, StreamInterpre
     return interpretation;
 }
 
+void mark(StreamMessage& message)
+{
+    message.id = UUID::random();
+    message.detail.insert(message.detail.begin(), decryptedRow);
+    message.isDecrypted = true;
+}
+
+/// Both directions of a connection, opened.
+struct OpenedStream {
+    explicit OpenedStream(ReachConnection& connection)
+        : client(openedDirection(connection, Direction::clientToServer)), server(openedDirection(connection, Direction::serverToClient))
+    {}
+    bool hasPlaintext() const { return client.plaintext->openedBytes() > 0 || server.plaintext->openedBytes() > 0; }
+    /// A handshake alone does not stand in for data that stay closed.
+    bool isOpen() const
+    {
+        const bool hasHandshake = !client.handshake.empty() || !server.handshake.empty();
+        return hasPlaintext() || (hasHandshake && client.isWhole && server.isWhole);
+    }
+
+    OpenedDirection client;
+    OpenedDirection server;
+};
+
+/// The exchanges of a plaintext, or none.
+class OpenedExchanges final : public StreamExchangeReader {
+public:
+    explicit OpenedExchanges(std::unique_ptr<StreamExchangeReader> inner) : inner_(std::move(inner)) {}
+    std::optional<double> nextTime() const override { return inner_ ? inner_->nextTime() : std::nullopt; }
+    void next(StreamExchange& exchange) override
+    {
+        inner_->next(exchange);
+        for (auto* const message : {&exchange.request, &exchange.reply})
+            if (*message) mark(**message);
+    }
+
+private:
+    std::unique_ptr<StreamExchangeReader> inner_;
+};
+
 }  // namespace
 
 ReachProbe::ReachProbe(std::shared_ptr<const KeyLogSources> sources) : store_(sources), secrets_(std::move(sources)) {}
@@ -212,29 +259,36 @@ std::optional<StreamInterpretation> ReachProbe::decryptedInterpretation(const TC
 {
     ReachConnection connection(stream, secrets_.current());
     if (!connection.parameters()) return std::nullopt;
-    OpenedDirection client = openedDirection(connection, Direction::clientToServer);
-    OpenedDirection server = openedDirection(connection, Direction::serverToClient);
+    OpenedStream opened(connection);
+    if (!opened.isOpen()) return std::nullopt;
+    auto& [client, server] = opened;
     std::vector<StreamMessage> handshake = std::move(client.handshake);
     std::ranges::move(server.handshake, std::back_inserter(handshake));
-    const bool hasPlaintext = client.plaintext->openedBytes() > 0 || server.plaintext->openedBytes() > 0;
-    // A handshake alone does not stand in for data that stay closed.
-    if (!hasPlaintext && (handshake.empty() || !client.isWhole || !server.isWhole)) return std::nullopt;
 
     std::optional<StreamInterpretation> inner;
-    if (hasPlaintext && context.host)
+    if (opened.hasPlaintext() && context.host)
         inner = context.host->carriedInterpretation(plaintextStream(stream, client, server), contextOf(connection, server, context));
     if (inner) {
-        for (StreamMessage& message : inner->messages) {
-            message.id = UUID::random();
-            message.detail.insert(message.detail.begin(), decryptedRow);
-            message.isDecrypted = true;
-        }
+        for (StreamMessage& message : inner->messages) mark(message);
     } else {
         inner.emplace();
         if (client.plaintext->openedBytes() > 0) inner->messages.push_back(wholeDirection(Direction::clientToServer, client));
         if (server.plaintext->openedBytes() > 0) inner->messages.push_back(wholeDirection(Direction::serverToClient, server));
     }
     return merged(std::move(handshake), *std::move(inner));
+}
+
+std::unique_ptr<StreamExchangeReader> ReachProbe::decryptedExchanges(const TCPStream& stream, const StreamContext& context) const
+{
+    ReachConnection connection(stream, secrets_.current());
+    if (!connection.parameters()) return nullptr;
+    const OpenedStream opened(connection);
+    if (!opened.isOpen()) return nullptr;
+    std::unique_ptr<StreamExchangeReader> inner;
+    if (opened.hasPlaintext() && context.host)
+        inner = context.host->carriedExchanges(plaintextStream(stream, opened.client, opened.server),
+                                               contextOf(connection, opened.server, context));
+    return std::make_unique<OpenedExchanges>(std::move(inner));
 }
 
 }  // namespace sealscope

@@ -22,6 +22,8 @@ public:
     TLSDecryptionOutcome probe(const TCPStream& stream) const override;
     std::optional<TLSDecryptionReport> report(const TCPStream& stream, ReportDepth depth) const override;
     std::optional<StreamInterpretation> decryptedInterpretation(const TCPStream& stream, const StreamContext& context) const override;
+    bool tellsExchanges() const override { return true; }
+    std::unique_ptr<StreamExchangeReader> decryptedExchanges(const TCPStream& stream, const StreamContext& context) const override;
     /// Lines with session IDs count as well.
     TLSKeyMaterialReport keyMaterial() const override;
     /// Where no key log has any, with the master secret that was found otherwise.

@@ -44,6 +44,9 @@ public:
     std::uint8_t innerType() const { return opened_.type; }
     DataView content() const { return content_; }
     bool isApplicationData() const;
+    // What opened it, of a record of application data.
+    const std::shared_ptr<RecordOpener>& opener() const { return current_; }
+    std::uint64_t sequence() const { return sequence_ - 1; }
     /// What was stepped over in front of it; after the last one, what is left. Where records can be padded the length of their content
     /// counts as exact when none was that opened.
     const std::optional<PlaintextGap>& gap() const { return gap_; }
@@ -119,7 +122,7 @@ private:
     std::array<std::uint8_t, 64> before_{};
 
     Epoch epoch_ = 0;
-    std::unique_ptr<RecordOpener> current_;
+    std::shared_ptr<RecordOpener> current_;
     std::unique_ptr<RecordOpener> following_;  ///< of the epoch behind the current one
     bool hasFollowing_ = false;
     SecretBytes applicationSecret_;  ///< of TLS 1.3: the current epoch's, or the first

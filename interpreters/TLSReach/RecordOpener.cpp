@@ -179,6 +179,7 @@ public:
             return std::nullopt;
         return OpenedRecord{record.type(), length};
     }
+    bool canOpenAgain() const override { return hasExplicitIV(); }
     std::int64_t smallestBody() const override { return (hasExplicitIV() ? block_ : 0) + std::max(block_, mac_.length()); }
     ContentLength contentLength(std::int64_t bodyLength) const override
     {
@@ -230,6 +231,7 @@ public:
         if (explicitNonce_ == 0 || record.body.size() < 8) return std::nullopt;
         return nonceOf(record) - nonceAhead_.value_or(0);
     }
+    bool canOpenAgain() const override { return true; }
     std::int64_t smallestBody() const override { return explicitNonce_ + tagLength_; }
     ContentLength contentLength(std::int64_t bodyLength) const override
     {
@@ -295,6 +297,7 @@ public:
         return sequence;
     }
     std::int64_t openingsToSay() const override { return isAESGCM_ ? 2 : 0; }
+    bool canOpenAgain() const override { return true; }
     std::int64_t smallestBody() const override { return tagLength_ + 1; }
     ContentLength contentLength(std::int64_t bodyLength) const override
     {

@@ -8,7 +8,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const TCPStream stream = fuzzedStream(DataView(data, static_cast<std::int64_t>(size)));
     const StreamContext context{.largestDecodedBody = 1 << 18};
     HTTP2Interpreter::canInterpret(stream, context);
-    requireSound(HTTP2Interpreter::interpret(stream, context), stream);
+    const StreamInterpretation whole = HTTP2Interpreter::interpret(stream, context);
+    requireSound(whole, stream);
+    requireTellsExchanges<HTTP2Interpreter>(whole, stream, context);
     requireFollows<HTTP2Interpreter>(stream, context);
     return 0;
 }

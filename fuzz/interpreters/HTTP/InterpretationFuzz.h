@@ -79,4 +79,26 @@ template <class Interpreter> void requireFollows(const TCPStream& stream, const 
     }
 }
 
+/// Exchanges that are told one by one are those of the pairings, in the order of their times.
+template <class Interpreter>
+void requireTellsExchanges(const StreamInterpretation& interpretation, const TCPStream& stream, const StreamContext& context)
+{
+    const auto reader = Interpreter::exchanges(stream, context);
+    if (!reader) return;
+    std::vector<Pairing> pairings = interpretation.pairings.value_or(std::vector<Pairing>{});
+    const auto message = [&](std::int64_t index) -> const StreamMessage& { return interpretation.messages[static_cast<std::size_t>(index)]; };
+    std::ranges::stable_sort(pairings, {}, [&](const Pairing& pairing) { return message(pairing.requestIndex).timestamp; });
+    for (const Pairing& pairing : pairings) {
+        const auto time = reader->nextTime();
+        require(time.has_value(), "as many exchanges as pairings");
+        StreamExchange exchange;
+        reader->next(exchange);
+        require(exchange.request && exchange.time() == *time, "an exchange has the time that was told");
+        require(exchange.request->detail == message(pairing.requestIndex).detail, "the request is the same");
+        require(exchange.reply.has_value() == pairing.replyIndex.has_value(), "a reply where there is one");
+        if (exchange.reply) require(exchange.reply->detail == message(*pairing.replyIndex).detail, "the reply is the same");
+    }
+    require(!reader->nextTime(), "no more exchanges than pairings");
+}
+
 }  // namespace sealscope

@@ -13,10 +13,32 @@ namespace {
 using Type = HTTP2Writer::Type;
 constexpr auto endStream = HTTP2Writer::endStream, endHeaders = HTTP2Writer::endHeaders;
 
+/// Requests and replies told one by one are those of the pairings.
+void expectExchangesOf(const StreamInterpretation& whole, const TCPStream& stream)
+{
+    const auto reader = HTTP2Interpreter::exchanges(stream, {});
+    if (!reader) return;  // left to the whole
+    std::vector<std::string> expected, found;
+    const auto add = [](std::vector<std::string>& list, const StreamMessage& request, const StreamMessage* reply) {
+        list.push_back(request.summary + " → " + (reply ? reply->summary : "nothing"));
+    };
+    for (const Pairing& pairing : whole.pairings.value_or(std::vector<Pairing>{}))
+        add(expected, whole.messages[static_cast<std::size_t>(pairing.requestIndex)],
+            pairing.replyIndex ? &whole.messages[static_cast<std::size_t>(*pairing.replyIndex)] : nullptr);
+    for (StreamExchange exchange; const auto time = reader->nextTime();) {
+        reader->next(exchange);
+        EXPECT_EQ(exchange.time(), *time);
+        add(found, *exchange.request, exchange.reply ? &*exchange.reply : nullptr);
+    }
+    EXPECT_EQ(found, expected);
+}
+
 /// The transcript without the frames that are shown by themselves, which have a test of their own.
 std::string read(const std::vector<Said>& said)
 {
-    StreamInterpretation result = HTTP2Interpreter::interpret(conversation(said), {});
+    const TCPStream stream = conversation(said);
+    StreamInterpretation result = HTTP2Interpreter::interpret(stream, {});
+    expectExchangesOf(result, stream);
     std::string text = transcript(result), kept;
     for (std::size_t end; (end = text.find('\n')) != std::string::npos; text.erase(0, end + 1))
         if (!text.starts_with("> data SETTINGS") && !text.starts_with("< data SETTINGS")) kept += text.substr(0, end + 1);
@@ -38,6 +60,19 @@ TEST(HTTP2, JoinsWhatInterleavedStreamsCarry)
               "> request GET https://h/a\n> request POST https://h/b \"upload\"\n< data 103\n"
               "< reply 200 (text/plain, 7 bytes) \"one two\" [x-sum (trailer): 7]\n< reply 404 (2 bytes) \"no\"\n"
               "1-6 GET /a → 404 (2 bytes, 2 ms)\n2-5 POST /b → 200 (text/plain, 7 bytes, 3 ms)\n");
+}
+
+TEST(HTTP2, TellsExchangesInTheOrderOfTheirTimes)
+{
+    HTTP2Writer client, server;
+    const std::string asked = HTTP2Writer::preface() + client.headers(1, HTTP2Writer::get("/slow"), endStream);
+    const std::string later = client.headers(3, HTTP2Writer::get("/quick"), endStream) + client.headers(5, HTTP2Writer::get("/never"), endStream);
+    const std::string answered = server.headers(3, {{":status", "204"}}, endStream) + server.headers(1, {{":status", "200"}}, endStream);
+    const TCPStream stream = conversation({{'>', asked}, {'>', later}, {'<', answered}});
+    ASSERT_TRUE(HTTP2Interpreter::exchanges(stream, {}));
+    expectExchangesOf(HTTP2Interpreter::interpret(stream, {}), stream);
+    // A reply to what the capture lacks is left to the whole.
+    EXPECT_FALSE(HTTP2Interpreter::exchanges(conversation({{'>', asked}, {'<', answered}}), {}));
 }
 
 TEST(HTTP2, TakesPaddingPrioritiesAndContinuationsAway)
@@ -102,7 +137,10 @@ TEST(HTTP2, DecompressesTheStandardsExamples)
         decompressor.push(hex(bytes), block);
         decompressor.end(block);
         std::string text = block.problem;
-        for (const DetailRow& field : block.fields) text += field.name + '=' + field.value + '\n';
+        block.fields.forEach([&](std::string_view name, std::string_view value) {
+            text.append(name).append(1, '=').append(value).append(1, '\n');
+            return true;
+        });
         return text;
     };
     HeaderDecompressor requests, late;

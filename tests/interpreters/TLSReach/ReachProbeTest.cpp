@@ -12,10 +12,12 @@
 #include <algorithm>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 #include <random>
+#include <thread>
 
 namespace sealscope {
 namespace {
@@ -92,6 +94,79 @@ void lose(StreamPiece& piece)
 {
     piece.packetId.reset();
     piece.lostBytes = std::exchange(piece.bytes, Data()).size();
+}
+
+/// Keeps the plaintext that interpreters are offered.
+class PlaintextTaker final : public StreamHost {
+public:
+    std::optional<StreamInterpretation> decryptedInterpretation(const TCPStream&, const StreamContext&) const override { return {}; }
+    std::optional<StreamInterpretation> carriedInterpretation(const TCPStream& stream, const StreamContext&) const override
+    {
+        taken = stream;
+        return std::nullopt;
+    }
+    mutable std::optional<TCPStream> taken;
+};
+
+std::int64_t heapBytes()
+{
+    const auto used = mallinfo2();
+    return static_cast<std::int64_t>(used.uordblks + used.hblkhd);
+}
+
+// What lies behind the first megabytes is opened anew as often as somebody reads it, with whatever can be opened out of turn.
+TEST(ReachProbe, HoldsNoLongPlaintext)
+{
+    struct Case {
+        const char* name;
+        TLSSessionOptions options;
+        bool losesRecords;  ///< whose length is known
+        bool isHeld;
+    };
+    const Case cases[] = {{"TLS 1.3", {.version = 0x0304}, true, false},
+                          {"TLS 1.2, AEAD", {.version = 0x0303, .suites = "ECDHE-RSA-AES128-GCM-SHA256"}, true, false},
+                          {"TLS 1.2, blocks", {.version = 0x0303, .suites = "ECDHE-RSA-AES128-SHA256"}, false, false},
+                          {"TLS 1.0, whose records depend on those before", {.version = 0x0301, .suites = "AES128-SHA"}, false, true}};
+    constexpr std::int64_t length = 48 << 20, mostHeld = 20 << 20;
+    for (const auto& [name, options, losesRecords, isHeld] : cases) {
+        const TLSSession session =
+            runTLS(options, {clientSends("GET / HTTP/1.1\r\n\r\n"), serverSends(patternBytes(length)), clientSends("and so on")});
+        ASSERT_TRUE(session.isComplete) << name << ": " << session.failure;
+        const auto probe = probeWith(session.keyLog);
+        std::vector<StreamPiece> pieces = streamPieces(session.flights, {.segmentSize = 60'000});
+        if (losesRecords) lose(pieces[pieces.size() / 2]);
+        const TCPStream stream = vectorStream(pieces);
+        const std::int64_t before = heapBytes();
+        PlaintextTaker host;
+        probe->decryptedInterpretation(stream, {.host = &host});
+        ASSERT_TRUE(host.taken) << name;
+        const StreamData& data = host.taken->serverToClientData;
+        EXPECT_EQ(data.lendsForLong(), isHeld) << name;
+        ASSERT_EQ(data.size(), length) << name;
+
+        const DataView expected = session.plaintext(server).view();
+        const auto readFrom = [&](std::int64_t start) {
+            std::int64_t wrong = 0;
+            for (std::int64_t offset = start; offset < length;) {
+                const auto hole = data.hole(offset);
+                const DataView here = hole ? DataView() : data.stretch(offset);
+                wrong += !hole && here != expected.sub(offset, here.size());
+                offset = hole ? hole->upper : offset + here.size();
+            }
+            return wrong;
+        };
+        std::int64_t wrongThere = 0;
+        std::thread other([&] { wrongThere = readFrom(length / 3); });
+        EXPECT_EQ(readFrom(0), 0) << name;
+        other.join();
+        EXPECT_EQ(wrongThere, 0) << name;
+        EXPECT_EQ(data.holeBytes() > 0, losesRecords) << name;
+        if (!isHeld) EXPECT_LT(heapBytes() - before, mostHeld) << name;
+        // What is asked for is there for good.
+        const Data far = data.slice(length - 100'000, 50'000);
+        EXPECT_EQ(readFrom(0), 0) << name;
+        EXPECT_EQ(far.view(), expected.sub(length - 100'000, 50'000)) << name;
+    }
 }
 
 /// Loses some of the packets that carry a stream, from the flight with this number on.
