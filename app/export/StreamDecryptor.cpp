@@ -51,11 +51,8 @@ OpenedDirection StreamDecryptor::open(const TCPStream& stream, TCPSegment::Direc
                                       std::optional<std::uint32_t> connection) const
 {
     OpenedDirection opened;
-    const ProbeReader found = verdicts_.plaintextReader(stream, direction);
-    PlaintextReader* const reader = found.reader.get();
+    const auto reader = verdicts_.plaintextReader(stream, direction);
     if (!reader) return opened;
-    opened.probe = found.probe;
-    opened.reach = found.reach;
 
     std::optional<OutputFile> file;
     std::optional<PlaintextCapture::Direction> segments;
@@ -103,6 +100,8 @@ OpenedDirection StreamDecryptor::open(const TCPStream& stream, TCPSegment::Direc
         return !stop_.stop_requested() && (!file || file->isGood());
     });
     opened.report = reader->report();
+    opened.probe = reader->probe().name();
+    opened.reach = reader->probe().reach();
     if (opened.report && opened.bytes > 0) {
         for (const PlaintextGap& gap : opened.report->gaps)
             if (gap.range.lower >= end) fill(gap);

@@ -85,8 +85,9 @@ std::string noKeyMaterial(const StreamVerdict& verdict, SentenceReader reader)
     }
     const std::string missing = fmt::format("the key log has no secret for this connection ({})", clientRandomText(report));
     if (facts.connections == 0)
-        return fmt::format("{}; its {} other{} all come from other captures: is it the log of another session, or of the other leg of a proxy?",
-                           missing, facts.material.clientRandoms, facts.material.clientRandoms == 1 ? "" : "s");
+        return fmt::format(
+            "{}; its {} other{} all come from other captures: is it the log of another session, or of the other leg of a proxy?", missing,
+            facts.material.clientRandoms, facts.material.clientRandoms == 1 ? "" : "s");
     return fmt::format("{}; it has {} other{}, {} from this capture: was it overwritten, or did another program open this connection?",
                        missing, facts.material.clientRandoms, facts.material.clientRandoms == 1 ? "" : "s", facts.connections);
 }
@@ -171,8 +172,7 @@ std::string privateKeyProblem(const StreamVerdict& verdict)
 
 std::string keyMismatch(const TLSDecryptionReport& report)
 {
-    if (!report.isSupportedSuite)
-        return fmt::format("cipher suite {} is not supported for decryption", report.cipherSuiteName);
+    if (!report.isSupportedSuite) return fmt::format("cipher suite {} is not supported for decryption", report.cipherSuiteName);
     const TLSDirectionReport* sides[] = {&report.server, &report.client};
     const auto any = [&](Stop stop) { return std::ranges::any_of(sides, [&](const auto* side) { return side->stop == stop; }); };
     const auto all = [&](Stop stop) { return std::ranges::all_of(sides, [&](const auto* side) { return side->stop == stop; }); };
@@ -205,7 +205,12 @@ std::string_view verdictText(const StreamVerdict& verdict)
 std::string verdictSentence(const StreamVerdict& verdict, const StreamSummary& summary, SentenceReader reader)
 {
     const auto& report = verdict.report;
-    if (verdict.outcome.isDecrypted()) return report ? openedText(*report) : "the stream decrypts";
+    if (verdict.outcome.isDecrypted()) {
+        if (!report) return "the stream decrypts";
+        if (report->clientHello == Hello::found) return openedText(*report);
+        return fmt::format("{}; the Client Hello is missing, and the secrets of {} were found by trying", openedText(*report),
+                           clientRandomText(*report));
+    }
     if (auto problem = privateKeyProblem(verdict); !problem.empty()) return problem;
     switch (*verdict.outcome.failure) {
     case TLSDecryptionFailure::noHandshake: return report ? noHandshake(*report, summary) : "the capture holds no complete handshake";
