@@ -234,12 +234,12 @@ TEST_P(LostBytes, LeaveTheRestOpen)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(OfEverySuite, LostBytes, testing::ValuesIn(suites), [](const auto& info) {
-    std::string name = info.param.name;
+INSTANTIATE_TEST_SUITE_P(OfEverySuite, LostBytes, testing::ValuesIn(suites), [](const auto& instance) {
+    std::string name = instance.param.name;
     if (const std::size_t cipher = name.find(":+", 5); name.starts_with("NONE"))
         name = name.substr(cipher + 2, name.find(':', cipher + 2) - cipher - 2);
     std::erase_if(name, [](char letter) { return letter == '-' || letter == '_'; });
-    return fmt::format("{}_{:04x}{}", name, info.param.version, info.param.hasMACBehind ? "" : "_MACInside");
+    return fmt::format("{}_{:04x}{}", name, instance.param.version, instance.param.hasMACBehind ? "" : "_MACInside");
 });
 
 }  // namespace
