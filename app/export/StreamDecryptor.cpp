@@ -4,6 +4,7 @@
 #include "app/export/PlaintextPacks.h"
 #include "platform/OutputFile.h"
 
+#include <algorithm>
 #include <array>
 #include <filesystem>
 #include <fmt/format.h>
@@ -83,19 +84,26 @@ OpenedDirection StreamDecryptor::open(const TCPStream& stream, TCPSegment::Direc
             }
             file.emplace(std::move(*created));
             // Lost bytes count in the size, however many, and have no plaintext.
-            if (session_.summary(stream.key.number).missingBytes == 0) file->reserve(stream.data(direction).size());
+            file->reserve(stream.data(direction).size() - stream.data(direction).holeBytes());
         }
         opened.bytes += pack.bytes().size();
         end = pack.records().back().body.upper;
         if (file && !pack.hasGaps()) file->write(pack.bytes());
         if (segments || (file && pack.hasGaps())) {
-            std::int64_t offset = 0;
+            std::int64_t offset = 0, written = pack.hasGaps() ? 0 : pack.bytes().size();
+            const auto writeUpTo = [&](std::int64_t to) {
+                if (file && to > written) file->write(pack.bytes().sub(written, to - written));
+                written = std::max(written, to);
+            };
             for (const PlaintextPack::Record& record : pack.records()) {
-                if (record.gap) fill(*record.gap);
+                if (record.gap) {
+                    writeUpTo(offset);
+                    fill(*record.gap);
+                }
                 const DataView plaintext = pack.bytes().sub(std::exchange(offset, offset + record.length), record.length);
-                if (file && pack.hasGaps()) file->write(plaintext);
                 if (segments) segments->add(plaintext, stream.locate(record.body, direction));
             }
+            writeUpTo(offset);
         }
         return !stop_.stop_requested() && (!file || file->isGood());
     });
