@@ -55,6 +55,7 @@ public:
     {
         return TLSDirectionReporter(stream_, context_, keyLog_).report(direction_, *walk_, progress_);
     }
+    bool hasPassedOver() const override { return progress_.skippedRecords() > 0; }
 
 private:
     DirectionReader(const TCPStream& stream, Direction direction, const Context& context, TLSKeyLog keyLog)

@@ -22,6 +22,8 @@ public:
     class Progress {
     public:
         void take(TLSDirectionWalk::Step step, const TLSDirectionWalk& walk);
+        /// Records that did not open, while later ones did.
+        std::int64_t skippedRecords() const { return counts_.skippedRecords; }
 
     private:
         friend class TLSDirectionReporter;

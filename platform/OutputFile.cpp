@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/OutputFile.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -80,7 +81,10 @@ void OutputFile::write(DataView bytes)
         held_.clear();
         bytes = bytes.from(now);
     }
-    held_.insert(held_.end(), bytes.begin(), bytes.end());
+    // A vector with an allocator of its own inserts byte by byte.
+    const auto at = static_cast<std::ptrdiff_t>(held_.size());
+    held_.resize(held_.size() + static_cast<std::size_t>(bytes.size()));
+    std::ranges::copy(bytes, held_.begin() + at);
 }
 
 std::string OutputFile::finish()

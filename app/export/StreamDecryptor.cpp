@@ -4,6 +4,7 @@
 #include "app/export/PlaintextPacks.h"
 #include "platform/OutputFile.h"
 
+#include <algorithm>
 #include <array>
 #include <filesystem>
 #include <fmt/format.h>
@@ -51,11 +52,8 @@ OpenedDirection StreamDecryptor::open(const TCPStream& stream, TCPSegment::Direc
                                       std::optional<std::uint32_t> connection) const
 {
     OpenedDirection opened;
-    const ProbeReader found = verdicts_.plaintextReader(stream, direction);
-    PlaintextReader* const reader = found.reader.get();
+    const auto reader = verdicts_.plaintextReader(stream, direction);
     if (!reader) return opened;
-    opened.probe = found.probe;
-    opened.reach = found.reach;
 
     std::optional<OutputFile> file;
     std::optional<PlaintextCapture::Direction> segments;
@@ -86,23 +84,32 @@ OpenedDirection StreamDecryptor::open(const TCPStream& stream, TCPSegment::Direc
             }
             file.emplace(std::move(*created));
             // Lost bytes count in the size, however many, and have no plaintext.
-            if (session_.summary(stream.key.number).missingBytes == 0) file->reserve(stream.data(direction).size());
+            file->reserve(stream.data(direction).size() - stream.data(direction).holeBytes());
         }
         opened.bytes += pack.bytes().size();
         end = pack.records().back().body.upper;
         if (file && !pack.hasGaps()) file->write(pack.bytes());
         if (segments || (file && pack.hasGaps())) {
-            std::int64_t offset = 0;
+            std::int64_t offset = 0, written = pack.hasGaps() ? 0 : pack.bytes().size();
+            const auto writeUpTo = [&](std::int64_t to) {
+                if (file && to > written) file->write(pack.bytes().sub(written, to - written));
+                written = std::max(written, to);
+            };
             for (const PlaintextPack::Record& record : pack.records()) {
-                if (record.gap) fill(*record.gap);
+                if (record.gap) {
+                    writeUpTo(offset);
+                    fill(*record.gap);
+                }
                 const DataView plaintext = pack.bytes().sub(std::exchange(offset, offset + record.length), record.length);
-                if (file && pack.hasGaps()) file->write(plaintext);
                 if (segments) segments->add(plaintext, stream.locate(record.body, direction));
             }
+            writeUpTo(offset);
         }
         return !stop_.stop_requested() && (!file || file->isGood());
     });
     opened.report = reader->report();
+    opened.probe = reader->probe().name();
+    opened.reach = reader->probe().reach();
     if (opened.report && opened.bytes > 0) {
         for (const PlaintextGap& gap : opened.report->gaps)
             if (gap.range.lower >= end) fill(gap);

@@ -242,7 +242,12 @@ std::string_view verdictText(const StreamVerdict& verdict, const SentenceReader&
 std::string verdictSentence(const StreamVerdict& verdict, const StreamSummary& summary, const SentenceReader& reader)
 {
     const auto& report = verdict.report;
-    if (verdict.outcome.isDecrypted()) return report ? openedText(*report, reader) : reader.say("the stream decrypts");
+    if (verdict.outcome.isDecrypted()) {
+        if (!report) return reader.say("the stream decrypts");
+        if (report->clientHello == Hello::found) return openedText(*report, reader);
+        return reader.say("{}; the Client Hello is missing, and the secrets of {} were found by trying", openedText(*report, reader),
+                          clientRandomText(*report, reader));
+    }
     if (auto problem = privateKeyProblem(verdict, reader); !problem.empty()) return problem;
     switch (*verdict.outcome.failure) {
     case TLSDecryptionFailure::noHandshake:

@@ -86,8 +86,8 @@ Advice adviceOn(const StreamVerdict& verdict)
     case TLSDecryptionFailure::noKeyMaterial: {
         if (!verdict.keyLog || verdict.keyLog->material.secrets == 0) return Advice::giveKeyLog;
         const bool hasSome = report && (!report->otherLabels.empty() || std::ranges::any_of(report->secrets, [](const auto& secret) {
-                                            return secret.secretLength.has_value();
-                                        }));
+                                 return secret.secretLength.has_value();
+                             }));
         return hasSome ? Advice::logAllSecrets : Advice::giveOtherKeyLog;
     }
     case TLSDecryptionFailure::keyMismatch:
@@ -126,12 +126,59 @@ std::optional<StreamVerdict> StreamVerdicts::verdict(const TCPStream& stream, Re
     return best;
 }
 
-ProbeReader StreamVerdicts::plaintextReader(const TCPStream& stream, TCPSegment::Direction direction) const
+std::unique_ptr<ProbeReader> ProbeReader::begin(const TCPStream& stream, TCPSegment::Direction direction, std::span<const Probe> probes)
 {
-    // Who reaches farther opens what the others open.
-    for (const auto& probe : session_.plugIns().probes() | std::views::reverse)
-        if (auto reader = probe->plaintextReader(stream, direction)) return {std::move(reader), std::string(probe->name()), probe->reach()};
-    return {};
+    // Behind lost bytes only the one that reaches farthest can go on.
+    if (probes.size() > 1 && stream.data(direction).holeBytes() > 0)
+        if (auto reader = begin(stream, direction, probes.last(1))) return reader;
+    std::unique_ptr<ProbeReader> reader(new ProbeReader(stream, direction, probes));
+    return reader->moveToNextProbe() ? std::move(reader) : nullptr;
+}
+
+bool ProbeReader::moveToNextProbe()
+{
+    while (!left_.empty()) {
+        const Probe probe = left_.front();
+        left_.erase(left_.begin());
+        auto reader = probe->plaintextReader(stream_, direction_);
+        if (!reader) continue;
+        reader_ = std::move(reader);
+        probe_ = probe;
+        report_.reset();
+        return true;
+    }
+    return false;
+}
+
+std::optional<PlaintextRecord> ProbeReader::next(std::span<std::uint8_t> room)
+{
+    while (true) {
+        auto record = reader_->next(room);
+        const bool isUnclear = record ? reader_->hasPassedOver() : !left_.empty() && !hasOpenedAll();
+        if (isUnclear && moveToNextProbe()) continue;
+        if (!record) return std::nullopt;
+        if (record->body.lower < end_) continue;  // the probe before gave it
+        end_ = record->body.upper;
+        return record;
+    }
+}
+
+bool ProbeReader::hasOpenedAll()
+{
+    const auto opened = report();
+    if (!opened || opened->skippedRecords > 0) return false;
+    return opened->stop == Stop::endOfData || opened->stop == Stop::nothingProtected || opened->stop == Stop::cutRecord;
+}
+
+std::optional<TLSDirectionReport> ProbeReader::report()
+{
+    if (!report_) report_ = reader_->report();
+    return report_;
+}
+
+std::unique_ptr<ProbeReader> StreamVerdicts::plaintextReader(const TCPStream& stream, TCPSegment::Direction direction) const
+{
+    return ProbeReader::begin(stream, direction, session_.plugIns().probes());
 }
 
 SecretText StreamVerdicts::keyLogLines(const TCPStream& stream) const

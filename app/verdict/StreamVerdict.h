@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -49,9 +50,9 @@ enum class Advice : std::uint8_t {
 /// Whether a stream decrypts, and what lies behind the answer.
 struct StreamVerdict {
     TLSDecryptionOutcome outcome;
-    std::optional<TLSDecryptionReport> report;  ///< nothing when the probe gives no facts
-    std::optional<KeyLogFacts> keyLog;          ///< where the secrets are what is missing
-    std::string probe;                          ///< name of the probe that answered
+    std::optional<TLSDecryptionReport> report;        ///< nothing when the probe gives no facts
+    std::optional<KeyLogFacts> keyLog;                ///< where the secrets are what is missing
+    std::string probe;                                ///< name of the probe that answered
     DecryptionReach reach = DecryptionReach::strict;  ///< of that probe
 
     /// Whether some of the stream opened, and some that could be opened did not.
@@ -60,11 +61,35 @@ struct StreamVerdict {
 
 Advice adviceOn(const StreamVerdict& verdict);
 
-/// A reader of plaintext, and whose it is.
-struct ProbeReader {
-    std::unique_ptr<PlaintextReader> reader;  ///< null when no probe can open the direction
-    std::string probe;
-    DecryptionReach reach = DecryptionReach::strict;
+/// Opens a direction by the probe that has least to do, and goes on by one that reaches farther from the first record on that this
+/// one does not open. Used by one thread at a time.
+class ProbeReader final : public PlaintextReader {
+public:
+    using Probe = std::shared_ptr<const TLSStreamDecryptionProbing>;
+    using PlaintextReader::next;
+
+    /// With the probes that may be asked, the one with the least reach first; null when none of them can open the direction.
+    static std::unique_ptr<ProbeReader> begin(const TCPStream& stream, TCPSegment::Direction direction, std::span<const Probe> probes);
+
+    std::optional<PlaintextRecord> next(std::span<std::uint8_t> room) override;
+    std::optional<TLSDirectionReport> report() override;
+    /// The probe that answers by now.
+    const TLSStreamDecryptionProbing& probe() const { return *probe_; }
+
+private:
+    ProbeReader(const TCPStream& stream, TCPSegment::Direction direction, std::span<const Probe> probes)
+        : stream_(stream), direction_(direction), left_(probes.begin(), probes.end())
+    {}
+    bool moveToNextProbe();
+    bool hasOpenedAll();
+
+    TCPStream stream_;
+    TCPSegment::Direction direction_;
+    std::vector<Probe> left_;  ///< that have not been asked
+    Probe probe_;
+    std::unique_ptr<PlaintextReader> reader_;  ///< of that probe
+    std::optional<TLSDirectionReport> report_;
+    std::int64_t end_ = 0;  ///< of the last record's body
 };
 
 /// Asks the decryption probes of a session about its streams; of several the one that opens most answers. Any thread may ask.
@@ -79,8 +104,8 @@ public:
 
     /// Nothing when the stream is not protected, or no probe is there. With `ReportDepth::opened` the report counts what opened.
     std::optional<StreamVerdict> verdict(const TCPStream& stream, ReportDepth depth) const;
-    /// Opens one direction.
-    ProbeReader plaintextReader(const TCPStream& stream, TCPSegment::Direction direction) const;
+    /// Opens one direction; null when no probe can.
+    std::unique_ptr<ProbeReader> plaintextReader(const TCPStream& stream, TCPSegment::Direction direction) const;
     /// Key log lines with the secrets of a stream's connection; empty when there are none.
     SecretText keyLogLines(const TCPStream& stream) const;
     /// What the hellos of a protected stream say; nothing when no probe gives facts.

@@ -101,6 +101,8 @@ public:
     virtual bool goOn(const TCPStream&) { return false; }
     /// How far the direction opened; asked after the last record. Nothing when the reader does not know.
     virtual std::optional<TLSDirectionReport> report() { return std::nullopt; }
+    /// Whether a record that does not open stands in front of the one that `next` gave, without being told as a gap.
+    virtual bool hasPassedOver() const { return false; }
 };
 
 /// What the private keys at hand are to a connection.

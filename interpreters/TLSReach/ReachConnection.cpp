@@ -209,7 +209,7 @@ void ReachConnection::settleWithoutHellos()
         return false;
     };
     const auto opensTLS13 = [&](const Data& clientRandom, std::int64_t secretLength) {
-        const std::array<std::uint16_t, 4> suites{0x1301, 0x1302, 0x1303, 0x1304};
+        const std::array<std::uint16_t, 5> suites{0x1301, 0x1302, 0x1303, 0x1304, 0x1305};
         return std::ranges::any_of(suites, [&](std::uint16_t code) {
             const auto suite = ReachSuite::of(code);
             if (!suite || digestSize(suite->prf) != secretLength) return false;

@@ -85,7 +85,7 @@ Plaintext::Plaintext(std::shared_ptr<const Session> session, std::int64_t stream
 {
     if (!isProtected_) return;
     const StreamVerdicts verdicts(*session_);
-    reader_ = verdicts.plaintextReader(stream_, direction).reader;
+    reader_ = verdicts.plaintextReader(stream_, direction);
     if (reader_) return;
     const auto verdict = verdicts.verdict(stream_, ReportDepth::opened);
     if (verdict && verdict->outcome.isDecrypted()) return;

@@ -109,6 +109,64 @@ TEST(DecryptCommand, FillsGapsAsItIsTold)
     }
 }
 
+// All bytes are there, and one of them is not what was sent: what stands behind its record opens all the same, and only what the
+// TLS plug-in cannot open goes by another name.
+TEST(DecryptCommand, GoesOnBehindWhatWasChanged)
+{
+    const std::string plaintext(patternBytes(80'000).view().text());
+    for (const std::uint16_t version : {0x0304, 0x0303}) {
+        const TempDirectory directory;
+        const TLSSession session =
+            runTLS({.version = version}, {clientSends("GET"), serverSends(Data::fromText(plaintext)), clientSends("bye")});
+        auto segments = tcpSegments(session.flights);
+        const std::string keyLog = directory.write("keys.txt", session.keyLog),
+                          whole = directory.write("whole.pcap", pcapFile(packets(segments)));
+        std::int64_t at = 0;
+        for (PlannedSegment& segment : segments) {
+            if (segment.direction != Direction::serverToClient) continue;
+            at += segment.payload.size();
+            if (at < 30'000) continue;
+            std::vector<std::uint8_t> bytes(segment.payload.view().begin(), segment.payload.view().end());
+            bytes[bytes.size() / 2] ^= 1;
+            segment.payload = Data(std::move(bytes));
+            break;
+        }
+        const std::string changed = directory.write("changed.pcap", pcapFile(packets(segments)));
+        const auto decrypted = [&](const std::string& capture) {
+            const ProgramResult result =
+                sealscope({"decrypt", "--json", "--force", "-k", keyLog, "--gaps", "mark", "--output", directory.path().string(), capture});
+            EXPECT_EQ(result.errors, "");
+            EXPECT_EQ(readFile(directory.path() / "stream-0-client.bin").view().text(), "GETbye");
+            return std::pair(jsonLines(result.output).at(0), std::string(readFile(directory.path() / "stream-0-server.bin").view().text()));
+        };
+        const auto [wholeRow, all] = decrypted(whole);
+        EXPECT_TRUE(all == plaintext);
+        EXPECT_EQ(wholeRow["reason"]["probe"], "TLS");
+        EXPECT_EQ(wholeRow["verdict"], "decrypted");
+        const auto [row, rest] = decrypted(changed);
+        EXPECT_TRUE(rest == std::string(plaintext).replace(16'384, 16'384, "\n[16384 bytes not decrypted]\n")) << version;
+        EXPECT_EQ(row["reason"]["probe"], "TLSReach");
+        EXPECT_EQ(row["serverPlaintextBytes"], 80'000 - 16'384);
+        EXPECT_EQ(row["reason"]["server"]["gaps"].at(0)["isLost"], false);
+    }
+}
+
+TEST(StreamsCommand, TellsWhoseSecretsWereFoundByTrying)
+{
+    const TempDirectory directory;
+    const TLSSession session = runTLS({.version = 0x0304}, {clientSends("GET"), serverSends(patternBytes(100'000)), clientSends("bye")});
+    const TLSSession other = runTLS({.version = 0x0304, .seed = 2}, {});
+    auto segments = tcpSegments(session.flights);
+    segments.erase(segments.begin(), segments.begin() + 20);
+    const std::string capture = directory.write("late.pcap", pcapFile(packets(segments)));
+    const std::string keyLog = directory.write("keys.txt", session.keyLog + other.keyLog);
+    const std::string random = hexText(session.wire(Direction::clientToServer).view().sub(11, 8));
+    EXPECT_THAT(sealscope({"streams", "-k", keyLog, capture}).output,
+                HasSubstr("the Client Hello is missing, and the secrets of client random " + random + "… were found by trying"));
+    EXPECT_THAT(sealscope({"streams", "--reach", "strict", "-k", keyLog, capture}).output,
+                HasSubstr("the capture starts after the Client Hello"));
+}
+
 std::string pemOf(EVP_PKEY* key, const char* passphrase)
 {
     const std::unique_ptr<BIO, decltype(&BIO_free_all)> pem(BIO_new(BIO_s_mem()), BIO_free_all);

@@ -6,6 +6,7 @@
 #include "interpreters/TLSReach/ReachProbe.h"
 #include "tests/Sealscope/WithKeyLog.h"
 
+#include <gtest/gtest.h>
 #include <map>
 #include <memory>
 #include <string>
@@ -39,6 +40,24 @@ inline Opened opened(const TLSStreamDecryptionProbing& probe, const TCPStream& s
     }
     result.report = *reader->report();
     return result;
+}
+
+/// Every gap says no more than what was sent there: as many bytes of application data where it is exact, and no fewer where it is not.
+inline void expectGaps(const std::vector<PlaintextGap>& gaps, const std::map<std::int64_t, std::string>& truth, const std::string& name)
+{
+    for (const PlaintextGap& gap : gaps) {
+        std::int64_t sent = 0, records = 0;
+        for (auto record = truth.lower_bound(gap.range.lower); record != truth.end() && record->first < gap.range.upper; ++record) {
+            sent += std::ssize(record->second);
+            ++records;
+        }
+        if (gap.isExact) {
+            EXPECT_EQ(gap.contentLength, sent) << name << ": the gap from " << gap.range.lower;
+            EXPECT_EQ(gap.records, records) << name << ": the gap from " << gap.range.lower;
+        } else if (gap.contentLength > 0) {
+            EXPECT_GE(gap.contentLength, sent) << name << ": the gap from " << gap.range.lower;
+        }
+    }
 }
 
 }  // namespace sealscope

@@ -2,12 +2,14 @@
 #include "interpreters/TLSReach/RecordOpener.h"
 
 #include "harness/Hex.h"
-#include "interpreters/TLSReach/RecordAEAD.h"
 #include "interpreters/TLSReach/ReachSuite.h"
+#include "interpreters/TLSReach/RecordAEAD.h"
 #include "platform/HKDF.h"
 #include "platform/HMAC.h"
+#include "tests/interpreters/TLSReach/Opened.h"
 
 #include <array>
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <memory>
 #include <openssl/evp.h>
@@ -79,7 +81,8 @@ Bytes withMAC(const Bytes& content, const ReachSuite& suite, std::uint16_t versi
     return bytes;
 }
 
-std::string opened(RecordOpener& opener, std::uint64_t sequence, std::uint16_t version, const Bytes& body, DataView before, std::int64_t position)
+std::string opened(RecordOpener& opener, std::uint64_t sequence, std::uint16_t version, const Bytes& body, DataView before,
+                   std::int64_t position)
 {
     const auto length = static_cast<std::uint16_t>(body.size());
     ProtectedRecord record{
@@ -196,7 +199,9 @@ TEST(RecordOpener, OpensDraftsOfTLS13)
         bool authenticatesHeader;
     };
     for (const auto& [version, prefix, authenticatesHeader] :
-         {Case{0x7F12, "TLS 1.3, ", false}, Case{0x7F17, "tls13 ", false}, Case{0x7F19, "tls13 ", true}, Case{0x0304, "tls13 ", true}}) {
+         {Case{0x7F13, "TLS 1.3, ", false}, Case{0x7F15, "tls13 ", false}, Case{0x7F16, "tls13 ", false}, Case{0x7F1A, "tls13 ", true},
+          Case{0x7F12, "TLS 1.3, ", false}, Case{0x7F14, "tls13 ", false}, Case{0x7F17, "tls13 ", false}, Case{0x7F18, "tls13 ", false},
+          Case{0x7F19, "tls13 ", true}, Case{0x0304, "tls13 ", true}}) {
         const SecretBytes secret(32, 9);
         const auto expanded = [&](std::string_view label, std::uint8_t length) {
             Bytes info{0, length, static_cast<std::uint8_t>(prefix.size() + label.size())};
@@ -221,6 +226,19 @@ TEST(RecordOpener, OpensDraftsOfTLS13)
         const auto opener = makeTLS13Opener(*suite, TLS13Draft::of(version), viewOf(secret));
         EXPECT_EQ(opened(*opener, 0, 0x0303, inner, {}, 0), "xy") << version;
         EXPECT_EQ(opened(*opener, 1, 0x0303, inner, {}, 0), "nothing") << version;
+
+        // Behind hellos: up to draft 21 the server's has neither session ID nor compression, and its version stands in front.
+        const std::string random(64, '1'), said = fmt::format("{:04x}", version);
+        const std::string body =
+            version != 0x0304 && version <= 0x7F15 ? said + random + "13010000" : "0303" + random + "00130100" + "0006002b0002" + said;
+        const auto hello = [](int type, const std::string& content) {
+            return hex(fmt::format("160303{:04x}{:02x}{:06x}{}", content.size() / 2 + 4, type, content.size() / 2, content));
+        };
+        const Data sealed = joined({hello(2, body), Data(header), Data(inner)});
+        const auto probe = probeWith("SERVER_TRAFFIC_SECRET_0 " + random + ' ' + hexText(viewOf(secret)));
+        const TCPStream stream = vectorStream(hello(1, "0303" + random + "00" + "00021301" + "0100"), sealed);
+        EXPECT_EQ(sealscope::opened(*probe, stream, TCPSegment::Direction::serverToClient).plaintext, "xy") << version;
+        EXPECT_EQ(probe->report(stream, ReportDepth::hellos)->version, version);
     }
 }
 
