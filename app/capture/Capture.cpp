@@ -67,6 +67,8 @@ public:
             }
             ++packetsOfFile_;
             packet.number = ++number_;
+            if (number_ == 1) [[unlikely]]
+                first_ = packet.time;
             packet.file = static_cast<std::uint32_t>(position_ - 1);
             packet.address += base_;
             if (filter_ && !filter_->passes(packet, file_->isSwapped())) continue;
@@ -153,6 +155,7 @@ public:
         return std::exchange(keyLog_, {});
     }
 
+    Extent extent() const override { return {first_, number_}; }
     std::int64_t bytesRead() const override { return storedBytesBefore_ + (file_ ? file_->input().storedBytesRead() : 0); }
     std::int64_t bytesTotal() const override { return bytesTotal_; }
 
@@ -243,6 +246,7 @@ private:
     std::optional<CapturedPacket> pending_;
     CaptureAddress base_ = 0;
     std::int64_t number_ = 0;
+    std::optional<CaptureTime> first_;  // packet's
     std::int64_t packetsOfFile_ = 0;
     SecretText keyLog_;
     std::int64_t bytesTotal_ = 0;

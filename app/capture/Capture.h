@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <expected>
 #include <memory>
+#include <optional>
 #include <stop_token>
 #include <string>
 #include <vector>
@@ -65,6 +66,12 @@ public:
     /// TLS key log text of the decryption secrets blocks read since it was taken last, in capture order, each block's lines whole.
     virtual SecretText takeEmbeddedKeyLog() = 0;
 
+    /// What was read so far, packets that the filter rejects included.
+    struct Extent {
+        std::optional<CaptureTime> first;  ///< of the first packet
+        std::int64_t packets = 0;
+    };
+    virtual Extent extent() const { return {}; }
     virtual std::int64_t bytesRead() const = 0;
     /// Size of all files in bytes as stored; negative when one of them is a pipe. For progress only.
     virtual std::int64_t bytesTotal() const = 0;

@@ -32,7 +32,7 @@ public:
         while (capture_->next(packet)) {
             ++packetCount;
             if (decoder.decode(packet, segment) && (!options.admits || options.admits(packet, segment)))
-                connections->add(segment, packet.number + options.packetsBefore, packet.time.value());
+                connections->add(segment, packet.number, packet.time.value());
             if (packetCount % packetsPerProgress != 0) continue;
             if (options.stop.stop_requested()) break;
             if (options.progress) options.progress(capture_->bytesRead(), capture_->bytesTotal());
@@ -49,17 +49,25 @@ public:
 
     std::unique_ptr<Implementation> withKeyLogs(const std::vector<std::string>& keyLogs) const
     {
+        return asPart(std::make_shared<const KeyLogSources>(embeddedKeyLog_, keyLogs, privateKeys_), packetsBefore);
+    }
+
+    std::unique_ptr<Implementation> asPart(std::shared_ptr<const KeyLogSources> secrets, std::int64_t before) const
+    {
         auto other = std::make_unique<Implementation>(capture_);
         other->packetCount = packetCount;
+        other->packetsBefore = before;
         other->notes = notes;
         other->errors = errors;
         other->connections_ = connections_;
         other->embeddedKeyLog_ = embeddedKeyLog_;
         other->privateKeys_ = privateKeys_;
         other->plugInOptions_ = plugInOptions_;
-        other->prepare(std::make_shared<const KeyLogSources>(embeddedKeyLog_, keyLogs, privateKeys_));
+        other->prepare(std::move(secrets));
         return other;
     }
+
+    const SecretText& embeddedKeyLog() const { return embeddedKeyLog_; }
 
     const Capture& capture() const { return *capture_; }
     const ConnectionIndex& connections() const { return *connections_; }
@@ -75,7 +83,7 @@ public:
             isMeasured = measured_[index].isKnown;
         }
         StreamMeasures measures;
-        TCPStream stream = reassembledStream(capture_, connections_, number, isMeasured ? nullptr : &measures);
+        TCPStream stream = reassembledStream(capture_, connections_, number, isMeasured ? nullptr : &measures, packetsBefore);
         if (!isMeasured) {
             const auto lock = lockFor(index);
             measured_[index] = {measures, true};
@@ -94,6 +102,7 @@ public:
     }
 
     std::int64_t packetCount = 0;
+    std::int64_t packetsBefore = 0;
     DecoderNotes notes;
     std::vector<CaptureError> errors;
 
@@ -148,16 +157,27 @@ std::unique_ptr<Session> Session::withKeyLogs(std::vector<std::string> keyLogs) 
     return std::unique_ptr<Session>(new Session(implementation_->withKeyLogs(keyLogs)));
 }
 
+std::unique_ptr<Session> Session::asPart(std::shared_ptr<const KeyLogSources> secrets, std::int64_t packetsBefore) const
+{
+    return std::unique_ptr<Session>(new Session(implementation_->asPart(std::move(secrets), packetsBefore)));
+}
+
+const SecretText& Session::embeddedKeyLog() const { return implementation_->embeddedKeyLog(); }
 std::int64_t Session::packetCount() const { return implementation_->packetCount; }
 std::int64_t Session::streamCount() const { return implementation_->connections().size(); }
 std::int64_t Session::packets(std::int64_t stream) const { return implementation_->connections()[stream].packets(); }
+
+const std::array<TCPStreamKey::Endpoint, 2>& Session::endpoints(std::int64_t stream) const
+{
+    return implementation_->connections()[stream].endpoints;
+}
 
 std::int64_t Session::firstPacket(std::int64_t stream) const
 {
     std::int64_t first = std::numeric_limits<std::int64_t>::max();
     for (const ConnectionSide& side : implementation_->connections()[stream].sides)
         if (side.segments.size() > 0) first = std::min(first, SegmentTable(side.segments)[0].packetNumber());
-    return first;
+    return first + implementation_->packetsBefore;
 }
 
 double Session::startTime(std::int64_t stream) const { return implementation_->connections()[stream].startTime; }
@@ -186,6 +206,7 @@ std::optional<std::int64_t> Session::streamOf(std::int64_t packet, const TCPStre
                                               const TCPStreamKey::Endpoint& other) const
 {
     const ConnectionIndex& connections = implementation_->connections();
+    packet -= implementation_->packetsBefore;
     const std::array<TCPStreamKey::Endpoint, 2> endpoints{std::min(one, other), std::max(one, other)};
     const auto has = [&](const SegmentTable& segments) {
         // Segments stand in capture order.

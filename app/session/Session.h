@@ -6,6 +6,7 @@
 #include "app/session/SessionPlugIns.h"
 #include "host/VELModels/TCPStream.h"
 
+#include <array>
 #include <cstdint>
 #include <expected>
 #include <functional>
@@ -31,7 +32,6 @@ struct SessionOptions {
     // For who takes a large capture apart and opens it piece by piece.
     /// Stand in for the key logs, and for what the capture carries.
     std::shared_ptr<const KeyLogSources> secrets;
-    std::int64_t packetsBefore = 0;  ///< counts before the capture's first packet
     /// Asked for each segment; those that it is false for are left out.
     std::function<bool(const CapturedPacket&, const TCPPacket&)> admits;
 
@@ -70,12 +70,19 @@ public:
 
     /// The same capture with other key logs in the place of the user's, without reading it anew. Both may be used side by side.
     std::unique_ptr<Session> withKeyLogs(std::vector<std::string> keyLogs) const;
+    /// The same as a part of a larger capture: these secrets in place of all others, and numbers of packets that count on from those
+    /// before.
+    std::unique_ptr<Session> asPart(std::shared_ptr<const KeyLogSources> secrets, std::int64_t packetsBefore) const;
+    /// That the capture carries, as a key log.
+    const SecretText& embeddedKeyLog() const;
 
     std::int64_t packetCount() const;
     std::int64_t streamCount() const;
     /// Packets of a stream: what is known of its size before it is assembled.
     std::int64_t packets(std::int64_t stream) const;
     StreamSummary summary(std::int64_t stream) const;
+    /// Of a stream; which of them is the client, its summary tells.
+    const std::array<TCPStreamKey::Endpoint, 2>& endpoints(std::int64_t stream) const;
     /// The number of a stream's first packet.
     std::int64_t firstPacket(std::int64_t stream) const;
     /// Of a stream's earliest packet, in seconds since 1970.

@@ -41,9 +41,9 @@ private:
 /// One direction of a connection: its data, and the packets that carried it.
 class ReassembledDirection final : public StreamByteSource, public ByteLocator {
 public:
-    ReassembledDirection(const Capture& capture, const Connection& connection, std::size_t side)
-        : capture_(capture), acknowledged_(connection.acknowledged(side)), segments_(connection.sides[side].segments),
-          data_(reassemble(segments_, acknowledged_))
+    ReassembledDirection(const Capture& capture, const Connection& connection, std::size_t side, std::int64_t packetsBefore = 0)
+        : capture_(capture), packetsBefore_(packetsBefore), acknowledged_(connection.acknowledged(side)),
+          segments_(connection.sides[side].segments), data_(reassemble(segments_, acknowledged_))
     {}
 
     const SegmentTable& segments() const { return segments_; }
@@ -72,7 +72,7 @@ public:
         for (std::int64_t offset = std::max<std::int64_t>(range.lower, 0); offset < upper;) {
             const Owner owner = ownerOf(offset);
             if (owner.segment) {
-                packets.add(owner.segment->packetNumber());
+                packets.add(packetsBefore_ + owner.segment->packetNumber());
                 location.timestamp = std::min(location.timestamp.value_or(owner.segment->time), owner.segment->time);
             }
             offset = owner.end;
@@ -122,6 +122,7 @@ private:
     }
 
     const Capture& capture_;
+    std::int64_t packetsBefore_ = 0;
     std::optional<Acknowledged> acknowledged_;
     SegmentTable segments_;
     Reassembly data_;
@@ -248,7 +249,9 @@ std::int64_t ReassembledDirection::differences(const SegmentRecord& segment, std
 /// The segments of both directions, merged by packet number.
 class MergedSegments final : public TCPSegmentSource {
 public:
-    MergedSegments(const SegmentTable& client, const SegmentTable& server) : client_(client), server_(server) {}
+    MergedSegments(const SegmentTable& client, const SegmentTable& server, std::int64_t packetsBefore)
+        : client_(client), server_(server), packetsBefore_(packetsBefore)
+    {}
 
     std::int64_t count() const override { return std::int64_t{client_.size()} + server_.size(); }
 
@@ -270,7 +273,7 @@ public:
         const SegmentRecord& record = isClient ? client_[static_cast<std::uint32_t>(low)] : server_[static_cast<std::uint32_t>(other)];
         return {
             .direction = isClient ? TCPSegment::Direction::clientToServer : TCPSegment::Direction::serverToClient,
-            .packetId = record.packetNumber(),
+            .packetId = packetsBefore_ + record.packetNumber(),
             .sequenceNumber = record.sequenceNumber,
             .payloadLength = static_cast<std::int64_t>(record.length),
             .timestamp = record.time,
@@ -285,6 +288,7 @@ private:
 
     const SegmentTable& client_;
     const SegmentTable& server_;
+    std::int64_t packetsBefore_ = 0;
 };
 
 /// Everything that a stream's records point to, kept together until the last of them goes.
@@ -296,9 +300,9 @@ struct ReassembledStream {
     MergedSegments segments;
 
     ReassembledStream(std::shared_ptr<const Capture> ofCapture, std::shared_ptr<const ConnectionIndex> ofIndex,
-                      const Connection& connection)
-        : capture(std::move(ofCapture)), index(std::move(ofIndex)), client(*capture, connection, connection.client),
-          server(*capture, connection, 1 - connection.client), segments(client.segments(), server.segments())
+                      const Connection& connection, std::int64_t packetsBefore)
+        : capture(std::move(ofCapture)), index(std::move(ofIndex)), client(*capture, connection, connection.client, packetsBefore),
+          server(*capture, connection, 1 - connection.client, packetsBefore), segments(client.segments(), server.segments(), packetsBefore)
     {}
 };
 
@@ -323,10 +327,10 @@ StreamMeasures measuresOf(const ReassembledDirection& client, const ReassembledD
 }  // namespace
 
 TCPStream reassembledStream(std::shared_ptr<const Capture> capture, std::shared_ptr<const ConnectionIndex> index, std::int64_t number,
-                            StreamMeasures* measures)
+                            StreamMeasures* measures, std::int64_t packetsBefore)
 {
     const Connection& connection = (*index)[number];
-    const auto stream = std::make_shared<const ReassembledStream>(std::move(capture), std::move(index), connection);
+    const auto stream = std::make_shared<const ReassembledStream>(std::move(capture), std::move(index), connection, packetsBefore);
     if (measures) *measures = measuresOf(stream->client, stream->server);
     const std::size_t client = connection.client;
     const auto data = [&](const ReassembledDirection& direction) {

@@ -22,9 +22,9 @@ struct StreamMeasures {
 
 /// Puts a connection of the index together. The stream shares the index and the capture and outlives whoever else holds them;
 /// its bytes stay in the capture, which must have random access. Lost bytes read as zeros and belong to no packet. Measures the
-/// connection by the way when `measures` is given.
+/// connection by the way when `measures` is given. Packets of a capture that is a part of a larger one are told with `packetsBefore` added.
 TCPStream reassembledStream(std::shared_ptr<const Capture> capture, std::shared_ptr<const ConnectionIndex> index, std::int64_t number,
-                            StreamMeasures* measures = nullptr);
+                            StreamMeasures* measures = nullptr, std::int64_t packetsBefore = 0);
 
 /// Measures a connection of the index. Reads payload only where segments overlap, to tell whether they contradict each other.
 StreamMeasures measureStream(const Capture& capture, const Connection& connection);

@@ -1,12 +1,16 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""The same rows by the command line, by one worker and by two: wall clock, processor time of all processes, and what travelled.
+"""The same rows by the command line, by one worker and by two, in turn: wall clock, processor time of all processes with and without what
+starting them takes, and what travelled. The more connections, the less counts what the cluster's processes take for themselves.
 
-    SEALSCOPE_BUILD=build/release bench/python/cluster.py [CONNECTIONS] [FILES]
+    SEALSCOPE_BUILD=build/release bench/python/cluster.py [CONNECTIONS] [FILES] [ROUNDS] [streams | exchanges]
 """
+import mmap
 import os
 import pathlib
+import random
 import resource
+import struct
 import subprocess
 import sys
 import tempfile
@@ -15,14 +19,27 @@ import time
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tests/python"))
 
-import captures  # noqa: E402
-from conftest import BUILD, RECORDED  # noqa: E402
+from conftest import BUILD, make_capture  # noqa: E402
 import dask  # noqa: E402
 from distributed import Client, LocalCluster  # noqa: E402
 
 from sealscope import cluster  # noqa: E402
 
-SOURCES = [path for path in RECORDED if path.parent.name in ("nginx-http1", "nginx-http2", "nginx-http1-tls12", "node-tls13")]
+
+def cut(capture, folder, count):
+    """A pcap file in `count` files, cut at random packets."""
+    with open(capture, "rb") as file, mmap.mmap(file.fileno(), 0, access=mmap.ACCESS_READ) as data:
+        chance, size = random.Random(1), len(data)
+        places = [size * (i + 1 + chance.uniform(-0.3, 0.3)) / count for i in range(count - 1)] + [size]
+        at = begun = 24
+        ring = []
+        while at < size:
+            at += 16 + struct.unpack_from("<I", data, at + 8)[0]
+            if at >= places[len(ring)]:
+                ring.append(folder / f"ring-{len(ring):04}.pcap")
+                ring[-1].write_bytes(data[:24] + data[begun:at])
+                begun = at
+    return ring
 
 
 def processor_time():
@@ -31,37 +48,47 @@ def processor_time():
 
 
 def worker_time(client):
-    return sum(client.run(lambda: sum(resource.getrusage(resource.RUSAGE_SELF)[:2])).values())
+    return sum(client.run(lambda: sum(__import__("resource").getrusage(0)[:2])).values())
+
+
+def run_command(kind, whole, keys):
+    begun, used = time.monotonic(), processor_time()
+    subprocess.run([BUILD / "bin/sealscope", kind, "--json", "-k", keys, whole], stdout=subprocess.DEVNULL, check=True)
+    return time.monotonic() - begun, processor_time() - used
+
+
+def run_cluster(kind, ring, keys, workers, output):
+    """Wall clock and processor time of the work, processor time of everything, and the rows."""
+    started = processor_time()
+    with dask.config.set(cluster._LOCAL), LocalCluster(n_workers=workers, threads_per_worker=1, dashboard_address="127.0.0.1:0") as local, \
+            Client(local) as client:
+        client.run(lambda: __import__("sealscope.cluster"))
+        before, used, begun = worker_time(client), processor_time(), time.monotonic()
+        rows = getattr(cluster, kind)(ring, client=client, keylog=keys, output=output).run()
+        wall, used = time.monotonic() - begun, processor_time() - used + worker_time(client) - before
+    return wall, used, processor_time() - started, rows
 
 
 def main():
-    dask.config.set(cluster._LOCAL)
-    connections, files = (int(word) for word in (sys.argv[1:] + ["20000", "40"][len(sys.argv) - 1 :])[:2])
+    connections, files, rounds = (int(word) for word in (sys.argv[1:] + ["150000", "40", "3"][len(sys.argv) - 1 :])[:3])
     with tempfile.TemporaryDirectory() as name:
         folder = pathlib.Path(name)
-        packets = captures.many_connections(SOURCES, connections)
-        whole, ring = captures.write(folder / "whole.pcap", packets), captures.cut(folder, packets, files)
         keys = folder / "keys.txt"
-        keys.write_bytes(b"".join(source.with_name("keylog.txt").read_bytes() for source in SOURCES))
-        del packets
-        print(f"{connections} connections, {whole.stat().st_size / 1e6:.0f} MB, {files} files")
-        for kind in ("streams", "exchanges"):
-            begun, used = time.monotonic(), processor_time()
-            subprocess.run([BUILD / "bin/sealscope", kind, "--json", "-k", keys, whole], stdout=subprocess.DEVNULL, check=True)
-            alone = processor_time() - used
-            print(f"{kind:10} command line  {time.monotonic() - begun:6.2f} s, processor {alone:6.2f} s")
-            walls = {}
-            for workers in (1, 2):
-                with LocalCluster(n_workers=workers, threads_per_worker=1, dashboard_address="127.0.0.1:0") as local, Client(local) as client:
-                    client.run(lambda: __import__("sealscope.cluster"))
-                    before, used, begun = worker_time(client), processor_time(), time.monotonic()
-                    rows = getattr(cluster, kind)(ring, client=client, keylog=keys, output=folder / f"{kind}-{workers}").run()
-                    walls[workers], here = time.monotonic() - begun, processor_time() - used
-                    there = worker_time(client) - before
-                share = rows.travelled_bytes / rows.total_bytes
-                print(f"{kind:10} {workers} worker{'s' * (workers > 1):1}     {walls[workers]:6.2f} s, processor {here + there:6.2f} s "
-                      f"({there:.2f} s of workers), {(here + there) / alone:.2f} of the command line; {share:.1%} of the bytes travelled")
-            print(f"{kind:10} two workers take {walls[2] / walls[1]:.2f} of the time of one")
+        whole = make_capture(folder / "whole.pcap", "--shape", "small", "--connections", str(connections), "--payload", "12000", "--sessions",
+                             "2000", "--concurrent", "20", "--keylog", keys, "--out")
+        ring = cut(whole, folder, files)
+        print(f"{connections} connections, {whole.stat().st_size / 1e6:.0f} MB, {files} files", flush=True)
+        for number in range(rounds):
+            for kind in sys.argv[4:] or ("streams", "exchanges"):
+                wall, alone = run_command(kind, whole, keys)
+                print(f"{kind:10} command line  {wall:6.2f} s, processor {alone:6.2f} s")
+                walls = {}
+                for workers in (1, 2):
+                    walls[workers], used, everything, rows = run_cluster(kind, ring, keys, workers, folder / f"{kind}-{workers}-{number}")
+                    assert not rows.problems
+                    print(f"{kind:10} {workers} worker{'s' * (workers > 1):1}     {walls[workers]:6.2f} s, processor {used:6.2f} s, {used / alone:.2f} "
+                          f"of the command line, {everything / alone:.2f} with start-up; {rows.travelled_bytes / rows.total_bytes:.2%} travelled")
+                print(f"{kind:10} two workers take {walls[2] / walls[1]:.2f} of the time of one", flush=True)
 
 
 if __name__ == "__main__":

@@ -7,7 +7,6 @@ follows from it for real files at the speed of one processor.
     SEALSCOPE_BUILD=build/release bench/python/simulate.py [FILES] [WORKERS]
 """
 import array
-import collections
 import os
 import pathlib
 import pickle
@@ -28,6 +27,7 @@ from sealscope import _core, cluster  # noqa: E402
 CONNECTIONS = 20_000
 GOING_ON = CONNECTIONS // 50
 PACKETS = 1_200_000
+STEP = PACKETS // CONNECTIONS
 FILE = 10**9
 ROW = 1_300  # bytes of a row of streams
 SPEED = 100e6  # bytes a second that a processor works on, rows included; the first look aside
@@ -45,31 +45,38 @@ class MadeUp:
     travelled = 0
     shared_pairs = staticmethod(_core.shared_pairs)
 
-    @staticmethod
-    def scan_file(file):
-        number = int(file)
-        packed = array.array("Q", pairs(number)).tobytes()
-        clients = array.array("Q", (pair for pair in pairs(number) for _ in range(2))).tobytes()
-        return {"first": (1_700_000_000 + 600 * number, 0, 1), "packets": PACKETS, "bytes": FILE, "pairs": packed, "clients": clients,
-                "strangers": b"", "secrets": b"", "errors": []}
+    class Piece:
+        memory = PACKETS * 76 + CONNECTIONS * 400  # as of a real one
 
-    @staticmethod
-    def work_on_file(file, filter, packets_before, travelling, options):
-        step = PACKETS // CONNECTIONS
-        own = len(pairs(int(file))) - len(travelling)
-        firsts = array.array("q", range(packets_before + 1, packets_before + 1 + own * step, step)).tobytes()
-        groups = collections.Counter(travelling.values())
-        # The packets themselves are counted, not carried.
-        MadeUp.travelled += len(travelling) * FILE // CONNECTIONS // 2
-        return {"first_packets": firsts, "rows": b"", "errors": [],
-                "packets": {group: b"%d %d" % (count, packets_before) for group, count in groups.items()}}
+        def __init__(self, file, filter, reach):
+            self.number = int(file)
+
+        def scan(self):
+            packed = array.array("Q", pairs(self.number)).tobytes()
+            clients = array.array("Q", (pair for pair in pairs(self.number) for _ in range(2))).tobytes()
+            return {"first": (1_700_000_000 + 600 * self.number, 0, 1), "packets": PACKETS, "bytes": FILE,
+                    "connections": len(pairs(self.number)), "others": b"", "pairs": packed, "clients": clients, "strangers": b"",
+                    "secrets": b"", "errors": []}
+
+        def packets(self, travelling, groups, wanted, packets_before):
+            # The packets themselves are counted, not carried.
+            count = array.array("q", groups).tolist().count(wanted[0])
+            MadeUp.travelled += count * FILE // CONNECTIONS // 2
+            return [b"%d %d" % (count, packets_before)]
+
+        def rows(self, travelling, groups, packets_before, options):
+            own = len(pairs(self.number)) - len(groups) // 8
+            return {"numbers": array.array("q", range(own)).tobytes(),
+                    "first_packets": array.array("q", range(1, 1 + own * STEP, STEP)).tobytes(), "before": b"", "rows": b"", "errors": []}
+
+    numbered = staticmethod(lambda rows, numbers, whole: b"")
 
     @staticmethod
     def work_on_packets(pieces, options):
-        count, packets_before = map(int, pieces[0].split())
-        step = PACKETS // CONNECTIONS
-        first = packets_before + 2 + (CONNECTIONS - count) * step
-        return {"first_packets": array.array("q", range(first, first + count * step, step)).tobytes(), "rows": b"", "errors": []}
+        count, packets_before = map(int, pieces[0].reveal().split())
+        first = packets_before + 2 + (CONNECTIONS - count) * STEP
+        return {"numbers": array.array("q", range(count)).tobytes(), "before": array.array("q", [CONNECTIONS - count] * count).tobytes(),
+                "first_packets": array.array("q", range(first, first + count * STEP, STEP)).tobytes(), "rows": b"", "errors": []}
 
     @staticmethod
     def key_log(embedded, files):
@@ -100,7 +107,7 @@ def main():
         used, wall = sum(resource.getrusage(resource.RUSAGE_SELF)[:2]) - used, time.monotonic() - begun
         is_watching = False
         watcher.join()
-        answers = files * len(pickle.dumps(MadeUp.scan_file("1")))
+        answers = files * len(pickle.dumps(MadeUp.Piece("1", "", "").scan()))
     total = files * FILE
     print(f"{files} files of 1 GB, {CONNECTIONS} connections each, {workers} workers: {len(rows.problems)} problems")
     print(f"tasks: {len(tasks)} in all ({len(tasks) / files:.1f} a file), {most[0]} held at once")

@@ -98,12 +98,21 @@ template <class Item> py::bytes bytesOf(const std::vector<Item>& items)
     return {reinterpret_cast<const char*>(items.data()), items.size() * sizeof(Item)};
 }
 
+template <class Item> std::vector<Item> itemsOf(std::string_view bytes)
+{
+    std::vector<Item> items(bytes.size() / sizeof(Item));
+    std::memcpy(items.data(), bytes.data(), items.size() * sizeof(Item));
+    return items;
+}
+
 py::dict toDict(const FileScan& scan)
 {
     py::dict dict;
     dict["first"] = scan.first ? py::object(py::make_tuple(scan.first->seconds, scan.first->units, scan.first->resolution)) : py::none();
     dict["packets"] = scan.packets;
     dict["bytes"] = scan.bytes;
+    dict["connections"] = scan.connections;
+    dict["others"] = bytesOf(scan.others);
     dict["pairs"] = bytesOf(scan.pairs);
     dict["clients"] = bytesOf(scan.clients);
     dict["strangers"] = bytesOf(scan.strangers);
@@ -147,10 +156,14 @@ KeyLogFacts keyLogFactsFrom(const py::dict& dict)
     return facts;
 }
 
+/// The bytes in an object that shows none of them, so that no message about wrong arguments does.
+py::object revealed(const py::handle& secret) { return secret.attr("reveal")(); }
+
 PieceOptions pieceOptionsFrom(const py::dict& dict)
 {
     const auto kind = dict["kind"].cast<std::string>();
-    const auto secrets = dict["secrets"].cast<std::string_view>();
+    const py::object text = revealed(dict["secrets"]);
+    const auto secrets = text.cast<std::string_view>();
     return {.kind = kind == "exchanges" ? RowKind::exchanges
                     : kind == "objects" ? RowKind::objects
                                         : RowKind::streams,
@@ -163,30 +176,51 @@ PieceOptions pieceOptionsFrom(const py::dict& dict)
 py::dict toDict(const PieceRows& rows)
 {
     py::dict dict;
+    dict["numbers"] = bytesOf(rows.numbers);
     dict["first_packets"] = bytesOf(rows.firstPackets);
+    dict["before"] = bytesOf(rows.before);
     dict["rows"] = py::bytes(rows.rows);
     dict["errors"] = told(rows.errors);
     return dict;
 }
 
-py::dict workOnFileFrom(const std::string& file, const std::string& filter, std::int64_t packetsBefore,
-                        const std::unordered_map<PairHash, std::int64_t>& travelling, const py::dict& options)
+Travelling travellingFrom(std::string_view pairs, std::string_view groups)
 {
-    std::map<std::int64_t, std::string> packets;
-    const PieceRows rows = interruptibly([&, pieces = pieceOptionsFrom(options)](const std::stop_token& stop) {
-        return workOnFile(file, filter, packetsBefore, travelling, packets, pieces, stop);
-    });
-    py::dict dict = toDict(rows);
-    py::dict groups;
-    for (const auto& [group, bytes] : packets) groups[py::int_(group)] = py::bytes(bytes);
-    dict["packets"] = groups;
-    return dict;
+    Travelling travelling;
+    const std::vector<PairHash> hashes = itemsOf<PairHash>(pairs);
+    const std::vector<std::int64_t> numbers = itemsOf<std::int64_t>(groups);
+    if (hashes.size() != numbers.size()) throw py::value_error("each pair goes to one group");
+    for (std::size_t i = 0; i < hashes.size(); ++i) travelling.emplace(hashes[i], numbers[i]);
+    return travelling;
 }
 
-py::dict workOnPacketsFrom(const std::vector<std::string_view>& pieces, const py::dict& options)
+std::unique_ptr<Piece> openPiece(const std::string& file, const std::string& filter, const std::string& reach)
+{
+    const PlugInOptions plugIns{.reach = reachOf(reach)};
+    return interruptibly([&](const std::stop_token& stop) { return std::make_unique<Piece>(file, filter, plugIns, stop); });
+}
+
+py::list packetsOf(const Piece& piece, std::string_view pairs, std::string_view groups, const std::vector<std::int64_t>& wanted,
+                   std::int64_t packetsBefore)
+{
+    const Travelling travelling = travellingFrom(pairs, groups);
+    py::list list;
+    for (const std::string& packets :
+         interruptibly([&](const std::stop_token&) { return piece.packets(travelling, wanted, packetsBefore); }))
+        list.append(py::bytes(packets));
+    return list;
+}
+
+py::dict rowsOf(const Piece& piece, std::string_view pairs, std::string_view groups, std::int64_t packetsBefore, const py::dict& options)
+{
+    return toDict(interruptibly([&, travelling = travellingFrom(pairs, groups), wanted = pieceOptionsFrom(options)](
+                                    const std::stop_token& stop) { return piece.rows(travelling, packetsBefore, wanted, stop); }));
+}
+
+py::dict workOnPacketsFrom(const py::list& pieces, const py::dict& options)
 {
     std::string packets;
-    for (const std::string_view piece : pieces) packets += piece;
+    for (const py::handle piece : pieces) packets += revealed(piece).cast<std::string_view>();
     return toDict(interruptibly([packets = std::move(packets), piece = pieceOptionsFrom(options)](const std::stop_token& stop) mutable {
         return workOnPackets(std::move(packets), std::move(piece), stop);
     }));
@@ -272,14 +306,22 @@ PYBIND11_MODULE(_core, module)
         });
 
     module.def("load_plug_ins", &loadPlugIns);
-    module.def("scan_file", [](const std::string& file) {
-        return toDict(interruptibly([&](const std::stop_token& stop) { return scanFile(file, stop); }));
-    });
+    py::class_<Piece>(module, "Piece")
+        .def(py::init(&openPiece))
+        .def("scan", [](const Piece& piece) { return toDict(piece.scan()); })
+        .def_property_readonly("memory", &Piece::memory)
+        .def("packets", &packetsOf)
+        .def("rows", &rowsOf);
     module.def("shared_pairs", [](const std::vector<std::string_view>& files) {
         return interruptibly([&](const std::stop_token&) { return sharedPairs({files.begin(), files.end()}); });
     });
-    module.def("work_on_file", &workOnFileFrom);
     module.def("work_on_packets", &workOnPacketsFrom);
+    module.def("numbered", [](std::string_view rows, std::string_view numbers, std::string_view whole) {
+        const auto own = itemsOf<std::int64_t>(numbers);
+        const auto there = itemsOf<std::int64_t>(whole);
+        if (own.size() != there.size()) throw py::value_error("each number has one in the whole");
+        return py::bytes(numbered(rows, own, there));
+    });
     module.def("key_log", &keyLog);
     module.attr("plug_ins_from_package") = SEALSCOPE_PLUGINS_FROM_PACKAGE;
 }

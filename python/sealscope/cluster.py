@@ -6,29 +6,34 @@
 ...     for stream in rows:
 ...         print(stream.number, stream.server_name, stream.verdict)
 
-How it goes. A first look through each file, wherever a worker is free, finds the pairs of endpoints in it. Then each file is worked on as
-a capture of its own; the packets of pairs that several files have are left out there, and travel to where they are all together. Numbers of
-streams and packets are put right at the end, when it is known how many connections each part has. So a file is read twice, and of its bytes
-only those travel that belong to connections which may go on in another file.
+How it goes. A first look through each file, wherever a worker is free, indexes it and finds the pairs of endpoints in it; the index stays
+there. Then rows are made from it, where it is; the packets of pairs that several files have are left out, and travel to where they are all
+together. Numbers of streams are put right at the end, when it is known how many connections each part has. So a file's bytes are looked at
+twice, and of them only those travel that belong to connections which may go on in another file.
 
 Files are named as the workers see them: on storage that all share, or each on the machine that wrote it. Workers need this package.
 A cluster that is started here runs on this machine; a script then needs the usual `if __name__ == "__main__":`.
 """
 from __future__ import annotations
 
+import array
 import bisect
+import contextlib
 import functools
 import heapq
 import json
 import os
 import re
+import signal
 import socket
 import struct
+import threading
 import time
 import uuid
 from collections.abc import Callable, Iterable, Iterator
 from fractions import Fraction
-from typing import Any, Generic, TypeVar
+from multiprocessing import resource_tracker
+from typing import TYPE_CHECKING, Any, Generic, TypeVar
 
 import dask
 from distributed import Client, LocalCluster, as_completed
@@ -36,9 +41,14 @@ from distributed.scheduler import KilledWorker
 
 from . import CaptureError, Exchange, Object, Path, Record, Stream, _core, _names
 
-__all__ = ["Rows", "Secret", "exchanges", "find", "objects", "streams"]
+if TYPE_CHECKING:
+    from ._following import Following
+
+__all__ = ["Rows", "Secret", "exchanges", "find", "follow", "objects", "streams"]
 
 _Row = TypeVar("_Row", bound=Record)
+_Travelling = tuple[bytes, bytes]  # pairs, and the group that each goes to
+_HEAD = len(b'{"stream":')
 
 
 class Secret:
@@ -83,65 +93,103 @@ def _told(error: CaptureError) -> tuple[str, str, int, str]:
     return error.file, error.reason, error.packets_before, str(error)
 
 
-def _scan(file: str) -> dict[str, Any] | _Failed:
+class _Piece:
+    """A file that was indexed. Whoever gets it from elsewhere, or from the disk, indexes it once more when it is asked for."""
+
+    def __init__(self, file: str, filter: str, reach: str) -> None:
+        self._arguments = file, filter, reach
+        self._lock = threading.Lock()
+        self._core: _core.Piece | None = None
+
+    def core(self) -> _core.Piece:
+        with self._lock:
+            if self._core is None:
+                self._core = _core.Piece(*self._arguments)
+            return self._core
+
+    def __sizeof__(self) -> int:
+        return self._core.memory if self._core else 0
+
+    def __reduce__(self) -> Any:
+        return _Piece, self._arguments
+
+    def __repr__(self) -> str:
+        return f"_Piece({self._arguments[0]!r})"
+
+
+def _look(file: str, filter: str, reach: str) -> _Piece | _Failed:
+    piece = _Piece(file, filter, reach)
     try:
-        scan = _core.scan_file(file)
+        piece.core()
+    except CaptureError as error:
+        return _Failed(_told(error))
+    return piece
+
+
+def _scan(piece: _Piece | _Failed) -> dict[str, Any] | _Failed:
+    if isinstance(piece, _Failed):
+        return piece
+    try:
+        scan = piece.core().scan()
     except CaptureError as error:
         return _Failed(_told(error))
     scan["secrets"] = Secret(scan["secrets"])
     return scan
 
 
-def _opened(options: dict[str, Any]) -> dict[str, Any]:
+def _prepared(options: dict[str, Any]) -> dict[str, Any]:
     if options["folder"]:
         os.makedirs(options["folder"], mode=0o700, exist_ok=True)
-    return {**options, "secrets": options["secrets"].reveal()}
+    return options
 
 
-def _work_on_file(file: str, packets_before: int, travelling: dict[int, int], filter: str, options: dict[str, Any]) -> dict[str, Any] | _Failed:
+def _work_on_file(piece: _Piece | _Failed, travelling: _Travelling, packets_before: int, options: dict[str, Any]) -> _Work | _Failed:
+    if isinstance(piece, _Failed):
+        return piece
     try:
-        return _Work(_core.work_on_file(file, filter, packets_before, travelling, _opened(options)))
+        return _Work(piece.core().rows(*travelling, packets_before, _prepared(options)))
     except CaptureError as error:
         return _Failed(_told(error))
 
 
-def _packets_for(work: dict[str, Any], group: int) -> Secret:
-    return Secret(work["packets"][group])
+def _packets_by_group(piece: _Piece | _Failed, travelling: _Travelling, groups: list[int], packets_before: int) -> list[Secret] | _Failed:
+    if isinstance(piece, _Failed):
+        return piece
+    try:
+        return [Secret(packets) for packets in piece.core().packets(*travelling, groups, packets_before)]
+    except CaptureError as error:
+        return _Failed(_told(error))
 
 
-def _work_on_packets(pieces: list[Secret], options: dict[str, Any]) -> dict[str, Any]:
-    return _Work(_core.work_on_packets([piece.reveal() for piece in pieces], _opened(options)))
+def _packets_for(piece: _Piece | _Failed, travelling: _Travelling, group: int, packets_before: int) -> Secret | _Failed:
+    found = _packets_by_group(piece, travelling, [group], packets_before)
+    return found if isinstance(found, _Failed) else found[0]
 
 
-def _facts(work: dict[str, Any] | _Failed) -> dict[str, Any]:
-    """What the numbers of all are made from."""
+def _work_on_packets(pieces: list[Secret | _Failed], options: dict[str, Any]) -> _Work | _Failed:
+    packets = [piece for piece in pieces if isinstance(piece, Secret)]
+    try:
+        work = _Work(_core.work_on_packets(packets, _prepared(options)))
+    except CaptureError as error:
+        return _Failed(_told(error))
+    work["errors"] += [piece.error for piece in pieces if isinstance(piece, _Failed)]
+    work["travelled"] = sum(map(len, packets))
+    return work
+
+
+def _starts(work: _Work | _Failed) -> dict[str, Any] | _Failed:
+    """Where the connections of a group begin, what begins before them in their files, and what travelled for it."""
     if isinstance(work, _Failed):
-        return {"errors": [work.error], "connections": 0, "packets": {}}
-    packets = {group: len(piece) for group, piece in work.get("packets", {}).items()}
-    return {"errors": work["errors"], "connections": len(work["first_packets"]) // 8, "packets": packets}
+        return work
+    return {"first_packets": work["first_packets"], "before": work["before"], "travelled": work["travelled"]}
 
 
 def _numbers(packed: bytes) -> tuple[int, ...]:
     return struct.unpack(f"={len(packed) // 8}q", packed)
 
 
-def _first_packets(work: dict[str, Any]) -> tuple[int, ...]:
-    return _numbers(work["first_packets"])
-
-
-def _before(work: dict[str, Any], packets: list[int]) -> list[int]:
-    """Of each packet the number of connections that begin before it."""
-    first = _first_packets(work)
-    return [bisect.bisect_left(first, packet) for packet in packets]
-
-
-_HEAD = len(b'{"stream":')
-
-
-def _numbered(rows: bytes, numbers: list[int]) -> Iterator[bytes]:
-    for line in rows.splitlines(keepends=True):
-        comma = line.index(b",", _HEAD)
-        yield b"%s%d%s" % (line[:_HEAD], numbers[int(line[_HEAD:comma])], line[comma:])
+def _packed(numbers: Iterable[int]) -> bytes:
+    return array.array("q", numbers).tobytes()
 
 
 def _matches(row: dict[str, Any], wanted: dict[str, str]) -> bool:
@@ -162,21 +210,20 @@ def _matches(row: dict[str, Any], wanted: dict[str, str]) -> bool:
     return all(tests[name](text) for name, text in wanted.items())
 
 
-def _finish(work: dict[str, Any] | _Failed, numbers: list[int] | tuple[int, list[int]], wanted: dict[str, str], path: str) -> Any:
-    """The rows with their final numbers; written to `path`, where there is one, in one go, else given."""
+def _finish(work: _Work | _Failed, numbers: list[int] | tuple[int, list[int]], wanted: dict[str, str], path: str) -> tuple[Any, list[Any]]:
+    """The rows with their final numbers, written to `path` where there is one, in one go, else given; and what was the matter."""
     if isinstance(work, _Failed):
-        return b""
+        return b"", [work.error]
     if isinstance(numbers, tuple):  # a number for the first, and the packets at which a connection elsewhere takes one
         start, elsewhere = numbers
-        numbers = [start + i + bisect.bisect_left(elsewhere, packet) for i, packet in enumerate(_first_packets(work))]
-    lines = _numbered(work["rows"], numbers)
+        numbers = [start + i + bisect.bisect_left(elsewhere, packet) for i, packet in enumerate(_numbers(work["first_packets"]))]
+    rows = _core.numbered(work["rows"], work["numbers"], _packed(numbers))
     if wanted:
-        lines = (line for line in lines if _matches(json.loads(line), wanted))
-    rows = b"".join(lines)
+        rows = b"".join(line for line in rows.splitlines(keepends=True) if _matches(json.loads(line), wanted))
     try:
-        return _written(rows, path) if path else rows
+        return _written(rows, path) if path else rows, work["errors"]
     except OSError as problem:
-        return _Failed((path, problem.strerror or str(problem), -1, ""))
+        return b"", [*work["errors"], (path, problem.strerror or str(problem), -1, "")]
 
 
 def _written(rows: bytes, path: str) -> str:
@@ -231,7 +278,19 @@ def _entries(packed: bytes, size: int) -> list[bytes]:
 
 
 # Looks at every worker's stack and event loop, up to a hundred times a second, tell nothing about code that is not Python.
-_LOCAL = {"distributed.worker.profile.interval": "1s", "distributed.admin.tick.interval": "500ms"}
+_LOCAL = {"distributed.worker.profile.interval": "1s", "distributed.admin.tick.interval": "500ms",
+          "distributed.worker.memory.monitor-interval": "1s", "distributed.scheduler.work-stealing-interval": "500ms"}
+
+
+@contextlib.contextmanager
+def _interrupts_blocked() -> Iterator[None]:
+    """Whoever is started meanwhile gets no Ctrl-C of the terminal: that is for the one who asks, and workers end when that one says so."""
+    resource_tracker.ensure_running()  # which would let interrupts through
+    before = signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGINT])
+    try:
+        yield
+    finally:
+        signal.pthread_sigmask(signal.SIG_SETMASK, before)
 
 
 class _SchedulerLost(Exception):
@@ -263,7 +322,7 @@ class Rows(Generic[_Row]):
         self._patience, self._progress = patience, progress or (lambda phase, done, total: None)
         self._owned: list[Any] = []
         if client is None:
-            with dask.config.set(_LOCAL):
+            with dask.config.set(_LOCAL), _interrupts_blocked():
                 local = LocalCluster(n_workers=os.cpu_count(), threads_per_worker=1, dashboard_address="127.0.0.1:0")
             client = Client(local)
             self._owned = [client, local]
@@ -272,6 +331,7 @@ class Rows(Generic[_Row]):
             self._owned = [client]
         self._client: Client = client
         self._scans: dict[int, dict[str, Any] | _Failed] = {}
+        self._pieces: dict[int, Any] = {}
         self._places: dict[int, str] = {}
         self._told: set[tuple[Any, ...]] = set()
         if self._output:
@@ -354,6 +414,7 @@ class Rows(Generic[_Row]):
             try:
                 return attempt()
             except _SchedulerLost:
+                self._pieces.clear()
                 self._wait_for_scheduler()
 
     def _wait_for_scheduler(self) -> None:
@@ -373,6 +434,12 @@ class Rows(Generic[_Row]):
             time.sleep(0.5)
         raise CaptureError("", f"the scheduler at {address} is gone, and did not come back within {self._patience:.0f} s")
 
+    def _folder_for(self, part: str) -> str:
+        return os.path.join(self._folder, part) if self._folder else ""
+
+    def _path_for(self, part: str) -> str:
+        return os.path.join(self._output, part + ".ndjson") if self._output else ""
+
     def _tell(self, error: tuple[str, str, int, str]) -> None:
         if (error[0], error[1]) not in self._told:
             self._told.add((error[0], error[1]))
@@ -381,8 +448,11 @@ class Rows(Generic[_Row]):
     # The first look.
 
     def _scan_all(self) -> None:
+        known = set(self._scans)
         self._again(self._scan_missing)
         for index, scan in list(self._scans.items()):
+            if index in known:
+                continue
             if isinstance(scan, _Failed):
                 self._tell(scan.error)
             else:
@@ -391,23 +461,51 @@ class Rows(Generic[_Row]):
                     self._tell(error)
 
     def _scan_missing(self) -> None:
-        futures = {self._submit(_scan, file): index for index, file in enumerate(self._files) if index not in self._scans}
-        for future in as_completed(list(futures)):
+        waiting = [index for index in range(len(self._files)) if index not in self._scans]
+        waiting.reverse()
+        futures: dict[Any, int] = {}
+        running = as_completed(loop=self._client.loop)
+
+        def begin() -> None:
+            # A few at a time, so that each worker gets as many bytes as it has time for: rows are made where a file was looked at.
+            threads = sum(worker["nthreads"] for worker in self._client.scheduler_info()["workers"].values())
+            while waiting and len(futures) < 2 * max(threads, 1):
+                index = waiting.pop()
+                self._pieces[index] = self._submit(_look, self._files[index], self._filter, self._reach)
+                future = self._submit(_scan, self._pieces[index])
+                futures[future] = index
+                running.add(future)
+
+        begin()
+        for future in running:
             index = futures.pop(future)
             self._scans[index] = self._result(future, self._files[index])
             self._progress("looking through", len(self._scans), len(self._files))
+            begin()
         # What one worker does not have may lie on the machine of another.
         absent = [index for index, scan in self._scans.items() if isinstance(scan, _Failed) and index not in self._places]
         for address in self._one_worker_a_host():
             if not absent:
                 break
-            tried = {index: self._submit(_scan, self._files[index], workers=[address]) for index in absent}
-            for index, future in tried.items():
+            tried = {}
+            for index in absent:
+                piece = self._submit(_look, self._files[index], self._filter, self._reach, workers=[address])
+                tried[index] = piece, self._submit(_scan, piece)
+            for index, (piece, future) in tried.items():
                 scan = self._result(future, self._files[index])
                 if not isinstance(scan, _Failed):
                     self._scans[index] = scan
+                    self._pieces[index] = piece
                     self._places[index] = address
             absent = [index for index in absent if index not in self._places]
+
+    def _piece(self, index: int) -> Any:
+        """A file's index; made once more when the scheduler that knew of it was lost."""
+        if index not in self._pieces:
+            place = self._places.get(index)
+            where = {"workers": [place], "allow_other_workers": True} if place else {}
+            self._pieces[index] = self._submit(_look, self._files[index], self._filter, self._reach, **where)
+        return self._pieces[index]
 
     def _one_worker_a_host(self) -> list[str]:
         hosts: dict[str, str] = {}
@@ -423,18 +521,35 @@ class _Part:
         self.result, self.bound = result, bound
 
 
+def _first(scan: dict[str, Any]) -> tuple[Any, ...]:
+    """By which files are ordered; those without packets come last."""
+    found = scan["first"]
+    return (1,) if found is None else (0, found[0], Fraction(found[1], found[2]))
+
+
+def _clients(scan: dict[str, Any]) -> Iterator[tuple[int, bytes]]:
+    """Pairs, and the first bytes of client randoms of them."""
+    for entry in _entries(scan["clients"], 16):
+        yield int.from_bytes(entry[:8], "little"), entry[8:]
+
+
+def _embedded(scans: Iterable[dict[str, Any]]) -> bytes:
+    """The secrets that captures carry themselves."""
+    texts = (scan["secrets"].reveal() for scan in scans)
+    return b"".join(text if text.endswith(b"\n") or not text else text + b"\n" for text in texts)
+
+
+def _pack(travelling: dict[int, int]) -> _Travelling:
+    return array.array("Q", travelling.keys()).tobytes(), _packed(travelling.values())
+
+
 class _Plan:
     """Who works on what, and which numbers that gives."""
 
     def __init__(self, rows: Rows[Any]) -> None:
         self._rows = rows
         scans = {index: scan for index, scan in rows._scans.items() if isinstance(scan, dict)}
-
-        def first(index: int) -> tuple[Any, ...]:
-            found = scans[index]["first"]
-            return (1,) if found is None else (0, found[0], Fraction(found[1], found[2]), index)
-
-        self._order = sorted(scans, key=lambda index: (first(index), index))
+        self._order = sorted(scans, key=lambda index: (_first(scans[index]), index))
         self._scans = [scans[index] for index in self._order]
         self._files = [rows._files[index] for index in self._order]
         self._packets_before = [0]
@@ -443,44 +558,44 @@ class _Plan:
 
         # A group has the pairs that begin in one file, and go on in others.
         self._travelling: list[dict[int, int]] = [{} for _ in self._files]
+        self._own = [scan["connections"] for scan in self._scans]
+        others = [dict(struct.iter_unpack("=Qq", scan["others"])) for scan in self._scans]
         self._members: dict[int, set[int]] = {}
         for pair, files in _core.shared_pairs([scan["pairs"] for scan in self._scans]):
             for file in files:
                 self._travelling[file][pair] = files[0]
+                self._own[file] -= others[file].get(pair, 1)
                 self._members.setdefault(files[0], set()).add(file)
+        self._packed = [_pack(travelling) for travelling in self._travelling]
         self._make_options()
         self._work: dict[int, Any] = {}
         self._group_work: dict[int, Any] = {}
-        self._facts: dict[int, dict[str, Any]] = {}
-        self._starts: dict[int, tuple[int, ...]] = {}
+        self._starts: dict[int, dict[int, int]] = {}
         self._done: set[tuple[str, int]] = set()
 
     def _make_options(self) -> None:
         rows = self._rows
-        embedded = b"".join(text if text.endswith(b"\n") or not text else text + b"\n"
-                            for text in (scan["secrets"].reveal() for scan in self._scans))
-        text, facts = _core.key_log(embedded, rows._key_logs)
+        text, facts = _core.key_log(_embedded(self._scans), rows._key_logs)
         keys = _KeyLog(text)
-        known: set[bytes] = set()
+        known: set[tuple[int, bytes]] = set()
         needs: list[tuple[set[bytes], bool]] = []
         unmet: dict[int, int] = {}
         group_needs: dict[int, tuple[set[bytes], list[bool]]] = {group: (set(), []) for group in self._members}
         for scan, travelling in zip(self._scans, self._travelling):
             own: set[bytes] = set()
-            for entry in _entries(scan["clients"], 16):
-                if not keys.has(entry[8:]):
+            for pair, client in _clients(scan):
+                if not keys.has(client):
                     continue
-                known.add(entry)
-                pair = int.from_bytes(entry[:8], "little")
-                (group_needs[travelling[pair]][0] if pair in travelling else own).add(entry[8:])
-            strangers = [int.from_bytes(entry, "little") for entry in _entries(scan["strangers"], 8)]
+                known.add((pair, client))
+                (group_needs[travelling[pair]][0] if pair in travelling else own).add(client)
+            strangers = array.array("Q", scan["strangers"])
             needs.append((own, any(pair not in travelling for pair in strangers)))
             unmet.update((pair, travelling[pair]) for pair in strangers if pair in travelling)
         # A pair is a stranger where none of its files has its hello.
         if unmet:
             for scan in self._scans:
-                for entry in _entries(scan["clients"], 16):
-                    unmet.pop(int.from_bytes(entry[:8], "little"), None)
+                for pair, _ in _clients(scan):
+                    unmet.pop(pair, None)
         for group in unmet.values():
             group_needs[group][1].append(True)
         facts["connections"] = len(known)
@@ -489,81 +604,55 @@ class _Plan:
         self._group_secrets = {group: keys.for_clients(clients, bool(strangers)) for group, (clients, strangers) in group_needs.items()}
 
     def _options(self, secrets: Secret, name: str) -> dict[str, Any]:
-        folder = os.path.join(self._rows._folder, name) if self._rows._folder else ""
-        return {**self._common, "secrets": secrets, "folder": folder}
+        return {**self._common, "secrets": secrets, "folder": self._rows._folder_for(name)}
 
     def _name(self, kind: str, index: int) -> str:
         return f"part-{index:05}" + ("-shared" if kind == "group" else "")
 
     def _path(self, kind: str, index: int) -> str:
-        return os.path.join(self._rows._output, self._name(kind, index) + ".ndjson") if self._rows._output else ""
+        return self._rows._path_for(self._name(kind, index))
 
-    # Work: every file, then what travels. All of it can be done again when the scheduler was lost, except what was handed out.
+    # Work: what travels, and every file. All of it can be done again when the scheduler was lost, except what was handed out.
 
     def _work_on_all(self) -> None:
         rows = self._rows
-        wanted = {file for file in range(len(self._files)) if ("file", file) not in self._done}
-        groups = {group for group in self._members if ("group", group) not in self._done}
+        groups = sorted(group for group in self._members if ("group", group) not in self._done and group not in self._group_work)
         for group in groups:
-            wanted |= self._members[group]
-        for file in sorted(wanted - self._work.keys()):
-            place = rows._places.get(self._order[file])
-            where = {"workers": [place], "allow_other_workers": True} if place else {}
-            self._work[file] = rows._submit(_work_on_file, self._files[file], self._packets_before[file], self._travelling[file],
-                                            rows._filter, self._options(self._secrets[file], self._name("file", file)), **where)
-        facts = {rows._submit(_facts, self._work[file]): file for file in wanted}
-        for future in as_completed(list(facts)):
-            file = facts.pop(future)
-            found = rows._result(future, self._files[file])
-            if isinstance(found, _Failed):
-                self._work[file] = found
-                found = _facts(found)
-            self._facts[file] = found
-            for error in found["errors"]:
-                rows._tell(error)
-            rows._progress("working on", len(self._facts), len(self._files))
-        for group in sorted(groups - self._group_work.keys()):
-            pieces = [rows._submit(_packets_for, self._work[file], group) for file in sorted(self._members[group])
-                      if group in self._facts[file]["packets"]]
+            pieces = [rows._submit(_packets_for, rows._piece(self._order[file]), self._packed[file], group, self._packets_before[file])
+                      for file in sorted(self._members[group])]
             self._group_work[group] = rows._submit(_work_on_packets, pieces,
                                                    self._options(self._group_secrets[group], self._name("group", group)))
-        starts = {rows._submit(_first_packets, self._group_work[group]): group for group in groups - self._starts.keys()}
+        for file in range(len(self._files)):
+            if ("file", file) not in self._done and file not in self._work:
+                self._work[file] = rows._submit(_work_on_file, rows._piece(self._order[file]), self._packed[file], self._packets_before[file],
+                                                self._options(self._secrets[file], self._name("file", file)))
+        starts = {rows._submit(_starts, self._group_work[group]): group for group in self._members.keys() - self._starts.keys()}
         for future in as_completed(list(starts)):
             group = starts.pop(future)
             found = rows._result(future, self._files[group])
             if isinstance(found, _Failed):
                 rows._tell((self._files[group], "connections that go on in other files: " + found.error[1], -1, ""))
                 self._group_work[group] = found
-                found = ()
-            self._starts[group] = found
-        rows.travelled_bytes = sum(sum(facts["packets"].values()) for facts in self._facts.values())
+                self._starts[group] = {}
+                continue
+            self._starts[group] = dict(zip(_numbers(found["first_packets"]), _numbers(found["before"])))
+            rows.travelled_bytes += found["travelled"]
 
     def _numbers_of_groups(self) -> dict[int, list[int]]:
         """Of each group the numbers of its connections, and in `_offsets` where those of each file begin."""
         elsewhere = sorted(start for starts in self._starts.values() for start in starts)
-        self._elsewhere: list[list[int]] = []
+        before = {start: count for starts in self._starts.values() for start, count in starts.items()}
+        self._elsewhere: list[list[int]] = []  # counted in their files
         self._offsets = []
         own = 0
-        for file in range(len(self._files)):
-            low = bisect.bisect_left(elsewhere, self._packets_before[file] + 1)
-            high = bisect.bisect_left(elsewhere, self._packets_before[file + 1] + 1)
-            self._elsewhere.append(elsewhere[low:high])
-            self._offsets.append(own + low)
-            own += self._facts[file]["connections"]
-        self._total = own + len(elsewhere)
         numbers: dict[int, int] = {}
-        asked = {}
-        for file, starts in enumerate(self._elsewhere):
-            if starts and not isinstance(self._work.get(file), _Failed) and self._facts[file]["connections"]:
-                if file not in self._work:
-                    continue
-                asked[file] = self._rows._submit(_before, self._work[file], starts)
-        for file, starts in enumerate(self._elsewhere):
-            before = self._rows._result(asked[file], self._files[file]) if file in asked else [0] * len(starts)
-            if isinstance(before, _Failed):
-                before = [0] * len(starts)
-            for rank, (start, count) in enumerate(zip(starts, before)):
-                numbers[start] = self._offsets[file] + rank + count
+        for file, packets in enumerate(self._packets_before[:-1]):
+            low = bisect.bisect_left(elsewhere, packets + 1)
+            high = bisect.bisect_left(elsewhere, self._packets_before[file + 1] + 1)
+            self._elsewhere.append([start - packets for start in elsewhere[low:high]])
+            self._offsets.append(own + low)
+            numbers.update((start, own + low + rank + before[start]) for rank, start in enumerate(elsewhere[low:high]))
+            own += self._own[file]
         return {group: [numbers[start] for start in starts] for group, starts in self._starts.items()}
 
     def _bound(self, file: int) -> tuple[Any, ...] | None:
@@ -589,50 +678,37 @@ class _Plan:
                 if (kind, index) in self._done or (kind, index) in finished:
                     continue
                 work = (self._work if kind == "file" else self._group_work)[index]
-                if isinstance(work, _Failed):
-                    finished[kind, index] = None
-                    continue
                 found = numbers[index] if kind == "group" else (self._offsets[index], self._elsewhere[index])
-                finished[kind, index] = self._rows._submit(_finish, work, found, self._rows._wanted, self._path(kind, index))
+                finished[kind, index] = None if isinstance(work, _Failed) else self._rows._submit(
+                    _finish, work, found, self._rows._wanted, self._path(kind, index))
 
         def result(entry: tuple[str, int]) -> Any:
-            if entry not in finished:
-                prepare()
-            future = finished[entry]
-            if future is None:
-                return b""
             try:
-                found = self._rows._result(future, self._files[entry[1]])
+                if entry not in finished:
+                    prepare()
+                future = finished[entry]
+                return (b"", []) if future is None else self._rows._result(future, self._files[entry[1]])
             except _SchedulerLost:
                 finished.clear()
                 self._work.clear()
-                self._group_work.clear()
-                raise
-            if isinstance(found, _Failed):
-                self._rows._tell(found.error)
-                return b""
-            return found
-
-        def prepared() -> None:
-            try:
-                prepare()
-            except _SchedulerLost:
-                finished.clear()
-                self._work.clear()
-                self._group_work.clear()
+                self._group_work = {group: work for group, work in self._group_work.items() if isinstance(work, _Failed)}
                 raise
 
-        self._rows._again(prepared)
         for count, entry in enumerate(order):
             found = self._rows._again(functools.partial(result, entry))
+            rows, errors = (b"", [found.error]) if isinstance(found, _Failed) else found
+            for error in errors:
+                self._rows._tell(error)
+            kind, file = entry
             self._done.add(entry)
             finished[entry] = None
-            kind, file = entry
+            # Its rows are through, and need no more room on a worker.
+            (self._work if kind == "file" else self._group_work).pop(file, None)
             if kind == "file":
-                self._work.pop(file, None)  # its rows are through, and need no more room on a worker
-            self._rows._progress("collecting", count + 1, len(order))
+                self._rows._pieces.pop(self._order[file], None)
+            self._rows._progress("working", count + 1, len(order))
             # A group stands before the file that its first connections begin in.
-            yield _Part(found, self._bound(file) if kind == "file" else (-1,))
+            yield _Part(rows, self._bound(file) if kind == "file" else (-1,))
 
 
 def streams(files: Path | Iterable[Path], *, client: Client | str | None = None, keylog: Path | Iterable[Path] | None = None,
@@ -676,3 +752,24 @@ def find(files: Path | Iterable[Path], *, server_name: str | None = None, client
         raise ValueError("find: expected a server name, a client random, a certificate, an address or a JA4 fingerprint")
     return Rows("streams", Stream, files, client=client, keylog=keylog, reach=reach, filter=filter, output=output, wanted=wanted,
                 patience=patience, progress=progress)
+
+
+def follow(folder: Path, kind: str = "streams", pattern: str = "*", *, interval: float = 5.0, settle: float | None = None,
+           most_held: int = 256 << 20, client: Client | str | None = None, keylog: Path | Iterable[Path] | None = None, reach: str = "full",
+           filter: str = "", output: Path | None = None, folder_for_objects: Path | None = None, patience: float = 120.0,
+           progress: Callable[[str, int, int], None] | None = None, report: Callable[[CaptureError], None] | None = None) -> Following[Any]:
+    """Rows of the files of a folder that a sensor fills, as they are complete: of `kind` "streams", "exchanges" or "objects".
+
+    A file is complete when there is a newer one, or when it was left alone for `settle` seconds, where that is given. Its rows come when
+    the file behind it is complete too, since connections may go on there; such connections come when a file has nothing of them. Their
+    packets are held until then, here, up to `most_held` bytes; beyond that the largest are let go as they are. `Following.stop` ends it,
+    from any thread or a signal's handler: what is held comes then, and the iteration ends. `report` is given every problem as it is met.
+    Numbers of streams count the rows' connections as they come. Key logs are read anew for every round of files.
+    """
+    from ._following import Following
+
+    makers: dict[str, Callable[[str], Any]] = {"streams": Stream, "exchanges": Exchange, "objects": Object}
+    if kind not in makers:
+        raise ValueError("follow: expected 'streams', 'exchanges' or 'objects'")
+    return Following(kind, makers[kind], folder, pattern, interval=interval, settle=settle, most_held=most_held, report=report, client=client,
+                     keylog=keylog, reach=reach, filter=filter, output=output, folder=folder_for_objects, patience=patience, progress=progress)

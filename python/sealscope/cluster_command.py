@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import argparse
 import os
+import signal
 import sys
 import time
 from typing import Any
@@ -19,6 +20,8 @@ EXAMPLES = """examples:
       a file of rows for each capture file, written by the workers
   sealscope-cluster find --server-name www.example.org /captures/*.pcapng
       the connections to one server
+  sealscope-cluster streams --follow-directory /ring --pattern '*.pcap' -k keys.txt --output rows
+      the files of a sensor's ring as they are complete, until Ctrl-C
 """
 
 
@@ -50,7 +53,7 @@ def _parser() -> argparse.ArgumentParser:
                                      description="Rows of captures in many files, made on a Dask cluster: the rows that 'sealscope' prints "
                                                  "for all the files together.")
     parser.add_argument("what", choices=["streams", "exchanges", "objects", "find"])
-    parser.add_argument("files", nargs="+", metavar="FILE", help="as the workers see it")
+    parser.add_argument("files", nargs="*", metavar="FILE", help="as the workers see it")
     parser.add_argument("--scheduler", metavar="ADDRESS", help="of the cluster; without it one is started on this machine")
     parser.add_argument("--tls-ca", metavar="FILE", help="the cluster's certificate authority, for tls:// addresses")
     parser.add_argument("--tls-cert", metavar="FILE")
@@ -62,6 +65,13 @@ def _parser() -> argparse.ArgumentParser:
     parser.add_argument("--save", metavar="DIR", help="'objects': the workers save the bodies into this folder")
     parser.add_argument("--patience", metavar="SECONDS", type=float, default=120.0, help="how long a lost scheduler is waited for")
     parser.add_argument("-q", "--quiet", action="store_true", help="no progress")
+    following = parser.add_argument_group("following", "files of a folder as they are complete, in place of FILE; Ctrl-C ends it")
+    following.add_argument("--follow-directory", metavar="DIR", help="seen here and by the workers; a file is complete when there is a newer one")
+    following.add_argument("--pattern", metavar="GLOB", default="*", help="of the names of files that count (default: *)")
+    following.add_argument("--settle", metavar="SECONDS", type=float, help="a file that was left alone for so long is complete, too")
+    following.add_argument("--interval", metavar="SECONDS", type=float, default=5.0, help="between looks at the folder (default: 5)")
+    following.add_argument("--most-held", metavar="MB", type=int, default=256,
+                           help="of packets whose connections may go on in files to come (default: 256)")
     found = parser.add_argument_group("find", "the connections that have all of these")
     found.add_argument("--server-name", metavar="NAME")
     found.add_argument("--client-random", metavar="HEX")
@@ -84,7 +94,13 @@ def _run(options: argparse.Namespace, progress: _Progress) -> int:
     from . import cluster
     common = {"client": _client(options), "keylog": options.keylog, "reach": options.reach, "filter": options.filter,
               "output": options.output, "patience": options.patience, "progress": progress}
-    if options.what == "find":
+    if options.follow_directory:
+        del common["client"]
+        rows = cluster.follow(options.follow_directory, options.what, options.pattern, interval=options.interval, settle=options.settle,
+                              most_held=options.most_held << 20, client=_client(options), folder_for_objects=options.save, report=_report,
+                              **common)
+        _end_on_signals(rows)
+    elif options.what == "find":
         names = ("server_name", "client_random", "certificate", "address", "ja4")
         rows = cluster.find(options.files, **{name: getattr(options, name) for name in names}, **common)
     elif options.what == "objects":
@@ -95,12 +111,29 @@ def _run(options: argparse.Namespace, progress: _Progress) -> int:
         try:
             for line in rows.lines():
                 sys.stdout.write(line + "\n")
+                if options.follow_directory:  # somebody may wait for it
+                    sys.stdout.flush()
             sys.stdout.flush()
         finally:
             progress.erase()
-            for problem in rows.problems:
-                print(f"sealscope-cluster: {problem}", file=sys.stderr)
+            if not options.follow_directory:
+                for problem in rows.problems:
+                    _report(problem)
         return 1 if rows.problems else 0
+
+
+def _report(problem: Exception) -> None:
+    print(f"sealscope-cluster: {problem}", file=sys.stderr)
+
+
+def _end_on_signals(rows: Any) -> None:
+    """The first signal ends the following, the next one the program."""
+    def end(number: int, _: Any) -> None:
+        signal.signal(number, signal.default_int_handler if number == signal.SIGINT else signal.SIG_DFL)
+        rows.stop()
+
+    for number in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(number, end)
 
 
 def main(arguments: list[str] | None = None) -> int:
@@ -109,6 +142,10 @@ def main(arguments: list[str] | None = None) -> int:
     for key_log in options.keylog:
         if not os.access(key_log, os.R_OK):
             parser.error(f"--keylog {key_log}: cannot be read")
+    if bool(options.files) == bool(options.follow_directory):
+        parser.error("expected FILE, or --follow-directory")
+    if options.follow_directory and options.what == "find":
+        parser.error("find: expected FILE; --follow-directory goes with streams, exchanges and objects")
     progress = _Progress(not options.quiet)
     try:
         return _run(options, progress)

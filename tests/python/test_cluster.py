@@ -2,8 +2,11 @@
 """The cluster against one machine: the same rows, whatever happens to workers, scheduler and files. Each process is one of its own."""
 import json
 import os
+import shutil
+import signal
 import subprocess
 import sys
+import threading
 import time
 
 import captures
@@ -154,6 +157,70 @@ def test_command_prints_ndjson(running, client, ring, whole, keys):
     assert done.returncode == 1 and "sealscope-cluster: /nonexistent.pcap: No such file or directory" in done.stderr
 
 
+@pytest.fixture(scope="module")
+def steady(tmp_path_factory):
+    """A capture, and the same as a ring, in which no connection is silent for longer than a file."""
+    folder = tmp_path_factory.mktemp("steady")
+    packets = captures.many_connections(SOURCES[:4], 160)
+    return captures.write(folder / "whole.pcap", packets), captures.cut(folder, packets, 20)
+
+
+def without_place(line):
+    """A row without its number, and without what it says of the capture as a whole."""
+    row = json.loads(line)
+    if row.get("verdict") not in (None, "decrypted"):
+        row["reason"]["sentence"] = None
+    return {**row, "stream": None}
+
+
+@pytest.mark.parametrize("kind", ["streams", "exchanges"])
+def test_follows_a_ring_as_it_is_written(client, steady, keys, kind, tmp_path):
+    whole, ring = steady
+    folder = tmp_path / "ring"
+    folder.mkdir()
+    rows = cluster.follow(folder, kind, "*.pcap", interval=0.02, client=client, keylog=keys)
+
+    def write():
+        for number, path in enumerate(ring):
+            begun = folder / path.name
+            begun.write_bytes(path.read_bytes()[: path.stat().st_size // 2 + 8 * (number % 2)])
+            if number % 5 == 0:
+                time.sleep(0.2)
+            shutil.copyfile(path, begun)
+        (folder / "ring-next.pcap").write_bytes(b"")
+        while rows.total_bytes < sum(path.stat().st_size for path in ring):
+            time.sleep(0.05)
+        rows.stop()
+
+    writer = threading.Thread(target=write)
+    writer.start()
+    found = list(rows.lines())
+    writer.join()
+    expected = command(kind, str(whole), *with_keys([keys]))
+    assert sorted(map(without_place, found), key=str) == sorted(map(without_place, expected), key=str)
+    assert {json.loads(line)["stream"] for line in found} <= set(range(160)) and not rows.problems and not rows._held
+
+
+def test_following_has_bounds_and_ends_on_interrupt(running, client, steady, tmp_path):
+    first = [shutil.copy(path, tmp_path) for path in steady[1][:4]]
+    os.utime(first[3], (4e9, 4e9))  # and still written
+    rows = cluster.follow(tmp_path, "streams", "ring*", interval=0.02, most_held=0, client=client, progress=lambda *_: rows.stop())
+    cut = list(rows.lines())
+    assert "cut here" in str(rows.problems[0]) and rows.problems[0].file in first
+    program = [BUILD / "bin/sealscope-cluster", "streams", "--follow-directory", tmp_path, "--pattern", "ring*", "--interval", "0.02", "--scheduler",
+               running.address]
+    with subprocess.Popen(program, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True) as process:
+        found = [process.stdout.readline()]
+        process.send_signal(signal.SIGINT)
+        found += process.stdout.readlines()
+        errors = process.stderr.read()
+    expected = command("streams", *first[:3])
+    assert sorted(map(without_place, found), key=str) == sorted(map(without_place, expected), key=str)
+    assert (process.returncode, errors) == (0, "") and len(cut) > len(expected)
+    with pytest.raises(FileNotFoundError):
+        cluster.follow(tmp_path / "missing", client=client)
+
+
 def test_secrets_stay_where_they_are_needed(running, client, keys):
     lines = keys.read_bytes().splitlines(keepends=True)
     log = cluster._KeyLog(b"# comment\n" + b"".join(lines))
@@ -186,7 +253,7 @@ class Once:
             action()
 
 
-@pytest.mark.parametrize("phase", ["looking through", "working on", "collecting"])
+@pytest.mark.parametrize("phase", ["looking through", "working"])
 def test_a_lost_worker_costs_nothing(running, client, ring, whole, keys, phase):
     worker = running.workers.pop(0)
     kill = Once(phase, 5, worker.kill)
@@ -196,7 +263,7 @@ def test_a_lost_worker_costs_nothing(running, client, ring, whole, keys, phase):
     running.start_worker()
 
 
-@pytest.mark.parametrize("phase", ["working on", "collecting"])
+@pytest.mark.parametrize("phase", ["looking through", "working"])
 def test_a_scheduler_started_anew_costs_nothing(running, ring, whole, keys, phase, tmp_path):
     def restart():
         running.scheduler.kill()

@@ -57,15 +57,27 @@ TEST(HelloFingerprints, TellJA3OfAClient)
     EXPECT_EQ(HelloFingerprints::ja3(DataView(bare).sub(0, 33)), std::nullopt);
 }
 
+// All digests but the first are published with the method's description, as those of three servers. The first hello is its example of the
+// text that is digested, "769,47,65281-0-11-35-5-16"; what it prints for that, 4835b19f14997673071435cb321f5445, is the digest of the text
+// with a line end.
 TEST(HelloFingerprints, TellJA3SOfAServer)
 {
-    Bytes hello;
-    put16(hello, 0x0301);
-    hello.resize(2 + 32 + 1);
-    put16(hello, 47);
-    hello.push_back(0);
-    putExtensions(hello, {{65281, "00"}, {0, ""}, {11, "01 00"}, {35, ""}, {5, ""}, {16, "0003 02 6832"}});
-    EXPECT_EQ(HelloFingerprints::ja3s(hello), "836ce314215654b5b1f85f97c73e506f");  // md5 of "769,47,65281-0-11-35-5-16"
+    struct Case { std::uint16_t version; std::uint16_t suite; std::vector<Extension> extensions; const char* expected; };
+    const Case cases[] = {
+        {769, 47,    {{65281, "00"}, {0, ""}, {11, "01 00"}, {35, ""}, {5, ""}, {16, "0003 02 6832"}}, "836ce314215654b5b1f85f97c73e506f"},
+        {769, 49172, {{65281, "00"}, {11, "01 00"}},                                                   "623de93db17d313345d7ea481e7443cf"},
+        {771, 60,    {{65281, "00"}},                                                                  "80b3a14bccc8598a1f3bbe83e71f735f"},
+        {771, 49199, {{65281, "00"}, {11, "01 00"}, {15, "01"}},                                       "a95ca7eab4d47d051a5cd4fb7b6005dc"},
+    };
+    for (const auto& [version, suite, extensions, expected] : cases) {
+        Bytes hello;
+        put16(hello, version);
+        hello.resize(2 + 32 + 1);
+        put16(hello, suite);
+        hello.push_back(0);
+        putExtensions(hello, extensions);
+        EXPECT_EQ(HelloFingerprints::ja3s(hello), expected) << suite;
+    }
 }
 
 // The first example is that of the method's description, and so are the protocols' characters.
