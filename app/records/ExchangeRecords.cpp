@@ -17,11 +17,16 @@ struct KnownAttributes {
     {
         for (const StreamAttribute& attribute : message.attributes) {
             const std::string_view key = attribute.key;
-            if (key == "method") method = valueIn<std::string>(&attribute.value);
-            else if (key == "url") url = valueIn<std::string>(&attribute.value);
-            else if (key == "status") status = valueIn<std::int64_t>(&attribute.value);
-            else if (key == "encodedBytes") encodedBytes = valueIn<std::int64_t>(&attribute.value);
-            else if (key == "contentType") contentType = valueIn<std::string>(&attribute.value);
+            if (key == "method")
+                method = valueIn<std::string>(&attribute.value);
+            else if (key == "url")
+                url = valueIn<std::string>(&attribute.value);
+            else if (key == "status")
+                status = valueIn<std::int64_t>(&attribute.value);
+            else if (key == "encodedBytes")
+                encodedBytes = valueIn<std::int64_t>(&attribute.value);
+            else if (key == "contentType")
+                contentType = valueIn<std::string>(&attribute.value);
         }
     }
 

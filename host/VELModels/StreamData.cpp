@@ -59,8 +59,7 @@ Data StreamData::slice(std::int64_t from, std::int64_t count) const
     from = std::clamp<std::int64_t>(from, 0, size_);
     count = std::clamp<std::int64_t>(count, 0, size_ - from);
     if (count == 0) return {};
-    if (const DataView here = stretch(from); here.size() >= count && source_->lendsForLong())
-        return {source_, here.sub(0, count)};
+    if (const DataView here = stretch(from); here.size() >= count && source_->lendsForLong()) return {source_, here.sub(0, count)};
     auto gathered = std::make_shared_for_overwrite<std::uint8_t[]>(static_cast<std::size_t>(count));
     copy(from, {gathered.get(), static_cast<std::size_t>(count)});
     const std::uint8_t* const bytes = gathered.get();

@@ -395,7 +395,8 @@ private:
 class HTTP2Exchanges final : public StreamExchangeReader {
 public:
     HTTP2Exchanges(const TCPStream& stream, const StreamContext& context)
-        : stream_(stream), context_(context), connection_(stream_), reading_(stream_, context_, connection_.asking(), connection_.answering())
+        : stream_(stream), context_(context), connection_(stream_),
+          reading_(stream_, context_, connection_.asking(), connection_.answering())
     {}
 
     /// False for a connection that is left to `interpret`: with tunnels, pushed replies, replies to nothing, or bytes of which nobody
@@ -428,7 +429,8 @@ public:
         exchange.reply.reset();
         if (answer)
             if (const std::size_t head = finalHead(*answer); hasReply(*answer, head))
-                exchange.reply = HTTPMessages::shown(reading_.replyOf(*answer, head, request.url, request.method, asked), stream_, context_);
+                exchange.reply =
+                    HTTPMessages::shown(reading_.replyOf(*answer, head, request.url, request.method, asked), stream_, context_);
         exchange.request = HTTPMessages::shown(std::move(request), stream_, context_);
     }
 

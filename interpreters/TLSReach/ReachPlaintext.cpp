@@ -37,8 +37,8 @@ void ReachPlaintext::add(std::int64_t count, ByteRange body, const Key& key)
     if (!isSameKey) openers_.push_back(key.opener);
     canReopen_ = canReopen_ && key.opener && key.opener->canOpenAgain();
     Run* run = runs_.empty() ? nullptr : &runs_.back();
-    if (!run || run->isHole || run->block != block || run->count == longestRun || !isSameKey || run->sequence + run->count != key.sequence ||
-        lastBody_ + TLSRecord::headerLength != body.lower) {
+    if (!run || run->isHole || run->block != block || run->count == longestRun || !isSameKey ||
+        run->sequence + run->count != key.sequence || lastBody_ + TLSRecord::headerLength != body.lower) {
         runs_.push_back({.begin = size_,
                          .body = body.lower,
                          .sequence = key.sequence,

@@ -91,12 +91,12 @@ private:
     std::vector<Run> runs_;
     std::deque<Block> blocks_;
     std::vector<std::shared_ptr<RecordOpener>> openers_;
-    std::int64_t used_ = 0;  ///< bytes of the last block
+    std::int64_t used_ = 0;      ///< bytes of the last block
     std::int64_t lastBody_ = 0;  ///< where the last record ends in the captured data
-    Bytes spare_;            ///< of a block that is not kept
-    bool isOpen_ = false;    ///< the last block may grow
-    bool canReopen_ = true;  ///< all records of the last block
-    bool isKept_ = true;     ///< every block
+    Bytes spare_;                ///< of a block that is not kept
+    bool isOpen_ = false;        ///< the last block may grow
+    bool canReopen_ = true;      ///< all records of the last block
+    bool isKept_ = true;         ///< every block
     std::int64_t kept_ = 0;
     std::int64_t size_ = 0;
     std::int64_t holes_ = 0;

@@ -83,9 +83,8 @@ OpenedDirection openedDirection(ReachConnection& connection, Direction direction
     const TCPStream& stream = connection.stream();
     const bool isTLS13 = connection.parameters()->isTLS13();
     OpenedDirection opened;
-    auto plaintext = std::make_shared<ReachPlaintext>(stream.data(direction), direction == Direction::serverToClient
-                                                                                  ? stream.serverByteIndex
-                                                                                  : stream.clientByteIndex);
+    auto plaintext = std::make_shared<ReachPlaintext>(
+        stream.data(direction), direction == Direction::serverToClient ? stream.serverByteIndex : stream.clientByteIndex);
     ReachWalk walk(connection, direction);
     while (walk.next(plaintext->room(PlaintextReader::largestRecord))) {
         if (const auto& gap = walk.gap()) {
@@ -94,7 +93,8 @@ OpenedDirection openedDirection(ReachConnection& connection, Direction direction
             plaintext->addHole(gap->contentLength);
             std::ranges::copy(content, plaintext->room(PlaintextReader::largestRecord));
         }
-        if (walk.isApplicationData()) plaintext->add(walk.content().size(), {walk.record().bodyOffset, walk.record().endOffset()}, {walk.opener(), walk.sequence()});
+        if (walk.isApplicationData())
+            plaintext->add(walk.content().size(), {walk.record().bodyOffset, walk.record().endOffset()}, {walk.opener(), walk.sequence()});
         for (const AssembledMessage& message : walk.messages()) {
             opened.handshake.push_back(ReachMessages::message(message, isTLS13, direction, stream));
             if (isTLS13 && message.type == std::to_underlying(TLSHandshakeType::encryptedExtensions))

@@ -86,7 +86,9 @@ void requireTellsExchanges(const StreamInterpretation& interpretation, const TCP
     const auto reader = Interpreter::exchanges(stream, context);
     if (!reader) return;
     std::vector<Pairing> pairings = interpretation.pairings.value_or(std::vector<Pairing>{});
-    const auto message = [&](std::int64_t index) -> const StreamMessage& { return interpretation.messages[static_cast<std::size_t>(index)]; };
+    const auto message = [&](std::int64_t index) -> const StreamMessage& {
+        return interpretation.messages[static_cast<std::size_t>(index)];
+    };
     std::ranges::stable_sort(pairings, {}, [&](const Pairing& pairing) { return message(pairing.requestIndex).timestamp; });
     for (const Pairing& pairing : pairings) {
         const auto time = reader->nextTime();

@@ -66,7 +66,8 @@ TEST(HTTP2, TellsExchangesInTheOrderOfTheirTimes)
 {
     HTTP2Writer client, server;
     const std::string asked = HTTP2Writer::preface() + client.headers(1, HTTP2Writer::get("/slow"), endStream);
-    const std::string later = client.headers(3, HTTP2Writer::get("/quick"), endStream) + client.headers(5, HTTP2Writer::get("/never"), endStream);
+    const std::string later =
+        client.headers(3, HTTP2Writer::get("/quick"), endStream) + client.headers(5, HTTP2Writer::get("/never"), endStream);
     const std::string answered = server.headers(3, {{":status", "204"}}, endStream) + server.headers(1, {{":status", "200"}}, endStream);
     const TCPStream stream = conversation({{'>', asked}, {'>', later}, {'<', answered}});
     ASSERT_TRUE(HTTP2Interpreter::exchanges(stream, {}));
