@@ -113,10 +113,12 @@ public:
                 if (kept == 0) continue;
             }
             std::vector<bool>& held = held_[side];
-            if (std::ssize(held) < range.upper) held.resize(static_cast<std::size_t>(range.upper));
+            if (range.size() > 0 && std::ssize(held) < range.upper) held.resize(static_cast<std::size_t>(range.upper));
             if (begin_[side] < 0 && kept > 0) begin_[side] = loss == Loss::beginning ? offset : 0;
-            std::fill_n(held.begin() + offset, kept, true);
-            if (kept > 0) shift_[side][offset] = removed[side];
+            if (kept > 0) {
+                std::fill_n(held.begin() + offset, kept, true);
+                shift_[side][offset] = removed[side];
+            }
             capture.add({.source = segment.source,
                          .destination = segment.destination,
                          .sequenceNumber = segment.sequenceNumber - removed[side],
