@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/SecretMemory.h"
 
+#include "tests/support/Sanitizer.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
@@ -10,12 +12,6 @@
 namespace sealscope {
 
 namespace {
-
-#ifdef __has_feature
-constexpr bool isSanitized = __has_feature(address_sanitizer);
-#else
-constexpr bool isSanitized = false;
-#endif
 
 /// Whether the kernel leaves the memory at an address out of cores.
 bool isLeftOut(const void* address)
