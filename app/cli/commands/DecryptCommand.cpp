@@ -159,9 +159,10 @@ struct NamedOutput {
     }
 };
 
-/// Writes the capture again with other secrets inside. A copy that was interrupted is none.
+/// Writes the capture again with other secrets inside. A copy that was interrupted is none, nor is one of a part of the capture.
 ExitStatus copyCapture(const Session& session, NamedOutput& output, const CaptureChanges& changes)
 {
+    if (wasInterrupted()) return output.finish("was not written, since the reading was interrupted");
     const bool isWhole = copyCapture(session.capture(), changes, *output.file, interruption());
     return output.finish(isWhole ? "" : "was not written, since the copying was interrupted");
 }
@@ -197,9 +198,11 @@ ExitStatus runDecrypt(const CommandContext& context)
     if (pcap.file) note(pcap.finish(plaintext->write(*pcap.file, interruption())));
     if (injected.file) {
         CollectedSecrets secrets = collectSecrets(*session, streams, interruption());
-        note(copyCapture(*session, injected, {.addedSecrets = std::move(secrets.keyLog)}));
-        remark(fmt::format("{}: carries secrets for {} connection{}", injected.path, secrets.connections,
-                           secrets.connections == 1 ? "" : "s"));
+        const ExitStatus copied = copyCapture(*session, injected, {.addedSecrets = std::move(secrets.keyLog)});
+        note(copied);
+        if (copied == done)
+            remark(fmt::format("{}: carries secrets for {} connection{}", injected.path, secrets.connections,
+                               secrets.connections == 1 ? "" : "s"));
     }
     if (stripped.file) note(copyCapture(*session, stripped, {.dropsSecrets = true}));
     return complainAboutDamage(context, *session, status);
