@@ -162,7 +162,7 @@ struct NamedOutput {
 /// Writes the capture again with other secrets inside. A copy that was interrupted is none, nor is one of a part of the capture.
 ExitStatus copyCapture(const Session& session, NamedOutput& output, const CaptureChanges& changes)
 {
-    if (wasInterrupted()) return output.finish("was not written, since the reading was interrupted");
+    if (wasInterrupted()) return output.finish("was not written, since the work was interrupted");
     const bool isWhole = copyCapture(session.capture(), changes, *output.file, interruption());
     return output.finish(isWhole ? "" : "was not written, since the copying was interrupted");
 }
