@@ -75,7 +75,7 @@ void Output::flushLocked()
         if (written < 0 && errno == EINTR) continue;
         if (written < 0 && errno == EAGAIN) {
             // A reader that has stopped reading keeps nobody who was asked to end.
-            if (isInterrupted() && ++looks > mostLooksAtTheEnd) {
+            if (wasInterrupted() && ++looks > mostLooksAtTheEnd) {
                 isOpen_ = false;
                 break;
             }

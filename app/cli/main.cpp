@@ -31,7 +31,7 @@ void keepFreedMemory()
 ExitStatus finish(Output& output, ExitStatus status)
 {
     output.flush();
-    if (output.error() == 0) return output.isOpen() || isInterrupted() ? status : done;
+    if (output.error() == 0) return output.isOpen() || wasInterrupted() ? status : done;
     complain(fmt::format("standard output: {}", std::strerror(output.error())));
     return failed;
 }

@@ -121,15 +121,17 @@ TEST(CommandLine, KeepsWhatItFoundWhenItIsInterrupted)
 TEST(CommandLine, EndsWhenItIsInterruptedThoughNobodyReads)
 {
     const TempDirectory directory;
-    const std::string pipe = directory.file("pipe");
+    const std::string pipe = directory.file("pipe"), feed = directory.file("feed");
     std::string captures;
     for (int i = 0; i < 60; ++i) captures += " " SEALSCOPE_SOURCE_DIR "/examples/https.pcapng";
-    for (const char* command : {"packets --json", "tree", "follow --bodies"}) {
+    // The last one is interrupted while it reads, and has all to say afterwards.
+    for (const std::string& command : {"packets --json" + captures, "tree" + captures, "follow --bodies" + captures, std::string("follow --json -")}) {
         const auto begin = std::chrono::steady_clock::now();
         const ProgramResult result =
             runProgram({"sh", "-c",
-                        "rm -f " + pipe + "; mkfifo " + pipe + "; sleep 20 < " + pipe + " & reader=$!; " SEALSCOPE_PROGRAM " " + command + captures + " > " +
-                            pipe + " & program=$!; sleep 1; kill $program; wait $program; status=$?; kill $reader; exit $status"},
+                        "rm -f " + pipe + ' ' + feed + "; mkfifo " + pipe + ' ' + feed + "; sleep 20 < " + pipe + " & reader=$!; { cat" + captures +
+                            "; exec sleep 20; } > " + feed + " & feeder=$!; " SEALSCOPE_PROGRAM " " + command + " < " + feed + " > " + pipe +
+                            " & program=$!; sleep 1; kill $program; wait $program; status=$?; kill $reader $feeder; exit $status"},
                        {.timeLimit = std::chrono::seconds(15)});
         EXPECT_EQ(result.status, 1) << command;
         EXPECT_EQ(result.errors, "sealscope: interrupted; what was read until then is printed\n") << command;
