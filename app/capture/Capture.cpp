@@ -45,7 +45,7 @@ public:
     FileSequence(std::vector<Candidate> candidates, CaptureOptions options, std::optional<PacketFilter> filter,
                  std::vector<CaptureError> errors)
         : options_(std::move(options)), filter_(std::move(filter)), candidates_(std::move(candidates)), errors_(std::move(errors)),
-          places_(std::make_unique<Place[]>(candidates_.size())), packetsLeft_(options_.maximumPackets)
+          places_(std::make_unique<OpenedFile[]>(candidates_.size())), packetsLeft_(options_.maximumPackets)
     {
         for (const Candidate& candidate : candidates_) {
             names_.push_back(candidate.name);
@@ -61,16 +61,11 @@ public:
                 break;
             if (pending_) [[unlikely]] {
                 packet = *std::exchange(pending_, std::nullopt);
-            } else if (!file_ || !file_->next(packet)) [[unlikely]] {
+            } else if (!file_ || hasFileEnded_ || !file_->next(packet)) [[unlikely]] {
                 if (!advance()) return false;
                 continue;
             }
-            ++packetsOfFile_;
-            packet.number = ++number_;
-            if (number_ == 1) [[unlikely]]
-                first_ = packet.time;
-            packet.file = static_cast<std::uint32_t>(position_ - 1);
-            packet.address += base_;
+            count(packet);
             if (filter_ && !filter_->passes(packet, file_->isSwapped())) continue;
             --packetsLeft_;
             return true;
@@ -79,16 +74,57 @@ public:
         return false;
     }
 
+    bool nextOfFile(CapturedPacket& packet) override
+    {
+        if (hasFileEnded_ || !file_ || ((number_ & (packetsPerLook - 1)) == 0 && isStopped())) return false;
+        hasFileEnded_ = !file_->next(packet);
+        if (hasFileEnded_) return false;
+        count(packet);
+        return true;
+    }
+
+    Place place() const override
+    {
+        if (!file_) return {.file = position_};
+        return {.file = position_ - 1, .offset = file_->input().position(), .generation = file_->generation()};
+    }
+
+    std::optional<FileAhead> ahead() override
+    {
+        // A filter, and a limit, go by packets in their order.
+        if (!file_ || hasFileEnded_ || pending_ || filter_ || packetsLeft_ >= 0) return std::nullopt;
+        CaptureInput& input = file_->input();
+        std::shared_ptr<const CaptureFile> file = file_->ahead(input.position());
+        if (!file) return std::nullopt;
+        input.expectReadersAhead();
+        return FileAhead{.file = std::move(file),
+                         .position = position_ - 1,
+                         .base = base_,
+                         .offset = input.position(),
+                         .size = input.size(),
+                         .generation = file_->generation()};
+    }
+
+    bool accept(const FileAhead& file, const PacketStretch& stretch) override
+    {
+        if (stretch.begin < 0 || hasFileEnded_ || isStopped()) return false;
+        if (place() != Place{.file = file.position, .offset = stretch.begin, .generation = file.generation}) return false;
+        if (!file_->goOnAt(stretch.end, stretch.packets)) return false;
+        number_ += stretch.packets;
+        packetsOfFile_ += stretch.packets;
+        return true;
+    }
+
     const std::vector<std::string>& files() const override { return names_; }
     const std::vector<CaptureError>& errors() const override { return errors_; }
 
     DataView bytes(CaptureAddress address, std::int64_t count) const override
     {
         if (address >= firstKeptAddress) return kept_ ? kept_->bytes(address - firstKeptAddress, count) : DataView();
-        const std::span<const Place> places(places_.get(), placeCount_.load(std::memory_order_acquire));
-        const auto behind = std::ranges::upper_bound(places, address, {}, &Place::base);
+        const std::span<const OpenedFile> places(places_.get(), placeCount_.load(std::memory_order_acquire));
+        const auto behind = std::ranges::upper_bound(places, address, {}, &OpenedFile::base);
         if (behind == places.begin()) return {};
-        const Place& place = *std::prev(behind);
+        const OpenedFile& place = *std::prev(behind);
         return place.file ? place.file->input().bytes(address - place.base, count) : DataView();
     }
 
@@ -161,10 +197,20 @@ public:
 
 private:
     /// A file from its turn on, as long as its bytes are wanted, and its first byte's address.
-    struct Place {
+    struct OpenedFile {
         CaptureAddress base = 0;
         std::unique_ptr<CaptureFile> file;  ///< null when it could not be opened again
     };
+
+    void count(CapturedPacket& packet)
+    {
+        ++packetsOfFile_;
+        packet.number = ++number_;
+        if (number_ == 1) [[unlikely]]
+            first_ = packet.time;
+        packet.file = static_cast<std::uint32_t>(position_ - 1);
+        packet.address += base_;
+    }
 
     /// Ends the current file and opens the next; false after the last.
     bool advance()
@@ -175,7 +221,7 @@ private:
             if (candidate.file) pending_ = candidate.first;
             auto opened = candidate.file ? std::expected<std::unique_ptr<CaptureFile>, std::string>(std::move(candidate.file))
                                          : CaptureFile::open(candidate.name, inputOptions(options_));
-            Place& place = places_[position_ - 1];
+            OpenedFile& place = places_[position_ - 1];
             place.base = base_;
             if (opened) place.file = std::move(*opened);
             placeCount_.store(position_, std::memory_order_release);
@@ -227,6 +273,7 @@ private:
         addKeyLog();
         storedBytesBefore_ += file_->input().storedBytesRead();
         packetsOfFile_ = 0;
+        hasFileEnded_ = false;
         file_->input().finish();
         if (options_.randomAccess)
             base_ += file_->input().size();
@@ -243,6 +290,7 @@ private:
 
     CaptureFile* file_ = nullptr;  // of the last place, while it is read
     std::size_t position_ = 0;     // of the candidate behind it
+    bool hasFileEnded_ = false;    // though it was not left yet
     std::optional<CapturedPacket> pending_;
     CaptureAddress base_ = 0;
     std::int64_t number_ = 0;
@@ -252,7 +300,7 @@ private:
     std::int64_t bytesTotal_ = 0;
     std::int64_t storedBytesBefore_ = 0;
 
-    std::unique_ptr<Place[]> places_;
+    std::unique_ptr<OpenedFile[]> places_;
     std::atomic<std::size_t> placeCount_{0};
     std::int64_t packetsLeft_;
     std::unique_ptr<SpoolFile> kept_;

@@ -3,6 +3,7 @@
 
 #include "app/capture/CaptureError.h"
 #include "app/capture/CapturedPacket.h"
+#include "app/capture/FileAhead.h"
 #include "platform/SecretMemory.h"
 
 #include <cstdint>
@@ -42,6 +43,25 @@ public:
 
     /// The next packet; false at the end of the last file. Damage ends its file, not the capture.
     virtual bool next(CapturedPacket& packet) = 0;
+    // For who reads a file on several threads, as `SegmentScan` does: one of them reads in order, the others ahead of it.
+
+    /// A place in the capture's files.
+    struct Place {
+        std::size_t file = 0;
+        std::int64_t offset = 0;      ///< in the uncompressed file
+        std::int64_t generation = 0;  ///< see `CaptureFile`
+        bool operator==(const Place&) const = default;
+    };
+    /// Where `next` goes on.
+    virtual Place place() const { return {}; }
+    /// The file that is being read, for threads that read ahead; see `FileAhead`. Nothing where its packets can only be read in order.
+    virtual std::optional<FileAhead> ahead() { return std::nullopt; }
+    /// Counts packets that were read ahead, and goes on behind them. False, and nothing happened, when the reading in order did not
+    /// arrive at the place at which they begin, or would have read them differently.
+    virtual bool accept(const FileAhead& /*file*/, const PacketStretch& /*stretch*/) { return false; }
+    /// As `next`, but false at the end of the file that is being read, which `next` then leaves.
+    virtual bool nextOfFile(CapturedPacket& packet) { return next(packet); }
+
     /// The files in capture order, as the user named them; `CapturedPacket::file` counts these.
     virtual const std::vector<std::string>& files() const = 0;
     /// Files that were not read to their end or have damaged places, and why; complete when `next` has returned false.

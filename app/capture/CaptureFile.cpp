@@ -24,6 +24,27 @@ std::expected<std::unique_ptr<CaptureFile>, std::string> CaptureFile::open(const
     return std::unexpected(input->reader().say("is not a capture file (it begins with {:02x})", bytes));
 }
 
+std::unique_ptr<CaptureFile> CaptureFile::ahead(std::int64_t offset) const
+{
+    auto input = input_->ahead(offset);
+    if (!input) return nullptr;
+    return std::visit(
+        [&](const auto& reader) { return std::unique_ptr<CaptureFile>(new CaptureFile(std::move(input), reader.ahead())); }, reader_);
+}
+
+std::int64_t CaptureFile::findPacket(std::int64_t from, std::int64_t to) const
+{
+    const DataView file = input_->bytes(0, input_->size());
+    return std::visit([&](const auto& reader) { return reader.findPacket(file, from, to); }, reader_);
+}
+
+bool CaptureFile::goOnAt(std::int64_t offset, std::int64_t packets)
+{
+    if (!input_->verify() || !input_->skip(offset - input_->position())) return false;
+    std::visit([&](auto& reader) { reader.addPackets(packets); }, reader_);
+    return true;
+}
+
 const std::string& CaptureFile::damage() const
 {
     return std::visit([](const auto& reader) -> const std::string& { return reader.damage(); }, reader_);

@@ -25,6 +25,19 @@ public:
         return std::get_if<PcapngReader>(&reader_)->next(*input_, packet);
     }
 
+    /// The same file from an offset on, for a thread of its own that reads ahead: it ends before whatever only reading in order can
+    /// tell. Null where the file is not mapped. Outlived by this one.
+    std::unique_ptr<CaptureFile> ahead(std::int64_t offset) const;
+    /// The offset from `from` on, before `to`, at which a packet seems to begin; negative when there is none.
+    std::int64_t findPacket(std::int64_t from, std::int64_t to) const;
+    /// Changes whenever readers made by `ahead` before would read differently.
+    std::int64_t generation() const
+    {
+        return std::visit([](const auto& reader) { return reader.generation(); }, reader_);
+    }
+    /// Goes on at `offset`, behind packets that were read ahead; false when the file turned out to be no longer what it was.
+    bool goOnAt(std::int64_t offset, std::int64_t packets);
+
     /// Why the file could not be read to its end; empty when it was.
     const std::string& damage() const;
     /// Blocks that were passed over.

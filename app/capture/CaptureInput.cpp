@@ -21,6 +21,7 @@ namespace sealscope {
 namespace {
 
 constexpr std::int64_t mappedWindow = 4 << 20;     // pages let go together
+constexpr std::int64_t windowsInUse = 4;           // behind the reading in order, where others read ahead
 constexpr std::int64_t streamedPiece = 128 << 10;  // read at once; stays in the processor's cache
 constexpr std::int64_t shortestHole = 1 << 20;     // what is skipped and not kept; less is not worth the trouble
 constexpr int lookAgainAtPipeAfter = 100;                // milliseconds, while a pipe holds nothing
@@ -107,6 +108,28 @@ private:
     std::thread thread_;
 };
 
+/// Bytes in memory, from an offset on.
+class MemoryInput final : public CaptureInput {
+public:
+    explicit MemoryInput(DataView bytes, std::int64_t offset = 0, const std::atomic<bool>* damage = nullptr) : bytes_(bytes)
+    {
+        start_ = bytes.begin();
+        at_ = start_ + std::clamp<std::int64_t>(offset, 0, bytes.size());
+        end_ = bytes.end();
+        damage_ = damage;
+    }
+    std::unique_ptr<CaptureInput> ahead(std::int64_t offset) const override { return std::make_unique<MemoryInput>(bytes_, offset, damage_); }
+    DataView bytes(std::int64_t offset, std::int64_t count) const override { return bytes_.sub(offset, count); }
+    std::int64_t size() const override { return bytes_.size(); }
+    std::int64_t storedBytesRead() const override { return position(); }
+
+protected:
+    bool fill(std::int64_t) override { return false; }
+
+private:
+    DataView bytes_;
+};
+
 /// A file mapped in place. The bytes come forward window by window. Unless all bytes are to be kept, their pages leave again
 /// behind the reader.
 class MappedInput final : public CaptureInput {
@@ -116,10 +139,19 @@ public:
         : name_(std::move(name)), device_(status.st_dev), inode_(status.st_ino), descriptor_(std::move(descriptor)), file_(std::move(file)),
           options_(std::move(options)), size_(file_->bytes().size())
     {
-        if (options_.keepsAll && PageSupply::isOfUse(*file_)) pages_ = std::make_unique<PageSupply>(*file_);
         start_ = at_ = end_ = file_->bytes().data();
         reader_ = options_.reader;
         damage_ = &file_->isDamaged();
+    }
+
+    std::unique_ptr<CaptureInput> ahead(std::int64_t offset) const override
+    {
+        return std::make_unique<MemoryInput>(file_->bytes(), offset, &file_->isDamaged());
+    }
+    void expectReadersAhead() override
+    {
+        areReadersAhead_ = true;
+        pages_.reset();
     }
 
     DataView bytes(std::int64_t offset, std::int64_t count) const override { return file_->bytes().sub(offset, count); }
@@ -164,11 +196,15 @@ protected:
         const std::int64_t at = position(), ready = end_ - start_;
         const std::int64_t wanted = std::min(size_, std::max(at + count, ready + mappedWindow));
         if (wanted > ready) {
+            // The first window is read before anybody knows whether others will read ahead.
+            if (ready > 0 && !pages_ && options_.keepsAll && !areReadersAhead_ && PageSupply::isOfUse(*file_))
+                pages_ = std::make_unique<PageSupply>(*file_);
             if (pages_) pages_->tell(wanted);
             end_ = start_ + wanted;
         }
-        // What lies more than a window back is unlikely to be looked at again soon.
-        if (const std::int64_t kept = at - mappedWindow; !options_.keepsAll && kept > released_) {
+        // What lies farther back is unlikely to be looked at again soon.
+        const std::int64_t near = areReadersAhead_ ? windowsInUse * mappedWindow : mappedWindow;
+        if (const std::int64_t kept = at - near; !options_.keepsAll && kept > released_) {
             file_->release(released_, kept - released_);
             released_ = kept;
         }
@@ -184,7 +220,8 @@ private:
     CaptureInputOptions options_;
     std::int64_t size_;                  // shrinks with the file
     std::unique_ptr<PageSupply> pages_;  // null where nobody needs to go ahead
-    std::int64_t released_ = 0;          // pages before it were let go
+    bool areReadersAhead_ = false;
+    std::int64_t released_ = 0;  // pages before it were let go
 };
 
 /// A pipe or a compressed file, through one buffer, or into a temporary file when all bytes are to be kept.
@@ -392,25 +429,6 @@ private:
     std::int64_t unpacked_ = 0;  // bytes in all
     std::int64_t leftOut_ = 0;   // of them, not spooled
     std::int64_t released_ = 0;
-};
-
-/// Bytes in memory.
-class MemoryInput final : public CaptureInput {
-public:
-    explicit MemoryInput(DataView bytes) : bytes_(bytes)
-    {
-        start_ = at_ = bytes.begin();
-        end_ = bytes.end();
-    }
-    DataView bytes(std::int64_t offset, std::int64_t count) const override { return bytes_.sub(offset, count); }
-    std::int64_t size() const override { return bytes_.size(); }
-    std::int64_t storedBytesRead() const override { return position(); }
-
-protected:
-    bool fill(std::int64_t) override { return false; }
-
-private:
-    DataView bytes_;
 };
 
 }  // namespace

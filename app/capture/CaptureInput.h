@@ -37,6 +37,12 @@ public:
     static std::unique_ptr<CaptureInput> over(DataView bytes);
     virtual ~CaptureInput() = default;
 
+    /// The same bytes from an offset on, for a thread of its own that reads ahead; null where the file is not mapped. Outlived by
+    /// this one.
+    virtual std::unique_ptr<CaptureInput> ahead(std::int64_t /*offset*/) const { return nullptr; }
+    /// Says that others read ahead: pages need not be brought near here, and those not far behind are still in use.
+    virtual void expectReadersAhead() {}
+
     /// True when `count` bytes lie in one place at `data()`. False where the bytes end, or cannot be had: see `failure()`.
     bool require(std::int64_t count) { return end_ - at_ >= count || fill(count); }
     /// The bytes that `require` made sure of; lent until the next call of `require` or `skip`.

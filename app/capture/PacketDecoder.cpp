@@ -96,12 +96,14 @@ void storeAddress(std::array<std::uint8_t, 16>& target, const std::uint8_t* addr
 class PacketDecoder::Implementation {
 public:
     explicit Implementation(Capture* keepIn) : keepIn_(keepIn) {}
+    explicit Implementation(WithoutFragments) : leavesFragments_(true) {}
 
     bool decode(const CapturedPacket& packet, TCPPacket& segment)
     {
         packet_ = &packet;
         segment_ = &segment;
         tunnels_ = 0;
+        hasLeftFragment_ = false;
         if (!reassembled_.empty()) [[unlikely]]
             reassembled_.clear();
         constexpr std::int64_t most = 1 << 30;
@@ -109,6 +111,8 @@ public:
                            static_cast<std::int32_t>(std::min(packet.originalLength, most))});
     }
 
+    bool hasLeftFragment() const { return hasLeftFragment_; }
+    void forgetNotes() { notes_ = {}; }
     const DecoderNotes& notes() const
     {
         notes_.incompleteDatagrams = fragments_.incompleteCount();
@@ -150,7 +154,9 @@ private:
     bool decodeUDP(Layer layer);
     bool decodeGRE(Layer layer);
 
-    Capture* keepIn_;
+    Capture* keepIn_ = nullptr;
+    bool leavesFragments_ = false;
+    bool hasLeftFragment_ = false;
     mutable DecoderNotes notes_;
     FragmentAssembler fragments_;
     std::vector<std::vector<std::uint8_t>> reassembled_;  // the datagrams around what is being decoded
@@ -387,6 +393,10 @@ bool PacketDecoder::Implementation::decodeIPPayload(Network network, std::uint8_
 bool PacketDecoder::Implementation::decodeFragment(Network network, std::uint32_t identification, std::uint8_t protocol, Fragment fragment,
                                                    Layer payload)
 {
+    if (leavesFragments_) {
+        hasLeftFragment_ = true;
+        return false;
+    }
     // Every fragment but the last holds whole units of eight bytes; what goes beyond them does not count.
     if (!fragment.isLast) payload = payload.upTo(payload.length / 8 * 8);
     if (payload.length <= 0 || fragment.offset + payload.length > longestDatagram) return damaged();
@@ -471,10 +481,21 @@ bool PacketDecoder::Implementation::decodeGRE(Layer layer)
     return type >= EtherType::least && decodeEtherType(type, layer);
 }
 
+DecoderNotes& DecoderNotes::operator+=(const DecoderNotes& other)
+{
+    for (const auto& [linkType, packets] : other.unknownLinkTypes) unknownLinkTypes[linkType] += packets;
+    damagedPackets += other.damagedPackets;
+    incompleteDatagrams += other.incompleteDatagrams;
+    return *this;
+}
+
+PacketDecoder::PacketDecoder(WithoutFragments how) : implementation_(std::make_unique<Implementation>(how)) {}
 PacketDecoder::PacketDecoder(Capture* keepIn) : implementation_(std::make_unique<Implementation>(keepIn)) {}
 PacketDecoder::~PacketDecoder() = default;
 
 bool PacketDecoder::decode(const CapturedPacket& packet, TCPPacket& segment) { return implementation_->decode(packet, segment); }
+bool PacketDecoder::hasLeftFragment() const { return implementation_->hasLeftFragment(); }
+void PacketDecoder::forgetNotes() { implementation_->forgetNotes(); }
 const DecoderNotes& PacketDecoder::notes() const { return implementation_->notes(); }
 
 }  // namespace sealscope

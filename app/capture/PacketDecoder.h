@@ -36,12 +36,17 @@ struct DecoderNotes {
     std::map<std::uint32_t, std::int64_t> unknownLinkTypes;  ///< LINKTYPE_ number to packets
     std::int64_t damagedPackets = 0;                         ///< a header contradicts itself or the bytes that are there
     std::int64_t incompleteDatagrams = 0;                    ///< fragments of which some never came
+
+    DecoderNotes& operator+=(const DecoderNotes& other);
 };
 
 /// Finds the TCP segment in a packet: link layer, VLAN tags, MPLS, tunnels, IPv4 and IPv6 with options, extension headers
 /// and fragments. Keeps the fragments it waits for, within bounds; one decoder reads one capture in order.
 class PacketDecoder {
 public:
+    /// For packets out of their order: fragments are left to another decoder, which reads them in order.
+    struct WithoutFragments {};
+    explicit PacketDecoder(WithoutFragments);
     /// With a capture of random access, datagrams put together from fragments are kept there; without one (null) they
     /// are lent until the next call.
     explicit PacketDecoder(Capture* keepIn = nullptr);
@@ -49,7 +54,11 @@ public:
 
     /// True when the packet carries a TCP segment, or completes one from fragments; `segment` is then filled.
     bool decode(const CapturedPacket& packet, TCPPacket& segment);
+    /// True when the packet decoded last is a fragment and was left.
+    bool hasLeftFragment() const;
     const DecoderNotes& notes() const;
+    /// Counts from zero again.
+    void forgetNotes();
 
     PacketDecoder(const PacketDecoder&) = delete;
     PacketDecoder& operator=(const PacketDecoder&) = delete;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/capture/PcapReader.h"
 
+#include <cstdlib>
 #include <fmt/format.h>
 #include <utility>
 
@@ -78,6 +79,30 @@ bool PcapReader::next(CaptureInput& input, CapturedPacket& packet)
     input.consume(packetHeaderLength_ + captured);
     input.announce();
     return true;
+}
+
+// A packet's header has nothing that only headers have. What tells it from other bytes is that its lengths fit each other, and that
+// the headers behind it are such, too, of about the same time.
+std::int64_t PcapReader::findPacket(DataView file, std::int64_t from, std::int64_t to) const
+{
+    constexpr int wanted = 4;
+    constexpr std::int64_t mostSecondsBetween = 86'400;
+    const auto mayBegin = [&](std::int64_t at) {
+        std::int64_t before = -1;
+        for (int i = 0; i < wanted && at < file.size(); ++i) {
+            if (!file.holds(at, packetHeaderLength_)) return false;
+            const std::uint8_t* const header = file.data() + at;
+            const std::int64_t seconds = order_.u32(header), captured = order_.u32(header + 8), original = order_.u32(header + 12);
+            if (captured == 0 || captured > longestPacket || original < captured || order_.u32(header + 4) >= resolution_) return false;
+            if (before >= 0 && std::abs(seconds - before) > mostSecondsBetween) return false;
+            before = seconds;
+            at += packetHeaderLength_ + captured;
+        }
+        return before > 0 && at <= file.size();
+    };
+    for (std::int64_t at = from; at < to; ++at)
+        if (mayBegin(at)) return at;
+    return -1;
 }
 
 bool PcapReader::fail(CaptureInput& input, const std::string& reason)

@@ -25,6 +25,12 @@ public:
     /// The next packet. False at the end, and at damage with its place and reason in `damage()`.
     bool next(CaptureInput& input, CapturedPacket& packet);
 
+    // As those of `PcapngReader`. Nothing in a file changes how what follows is read.
+    PcapReader ahead() const { return *this; }
+    std::int64_t findPacket(DataView file, std::int64_t from, std::int64_t to) const;
+    std::int64_t generation() const { return 0; }
+    void addPackets(std::int64_t) {}
+
     const std::string& damage() const { return damage_; }
     ByteOrder byteOrder() const { return order_; }
     // Of the file header, once it was read.

@@ -16,6 +16,12 @@ constexpr std::int64_t secretsPiece = 64 << 10;
 /// their size; what is much smaller than that is no key log.
 std::int64_t mostKeyLog(std::int64_t stored) { return std::min<std::int64_t>(256 << 20, (8 << 20) + 4 * stored); }
 
+/// True for a block that those behind it are read by, or that holds secrets.
+bool changesReading(std::uint32_t type)
+{
+    return type == Pcapng::sectionHeader || type == Pcapng::interfaceDescription || type == Pcapng::decryptionSecrets;
+}
+
 }  // namespace
 
 bool PcapngReader::recognises(DataView head) { return head.holds(0, 4) && head.u32(0) == Pcapng::sectionHeader; }
@@ -37,11 +43,14 @@ bool PcapngReader::next(CaptureInput& input, CapturedPacket& packet)
 {
     while (blocks_.find(input)) {
         if (!Pcapng::isPacket(blocks_.type())) [[unlikely]] {
+            if (isAhead_ && changesReading(blocks_.type())) return false;
             if (!readOther(input)) return false;
             continue;
         }
         if (!blocks_.gather(input)) return false;
         const bool hasPacket = readPacket(input, packet);
+        if (!hasPacket && isAhead_) [[unlikely]]
+            return false;
         input.consume(blocks_.length());
         input.announce();
         if (!hasPacket) continue;
@@ -51,8 +60,36 @@ bool PcapngReader::next(CaptureInput& input, CapturedPacket& packet)
     return false;
 }
 
+PcapngReader PcapngReader::ahead() const
+{
+    PcapngReader reader;
+    reader.blocks_ = blocks_;
+    reader.interfaces_ = interfaces_;
+    reader.isAhead_ = true;
+    return reader;
+}
+
+std::int64_t PcapngReader::findPacket(DataView file, std::int64_t from, std::int64_t to) const
+{
+    const ByteOrder order = blocks_.order();
+    const auto mayBegin = [&](std::int64_t at) {
+        if (!file.holds(at, enhancedDataOffset + 4)) return false;
+        const std::uint8_t* const block = file.data() + at;
+        const std::uint32_t type = order.u32(block);
+        if (type != Pcapng::enhancedPacket && type != Pcapng::packetBlock) return false;
+        const std::int64_t length = order.u32(block + 4), captured = order.u32(block + 20);
+        const std::uint32_t interface = type == Pcapng::enhancedPacket ? order.u32(block + 8) : order.u16(block + 8);
+        return length % 4 == 0 && captured <= length - 4 - enhancedDataOffset && interface < interfaces_.size() && file.holds(at, length) &&
+               order.u32(block + length - 4) == length;
+    };
+    for (std::int64_t at = (from + 3) / 4 * 4; at < to; at += 4)
+        if (mayBegin(at)) return at;
+    return -1;
+}
+
 bool PcapngReader::readOther(CaptureInput& input)
 {
+    generation_ += changesReading(blocks_.type());
     switch (blocks_.type()) {
     case Pcapng::sectionHeader: interfaces_.clear(); break;
     case Pcapng::interfaceDescription: break;

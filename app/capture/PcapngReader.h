@@ -21,6 +21,17 @@ public:
     /// The next packet. False at the end, and at damage that leaves no way to go on, with its place and reason in `damage()`.
     bool next(CaptureInput& input, CapturedPacket& packet);
 
+    /// A reader that goes on like this one, for pieces of the file ahead. It ends before any block that changes how those behind it
+    /// are read, brings secrets, or contradicts itself.
+    PcapngReader ahead() const;
+    /// The offset from `from` on, before `to`, at which a packet's block seems to begin; negative when there is none. Another packet
+    /// may look like one inside.
+    std::int64_t findPacket(DataView file, std::int64_t from, std::int64_t to) const;
+    /// Changes whenever readers made by `ahead` before would read differently.
+    std::int64_t generation() const { return generation_; }
+    /// Counts packets that were read ahead.
+    void addPackets(std::int64_t packets) { packets_ += packets; }
+
     const std::string& damage() const { return blocks_.damage(); }
     /// Blocks that contradict themselves and were passed over: how many, and of the first its place and reason.
     struct PassedOver {
@@ -58,6 +69,8 @@ private:
     std::int64_t keyLogSize_ = 0;  ///< taken text included
     PassedOver passedOver_;
     std::int64_t packets_ = 0;
+    std::int64_t generation_ = 0;
+    bool isAhead_ = false;
 };
 
 }  // namespace sealscope

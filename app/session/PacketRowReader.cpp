@@ -5,26 +5,34 @@
 
 namespace sealscope {
 
-bool PacketRowMaker::make(const CapturedPacket& packet, PacketRow& row)
+bool makeRow(const PacketAnalyzers& analyzers, const CapturedSegment& segment, PacketRow& row)
 {
-    if (!decoder_.decode(packet, segment_) || segment_.payload.isEmpty()) return false;
-    auto match = analyzers_.match(segment_.payload);
+    const TCPPacket& tcp = segment.tcp;
+    if (tcp.payload.isEmpty()) return false;
+    auto match = analyzers.match(tcp.payload);
     if (!match) return false;
-    row = {.number = packet.number,
-           .time = packet.time.value(),
-           .source = segment_.source,
-           .destination = segment_.destination,
-           .payload = segment_.payload,
+    row = {.number = segment.packetNumber,
+           .time = segment.time,
+           .source = tcp.source,
+           .destination = tcp.destination,
+           .payload = tcp.payload,
            .match = std::move(match)};
     return true;
 }
 
+bool PacketRowMaker::make(const CapturedPacket& packet, PacketRow& row)
+{
+    if (!decoder_.decode(packet, segment_.tcp)) return false;
+    segment_.packetNumber = packet.number;
+    segment_.time = packet.time.value();
+    return makeRow(analyzers_, segment_, row);
+}
+
 bool PacketRowReader::next(PacketRow& row)
 {
-    constexpr std::int64_t packetsPerProgress = 256;
-    while (!stop_.stop_requested() && capture_.next(packet_)) {
-        if (++packets_ % packetsPerProgress == 0) progress_(capture_.bytesRead(), capture_.bytesTotal());
-        if (maker_.make(packet_, row)) return true;
+    while (!stop_.stop_requested() && scan_.next(segment_)) {
+        tellProgress();
+        if (makeRow(analyzers_, segment_, row)) return true;
     }
     return false;
 }

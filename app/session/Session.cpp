@@ -26,18 +26,21 @@ public:
     void index(const SessionOptions& options)
     {
         const auto connections = std::make_shared<ConnectionIndex>();
-        PacketDecoder decoder(capture_.get());
-        CapturedPacket packet;
-        TCPPacket segment;
-        while (capture_->next(packet)) {
-            ++packetCount;
-            if (decoder.decode(packet, segment) && (!options.admits || options.admits(packet, segment)))
-                connections->add(segment, packet.number, packet.time.value());
-            if (packetCount % packetsPerProgress != 0) continue;
-            if (options.stop.stop_requested()) break;
+        // Who admits segments sees their packets, one by one.
+        SegmentScan scan(*capture_, capture_.get(), options.admits ? SegmentScan::Processors::one : SegmentScan::Processors::all);
+        std::int64_t nextProgress = packetsPerProgress;
+        const auto worker = [] { return [](const SegmentBatch&) {}; };
+        scan.run(worker, [&](const auto&, const SegmentBatch& batch) {
+            for (const CapturedSegment& segment : batch)
+                if (!options.admits || options.admits(scan.packet(), segment.tcp))
+                    connections->add(segment.tcp, segment.packetNumber, segment.time);
+            if (scan.packetCount() < nextProgress) return true;
+            nextProgress = scan.packetCount() + packetsPerProgress;
             if (options.progress) options.progress(capture_->bytesRead(), capture_->bytesTotal());
-        }
-        notes = decoder.notes();
+            return !options.stop.stop_requested();
+        });
+        packetCount = scan.packetCount();
+        notes = scan.notes();
         errors = capture_->errors();
         settleClients(capture_, connections);
         connections_ = connections;

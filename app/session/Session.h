@@ -3,6 +3,7 @@
 
 #include "app/capture/Capture.h"
 #include "app/capture/PacketDecoder.h"
+#include "app/capture/SegmentScan.h"
 #include "app/session/SessionPlugIns.h"
 #include "host/VELModels/TCPStream.h"
 

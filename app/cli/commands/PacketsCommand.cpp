@@ -10,6 +10,7 @@
 #include <chrono>
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -22,7 +23,7 @@ namespace {
 class RowPrinter {
 public:
     RowPrinter(const CommandContext& context, PacketRowReader& reader, const PacketAnalyzers& analyzers)
-        : output_(context.output), reader_(reader),
+        : output_(context.output), reader_(reader), analyzers_(analyzers),
           format_(context.options.json ? PacketRowFormat::json() : PacketRowFormat::table(analyzers, context.terminal))
     {}
 
@@ -42,12 +43,62 @@ public:
         for (const PacketRow& row : rows) print(row);
     }
 
-    void print()
+    // Rows of different batches are written side by side with the layout that stands then. Where a batch before changes it, which few
+    // do, they are written again.
+    void printRest()
     {
-        for (PacketRow row; output_.isOpen() && reader_.next(row);) print(row);
+        publish();
+        reader_.rest([&] { return BatchRows(*this); },
+                     [&](BatchRows& made, const SegmentBatch& batch) {
+                         if (batch.size() > 1 && made.before == format_->layout()) {
+                             format_->adopt(made.format->layout());
+                         } else {
+                             made.text.clear();
+                             append(made.text, *format_, batch);
+                         }
+                         if (batch.size() > 1) publish();
+                         output_.write(made.text);
+                         return output_.isOpen();
+                     });
     }
 
 private:
+    /// The rows of a batch as text.
+    struct BatchRows {
+        explicit BatchRows(RowPrinter& owner) : printer(owner), format(owner.format_->clone()) {}
+        void operator()(const SegmentBatch& batch)
+        {
+            if (batch.size() <= 1) return;  // not worth it
+            before = printer.published();
+            format->adopt(before);
+            text.clear();
+            printer.append(text, *format, batch);
+        }
+
+        RowPrinter& printer;
+        std::unique_ptr<PacketRowFormat> format;
+        PacketRowFormat::Layout before;
+        std::string text;
+    };
+
+    void append(std::string& text, PacketRowFormat& format, const SegmentBatch& batch) const
+    {
+        PacketRow row;
+        for (const CapturedSegment& segment : batch)
+            if (makeRow(analyzers_, segment, row)) format.append(text, row);
+    }
+
+    void publish()
+    {
+        const std::scoped_lock lock(mutex_);
+        published_ = format_->layout();
+    }
+    PacketRowFormat::Layout published()
+    {
+        const std::scoped_lock lock(mutex_);
+        return published_;
+    }
+
     void print(const PacketRow& row)
     {
         text_.clear();
@@ -57,8 +108,11 @@ private:
 
     Output& output_;
     PacketRowReader& reader_;
+    const PacketAnalyzers& analyzers_;
     std::unique_ptr<PacketRowFormat> format_;
     std::string text_;
+    std::mutex mutex_;
+    PacketRowFormat::Layout published_;  ///< of `format_`, for other threads
 };
 
 /// An input that may pause shows what has come.
@@ -85,7 +139,7 @@ ExitStatus runPackets(const CommandContext& context)
         context.output.flushEvery(std::chrono::milliseconds(50));
     else if (!context.options.json)
         printer.measure();
-    printer.print();
+    printer.printRest();
     context.output.flush();
     return complainAboutDamage(context, capture->errors(), reader.notes(), reader.packetCount());
 }

@@ -15,15 +15,19 @@ class JSONRows final : public PacketRowFormat {
 public:
     void prepare(std::span<const PacketRow>) override {}
     void append(std::string& text, const PacketRow& row) override { records_.append(text, row); }
+    const Layout& layout() const override { return layout_; }
+    void adopt(const Layout&) override {}
+    std::unique_ptr<PacketRowFormat> clone() const override { return std::make_unique<JSONRows>(); }
 
 private:
     PacketRecords records_;
+    Layout layout_;
 };
 
 class TableRows final : public PacketRowFormat {
 public:
     TableRows(const PacketAnalyzers& analyzers, const Terminal& terminal)
-        : isNarrow_(terminal.columns > 0 && terminal.columns < 100), texts_(fixedColumns + analyzers.columnTitles().size() + 1),
+        : analyzers_(analyzers), terminal_(terminal), isNarrow_(terminal.columns > 0 && terminal.columns < 100), texts_(fixedColumns + analyzers.columnTitles().size() + 1),
           cells_(texts_.size()), table_(columns(analyzers), terminal)
     {}
 
@@ -34,8 +38,25 @@ public:
 
     void append(std::string& text, const PacketRow& row) override
     {
-        if (!std::exchange(hasHeading_, true)) table_.appendHeading(text);
+        if (!std::exchange(layout_.hasHeading, true)) table_.appendHeading(text);
         table_.appendRow(text, cells(row), row.match.plugIn->color ? fillSequence(*row.match.plugIn->color) : std::string());
+    }
+
+    const Layout& layout() const override
+    {
+        layout_.table = table_.layout();
+        return layout_;
+    }
+    void adopt(const Layout& layout) override
+    {
+        table_.adopt(layout.table);
+        layout_.hasHeading = layout.hasHeading;
+    }
+    std::unique_ptr<PacketRowFormat> clone() const override
+    {
+        auto other = std::make_unique<TableRows>(analyzers_, terminal_);
+        other->adopt(layout());
+        return other;
     }
 
 private:
@@ -75,13 +96,15 @@ private:
         return cells_;
     }
 
+    const PacketAnalyzers& analyzers_;
+    Terminal terminal_;
     bool isNarrow_;
     std::vector<std::string> texts_;
     std::vector<std::string_view> cells_;
     TextTable table_;
     TimeText time_;
     EndpointTexts endpoints_;
-    bool hasHeading_ = false;
+    mutable Layout layout_;
 };
 
 }  // namespace

@@ -24,6 +24,17 @@ public:
     virtual void prepare(std::span<const PacketRow> rows) = 0;
     virtual void append(std::string& text, const PacketRow& row) = 0;
 
+    /// What the next rows look like: columns widen, and the heading stands before the first row only.
+    struct Layout {
+        TextTable::Layout table;
+        bool hasHeading = false;
+        bool operator==(const Layout&) const = default;
+    };
+    virtual const Layout& layout() const = 0;
+    virtual void adopt(const Layout& layout) = 0;
+    /// Another one, for another thread.
+    virtual std::unique_ptr<PacketRowFormat> clone() const = 0;
+
     /// As `packets --json` prints them.
     static std::unique_ptr<PacketRowFormat> json();
     /// As a table for people.

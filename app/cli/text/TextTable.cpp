@@ -13,7 +13,7 @@ TextTable::TextTable(std::vector<TextColumn> columns, const Terminal& terminal) 
 {
     for (const TextColumn& column : columns_) {
         cell_.clear();
-        widths_.push_back(std::max(appendDisplaySafe(cell_, column.title), column.narrowest));
+        layout_.widths.push_back(std::max(appendDisplaySafe(cell_, column.title), column.narrowest));
     }
     fitToTerminal();
 }
@@ -22,8 +22,8 @@ void TextTable::measure(std::span<const std::string_view> cells)
 {
     for (std::size_t i = 0; i + 1 < columns_.size(); ++i) {
         cell_.clear();
-        widths_[i] = std::max(widths_[i], appendDisplaySafe(cell_, cells[i]));
-        if (terminal_.columns > 0) widths_[i] = std::min(widths_[i], std::max(columns_[i].widest, columns_[i].narrowest));
+        layout_.widths[i] = std::max(layout_.widths[i], appendDisplaySafe(cell_, cells[i]));
+        if (terminal_.columns > 0) layout_.widths[i] = std::min(layout_.widths[i], std::max(columns_[i].widest, columns_[i].narrowest));
     }
     fitToTerminal();
 }
@@ -34,22 +34,22 @@ void TextTable::fitToTerminal()
     if (terminal_.columns == 0) return;
     const int gaps = gap * static_cast<int>(columns_.size() - 1);
     for (;;) {
-        lastWidth_ = terminal_.columns - gaps - std::accumulate(widths_.begin(), widths_.end() - 1, 0);
-        if (lastWidth_ >= columns_.back().narrowest) return;
+        layout_.lastWidth = terminal_.columns - gaps - std::accumulate(layout_.widths.begin(), layout_.widths.end() - 1, 0);
+        if (layout_.lastWidth >= columns_.back().narrowest) return;
         const auto widest = [&](bool isFirm) {
             std::size_t giver = columns_.size();
             for (std::size_t i = 0; i + 1 < columns_.size(); ++i) {
-                const bool canGive = columns_[i].isFirm == isFirm && widths_[i] > columns_[i].narrowest;
-                if (canGive && (giver == columns_.size() || widths_[i] > widths_[giver])) giver = i;
+                const bool canGive = columns_[i].isFirm == isFirm && layout_.widths[i] > columns_[i].narrowest;
+                if (canGive && (giver == columns_.size() || layout_.widths[i] > layout_.widths[giver])) giver = i;
             }
             return giver;
         };
         std::size_t giver = widest(false);
         if (giver == columns_.size()) giver = widest(true);
         if (giver == columns_.size()) break;
-        --widths_[giver];
+        --layout_.widths[giver];
     }
-    lastWidth_ = std::max(lastWidth_, 1);
+    layout_.lastWidth = std::max(layout_.lastWidth, 1);
 }
 
 void TextTable::appendHeading(std::string& text)
@@ -72,7 +72,7 @@ void TextTable::appendCells(std::string& text, std::span<const std::string_view>
         const TextColumn& column = columns_[i];
         const bool isLast = i + 1 == columns_.size();
         int room = std::numeric_limits<int>::max();
-        if (terminal_.columns > 0) room = isLast ? lastWidth_ : widths_[i];
+        if (terminal_.columns > 0) room = isLast ? layout_.lastWidth : layout_.widths[i];
 
         cell_.clear();
         int width = appendDisplaySafe(cell_, cells[i], room);
@@ -80,17 +80,17 @@ void TextTable::appendCells(std::string& text, std::span<const std::string_view>
             // Perhaps cut: the column may still grow, as long as the last one keeps its own.
             std::string whole;
             const int wanted = std::min(appendDisplaySafe(whole, cells[i]), column.widest);
-            const int growth = std::min(wanted - room, lastWidth_ - columns_.back().narrowest);
+            const int growth = std::min(wanted - room, layout_.lastWidth - columns_.back().narrowest);
             if (growth > 0) {
-                widths_[i] += growth;
-                lastWidth_ -= growth;
+                layout_.widths[i] += growth;
+                layout_.lastWidth -= growth;
                 cell_.clear();
-                width = appendDisplaySafe(cell_, cells[i], widths_[i]);
+                width = appendDisplaySafe(cell_, cells[i], layout_.widths[i]);
             }
         }
-        if (!isLast) widths_[i] = std::max(widths_[i], width);
+        if (!isLast) layout_.widths[i] = std::max(layout_.widths[i], width);
 
-        const auto padding = static_cast<std::size_t>(isLast ? 0 : widths_[i] - width);
+        const auto padding = static_cast<std::size_t>(isLast ? 0 : layout_.widths[i] - width);
         if (column.alignment == TextColumn::Alignment::right) text.append(padding, ' ');
         const Style style = isHeading ? Style::strong : column.style;
         const bool isColored = terminal_.hasColors && fill.empty() && style != Style::plain && !cell_.empty();

@@ -28,6 +28,15 @@ class TextTable {
 public:
     TextTable(std::vector<TextColumn> columns, const Terminal& terminal);
 
+    /// How wide the columns are: what rows of other tables of the same columns look the same with.
+    struct Layout {
+        std::vector<int> widths;
+        int lastWidth = 0;  ///< of the last column on a terminal
+        bool operator==(const Layout&) const = default;
+    };
+    const Layout& layout() const { return layout_; }
+    void adopt(const Layout& layout) { layout_ = layout; }
+
     /// Lets the widths take a row into account, before the heading is written.
     void measure(std::span<const std::string_view> cells);
     void appendHeading(std::string& text);
@@ -41,9 +50,8 @@ private:
     void appendCells(std::string& text, std::span<const std::string_view> cells, bool isHeading, std::string_view fill);
 
     std::vector<TextColumn> columns_;
-    std::vector<int> widths_;
+    Layout layout_;
     Terminal terminal_;
-    int lastWidth_ = 0;  ///< of the last column on a terminal
     std::string cell_;
 };
 

@@ -1,0 +1,186 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/capture/SegmentScan.h"
+
+#include "app/capture/FileAhead.h"
+
+#include <algorithm>
+#include <atomic>
+#include <oneapi/tbb/parallel_pipeline.h>
+#include <oneapi/tbb/task_arena.h>
+#include <utility>
+
+namespace sealscope {
+
+namespace {
+
+constexpr std::int64_t pieceSize = 1 << 20;  // bytes of a file; what is made of them fits the caches
+constexpr std::int64_t leastAhead = 8 * pieceSize;
+constexpr std::int64_t packetsPerLook = 1'024;
+constexpr int mostTries = 16;  // of places in one piece
+
+}  // namespace
+
+/// A piece of a file on its way from thread to thread.
+struct SegmentScan::Slot {
+    std::int64_t from = 0;  ///< its packets begin between these offsets
+    std::int64_t to = 0;
+    bool isFirst = false;  ///< it begins where the reading in order is
+    PacketStretch stretch;
+    SegmentBatch batch;
+    std::vector<CapturedPacket> fragments;
+    PacketDecoder decoder{PacketDecoder::WithoutFragments{}};
+};
+
+const DecoderNotes& SegmentScan::notes() const
+{
+    notes_ = decoder_.notes();
+    notes_ += notesAhead_;
+    return notes_;
+}
+
+bool SegmentScan::next(CapturedSegment& segment)
+{
+    while (capture_.next(packet_)) {
+        ++packets_;
+        if (!decoder_.decode(packet_, segment.tcp)) continue;
+        segment.packetNumber = packet_.number;
+        segment.time = packet_.time.value();
+        return true;
+    }
+    return false;
+}
+
+bool SegmentScan::readInOrder(SegmentBatch& batch)
+{
+    batch.count_ = 0;
+    if (!next(batch.room())) return false;
+    batch.count_ = 1;
+    return true;
+}
+
+std::optional<FileAhead> SegmentScan::fileAhead()
+{
+    if (processors_ == Processors::one || packets_ < nextLook_) return std::nullopt;
+    nextLook_ = packets_ + packetsPerLook;
+    const Capture::Place place = capture_.place();
+    if (capture_.bytesTotal() >= 0 && capture_.bytesTotal() < leastAhead) return std::nullopt;
+    if (oneapi::tbb::this_task_arena::max_concurrency() == 1) {
+        processors_ = Processors::one;
+        return std::nullopt;
+    }
+    auto file = capture_.ahead();
+    if (!file || file->size - place.offset < leastAhead) return std::nullopt;
+    return file;
+}
+
+std::size_t SegmentScan::slotCount() const { return 2 * static_cast<std::size_t>(oneapi::tbb::this_task_arena::max_concurrency()) + 2; }
+
+bool SegmentScan::readAhead(const FileAhead& file, const Work& work, const Take& take)
+{
+    std::vector<Slot> slots(slotCount());
+    std::atomic<bool> isWanted = true, isStale = false;
+    std::int64_t next = file.offset;
+    std::size_t begun = 0;
+    const auto begin = [&](oneapi::tbb::flow_control& control) -> std::size_t {
+        if (next >= file.size || !isWanted || isStale) {
+            control.stop();
+            return 0;
+        }
+        // A slot is free again when its turn comes: no more pieces are on their way than there are slots, and they end in order.
+        const std::size_t number = begun++ % slots.size();
+        Slot& slot = slots[number];
+        slot.isFirst = next == file.offset;
+        slot.from = std::exchange(next, std::min(next + pieceSize, file.size));
+        slot.to = next;
+        return number;
+    };
+    const auto read = [&](std::size_t number) {
+        if (isWanted && !isStale) readPiece(file, slots[number]);
+        return number;
+    };
+    const auto settleIt = [&](std::size_t number) {
+        if (isWanted) settle(file, slots[number]);
+        const Capture::Place now = capture_.place();
+        isStale = isStale || now.file != file.position || now.generation != file.generation;
+        return number;
+    };
+    const auto workOn = [&](std::size_t number) {
+        if (isWanted) work(number, slots[number].batch);
+        return number;
+    };
+    const auto end = [&](std::size_t number) { isWanted = isWanted && take(number, slots[number].batch); };
+    using oneapi::tbb::filter_mode, oneapi::tbb::make_filter;
+    oneapi::tbb::parallel_pipeline(slots.size(), make_filter<void, std::size_t>(filter_mode::serial_in_order, begin) &
+                                                     make_filter<std::size_t, std::size_t>(filter_mode::parallel, read) &
+                                                     make_filter<std::size_t, std::size_t>(filter_mode::serial_in_order, settleIt) &
+                                                     make_filter<std::size_t, std::size_t>(filter_mode::parallel, workOn) &
+                                                     make_filter<std::size_t, void>(filter_mode::serial_in_order, end));
+    return isWanted;
+}
+
+void SegmentScan::readPiece(const FileAhead& file, Slot& slot)
+{
+    StretchReader reader(file, slot.from, slot.to);
+    SegmentBatch& batch = slot.batch;
+    CapturedPacket packet;
+    for (int tries = 0; tries < mostTries; ++tries) {
+        batch.clear();
+        slot.fragments.clear();
+        slot.decoder.forgetNotes();
+        if (slot.isFirst)
+            reader.begin();
+        else if (!reader.find())
+            break;
+        while (reader.next(packet)) {
+            packet.number = reader.stretch().packets;
+            CapturedSegment& segment = batch.room();
+            if (slot.decoder.decode(packet, segment.tcp)) {
+                segment.packetNumber = packet.number;
+                segment.time = packet.time.value();
+                ++batch.count_;
+            } else if (slot.decoder.hasLeftFragment()) {
+                slot.fragments.push_back(packet);
+            }
+        }
+        if (slot.isFirst || reader.isLikely()) break;
+    }
+    slot.stretch = reader.stretch();
+}
+
+void SegmentScan::settle(const FileAhead& file, Slot& slot)
+{
+    SegmentBatch& batch = slot.batch;
+    const std::int64_t before = capture_.extent().packets;
+    if (capture_.accept(file, std::exchange(slot.stretch, {}))) {
+        for (std::size_t i = 0; i < batch.count_; ++i) batch.segments_[i].packetNumber += before;
+        notesAhead_ += slot.decoder.notes();
+        const auto untilFragments = static_cast<std::ptrdiff_t>(batch.count_);
+        for (CapturedPacket& packet : slot.fragments) {
+            packet.number += before;
+            packet_ = packet;
+            decodeInOrder(batch);
+        }
+        const auto first = batch.segments_.begin();
+        std::ranges::inplace_merge(first, first + untilFragments, first + static_cast<std::ptrdiff_t>(batch.count_), {},
+                                   &CapturedSegment::packetNumber);
+    } else {
+        batch.clear();
+    }
+    slot.fragments.clear();
+    slot.decoder.forgetNotes();
+    while (capture_.place().file == file.position && capture_.place().offset < slot.to && capture_.nextOfFile(packet_)) decodeInOrder(batch);
+    packets_ += capture_.extent().packets - before;
+}
+
+void SegmentScan::decodeInOrder(SegmentBatch& batch)
+{
+    CapturedSegment& segment = batch.room();
+    if (!decoder_.decode(packet_, segment.tcp)) return;
+    segment.packetNumber = packet_.number;
+    segment.time = packet_.time.value();
+    ++batch.count_;
+    const DataView payload = segment.tcp.payload, frame = packet_.frame;
+    if (payload.begin() < frame.begin() || payload.end() > frame.end()) segment.tcp.payload = batch.kept_.emplace_back(payload);
+}
+
+}  // namespace sealscope

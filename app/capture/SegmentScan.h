@@ -1,0 +1,118 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "app/capture/Capture.h"
+#include "app/capture/PacketDecoder.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace sealscope {
+
+/// A TCP segment and the packet that brought it.
+struct CapturedSegment {
+    std::int64_t packetNumber = 0;
+    double time = 0;  ///< seconds since 1970
+    TCPPacket tcp;
+};
+
+/// The TCP segments of some packets that follow each other, in capture order.
+class SegmentBatch {
+public:
+    const CapturedSegment* begin() const { return segments_.data(); }
+    const CapturedSegment* end() const { return segments_.data() + count_; }
+    std::size_t size() const { return count_; }
+
+private:
+    friend class SegmentScan;
+    CapturedSegment& room()
+    {
+        if (count_ == segments_.size()) segments_.emplace_back();
+        return segments_[count_];
+    }
+    void clear()
+    {
+        count_ = 0;
+        kept_.clear();
+    }
+
+    std::vector<CapturedSegment> segments_;  // stays as long as it once was
+    std::size_t count_ = 0;
+    std::deque<Data> kept_;  // payloads that lie in no file
+};
+
+/// Finds the TCP segments of a capture. A large file that is mapped is read on all processors: pieces of it ahead, from where a packet
+/// seems to begin, which count when the reading in order arrives just there. What comes out is the same on one.
+class SegmentScan {
+public:
+    enum class Processors { one, all };
+
+    /// With `keepIn`, which is the capture, datagrams put together from fragments are kept there.
+    SegmentScan(Capture& capture, Capture* keepIn, Processors processors) : capture_(capture), decoder_(keepIn), processors_(processors) {}
+
+    /// The next segment, lent as its packet is; false at the end of the capture.
+    bool next(CapturedSegment& segment);
+    /// The packet of the last segment that `next` gave, or that came alone.
+    const CapturedPacket& packet() const { return packet_; }
+
+    /// Reads to the end. Each batch is given to a worker, on any thread, several batches at once but no worker twice; then batch and
+    /// worker are taken, one at a time in capture order, until `take` gives false. Workers are made by `makeWorker()`. What is read
+    /// on one thread comes as batches of one segment.
+    template <class MakeWorker, class Take>
+    void run(const MakeWorker& makeWorker, const Take& take)
+    {
+        auto worker = makeWorker();
+        SegmentBatch batch;
+        while (readInOrder(batch)) {
+            worker(batch);
+            if (!take(worker, batch)) return;
+            const auto file = fileAhead();
+            if (!file) continue;
+            std::vector<decltype(makeWorker())> workers;
+            for (std::size_t i = 0; i < slotCount(); ++i) workers.push_back(makeWorker());
+            const auto work = [&](std::size_t slot, const SegmentBatch& made) { workers[slot](made); };
+            const auto takeIt = [&](std::size_t slot, const SegmentBatch& made) { return take(workers[slot], made); };
+            if (!readAhead(*file, work, takeIt)) return;
+        }
+    }
+
+    /// Of all kinds, read so far.
+    std::int64_t packetCount() const { return packets_; }
+    const DecoderNotes& notes() const;
+
+    SegmentScan(const SegmentScan&) = delete;
+    SegmentScan& operator=(const SegmentScan&) = delete;
+
+private:
+    struct Slot;
+    using Work = std::function<void(std::size_t, const SegmentBatch&)>;
+    using Take = std::function<bool(std::size_t, const SegmentBatch&)>;
+
+    /// The next segment alone.
+    bool readInOrder(SegmentBatch& batch);
+    /// The file that is being read, now and then, when reading ahead is worth it.
+    std::optional<FileAhead> fileAhead();
+    std::size_t slotCount() const;
+    /// Reads the rest of a file, or as much as can be read ahead; false when nobody takes more.
+    bool readAhead(const FileAhead& file, const Work& work, const Take& take);
+    static void readPiece(const FileAhead& file, Slot& slot);
+    /// Makes of a piece what the reading in order finds there, and goes on behind it.
+    void settle(const FileAhead& file, Slot& slot);
+    void decodeInOrder(SegmentBatch& batch);
+
+    Capture& capture_;
+    PacketDecoder decoder_;
+    Processors processors_;
+    CapturedPacket packet_;
+    std::int64_t packets_ = 0;
+    std::int64_t nextLook_ = 1'024;  // packets, at whether reading ahead is worth it
+    DecoderNotes notesAhead_;
+    mutable DecoderNotes notes_;
+};
+
+}  // namespace sealscope
