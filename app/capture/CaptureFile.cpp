@@ -28,8 +28,8 @@ std::unique_ptr<CaptureFile> CaptureFile::ahead(std::int64_t offset) const
 {
     auto input = input_->ahead(offset);
     if (!input) return nullptr;
-    return std::visit(
-        [&](const auto& reader) { return std::unique_ptr<CaptureFile>(new CaptureFile(std::move(input), reader.ahead())); }, reader_);
+    return std::visit([&](const auto& reader) { return std::unique_ptr<CaptureFile>(new CaptureFile(std::move(input), reader.ahead())); },
+                      reader_);
 }
 
 std::int64_t CaptureFile::findPacket(std::int64_t from, std::int64_t to) const

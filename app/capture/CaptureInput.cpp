@@ -24,7 +24,7 @@ constexpr std::int64_t mappedWindow = 4 << 20;     // pages let go together
 constexpr std::int64_t windowsInUse = 4;           // behind the reading in order, where others read ahead
 constexpr std::int64_t streamedPiece = 128 << 10;  // read at once; stays in the processor's cache
 constexpr std::int64_t shortestHole = 1 << 20;     // what is skipped and not kept; less is not worth the trouble
-constexpr int lookAgainAtPipeAfter = 100;                // milliseconds, while a pipe holds nothing
+constexpr int lookAgainAtPipeAfter = 100;          // milliseconds, while a pipe holds nothing
 // So much may anything unpack to. Beyond it a bomb is told from a capture by how many times its size it has become: in a temporary
 // file, or by passing through.
 constexpr std::int64_t freelyUnpacked = 1 << 30, mostTimesKept = 16, mostTimesRead = 256;
@@ -118,7 +118,10 @@ public:
         end_ = bytes.end();
         damage_ = damage;
     }
-    std::unique_ptr<CaptureInput> ahead(std::int64_t offset) const override { return std::make_unique<MemoryInput>(bytes_, offset, damage_); }
+    std::unique_ptr<CaptureInput> ahead(std::int64_t offset) const override
+    {
+        return std::make_unique<MemoryInput>(bytes_, offset, damage_);
+    }
     DataView bytes(std::int64_t offset, std::int64_t count) const override { return bytes_.sub(offset, count); }
     std::int64_t size() const override { return bytes_.size(); }
     std::int64_t storedBytesRead() const override { return position(); }

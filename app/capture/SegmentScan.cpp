@@ -13,9 +13,7 @@ namespace sealscope {
 
 namespace {
 
-constexpr std::int64_t pieceSize = 1 << 20;  // bytes of a file; what is made of them fits the caches
-constexpr std::int64_t leastAhead = 8 * pieceSize;
-constexpr std::int64_t packetsPerLook = 1'024;
+constexpr std::int64_t leastPieces = 8;
 constexpr int mostTries = 16;  // of places in one piece
 
 }  // namespace
@@ -61,7 +59,8 @@ bool SegmentScan::readInOrder(SegmentBatch& batch)
 std::optional<FileAhead> SegmentScan::fileAhead()
 {
     if (processors_ == Processors::one || packets_ < nextLook_) return std::nullopt;
-    nextLook_ = packets_ + packetsPerLook;
+    nextLook_ = packets_ + pieceSize_ / 1'024;
+    const std::int64_t leastAhead = leastPieces * pieceSize_;
     const Capture::Place place = capture_.place();
     if (capture_.bytesTotal() >= 0 && capture_.bytesTotal() < leastAhead) return std::nullopt;
     if (oneapi::tbb::this_task_arena::max_concurrency() == 1) {
@@ -90,7 +89,7 @@ bool SegmentScan::readAhead(const FileAhead& file, const Work& work, const Take&
         const std::size_t number = begun++ % slots.size();
         Slot& slot = slots[number];
         slot.isFirst = next == file.offset;
-        slot.from = std::exchange(next, std::min(next + pieceSize, file.size));
+        slot.from = std::exchange(next, std::min(next + pieceSize_, file.size));
         slot.to = next;
         return number;
     };
@@ -168,7 +167,8 @@ void SegmentScan::settle(const FileAhead& file, Slot& slot)
     }
     slot.fragments.clear();
     slot.decoder.forgetNotes();
-    while (capture_.place().file == file.position && capture_.place().offset < slot.to && capture_.nextOfFile(packet_)) decodeInOrder(batch);
+    while (capture_.place().file == file.position && capture_.place().offset < slot.to && capture_.nextOfFile(packet_))
+        decodeInOrder(batch);
     packets_ += capture_.extent().packets - before;
 }
 

@@ -52,8 +52,11 @@ class SegmentScan {
 public:
     enum class Processors { one, all };
 
-    /// With `keepIn`, which is the capture, datagrams put together from fragments are kept there.
-    SegmentScan(Capture& capture, Capture* keepIn, Processors processors) : capture_(capture), decoder_(keepIn), processors_(processors) {}
+    /// With `keepIn`, which is the capture, datagrams put together from fragments are kept there. `pieceSize`: bytes of a file that one
+    /// thread reads at a time, by default so many that what is made of them fits the caches; reading ahead begins with eight pieces.
+    SegmentScan(Capture& capture, Capture* keepIn, Processors processors, std::int64_t pieceSize = usualPieceSize)
+        : capture_(capture), decoder_(keepIn), processors_(processors), pieceSize_(pieceSize)
+    {}
 
     /// The next segment, lent as its packet is; false at the end of the capture.
     bool next(CapturedSegment& segment);
@@ -63,8 +66,7 @@ public:
     /// Reads to the end. Each batch is given to a worker, on any thread, several batches at once but no worker twice; then batch and
     /// worker are taken, one at a time in capture order, until `take` gives false. Workers are made by `makeWorker()`. What is read
     /// on one thread comes as batches of one segment.
-    template <class MakeWorker, class Take>
-    void run(const MakeWorker& makeWorker, const Take& take)
+    template <class MakeWorker, class Take> void run(const MakeWorker& makeWorker, const Take& take)
     {
         auto worker = makeWorker();
         SegmentBatch batch;
@@ -89,6 +91,8 @@ public:
     SegmentScan& operator=(const SegmentScan&) = delete;
 
 private:
+    static constexpr std::int64_t usualPieceSize = 1 << 20;
+
     struct Slot;
     using Work = std::function<void(std::size_t, const SegmentBatch&)>;
     using Take = std::function<bool(std::size_t, const SegmentBatch&)>;
@@ -109,8 +113,9 @@ private:
     PacketDecoder decoder_;
     Processors processors_;
     CapturedPacket packet_;
+    std::int64_t pieceSize_;
     std::int64_t packets_ = 0;
-    std::int64_t nextLook_ = 1'024;  // packets, at whether reading ahead is worth it
+    std::int64_t nextLook_ = 0;  // at whether reading ahead is worth it; a number of packets
     DecoderNotes notesAhead_;
     mutable DecoderNotes notes_;
 };

@@ -10,6 +10,8 @@
 #include <cstring>
 #include <fmt/compile.h>
 #include <fmt/format.h>
+#include <memory>
+#include <oneapi/tbb/task_group.h>
 #include <type_traits>
 #include <utility>
 #include <variant>
@@ -17,6 +19,54 @@
 namespace sealscope {
 
 namespace {
+
+/// Bytes on their way into Base64, so many that several processors may share the work, while the next are made. A large body is never
+/// held as a whole.
+class Base64Block {
+public:
+    /// Takes as many of the bytes as there is room for, whose count it returns.
+    std::int64_t add(DataView bytes)
+    {
+        bytes = bytes.sub(0, most - std::ssize(bytes_));
+        bytes_.insert(bytes_.end(), bytes.begin(), bytes.end());
+        return bytes.size();
+    }
+    bool isFull() const { return std::ssize(bytes_) == most; }
+
+    /// Encodes them while other work goes on, until `finish`.
+    void begin()
+    {
+        texts_.resize(static_cast<std::size_t>((std::ssize(bytes_) + piece - 1) / piece));
+        const auto encode = [this](std::size_t i) {
+            texts_[i] = sealscope::base64(DataView(bytes_).sub(static_cast<std::int64_t>(i) * piece, piece));
+        };
+        if (texts_.size() == 1) return encode(0);
+        if (!texts_.empty() && !group_) group_.reset(new oneapi::tbb::task_group);
+        for (std::size_t i = 0; i < texts_.size(); ++i) group_->run([encode, i] { encode(i); });
+    }
+    void finish()
+    {
+        if (group_) group_->wait();
+        bytes_.clear();
+    }
+    const std::vector<std::string>& texts() const { return texts_; }
+
+private:
+    static constexpr std::int64_t piece = 48 * 1'024, most = 32 * piece;  // whole triples: only the last text is padded
+
+    struct End {
+        void operator()(oneapi::tbb::task_group* group) const
+        {
+            group->cancel();
+            group->wait();
+            delete group;
+        }
+    };
+
+    std::vector<std::uint8_t> bytes_;
+    std::vector<std::string> texts_;
+    std::unique_ptr<oneapi::tbb::task_group, End> group_;  ///< the last, since its tasks use the others
+};
 
 /// ASCII that stands for itself inside quotation marks. DEL may stand there too, but a terminal would obey it.
 constexpr auto isPlain = [] {
@@ -221,16 +271,29 @@ void JSONLineWriter::value(const VELValue& any)
         any);
 }
 
-void JSONLineWriter::base64(DataView bytes)
+void JSONLineWriter::base64(const StreamBody& body)
 {
     separate();
     append("\"");
-    // Pieces of whole triples: only the last one is padded, and a large body is not held twice.
-    constexpr std::int64_t piece = 48 * 1'024;
-    for (std::int64_t offset = 0; offset < bytes.size(); offset += piece) {
-        append(sealscope::base64(bytes.sub(offset, piece)));
-        spillIfLarge();
-    }
+    Base64Block filling, encoding;
+    const auto turn = [&] {
+        encoding.finish();
+        for (const std::string& text : encoding.texts()) {
+            append(text);
+            spillIfLarge();
+        }
+        std::swap(filling, encoding);
+        encoding.begin();
+    };
+    body.forEachPiece([&](DataView bytes) {
+        while (!bytes.isEmpty()) {
+            bytes = bytes.from(filling.add(bytes));
+            if (filling.isFull()) turn();
+        }
+        return true;
+    });
+    turn();
+    turn();
     append("\"");
     if (depth_ == 0) settle();
 }

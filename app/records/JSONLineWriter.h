@@ -3,6 +3,7 @@
 
 #include "app/records/Spill.h"
 #include "host/VELDependencies/VELValue.h"
+#include "host/VELModels/StreamBody.h"
 #include "platform/Data.h"
 
 #include <concepts>
@@ -61,7 +62,7 @@ public:
     /// A plug-in's value in the type that it has; bytes as Base64.
     void value(const VELValue& any);
     /// Bytes as Base64 with padding (RFC 4648 §4).
-    void base64(DataView bytes);
+    void base64(const StreamBody& body);
 
     template <class Value> void value(const std::optional<Value>& optional)
     {

@@ -42,7 +42,7 @@ void writeMembers(JSONLineWriter& json, const StreamMessage& message, BodyMember
     if (body == BodyMember::written) {
         json.key("body");
         if (message.body)
-            json.base64(message.body->bytes());
+            json.base64(*message.body);
         else
             json.null();
     }

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// One capture file, read as a mapped file and as a stream, and copied with other secrets inside.
+// One capture file, read as a mapped file and as a stream, on one processor and on several, and copied with other secrets inside.
 #include "app/capture/Capture.h"
 #include "app/capture/CaptureWriter.h"
+#include "app/capture/SegmentScan.h"
 #include "fuzz/PieceMutator.h"
 #include "fuzz/Require.h"
 
@@ -94,6 +95,48 @@ Read readAll(const std::string& name, bool randomAccess, std::int64_t size)
     return read;
 }
 
+struct Scanned {
+    std::vector<CapturedSegment> segments;
+    std::vector<std::vector<std::uint8_t>> payloads;
+    std::int64_t packets = 0;
+    std::int64_t damagedPackets = 0;
+    std::size_t errors = 0;
+    std::string keyLog;
+
+    bool operator==(const Scanned& other) const
+    {
+        const auto isSame = [](const CapturedSegment& a, const CapturedSegment& b) {
+            return a.packetNumber == b.packetNumber && a.time == b.time && a.tcp.source == b.tcp.source &&
+                   a.tcp.destination == b.tcp.destination && a.tcp.sequenceNumber == b.tcp.sequenceNumber &&
+                   a.tcp.payloadLength == b.tcp.payloadLength && a.tcp.payloadAddress == b.tcp.payloadAddress;
+        };
+        return std::ranges::equal(segments, other.segments, isSame) && payloads == other.payloads && packets == other.packets &&
+               damagedPackets == other.damagedPackets && errors == other.errors && keyLog == other.keyLog;
+    }
+};
+
+Scanned scan(const std::string& name, SegmentScan::Processors processors)
+{
+    Scanned scanned;
+    const auto opened = Capture::open({name}, {.randomAccess = true});
+    if (!opened) return scanned;
+    Capture& capture = **opened;
+    SegmentScan scan(capture, &capture, processors, 128);
+    const auto worker = [] { return [](const SegmentBatch&) {}; };
+    scan.run(worker, [&](const auto&, const SegmentBatch& batch) {
+        for (const CapturedSegment& segment : batch) {
+            scanned.segments.push_back(segment);
+            scanned.payloads.emplace_back(segment.tcp.payload.begin(), segment.tcp.payload.end());
+        }
+        return true;
+    });
+    scanned.packets = scan.packetCount();
+    scanned.damagedPackets = scan.notes().damagedPackets;
+    scanned.errors = capture.errors().size();
+    scanned.keyLog = capture.takeEmbeddedKeyLog();
+    return scanned;
+}
+
 /// Packets of the classic format, blocks of the other, each in the byte order of the file.
 PieceMutator captureMutator(DataView file)
 {
@@ -149,6 +192,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     require(mapped.isOpen == streamed.isOpen && mapped.errors == streamed.errors && mapped.keyLog == streamed.keyLog &&
                 mapped.hasPacketsOf(streamed),
             "a file and a stream read the same");
+    require(scan(file.path(), SegmentScan::Processors::one) == scan(file.path(), SegmentScan::Processors::all),
+            "several processors find what one finds");
     if (!mapped.packets.empty() && !mapped.copy.empty()) {
         file.write({}, DataView(mapped.copy));
         const Read copy = readAll(file.path(), false, bytes.size() + static_cast<std::int64_t>(mapped.copy.size()));

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/cli/CaptureReading.h"
-#include "app/cli/commands/Commands.h"
 #include "app/cli/Interrupt.h"
-#include "app/session/PacketRowReader.h"
-#include "app/cli/text/PacketRows.h"
 #include "app/cli/Progress.h"
+#include "app/cli/commands/Commands.h"
+#include "app/cli/text/PacketRows.h"
+#include "app/session/PacketRowReader.h"
 
 #include <algorithm>
 #include <chrono>
@@ -132,8 +132,7 @@ ExitStatus runPackets(const CommandContext& context)
     const PacketAnalyzers analyzers;
     // Rows on the terminal are progress enough.
     Progress progress("reading", !context.options.quiet && !context.terminal.isTerminal);
-    PacketRowReader reader(*capture, analyzers, interruption(),
-                           [&](std::int64_t done, std::int64_t total) { progress.show(done, total); });
+    PacketRowReader reader(*capture, analyzers, interruption(), [&](std::int64_t done, std::int64_t total) { progress.show(done, total); });
     RowPrinter printer(context, reader, analyzers);
     if (std::ranges::any_of(context.options.arguments, mayPause))
         context.output.flushEvery(std::chrono::milliseconds(50));

@@ -27,8 +27,8 @@ private:
 class TableRows final : public PacketRowFormat {
 public:
     TableRows(const PacketAnalyzers& analyzers, const Terminal& terminal)
-        : analyzers_(analyzers), terminal_(terminal), isNarrow_(terminal.columns > 0 && terminal.columns < 100), texts_(fixedColumns + analyzers.columnTitles().size() + 1),
-          cells_(texts_.size()), table_(columns(analyzers), terminal)
+        : analyzers_(analyzers), terminal_(terminal), isNarrow_(terminal.columns > 0 && terminal.columns < 100),
+          texts_(fixedColumns + analyzers.columnTitles().size() + 1), cells_(texts_.size()), table_(columns(analyzers), terminal)
     {}
 
     void prepare(std::span<const PacketRow> rows) override

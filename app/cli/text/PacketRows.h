@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "app/cli/text/TextTable.h"
 #include "app/records/EndpointTexts.h"
 #include "app/session/PacketAnalyzers.h"
 #include "app/session/PacketRowReader.h"
-#include "app/cli/text/TextTable.h"
 #include "app/texts/TimeText.h"
 #include "host/VELModels/TCPStream.h"
 
