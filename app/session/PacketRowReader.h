@@ -51,8 +51,8 @@ public:
     {}
     /// The next row; its payload is lent until the one after it. False at the end, and when it shall stop.
     bool next(PacketRow& row);
-    /// The segments that are left, each of which may make a row, on all processors; see `SegmentScan::run`.
-    template <class MakeWorker, class Take> void rest(const MakeWorker& makeWorker, const Take& take)
+    /// All segments that are left, each of which may make a row, on all processors; see `SegmentScan::run`.
+    template <class MakeWorker, class Take> void readAll(const MakeWorker& makeWorker, const Take& take)
     {
         scan_.run(makeWorker, [&](auto& worker, const SegmentBatch& batch) {
             tellProgress();

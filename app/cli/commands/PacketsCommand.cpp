@@ -22,44 +22,32 @@ namespace {
 /// Prints rows. A table's widths are chosen by the first ones, which are held back for that when they all come at once.
 class RowPrinter {
 public:
-    RowPrinter(const CommandContext& context, PacketRowReader& reader, const PacketAnalyzers& analyzers)
-        : output_(context.output), reader_(reader), analyzers_(analyzers),
-          format_(context.options.json ? PacketRowFormat::json() : PacketRowFormat::table(analyzers, context.terminal))
+    RowPrinter(const CommandContext& context, const PacketAnalyzers& analyzers, bool comeAtOnce)
+        : output_(context.output), analyzers_(analyzers),
+          format_(context.options.json ? PacketRowFormat::json() : PacketRowFormat::table(analyzers, context.terminal)),
+          isMeasuring_(comeAtOnce && !context.options.json)
     {}
-
-    void measure()
-    {
-        constexpr std::size_t measured = 200;
-        constexpr std::int64_t mostHeld = 1 << 20;
-        std::vector<PacketRow> rows;
-        std::vector<Data> payloads;  // the capture lends one at a time
-        std::int64_t held = 0;
-        for (PacketRow row; held <= mostHeld && rows.size() < measured && reader_.next(row); rows.push_back(std::move(row))) {
-            held += row.payload.size();
-            // A large one is the last, which is lent until the next is asked for.
-            if (held <= mostHeld) row.payload = payloads.emplace_back(row.payload);
-        }
-        format_->prepare(rows);
-        for (const PacketRow& row : rows) print(row);
-    }
 
     // Rows of different batches are written side by side with the layout that stands then. Where a batch before changes it, which few
     // do, they are written again.
-    void printRest()
+    void print(PacketRowReader& reader)
     {
         publish();
-        reader_.rest([&] { return BatchRows(*this); },
-                     [&](BatchRows& made, const SegmentBatch& batch) {
-                         if (batch.size() > 1 && made.before == format_->layout()) {
-                             format_->adopt(made.format->layout());
-                         } else {
-                             made.text.clear();
-                             append(made.text, *format_, batch);
-                         }
-                         if (batch.size() > 1) publish();
-                         output_.write(made.text);
-                         return output_.isOpen();
-                     });
+        reader.readAll([&] { return BatchRows(*this); },
+                       [&](BatchRows& made, const SegmentBatch& batch) {
+                           if (!isMeasuring_ && batch.size() > 1 && made.before == format_->layout()) {
+                               format_->adopt(made.format->layout());
+                           } else {
+                               made.text.clear();
+                               appendInOrder(made.text, batch);
+                           }
+                           if (batch.size() > 1) publish();
+                           output_.write(made.text);
+                           return output_.isOpen();
+                       });
+        std::string text;
+        endMeasuring(text);
+        output_.write(text);
     }
 
 private:
@@ -88,6 +76,32 @@ private:
             if (makeRow(analyzers_, segment, row)) format.append(text, row);
     }
 
+    void appendInOrder(std::string& text, const SegmentBatch& batch)
+    {
+        if (!isMeasuring_) return append(text, *format_, batch);
+        PacketRow row;
+        for (const CapturedSegment& segment : batch) {
+            if (!makeRow(analyzers_, segment, row)) continue;
+            if (!isMeasuring_) {
+                format_->append(text, row);
+                continue;
+            }
+            heldBytes_ += row.payload.size();
+            row.payload = heldPayloads_.emplace_back(row.payload);
+            held_.push_back(std::move(row));
+            if (heldBytes_ > mostHeldBytes || held_.size() == mostHeld) endMeasuring(text);
+        }
+    }
+
+    void endMeasuring(std::string& text)
+    {
+        if (!std::exchange(isMeasuring_, false)) return;
+        format_->prepare(held_);
+        for (const PacketRow& row : held_) format_->append(text, row);
+        held_.clear();
+        heldPayloads_.clear();
+    }
+
     void publish()
     {
         const std::scoped_lock lock(mutex_);
@@ -99,18 +113,16 @@ private:
         return published_;
     }
 
-    void print(const PacketRow& row)
-    {
-        text_.clear();
-        format_->append(text_, row);
-        output_.write(text_);
-    }
+    static constexpr std::size_t mostHeld = 200;
+    static constexpr std::int64_t mostHeldBytes = 1 << 20;
 
     Output& output_;
-    PacketRowReader& reader_;
     const PacketAnalyzers& analyzers_;
     std::unique_ptr<PacketRowFormat> format_;
-    std::string text_;
+    bool isMeasuring_;
+    std::vector<PacketRow> held_;
+    std::vector<Data> heldPayloads_;
+    std::int64_t heldBytes_ = 0;
     std::mutex mutex_;
     PacketRowFormat::Layout published_;  ///< of `format_`, for other threads
 };
@@ -133,12 +145,9 @@ ExitStatus runPackets(const CommandContext& context)
     // Rows on the terminal are progress enough.
     Progress progress("reading", !context.options.quiet && !context.terminal.isTerminal);
     PacketRowReader reader(*capture, analyzers, interruption(), [&](std::int64_t done, std::int64_t total) { progress.show(done, total); });
-    RowPrinter printer(context, reader, analyzers);
-    if (std::ranges::any_of(context.options.arguments, mayPause))
-        context.output.flushEvery(std::chrono::milliseconds(50));
-    else if (!context.options.json)
-        printer.measure();
-    printer.printRest();
+    const bool maySlow = std::ranges::any_of(context.options.arguments, mayPause);
+    if (maySlow) context.output.flushEvery(std::chrono::milliseconds(50));
+    RowPrinter(context, analyzers, !maySlow).print(reader);
     context.output.flush();
     return complainAboutDamage(context, capture->errors(), reader.notes(), reader.packetCount());
 }
