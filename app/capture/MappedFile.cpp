@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <csignal>
 #include <mutex>
+#include <oneapi/tbb/parallel_for.h>
 #include <sys/mman.h>
 #include <system_error>
 #include <unistd.h>
@@ -95,6 +96,11 @@ std::expected<std::unique_ptr<MappedFile>, std::string> MappedFile::map(int desc
 
 MappedFile::~MappedFile()
 {
+    // To give the pages of a large file back takes long enough to be shared by processors that have nothing else left to do.
+    constexpr std::int64_t share = 32 << 20;
+    if (const std::int64_t size = bytes_.size(); size > 4 * share)
+        oneapi::tbb::parallel_for(std::int64_t{0}, (size + share - 1) / share,
+                                  [&](std::int64_t i) { release(i * share, std::min(share, size - i * share)); });
     const std::lock_guard lock(rangesMutex);
     guard_->begin.store(0);
     munmap(const_cast<std::uint8_t*>(bytes_.data()), static_cast<std::size_t>(bytes_.size()));
