@@ -219,7 +219,7 @@ private:
         while (position_ < candidates_.size() && !isStopped()) {
             Candidate& candidate = candidates_[position_++];
             if (candidate.file) pending_ = candidate.first;
-            auto opened = candidate.file ? std::expected<std::unique_ptr<CaptureFile>, std::string>(std::move(candidate.file))
+            auto opened = candidate.file ? std::expected<std::unique_ptr<CaptureFile>, ReadError>(std::move(candidate.file))
                                          : CaptureFile::open(candidate.name, inputOptions(options_));
             OpenedFile& place = places_[position_ - 1];
             place.base = base_;
@@ -227,7 +227,7 @@ private:
             placeCount_.store(position_, std::memory_order_release);
             file_ = place.file.get();
             if (!file_) {
-                errors_.push_back({.file = candidate.name, .reason = opened.error(), .couldNotOpen = true});
+                errors_.push_back({.file = candidate.name, .reason = opened.error().reason, .couldNotOpen = true});
                 continue;
             }
             return true;
@@ -268,8 +268,8 @@ private:
         if (const auto [count, reason, before] = file_->passedOver(); count > 0)
             errors_.push_back({.file = name, .reason = reason, .packetsBefore = before, .passedOver = count});
         // Where it ends because somebody wants to stop, nothing is wrong with it.
-        if (!file_->damage().empty() && !isStopped())
-            errors_.push_back({.file = name, .reason = file_->damage(), .packetsBefore = packetsOfFile_});
+        if (file_->damage() && !isStopped())
+            errors_.push_back({.file = name, .reason = file_->damage()->reason, .packetsBefore = packetsOfFile_});
         addKeyLog();
         storedBytesBefore_ += file_->input().storedBytesRead();
         packetsOfFile_ = 0;
@@ -307,7 +307,7 @@ private:
     bool hasKeepingFailed_ = false;
 };
 
-std::expected<Candidate, std::string> openCandidate(const std::string& name, const CaptureOptions& options, bool isOnlyOne)
+std::expected<Candidate, ReadError> openCandidate(const std::string& name, const CaptureOptions& options, bool isOnlyOne)
 {
     // Many files are not held open at once, where they can be opened again.
     const bool staysOpen = isOnlyOne || storedSize(name) < 0 || name == "-";
@@ -344,7 +344,7 @@ std::expected<std::unique_ptr<Capture>, CaptureError> Capture::open(const std::v
         if (candidate)
             candidates.push_back(std::move(*candidate));
         else
-            errors.push_back({.file = name, .reason = candidate.error(), .couldNotOpen = true});
+            errors.push_back({.file = name, .reason = candidate.error().reason, .couldNotOpen = true});
     }
     if (candidates.empty() && options.stop.stop_requested())
         return std::unexpected(CaptureError{

@@ -8,6 +8,11 @@
 
 namespace sealscope {
 
+/// Why a file cannot be read, or not any further.
+struct ReadError {
+    std::string reason;  ///< lower case, without the file's name
+};
+
 /// What is wrong with a capture, where, and how much was read before it. The sentence is made by `text()`.
 struct CaptureError {
     std::string file;                ///< as the user named it; "-" is standard input; empty when no file is at fault

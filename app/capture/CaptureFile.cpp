@@ -6,7 +6,7 @@
 
 namespace sealscope {
 
-std::expected<std::unique_ptr<CaptureFile>, std::string> CaptureFile::open(const std::string& name, CaptureInputOptions options)
+std::expected<std::unique_ptr<CaptureFile>, ReadError> CaptureFile::open(const std::string& name, CaptureInputOptions options)
 {
     auto opened = CaptureInput::open(name, std::move(options));
     if (!opened) return std::unexpected(opened.error());
@@ -14,14 +14,14 @@ std::expected<std::unique_ptr<CaptureFile>, std::string> CaptureFile::open(const
     input->require(4);
     const DataView head(input->data(), std::min<std::int64_t>(input->available(), 4));
     if (auto pcap = PcapReader::recognise(head)) {
-        if (!pcap->begin(*input)) return std::unexpected(pcap->damage());
+        if (!pcap->begin(*input)) return std::unexpected(*pcap->damage());
         return std::unique_ptr<CaptureFile>(new CaptureFile(std::move(input), std::move(*pcap)));
     }
     if (PcapngReader::recognises(head)) return std::unique_ptr<CaptureFile>(new CaptureFile(std::move(input), PcapngReader()));
-    if (!input->failure().empty()) return std::unexpected(input->failure());
-    if (head.isEmpty()) return std::unexpected(input->reader().say("is empty"));
+    if (input->failure()) return std::unexpected(*input->failure());
+    if (head.isEmpty()) return std::unexpected(ReadError{input->reader().say("is empty")});
     const auto bytes = fmt::join(head, " ");
-    return std::unexpected(input->reader().say("is not a capture file (it begins with {:02x})", bytes));
+    return std::unexpected(ReadError{input->reader().say("is not a capture file (it begins with {:02x})", bytes)});
 }
 
 std::unique_ptr<CaptureFile> CaptureFile::ahead(std::int64_t offset) const
@@ -45,9 +45,9 @@ bool CaptureFile::goOnAt(std::int64_t offset, std::int64_t packets)
     return true;
 }
 
-const std::string& CaptureFile::damage() const
+const std::optional<ReadError>& CaptureFile::damage() const
 {
-    return std::visit([](const auto& reader) -> const std::string& { return reader.damage(); }, reader_);
+    return std::visit([](const auto& reader) -> const std::optional<ReadError>& { return reader.damage(); }, reader_);
 }
 
 PcapngReader::PassedOver CaptureFile::passedOver() const

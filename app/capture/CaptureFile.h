@@ -7,6 +7,7 @@
 
 #include <expected>
 #include <memory>
+#include <optional>
 #include <string>
 #include <variant>
 
@@ -15,8 +16,8 @@ namespace sealscope {
 /// One capture file of any known format, packet by packet.
 class CaptureFile {
 public:
-    /// Opens a file and reads its header. Fails with a reason that does not repeat the name.
-    static std::expected<std::unique_ptr<CaptureFile>, std::string> open(const std::string& name, CaptureInputOptions options);
+    /// Opens a file and reads its header. Fails with a reason.
+    static std::expected<std::unique_ptr<CaptureFile>, ReadError> open(const std::string& name, CaptureInputOptions options);
 
     /// The next packet, without its number and file; its address counts from the file's first byte.
     bool next(CapturedPacket& packet)
@@ -38,8 +39,8 @@ public:
     /// Goes on at `offset`, behind packets that were read ahead; false when the file turned out to be no longer what it was.
     bool goOnAt(std::int64_t offset, std::int64_t packets);
 
-    /// Why the file could not be read to its end; empty when it was.
-    const std::string& damage() const;
+    /// Why the file could not be read to its end; nothing when it was.
+    const std::optional<ReadError>& damage() const;
     /// Blocks that were passed over.
     PcapngReader::PassedOver passedOver() const;
     /// Key log text of the secrets read since it was taken last.

@@ -181,14 +181,14 @@ public:
         struct stat status;
         const std::int64_t now = fstat(descriptor_.number(), &status) == 0 ? status.st_size : 0;
         if (now < file_->bytes().size()) {
-            failure_ = reader_.say("became shorter while it was being read");
+            failure_ = ReadError{reader_.say("became shorter while it was being read")};
             size_ = std::min(size_, now);
         } else if (isSuspicious()) {
-            failure_ = errorText(EIO);
+            failure_ = ReadError{errorText(EIO)};
             size_ = std::min(size_, position());
         }
         end_ = std::min(end_, start_ + std::max(size_, position()));
-        return failure_.empty();
+        return !failure_;
     }
 
 protected:
@@ -242,7 +242,7 @@ public:
     void begin()
     {
         if (!packed_.grow(streamedPiece)) {
-            failure_ = errorText(ENOMEM);
+            failure_ = ReadError{errorText(ENOMEM)};
             return;
         }
         while (packedEnd_ < Decompressor::recognisedFrom && readPacked()) {}
@@ -285,7 +285,7 @@ protected:
             skipped += got;
         }
         if (const auto left = spool_->leaveOut(skipped); !left) {
-            failure_ = left.error();
+            failure_ = ReadError{left.error()};
             return false;
         }
         leftOut_ += skipped;
@@ -303,7 +303,7 @@ private:
                 return tooMuch(freelyUnpacked / copies(), mostTimesKept / copies());
             auto room = spool_->room(streamedPiece);
             if (!room) {
-                failure_ = room.error();
+                failure_ = ReadError{room.error()};
                 return {};
             }
             if (!start_) start_ = at_ = end_ = room->data();
@@ -324,7 +324,7 @@ private:
         start_ = at_ = buffer_.data();
         end_ = start_ + held;
         if (!hasRoom) {
-            failure_ = errorText(ENOMEM);
+            failure_ = ReadError{errorText(ENOMEM)};
             return {};
         }
         return {buffer_.data() + held, static_cast<std::size_t>(buffer_.size() - held)};
@@ -358,15 +358,15 @@ private:
 
     std::span<std::uint8_t> tooMuch(std::int64_t bytes, std::int64_t times)
     {
-        failure_ = reader_.say("{} data unpacks to more than {} bytes and {} times its size; unpack it first, if that is meant",
-                               decompressor_->name(), bytes, times);
+        failure_ = ReadError{reader_.say("{} data unpacks to more than {} bytes and {} times its size; unpack it first, if that is meant",
+                                         decompressor_->name(), bytes, times)};
         return {};
     }
 
     bool readPacked()
     {
         const std::int64_t count = readSome({packed_.data() + packedEnd_, static_cast<std::size_t>(streamedPiece - packedEnd_)});
-        if (count < 0) failure_ = errorText(errno);
+        if (count < 0) failure_ = ReadError{errorText(errno)};
         if (count <= 0)
             isAtEnd_ = true;
         else
@@ -385,7 +385,7 @@ private:
         }
         if (isAtEnd_) return 0;
         const std::int64_t count = readSome(room.first(std::min(room.size(), static_cast<std::size_t>(streamedPiece))));
-        if (count < 0) failure_ = errorText(errno);
+        if (count < 0) failure_ = ReadError{errorText(errno)};
         if (count <= 0)
             isAtEnd_ = true;
         else
@@ -396,22 +396,22 @@ private:
     std::int64_t unpack(std::span<std::uint8_t> room)
     {
         std::span<std::uint8_t> output = room;
-        while (output.size() == room.size() && failure_.empty() && !options_.stop.stop_requested()) {
+        while (output.size() == room.size() && !failure_ && !options_.stop.stop_requested()) {
             if (packedAt_ == packedEnd_ && !isAtEnd_) {
                 packedAt_ = packedEnd_ = 0;
                 readPacked();
             }
             const bool hadInput = packedAt_ < packedEnd_;
             std::span<const std::uint8_t> input(packed_.data() + packedAt_, static_cast<std::size_t>(packedEnd_ - packedAt_));
-            const std::string reason = decompressor_->step(input, output);
+            const auto stepped = decompressor_->step(input, output);
             packedAt_ = packedEnd_ - static_cast<std::int64_t>(input.size());
             const std::int64_t place = storedBytesRead_ - (packedEnd_ - packedAt_);
-            if (!reason.empty()) {
-                failure_ =
-                    reader_.say("{} data cannot be unpacked from near byte {} of the file on ({})", decompressor_->name(), place, reason);
+            if (!stepped) {
+                failure_ = ReadError{reader_.say("{} data cannot be unpacked from near byte {} of the file on ({})", decompressor_->name(),
+                                                 place, stepped.error().reason)};
             } else if (!hadInput && output.size() == room.size()) {
-                if (failure_.empty() && !decompressor_->mayEnd())
-                    failure_ = reader_.say("{} data ends too early, after {} bytes", decompressor_->name(), place);
+                if (!failure_ && !decompressor_->mayEnd())
+                    failure_ = ReadError{reader_.say("{} data ends too early, after {} bytes", decompressor_->name(), place)};
                 break;
             }
         }
@@ -438,19 +438,19 @@ private:
 
 std::unique_ptr<CaptureInput> CaptureInput::over(DataView bytes) { return std::make_unique<MemoryInput>(bytes); }
 
-std::expected<std::unique_ptr<CaptureInput>, std::string> CaptureInput::open(const std::string& name, CaptureInputOptions options)
+std::expected<std::unique_ptr<CaptureInput>, ReadError> CaptureInput::open(const std::string& name, CaptureInputOptions options)
 {
     const bool isStandardInput = name == "-";
     FileDescriptor descriptor =
         isStandardInput ? FileDescriptor::lent(STDIN_FILENO) : FileDescriptor(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat status;
-    if (descriptor.number() < 0 || fstat(descriptor.number(), &status) != 0) return std::unexpected(errorText(errno));
-    if (S_ISDIR(status.st_mode)) return std::unexpected(options.reader.say("is a directory"));
+    if (descriptor.number() < 0 || fstat(descriptor.number(), &status) != 0) return std::unexpected(ReadError{errorText(errno)});
+    if (S_ISDIR(status.st_mode)) return std::unexpected(ReadError{options.reader.say("is a directory")});
 
     if (S_ISREG(status.st_mode) && status.st_size > 0 && lseek(descriptor.number(), 0, SEEK_CUR) == 0) {
         std::uint8_t head[Decompressor::recognisedFrom];
         const ssize_t count = pread(descriptor.number(), head, sizeof head, 0);
-        if (count < 0) return std::unexpected(errorText(errno));
+        if (count < 0) return std::unexpected(ReadError{errorText(errno)});
         if (!Decompressor::recognise(DataView(head, count), status.st_size)) {
             // A file system without mapping still reads.
             if (auto file = MappedFile::map(descriptor.number(), status.st_size))
@@ -460,13 +460,13 @@ std::expected<std::unique_ptr<CaptureInput>, std::string> CaptureInput::open(con
     std::unique_ptr<SpoolFile> spool;
     if (options.keepsAll) {
         auto made = SpoolFile::create();
-        if (!made) return std::unexpected(made.error());
+        if (!made) return std::unexpected(ReadError{made.error()});
         spool = std::move(*made);
     }
     auto input = std::make_unique<StreamedInput>(std::move(descriptor), std::move(spool), std::move(options));
     input->begin();
-    if (!input->failure().empty()) return std::unexpected(input->failure());
-    if (input->storedBytesRead() == 0) return std::unexpected(input->reader().say("is empty"));
+    if (input->failure()) return std::unexpected(*input->failure());
+    if (input->storedBytesRead() == 0) return std::unexpected(ReadError{input->reader().say("is empty")});
     return input;
 }
 

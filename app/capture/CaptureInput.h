@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "app/capture/CaptureError.h"
 #include "app/texts/SentenceReader.h"
 #include "platform/Data.h"
 
@@ -11,6 +12,7 @@
 #include <cstdint>
 #include <expected>
 #include <memory>
+#include <optional>
 #include <stop_token>
 #include <string>
 #include <utility>
@@ -31,8 +33,8 @@ struct CaptureInputOptions {
 /// One thread reads forward; `bytes` may be called from any thread.
 class CaptureInput {
 public:
-    /// Opens a file ("-" is standard input). Fails with a reason that does not repeat the name.
-    static std::expected<std::unique_ptr<CaptureInput>, std::string> open(const std::string& name, CaptureInputOptions options);
+    /// Opens a file ("-" is standard input). Fails with a reason.
+    static std::expected<std::unique_ptr<CaptureInput>, ReadError> open(const std::string& name, CaptureInputOptions options);
     /// Bytes that are in memory already, and outlive the input.
     static std::unique_ptr<CaptureInput> over(DataView bytes);
     virtual ~CaptureInput() = default;
@@ -75,8 +77,8 @@ public:
 
     /// Who reads what is the matter with them.
     const SentenceReader& reader() const { return reader_; }
-    /// Why the bytes ended before the end of the file; empty when they did not.
-    const std::string& failure() const { return failure_; }
+    /// Why the bytes ended before the end of the file; nothing when they did not.
+    const std::optional<ReadError>& failure() const { return failure_; }
     /// Finds out whether bytes that looked fine were there at all; false when not, with the reason in `failure()`.
     virtual bool verify() { return true; }
     /// True when `verify` has something to find.
@@ -112,7 +114,7 @@ protected:
     std::array<const std::uint8_t*, 6> recent_{};  ///< where the last packets began
     std::size_t recentAt_ = 0;
     const std::atomic<bool>* damage_ = nullptr;  ///< set while somebody reads bytes that are not there
-    std::string failure_;
+    std::optional<ReadError> failure_;
     SentenceReader reader_;
 };
 

@@ -24,6 +24,8 @@ std::uint32_t littleEndian(DataView bytes, std::int64_t offset)
            static_cast<std::uint32_t>(bytes.u8(offset + 2)) << 16 | static_cast<std::uint32_t>(bytes.u8(offset + 3)) << 24;
 }
 
+std::unexpected<ReadError> failed(const char* reason) { return std::unexpected(ReadError{reason}); }
+
 class GzipDecompressor final : public Decompressor {
 public:
     GzipDecompressor() { isReady_ = inflateInit2(&stream_, 16 + MAX_WBITS) == Z_OK; }
@@ -31,9 +33,9 @@ public:
     const char* name() const override { return "gzip"; }
     bool mayEnd() const override { return isBetweenMembers_; }
 
-    std::string step(Input& input, Output& output) override
+    std::expected<void, ReadError> step(Input& input, Output& output) override
     {
-        if (!isReady_) return "no memory for unpacking it";
+        if (!isReady_) return failed("no memory for unpacking it");
         do {
             if (isBetweenMembers_) {
                 // Tapes and some writers fill the end with zeros.
@@ -53,7 +55,7 @@ public:
             input = input.subspan(read);
             output = output.subspan(written);
             if (result == Z_BUF_ERROR) break;  // it has nothing to do with what there is
-            if (result != Z_OK && result != Z_STREAM_END) return stream_.msg ? stream_.msg : zError(result);
+            if (result != Z_OK && result != Z_STREAM_END) return failed(stream_.msg ? stream_.msg : zError(result));
             isBetweenMembers_ = result == Z_STREAM_END;
         } while (!input.empty() && !output.empty());
         return {};
@@ -77,9 +79,9 @@ public:
     const char* name() const override { return "zstd"; }
     bool mayEnd() const override { return isBetweenFrames_; }
 
-    std::string step(Input& input, Output& output) override
+    std::expected<void, ReadError> step(Input& input, Output& output) override
     {
-        if (!stream_) return "no memory for unpacking it";
+        if (!stream_) return failed("no memory for unpacking it");
         do {
             ZSTD_inBuffer in{input.data(), input.size(), 0};
             ZSTD_outBuffer out{output.data(), output.size(), 0};
@@ -87,8 +89,8 @@ public:
             input = input.subspan(in.pos);
             output = output.subspan(out.pos);
             if (ZSTD_getErrorCode(result) == ZSTD_error_frameParameter_windowTooLarge)
-                return "it wants more memory than a file of its size gets; 'zstd -d --long=31' unpacks it";
-            if (ZSTD_isError(result)) return ZSTD_getErrorName(result);
+                return failed("it wants more memory than a file of its size gets; 'zstd -d --long=31' unpacks it");
+            if (ZSTD_isError(result)) return failed(ZSTD_getErrorName(result));
             if (in.pos + out.pos > 0) isBetweenFrames_ = result == 0;
         } while (!input.empty() && !output.empty());
         return {};
@@ -109,13 +111,13 @@ public:
     const char* name() const override { return "lz4"; }
     bool mayEnd() const override { return isBetweenFrames_; }
 
-    std::string step(Input& input, Output& output) override
+    std::expected<void, ReadError> step(Input& input, Output& output) override
     {
-        if (!isReady_) return "no memory for unpacking it";
+        if (!isReady_) return failed("no memory for unpacking it");
         do {
             std::size_t read = input.size(), written = output.size();
             const std::size_t result = LZ4F_decompress(context_, output.data(), &written, input.data(), &read, nullptr);
-            if (LZ4F_isError(result)) return LZ4F_getErrorName(result);
+            if (LZ4F_isError(result)) return failed(LZ4F_getErrorName(result));
             input = input.subspan(read);
             output = output.subspan(written);
             if (read + written > 0) isBetweenFrames_ = result == 0;

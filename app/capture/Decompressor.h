@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "app/capture/CaptureError.h"
 #include "platform/Data.h"
 
+#include <expected>
 #include <memory>
 #include <span>
-#include <string>
 
 namespace sealscope {
 
@@ -22,8 +23,8 @@ public:
     /// "gzip", "zstd" or "lz4".
     virtual const char* name() const = 0;
     /// Unpacks from the front of `input` to the front of `output` and shortens both by what was used; stops when either is
-    /// used up. Without input it gives what it still holds. Returns the reason when the input is damaged, else nothing.
-    virtual std::string step(std::span<const std::uint8_t>& input, std::span<std::uint8_t>& output) = 0;
+    /// used up. Without input it gives what it still holds. Fails when the input is damaged.
+    virtual std::expected<void, ReadError> step(std::span<const std::uint8_t>& input, std::span<std::uint8_t>& output) = 0;
     /// True where the compressed stream may end: between members, not inside of one.
     virtual bool mayEnd() const = 0;
 };

@@ -49,7 +49,7 @@ bool PcapReader::begin(CaptureInput& input)
 bool PcapReader::next(CaptureInput& input, CapturedPacket& packet)
 {
     if (!input.require(packetHeaderLength_)) [[unlikely]] {
-        if (input.available() == 0 && input.failure().empty()) return false;
+        if (input.available() == 0 && !input.failure()) return false;
         return fail(input, input.reader().say("the file ends after {} of the {} bytes of a packet's header", input.available(),
                                               packetHeaderLength_));
     }
@@ -113,7 +113,7 @@ bool PcapReader::fail(CaptureInput& input, const std::string& reason)
 bool PcapReader::refuse(CaptureInput& input, std::string reason)
 {
     input.verify();
-    damage_ = input.failure().empty() ? std::move(reason) : input.failure();
+    damage_ = input.failure() ? input.failure() : ReadError{std::move(reason)};
     return false;
 }
 

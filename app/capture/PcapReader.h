@@ -31,7 +31,7 @@ public:
     std::int64_t generation() const { return 0; }
     void addPackets(std::int64_t) {}
 
-    const std::string& damage() const { return damage_; }
+    const std::optional<ReadError>& damage() const { return damage_; }
     ByteOrder byteOrder() const { return order_; }
     // Of the file header, once it was read.
     std::uint32_t linkType() const { return linkType_; }
@@ -49,7 +49,7 @@ private:
     std::uint32_t linkType_ = 0;
     std::uint32_t snapLength_ = 0;
     bool mayHaveLengthsSwapped_ = false;
-    std::string damage_;
+    std::optional<ReadError> damage_;
 };
 
 }  // namespace sealscope

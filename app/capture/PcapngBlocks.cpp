@@ -58,7 +58,7 @@ bool PcapngBlocks::leave(CaptureInput& input)
 
 bool PcapngBlocks::failAtEnd(CaptureInput& input)
 {
-    if (input.available() == 0 && input.failure().empty()) return false;
+    if (input.available() == 0 && !input.failure()) return false;
     return fail(input, input.reader().say("the file ends after {} bytes of it", input.available()));
 }
 
@@ -81,7 +81,7 @@ bool PcapngBlocks::failCut(CaptureInput& input)
 bool PcapngBlocks::fail(CaptureInput& input, const std::string& reason)
 {
     input.verify();
-    damage_ = !input.failure().empty() ? input.failure() : input.reader().say("block at byte {}: {}", position_, reason);
+    damage_ = input.failure() ? input.failure() : ReadError{input.reader().say("block at byte {}: {}", position_, reason)};
     return false;
 }
 

@@ -6,6 +6,7 @@
 #include "app/capture/PcapReader.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -71,7 +72,7 @@ public:
     /// Goes on behind the block, of which any part may have been consumed; it is never needed in one place. False at damage.
     bool leave(CaptureInput& input);
 
-    const std::string& damage() const { return damage_; }
+    const std::optional<ReadError>& damage() const { return damage_; }
 
 private:
     static constexpr std::int64_t shortestSection = 28;    // magic (4), version (4), section length (8)
@@ -96,7 +97,7 @@ private:
     std::uint32_t type_ = 0;
     std::int64_t length_ = 0;
     std::int64_t position_ = 0;
-    std::string damage_;
+    std::optional<ReadError> damage_;
 };
 
 }  // namespace sealscope

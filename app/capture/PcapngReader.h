@@ -6,6 +6,7 @@
 #include "app/capture/PcapngBlocks.h"
 #include "platform/SecretMemory.h"
 
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -32,7 +33,7 @@ public:
     /// Counts packets that were read ahead.
     void addPackets(std::int64_t packets) { packets_ += packets; }
 
-    const std::string& damage() const { return blocks_.damage(); }
+    const std::optional<ReadError>& damage() const { return blocks_.damage(); }
     /// Blocks that contradict themselves and were passed over: how many, and of the first its place and reason.
     struct PassedOver {
         std::int64_t count = 0;
