@@ -39,7 +39,7 @@ const DecoderNotes& SegmentScan::notes() const
 bool SegmentScan::next(CapturedSegment& segment)
 {
     while (capture_.next(packet_)) {
-        ++packets_;
+        addPackets(1);
         if (!decoder_.decode(packet_, segment.tcp)) continue;
         segment.packetNumber = packet_.number;
         segment.time = packet_.time.value();
@@ -58,8 +58,8 @@ bool SegmentScan::readInOrder(SegmentBatch& batch)
 
 std::optional<FileAhead> SegmentScan::fileAhead()
 {
-    if (processors_ == Processors::one || packets_ < nextLook_) return std::nullopt;
-    nextLook_ = packets_ + pieceSize_ / 1'024;
+    if (processors_ == Processors::one || packetCount() < nextLook_) return std::nullopt;
+    nextLook_ = packetCount() + pieceSize_ / 1'024;
     const std::int64_t leastAhead = leastPieces * pieceSize_;
     const Capture::Place place = capture_.place();
     if (capture_.bytesTotal() >= 0 && capture_.bytesTotal() < leastAhead) return std::nullopt;
@@ -77,6 +77,8 @@ std::size_t SegmentScan::slotCount() const { return 2 * static_cast<std::size_t>
 bool SegmentScan::readAhead(const FileAhead& file, const Work& work, const Take& take)
 {
     std::vector<Slot> slots(slotCount());
+    bytesAhead_ = capture_.bytesRead();
+    isReadingAhead_ = true;
     std::atomic<bool> isWanted = true, isStale = false;
     std::int64_t next = file.offset;
     std::size_t begun = 0;
@@ -114,6 +116,7 @@ bool SegmentScan::readAhead(const FileAhead& file, const Work& work, const Take&
                                                      make_filter<std::size_t, std::size_t>(filter_mode::serial_in_order, settleIt) &
                                                      make_filter<std::size_t, std::size_t>(filter_mode::parallel, workOn) &
                                                      make_filter<std::size_t, void>(filter_mode::serial_in_order, end));
+    isReadingAhead_ = false;
     return isWanted;
 }
 
@@ -169,7 +172,8 @@ void SegmentScan::settle(const FileAhead& file, Slot& slot)
     slot.decoder.forgetNotes();
     while (capture_.place().file == file.position && capture_.place().offset < slot.to && capture_.nextOfFile(packet_))
         decodeInOrder(batch);
-    packets_ += capture_.extent().packets - before;
+    addPackets(capture_.extent().packets - before);
+    bytesAhead_.store(capture_.bytesRead(), std::memory_order_relaxed);
 }
 
 void SegmentScan::decodeInOrder(SegmentBatch& batch)

@@ -4,6 +4,7 @@
 #include "app/capture/Capture.h"
 #include "app/capture/PacketDecoder.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -83,8 +84,9 @@ public:
         }
     }
 
-    /// Of all kinds, read so far.
-    std::int64_t packetCount() const { return packets_; }
+    // How far the reading has come; to be asked where `next` is called, or by `take`.
+    std::int64_t packetCount() const { return packets_.load(std::memory_order_relaxed); }  ///< of all kinds
+    std::int64_t bytesRead() const { return isReadingAhead_ ? bytesAhead_.load(std::memory_order_relaxed) : capture_.bytesRead(); }
     const DecoderNotes& notes() const;
 
     SegmentScan(const SegmentScan&) = delete;
@@ -108,13 +110,17 @@ private:
     /// Makes of a piece what the reading in order finds there, and goes on behind it.
     void settle(const FileAhead& file, Slot& slot);
     void decodeInOrder(SegmentBatch& batch);
+    /// Only the reading in order counts, so that no exchange of several processors is needed.
+    void addPackets(std::int64_t count) { packets_.store(packetCount() + count, std::memory_order_relaxed); }
 
     Capture& capture_;
     PacketDecoder decoder_;
     Processors processors_;
     CapturedPacket packet_;
     std::int64_t pieceSize_;
-    std::int64_t packets_ = 0;
+    std::atomic<std::int64_t> packets_ = 0;
+    std::atomic<std::int64_t> bytesAhead_ = 0;
+    bool isReadingAhead_ = false;
     std::int64_t nextLook_ = 0;  // at whether reading ahead is worth it; a number of packets
     DecoderNotes notesAhead_;
     mutable DecoderNotes notes_;

@@ -69,7 +69,7 @@ private:
     {
         if (scan_.packetCount() < nextProgress_) return;
         nextProgress_ = scan_.packetCount() + packetsPerProgress;
-        progress_(capture_.bytesRead(), capture_.bytesTotal());
+        progress_(scan_.bytesRead(), capture_.bytesTotal());
     }
 
     Capture& capture_;

@@ -36,7 +36,7 @@ public:
                     connections->add(segment.tcp, segment.packetNumber, segment.time);
             if (scan.packetCount() < nextProgress) return true;
             nextProgress = scan.packetCount() + packetsPerProgress;
-            if (options.progress) options.progress(capture_->bytesRead(), capture_->bytesTotal());
+            if (options.progress) options.progress(scan.bytesRead(), capture_->bytesTotal());
             return !options.stop.stop_requested();
         });
         packetCount = scan.packetCount();
