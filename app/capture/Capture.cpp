@@ -74,6 +74,9 @@ public:
         return false;
     }
 
+    // A filter, and a limit, go by packets in their order.
+    bool keepsFrames() const override { return file_ && file_->input().isMapped() && !pending_ && !filter_ && packetsLeft_ < 0; }
+
     bool nextOfFile(CapturedPacket& packet) override
     {
         if (hasFileEnded_ || !file_ || ((number_ & (packetsPerLook - 1)) == 0 && isStopped())) return false;
@@ -91,11 +94,9 @@ public:
 
     std::optional<FileAhead> ahead() override
     {
-        // A filter, and a limit, go by packets in their order.
-        if (!file_ || hasFileEnded_ || pending_ || filter_ || packetsLeft_ >= 0) return std::nullopt;
+        if (!keepsFrames() || hasFileEnded_) return std::nullopt;
         CaptureInput& input = file_->input();
         std::shared_ptr<const CaptureFile> file = file_->ahead(input.position());
-        if (!file) return std::nullopt;
         input.expectReadersAhead();
         return FileAhead{.file = std::move(file),
                          .position = position_ - 1,

@@ -52,6 +52,8 @@ public:
         std::int64_t generation = 0;  ///< see `CaptureFile`
         bool operator==(const Place&) const = default;
     };
+    /// True where frames stay as long as the file that is being read, and may be read by `nextOfFile`.
+    virtual bool keepsFrames() const { return false; }
     /// Where `next` goes on.
     virtual Place place() const { return {}; }
     /// The file that is being read, for threads that read ahead; see `FileAhead`. Nothing where its packets can only be read in order.
@@ -59,8 +61,8 @@ public:
     /// Counts packets that were read ahead, and goes on behind them. False, and nothing happened, when the reading in order did not
     /// arrive at the place at which they begin, or would have read them differently.
     virtual bool accept(const FileAhead& /*file*/, const PacketStretch& /*stretch*/) { return false; }
-    /// As `next`, but false at the end of the file that is being read, which `next` then leaves.
-    virtual bool nextOfFile(CapturedPacket& packet) { return next(packet); }
+    /// As `next`, but false at the end of the file that is being read, which `next` then leaves. Where frames stay.
+    virtual bool nextOfFile(CapturedPacket& /*packet*/) { return false; }
 
     /// The files in capture order, as the user named them; `CapturedPacket::file` counts these.
     virtual const std::vector<std::string>& files() const = 0;

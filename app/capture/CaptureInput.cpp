@@ -118,6 +118,7 @@ public:
         end_ = bytes.end();
         damage_ = damage;
     }
+    bool isMapped() const override { return true; }
     std::unique_ptr<CaptureInput> ahead(std::int64_t offset) const override
     {
         return std::make_unique<MemoryInput>(bytes_, offset, damage_);
@@ -147,6 +148,7 @@ public:
         damage_ = &file_->isDamaged();
     }
 
+    bool isMapped() const override { return true; }
     std::unique_ptr<CaptureInput> ahead(std::int64_t offset) const override
     {
         return std::make_unique<MemoryInput>(file_->bytes(), offset, &file_->isDamaged());

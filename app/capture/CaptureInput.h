@@ -39,6 +39,8 @@ public:
     static std::unique_ptr<CaptureInput> over(DataView bytes);
     virtual ~CaptureInput() = default;
 
+    /// True when all bytes are in one place as long as this is.
+    virtual bool isMapped() const { return false; }
     /// The same bytes from an offset on, for a thread of its own that reads ahead; null where the file is not mapped. Outlived by
     /// this one.
     virtual std::unique_ptr<CaptureInput> ahead(std::int64_t /*offset*/) const { return nullptr; }

@@ -14,7 +14,8 @@ namespace sealscope {
 namespace {
 
 constexpr std::int64_t leastPieces = 8;
-constexpr int mostTries = 16;  // of places in one piece
+constexpr std::int64_t packetsAtOnce = 64;  // that are read in order
+constexpr int mostTries = 16;               // of places in one piece
 
 }  // namespace
 
@@ -42,7 +43,7 @@ bool SegmentScan::next(CapturedSegment& segment)
         addPackets(1);
         if (!decoder_.decode(packet_, segment.tcp)) continue;
         segment.packetNumber = packet_.number;
-        segment.time = packet_.time.value();
+        segment.time = packet_.time;
         return true;
     }
     return false;
@@ -50,23 +51,29 @@ bool SegmentScan::next(CapturedSegment& segment)
 
 bool SegmentScan::readInOrder(SegmentBatch& batch)
 {
-    batch.count_ = 0;
-    if (!next(batch.room())) return false;
-    batch.count_ = 1;
+    batch.clear();
+    // Not for ever, where none of many packets is TCP: who takes the batches tells how far it has come.
+    for (std::int64_t i = 0; i < packetsAtOnce && batch.count_ == 0; ++i) {
+        if (!capture_.next(packet_)) return i > 0;
+        addPackets(1);
+        decodeInOrder(batch);
+        if (processors_ == Processors::one || !capture_.keepsFrames()) continue;
+        const std::int64_t first = i;
+        for (; i < packetsAtOnce && capture_.nextOfFile(packet_); ++i) decodeInOrder(batch);
+        addPackets(i - first);
+    }
     return true;
 }
 
 std::optional<FileAhead> SegmentScan::fileAhead()
 {
-    if (processors_ == Processors::one || packetCount() < nextLook_) return std::nullopt;
+    if (processors_ == Processors::one || hasOneProcessor_ || packetCount() < nextLook_) return std::nullopt;
     nextLook_ = packetCount() + pieceSize_ / 1'024;
     const std::int64_t leastAhead = leastPieces * pieceSize_;
     const Capture::Place place = capture_.place();
     if (capture_.bytesTotal() >= 0 && capture_.bytesTotal() < leastAhead) return std::nullopt;
-    if (oneapi::tbb::this_task_arena::max_concurrency() == 1) {
-        processors_ = Processors::one;
-        return std::nullopt;
-    }
+    hasOneProcessor_ = oneapi::tbb::this_task_arena::max_concurrency() == 1;
+    if (hasOneProcessor_) return std::nullopt;
     auto file = capture_.ahead();
     if (!file || file->size - place.offset < leastAhead) return std::nullopt;
     return file;
@@ -138,7 +145,7 @@ void SegmentScan::readPiece(const FileAhead& file, Slot& slot)
             CapturedSegment& segment = batch.room();
             if (slot.decoder.decode(packet, segment.tcp)) {
                 segment.packetNumber = packet.number;
-                segment.time = packet.time.value();
+                segment.time = packet.time;
                 ++batch.count_;
             } else if (slot.decoder.hasLeftFragment()) {
                 slot.fragments.push_back(packet);
@@ -153,7 +160,9 @@ void SegmentScan::settle(const FileAhead& file, Slot& slot)
 {
     SegmentBatch& batch = slot.batch;
     const std::int64_t before = capture_.extent().packets;
-    if (capture_.accept(file, std::exchange(slot.stretch, {}))) {
+    const PacketStretch stretch = std::exchange(slot.stretch, {});
+    if (capture_.accept(file, stretch)) {
+        packetsAhead_ += stretch.packets;
         for (std::size_t i = 0; i < batch.count_; ++i) batch.segments_[i].packetNumber += before;
         notesAhead_ += slot.decoder.notes();
         const auto untilFragments = static_cast<std::ptrdiff_t>(batch.count_);
@@ -181,7 +190,7 @@ void SegmentScan::decodeInOrder(SegmentBatch& batch)
     CapturedSegment& segment = batch.room();
     if (!decoder_.decode(packet_, segment.tcp)) return;
     segment.packetNumber = packet_.number;
-    segment.time = packet_.time.value();
+    segment.time = packet_.time;
     ++batch.count_;
     const DataView payload = segment.tcp.payload, frame = packet_.frame;
     if (payload.begin() < frame.begin() || payload.end() > frame.end()) segment.tcp.payload = batch.kept_.emplace_back(payload);

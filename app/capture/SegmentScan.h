@@ -18,7 +18,7 @@ namespace sealscope {
 /// A TCP segment and the packet that brought it.
 struct CapturedSegment {
     std::int64_t packetNumber = 0;
-    double time = 0;  ///< seconds since 1970
+    CaptureTime time;
     TCPPacket tcp;
 };
 
@@ -61,12 +61,12 @@ public:
 
     /// The next segment, lent as its packet is; false at the end of the capture.
     bool next(CapturedSegment& segment);
-    /// The packet of the last segment that `next` gave, or that came alone.
+    /// The packet of the last segment that `next` gave, or that came alone: with one processor all do.
     const CapturedPacket& packet() const { return packet_; }
 
     /// Reads to the end. Each batch is given to a worker, on any thread, several batches at once but no worker twice; then batch and
-    /// worker are taken, one at a time in capture order, until `take` gives false. Workers are made by `makeWorker()`. What is read
-    /// on one thread comes as batches of one segment.
+    /// worker are taken, one at a time in capture order, until `take` gives false. Workers are made by `makeWorker()`. A batch may be
+    /// empty.
     template <class MakeWorker, class Take> void run(const MakeWorker& makeWorker, const Take& take)
     {
         auto worker = makeWorker();
@@ -84,6 +84,8 @@ public:
         }
     }
 
+    /// Of them, how many were read ahead of their turn; when all is done.
+    std::int64_t packetsAhead() const { return packetsAhead_; }
     // How far the reading has come; to be asked where `next` is called, or by `take`.
     std::int64_t packetCount() const { return packets_.load(std::memory_order_relaxed); }  ///< of all kinds
     std::int64_t bytesRead() const { return isReadingAhead_ ? bytesAhead_.load(std::memory_order_relaxed) : capture_.bytesRead(); }
@@ -99,7 +101,7 @@ private:
     using Work = std::function<void(std::size_t, const SegmentBatch&)>;
     using Take = std::function<bool(std::size_t, const SegmentBatch&)>;
 
-    /// The next segment alone.
+    /// The next segments, only one where a packet is lent until the next is read. False at the end.
     bool readInOrder(SegmentBatch& batch);
     /// The file that is being read, now and then, when reading ahead is worth it.
     std::optional<FileAhead> fileAhead();
@@ -120,7 +122,9 @@ private:
     std::int64_t pieceSize_;
     std::atomic<std::int64_t> packets_ = 0;
     std::atomic<std::int64_t> bytesAhead_ = 0;
+    std::int64_t packetsAhead_ = 0;
     bool isReadingAhead_ = false;
+    bool hasOneProcessor_ = false;
     std::int64_t nextLook_ = 0;  // at whether reading ahead is worth it; a number of packets
     DecoderNotes notesAhead_;
     mutable DecoderNotes notes_;

@@ -12,7 +12,7 @@ bool makeRow(const PacketAnalyzers& analyzers, const CapturedSegment& segment, P
     auto match = analyzers.match(tcp.payload);
     if (!match) return false;
     row = {.number = segment.packetNumber,
-           .time = segment.time,
+           .time = segment.time.value(),
            .source = tcp.source,
            .destination = tcp.destination,
            .payload = tcp.payload,
@@ -24,7 +24,7 @@ bool PacketRowMaker::make(const CapturedPacket& packet, PacketRow& row)
 {
     if (!decoder_.decode(packet, segment_.tcp)) return false;
     segment_.packetNumber = packet.number;
-    segment_.time = packet.time.value();
+    segment_.time = packet.time;
     return makeRow(analyzers_, segment_, row);
 }
 

@@ -106,7 +106,7 @@ struct Scanned {
     bool operator==(const Scanned& other) const
     {
         const auto isSame = [](const CapturedSegment& a, const CapturedSegment& b) {
-            return a.packetNumber == b.packetNumber && a.time == b.time && a.tcp.source == b.tcp.source &&
+            return a.packetNumber == b.packetNumber && a.time.value() == b.time.value() && a.tcp.source == b.tcp.source &&
                    a.tcp.destination == b.tcp.destination && a.tcp.sequenceNumber == b.tcp.sequenceNumber &&
                    a.tcp.payloadLength == b.tcp.payloadLength && a.tcp.payloadAddress == b.tcp.payloadAddress;
         };

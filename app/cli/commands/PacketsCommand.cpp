@@ -11,6 +11,8 @@
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -32,16 +34,17 @@ public:
     // do, they are written again.
     void print(PacketRowReader& reader)
     {
-        publish();
+        if (!isMeasuring_) publish();
         reader.readAll([&] { return BatchRows(*this); },
-                       [&](BatchRows& made, const SegmentBatch& batch) {
-                           if (!isMeasuring_ && batch.size() > 1 && made.before == format_->layout()) {
+                       [&](BatchRows& made, const SegmentBatch&) {
+                           if (made.count == 0) return output_.isOpen();
+                           if (made.before && *made.before == format_->layout()) {
                                format_->adopt(made.format->layout());
                            } else {
                                made.text.clear();
-                               appendInOrder(made.text, batch);
+                               for (PacketRow& row : made.rows()) append(made.text, row);
                            }
-                           if (batch.size() > 1) publish();
+                           if (!isMeasuring_) publish();
                            output_.write(made.text);
                            return output_.isOpen();
                        });
@@ -51,46 +54,40 @@ public:
     }
 
 private:
-    /// The rows of a batch as text.
+    /// The rows of a batch, and as text when the layout is known.
     struct BatchRows {
         explicit BatchRows(RowPrinter& owner) : printer(owner), format(owner.format_->clone()) {}
         void operator()(const SegmentBatch& batch)
         {
-            if (batch.size() <= 1) return;  // not worth it
+            count = 0;
+            for (const CapturedSegment& segment : batch) {
+                if (count == all.size()) all.emplace_back();
+                count += makeRow(printer.analyzers_, segment, all[count]);
+            }
+            if (count == 0) return;
             before = printer.published();
-            format->adopt(before);
+            if (!before) return;
+            format->adopt(*before);
             text.clear();
-            printer.append(text, *format, batch);
+            for (const PacketRow& row : rows()) format->append(text, row);
         }
+        std::span<PacketRow> rows() { return std::span(all).first(count); }
 
         RowPrinter& printer;
         std::unique_ptr<PacketRowFormat> format;
-        PacketRowFormat::Layout before;
+        std::vector<PacketRow> all;  // stays as long as it once was
+        std::size_t count = 0;
+        std::optional<PacketRowFormat::Layout> before;
         std::string text;
     };
 
-    void append(std::string& text, PacketRowFormat& format, const SegmentBatch& batch) const
+    void append(std::string& text, PacketRow& row)
     {
-        PacketRow row;
-        for (const CapturedSegment& segment : batch)
-            if (makeRow(analyzers_, segment, row)) format.append(text, row);
-    }
-
-    void appendInOrder(std::string& text, const SegmentBatch& batch)
-    {
-        if (!isMeasuring_) return append(text, *format_, batch);
-        PacketRow row;
-        for (const CapturedSegment& segment : batch) {
-            if (!makeRow(analyzers_, segment, row)) continue;
-            if (!isMeasuring_) {
-                format_->append(text, row);
-                continue;
-            }
-            heldBytes_ += row.payload.size();
-            row.payload = heldPayloads_.emplace_back(row.payload);
-            held_.push_back(std::move(row));
-            if (heldBytes_ > mostHeldBytes || held_.size() == mostHeld) endMeasuring(text);
-        }
+        if (!isMeasuring_) return format_->append(text, row);
+        heldBytes_ += row.payload.size();
+        row.payload = heldPayloads_.emplace_back(row.payload);
+        held_.push_back(std::move(row));
+        if (heldBytes_ > mostHeldBytes || held_.size() == mostHeld) endMeasuring(text);
     }
 
     void endMeasuring(std::string& text)
@@ -107,7 +104,7 @@ private:
         const std::scoped_lock lock(mutex_);
         published_ = format_->layout();
     }
-    PacketRowFormat::Layout published()
+    std::optional<PacketRowFormat::Layout> published()
     {
         const std::scoped_lock lock(mutex_);
         return published_;
@@ -124,7 +121,7 @@ private:
     std::vector<Data> heldPayloads_;
     std::int64_t heldBytes_ = 0;
     std::mutex mutex_;
-    PacketRowFormat::Layout published_;  ///< of `format_`, for other threads
+    std::optional<PacketRowFormat::Layout> published_;  ///< of `format_`, for other threads; nothing while it is not chosen yet
 };
 
 /// An input that may pause shows what has come.
