@@ -10,7 +10,7 @@
 namespace sealscope {
 namespace {
 
-constexpr std::uint32_t snapLength = 262'144;
+constexpr std::uint32_t longestSnapshot = 262'144;
 
 /// The compiler's handle for a link type: a file without packets, since only a file's handle knows its byte order.
 pcap_t* openEmptyFile(std::uint32_t linkType, bool isSwapped)
@@ -19,7 +19,7 @@ pcap_t* openEmptyFile(std::uint32_t linkType, bool isSwapped)
     header.magic = 0xa1b2'c3d4;
     header.version_major = 2;
     header.version_minor = 4;
-    header.snaplen = snapLength;
+    header.snaplen = longestSnapshot;
     header.linktype = linkType;
     if (isSwapped) {
         header.magic = __builtin_bswap32(header.magic);

@@ -14,7 +14,6 @@ namespace sealscope {
 namespace {
 
 constexpr std::int64_t leastPieces = 8;
-constexpr std::int64_t packetsAtOnce = 64;  // that are read in order
 constexpr int mostTries = 16;               // of places in one piece
 
 }  // namespace
@@ -52,6 +51,7 @@ bool SegmentScan::next(CapturedSegment& segment)
 bool SegmentScan::readInOrder(SegmentBatch& batch)
 {
     batch.clear();
+    const std::int64_t packetsAtOnce = std::clamp<std::int64_t>(pieceSize_ >> 14, 1, 64);
     // Not for ever, where none of many packets is TCP: who takes the batches tells how far it has come.
     for (std::int64_t i = 0; i < packetsAtOnce && batch.count_ == 0; ++i) {
         if (!capture_.next(packet_)) return i > 0;
