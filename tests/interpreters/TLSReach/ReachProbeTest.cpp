@@ -227,24 +227,51 @@ TEST(ReachProbe, OpensTheTracesOfRFC8448)
          simpleTrace,
          counted,
          counted,
-         {"Certificate", "Certificate Verify", "Encrypted Extensions", "Finished", "Finished", "New Session Ticket"}},
+         {"Certificate Verify", "Certificate of rsa", "Encrypted Extensions", "Finished", "Finished", "New Session Ticket"}},
         {"early data", earlyDataTrace, "ABCDEF" + counted, counted, {"Encrypted Extensions", "End Of Early Data", "Finished", "Finished"}},
-        {"hello retry", helloRetryTrace, "", "", {"Certificate", "Certificate Verify", "Encrypted Extensions", "Finished", "Finished"}},
+        {"hello retry",
+         helloRetryTrace,
+         "",
+         "",
+         {"Certificate Verify", "Certificate of rsa", "Encrypted Extensions", "Finished", "Finished"}},
+        {"client authentication",
+         clientAuthenticationTrace,
+         "",
+         "",
+         {"Certificate Request", "Certificate Verify", "Certificate Verify", "Certificate of client", "Certificate of ecdsa256",
+          "Encrypted Extensions", "Finished", "Finished"}},
+        {"compatibility",
+         compatibilityTrace,
+         "",
+         "",
+         {"Certificate Verify", "Certificate of rsa", "Encrypted Extensions", "Finished", "Finished"}},
     };
     for (const auto& [name, trace, clientData, serverData, handshake] : cases) {
         const auto probe = probeWith(trace.keyLog);
+        const TLSSessionProbe strict(std::make_shared<const KeyLogSources>(SecretText(trace.keyLog), std::vector<std::string>()));
         const TCPStream stream = vectorStream(hex(trace.client), hex(trace.server));
         for (const Direction direction : directions) {
             const Opened whole = opened(*probe, stream, direction);
             EXPECT_EQ(whole.plaintext, direction == client ? clientData : serverData) << name;
             EXPECT_EQ(whole.report.stop, Stop::endOfData) << name;
             EXPECT_EQ(whole.report.openedRecords, whole.report.protectedRecords) << name;
+            // Early data is what the one with less reach stops at.
+            const Opened strictly = opened(strict, stream, direction);
+            const bool isEarly = direction == client && clientData.starts_with("ABCDEF");
+            EXPECT_EQ(strictly.plaintext, isEarly ? "" : whole.plaintext) << name;
+            EXPECT_EQ(strictly.report.stop, isEarly ? Stop::earlyData : Stop::endOfData) << name;
+            EXPECT_EQ(strictly.report.openedRecords, isEarly ? 0 : whole.report.openedRecords) << name;
+            EXPECT_EQ(strictly.report.protectedRecords, whole.report.protectedRecords) << name;
         }
         const auto interpretation = probe->decryptedInterpretation(stream, {});
         ASSERT_TRUE(interpretation) << name;
         std::vector<std::string> rows;
-        for (const StreamMessage& message : interpretation->messages)
-            if (!message.summary.contains("Data (")) rows.push_back(message.summary);
+        for (const StreamMessage& message : interpretation->messages) {
+            if (message.summary.contains("Data (")) continue;
+            rows.push_back(message.summary);
+            for (const DetailRow& row : message.detail)
+                if (row.name == "Subject") rows.back() += " of " + row.value;
+        }
         std::ranges::sort(rows);
         EXPECT_EQ(rows, handshake) << name;
     }
