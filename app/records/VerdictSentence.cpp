@@ -56,6 +56,19 @@ std::string noHandshake(const TLSDecryptionReport& report, const StreamSummary& 
     return withAlert(reader.say("the handshake is not complete in the capture"), report, reader);
 }
 
+/// A clause with how many secrets were tried in vain behind it, where that was done.
+std::string withSearch(std::string clause, const TLSDecryptionReport& report, const SentenceReader& reader)
+{
+    if (!report.search || report.search->tried == 0) return clause;
+    const auto& [candidates, tried] = *report.search;
+    clause += reader.word("; ");
+    if (tried < candidates)
+        return clause += reader.say("the secrets of the last {} of {} connections in the key log were tried, and none opens a record",
+                                    tried, candidates);
+    return clause += reader.sayOf(tried, "the secrets of {} connection in the key log were tried, and none opens a record",
+                                  "the secrets of {} connections in the key log were tried, and none opens a record", tried);
+}
+
 std::string noKeyMaterial(const StreamVerdict& verdict, const SentenceReader& reader)
 {
     const KeyLogFacts facts = verdict.keyLog.value_or(KeyLogFacts{});
@@ -251,7 +264,8 @@ std::string verdictSentence(const StreamVerdict& verdict, const StreamSummary& s
     if (auto problem = privateKeyProblem(verdict, reader); !problem.empty()) return problem;
     switch (*verdict.outcome.failure) {
     case TLSDecryptionFailure::noHandshake:
-        return report ? noHandshake(*report, summary, reader) : reader.say("the capture holds no complete handshake");
+        return report ? withSearch(noHandshake(*report, summary, reader), *report, reader)
+                      : reader.say("the capture holds no complete handshake");
     case TLSDecryptionFailure::unsupportedVersion:
         return reader.say("{} is not supported for decryption",
                           report ? std::string_view(report->versionName) : reader.word("this version"));

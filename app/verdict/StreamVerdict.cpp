@@ -115,9 +115,10 @@ std::optional<StreamVerdict> StreamVerdicts::verdict(const TCPStream& stream, Re
         if (!best || opensMore) {
             best = std::move(verdict);
             answering = probe.get();
-        } else if (best->report && verdict.report && verdict.report->privateKeys) {
-            // Only who can use private keys knows what is the matter with them.
-            best->report->privateKeys = std::move(verdict.report->privateKeys);
+        } else if (best->report && verdict.report) {
+            // Only who can use private keys knows what is the matter with them, and only who looks for secrets how many there were.
+            if (verdict.report->privateKeys) best->report->privateKeys = std::move(verdict.report->privateKeys);
+            if (verdict.report->search) best->report->search = verdict.report->search;
         }
         // Nobody opens more than everything.
         if (best->outcome.isDecrypted() && (depth == ReportDepth::hellos || !best->isPartly())) break;

@@ -188,8 +188,10 @@ void ReachConnection::findHellos()
     serverHelloState_ = state(stream_.serverToClientData, hellos[1], isWhole[1]);
     if (hellos[0] && isWhole[0]) clientHello_ = TLSDissector::parseClientHello(hellos[0]->body, 0);
     if (hellos[1] && isWhole[1]) serverHello_ = parseServerHello(hellos[1]->body, 0);
-    if (clientHello_ && serverHello_) parameters_ = parametersOf(*clientHello_, hellos[0]->body, *serverHello_, hellos[1]->body);
-    else settleWithoutHellos();
+    if (clientHello_ && serverHello_)
+        parameters_ = parametersOf(*clientHello_, hellos[0]->body, *serverHello_, hellos[1]->body);
+    else
+        settleWithoutHellos();
 }
 
 // A traffic secret of TLS 1.3 opens records without any hello: what a hello would have said, the suite and whose connection it
@@ -232,10 +234,14 @@ void ReachConnection::settleWithoutHellos()
     known.forEach([&](std::string_view label, DataView clientRandom, DataView secret) {
         if (label == wanted) clients.emplace_back(Data(clientRandom), secret.size());
     });
+    if (clients.empty()) return;
+    search_ = TLSSecretSearchReport{.candidates = std::ssize(clients)};
     if (clients.size() > mostClients) clients.erase(clients.begin(), clients.end() - static_cast<std::ptrdiff_t>(mostClients));
     for (auto client = clients.rbegin(); client != clients.rend(); ++client) {
+        ++search_->tried;
         if (isTLS12) {
-            const auto hello = std::ranges::find(clearMessages_[1], std::to_underlying(TLSHandshakeType::serverHello), &AssembledMessage::type);
+            const auto hello =
+                std::ranges::find(clearMessages_[1], std::to_underlying(TLSHandshakeType::serverHello), &AssembledMessage::type);
             ClientHelloInfo unknown{.clientRandom = client->first};
             if (opens(parametersOf(unknown, {}, *serverHello_, hello->body))) return;
         } else if (opensTLS13(client->first, client->second)) {

@@ -163,8 +163,18 @@ TEST(StreamsCommand, TellsWhoseSecretsWereFoundByTrying)
     const std::string random = hexText(session.wire(Direction::clientToServer).view().sub(11, 8));
     EXPECT_THAT(sealscope({"streams", "-k", keyLog, capture}).output,
                 HasSubstr("the Client Hello is missing, and the secrets of client random " + random + "… were found by trying"));
-    EXPECT_THAT(sealscope({"streams", "--reach", "strict", "-k", keyLog, capture}).output,
-                HasSubstr("the capture starts after the Client Hello"));
+    const auto search = [&](const std::string& secrets) {
+        return jsonLines(sealscope({"streams", "--json", "-k", secrets, capture}).output).at(0)["reason"]["search"];
+    };
+    EXPECT_EQ(search(keyLog), nlohmann::json({{"candidates", 2}, {"tried", 2}}));
+    // In vain it is told as well, by the one that tries.
+    const std::string others = directory.write("others.txt", other.keyLog);
+    const std::string tooLate = "the capture starts after the Client Hello; start capturing before the connection opens";
+    EXPECT_THAT(sealscope({"streams", "-k", others, capture}).output,
+                HasSubstr(tooLate + "; the secrets of 1 connection in the key log were tried, and none opens a record\n"));
+    EXPECT_EQ(search(others), nlohmann::json({{"candidates", 1}, {"tried", 1}}));
+    const std::string strict = sealscope({"streams", "--reach", "strict", "-k", others, capture}).output;
+    EXPECT_THAT(strict, HasSubstr(tooLate + '\n'));
 }
 
 std::string pemOf(EVP_PKEY* key, const char* passphrase)

@@ -79,6 +79,16 @@ TEST(VerdictSentence, NamesTheCauseAndWhatHelps)
          {noHandshake, Report{}, {}},
          {.clientBytes = 500, .serverBytes = 4'000},
          "the capture starts after the Client Hello; start capturing before the connection opens"},
+        {"one that begins too late for the key log's secrets",
+         {noHandshake, Report{.search = TLSSecretSearchReport{2, 2}}, {}},
+         {.clientBytes = 500, .serverBytes = 4'000},
+         "the capture starts after the Client Hello; start capturing before the connection opens; the secrets of 2 connections in the "
+         "key log were tried, and none opens a record"},
+        {"more of them than are tried",
+         {noHandshake, Report{.search = TLSSecretSearchReport{5'000, 1'024}}, {}},
+         {.clientBytes = 500, .serverBytes = 4'000},
+         "the capture starts after the Client Hello; start capturing before the connection opens; the secrets of the last 1024 of 5000 "
+         "connections in the key log were tried, and none opens a record"},
         {"a hello that is not there",
          {noHandshake, Report{}, {}},
          whole,

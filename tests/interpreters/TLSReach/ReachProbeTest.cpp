@@ -8,6 +8,7 @@
 #include "tests/interpreters/TLSReach/RFC8448.h"
 
 #include <algorithm>
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
@@ -205,6 +206,11 @@ TEST(ReachProbe, OpensWithoutTheHandshake)
         EXPECT_GT(found.plaintext.size(), 50'000u) << suite;
         EXPECT_TRUE(session.serverPlaintext.view().text().ends_with(found.plaintext)) << suite;
     }
+    // Who writes a key log of any length does not make a look for secrets any longer.
+    std::string many;
+    for (int i = 0; i < 1'100; ++i) many += fmt::format("SERVER_TRAFFIC_SECRET_0 {:064x} {:064x}\n", i, i);
+    const Data late = runTLS({.version = 0x0304}, steps).wire(server).sub(40'000, 20'000);
+    EXPECT_EQ(probeWith(many)->report(vectorStream(Data(), late), ReportDepth::hellos)->search, (TLSSecretSearchReport{1'100, 1'024}));
     // Without the handshake's secrets the application's still open what is theirs.
     const TLSSession session = runTLS({.version = 0x0304}, steps);
     const auto probe = probeWith(without(without(session.keyLog, "CLIENT_HANDSHAKE"), "SERVER_HANDSHAKE"));
