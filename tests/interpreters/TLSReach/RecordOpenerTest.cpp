@@ -251,6 +251,10 @@ TEST(ReachSuite, ReadsItsParametersOffTheName)
     EXPECT_TRUE(ReachSuite::of(0x003C)->isRSAKeyExchange);
     EXPECT_FALSE(ReachSuite::of(0xC013)->isRSAKeyExchange);
     EXPECT_TRUE(ReachSuite::of(0x1305)->isTLS13);
+    EXPECT_EQ(ReachSuite::name(0xC077), "TLS_ECDHE_RSA_WITH_CAMELLIA_256_CBC_SHA384");
+    EXPECT_EQ(ReachSuite::name(0xC063), "TLS_ECDH_RSA_WITH_ARIA_256_GCM_SHA384");
+    EXPECT_EQ(ReachSuite::name(0xC070), "TLS_ECDHE_PSK_WITH_ARIA_128_CBC_SHA256");
+    EXPECT_EQ(ReachSuite::name(0xC09B), "TLS_ECDHE_PSK_WITH_CAMELLIA_256_CBC_SHA384");
     EXPECT_FALSE(ReachSuite::of(0x0003)) << "an export suite";
     EXPECT_FALSE(ReachSuite::of(0x0A0A));
 }
