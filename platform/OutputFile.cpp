@@ -23,19 +23,20 @@ constexpr std::int64_t largePiece = 16 * alignment;
 
 }  // namespace
 
-std::expected<OutputFile, std::string> OutputFile::create(const std::string& path, ExistingFile existing, Kind kind)
+std::expected<OutputFile, FileError> OutputFile::create(const std::string& path, ExistingFile existing, Kind kind)
 {
     OutputFile file;
     file.path_ = path;
     if (path == "-" && kind == Kind::anything) {
         file.descriptor_ = FileDescriptor(dup(STDOUT_FILENO));
-        if (!file.descriptor_) return std::unexpected(errorText(errno));
+        if (!file.descriptor_) return std::unexpected(FileError::ofSystem(errno));
         return file;
     }
     struct stat status = {};
     const bool exists = lstat(path.c_str(), &status) == 0;
-    if (exists && S_ISLNK(status.st_mode) && stat(path.c_str(), &status) != 0) return std::unexpected("is a link to nothing");
-    if (exists && S_ISDIR(status.st_mode)) return std::unexpected("is a directory");
+    if (exists && S_ISLNK(status.st_mode) && stat(path.c_str(), &status) != 0)
+        return std::unexpected(FileError{FileError::Problem::isDanglingLink});
+    if (exists && S_ISDIR(status.st_mode)) return std::unexpected(FileError{FileError::Problem::isDirectory});
     if (exists && !S_ISREG(status.st_mode) && kind == Kind::anything) {
         file.descriptor_ = FileDescriptor(open(path.c_str(), O_WRONLY | O_CLOEXEC));
     } else if (exists && S_ISREG(status.st_mode) && existing == ExistingFile::isReplaced) {
@@ -49,7 +50,7 @@ std::expected<OutputFile, std::string> OutputFile::create(const std::string& pat
     }
     if (file.descriptor_) return file;
     file.unfinishedPath_.clear();
-    return std::unexpected(errorText(errno));
+    return std::unexpected(FileError::ofSystem(errno));
 }
 
 OutputFile::OutputFile(OutputFile&& other) noexcept
@@ -87,7 +88,7 @@ void OutputFile::write(DataView bytes)
     std::ranges::copy(bytes, held_.begin() + at);
 }
 
-std::string OutputFile::finish()
+std::expected<void, FileError> OutputFile::finish()
 {
     if (error_ == 0) error_ = descriptor_.write(viewOf(held_));
     held_.clear();
@@ -95,9 +96,9 @@ std::string OutputFile::finish()
     if (reserved_ > written_ && ftruncate(descriptor_.number(), written_) != 0 && error_ == 0) error_ = errno;
     // Some file systems only say here that there was no room.
     if (const int error = descriptor_.close(); error_ == 0) error_ = error;
-    if (error_ != 0) return errorText(error_);
+    if (error_ != 0) return std::unexpected(FileError::ofSystem(error_));
     if (!unfinishedPath_.empty() && unfinishedPath_ != path_ && std::rename(unfinishedPath_.c_str(), path_.c_str()) != 0)
-        return errorText(errno);
+        return std::unexpected(FileError::ofSystem(errno));
     unfinishedPath_.clear();
     return {};
 }

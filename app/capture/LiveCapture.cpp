@@ -58,13 +58,13 @@ milliseconds sinceTime(std::int64_t nanoseconds)
 std::uint32_t linkTypeOf(int libraryNumber) { return libraryNumber == DLT_RAW ? 101 : static_cast<std::uint32_t>(libraryNumber); }
 
 /// A file of its own, or the pipe or device that has the name.
-std::expected<FileDescriptor, std::string> openToWrite(const std::string& path, ExistingFile existing)
+std::expected<FileDescriptor, FileError> openToWrite(const std::string& path, ExistingFile existing)
 {
     struct stat status{};
     if (lstat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode) || S_ISLNK(status.st_mode) || S_ISDIR(status.st_mode))
         return createFile(path, existing);
     FileDescriptor file(::open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY));
-    if (!file) return std::unexpected(errorText(errno));
+    if (!file) return std::unexpected(FileError::ofSystem(errno));
     return file;
 }
 
@@ -160,7 +160,7 @@ std::expected<std::unique_ptr<LiveCapture>, CaptureError> LiveCapture::open(cons
     const auto createFileToWrite = [&]() -> std::expected<void, CaptureError> {
         if (options.writeTo.empty()) return {};
         auto created = openToWrite(options.writeTo, options.existing);
-        if (!created) return std::unexpected(CaptureError{.file = options.writeTo, .reason = created.error(), .couldNotOpen = true});
+        if (!created) return std::unexpected(CaptureError{.file = options.writeTo, .reason = created.error().text(), .couldNotOpen = true});
         file = std::move(*created);
         return {};
     };

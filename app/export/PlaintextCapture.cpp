@@ -287,16 +287,16 @@ void PlaintextCapture::Direction::putDown()
     if (const auto place = capture_.spool_->append(DataView(bytes_))) {
         for (Segment& segment : segments_) segment.offset += *place;
         capture_.segments_.insert(capture_.segments_.end(), segments_.begin(), segments_.end());
-    } else if (capture_.problem_.empty()) {
-        capture_.problem_ = place.error();
+    } else if (capture_.spooled_) {
+        capture_.spooled_ = std::unexpected(place.error());
     }
     segments_.clear();
     bytes_.clear();
 }
 
-std::string PlaintextCapture::write(OutputFile& file, const std::stop_token& stop)
+std::expected<void, std::string> PlaintextCapture::write(OutputFile& file, const std::stop_token& stop)
 {
-    if (!problem_.empty()) return problem_;
+    if (!spooled_) return spooled_;
     // A connection opens at its first packet and closes at its last, and all its data come in between.
     for (Segment& segment : segments_) {
         const Connection& connection = connections_[segment.connection];
