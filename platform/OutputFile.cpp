@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
@@ -55,7 +56,8 @@ std::expected<OutputFile, FileError> OutputFile::create(const std::string& path,
 
 OutputFile::OutputFile(OutputFile&& other) noexcept
     : path_(std::move(other.path_)), unfinishedPath_(std::exchange(other.unfinishedPath_, {})), descriptor_(std::move(other.descriptor_)),
-      error_(other.error_), written_(other.written_), reserved_(other.reserved_), held_(std::move(other.held_))
+      error_(other.error_), written_(other.written_), reserved_(other.reserved_), held_(std::move(other.held_)),
+      heldBytes_(std::exchange(other.heldBytes_, 0))
 {}
 
 OutputFile::~OutputFile()
@@ -76,22 +78,24 @@ void OutputFile::reserve(std::int64_t bytes)
 void OutputFile::write(DataView bytes)
 {
     written_ += bytes.size();
-    if (const std::int64_t all = std::ssize(held_) + bytes.size(); all >= largePiece) {
-        const std::int64_t now = all / alignment * alignment - std::ssize(held_);
-        if (error_ == 0) error_ = descriptor_.write(viewOf(held_), bytes.sub(0, now));
-        held_.clear();
+    if (const std::int64_t all = heldBytes_ + bytes.size(); all >= largePiece) {
+        const std::int64_t now = all / alignment * alignment - heldBytes_;
+        if (error_ == 0) error_ = descriptor_.write(viewOf(held_).sub(0, heldBytes_), bytes.sub(0, now));
+        heldBytes_ = 0;
         bytes = bytes.from(now);
     }
-    // A vector with an allocator of its own inserts byte by byte.
-    const auto at = static_cast<std::ptrdiff_t>(held_.size());
-    held_.resize(held_.size() + static_cast<std::size_t>(bytes.size()));
-    std::ranges::copy(bytes, held_.begin() + at);
+    if (bytes.isEmpty()) return;
+    // A vector with an allocator of its own inserts and copies byte by byte, and fills what it grows by.
+    const std::int64_t needed = heldBytes_ + bytes.size();
+    if (std::ssize(held_) < needed) held_.resize(static_cast<std::size_t>(std::clamp(2 * std::ssize(held_), needed, largePiece)));
+    std::memcpy(held_.data() + heldBytes_, bytes.data(), static_cast<std::size_t>(bytes.size()));
+    heldBytes_ = needed;
 }
 
 std::expected<void, FileError> OutputFile::finish()
 {
-    if (error_ == 0) error_ = descriptor_.write(viewOf(held_));
-    held_.clear();
+    if (error_ == 0) error_ = descriptor_.write(viewOf(held_).sub(0, heldBytes_));
+    heldBytes_ = 0;
     // What was set aside and not needed is given back.
     if (reserved_ > written_ && ftruncate(descriptor_.number(), written_) != 0 && error_ == 0) error_ = errno;
     // Some file systems only say here that there was no room.

@@ -44,7 +44,8 @@ private:
     int error_ = 0;
     std::int64_t written_ = 0;
     std::int64_t reserved_ = 0;
-    SecretBytes held_;  ///< small pieces, to be written as a large one
+    SecretBytes held_;            ///< small pieces, to be written as a large one
+    std::int64_t heldBytes_ = 0;  ///< at its beginning
 };
 
 }  // namespace sealscope SEALSCOPE_API
