@@ -140,8 +140,11 @@ void appendOpened(std::string& text, std::string_view side, const TLSDirectionRe
 {
     if (direction.stop == Stop::nothingProtected) return reader.sayInto(text, FMT_COMPILE("{} sent nothing protected"), side);
     const std::string_view comma = reader.word(", ");
+    // Of records whose headers were lost nobody saw any, but the sequence numbers behind them tell of those as well.
+    const std::int64_t told = direction.gaps.empty() ? 0 : direction.openedRecords + direction.skippedRecords;
+    const std::int64_t records = std::max(direction.protectedRecords, told);
     const auto appendRecords = [&](const auto& opened, const auto& all) {
-        if (direction.protectedRecords == 1)
+        if (records == 1)
             reader.sayInto(text, FMT_COMPILE("{} {} of {} record"), side, opened, all);
         else
             reader.sayInto(text, FMT_COMPILE("{} {} of {} records"), side, opened, all);
@@ -156,7 +159,7 @@ void appendOpened(std::string& text, std::string_view side, const TLSDirectionRe
         const std::int64_t gaps = std::ssize(direction.gaps);
         std::int64_t gapBytes = 0;
         for (const PlaintextGap& gap : direction.gaps) gapBytes += gap.range.size();
-        appendRecords(reader.grouped(direction.openedRecords), reader.grouped(direction.protectedRecords));
+        appendRecords(reader.grouped(direction.openedRecords), reader.grouped(records));
         ((text += bytesText(direction.plaintextBytes)) += comma) += reader.say("{} lost", reader.grouped(direction.skippedRecords));
         (text += comma) += reader.sayOf(gaps, "{} gap of {}", "{} gaps of {}", reader.grouped(gaps), bytesText(gapBytes));
     }
