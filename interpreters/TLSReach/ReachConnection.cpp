@@ -255,7 +255,7 @@ bool ReachConnection::isThereFromTheStart(Direction direction) const { return !c
 bool ReachConnection::hasKeyMaterial() const
 {
     if (!parameters_) return false;
-    if (!parameters_->isTLS13()) return parameters_->suite && masterSecret(*parameters_, true).has_value();
+    if (!parameters_->isTLS13()) return parameters_->suite && masterSecret(*parameters_, Turn::first).has_value();
     return trafficSecret("CLIENT_TRAFFIC_SECRET_0") || trafficSecret("SERVER_TRAFFIC_SECRET_0");
 }
 
@@ -274,24 +274,24 @@ std::optional<SecretBytes> ReachConnection::knownMasterSecret(const HandshakePar
     return std::nullopt;
 }
 
-std::optional<SecretBytes> ReachConnection::masterSecret(const HandshakeParameters& parameters, bool isFirst) const
+std::optional<SecretBytes> ReachConnection::masterSecret(const HandshakeParameters& parameters, Turn turn) const
 {
     // While nothing settles whose connection it is, one client after another is tried.
-    if (!isFirst || !clientHello_) return lookForMasterSecret(parameters, isFirst);
-    if (!firstMasterSecret_) firstMasterSecret_ = lookForMasterSecret(parameters, isFirst);
+    if (turn != Turn::first || !clientHello_) return lookForMasterSecret(parameters, turn);
+    if (!firstMasterSecret_) firstMasterSecret_ = lookForMasterSecret(parameters, turn);
     return *firstMasterSecret_;
 }
 
-std::optional<SecretBytes> ReachConnection::lookForMasterSecret(const HandshakeParameters& parameters, bool isFirst) const
+std::optional<SecretBytes> ReachConnection::lookForMasterSecret(const HandshakeParameters& parameters, Turn turn) const
 {
-    const auto found = foundMasterSecret(parameters, isFirst);
+    const auto found = foundMasterSecret(parameters, turn);
     if (!found) {
         // A session that is resumed has no certificate and no key exchange of its own.
-        if (!isFirst || clearMessage(Direction::serverToClient, TLSHandshakeType::serverHelloDone)) return std::nullopt;
+        if (turn != Turn::first || clearMessage(Direction::serverToClient, TLSHandshakeType::serverHelloDone)) return std::nullopt;
         if (const auto byID = secrets_->memory->recall(parameters.sessionID)) return byID;
         return secrets_->memory->recall(parameters.ticket);
     }
-    if (!isFirst) return found;
+    if (turn != Turn::first) return found;
     secrets_->memory->remember(parameters.sessionID, *found);
     constexpr std::int64_t ticketAt = 6;  // behind lifetime and length (RFC 5077 §3.3)
     if (const auto* const message = clearMessage(Direction::serverToClient, TLSHandshakeType::newSessionTicket))
@@ -306,10 +306,10 @@ const AssembledMessage* ReachConnection::clearMessage(Direction direction, TLSHa
     return found == messages.end() ? nullptr : &*found;
 }
 
-std::optional<SecretBytes> ReachConnection::foundMasterSecret(const HandshakeParameters& parameters, bool isFirst) const
+std::optional<SecretBytes> ReachConnection::foundMasterSecret(const HandshakeParameters& parameters, Turn turn) const
 {
     if (auto known = knownMasterSecret(parameters)) return known;
-    if (!isFirst) return std::nullopt;
+    if (turn != Turn::first) return std::nullopt;
     const auto premaster = premasterSecret(parameters);
     if (!premaster) return std::nullopt;
     if (parameters.version == ssl3)
@@ -375,7 +375,7 @@ std::optional<TLSPrivateKeyReport> ReachConnection::privateKeyReport() const
 SecretText ReachConnection::keyLogLine() const
 {
     if (!parameters_ || parameters_->isTLS13() || !parameters_->suite) return {};
-    const auto secret = masterSecret(*parameters_, true);
+    const auto secret = masterSecret(*parameters_, Turn::first);
     if (!secret) return {};
     SecretText line("CLIENT_RANDOM ");
     const auto append = [&](DataView bytes) {
@@ -420,10 +420,11 @@ std::unique_ptr<RecordOpener> ReachConnection::openerAfterChange(Direction direc
 {
     const auto parameters = handshake(change);
     if (!parameters || !parameters->suite) return nullptr;
-    const auto secret = masterSecret(*parameters, change == 1);
+    const auto secret = masterSecret(*parameters, change == 1 ? Turn::first : Turn::further);
     if (!secret) return nullptr;
-    auto opener = makeRecordOpener(*parameters->suite, parameters->version, parameters->encryptsThenMACs,
-                                   keysOf(direction, *parameters, viewOf(*secret)));
+    auto opener =
+        makeRecordOpener(*parameters->suite, parameters->version, parameters->encryptsThenMACs ? MACPlace::behind : MACPlace::inside,
+                         keysOf(direction, *parameters, viewOf(*secret)));
     return parameters->compresses ? inflating(std::move(opener)) : std::move(opener);
 }
 

@@ -80,12 +80,15 @@ public:
     std::optional<HandshakeParameters> handshake(std::int64_t change);
 
 private:
+    /// Of a connection's handshakes the first, or one inside its encryption.
+    enum class Turn : std::uint8_t { first, further };
+
     void findHellos();
     void settleWithoutHellos();
     std::optional<SecretBytes> knownMasterSecret(const HandshakeParameters& parameters) const;
-    std::optional<SecretBytes> foundMasterSecret(const HandshakeParameters& parameters, bool isFirst) const;
-    std::optional<SecretBytes> masterSecret(const HandshakeParameters& parameters, bool isFirst) const;
-    std::optional<SecretBytes> lookForMasterSecret(const HandshakeParameters& parameters, bool isFirst) const;
+    std::optional<SecretBytes> foundMasterSecret(const HandshakeParameters& parameters, Turn turn) const;
+    std::optional<SecretBytes> masterSecret(const HandshakeParameters& parameters, Turn turn) const;
+    std::optional<SecretBytes> lookForMasterSecret(const HandshakeParameters& parameters, Turn turn) const;
     const AssembledMessage* clearMessage(Direction direction, TLSHandshakeType type) const;
     std::optional<DataView> encryptedPremaster(const HandshakeParameters& parameters) const;
     std::optional<SecretBytes> premasterSecret(const HandshakeParameters& parameters) const;
