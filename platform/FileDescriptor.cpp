@@ -63,40 +63,53 @@ int FileDescriptor::write(DataView first, DataView second) const
 
 std::string errorText(int error) { return std::generic_category().message(error); }
 
-std::expected<FileDescriptor, std::string> createFile(const std::string& path, ExistingFile existing)
+std::string FileError::text() const
+{
+    switch (problem) {
+    case Problem::system: return folder.empty() ? errorText(code) : folder + ": " + errorText(code);
+    case Problem::isDirectory: return "is a directory";
+    case Problem::isNoDirectory: return "is not a directory";
+    case Problem::isNoRegularFile: return "is no regular file";
+    case Problem::isDanglingLink: return "is a link to nothing";
+    case Problem::existsAlready: return "exists already";
+    }
+    std::unreachable();
+}
+
+std::expected<FileDescriptor, FileError> createFile(const std::string& path, ExistingFile existing)
 {
     for (;;) {
         if (FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600)); file) return file;
-        if (errno != EEXIST) return std::unexpected(errorText(errno));
+        if (errno != EEXIST) return std::unexpected(FileError::ofSystem(errno));
         struct stat status{};
         if (lstat(path.c_str(), &status) != 0) {
             if (errno == ENOENT) continue;
-            return std::unexpected(errorText(errno));
+            return std::unexpected(FileError::ofSystem(errno));
         }
-        if (S_ISDIR(status.st_mode)) return std::unexpected("is a directory");
-        if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) return std::unexpected("is no regular file");
-        if (existing == ExistingFile::stays) return std::unexpected("exists already");
-        if (unlink(path.c_str()) != 0 && errno != ENOENT) return std::unexpected(errorText(errno));
+        if (S_ISDIR(status.st_mode)) return std::unexpected(FileError{FileError::Problem::isDirectory});
+        if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) return std::unexpected(FileError{FileError::Problem::isNoRegularFile});
+        if (existing == ExistingFile::stays) return std::unexpected(FileError{FileError::Problem::existsAlready});
+        if (unlink(path.c_str()) != 0 && errno != ENOENT) return std::unexpected(FileError::ofSystem(errno));
     }
 }
 
-std::expected<FileDescriptor, std::string> createUnnamedFile(const std::string& folder)
+std::expected<FileDescriptor, FileError> createUnnamedFile(const std::string& folder)
 {
     FileDescriptor file(::open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
     if (!file) {
         // Not every file system makes files without a name.
         std::string name = folder + "/.sealscope-XXXXXX";
         file = FileDescriptor(mkostemp(name.data(), O_CLOEXEC));
-        if (!file) return std::unexpected(errorText(errno));
+        if (!file) return std::unexpected(FileError::ofSystem(errno));
         unlink(name.c_str());
     }
     return file;
 }
 
-std::expected<void, std::string> createFolders(const std::string& path)
+std::expected<void, FileError> createFolders(const std::string& path)
 {
     if (path.empty() || mkdir(path.c_str(), 0700) == 0 || errno == EEXIST) return {};
-    const auto failed = [&](int error) { return std::unexpected(path + ": " + errorText(error)); };
+    const auto failed = [&](int error) { return std::unexpected(FileError{.code = error, .folder = path}); };
     const std::filesystem::path folder = path;
     if (errno != ENOENT || !folder.has_relative_path()) return failed(errno);
     if (auto above = createFolders(folder.parent_path().string()); !above) return above;

@@ -47,12 +47,40 @@ enum class ExistingFile : std::uint8_t { stays, isReplaced };
 /// The system's sentence for an `errno`.
 std::string errorText(int error);
 
+/// Why a file or a folder could not be made, opened or written.
+struct FileError {
+    enum class Problem : std::uint8_t {
+        system,  ///< what the system says: `code`
+        isDirectory,
+        isNoDirectory,
+        isNoRegularFile,
+        isDanglingLink,
+        existsAlready,
+    };
+    Problem problem = Problem::system;
+    int code = 0;        ///< `errno`
+    std::string folder;  ///< that is at fault, where it is one above what was asked for
+    bool operator==(const FileError&) const = default;
+
+    static FileError ofSystem(int code) { return {.problem = Problem::system, .code = code}; }
+    /// The end of a sentence that begins with the path that was asked for.
+    std::string text() const;
+};
+
+/// The same, and the file that it is about.
+struct FileProblem {
+    std::string path;
+    FileError error;
+    /// "plain.pcap: No space left on device"
+    std::string text() const { return path + ": " + error.text(); }
+};
+
 /// Makes a file that only its owner may read, and opens it for writing. It never opens one that is there: that is an error, or
-/// it is removed before. Links are not followed. Fails with the end of a sentence that begins with the path.
-std::expected<FileDescriptor, std::string> createFile(const std::string& path, ExistingFile existing);
-/// A file without a name, for reading and writing, that is gone with its descriptor. Fails with the reason.
-std::expected<FileDescriptor, std::string> createUnnamedFile(const std::string& folder);
-/// Makes a folder for its owner alone, with those above it, where they are not there. Fails with a reason that names the folder.
-std::expected<void, std::string> createFolders(const std::string& path);
+/// it is removed before. Links are not followed.
+std::expected<FileDescriptor, FileError> createFile(const std::string& path, ExistingFile existing);
+/// A file without a name, for reading and writing, that is gone with its descriptor.
+std::expected<FileDescriptor, FileError> createUnnamedFile(const std::string& folder);
+/// Makes a folder for its owner alone, with those above it, where they are not there.
+std::expected<void, FileError> createFolders(const std::string& path);
 
 }  // namespace sealscope SEALSCOPE_API

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
@@ -23,19 +24,20 @@ constexpr std::int64_t largePiece = 16 * alignment;
 
 }  // namespace
 
-std::expected<OutputFile, std::string> OutputFile::create(const std::string& path, ExistingFile existing, Kind kind)
+std::expected<OutputFile, FileError> OutputFile::create(const std::string& path, ExistingFile existing, Kind kind)
 {
     OutputFile file;
     file.path_ = path;
     if (path == "-" && kind == Kind::anything) {
         file.descriptor_ = FileDescriptor(dup(STDOUT_FILENO));
-        if (!file.descriptor_) return std::unexpected(errorText(errno));
+        if (!file.descriptor_) return std::unexpected(FileError::ofSystem(errno));
         return file;
     }
     struct stat status = {};
     const bool exists = lstat(path.c_str(), &status) == 0;
-    if (exists && S_ISLNK(status.st_mode) && stat(path.c_str(), &status) != 0) return std::unexpected("is a link to nothing");
-    if (exists && S_ISDIR(status.st_mode)) return std::unexpected("is a directory");
+    if (exists && S_ISLNK(status.st_mode) && stat(path.c_str(), &status) != 0)
+        return std::unexpected(FileError{FileError::Problem::isDanglingLink});
+    if (exists && S_ISDIR(status.st_mode)) return std::unexpected(FileError{FileError::Problem::isDirectory});
     if (exists && !S_ISREG(status.st_mode) && kind == Kind::anything) {
         file.descriptor_ = FileDescriptor(open(path.c_str(), O_WRONLY | O_CLOEXEC));
     } else if (exists && S_ISREG(status.st_mode) && existing == ExistingFile::isReplaced) {
@@ -49,12 +51,13 @@ std::expected<OutputFile, std::string> OutputFile::create(const std::string& pat
     }
     if (file.descriptor_) return file;
     file.unfinishedPath_.clear();
-    return std::unexpected(errorText(errno));
+    return std::unexpected(FileError::ofSystem(errno));
 }
 
 OutputFile::OutputFile(OutputFile&& other) noexcept
     : path_(std::move(other.path_)), unfinishedPath_(std::exchange(other.unfinishedPath_, {})), descriptor_(std::move(other.descriptor_)),
-      error_(other.error_), written_(other.written_), reserved_(other.reserved_), held_(std::move(other.held_))
+      error_(other.error_), written_(other.written_), reserved_(other.reserved_), held_(std::move(other.held_)),
+      heldBytes_(std::exchange(other.heldBytes_, 0))
 {}
 
 OutputFile::~OutputFile()
@@ -75,29 +78,31 @@ void OutputFile::reserve(std::int64_t bytes)
 void OutputFile::write(DataView bytes)
 {
     written_ += bytes.size();
-    if (const std::int64_t all = std::ssize(held_) + bytes.size(); all >= largePiece) {
-        const std::int64_t now = all / alignment * alignment - std::ssize(held_);
-        if (error_ == 0) error_ = descriptor_.write(viewOf(held_), bytes.sub(0, now));
-        held_.clear();
+    if (const std::int64_t all = heldBytes_ + bytes.size(); all >= largePiece) {
+        const std::int64_t now = all / alignment * alignment - heldBytes_;
+        if (error_ == 0) error_ = descriptor_.write(viewOf(held_).sub(0, heldBytes_), bytes.sub(0, now));
+        heldBytes_ = 0;
         bytes = bytes.from(now);
     }
-    // A vector with an allocator of its own inserts byte by byte.
-    const auto at = static_cast<std::ptrdiff_t>(held_.size());
-    held_.resize(held_.size() + static_cast<std::size_t>(bytes.size()));
-    std::ranges::copy(bytes, held_.begin() + at);
+    if (bytes.isEmpty()) return;
+    // A vector with an allocator of its own inserts and copies byte by byte, and fills what it grows by.
+    const std::int64_t needed = heldBytes_ + bytes.size();
+    if (std::ssize(held_) < needed) held_.resize(static_cast<std::size_t>(std::clamp(2 * std::ssize(held_), needed, largePiece)));
+    std::memcpy(held_.data() + heldBytes_, bytes.data(), static_cast<std::size_t>(bytes.size()));
+    heldBytes_ = needed;
 }
 
-std::string OutputFile::finish()
+std::expected<void, FileError> OutputFile::finish()
 {
-    if (error_ == 0) error_ = descriptor_.write(viewOf(held_));
-    held_.clear();
+    if (error_ == 0) error_ = descriptor_.write(viewOf(held_).sub(0, heldBytes_));
+    heldBytes_ = 0;
     // What was set aside and not needed is given back.
     if (reserved_ > written_ && ftruncate(descriptor_.number(), written_) != 0 && error_ == 0) error_ = errno;
     // Some file systems only say here that there was no room.
     if (const int error = descriptor_.close(); error_ == 0) error_ = error;
-    if (error_ != 0) return errorText(error_);
+    if (error_ != 0) return std::unexpected(FileError::ofSystem(error_));
     if (!unfinishedPath_.empty() && unfinishedPath_ != path_ && std::rename(unfinishedPath_.c_str(), path_.c_str()) != 0)
-        return errorText(errno);
+        return std::unexpected(FileError::ofSystem(errno));
     unfinishedPath_.clear();
     return {};
 }

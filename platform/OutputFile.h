@@ -20,8 +20,8 @@ public:
         anything,  ///< whatever the user has named: also a pipe or a device that is there, or "-" for standard output
     };
 
-    /// Begins a file. Fails with the end of a sentence that begins with the path.
-    static std::expected<OutputFile, std::string> create(const std::string& path, ExistingFile existing, Kind kind);
+    /// Begins a file.
+    static std::expected<OutputFile, FileError> create(const std::string& path, ExistingFile existing, Kind kind);
     OutputFile(OutputFile&& other) noexcept;
     OutputFile& operator=(OutputFile&&) = delete;
     ~OutputFile();
@@ -32,8 +32,8 @@ public:
     void write(DataView bytes);
     /// False when a write has failed: the rest of the work is for nothing.
     bool isGood() const { return error_ == 0; }
-    /// Puts the complete file under its name. Gives what went wrong, then or at any write before; empty when nothing did.
-    std::string finish();
+    /// Puts the complete file under its name. Fails with what went wrong, then or at any write before.
+    std::expected<void, FileError> finish();
 
 private:
     OutputFile() = default;
@@ -44,7 +44,8 @@ private:
     int error_ = 0;
     std::int64_t written_ = 0;
     std::int64_t reserved_ = 0;
-    SecretBytes held_;  ///< small pieces, to be written as a large one
+    SecretBytes held_;            ///< small pieces, to be written as a large one
+    std::int64_t heldBytes_ = 0;  ///< at its beginning
 };
 
 }  // namespace sealscope SEALSCOPE_API

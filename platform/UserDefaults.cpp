@@ -172,18 +172,18 @@ fs::path nearestFolder(fs::path folder)
     return folder;
 }
 
-/// Why a file must be left as it is although the system might let us replace it.
-std::optional<std::string> reasonToLeave(const fs::path& file)
+/// Fails where a file must be left as it is although the system might let us replace it.
+std::expected<void, std::string> mayReplace(const fs::path& file)
 {
     struct stat status{};
     if (stat(file.c_str(), &status) == 0) {
-        if (status.st_uid != geteuid()) return "it belongs to another user";
-        if ((status.st_mode & S_IWUSR) == 0) return "it is read-only";
+        if (status.st_uid != geteuid()) return std::unexpected("it belongs to another user");
+        if ((status.st_mode & S_IWUSR) == 0) return std::unexpected("it is read-only");
     } else if (geteuid() == 0 && stat(nearestFolder(file.parent_path()).c_str(), &status) == 0 && status.st_uid != 0) {
         // A file of the administrator's in a user's folder would lock the user out of the settings.
-        return "its folder belongs to another user";
+        return std::unexpected("its folder belongs to another user");
     }
-    return std::nullopt;
+    return {};
 }
 
 /// The lock that writers of a file take turns by. It ends with the descriptor.
@@ -273,11 +273,11 @@ public:
             isChange = current(key) != value;
             if (!isChange && unsaved_.empty()) return true;
             unsaved_.insert_or_assign(std::string(key), value);
-            const auto problem = save();
-            isKept = !problem;
-            writeProblem_ = problem.transform([&](const std::string& reason) {
-                return fmt::format("{}: settings are not kept: {}", file_.empty() ? "settings" : file_.string(), reason);
-            });
+            const auto saved = save();
+            isKept = saved.has_value();
+            writeProblem_.reset();
+            if (!saved)
+                writeProblem_ = fmt::format("{}: settings are not kept: {}", file_.empty() ? "settings" : file_.string(), saved.error());
         }
         if (isChange) notify(key, value);
         return isKept;
@@ -336,25 +336,26 @@ private:
         return member == contents_.members.end() ? std::nullopt : valueOf(*member);
     }
 
-    /// Writes what is not saved yet; gives the reason when that is not possible.
-    std::optional<std::string> save()
+    /// Writes what is not saved yet.
+    std::expected<void, std::string> save()
     {
-        if (file_.empty()) return "there is no home directory to keep them in";
+        if (file_.empty()) return std::unexpected("there is no home directory to keep them in");
         std::error_code error;
-        if (!home_.empty() && !fs::is_directory(home_, error)) return fmt::format("the home directory {} does not exist", home_.string());
+        if (!home_.empty() && !fs::is_directory(home_, error))
+            return std::unexpected(fmt::format("the home directory {} does not exist", home_.string()));
         // Through a symbolic link the file that it points to is meant.
         fs::path target = fs::canonical(file_, error);
         if (error) target = file_;
-        if (auto reason = reasonToLeave(target)) return reason;
-        if (auto made = createFolders(target.parent_path().string()); !made) return made.error();
+        if (auto allowed = mayReplace(target); !allowed) return allowed;
+        if (auto made = createFolders(target.parent_path().string()); !made) return std::unexpected(made.error().text());
         const auto lock = lockFor(target, patience_);
         if (!lock) {
             patience_ = {};  // one wait is enough: who holds it for so long does not write settings
-            return lock.error();
+            return std::unexpected(lock.error());
         }
 
         Contents contents = readContents(target);
-        if (contents.state == Contents::State::unreadable) return contents.reason;
+        if (contents.state == Contents::State::unreadable) return std::unexpected(contents.reason);
         Json members = contents.members;
         for (const auto& [key, value] : unsaved_) {
             if (value)
@@ -364,22 +365,22 @@ private:
         }
         if (contents.state == Contents::State::damaged) {
             const auto aside = setAside(target);
-            if (!aside) return fmt::format("they are damaged and cannot be set aside: {}", aside.error());
+            if (!aside) return std::unexpected(fmt::format("they are damaged and cannot be set aside: {}", aside.error()));
             damage_ = fmt::format("{}: the settings were damaged: {}; they are kept as {}", file_.string(), contents.reason,
                                   aside->filename().string());
         } else if (members == contents.members) {
             contents_ = std::move(contents);
             wasRead_ = true;
             unsaved_.clear();
-            return std::nullopt;
+            return {};
         }
 
         const auto stamp = replaceFile(target, members.dump(4, ' ', false, Json::error_handler_t::replace) + "\n");
-        if (!stamp) return stamp.error();
+        if (!stamp) return std::unexpected(stamp.error());
         contents_ = {Contents::State::fine, {}, std::move(members), *stamp};
         wasRead_ = true;
         unsaved_.clear();
-        return std::nullopt;
+        return {};
     }
 
     void notify(std::string_view key, const std::optional<Value>& value)

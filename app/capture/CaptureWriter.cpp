@@ -15,6 +15,7 @@ namespace {
 
 constexpr std::int64_t sectionLengthOffset = 16;
 constexpr std::int64_t largePiece = 1 << 20, hugePiece = 8 << 20;
+constexpr std::uint32_t microsecondMagic = 0xA1B2'C3D4, nanosecondMagic = 0xA1B2'3C4D;
 constexpr std::int64_t packetsPerLookAtFile = 256;  // at whether the file is still there
 
 /// Whether bytes of a file are really there: what a file has lost reads as zeros once it was touched.
@@ -77,6 +78,29 @@ void CaptureWriter::put(const CapturedPacket& packet, std::uint32_t interface)
     put(static_cast<std::uint32_t>(packet.frame.size()));
     put(static_cast<std::uint32_t>(packet.originalLength));
     putPadded(packet.frame);
+}
+
+bool CaptureWriter::classicHeader(std::uint32_t linkType, std::uint32_t snapLength, std::uint8_t decimals)
+{
+    order_ = {};
+    block_.clear();
+    put(decimals == 9 ? nanosecondMagic : microsecondMagic);
+    put(std::uint16_t{2});  // version 2.4
+    put(std::uint16_t{4});
+    put(std::uint64_t{0});  // nobody fills these
+    put(snapLength);
+    put(linkType);
+    return sink_(viewOf(block_));
+}
+
+bool CaptureWriter::classicPacket(const CaptureTime& time, std::int64_t originalLength, DataView frame, DataView rest)
+{
+    block_.clear();
+    put(static_cast<std::uint32_t>(time.seconds));
+    put(static_cast<std::uint32_t>(time.units));
+    put(static_cast<std::uint32_t>(frame.size() + rest.size()));
+    put(static_cast<std::uint32_t>(originalLength));
+    return sink_(viewOf(block_)) && sink_(frame) && (rest.isEmpty() || sink_(rest));
 }
 
 bool CaptureWriter::copy(const Capture& capture, const CaptureChanges& changes)

@@ -20,8 +20,8 @@ struct CaptureChanges {
     bool dropsSecrets = false;  ///< every Decryption Secrets Block of the capture is left out, of whatever kind
 };
 
-/// Writes a capture in the pcapng format (draft-ietf-opsawg-pcapng), block by block, in this machine's byte order. Used by one
-/// thread.
+/// Writes a capture in the pcapng format (draft-ietf-opsawg-pcapng) block by block, or in the classic one (draft-ietf-opsawg-pcap)
+/// packet by packet, in this machine's byte order. Used by one thread.
 class CaptureWriter {
 public:
     /// Takes the bytes in order; false when it wants no more of them, which ends a copy.
@@ -35,6 +35,11 @@ public:
     bool secrets(std::string_view keyLog);
     /// Writes a packet of an interface, whose decimals its time must have.
     bool packet(const CapturedPacket& packet, std::uint32_t interface = 0);
+
+    /// Begins a classic file, whose packets are all of one interface; `decimals` are 6 or 9.
+    bool classicHeader(std::uint32_t linkType, std::uint32_t snapLength, std::uint8_t decimals);
+    /// Writes a packet of one, with those decimals; its frame goes on in `rest`.
+    bool classicPacket(const CaptureTime& time, std::int64_t originalLength, DataView frame, DataView rest = {});
 
     /// Writes all files of a capture that was read with random access, one after the other: of pcapng files every block as it
     /// stands, of pcap files the packets. Where a file is damaged, or became shorter meanwhile, its copy ends. False when the sink

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/capture/LiveCapture.h"
 
+#include "app/capture/CaptureWriter.h"
 #include "app/capture/Privileges.h"
 
 #include <algorithm>
@@ -36,7 +37,7 @@ struct CloseHandle {
     void operator()(pcap_t* handle) const { pcap_close(handle); }
 };
 struct CloseFile {
-    void operator()(pcap_dumper_t* file) const { pcap_dump_close(file); }
+    void operator()(std::FILE* file) const { std::fclose(file); }
 };
 
 /// Nanoseconds since 1970, by the clock that stamps packets. Safe in a signal handler.
@@ -54,17 +55,25 @@ milliseconds sinceTime(std::int64_t nanoseconds)
     return passed < 0 ? lastBlocksWithin : milliseconds(passed / 1'000'000);
 }
 
-/// Link types as files number them. The library's own numbers differ for raw IP alone, among those that the decoder knows.
-std::uint32_t linkTypeOf(int libraryNumber) { return libraryNumber == DLT_RAW ? 101 : static_cast<std::uint32_t>(libraryNumber); }
+/// Link types as files number them, from the library's own numbers, which differ for a few.
+std::uint32_t linkTypeOf(int libraryNumber)
+{
+    switch (libraryNumber) {
+    case DLT_ATM_RFC1483: return 100;
+    case DLT_RAW: return 101;
+    case DLT_ATM_CLIP: return 106;
+    default: return static_cast<std::uint32_t>(libraryNumber);
+    }
+}
 
 /// A file of its own, or the pipe or device that has the name.
-std::expected<FileDescriptor, std::string> openToWrite(const std::string& path, ExistingFile existing)
+std::expected<FileDescriptor, FileError> openToWrite(const std::string& path, ExistingFile existing)
 {
     struct stat status{};
     if (lstat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode) || S_ISLNK(status.st_mode) || S_ISDIR(status.st_mode))
         return createFile(path, existing);
     FileDescriptor file(::open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY));
-    if (!file) return std::unexpected(errorText(errno));
+    if (!file) return std::unexpected(FileError::ofSystem(errno));
     return file;
 }
 
@@ -92,25 +101,28 @@ struct LiveCapture::Implementation {
         poll(descriptors, 2, static_cast<int>(std::min<std::int64_t>(timeout.count(), 1 << 30)));
     }
 
-    void write(const pcap_pkthdr* header, const u_char* bytes)
+    void write(const CapturedPacket& packet)
     {
         if (!file || writeError != 0) return;
         errno = 0;
-        pcap_dump(reinterpret_cast<u_char*>(file.get()), header, bytes);
-        if (std::ferror(pcap_dump_file(file.get()))) writeError = errno != 0 ? errno : EIO;
+        if (!writer.classicPacket(packet.time, packet.originalLength, packet.frame)) writeError = errno != 0 ? errno : EIO;
         isFlushed = false;
     }
 
     void flush()
     {
         if (!file || isFlushed || writeError != 0) return;
-        if (pcap_dump_flush(file.get()) != 0) writeError = errno;
+        if (std::fflush(file.get()) != 0) writeError = errno;
         isFlushed = true;
     }
 
     LiveOptions options;
     std::unique_ptr<pcap_t, CloseHandle> handle;
-    std::unique_ptr<pcap_dumper_t, CloseFile> file;
+    std::unique_ptr<std::FILE, CloseFile> file;
+    CaptureWriter writer{[this](DataView bytes) {
+        const auto count = static_cast<std::size_t>(bytes.size());
+        return std::fwrite(bytes.data(), 1, count, file.get()) == count;
+    }};
     int writeError = 0;
     bool isFlushed = true;
     int stopEvent = -1;
@@ -160,7 +172,7 @@ std::expected<std::unique_ptr<LiveCapture>, CaptureError> LiveCapture::open(cons
     const auto createFileToWrite = [&]() -> std::expected<void, CaptureError> {
         if (options.writeTo.empty()) return {};
         auto created = openToWrite(options.writeTo, options.existing);
-        if (!created) return std::unexpected(CaptureError{.file = options.writeTo, .reason = created.error(), .couldNotOpen = true});
+        if (!created) return std::unexpected(CaptureError{.file = options.writeTo, .reason = created.error().text(), .couldNotOpen = true});
         file = std::move(*created);
         return {};
     };
@@ -183,13 +195,11 @@ std::expected<std::unique_ptr<LiveCapture>, CaptureError> LiveCapture::open(cons
     if (pcap_setnonblock(handle, 1, problem) != 0) return refused(problem);
     self->linkType = linkTypeOf(pcap_datalink(handle));
     if (file) {
-        std::FILE* const stream = fdopen(file.number(), "wb");
-        if (stream) file.release();
-        self->file.reset(stream ? pcap_dump_fopen(handle, stream) : nullptr);
-        if (!self->file) {
-            const std::string reason = stream ? pcap_geterr(handle) : errorText(errno);
-            return std::unexpected(CaptureError{.file = options.writeTo, .reason = reason, .couldNotOpen = true});
-        }
+        self->file.reset(fdopen(file.number(), "wb"));
+        if (self->file) file.release();
+        const auto snapLength = static_cast<std::uint32_t>(pcap_snapshot(handle));
+        if (!self->file || !self->writer.classicHeader(self->linkType, snapLength, self->hasNanoseconds ? 9 : 6))
+            return std::unexpected(CaptureError{.file = options.writeTo, .reason = errorText(errno), .couldNotOpen = true});
     }
     self->stopEvent = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (self->stopEvent < 0) return refused(errorText(errno));
@@ -216,7 +226,7 @@ LiveCapture::Outcome LiveCapture::next(CapturedPacket& packet, milliseconds time
             // What had arrived before the stop still counts; a flood behind it would never end.
             if (stopTime != 0 && packet.time.nanoseconds() > stopTime) return Outcome::stopped;
             ++self.number;
-            self.write(header, bytes);
+            self.write(packet);
             return Outcome::packet;
         }
         if (count < 0) {

@@ -34,7 +34,7 @@ std::expected<std::unique_ptr<SpoolFile>, std::string> SpoolFile::create(const s
     const char* const chosen = std::getenv("TMPDIR");
     const std::string directory = !folder.empty() ? folder : chosen && *chosen ? chosen : "/tmp";
     auto file = createUnnamedFile(directory);
-    if (!file) return failure("make", directory, !folder.empty(), file.error());
+    if (!file) return failure("make", directory, !folder.empty(), file.error().text());
     // Address space costs nothing until it is used, but a process may be allowed little of it.
     for (std::int64_t reserved = largestReservation; reserved >= smallestReservation; reserved /= 4) {
         void* const base = mmap(nullptr, static_cast<std::size_t>(reserved), PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);

@@ -99,11 +99,12 @@ std::optional<std::int64_t> memorySize(std::string_view text)
     return *number << shift;
 }
 
-/// Enters an option into the record; gives what is wrong with its argument, or nothing.
-std::string enter(Options& options, const OptionSpec& spec, std::string_view argument)
+/// Enters an option into the record. Fails with what is wrong with its argument, as a sentence.
+std::expected<void, std::string> enter(Options& options, const OptionSpec& spec, std::string_view argument)
 {
-    const auto refuse = [&](std::string_view wanted) { return fmt::format("--{} {}: {}", spec.name, argument, wanted); };
-    if (!spec.argument.empty() && argument.empty()) return fmt::format("--{}: the {} is empty", spec.name, spec.argument);
+    const auto refuse = [&](std::string_view wanted) { return std::unexpected(fmt::format("--{} {}: {}", spec.name, argument, wanted)); };
+    if (!spec.argument.empty() && argument.empty())
+        return std::unexpected(fmt::format("--{}: the {} is empty", spec.name, spec.argument));
     const auto number = [&](std::int64_t least) { return wholeNumber(argument, least); };
     switch (spec.option) {
     case Option::keylog: options.keylogs.emplace_back(argument); break;
@@ -247,15 +248,15 @@ public:
         options_.arguments.insert(options_.arguments.end(), arguments + optind, arguments + argumentCount);
 
         if (options_.help || options_.version) return options_;
-        if (problem_.empty()) settle();
-        if (!problem_.empty()) return std::unexpected(problem_);
+        if (!problem_) settle();
+        if (problem_) return std::unexpected(*problem_);
         return options_;
     }
 
 private:
     void note(std::string problem)
     {
-        if (problem_.empty()) problem_ = std::move(problem);
+        if (!problem_) problem_ = std::move(problem);
     }
 
     /// The first word may name a command; "help" in front of it asks for that command's help.
@@ -289,7 +290,7 @@ private:
             return found == candidate.letter || found == firstOption + static_cast<int>(candidate.option);
         });
         met_.push_back(spec->option);
-        note(enter(options_, *spec, optarg ? optarg : ""));
+        if (const auto entered = enter(options_, *spec, optarg ? optarg : ""); !entered) note(entered.error());
     }
 
     /// Finds the command, and whether options and arguments are its own.
@@ -317,7 +318,7 @@ private:
 
     Options options_;
     std::vector<Option> met_;
-    std::string problem_;
+    std::optional<std::string> problem_;  ///< the first
 };
 
 }  // namespace

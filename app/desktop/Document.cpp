@@ -137,7 +137,8 @@ void Document::readRecordedStreams()
     static constexpr auto leastPause = std::chrono::seconds(2);
     const auto work = [this, packets = packets_, recorded = recorded_, keyLogs = keyLogs_](const Job::Context& context) {
         const auto begin = Clock::now();
-        const QString problem = recorded->update(packets->capture());
+        const auto recording = recorded->update(packets->capture());
+        const QString problem = recording ? QString() : recording.error().text();
         auto session = Session::open({.files = {recorded->path().toStdString()},
                                       .keyLogs = paths(keyLogs),
                                       .progress = {},

@@ -237,7 +237,9 @@ void MainWindow::saveRecorded()
     if (name.isEmpty()) return;
     saving_ = compute(
         [recorded = document_.recorded(), file = name.toStdString()](const std::stop_token& stop) { return recorded->copyTo(file, stop); },
-        [this](const std::string& problem) { document_.tell(shownText(problem)); });
+        [this](const std::expected<void, RecordingProblem>& copied) {
+            document_.tell(copied ? QString() : shownText(copied.error().text().toStdString()));
+        });
 }
 
 void MainWindow::makeHelpMenu()

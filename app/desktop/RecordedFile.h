@@ -3,7 +3,7 @@
 
 #include <QString>
 #include <QTemporaryFile>
-
+#include <expected>
 #include <mutex>
 #include <stop_token>
 #include <string>
@@ -14,16 +14,23 @@ class Capture;
 
 namespace sealscope::desktop {
 
+/// Why what was captured could not be kept.
+struct RecordingProblem {
+    QString file;
+    QString reason;
+    QString text() const { return QStringLiteral("%1: %2").arg(file, reason); }
+};
+
 /// A temporary file with what has been captured so far, so that its streams can be indexed and the user can keep it. For its
 /// owner alone; gone with this. Any thread may use it.
 class RecordedFile {
 public:
     RecordedFile();
     QString path() const { return file_.fileName(); }
-    /// Adds what came since the last time. Gives what went wrong, as a sentence; empty when nothing did.
-    QString update(const Capture& capture);
-    /// Writes the same to a file of the user's, in the place of one that is there. Gives what went wrong, as `update` does.
-    std::string copyTo(const std::string& file, const std::stop_token& stop) const;
+    /// Adds what came since the last time.
+    std::expected<void, RecordingProblem> update(const Capture& capture);
+    /// Writes the same to a file of the user's, in the place of one that is there.
+    std::expected<void, RecordingProblem> copyTo(const std::string& file, const std::stop_token& stop) const;
 
     RecordedFile(const RecordedFile&) = delete;
     RecordedFile& operator=(const RecordedFile&) = delete;

@@ -111,7 +111,7 @@ std::optional<SavedObject> ObjectFolder::save(std::int64_t stream, const StreamM
             auto created = OutputFile::create(path, existing_ == Existing::replaced ? ExistingFile::isReplaced : ExistingFile::stays,
                                               OutputFile::Kind::regular);
             if (!created) {
-                saved.problem = path + ": " + created.error();
+                saved.problem = FileProblem{path, created.error()}.text();
                 return false;
             }
             file.emplace(std::move(*created));
@@ -124,10 +124,10 @@ std::optional<SavedObject> ObjectFolder::save(std::int64_t stream, const StreamM
     saved.isComplete = ending.isComplete && !stop.stop_requested();
     saved.remark = ending.reason;
     if (!file) return saved;
-    if (const std::string problem = file->finish(); !problem.empty())
-        saved.problem = path + ": " + problem;
-    else
+    if (const auto finished = file->finish())
         saved.file = path;
+    else
+        saved.problem = FileProblem{path, finished.error()}.text();
     return saved;
 }
 

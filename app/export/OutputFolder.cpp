@@ -2,18 +2,17 @@
 #include "app/export/OutputFolder.h"
 
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <sys/stat.h>
 
 namespace sealscope {
 
-std::expected<void, std::string> prepareOutputFolder(const std::string& path)
+std::expected<void, FileError> prepareOutputFolder(const std::string& path)
 {
     std::error_code error;
     if (std::filesystem::is_directory(path, error)) return {};
-    if (std::filesystem::exists(path, error)) return std::unexpected("is not a directory");
-    if (mkdir(path.c_str(), 0700) != 0) return std::unexpected(std::strerror(errno));
+    if (std::filesystem::exists(path, error)) return std::unexpected(FileError{FileError::Problem::isNoDirectory});
+    if (mkdir(path.c_str(), 0700) != 0) return std::unexpected(FileError::ofSystem(errno));
     return {};
 }
 

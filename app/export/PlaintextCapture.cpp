@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/export/PlaintextCapture.h"
 
+#include "app/capture/CaptureWriter.h"
 #include "app/capture/PacketDecoder.h"
 
 #include <algorithm>
@@ -101,19 +102,17 @@ struct PlannedPacket {
 
 DataView addressBytes(const TCPStreamKey::Endpoint& endpoint) { return {endpoint.address.data(), endpoint.isIPv6 ? 16 : 4}; }
 
-/// A classic capture file (draft-ietf-opsawg-pcap) in this machine's byte order, of Ethernet frames.
+/// Writes packets as Ethernet frames of a classic capture file.
 class PacketWriter {
 public:
-    explicit PacketWriter(OutputFile& file) : file_(file)
+    explicit PacketWriter(OutputFile& file)
+        : writer_([&file](DataView bytes) {
+              file.write(bytes);
+              return true;
+          })
     {
-        constexpr std::uint32_t magic = 0xA1B2C3D4, snapLength = 262'144, ethernet = 1;
-        put(magic);
-        put(std::uint16_t{2});
-        put(std::uint16_t{4});
-        put(std::uint32_t{0});
-        put(std::uint32_t{0});
-        put(snapLength);
-        put(ethernet);
+        constexpr std::uint32_t ethernet = 1, snapLength = 262'144;
+        writer_.classicHeader(ethernet, snapLength, 6);
     }
 
     void write(const PlannedPacket& packet)
@@ -128,25 +127,14 @@ public:
 
         constexpr std::int64_t perSecond = 1'000'000;
         const std::int64_t seconds = packet.microseconds / perSecond - (packet.microseconds % perSecond < 0);
-        const auto length = static_cast<std::uint32_t>(static_cast<std::int64_t>(headers.size()) + packet.payload.size());
-        put(static_cast<std::uint32_t>(seconds));
-        put(static_cast<std::uint32_t>(packet.microseconds - seconds * perSecond));
-        put(length);
-        put(length);
-        file_.write(headers.from(0));
-        file_.write(packet.payload);
+        const CaptureTime time{
+            .seconds = seconds, .units = static_cast<std::uint64_t>(packet.microseconds - seconds * perSecond), .resolution = perSecond};
+        writer_.classicPacket(time, static_cast<std::int64_t>(headers.size()) + packet.payload.size(), headers.from(0), packet.payload);
     }
 
 private:
     static constexpr std::uint16_t tcpHeaderLength = 20;
     static constexpr std::uint8_t tcp = 6, timeToLive = 64;
-
-    template <class Integer> void put(Integer value)
-    {
-        std::array<std::uint8_t, sizeof value> bytes;
-        std::memcpy(bytes.data(), &value, sizeof value);
-        file_.write({bytes.data(), std::ssize(bytes)});
-    }
 
     static std::uint16_t segmentLength(const PlannedPacket& packet)
     {
@@ -220,7 +208,7 @@ private:
         headers.storeChecksum(start + 16, checksum);
     }
 
-    OutputFile& file_;
+    CaptureWriter writer_;
 };
 
 }  // namespace
@@ -287,16 +275,16 @@ void PlaintextCapture::Direction::putDown()
     if (const auto place = capture_.spool_->append(DataView(bytes_))) {
         for (Segment& segment : segments_) segment.offset += *place;
         capture_.segments_.insert(capture_.segments_.end(), segments_.begin(), segments_.end());
-    } else if (capture_.problem_.empty()) {
-        capture_.problem_ = place.error();
+    } else if (capture_.spooled_) {
+        capture_.spooled_ = std::unexpected(place.error());
     }
     segments_.clear();
     bytes_.clear();
 }
 
-std::string PlaintextCapture::write(OutputFile& file, const std::stop_token& stop)
+std::expected<void, std::string> PlaintextCapture::write(OutputFile& file, const std::stop_token& stop)
 {
-    if (!problem_.empty()) return problem_;
+    if (!spooled_) return spooled_;
     // A connection opens at its first packet and closes at its last, and all its data come in between.
     for (Segment& segment : segments_) {
         const Connection& connection = connections_[segment.connection];

@@ -76,9 +76,9 @@ public:
         std::vector<Segment> segments_;  ///< of `bytes_`, with offsets in there
     };
 
-    /// Writes everything; once it is to stop, what half a second is enough for. Gives what was wrong with the temporary file; empty
-    /// when nothing was.
-    std::string write(OutputFile& file, const std::stop_token& stop);
+    /// Writes everything; once it is to stop, what half a second is enough for. Fails with what was wrong with the temporary file; how
+    /// writing went the file tells.
+    std::expected<void, std::string> write(OutputFile& file, const std::stop_token& stop);
 
     PlaintextCapture(const PlaintextCapture&) = delete;
     PlaintextCapture& operator=(const PlaintextCapture&) = delete;
@@ -88,7 +88,7 @@ private:
 
     std::mutex mutex_;  ///< guards what follows
     std::unique_ptr<SpoolFile> spool_;
-    std::string problem_;  ///< with the temporary file
+    std::expected<void, std::string> spooled_;  ///< how putting things into the temporary file went
     std::vector<Connection> connections_;
     std::vector<Segment> segments_;
 };

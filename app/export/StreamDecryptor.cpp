@@ -79,7 +79,7 @@ OpenedDirection StreamDecryptor::open(const TCPStream& stream, TCPSegment::Direc
         if (!path.empty() && !file) {
             auto created = OutputFile::create(path, output_.existing, OutputFile::Kind::regular);
             if (!created) {
-                opened.problem = path + ": " + created.error();
+                opened.problem = FileProblem{path, created.error()};
                 return false;
             }
             file.emplace(std::move(*created));
@@ -115,10 +115,10 @@ OpenedDirection StreamDecryptor::open(const TCPStream& stream, TCPSegment::Direc
             if (gap.range.lower >= end) fill(gap);
     }
     if (!file) return opened;
-    if (const std::string problem = file->finish(); !problem.empty())
-        opened.problem = path + ": " + problem;
-    else
+    if (const auto finished = file->finish())
         opened.file = path;
+    else
+        opened.problem = FileProblem{path, finished.error()};
     return opened;
 }
 

@@ -19,7 +19,7 @@ struct OpenedDirection {
     std::int64_t bytes = 0;
     std::int64_t filledBytes = 0;  ///< beside them, in place of what did not open
     std::string file;     ///< that holds them; empty when there is none
-    std::string problem;  ///< with that file, as a sentence
+    std::optional<FileProblem> problem;  ///< with that file
     std::optional<TLSDirectionReport> report;
     std::string probe;  ///< that opened it
     DecryptionReach reach = DecryptionReach::strict;

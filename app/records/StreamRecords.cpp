@@ -144,6 +144,13 @@ void writeReason(JSONLineWriter& json, const StreamVerdict& verdict, const Strea
             json.member("certificate", keys->certificate);
             json.endObject();
         }
+        if (const auto& search = report->search) {
+            json.key("search");
+            json.beginObject();
+            json.member("candidates", search->candidates);
+            json.member("tried", search->tried);
+            json.endObject();
+        }
         writeDirection(json, "client", report->client, verdict.reach);
         writeDirection(json, "server", report->server, verdict.reach);
     }

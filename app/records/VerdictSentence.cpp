@@ -56,6 +56,19 @@ std::string noHandshake(const TLSDecryptionReport& report, const StreamSummary& 
     return withAlert(reader.say("the handshake is not complete in the capture"), report, reader);
 }
 
+/// A clause with how many secrets were tried in vain behind it, where that was done.
+std::string withSearch(std::string clause, const TLSDecryptionReport& report, const SentenceReader& reader)
+{
+    if (!report.search || report.search->tried == 0) return clause;
+    const auto& [candidates, tried] = *report.search;
+    clause += reader.word("; ");
+    if (tried < candidates)
+        return clause += reader.say("the secrets of the last {} of {} connections in the key log were tried, and none opens a record",
+                                    tried, candidates);
+    return clause += reader.sayOf(tried, "the secrets of {} connection in the key log were tried, and none opens a record",
+                                  "the secrets of {} connections in the key log were tried, and none opens a record", tried);
+}
+
 std::string noKeyMaterial(const StreamVerdict& verdict, const SentenceReader& reader)
 {
     const KeyLogFacts facts = verdict.keyLog.value_or(KeyLogFacts{});
@@ -127,8 +140,11 @@ void appendOpened(std::string& text, std::string_view side, const TLSDirectionRe
 {
     if (direction.stop == Stop::nothingProtected) return reader.sayInto(text, FMT_COMPILE("{} sent nothing protected"), side);
     const std::string_view comma = reader.word(", ");
+    // Of records whose headers were lost nobody saw any, but the sequence numbers behind them tell of those as well.
+    const std::int64_t told = direction.gaps.empty() ? 0 : direction.openedRecords + direction.skippedRecords;
+    const std::int64_t records = std::max(direction.protectedRecords, told);
     const auto appendRecords = [&](const auto& opened, const auto& all) {
-        if (direction.protectedRecords == 1)
+        if (records == 1)
             reader.sayInto(text, FMT_COMPILE("{} {} of {} record"), side, opened, all);
         else
             reader.sayInto(text, FMT_COMPILE("{} {} of {} records"), side, opened, all);
@@ -143,7 +159,7 @@ void appendOpened(std::string& text, std::string_view side, const TLSDirectionRe
         const std::int64_t gaps = std::ssize(direction.gaps);
         std::int64_t gapBytes = 0;
         for (const PlaintextGap& gap : direction.gaps) gapBytes += gap.range.size();
-        appendRecords(reader.grouped(direction.openedRecords), reader.grouped(direction.protectedRecords));
+        appendRecords(reader.grouped(direction.openedRecords), reader.grouped(records));
         ((text += bytesText(direction.plaintextBytes)) += comma) += reader.say("{} lost", reader.grouped(direction.skippedRecords));
         (text += comma) += reader.sayOf(gaps, "{} gap of {}", "{} gaps of {}", reader.grouped(gaps), bytesText(gapBytes));
     }
@@ -251,7 +267,8 @@ std::string verdictSentence(const StreamVerdict& verdict, const StreamSummary& s
     if (auto problem = privateKeyProblem(verdict, reader); !problem.empty()) return problem;
     switch (*verdict.outcome.failure) {
     case TLSDecryptionFailure::noHandshake:
-        return report ? noHandshake(*report, summary, reader) : reader.say("the capture holds no complete handshake");
+        return report ? withSearch(noHandshake(*report, summary, reader), *report, reader)
+                      : reader.say("the capture holds no complete handshake");
     case TLSDecryptionFailure::unsupportedVersion:
         return reader.say("{} is not supported for decryption",
                           report ? std::string_view(report->versionName) : reader.word("this version"));

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/session/Exchanges.h"
 
+#include "app/session/ResumedSessions.h"
+
 #include <algorithm>
 #include <iterator>
 #include <utility>
@@ -31,7 +33,11 @@ std::optional<StreamInterpretation> applicationInterpretation(const Session& ses
     const SessionPlugIns& plugIns = session.plugIns();
     const VELStreamInterpreting* const interpreter = plugIns.interpreter(stream);
     if (!interpreter) return std::nullopt;
-    if (interpreter->layer == StreamLayer::security) return plugIns.decryptedInterpretation(stream, plugIns.context());
+    if (interpreter->layer == StreamLayer::security) {
+        auto interpretation = plugIns.decryptedInterpretation(stream, plugIns.context());
+        if (interpretation || !foundResumedSession(session, stream)) return interpretation;
+        return plugIns.decryptedInterpretation(stream, plugIns.context());
+    }
     return interpreter->interpret(stream, plugIns.context());
 }
 
@@ -40,7 +46,11 @@ std::unique_ptr<StreamExchangeReader> applicationExchanges(const Session& sessio
     const SessionPlugIns& plugIns = session.plugIns();
     const VELStreamInterpreting* const interpreter = plugIns.interpreter(stream);
     if (!interpreter) return nullptr;
-    if (interpreter->layer == StreamLayer::security) return plugIns.decryptedExchanges(stream, plugIns.context());
+    if (interpreter->layer == StreamLayer::security) {
+        auto reader = plugIns.decryptedExchanges(stream, plugIns.context());
+        if (reader || !foundResumedSession(session, stream)) return reader;
+        return plugIns.decryptedExchanges(stream, plugIns.context());
+    }
     return plugIns.exchanges(*interpreter, stream, plugIns.context());
 }
 

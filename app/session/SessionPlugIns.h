@@ -9,7 +9,9 @@
 #include "host/VELModels/VELStreamInterpreting.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -48,6 +50,8 @@ public:
     /// Whether a probe has anything to open streams with: a secret, or means of its own that are no key log.
     bool canOpen(const TLSStreamDecryptionProbing& probe) const;
     const KeyLogSources& secrets() const { return *secrets_; }
+    /// Calls `show` once, however often and by whomever this is asked, and returns when that is done.
+    void showAllStreams(const std::function<void()>& show) const { std::call_once(shown_, show); }
 
     std::optional<StreamInterpretation> decryptedInterpretation(const TCPStream& stream, const StreamContext& context) const override;
     std::optional<StreamInterpretation> carriedInterpretation(const TCPStream& stream, const StreamContext& context) const override;
@@ -67,6 +71,7 @@ private:
     std::vector<const VELStreamInterpreting*> interpreters_;
     std::vector<std::shared_ptr<const TLSStreamDecryptionProbing>> probes_;
     std::vector<std::shared_ptr<const StreamDescribing>> describers_ = StreamDescriberRegistry::shared().snapshot();
+    mutable std::once_flag shown_;
     std::vector<const TLSStreamDecryptionProbing*> withoutKeyLogs_;  ///< those that have no use for any
 };
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/verdict/StreamVerdict.h"
 
+#include "app/session/ResumedSessions.h"
 #include "host/VELCommonTools/KeylogLocations.h"
 
 #include <algorithm>
@@ -115,14 +116,20 @@ std::optional<StreamVerdict> StreamVerdicts::verdict(const TCPStream& stream, Re
         if (!best || opensMore) {
             best = std::move(verdict);
             answering = probe.get();
-        } else if (best->report && verdict.report && verdict.report->privateKeys) {
-            // Only who can use private keys knows what is the matter with them.
-            best->report->privateKeys = std::move(verdict.report->privateKeys);
+        } else if (best->report && verdict.report) {
+            // Only who can use private keys knows what is the matter with them, and only who looks for secrets how many there were.
+            if (verdict.report->privateKeys) best->report->privateKeys = std::move(verdict.report->privateKeys);
+            if (verdict.report->search) best->report->search = verdict.report->search;
         }
         // Nobody opens more than everything.
         if (best->outcome.isDecrypted() && (depth == ReportDepth::hellos || !best->isPartly())) break;
     }
-    if (best && best->outcome.failure == TLSDecryptionFailure::noKeyMaterial) best->keyLog = keyLogFacts(*answering);
+    if (best && best->outcome.failure == TLSDecryptionFailure::noKeyMaterial) {
+        // Those of TLS 1.3 have secrets of their own.
+        const bool mayBeResumed = best->report && best->report->version && *best->report->version <= 0x0303;
+        if (mayBeResumed && foundResumedSession(session_, stream)) return verdict(stream, depth);
+        best->keyLog = keyLogFacts(*answering);
+    }
     return best;
 }
 
@@ -178,14 +185,17 @@ std::optional<TLSDirectionReport> ProbeReader::report()
 
 std::unique_ptr<ProbeReader> StreamVerdicts::plaintextReader(const TCPStream& stream, TCPSegment::Direction direction) const
 {
-    return ProbeReader::begin(stream, direction, session_.plugIns().probes());
+    const auto& probes = session_.plugIns().probes();
+    auto reader = ProbeReader::begin(stream, direction, probes);
+    if (!reader && foundResumedSession(session_, stream)) reader = ProbeReader::begin(stream, direction, probes);
+    return reader;
 }
 
 SecretText StreamVerdicts::keyLogLines(const TCPStream& stream) const
 {
     for (const auto& probe : session_.plugIns().probes() | std::views::reverse)
         if (auto lines = probe->keyLogLines(stream); !lines.empty()) return lines;
-    return {};
+    return foundResumedSession(session_, stream) ? keyLogLines(stream) : SecretText();
 }
 
 std::optional<TLSDecryptionReport> StreamVerdicts::report(const TCPStream& stream) const

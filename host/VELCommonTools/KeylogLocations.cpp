@@ -40,7 +40,7 @@ std::filesystem::path KeylogLocations::liveKeylog()
     return (isUsable ? std::string(dataHome) : homeFolder() + "/.local/share") + "/sealscope/keylog.txt";
 }
 
-std::expected<void, std::string> KeylogLocations::makeLiveKeylog()
+std::expected<void, FileError> KeylogLocations::makeLiveKeylog()
 {
     const std::filesystem::path file = liveKeylog();
     std::error_code error;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "platform/Export.h"
+#include "platform/FileDescriptor.h"
 
 #include <expected>
 #include <filesystem>
@@ -15,8 +15,8 @@ struct KeylogLocations {
     /// The managed key log, to which the application lets programs write their secrets: `sealscope/keylog.txt` under
     /// `$XDG_DATA_HOME`, by default `~/.local/share`. It need not exist.
     static std::filesystem::path liveKeylog();
-    /// Makes it, for its owner alone, with the folders above it; leaves one that is there as it is. Fails with the reason.
-    static std::expected<void, std::string> makeLiveKeylog();
+    /// Makes it, for its owner alone, with the folders above it; leaves one that is there as it is.
+    static std::expected<void, FileError> makeLiveKeylog();
 };
 
 }  // namespace sealscope SEALSCOPE_API

@@ -79,7 +79,7 @@ struct TLSDirectionReport {
 /// The application data of one protected record. The bytes are lent until the reader moves on.
 struct PlaintextRecord {
     DataView plaintext;
-    ByteRange body;  ///< of the record's body in the captured direction's data
+    ByteRange body;                   ///< of the record's body in the captured direction's data
     std::optional<PlaintextGap> gap;  ///< between it and the application data before it
 };
 
@@ -118,6 +118,14 @@ struct TLSPrivateKeyReport {
     bool operator==(const TLSPrivateKeyReport&) const = default;
 };
 
+/// What was done about a connection without a Client Hello, which nothing tells the secrets of: one client random's after another were
+/// tried.
+struct TLSSecretSearchReport {
+    std::int64_t candidates = 0;  ///< client randoms whose secrets at hand could be the connection's
+    std::int64_t tried = 0;       ///< of them, the last that the key logs got first; fewer where one opened, or where there are too many
+    bool operator==(const TLSSecretSearchReport&) const = default;
+};
+
 /// A key log label, and the length of its secret where a key log has one for the connection.
 struct TLSSecretReport {
     std::string label;
@@ -150,6 +158,7 @@ struct TLSDecryptionReport {
     /// Other known labels under which the key logs hold a secret for the client random: those of another version, say.
     std::vector<std::string> otherLabels;
     std::optional<TLSPrivateKeyReport> privateKeys;  ///< nothing where none is at hand, or of use to the probe
+    std::optional<TLSSecretSearchReport> search;     ///< nothing where there was nothing to look for, or to try
     TLSDirectionReport client;
     TLSDirectionReport server;
 

@@ -188,8 +188,10 @@ void ReachConnection::findHellos()
     serverHelloState_ = state(stream_.serverToClientData, hellos[1], isWhole[1]);
     if (hellos[0] && isWhole[0]) clientHello_ = TLSDissector::parseClientHello(hellos[0]->body, 0);
     if (hellos[1] && isWhole[1]) serverHello_ = parseServerHello(hellos[1]->body, 0);
-    if (clientHello_ && serverHello_) parameters_ = parametersOf(*clientHello_, hellos[0]->body, *serverHello_, hellos[1]->body);
-    else settleWithoutHellos();
+    if (clientHello_ && serverHello_)
+        parameters_ = parametersOf(*clientHello_, hellos[0]->body, *serverHello_, hellos[1]->body);
+    else
+        settleWithoutHellos();
 }
 
 // A traffic secret of TLS 1.3 opens records without any hello: what a hello would have said, the suite and whose connection it
@@ -232,10 +234,14 @@ void ReachConnection::settleWithoutHellos()
     known.forEach([&](std::string_view label, DataView clientRandom, DataView secret) {
         if (label == wanted) clients.emplace_back(Data(clientRandom), secret.size());
     });
+    if (clients.empty()) return;
+    search_ = TLSSecretSearchReport{.candidates = std::ssize(clients)};
     if (clients.size() > mostClients) clients.erase(clients.begin(), clients.end() - static_cast<std::ptrdiff_t>(mostClients));
     for (auto client = clients.rbegin(); client != clients.rend(); ++client) {
+        ++search_->tried;
         if (isTLS12) {
-            const auto hello = std::ranges::find(clearMessages_[1], std::to_underlying(TLSHandshakeType::serverHello), &AssembledMessage::type);
+            const auto hello =
+                std::ranges::find(clearMessages_[1], std::to_underlying(TLSHandshakeType::serverHello), &AssembledMessage::type);
             ClientHelloInfo unknown{.clientRandom = client->first};
             if (opens(parametersOf(unknown, {}, *serverHello_, hello->body))) return;
         } else if (opensTLS13(client->first, client->second)) {
@@ -249,7 +255,7 @@ bool ReachConnection::isThereFromTheStart(Direction direction) const { return !c
 bool ReachConnection::hasKeyMaterial() const
 {
     if (!parameters_) return false;
-    if (!parameters_->isTLS13()) return parameters_->suite && masterSecret(*parameters_, true).has_value();
+    if (!parameters_->isTLS13()) return parameters_->suite && masterSecret(*parameters_, Turn::first).has_value();
     return trafficSecret("CLIENT_TRAFFIC_SECRET_0") || trafficSecret("SERVER_TRAFFIC_SECRET_0");
 }
 
@@ -268,24 +274,24 @@ std::optional<SecretBytes> ReachConnection::knownMasterSecret(const HandshakePar
     return std::nullopt;
 }
 
-std::optional<SecretBytes> ReachConnection::masterSecret(const HandshakeParameters& parameters, bool isFirst) const
+std::optional<SecretBytes> ReachConnection::masterSecret(const HandshakeParameters& parameters, Turn turn) const
 {
     // While nothing settles whose connection it is, one client after another is tried.
-    if (!isFirst || !clientHello_) return lookForMasterSecret(parameters, isFirst);
-    if (!firstMasterSecret_) firstMasterSecret_ = lookForMasterSecret(parameters, isFirst);
+    if (turn != Turn::first || !clientHello_) return lookForMasterSecret(parameters, turn);
+    if (!firstMasterSecret_) firstMasterSecret_ = lookForMasterSecret(parameters, turn);
     return *firstMasterSecret_;
 }
 
-std::optional<SecretBytes> ReachConnection::lookForMasterSecret(const HandshakeParameters& parameters, bool isFirst) const
+std::optional<SecretBytes> ReachConnection::lookForMasterSecret(const HandshakeParameters& parameters, Turn turn) const
 {
-    const auto found = foundMasterSecret(parameters, isFirst);
+    const auto found = foundMasterSecret(parameters, turn);
     if (!found) {
         // A session that is resumed has no certificate and no key exchange of its own.
-        if (!isFirst || clearMessage(Direction::serverToClient, TLSHandshakeType::serverHelloDone)) return std::nullopt;
+        if (turn != Turn::first || clearMessage(Direction::serverToClient, TLSHandshakeType::serverHelloDone)) return std::nullopt;
         if (const auto byID = secrets_->memory->recall(parameters.sessionID)) return byID;
         return secrets_->memory->recall(parameters.ticket);
     }
-    if (!isFirst) return found;
+    if (turn != Turn::first) return found;
     secrets_->memory->remember(parameters.sessionID, *found);
     constexpr std::int64_t ticketAt = 6;  // behind lifetime and length (RFC 5077 §3.3)
     if (const auto* const message = clearMessage(Direction::serverToClient, TLSHandshakeType::newSessionTicket))
@@ -300,10 +306,10 @@ const AssembledMessage* ReachConnection::clearMessage(Direction direction, TLSHa
     return found == messages.end() ? nullptr : &*found;
 }
 
-std::optional<SecretBytes> ReachConnection::foundMasterSecret(const HandshakeParameters& parameters, bool isFirst) const
+std::optional<SecretBytes> ReachConnection::foundMasterSecret(const HandshakeParameters& parameters, Turn turn) const
 {
     if (auto known = knownMasterSecret(parameters)) return known;
-    if (!isFirst) return std::nullopt;
+    if (turn != Turn::first) return std::nullopt;
     const auto premaster = premasterSecret(parameters);
     if (!premaster) return std::nullopt;
     if (parameters.version == ssl3)
@@ -369,7 +375,7 @@ std::optional<TLSPrivateKeyReport> ReachConnection::privateKeyReport() const
 SecretText ReachConnection::keyLogLine() const
 {
     if (!parameters_ || parameters_->isTLS13() || !parameters_->suite) return {};
-    const auto secret = masterSecret(*parameters_, true);
+    const auto secret = masterSecret(*parameters_, Turn::first);
     if (!secret) return {};
     SecretText line("CLIENT_RANDOM ");
     const auto append = [&](DataView bytes) {
@@ -414,10 +420,11 @@ std::unique_ptr<RecordOpener> ReachConnection::openerAfterChange(Direction direc
 {
     const auto parameters = handshake(change);
     if (!parameters || !parameters->suite) return nullptr;
-    const auto secret = masterSecret(*parameters, change == 1);
+    const auto secret = masterSecret(*parameters, change == 1 ? Turn::first : Turn::further);
     if (!secret) return nullptr;
-    auto opener = makeRecordOpener(*parameters->suite, parameters->version, parameters->encryptsThenMACs,
-                                   keysOf(direction, *parameters, viewOf(*secret)));
+    auto opener =
+        makeRecordOpener(*parameters->suite, parameters->version, parameters->encryptsThenMACs ? MACPlace::behind : MACPlace::inside,
+                         keysOf(direction, *parameters, viewOf(*secret)));
     return parameters->compresses ? inflating(std::move(opener)) : std::move(opener);
 }
 

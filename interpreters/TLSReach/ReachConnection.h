@@ -60,6 +60,8 @@ public:
     const std::optional<ServerHelloInfo>& serverHello() const { return serverHello_; }
     TLSDecryptionReport::Hello clientHelloState() const { return clientHelloState_; }
     TLSDecryptionReport::Hello serverHelloState() const { return serverHelloState_; }
+    /// How whose connection it is was looked for; nothing where a hello says so, or no secret could be the connection's.
+    const std::optional<TLSSecretSearchReport>& search() const { return search_; }
     /// What the private keys at hand are to the connection; nothing where there are none.
     std::optional<TLSPrivateKeyReport> privateKeyReport() const;
     /// The master secret of the first handshake as a line of a key log; empty where it is not known, and for TLS 1.3.
@@ -78,12 +80,15 @@ public:
     std::optional<HandshakeParameters> handshake(std::int64_t change);
 
 private:
+    /// Of a connection's handshakes the first, or one inside its encryption.
+    enum class Turn : std::uint8_t { first, further };
+
     void findHellos();
     void settleWithoutHellos();
     std::optional<SecretBytes> knownMasterSecret(const HandshakeParameters& parameters) const;
-    std::optional<SecretBytes> foundMasterSecret(const HandshakeParameters& parameters, bool isFirst) const;
-    std::optional<SecretBytes> masterSecret(const HandshakeParameters& parameters, bool isFirst) const;
-    std::optional<SecretBytes> lookForMasterSecret(const HandshakeParameters& parameters, bool isFirst) const;
+    std::optional<SecretBytes> foundMasterSecret(const HandshakeParameters& parameters, Turn turn) const;
+    std::optional<SecretBytes> masterSecret(const HandshakeParameters& parameters, Turn turn) const;
+    std::optional<SecretBytes> lookForMasterSecret(const HandshakeParameters& parameters, Turn turn) const;
     const AssembledMessage* clearMessage(Direction direction, TLSHandshakeType type) const;
     std::optional<DataView> encryptedPremaster(const HandshakeParameters& parameters) const;
     std::optional<SecretBytes> premasterSecret(const HandshakeParameters& parameters) const;
@@ -98,6 +103,7 @@ private:
     TLSDecryptionReport::Hello clientHelloState_ = TLSDecryptionReport::Hello::missing;
     TLSDecryptionReport::Hello serverHelloState_ = TLSDecryptionReport::Hello::missing;
     std::optional<HandshakeParameters> parameters_;
+    std::optional<TLSSecretSearchReport> search_;
     std::array<std::unique_ptr<ReachWalk>, 2> scouts_;  ///< look for the hellos of handshakes inside others
     std::array<bool, 2> isScouting_{};
     std::vector<std::optional<HandshakeParameters>> renegotiated_;

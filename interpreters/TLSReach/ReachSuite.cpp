@@ -5,6 +5,8 @@
 #include "Sealscope/TLSNames.h"
 
 #include <algorithm>
+#include <array>
+#include <fmt/format.h>
 #include <string_view>
 #include <utility>
 
@@ -26,42 +28,71 @@ struct NamedSuite {
 
 /// Suites in use somewhere that the list of names beside the TLS plug-in leaves out. In order of their code points.
 constexpr NamedSuite furtherSuites[] = {
+    {0x001B, "TLS_DH_anon_WITH_3DES_EDE_CBC_SHA"},
+    {0x0066, "TLS_DHE_DSS_WITH_RC4_128_SHA"},
+    {0x008A, "TLS_PSK_WITH_RC4_128_SHA"},
+    {0x008B, "TLS_PSK_WITH_3DES_EDE_CBC_SHA"},
+    {0x008E, "TLS_DHE_PSK_WITH_RC4_128_SHA"},
+    {0x008F, "TLS_DHE_PSK_WITH_3DES_EDE_CBC_SHA"},
+    {0x0092, "TLS_RSA_PSK_WITH_RC4_128_SHA"},
+    {0x0093, "TLS_RSA_PSK_WITH_3DES_EDE_CBC_SHA"},
     {0x0096, "TLS_RSA_WITH_SEED_CBC_SHA"},
+    {0x0097, "TLS_DH_DSS_WITH_SEED_CBC_SHA"},
+    {0x0098, "TLS_DH_RSA_WITH_SEED_CBC_SHA"},
     {0x0099, "TLS_DHE_DSS_WITH_SEED_CBC_SHA"},
     {0x009A, "TLS_DHE_RSA_WITH_SEED_CBC_SHA"},
     {0x009B, "TLS_DH_anon_WITH_SEED_CBC_SHA"},
-    {0xC060, "TLS_ECDHE_RSA_WITH_ARIA_128_GCM_SHA256"},
-    {0xC061, "TLS_ECDHE_RSA_WITH_ARIA_256_GCM_SHA384"},
-    {0xC03C, "TLS_RSA_WITH_ARIA_128_CBC_SHA256"},
-    {0xC03D, "TLS_RSA_WITH_ARIA_256_CBC_SHA384"},
-    {0xC048, "TLS_ECDHE_ECDSA_WITH_ARIA_128_CBC_SHA256"},
-    {0xC049, "TLS_ECDHE_ECDSA_WITH_ARIA_256_CBC_SHA384"},
-    {0xC04C, "TLS_ECDHE_RSA_WITH_ARIA_128_CBC_SHA256"},
-    {0xC04D, "TLS_ECDHE_RSA_WITH_ARIA_256_CBC_SHA384"},
-    {0xC050, "TLS_RSA_WITH_ARIA_128_GCM_SHA256"},
-    {0xC051, "TLS_RSA_WITH_ARIA_256_GCM_SHA384"},
-    {0xC05C, "TLS_ECDHE_ECDSA_WITH_ARIA_128_GCM_SHA256"},
-    {0xC05D, "TLS_ECDHE_ECDSA_WITH_ARIA_256_GCM_SHA384"},
-    {0xC072, "TLS_ECDHE_ECDSA_WITH_CAMELLIA_128_CBC_SHA256"},
-    {0xC073, "TLS_ECDHE_ECDSA_WITH_CAMELLIA_256_CBC_SHA384"},
-    {0xC076, "TLS_ECDHE_RSA_WITH_CAMELLIA_128_CBC_SHA256"},
-    {0xC077, "TLS_ECDHE_RSA_WITH_CAMELLIA_256_CBC_SHA384"},
-    {0xC07A, "TLS_RSA_WITH_CAMELLIA_128_GCM_SHA256"},
-    {0xC07B, "TLS_RSA_WITH_CAMELLIA_256_GCM_SHA384"},
-    {0xC086, "TLS_ECDHE_ECDSA_WITH_CAMELLIA_128_GCM_SHA256"},
-    {0xC087, "TLS_ECDHE_ECDSA_WITH_CAMELLIA_256_GCM_SHA384"},
-    {0xC08A, "TLS_ECDHE_RSA_WITH_CAMELLIA_128_GCM_SHA256"},
-    {0xC08B, "TLS_ECDHE_RSA_WITH_CAMELLIA_256_GCM_SHA384"},
+    {0xC016, "TLS_ECDH_anon_WITH_RC4_128_SHA"},
+    {0xC017, "TLS_ECDH_anon_WITH_3DES_EDE_CBC_SHA"},
+    {0xC01A, "TLS_SRP_SHA_WITH_3DES_EDE_CBC_SHA"},
+    {0xC01B, "TLS_SRP_SHA_RSA_WITH_3DES_EDE_CBC_SHA"},
+    {0xC01C, "TLS_SRP_SHA_DSS_WITH_3DES_EDE_CBC_SHA"},
+    {0xC033, "TLS_ECDHE_PSK_WITH_RC4_128_SHA"},
+    {0xC034, "TLS_ECDHE_PSK_WITH_3DES_EDE_CBC_SHA"},
     {0xCC13, "TLS_ECDHE_RSA_WITH_CHACHA20_OLD_POLY1305_SHA256"},
     {0xCC14, "TLS_ECDHE_ECDSA_WITH_CHACHA20_OLD_POLY1305_SHA256"},
     {0xCC15, "TLS_DHE_RSA_WITH_CHACHA20_OLD_POLY1305_SHA256"},
 };
 
-std::string_view nameOf(std::uint16_t codePoint)
+/// Suites whose code points follow one another: of each key exchange one with keys of 128 bits and SHA-256, one with 256 and SHA-384.
+struct SuiteFamily {
+    std::uint16_t first = 0;
+    std::string_view cipher;
+    std::string_view mode;
+    std::array<std::string_view, 10> exchanges;  ///< empty behind the last
+};
+
+constexpr std::array<std::string_view, 10> exchangesOfGCM{"RSA",     "DHE_RSA",     "DH_RSA",     "DHE_DSS",   "DH_DSS",
+                                                          "DH_anon", "ECDHE_ECDSA", "ECDH_ECDSA", "ECDHE_RSA", "ECDH_RSA"};
+
+// RFC 6209 §2 and RFC 6367 §2.
+constexpr SuiteFamily suiteFamilies[] = {
+    {0xC03C,
+     "ARIA",
+     "CBC",
+     {"RSA", "DH_DSS", "DH_RSA", "DHE_DSS", "DHE_RSA", "DH_anon", "ECDHE_ECDSA", "ECDH_ECDSA", "ECDHE_RSA", "ECDH_RSA"}},
+    {0xC050, "ARIA", "GCM", exchangesOfGCM},
+    {0xC064, "ARIA", "CBC", {"PSK", "DHE_PSK", "RSA_PSK"}},
+    {0xC06A, "ARIA", "GCM", {"PSK", "DHE_PSK", "RSA_PSK"}},
+    {0xC070, "ARIA", "CBC", {"ECDHE_PSK"}},
+    {0xC072, "CAMELLIA", "CBC", {"ECDHE_ECDSA", "ECDH_ECDSA", "ECDHE_RSA", "ECDH_RSA"}},
+    {0xC07A, "CAMELLIA", "GCM", exchangesOfGCM},
+    {0xC08E, "CAMELLIA", "GCM", {"PSK", "DHE_PSK", "RSA_PSK"}},
+    {0xC094, "CAMELLIA", "CBC", {"PSK", "DHE_PSK", "RSA_PSK", "ECDHE_PSK"}},
+};
+
+std::string nameOf(std::uint16_t codePoint)
 {
-    if (const auto registered = registeredCipherSuiteName(codePoint)) return *registered;
+    if (const auto registered = registeredCipherSuiteName(codePoint)) return std::string(*registered);
     const auto found = std::ranges::find(furtherSuites, codePoint, &NamedSuite::codePoint);
-    return found == std::end(furtherSuites) ? std::string_view() : found->name;
+    if (found != std::end(furtherSuites)) return std::string(found->name);
+    for (const auto& [first, cipher, mode, exchanges] : suiteFamilies) {
+        const auto index = static_cast<std::size_t>((codePoint - first) / 2);
+        if (codePoint < first || index >= exchanges.size() || exchanges[index].empty()) continue;
+        const bool isLong = (codePoint - first) % 2 == 1;
+        return fmt::format("TLS_{}_WITH_{}_{}_{}_{}", exchanges[index], cipher, isLong ? 256 : 128, mode, isLong ? "SHA384" : "SHA256");
+    }
+    return {};
 }
 
 struct CipherWord {
@@ -159,8 +190,8 @@ std::optional<ReachSuite> ReachSuite::of(std::uint16_t codePoint) { return ofNam
 
 std::string ReachSuite::name(std::uint16_t codePoint)
 {
-    const std::string_view known = nameOf(codePoint);
-    return known.empty() ? cipherSuiteName(codePoint) : std::string(known);
+    std::string known = nameOf(codePoint);
+    return known.empty() ? cipherSuiteName(codePoint) : known;
 }
 
 }  // namespace sealscope

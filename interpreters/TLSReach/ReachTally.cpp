@@ -88,6 +88,7 @@ TLSDecryptionReport reachReport(ReachConnection& connection, ReportDepth depth)
     const auto failed = [&](TLSDecryptionFailure failure) { report.outcome = TLSDecryptionOutcome::notDecrypted(failure); };
     const auto& parameters = connection.parameters();
     report.privateKeys = connection.privateKeyReport();
+    report.search = connection.search();
     if (parameters) {
         report.clientRandom = parameters->clientRandom;
         report.version = parameters->version;
@@ -106,7 +107,8 @@ TLSDecryptionReport reachReport(ReachConnection& connection, ReportDepth depth)
     const std::vector<std::string_view> read = labelsOf(*parameters);
     for (const std::string_view label : read) report.secrets.push_back({std::string(label), known.length(label, parameters->clientRandom)});
     for (const std::string_view label : TLSKeyLog::knownLabels)
-        if (std::ranges::find(read, label) == read.end() && known.length(label, parameters->clientRandom)) report.otherLabels.emplace_back(label);
+        if (std::ranges::find(read, label) == read.end() && known.length(label, parameters->clientRandom))
+            report.otherLabels.emplace_back(label);
     report.isSupportedVersion = parameters->isTLS13() || (parameters->version >= 0x0300 && parameters->version <= 0x0303);
     report.isSupportedSuite = parameters->suite.has_value();
     if (!report.isSupportedVersion)

@@ -36,7 +36,7 @@ constexpr std::int64_t longestTLS13Body = 16'384 + 256;    // RFC 8446 §5.2
 constexpr std::int64_t longestTLS12Body = 16'384 + 2'048;  // RFC 5246 §6.2.3
 constexpr std::int64_t smallBuffer = longestTLS12Body;
 constexpr std::int64_t trialsPerByte = 64;
-constexpr std::int64_t costOfTrial = 64;  // what an attempt takes whatever the record's length, in bytes
+constexpr std::int64_t costOfTrial = 64;   // what an attempt takes whatever the record's length, in bytes
 constexpr std::int64_t fewBytes = 65'536;  // of trials where one walk is only a guess among many
 constexpr std::int64_t firstBudget = 64 * longestTLS12Body;
 
@@ -94,7 +94,8 @@ std::unique_ptr<RecordOpener> ReachWalk::makeOpener(Epoch epoch)
         if (epoch == application || epoch == epoch_) return makeTLS13Opener(*parameters.suite, draft_, viewOf(applicationSecret_));
         return makeTLS13Opener(*parameters.suite, draft_, viewOf(nextTrafficSecret(*parameters.suite, draft_, viewOf(applicationSecret_))));
     }
-    const auto secret = connection_.trafficSecret(epoch == early ? "CLIENT_EARLY_TRAFFIC_SECRET" : secretLabels(true, direction_).handshake);
+    const auto secret =
+        connection_.trafficSecret(epoch == early ? "CLIENT_EARLY_TRAFFIC_SECRET" : secretLabels(true, direction_).handshake);
     return secret ? makeTLS13Opener(*parameters.suite, draft_, *secret) : nullptr;
 }
 
@@ -190,23 +191,24 @@ bool ReachWalk::findRecordAfterLoss()
         }
         // The bytes in one place are looked through for the version, which all of the headers have.
         const DataView stretch = data_.stretch(at);
-        const auto* const found = static_cast<const std::uint8_t*>(std::memchr(stretch.data(), 3, static_cast<std::size_t>(stretch.size())));
+        const auto* const found =
+            static_cast<const std::uint8_t*>(std::memchr(stretch.data(), 3, static_cast<std::size_t>(stretch.size())));
         const std::int64_t start = found ? at + (found - stretch.data()) - 1 : at + stretch.size() - 1;
         at += found ? (found - stretch.data()) + 1 : stretch.size();
         if (start < from) continue;
         const TLSRecord record = headerAt(start);
         const bool hasVersion = record.version() == recordVersion_ && !(isTLS13_ && record.contentType != applicationData);
         if (!hasVersion || !isPlausible(record) || isLost(start, TLSRecord::headerLength) || !isChained(record)) continue;
-        stepOver(start, isLossy, false);
+        stepOver(start, {.isLost = isLossy});
         record_ = record;
         return true;
     }
-    stepOver(data_.size(), isLossy, false);
+    stepOver(data_.size(), {.isLost = isLossy});
     return false;
 }
 
 /// Passes over bytes up to `end`: whole records, or who knows what.
-void ReachWalk::stepOver(std::int64_t end, bool isLost, bool hasFraming)
+void ReachWalk::stepOver(std::int64_t end, Stretch stretch)
 {
     if (end <= offset_) return;
     if (!pendingGap_) {
@@ -214,8 +216,8 @@ void ReachWalk::stepOver(std::int64_t end, bool isLost, bool hasFraming)
         gapSequence_ = sequence_;
     }
     pendingGap_->range.upper = end;
-    pendingGap_->isLost = pendingGap_->isLost || isLost;
-    if (hasFraming) {
+    pendingGap_->isLost = pendingGap_->isLost || stretch.isLost;
+    if (stretch.isRecord) {
         ++pendingGap_->records;
         if (current_ && record_.contentType == applicationData) {
             const auto length = current_->contentLength(record_.declaredLength);
@@ -407,7 +409,7 @@ bool ReachWalk::tryRecord(std::uint8_t* target)
     // Where the next header stands as this one says, this was a record, and counts.
     if (isChained(record_) && (isFramed_ || !isLost(record_.endOffset(), TLSRecord::headerLength))) {
         const bool isUnexplained = !isCut && !isUncertain_ && (isTLS13_ || epoch_ > 0);
-        stepOver(record_.endOffset(), isCut, true);
+        stepOver(record_.endOffset(), {.isLost = isCut, .isRecord = true});
         if (isUnexplained) {
             // Perhaps it counts for its receiver, and perhaps it belongs under keys that nobody has.
             isUncertain_ = true;
@@ -421,7 +423,7 @@ bool ReachWalk::tryRecord(std::uint8_t* target)
     } else {
         if (record_.contentType == applicationData) --protectedRecords_;
         isFramed_ = false;
-        stepOver(record_.recordOffset + 1, isCut, false);
+        stepOver(record_.recordOffset + 1, {.isLost = isCut});
     }
     return false;
 }
@@ -469,7 +471,7 @@ void ReachWalk::passUnreadable(const Candidate& candidate)
         offset_ = record_.recordOffset;
         enter(candidate.epoch);
     }
-    stepOver(record_.endOffset(), false, true);
+    stepOver(record_.endOffset(), {.isRecord = true});
     settleSequence(candidate);
     failedRecords_ = 0;
     openedAny_ = true;
@@ -554,8 +556,8 @@ void ReachWalk::takeMessages()
                 innerHellos_.push_back(message);
             continue;
         }
-        const bool isLast = message.type == keyUpdate ? epoch_ >= application
-                            : message.type == endOfEarlyData ? epoch_ == early
+        const bool isLast = message.type == keyUpdate                                        ? epoch_ >= application
+                            : message.type == endOfEarlyData                                 ? epoch_ == early
                             : message.type == std::to_underlying(TLSHandshakeType::finished) ? epoch_ == handshake
                                                                                              : false;
         if (isLast) enter(followingEpoch());

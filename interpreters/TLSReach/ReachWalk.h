@@ -76,6 +76,11 @@ private:
         Epoch epoch = 0;
         std::uint64_t sequence = 0;
     };
+    /// What is passed over unopened.
+    struct Stretch {
+        bool isLost = false;    ///< the capture lacks some of it
+        bool isRecord = false;  ///< one, from its header to its end
+    };
 
     bool findRecord();
     bool findRecordAfterLoss();
@@ -92,7 +97,7 @@ private:
     void collectCandidates(const ProtectedRecord& record);
     bool addSaid(Epoch epoch, const ProtectedRecord& record);
     void passUnreadable(const Candidate& candidate);
-    void stepOver(std::int64_t end, bool isLost, bool hasFraming);
+    void stepOver(std::int64_t end, Stretch stretch);
     void accept(const Candidate& candidate);
     void takeMessages();
     void enter(Epoch epoch);
@@ -132,9 +137,9 @@ private:
     bool isUncertain_ = false;       ///< records may have been lost unseen
     std::int64_t unseenBytes_ = 0;   ///< where these may have stood
     std::int64_t uncertainTries_ = 0;
-    bool isFramed_ = true;           ///< the next header follows from the one before
-    bool sawLoss_ = false;           ///< since the last record that opened
-    std::int64_t typicalRecord_ = 0; ///< bytes, header included
+    bool isFramed_ = true;            ///< the next header follows from the one before
+    bool sawLoss_ = false;            ///< since the last record that opened
+    std::int64_t typicalRecord_ = 0;  ///< bytes, header included
 
     std::optional<PlaintextGap> pendingGap_;
     std::uint64_t gapSequence_ = 0;  ///< of the first record in it

@@ -58,8 +58,8 @@ public:
             content.copy(gathered);
             return viewOf(ssl3MAC(hash_, viewOf(key_), sequence, record.type(), gathered)) == mac;
         }
-        const auto header = TLS12RecordDecryptor::additionalData(sequence, record.type(), record.version(),
-                                                                 static_cast<std::uint16_t>(content.size()));
+        const auto header =
+            TLS12RecordDecryptor::additionalData(sequence, record.type(), record.version(), static_cast<std::uint16_t>(content.size()));
         keyed_.update(DataView(header));
         content.forEach([&](DataView part) {
             keyed_.update(part);
@@ -129,9 +129,9 @@ private:
 /// Blocks in CBC mode, with the MAC inside (RFC 5246 §6.2.3.2) or behind (RFC 7366).
 class BlockOpener final : public RecordOpener {
 public:
-    BlockOpener(const ReachSuite& suite, std::uint16_t version, bool encryptsThenMACs, const RecordKeys& keys)
-        : version_(version), encryptsThenMACs_(encryptsThenMACs), block_(blockSize(suite.bulk)), cipher_(suite.bulk, viewOf(keys.key)),
-          mac_(suite.mac, version, viewOf(keys.macKey)), firstIV_(keys.iv)
+    BlockOpener(const ReachSuite& suite, std::uint16_t version, MACPlace place, const RecordKeys& keys)
+        : version_(version), encryptsThenMACs_(place == MACPlace::behind), block_(blockSize(suite.bulk)),
+          cipher_(suite.bulk, viewOf(keys.key)), mac_(suite.mac, version, viewOf(keys.macKey)), firstIV_(keys.iv)
     {}
     bool isUsable() const { return cipher_.isUsable(); }
 
@@ -363,12 +363,12 @@ std::unique_ptr<RecordOpener> inflating(std::unique_ptr<RecordOpener> opener)
     return std::make_unique<InflatingOpener>(std::move(opener));
 }
 
-std::unique_ptr<RecordOpener> makeRecordOpener(const ReachSuite& suite, std::uint16_t version, bool encryptsThenMACs, const RecordKeys& keys)
+std::unique_ptr<RecordOpener> makeRecordOpener(const ReachSuite& suite, std::uint16_t version, MACPlace place, const RecordKeys& keys)
 {
     switch (suite.protection) {
     case RecordProtection::none:
     case RecordProtection::stream: return ifUsable(std::make_unique<StreamOpener>(suite, version, keys));
-    case RecordProtection::cbc: return ifUsable(std::make_unique<BlockOpener>(suite, version, encryptsThenMACs, keys));
+    case RecordProtection::cbc: return ifUsable(std::make_unique<BlockOpener>(suite, version, place, keys));
     case RecordProtection::gcm:
     case RecordProtection::ccm:
     case RecordProtection::chaCha20:

@@ -66,8 +66,11 @@ struct RecordKeys {
     SecretBytes iv;
 };
 
+/// Where the MAC of a record of blocks stands: under the encryption, or behind it (RFC 7366).
+enum class MACPlace : std::uint8_t { inside, behind };
+
 /// For a version up to TLS 1.2 (0x0300 … 0x0303). Null where the library lacks the cipher.
-std::unique_ptr<RecordOpener> makeRecordOpener(const ReachSuite& suite, std::uint16_t version, bool encryptsThenMACs, const RecordKeys& keys);
+std::unique_ptr<RecordOpener> makeRecordOpener(const ReachSuite& suite, std::uint16_t version, MACPlace place, const RecordKeys& keys);
 
 /// The same for records that were compressed before they were protected. Null for null.
 std::unique_ptr<RecordOpener> inflating(std::unique_ptr<RecordOpener> opener);
@@ -75,8 +78,8 @@ std::unique_ptr<RecordOpener> inflating(std::unique_ptr<RecordOpener> opener);
 /// What drafts of TLS 1.3 did otherwise than RFC 8446.
 struct TLS13Draft {
     std::string_view labelPrefix;
-    std::string_view updateLabel;       ///< of the next application traffic secret
-    bool authenticatesHeader = true;    ///< from draft 25 on
+    std::string_view updateLabel;     ///< of the next application traffic secret
+    bool authenticatesHeader = true;  ///< from draft 25 on
     std::uint16_t recordVersion = 0x0303;
 
     /// Of the negotiated version: 0x0304, or 0x7f00 and the draft's number.

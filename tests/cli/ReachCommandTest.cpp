@@ -163,8 +163,41 @@ TEST(StreamsCommand, TellsWhoseSecretsWereFoundByTrying)
     const std::string random = hexText(session.wire(Direction::clientToServer).view().sub(11, 8));
     EXPECT_THAT(sealscope({"streams", "-k", keyLog, capture}).output,
                 HasSubstr("the Client Hello is missing, and the secrets of client random " + random + "… were found by trying"));
-    EXPECT_THAT(sealscope({"streams", "--reach", "strict", "-k", keyLog, capture}).output,
-                HasSubstr("the capture starts after the Client Hello"));
+    const auto search = [&](const std::string& secrets) {
+        return jsonLines(sealscope({"streams", "--json", "-k", secrets, capture}).output).at(0)["reason"]["search"];
+    };
+    EXPECT_EQ(search(keyLog), nlohmann::json({{"candidates", 2}, {"tried", 2}}));
+    // In vain it is told as well, by the one that tries.
+    const std::string others = directory.write("others.txt", other.keyLog);
+    const std::string tooLate = "the capture starts after the Client Hello; start capturing before the connection opens";
+    EXPECT_THAT(sealscope({"streams", "-k", others, capture}).output,
+                HasSubstr(tooLate + "; the secrets of 1 connection in the key log were tried, and none opens a record\n"));
+    EXPECT_EQ(search(others), nlohmann::json({{"candidates", 1}, {"tried", 1}}));
+    const std::string strict = sealscope({"streams", "--reach", "strict", "-k", others, capture}).output;
+    EXPECT_THAT(strict, HasSubstr(tooLate + '\n'));
+}
+
+// A key log has a line for each of two connections, of which the second resumes the first's session. One line is enough, in whatever
+// order they are asked for, and also where the TLS plug-in opens the first and leaves nothing of it to others.
+TEST(DecryptCommand, OpensAResumedSessionWithTheSecretOfTheFirst)
+{
+    const TempDirectory directory;
+    const fs::path folder = fs::path(SEALSCOPE_SOURCE_DIR) / "tests/captures/openssl-tls12-resumption";
+    const std::string capture = (folder / "capture.pcap").string();
+    std::string lines(readFile(folder / "keylog.txt").view().text());
+    lines.erase(lines.rfind("CLIENT_RANDOM"));
+    const std::string keyLog = directory.write("keys.txt", lines);
+    const std::string output = directory.file("plain");
+    EXPECT_EQ(sealscope({"decrypt", "-k", keyLog, "--stream", "1", "--output", output, capture}).status, 0);
+    for (const char* name : {"stream-1-client.bin", "stream-1-server.bin"})
+        EXPECT_EQ(readFile(fs::path(output) / name), readFile(folder / name)) << name;
+    EXPECT_THAT(sealscope({"follow", "-k", keyLog, "--stream", "1", "--json", capture}).output, HasSubstr("\"isDecrypted\":true"));
+    const auto verdicts = [&](const char* reach) {
+        const auto rows = jsonLines(sealscope({"streams", "--reach", reach, "-k", keyLog, "--json", capture}).output);
+        return std::pair(rows.at(0)["verdict"].get<std::string>(), rows.at(1)["verdict"].get<std::string>());
+    };
+    EXPECT_EQ(verdicts("full"), std::pair(std::string("decrypted"), std::string("decrypted")));
+    EXPECT_EQ(verdicts("strict"), std::pair(std::string("decrypted"), std::string("noKeyMaterial")));
 }
 
 std::string pemOf(EVP_PKEY* key, const char* passphrase)

@@ -79,6 +79,16 @@ TEST(VerdictSentence, NamesTheCauseAndWhatHelps)
          {noHandshake, Report{}, {}},
          {.clientBytes = 500, .serverBytes = 4'000},
          "the capture starts after the Client Hello; start capturing before the connection opens"},
+        {"one that begins too late for the key log's secrets",
+         {noHandshake, Report{.search = TLSSecretSearchReport{2, 2}}, {}},
+         {.clientBytes = 500, .serverBytes = 4'000},
+         "the capture starts after the Client Hello; start capturing before the connection opens; the secrets of 2 connections in the "
+         "key log were tried, and none opens a record"},
+        {"more of them than are tried",
+         {noHandshake, Report{.search = TLSSecretSearchReport{5'000, 1'024}}, {}},
+         {.clientBytes = 500, .serverBytes = 4'000},
+         "the capture starts after the Client Hello; start capturing before the connection opens; the secrets of the last 1024 of 5000 "
+         "connections in the key log were tried, and none opens a record"},
         {"a hello that is not there",
          {noHandshake, Report{}, {}},
          whole,
@@ -199,6 +209,17 @@ TEST(VerdictSentence, NamesTheCauseAndWhatHelps)
           {}},
          whole,
          "client 3 of 3 records, 517 bytes; server 1,380 of 1,391 records, 21,000,000 bytes, 11 lost, 3 gaps of 17,376 bytes"},
+        {"records that nobody saw the headers of",
+         {TLSDecryptionOutcome::decrypted(),
+          with(tls13(32, 32),
+               [](Report& report) {
+                   report.client = direction(Stop::nothingProtected, 0, 0, 0, 0);
+                   report.server = direction(Stop::endOfData, 900'000, 40, 39, 500'000, 3);
+                   report.server.gaps = {{.range = {100, 49'300}, .records = 3}};
+               }),
+          {}},
+         whole,
+         "client sent nothing protected; server 39 of 42 records, 500,000 bytes, 3 lost, 1 gap of 49,200 bytes"},
         {"a private key of another server",
          {unsupportedVersion,
           with(tls13(), [](Report& report) { report.privateKeys = {TLSPrivateKeyReport::Use::otherCertificate, "www.example.org"}; }),

@@ -104,8 +104,8 @@ ExitStatus openStreams(const CommandContext& context, const Session& session, co
         interpreted += opened.canInterpret;
         decrypted += opened.verdict && opened.verdict->outcome.isDecrypted();
         for (const OpenedDirection* direction : {&opened.client, &opened.server}) {
-            if (direction->problem.empty()) continue;
-            if (status == done) complain(direction->problem);  // the others would only say the same
+            if (!direction->problem) continue;
+            if (status == done) complain(direction->problem->text());  // the others would only say the same
             status = failed;
         }
         if (hasRows && (opened.canInterpret || !options.streams.empty())) {
@@ -147,24 +147,25 @@ struct NamedOutput {
         if (path.empty()) return true;
         auto created = OutputFile::create(path, existing, OutputFile::Kind::anything);
         if (!created)
-            complainAboutOutput(path, created.error());
+            complainAboutOutput(path, created.error().text());
         else
             file.emplace(std::move(*created));
         return file.has_value();
     }
-    ExitStatus finish(std::string problem)
+    ExitStatus finish()
     {
-        if (problem.empty()) problem = file->finish();
-        return problem.empty() ? done : complainAboutOutput(path, problem);
+        const auto finished = file->finish();
+        return finished ? done : complainAboutOutput(path, finished.error().text());
     }
+    ExitStatus giveUp(const std::string& reason) const { return complainAboutOutput(path, reason); }
 };
 
 /// Writes the capture again with other secrets inside. A copy that was interrupted is none, nor is one of a part of the capture.
 ExitStatus copyCapture(const Session& session, NamedOutput& output, const CaptureChanges& changes)
 {
-    if (wasInterrupted()) return output.finish("was not written, since the work was interrupted");
+    if (wasInterrupted()) return output.giveUp("was not written, since the work was interrupted");
     const bool isWhole = copyCapture(session.capture(), changes, *output.file, interruption());
-    return output.finish(isWhole ? "" : "was not written, since the copying was interrupted");
+    return isWhole ? output.finish() : output.giveUp("was not written, since the copying was interrupted");
 }
 
 ExitStatus runDecrypt(const CommandContext& context)
@@ -176,7 +177,8 @@ ExitStatus runDecrypt(const CommandContext& context)
         return wrongCommandLine;
     }
     if (!options.output.empty())
-        if (const auto folder = prepareOutputFolder(options.output); !folder) return complainAboutOutput(options.output, folder.error());
+        if (const auto folder = prepareOutputFolder(options.output); !folder)
+            return complainAboutOutput(options.output, folder.error().text());
 
     NamedOutput pcap{options.pcap}, injected{options.injectSecrets}, stripped{options.stripSecrets};
     for (NamedOutput* output : {&pcap, &injected, &stripped})
@@ -195,7 +197,10 @@ ExitStatus runDecrypt(const CommandContext& context)
     const auto streams = wantedStreams(context, *session, status);
     const auto note = [&](ExitStatus another) { status = std::max(status, another); };
     if (opens) note(openStreams(context, *session, streams, plaintext.get()));
-    if (pcap.file) note(pcap.finish(plaintext->write(*pcap.file, interruption())));
+    if (pcap.file) {
+        const auto written = plaintext->write(*pcap.file, interruption());
+        note(written ? pcap.finish() : pcap.giveUp(written.error()));
+    }
     if (injected.file) {
         CollectedSecrets secrets = collectSecrets(*session, streams, interruption());
         const ExitStatus copied = copyCapture(*session, injected, {.addedSecrets = std::move(secrets.keyLog)});

@@ -59,7 +59,7 @@ ExitStatus runExport(const CommandContext& context)
     auto file =
         OutputFile::create(options.output, options.force ? ExistingFile::isReplaced : ExistingFile::stays, OutputFile::Kind::anything);
     if (!file) {
-        complain(fmt::format("{}: {}", options.output, file.error()));
+        complain(fmt::format("{}: {}", options.output, file.error().text()));
         return failed;
     }
     ExitStatus status = done;
@@ -70,8 +70,8 @@ ExitStatus runExport(const CommandContext& context)
     if (!session) return status;
     const auto streams = wantedStreams(captureContext, *session, status);
     exportStreams(*session, streams, **format, *file, interruption());
-    if (const std::string problem = file->finish(); !problem.empty()) {
-        complain(fmt::format("{}: {}", options.output, problem));
+    if (const auto finished = file->finish(); !finished) {
+        complain(fmt::format("{}: {}", options.output, finished.error().text()));
         status = failed;
     }
     return complainAboutDamage(captureContext, *session, status);

@@ -2,11 +2,12 @@
 #include "app/cli/Interrupt.h"
 #include "app/cli/StreamReading.h"
 #include "app/cli/commands/Commands.h"
-#include "app/texts/DisplayText.h"
 #include "app/cli/text/Messages.h"
 #include "app/cli/text/StreamText.h"
 #include "app/records/StreamRecords.h"
 #include "app/session/InOrder.h"
+#include "app/session/ResumedSessions.h"
+#include "app/texts/DisplayText.h"
 #include "app/verdict/StreamVerdict.h"
 
 #include <algorithm>
@@ -97,6 +98,9 @@ private:
         followed.heading = {.summary = session_.summary(followed.number), .interpreter = followed.interpreter->streamDisplayName};
         if (!context_.options.json) followed.heading.report = verdicts_.report(stream);
         auto interpretation = messagesToHold(*followed.interpreter, stream);
+        const bool isOpen = interpretation && std::ranges::any_of(interpretation->messages, &StreamMessage::isDecrypted);
+        if (!isOpen && followed.interpreter->layer == StreamLayer::security && foundResumedSession(session_, stream))
+            interpretation = messagesToHold(*followed.interpreter, stream);
         if (!interpretation) return;
 
         std::int64_t bodies = 0;

@@ -60,7 +60,7 @@ ExitStatus runObjects(const CommandContext& context)
         return wrongCommandLine;
     }
     if (const auto folder = prepareOutputFolder(options.output); !folder) {
-        complain(fmt::format("--output {}: {}", options.output, folder.error()));
+        complain(fmt::format("--output {}: {}", options.output, folder.error().text()));
         return failed;
     }
     ExitStatus status = done;

@@ -43,7 +43,8 @@ Opened openStreams(const ExportSource& source, DecryptorOutput output)
         result.closed += opened.canInterpret && !isDecrypted;
         result.bytes += opened.client.bytes + opened.server.bytes;
         for (const OpenedDirection* direction : {&opened.client, &opened.server})
-            if (result.problem.empty()) result.problem = direction->problem;  // the others would only say the same
+            if (result.problem.empty() && direction->problem)
+                result.problem = direction->problem->text();  // the others would only say the same
         source.progress(++done);
         return result.problem.empty() && !source.stop.stop_requested();
     };
@@ -70,8 +71,8 @@ std::string nothingDecrypts()
 std::expected<OutputFile, std::string> begun(const std::string& file)
 {
     auto output = OutputFile::create(file, ExistingFile::isReplaced, OutputFile::Kind::anything);
-    if (!output) return std::unexpected(failed(file, output.error()));
-    return output;
+    if (!output) return std::unexpected(failed(file, output.error().text()));
+    return *std::move(output);
 }
 
 /// Reads the files of a session again, with every block of theirs, and writes them with other secrets.
@@ -87,7 +88,7 @@ ExportOutcome copied(const ExportSource& source, const CaptureChanges& changes, 
     CapturedPacket packet;
     while ((*capture)->next(packet) && !source.stop.stop_requested()) {}
     if (!copyCapture(**capture, changes, *output, source.stop)) return {.problem = cancelled(file)};
-    if (const std::string problem = output->finish(); !problem.empty()) return {.problem = failed(file, problem)};
+    if (const auto finished = output->finish(); !finished) return {.problem = failed(file, finished.error().text())};
     return {.summary = std::move(summary)};
 }
 
@@ -95,7 +96,7 @@ ExportOutcome copied(const ExportSource& source, const CaptureChanges& changes, 
 
 ExportOutcome exportPlaintextFiles(const ExportSource& source, const std::string& folder)
 {
-    if (const auto made = prepareOutputFolder(folder); !made) return {.problem = failed(folder, made.error())};
+    if (const auto made = prepareOutputFolder(folder); !made) return {.problem = failed(folder, made.error().text())};
     const Opened opened = openStreams(source, {.folder = folder});
     if (!opened.problem.empty()) return {.problem = opened.problem};
     if (source.stop.stop_requested()) return {.problem = cancelled(folder)};
@@ -113,10 +114,10 @@ ExportOutcome exportPlaintextCapture(const ExportSource& source, const std::stri
     const Opened opened = openStreams(source, {.capture = capture->get()});
     if (source.stop.stop_requested()) return {.problem = cancelled(file)};
     if (opened.decrypted == 0) return {.problem = nothingDecrypts()};
-    std::string problem = (*capture)->write(*output, source.stop);
+    const auto written = (*capture)->write(*output, source.stop);
     if (source.stop.stop_requested()) return {.problem = cancelled(file)};
-    if (problem.empty()) problem = output->finish();
-    if (!problem.empty()) return {.problem = failed(file, problem)};
+    if (!written) return {.problem = failed(file, written.error())};
+    if (const auto finished = output->finish(); !finished) return {.problem = failed(file, finished.error().text())};
     return {.summary = summaryOf(opened, file)};
 }
 
@@ -137,7 +138,7 @@ ExportOutcome exportWithoutSecrets(const ExportSource& source, const std::string
 
 ExportOutcome exportObjects(const ExportSource& source, const std::string& folder)
 {
-    if (const auto made = prepareOutputFolder(folder); !made) return {.problem = failed(folder, made.error())};
+    if (const auto made = prepareOutputFolder(folder); !made) return {.problem = failed(folder, made.error().text())};
     ObjectFolder objects(folder, ObjectFolder::Existing::kept);
     std::int64_t count = 0, bytes = 0, incomplete = 0;
     std::string problem;
@@ -163,7 +164,7 @@ ExportOutcome exportFormat(const ExportSource& source, const StreamExportFormat&
     if (!output) return {.problem = output.error()};
     exportStreams(*source.session, source.streams, format, *output, source.stop);
     if (source.stop.stop_requested()) return {.problem = cancelled(file)};
-    if (const std::string problem = output->finish(); !problem.empty()) return {.problem = failed(file, problem)};
+    if (const auto finished = output->finish(); !finished) return {.problem = failed(file, finished.error().text())};
     const std::int64_t count = std::ssize(source.streams);
     return {.summary = windowReader().sayOf(count, "{}: {} stream as {}", "{}: {} streams as {}", file, count, format.name)};
 }

@@ -206,12 +206,12 @@ void MessagePanel::saveBody(const QString& file)
         [body = *messages_.message(row_).body, path = file.toStdString()](const std::stop_token& stop) -> std::string {
             // The dialog has asked about a file that is there.
             auto created = OutputFile::create(path, ExistingFile::isReplaced, OutputFile::Kind::anything);
-            if (!created) return windowReader().say("{}: {}", path, created.error());
+            if (!created) return windowReader().say("{}: {}", path, created.error().text());
             const auto ending = body.forEachPiece([&](DataView piece) {
                 created->write(piece);
                 return created->isGood() && !stop.stop_requested();
             });
-            if (const std::string problem = created->finish(); !problem.empty()) return windowReader().say("{}: {}", path, problem);
+            if (const auto finished = created->finish(); !finished) return windowReader().say("{}: {}", path, finished.error().text());
             return ending.isComplete ? "" : windowReader().say("{}: the body is incomplete: {}", path, ending.reason);
         },
         [this](const std::string& problem) {

@@ -133,7 +133,7 @@ void StreamsView::copyKeyLogLine()
     const std::string file = KeylogLocations::liveKeylog().string();
     // A client is started with the line next, and finds a file that only its owner reads.
     if (const auto made = KeylogLocations::makeLiveKeylog(); !made)
-        document_.tell(QString::fromStdString(windowReader().say("{}: {}", file, made.error())));
+        document_.tell(QString::fromStdString(windowReader().say("{}: {}", file, made.error().text())));
     else
         QApplication::clipboard()->setText(QString::fromStdString("SSLKEYLOGFILE=" + file));
 }

@@ -121,7 +121,7 @@ TEST(RecordOpener, OpensOldSuites)
         const std::int64_t block = isCBC ? blockSize(suite->bulk) : 0;
         for (const std::uint16_t version : {0x0300, 0x0301, 0x0303}) {
             const RecordKeys keys = keysOf(*suite, block);
-            const auto opener = makeRecordOpener(*suite, version, false, keys);
+            const auto opener = makeRecordOpener(*suite, version, MACPlace::inside, keys);
             ASSERT_TRUE(opener) << name;
             std::optional<Encryption> encryption;
             if (cipherName) encryption.emplace(cipherName, keys.key);
@@ -156,7 +156,7 @@ TEST(RecordOpener, UndoesCompression)
 {
     const auto suite = ReachSuite::ofName("TLS_RSA_WITH_NULL_SHA");
     const RecordKeys keys = keysOf(*suite, 0);
-    const auto opener = inflating(makeRecordOpener(*suite, 0x0303, false, keys));
+    const auto opener = inflating(makeRecordOpener(*suite, 0x0303, MACPlace::inside, keys));
     z_stream stream{};
     ASSERT_EQ(deflateInit(&stream, 6), Z_OK);
     std::vector<Bytes> bodies;
@@ -251,6 +251,10 @@ TEST(ReachSuite, ReadsItsParametersOffTheName)
     EXPECT_TRUE(ReachSuite::of(0x003C)->isRSAKeyExchange);
     EXPECT_FALSE(ReachSuite::of(0xC013)->isRSAKeyExchange);
     EXPECT_TRUE(ReachSuite::of(0x1305)->isTLS13);
+    EXPECT_EQ(ReachSuite::name(0xC077), "TLS_ECDHE_RSA_WITH_CAMELLIA_256_CBC_SHA384");
+    EXPECT_EQ(ReachSuite::name(0xC063), "TLS_ECDH_RSA_WITH_ARIA_256_GCM_SHA384");
+    EXPECT_EQ(ReachSuite::name(0xC070), "TLS_ECDHE_PSK_WITH_ARIA_128_CBC_SHA256");
+    EXPECT_EQ(ReachSuite::name(0xC09B), "TLS_ECDHE_PSK_WITH_CAMELLIA_256_CBC_SHA384");
     EXPECT_FALSE(ReachSuite::of(0x0003)) << "an export suite";
     EXPECT_FALSE(ReachSuite::of(0x0A0A));
 }
