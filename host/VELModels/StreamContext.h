@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace sealscope SEALSCOPE_API {
 
@@ -32,6 +33,8 @@ struct StreamContext {
     std::optional<StreamLayer> notOfferedTo;
     /// A body that decodes to more bytes than this ends there, and says so.
     std::int64_t largestDecodedBody = std::int64_t{1} << 30;
+    /// What who opened the stream says in front of each message; a reader of exchanges that adds them itself says so.
+    std::vector<DetailRow> rowsInFront;
     /// What the application does for the session that the stream belongs to; null outside of one.
     const StreamHost* host = nullptr;
 };
