@@ -2,6 +2,7 @@
 #pragma once
 
 #include "host/VELModels/StreamExchange.h"
+#include "host/VELModels/StreamFollowing.h"
 #include "host/VELModels/StreamMessage.h"
 #include "host/VELModels/TCPStream.h"
 
@@ -55,6 +56,10 @@ public:
 
     /// The exchanges of such an interpretation. Null when no interpreter accepts the stream, or when it lies too deep.
     virtual std::unique_ptr<StreamExchangeReader> carriedExchanges(const TCPStream&, const StreamContext&) const { return nullptr; }
+
+    /// Begins to read such a stream while it goes on, whatever it turns out to be: nothing of it needs to be there yet. Null where nobody
+    /// reads it.
+    virtual std::unique_ptr<StreamFollowing> followCarried(const StreamContext&) const { return nullptr; }
 };
 
 }  // namespace sealscope SEALSCOPE_API
