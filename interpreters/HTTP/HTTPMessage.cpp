@@ -23,6 +23,17 @@ std::string_view pathOf(std::string_view url)
     return path == std::string_view::npos ? url.substr(authority + 3) : url.substr(path);
 }
 
+/// How many bytes of a body were lost, where it costs little to know: data that are made when they are looked at are not.
+std::int64_t lostBytes(const ByteRanges& ranges, const TCPStream& stream, TCPSegment::Direction direction)
+{
+    const StreamData& data = stream.data(direction);
+    if (data.holeBytes() == 0 || !data.lendsForLong()) return 0;
+    const LostBytes lost(stream, direction);
+    std::int64_t count = 0;
+    ranges.forEach([&](ByteRange range) { return count += lost.countIn(range), true; });
+    return count;
+}
+
 }  // namespace
 
 std::string_view HTTPMessages::text(const StreamMessage& message, std::string_view key)
@@ -159,7 +170,10 @@ void HTTPMessages::show(HTTPMessage&& message, const TCPStream& stream, const St
 
     if (hasBody) {
         shown.bodyHint = contentType ? HeaderField::bodyHint(*contentType) : StreamBodyHint::binary();
-        if (!message.body.shortfall.empty()) message.notes.push_back({"Body incomplete", message.body.shortfall});
+        std::string why = message.body.shortfall;
+        if (const std::int64_t lost = lostBytes(message.body.ranges, stream, message.direction); lost > 0)
+            why.append(why.empty() ? "" : "; ").append("the capture lacks ").append(byteCountText(lost)).append(" of it, shown as zeros");
+        if (!why.empty()) message.notes.push_back({"Body incomplete", std::move(why)});
         shown.body =
             StreamBody(std::make_shared<const MessageBody>(stream, message.direction, std::move(message.body), context.largestDecodedBody));
     } else {
