@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cmath>
 #include <cstring>
 #include <fmt/compile.h>
@@ -75,18 +76,32 @@ constexpr auto isPlain = [] {
     return plain;
 }();
 
-/// Whether eight characters are all plain; read at once, since most of what is written is.
-bool areEightPlain(const std::uint8_t* characters)
+/// Sixteen characters that are looked at at once, since most of what is written is plain.
+using Sixteen = signed char __attribute__((vector_size(16)));
+
+/// Not zero where a character is not plain; what is not ASCII is negative.
+Sixteen notPlain(Sixteen characters) { return (characters < 0x20) | (characters == '"') | (characters == '\\') | (characters == 0x7F); }
+
+bool isZero(Sixteen characters)
 {
-    constexpr std::uint64_t ones = 0x0101010101010101;
-    constexpr std::uint64_t tops = ones << 7;
-    std::uint64_t word;
-    std::memcpy(&word, characters, sizeof word);
-    // The top bit of a byte comes out set where the byte is below the bound (up to 0x80), and perhaps in those above the
-    // first such byte, which changes nothing here.
-    const auto below = [](std::uint64_t bytes, std::uint64_t bound) { return (bytes - ones * bound) & ~bytes; };
-    const auto holds = [&](std::uint64_t byte) { return below(word ^ (ones * byte), 1); };
-    return ((word | below(word, 0x20) | holds('"') | holds('\\') | holds(0x7F)) & tops) == 0;
+    std::uint64_t halves[2];
+    std::memcpy(halves, &characters, sizeof halves);
+    return (halves[0] | halves[1]) == 0;
+}
+
+/// Copies 2 * sizeof(Word) characters at most, but sizeof(Word) at least: the first and the last of them, which may overlap. Whether
+/// all are plain.
+template <class Word> bool copyEnds(const char* from, std::size_t count, char* to)
+{
+    Word ends[2];
+    std::memcpy(&ends[0], from, sizeof(Word));
+    std::memcpy(&ends[1], from + count - sizeof(Word), sizeof(Word));
+    std::memcpy(to, &ends[0], sizeof(Word));
+    std::memcpy(to + count - sizeof(Word), &ends[1], sizeof(Word));
+    Sixteen both;
+    static_assert(sizeof both % sizeof ends == 0);
+    for (std::size_t i = 0; i < sizeof both; i += sizeof ends) std::memcpy(reinterpret_cast<char*>(&both) + i, ends, sizeof ends);
+    return isZero(notPlain(both));
 }
 
 void appendEscape(std::string& text, char32_t scalar)
@@ -115,36 +130,31 @@ bool wantsEscape(char32_t scalar)
 }
 
 /// Copies plain characters, and gives where they end; null when not all are plain.
-char* copyPlain(std::string_view characters, char* to)
+inline char* copyPlain(std::string_view characters, char* to)
 {
-    using Sixteen = signed char __attribute__((vector_size(16)));
     const char* const from = characters.data();
     const std::size_t count = characters.size();
+    bool arePlain = true;
     if (count >= sizeof(Sixteen)) {
         Sixteen bad{};
         const auto copySixteen = [&](std::size_t offset) {
             Sixteen here;
             std::memcpy(&here, from + offset, sizeof here);
-            bad |= (here < 0x20) | (here == '"') | (here == '\\') | (here == 0x7F);  // what is not ASCII is negative
+            bad |= notPlain(here);
             std::memcpy(to + offset, &here, sizeof here);
         };
         for (std::size_t offset = 0; count - offset > sizeof(Sixteen); offset += sizeof(Sixteen)) copySixteen(offset);
         copySixteen(count - sizeof(Sixteen));  // some of them once more
-        std::uint64_t halves[2];
-        std::memcpy(halves, &bad, sizeof halves);
-        return (halves[0] | halves[1]) == 0 ? to + count : nullptr;
-    }
-    if (count >= 8) {
-        const auto* const bytes = reinterpret_cast<const std::uint8_t*>(from);
-        if (!areEightPlain(bytes) || !areEightPlain(bytes + count - 8)) return nullptr;
-        std::memcpy(to, from, 8);
-        std::memcpy(to + count - 8, from + count - 8, 8);
-        return to + count;
-    }
-    bool arePlain = true;
-    for (std::size_t i = 0; i < count; ++i) {
-        arePlain &= isPlain[static_cast<std::uint8_t>(from[i])];
-        to[i] = from[i];
+        arePlain = isZero(bad);
+    } else if (count >= 8) {
+        arePlain = copyEnds<std::uint64_t>(from, count, to);
+    } else if (count >= 4) {
+        arePlain = copyEnds<std::uint32_t>(from, count, to);
+    } else {
+        for (std::size_t i = 0; i < count; ++i) {
+            arePlain &= isPlain[static_cast<std::uint8_t>(from[i])];
+            to[i] = from[i];
+        }
     }
     return arePlain ? to + count : nullptr;
 }
@@ -175,10 +185,10 @@ char* writeMicroseconds(double number, char* to)
     if (!(number >= smallest && number < largest)) return nullptr;
     const auto microseconds = static_cast<std::int64_t>(number * 1e6 + 0.5);
     if (static_cast<double>(microseconds) / 1e6 != number) return nullptr;
-    const fmt::format_int whole(microseconds / 1'000'000);
-    to = std::copy_n(whole.data(), whole.size(), to);
+    const auto whole = static_cast<std::uint32_t>(microseconds / 1'000'000);
+    to = std::to_chars(to, to + 10, whole).ptr;
     *to++ = '.';
-    auto rest = static_cast<int>(microseconds % 1'000'000);
+    auto rest = static_cast<std::uint32_t>(microseconds % 1'000'000);
     for (int i = 5; i >= 0; --i, rest /= 10) to[i] = static_cast<char>('0' + rest % 10);
     int digits = 6;
     while (digits > 1 && to[digits - 1] == '0') --digits;
@@ -204,9 +214,8 @@ void JSONLineWriter::settle()
     next_ = end_ = nullptr;
 }
 
-void JSONLineWriter::spillIfLarge()
+void JSONLineWriter::spill()
 {
-    if (!spill_.isDue(next_ ? static_cast<std::size_t>(next_ - text_.data()) : text_.size())) return;
     settle();
     spill_(text_);
 }
@@ -227,33 +236,42 @@ void JSONLineWriter::value(std::string_view characters)
 
 void JSONLineWriter::integer(std::int64_t number)
 {
-    const fmt::format_int digits(number);
-    literal({digits.data(), digits.size()});
+    constexpr std::size_t longest = 20;
+    char* next = room(longest + 1);
+    if (needsComma_) *next++ = ',';
+    needsComma_ = true;
+    next_ = std::to_chars(next, next + longest, number).ptr;
+    if (depth_ == 0) settle();
 }
 
 void JSONLineWriter::value(double number)
 {
     if (!std::isfinite(number)) return null();
-    std::array<char, 40> digits;
-    if (const char* const end = writeMicroseconds(number, digits.data()))
-        return literal({digits.data(), static_cast<std::size_t>(end - digits.data())});
-    char* end = fmt::format_to(digits.data(), FMT_COMPILE("{}"), number);
-    if (std::string_view(digits.data(), static_cast<std::size_t>(end - digits.data())).find_first_of(".e") == std::string_view::npos) {
-        *end++ = '.';
-        *end++ = '0';
+    separate();
+    char* const start = room(40);
+    char* end = writeMicroseconds(number, start);
+    if (!end) {
+        end = fmt::format_to(start, FMT_COMPILE("{}"), number);
+        if (std::string_view(start, static_cast<std::size_t>(end - start)).find_first_of(".e") == std::string_view::npos) {
+            *end++ = '.';
+            *end++ = '0';
+        }
     }
-    literal({digits.data(), static_cast<std::size_t>(end - digits.data())});
+    next_ = end;
+    if (depth_ == 0) settle();
 }
 
 void JSONLineWriter::quoted(std::string_view characters)
 {
-    separate();
-    char* const start = room(characters.size() + 2);
-    *start = '"';
-    char* end = copyPlain(characters, start + 1);
+    char* start = room(characters.size() + 3);
+    if (needsComma_) *start++ = ',';
+    needsComma_ = true;
+    *start++ = '"';
+    char* end = copyPlain(characters, start);
     if (!end) {
+        next_ = start;
         const std::string text = escaped(characters);
-        end = std::ranges::copy(text, room(text.size() + 2) + 1).out;
+        end = std::ranges::copy(text, room(text.size() + 1)).out;
     }
     *end = '"';
     next_ = end + 1;

@@ -92,7 +92,11 @@ private:
     void grow(std::size_t count);
     /// Leaves in the text what is written, and no more.
     void settle();
-    void spillIfLarge();
+    void spillIfLarge()
+    {
+        if (spill_.isDue(next_ ? static_cast<std::size_t>(next_ - text_.data()) : text_.size())) spill();
+    }
+    void spill();
 
     void separate()
     {

@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/records/MessageRecords.h"
 
+#include <algorithm>
+#include <optional>
 #include <utility>
+#include <vector>
 
 namespace sealscope {
 
@@ -18,6 +21,24 @@ std::string_view name(StreamMessageKind kind)
     std::unreachable();
 }
 
+void writeRow(JSONLineWriter& json, const DetailRow& row)
+{
+    json.beginObject();
+    json.member("name", row.name);
+    json.member("value", row.value);
+    json.endObject();
+}
+
+bool isCoded(const StreamMessage& message) { return message.body && message.attribute("contentEncoding"); }
+
+std::optional<DetailRow> rowOf(const StreamMessage& message, const StreamBody::Ending& ending)
+{
+    constexpr std::string_view rowName = "Body incomplete";
+    // That the body stops short of its end under its coding stands there already.
+    if (ending.isComplete || std::ranges::find(message.detail, rowName, &DetailRow::name) != message.detail.end()) return std::nullopt;
+    return DetailRow{std::string(rowName), ending.reason};
+}
+
 }  // namespace
 
 std::string_view directionName(TCPSegment::Direction direction)
@@ -25,23 +46,37 @@ std::string_view directionName(TCPSegment::Direction direction)
     return direction == TCPSegment::Direction::clientToServer ? "clientToServer" : "serverToClient";
 }
 
+std::optional<DetailRow> decodingRow(const StreamMessage& message)
+{
+    return isCoded(message) ? rowOf(message, message.body->ending()) : std::nullopt;
+}
+
 void writeMembers(JSONLineWriter& json, const StreamMessage& message, BodyMember body)
 {
+    std::vector<std::uint8_t> decoded;
+    std::optional<DetailRow> row;
+    const bool isDecodedHere = body == BodyMember::written && isCoded(message);
+    if (isDecodedHere) {
+        row = rowOf(message, message.body->forEachPiece([&](DataView piece) {
+            decoded.insert(decoded.end(), piece.begin(), piece.end());
+            return true;
+        }));
+    } else {
+        row = decodingRow(message);
+    }
     json.member("direction", directionName(message.direction));
     json.member("kind", name(message.kind));
     json.member("summary", message.summary);
     json.key("detail");
     json.beginArray();
-    for (const DetailRow& row : message.detail) {
-        json.beginObject();
-        json.member("name", row.name);
-        json.member("value", row.value);
-        json.endObject();
-    }
+    for (const DetailRow& known : message.detail) writeRow(json, known);
+    if (row) writeRow(json, *row);
     json.endArray();
     if (body == BodyMember::written) {
         json.key("body");
-        if (message.body)
+        if (isDecodedHere)
+            json.base64(Data(std::move(decoded)));
+        else if (message.body)
             json.base64(*message.body);
         else
             json.null();

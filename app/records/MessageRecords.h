@@ -5,6 +5,7 @@
 #include "host/VELModels/StreamMessage.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -14,6 +15,10 @@ std::string_view directionName(TCPSegment::Direction direction);
 
 /// Whether a message is written with its body, or without the member.
 enum class BodyMember : std::uint8_t { written, leftOut };
+
+/// What a message's rows cannot say before its body was decoded: why that stopped short of its end. Decodes the body, once, where
+/// nobody has asked for its length before.
+std::optional<DetailRow> decodingRow(const StreamMessage& message);
 
 /// Writes the members of a message into an object that was begun: those of every message, and its attributes as members of
 /// "attributes".

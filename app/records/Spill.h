@@ -15,7 +15,7 @@ public:
     Spill() = default;
     explicit Spill(std::function<void(std::string&)> take) : take_(std::move(take)) {}
     /// Whether a text of that size is to be taken away.
-    bool isDue(std::size_t size) const { return take_ && size >= large; }
+    bool isDue(std::size_t size) const { return size >= large && take_; }
     /// Called between pieces; takes the text away once it is large.
     void operator()(std::string& text) const
     {

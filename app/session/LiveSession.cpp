@@ -52,7 +52,11 @@ std::shared_ptr<KeyLogSources> sourcesFor(const LiveSessionOptions& options)
 class LiveSession::Implementation {
 public:
     explicit Implementation(const LiveSessionOptions& options)
-        : options_(options), sources_(sourcesFor(options)), plugIns_(sources_, options.plugIns)
+        : options_(options), sources_(sourcesFor(options)), plugIns_(sources_, [&] {
+              PlugInOptions plugIns = options.plugIns;
+              plugIns.mostHeldOfOne = options.mostHeldOfOne;
+              return plugIns;
+          }())
     {}
 
     void add(const CapturedPacket& packet)
@@ -70,7 +74,7 @@ public:
             // What belongs to no connection, such as the last acknowledgment, does not open one.
             if (segment_.payload.isEmpty() && !(segment_.flags & TCPFlag::syn)) return;
             if (std::ssize(connections_) >= options_.mostConnections) giveUpOldest();
-            connections_.push_back(std::make_unique<LiveConnection>(nextNumber_++, segment_));
+            connections_.push_back(std::make_unique<LiveConnection>(plugIns_, nextNumber_++, segment_));
             connections_.back()->place = std::prev(connections_.end());
             found = current_.emplace(key, connections_.back().get()).first;
         }
@@ -87,8 +91,7 @@ public:
     void read(const Take& take)
     {
         const std::uint64_t generation = sources_->generation();
-        hasNewSecrets_ = std::exchange(generation_, generation) != generation;
-        if (hasNewSecrets_)
+        if (std::exchange(generation_, generation) != generation)
             for (const auto& connection : connections_)
                 if (connection->waitsForSecrets()) markChanged(*connection);
         for (LiveConnection* const connection : std::exchange(changed_, {})) {
@@ -123,7 +126,7 @@ private:
     void readOne(LiveConnection& connection, LiveConnection::Secrets secrets, const Take& take)
     {
         const std::int64_t before = connection.held();
-        connection.read(plugIns_, hasNewSecrets_, secrets, options_.mostHeldOfOne, take);
+        connection.read(secrets, options_.mostHeldOfOne, take);
         held_ += connection.held() - before;
         if (connection.hasEnded() && !connection.endSeen) connection.endSeen = Clock::now();
     }
@@ -167,7 +170,6 @@ private:
     std::vector<LiveConnection*> changed_;  ///< since they were read last
     Clock::time_point nextSweep_;
     std::uint64_t generation_ = 0;
-    bool hasNewSecrets_ = false;
     std::int64_t nextNumber_ = 0;
 };
 

@@ -2,6 +2,7 @@
 #include "app/session/SessionPlugIns.h"
 
 #include "app/session/Exchanges.h"
+#include "app/session/LiveStream.h"
 
 #include <algorithm>
 #include <iterator>
@@ -106,6 +107,12 @@ std::unique_ptr<StreamExchangeReader> SessionPlugIns::carriedExchanges(const TCP
     StreamContext offered = context;
     offered.host = this;
     return exchanges(*interpreter, readable(*interpreter, stream), offered);
+}
+
+std::unique_ptr<StreamFollowing> SessionPlugIns::followCarried(const StreamContext& context) const
+{
+    if (options_.carried == CarriedStreams::shownAsBytes || context.depth > StreamContext::deepest) return nullptr;
+    return std::make_unique<LiveStream>(*this, context, LiveStream::Place::carried);
 }
 
 std::unique_ptr<StreamExchangeReader> SessionPlugIns::decryptedExchanges(const TCPStream& stream, const StreamContext& context) const

@@ -25,6 +25,7 @@ struct PlugInOptions {
     DecryptionReach reach = DecryptionReach::full;
     CarriedStreams carried = CarriedStreams::interpreted;
     std::int64_t largestDecodedBody = std::int64_t{1} << 30;  ///< bytes
+    std::int64_t mostHeldOfOne = std::int64_t{16} << 20;      ///< bytes of plaintext of a stream that goes on
 };
 
 /// The plug-ins as one session uses them: the interpreters that are registered when it is made, and decryption probes with the
@@ -56,6 +57,8 @@ public:
     std::optional<StreamInterpretation> decryptedInterpretation(const TCPStream& stream, const StreamContext& context) const override;
     std::optional<StreamInterpretation> carriedInterpretation(const TCPStream& stream, const StreamContext& context) const override;
     std::unique_ptr<StreamExchangeReader> carriedExchanges(const TCPStream& stream, const StreamContext& context) const override;
+    std::unique_ptr<StreamFollowing> followCarried(const StreamContext& context) const override;
+    std::int64_t mostHeldOfOne() const { return options_.mostHeldOfOne; }
     /// Those of what a stream carries under encryption. Null when it does not open.
     std::unique_ptr<StreamExchangeReader> decryptedExchanges(const TCPStream& stream, const StreamContext& context) const;
     /// Those that an interpreter finds in a stream, which it accepts.

@@ -49,14 +49,13 @@ ByteToSegmentIndex::ByteToSegmentIndex(std::vector<ByteSpan> spans)
 
 void PacketIdCollector::add(std::int64_t packetId)
 {
-    if (ascending_) {
+    if (!seen_) {
         // Packets mostly come in order; then nothing needs to be searched.
         if (packetIds_.empty() || packetId > packetIds_.back()) return packetIds_.push_back(packetId);
         if (packetId == packetIds_.back()) return;
-        seen_.insert(packetIds_.begin(), packetIds_.end());
-        ascending_ = false;
+        seen_ = std::make_unique<std::unordered_set<std::int64_t>>(packetIds_.begin(), packetIds_.end());
     }
-    if (seen_.insert(packetId).second) packetIds_.push_back(packetId);
+    if (seen_->insert(packetId).second) packetIds_.push_back(packetId);
 }
 
 }  // namespace sealscope

@@ -60,8 +60,8 @@ public:
 
 private:
     std::vector<std::int64_t>& packetIds_;
-    std::unordered_set<std::int64_t> seen_;  ///< packetIds_ again, from the first id on that is not larger than all before it
-    bool ascending_ = true;
+    /// packetIds_ again, from the first id on that is not larger than all before it.
+    std::unique_ptr<std::unordered_set<std::int64_t>> seen_;
 };
 
 }  // namespace sealscope SEALSCOPE_API

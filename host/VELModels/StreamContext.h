@@ -2,6 +2,7 @@
 #pragma once
 
 #include "host/VELModels/StreamExchange.h"
+#include "host/VELModels/StreamFollowing.h"
 #include "host/VELModels/StreamMessage.h"
 #include "host/VELModels/TCPStream.h"
 
@@ -9,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace sealscope SEALSCOPE_API {
 
@@ -32,6 +34,8 @@ struct StreamContext {
     std::optional<StreamLayer> notOfferedTo;
     /// A body that decodes to more bytes than this ends there, and says so.
     std::int64_t largestDecodedBody = std::int64_t{1} << 30;
+    /// What who opened the stream says in front of each message; a reader of exchanges that adds them itself says so.
+    std::vector<DetailRow> rowsInFront;
     /// What the application does for the session that the stream belongs to; null outside of one.
     const StreamHost* host = nullptr;
 };
@@ -52,6 +56,10 @@ public:
 
     /// The exchanges of such an interpretation. Null when no interpreter accepts the stream, or when it lies too deep.
     virtual std::unique_ptr<StreamExchangeReader> carriedExchanges(const TCPStream&, const StreamContext&) const { return nullptr; }
+
+    /// Begins to read such a stream while it goes on, whatever it turns out to be: nothing of it needs to be there yet. Null where nobody
+    /// reads it.
+    virtual std::unique_ptr<StreamFollowing> followCarried(const StreamContext&) const { return nullptr; }
 };
 
 }  // namespace sealscope SEALSCOPE_API

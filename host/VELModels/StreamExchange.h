@@ -32,6 +32,8 @@ public:
     virtual std::optional<double> nextTime() const = 0;
     /// Takes the next one, which is there, in place of what `exchange` held.
     virtual void next(StreamExchange& exchange) = 0;
+    /// Whether it puts the context's `rowsInFront` in front of each message's rows.
+    virtual bool addsRowsInFront() const { return false; }
 };
 
 }  // namespace sealscope SEALSCOPE_API

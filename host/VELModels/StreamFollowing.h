@@ -22,6 +22,10 @@ public:
     virtual StreamInterpretation goOn(const TCPStream& stream, StreamExtent extent) = 0;
     /// Where the bytes of a direction begin that are not done with.
     virtual std::int64_t neededFrom(TCPSegment::Direction direction) const = 0;
+    /// Whether more may become complete when nothing more of the stream comes: once there are secrets for it.
+    virtual bool waits() const { return false; }
+    /// Bytes that it holds apart from the stream's.
+    virtual std::int64_t held() const { return 0; }
 };
 
 }  // namespace sealscope SEALSCOPE_API

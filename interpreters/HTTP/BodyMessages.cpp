@@ -71,8 +71,7 @@ std::optional<BodyMessages> BodyMessages::in(const HTTPMessage& message, std::st
     messages.url_ = std::move(url);
     if (const std::string* const encoding = HeaderField::find(message.fields, "grpc-encoding")) messages.encoding_ = *encoding;
     messages.attributes_.push_back({"protocol", isCall ? "gRPC" : "Server-sent events"});
-    std::ranges::copy_if(message.attributes, std::back_inserter(messages.attributes_),
-                         [](const StreamAttribute& attribute) { return attribute.key == "streamId"; });
+    if (message.streamId) messages.attributes_.push_back({"streamId", *message.streamId});
     return messages;
 }
 

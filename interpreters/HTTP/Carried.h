@@ -6,6 +6,7 @@
 #include "interpreters/HTTP/Conversation.h"
 #include "interpreters/HTTP/HeaderFields.h"
 
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -19,8 +20,18 @@ struct Carried {
     std::optional<std::int64_t> streamId;  ///< of HTTP/2, given to each message as an attribute
     HeaderFields reply;                    ///< the fields of the reply that granted it
 
+    /// Sets what messages of a carried stream are to say of the outer one: where they lie in it, and on which stream of HTTP/2.
+    void place(StreamInterpretation& inner) const;
+    /// Begins to read it while it goes on. Null where nothing of it is an exchange, or nobody can tell.
+    std::unique_ptr<StreamFollowing> follow(const StreamContext& context) const;
     /// Adds what the application's interpreters make of it, or its bytes.
     static void append(Conversation& conversation, const TCPStream& outer, const StreamContext& context, const Carried& carried);
+
+    bool isWebSocket() const;
+    bool isHTTP2() const;
+
+private:
+    StreamContext contextInside(const StreamContext& outer) const;
 };
 
 }  // namespace sealscope

@@ -73,6 +73,7 @@ public:
         requests_.goOn(extent);
         replies_.goOn(extent);
         if (!isSwitched_) readReplies();
+        if (inner_) followInside(extent);
         if (isGrowing_) return takeFinished();
         if (!isSwitched_) {
             while (readRequest()) {}
@@ -88,11 +89,16 @@ public:
     /// Where the bytes of a direction begin that are not done with.
     std::int64_t neededFrom(Direction direction) const
     {
-        // Who follows a stream that goes on has nobody to hand the inside of a tunnel to.
-        if (isSwitched_) return std::numeric_limits<std::int64_t>::max();
+        if (isSwitched_) {
+            constexpr std::int64_t nothing = std::numeric_limits<std::int64_t>::max();
+            const std::int64_t inside = inner_ ? inner_->neededFrom(direction) : nothing;
+            return inside == nothing ? nothing : switchedAt(direction) + inside;
+        }
         if (direction == replies_.direction()) return replies_.offset();
         return asked_.empty() ? requests_.offset() : asked_.front().offset;
     }
+    bool waits() const { return inner_ && inner_->waits(); }
+    std::int64_t held() const { return inner_ ? inner_->held() : 0; }
 
 private:
     /// A request that was read, as far as its reply needs it.
@@ -172,12 +178,18 @@ private:
             const HeaderFields fields = isTunnel ? read->message.fields : HeaderFields();
             // The answer to a request that asked for HTTP/2 comes in HTTP/2, on its first stream (RFC 7540 §3.2).
             const std::string* const protocol = read->message.status == 101 ? HeaderField::find(fields, "upgrade") : nullptr;
-            const bool isAnsweredLater = !isGrowing_ && asked && protocol && HeaderField::isNamed(*protocol, "h2c");
+            const bool isAnsweredLater = asked && protocol && HeaderField::isNamed(*protocol, "h2c");
             if (isAnsweredLater) read->message.kind = StreamMessageKind::data;
             const auto inside = BodyMessages::in(read->message, read->message.url);
             const std::int64_t position = conversation_.add(HTTPMessages::shown(std::move(read->message), stream_, context_));
             if (inside) inside->append(conversation_, stream_, context_);
             if (isInterim) continue;
+            if (isAnsweredLater && isGrowing_) {
+                pausedAt_.reset();
+                switchProtocol(fields);
+                isAnsweredInside_ = inner_ != nullptr;
+                return;
+            }
             if (isAnsweredLater) {
                 asked->isAnswered = true;
                 const std::int64_t request = asked->position, first = conversation_.size();
@@ -203,16 +215,44 @@ private:
     void switchProtocol(const HeaderFields& reply)
     {
         isSwitched_ = true;
-        if (isGrowing_) return;
-        const ByteRanges asking = ByteRange{requests_.offset(), stream_.data(requests_.direction()).size()};
-        const ByteRanges answering = ByteRange{replies_.offset(), stream_.data(replies_.direction()).size()};
-        const bool isClientAsking = requests_.direction() == Direction::clientToServer;
+        const Carried carried = carriedNow(reply);
+        if (!isGrowing_) return Carried::append(conversation_, stream_, context_, carried);
+        inner_ = carried.follow(context_);
+    }
+
+    Carried carriedNow(const HeaderFields& reply) const
+    {
+        const auto behind = [&](Direction direction) {
+            const std::int64_t from = switchedAt(direction);
+            return ByteRanges(ByteRange{from, std::max(from, stream_.data(direction).size())});
+        };
         const std::string* const protocol = HeaderField::find(reply, "upgrade");
-        Carried::append(conversation_, stream_, context_,
-                        {.client = isClientAsking ? asking : answering,
-                         .server = isClientAsking ? answering : asking,
-                         .protocol = protocol ? std::optional(*protocol) : std::nullopt,
-                         .reply = reply});
+        return {.client = behind(Direction::clientToServer),
+                .server = behind(Direction::serverToClient),
+                .protocol = protocol ? std::optional(*protocol) : std::nullopt,
+                .reply = reply};
+    }
+
+    /// Where the bytes of a direction begin that belong to another protocol.
+    std::int64_t switchedAt(Direction direction) const
+    {
+        return direction == requests_.direction() ? requests_.offset() : replies_.offset();
+    }
+
+    /// Adds what has become complete inside by now.
+    void followInside(StreamExtent extent)
+    {
+        const Carried carried = carriedNow({});
+        StreamInterpretation inside = inner_->goOn(CarriedStream::inside(stream_, carried.client, carried.server), extent);
+        carried.place(inside);
+        const std::int64_t first = conversation_.size();
+        conversation_.append(std::move(inside));
+        if (!isAnsweredInside_ || answered_ == asked_.size()) return;
+        const auto reply = firstStreamsReply(first);
+        if (!reply) return;
+        isAnsweredInside_ = false;
+        asked_[answered_].isAnswered = true;
+        conversation_.pair(asked_[answered_++].position, reply);
     }
 
     /// The reply on stream 1 among the messages from a position on.
@@ -251,9 +291,11 @@ private:
     HeaderFields upgradeRequest_;
     bool isSwitched_ = false;
     bool isGrowing_ = false;
+    std::unique_ptr<StreamFollowing> inner_;  ///< what follows, of a stream that goes on
+    bool isAnsweredInside_ = false;           ///< the request that comes next
 };
 
-/// Reads a connection that still goes on, up to where it changes to another protocol.
+/// Reads a connection that still goes on, and what it changes to.
 class HTTP1Following final : public StreamFollowing {
 public:
     explicit HTTP1Following(const StreamContext& context) : context_(context) {}
@@ -269,6 +311,8 @@ public:
         return reading_->read(extent);
     }
     std::int64_t neededFrom(Direction direction) const override { return reading_ ? reading_->neededFrom(direction) : 0; }
+    bool waits() const override { return reading_ && reading_->waits(); }
+    std::int64_t held() const override { return reading_ ? reading_->held() : 0; }
 
 private:
     StreamContext context_;

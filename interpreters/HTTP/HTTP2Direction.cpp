@@ -63,8 +63,10 @@ void HTTP2Direction::forget(const absl::flat_hash_set<std::uint32_t>& streams)
     // A header block that has begun is read to its end whatever becomes of its stream, for the sake of those behind it.
     std::erase_if(halves_, [&](const HTTP2Half& half) { return streams.contains(half.stream) && !(open_ && open_->stream == half.stream); });
     places_.clear();
-    for (std::size_t place = 0; place < halves_.size(); ++place) places_.emplace(halves_[place].stream, place);
-    if (open_) open_->place = places_.at(open_->stream);
+    latest_ = 0;
+    if (!isAscending_)
+        for (std::size_t place = 0; place < halves_.size(); ++place) places_.emplace(halves_[place].stream, place);
+    if (open_) open_->place = *find(open_->stream);
 }
 
 void HTTP2Direction::forgetConnection()
@@ -77,15 +79,37 @@ void HTTP2Direction::forgetConnection()
 
 HTTP2Half* HTTP2Direction::half(std::uint32_t stream)
 {
-    const auto place = places_.find(stream);
-    return place == places_.end() ? nullptr : &halves_[place->second];
+    // Most often the one that was asked for last, or the next.
+    for (std::size_t place = latest_; place < std::min(latest_ + 2, halves_.size()); ++place)
+        if (halves_[place].stream == stream) return &halves_[latest_ = place];
+    const auto place = find(stream);
+    return place ? &halves_[latest_ = *place] : nullptr;
 }
 
 HTTP2Half& HTTP2Direction::halfFor(std::uint32_t stream)
 {
-    const auto [place, isNew] = places_.try_emplace(stream, halves_.size());
-    if (isNew) halves_.emplace_back().stream = stream;
-    return halves_[place->second];
+    if (latest_ < halves_.size() && halves_[latest_].stream == stream) return halves_[latest_];
+    if (const auto place = find(stream)) return halves_[latest_ = *place];
+    if (isAscending_ && !halves_.empty() && stream < halves_.back().stream) {
+        isAscending_ = false;
+        for (std::size_t place = 0; place < halves_.size(); ++place) places_.emplace(halves_[place].stream, place);
+    }
+    latest_ = halves_.size();
+    if (!isAscending_) places_.emplace(stream, latest_);
+    HTTP2Half& half = halves_.emplace_back();
+    half.stream = stream;
+    return half;
+}
+
+std::optional<std::size_t> HTTP2Direction::find(std::uint32_t stream) const
+{
+    if (!isAscending_) {
+        const auto place = places_.find(stream);
+        return place == places_.end() ? std::nullopt : std::optional(place->second);
+    }
+    if (halves_.empty() || halves_.back().stream < stream) return std::nullopt;
+    const auto found = std::ranges::lower_bound(halves_, stream, {}, &HTTP2Half::stream);
+    return found->stream == stream ? std::optional(static_cast<std::size_t>(found - halves_.begin())) : std::nullopt;
 }
 
 void HTTP2Direction::appendFrame(HTTP2Half& half, const HTTP2Frame& frame)
@@ -206,7 +230,7 @@ void HTTP2Direction::readHeaders(const HTTP2Frame& frame, std::int64_t prefix, s
                                                          : withoutPadding(frame);
     if (!open_) {
         halfFor(stream);
-        open_.emplace().place = places_.at(stream);
+        open_.emplace().place = latest_;
         open_->stream = stream;
         open_->frameStream = frame.stream;
         open_->endsStream = frame.type == Type::headers && frame.has(HTTP2Frame::endStream);
@@ -232,7 +256,7 @@ void HTTP2Direction::readHeaders(const HTTP2Frame& frame, std::int64_t prefix, s
 
 void HTTP2Direction::endHeaders()
 {
-    HTTP2OpenBlock open = *std::exchange(open_, std::nullopt);
+    HTTP2OpenBlock& open = *open_;
     if (open.lostBytes > 0) {
         open.block.notes.push_back({"Header incomplete", fmt::format("the capture lacks {} of it", byteCountText(open.lostBytes))});
         decompressor_.forget();
@@ -251,6 +275,7 @@ void HTTP2Direction::endHeaders()
     HTTP2Half& half = halves_[open.place];
     if (open.endsStream) half.isEnded = true;
     half.blocks.push_back(std::move(open.block));
+    open_.reset();
 }
 
 std::vector<DetailRow> HTTP2Direction::connectionRows() const

@@ -87,6 +87,7 @@ private:
     void resynchronize(std::int64_t from);
     ByteRange withoutPadding(const HTTP2Frame& frame);
     HTTP2Half& halfFor(std::uint32_t stream);
+    std::optional<std::size_t> find(std::uint32_t stream) const;
     void appendFrame(HTTP2Half& half, const HTTP2Frame& frame);
 
     const StreamData& data_;
@@ -97,7 +98,9 @@ private:
     std::int64_t offset_ = 0;
 
     std::deque<HTTP2Half> halves_;
-    absl::flat_hash_map<std::uint32_t, std::size_t> places_;  ///< of streams in `halves_`
+    bool isAscending_ = true;  ///< numbers of streams in `halves_`: those that a client begins come like that (RFC 9113 §5.1.1)
+    absl::flat_hash_map<std::uint32_t, std::size_t> places_;  ///< of streams in `halves_`, where they are not
+    std::size_t latest_ = 0;                                  ///< where the last stream was found that somebody asked for
     std::vector<HTTP2Frame> frames_;
     std::vector<ByteRange> gaps_;
 

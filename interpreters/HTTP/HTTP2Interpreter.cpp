@@ -56,6 +56,24 @@ std::optional<std::string_view> pseudoField(const HTTP2Block& block, std::string
     return found;
 }
 
+/// The pseudo-fields of a request, the first of each.
+struct RequestFields {
+    explicit RequestFields(const HTTP2Block& block)
+    {
+        block.fields.forEach([&](std::string_view name, std::string_view value) {
+            if (!name.starts_with(':') && !name.starts_with('(')) return false;
+            auto* const field = name == ":method"      ? &method
+                                : name == ":path"      ? &path
+                                : name == ":scheme"    ? &scheme
+                                : name == ":authority" ? &authority
+                                                       : nullptr;
+            if (field && !*field) *field = value;
+            return true;
+        });
+    }
+    std::optional<std::string_view> method, path, scheme, authority;
+};
+
 bool isGRPC(const HTTP2Block& block)
 {
     const auto type = block.fields.find("content-type");
@@ -131,33 +149,42 @@ public:
         return conversation_.finish();
     }
 
-    /// The request of a stream; `asked` gives up what it says.
-    HTTPMessage requestOf(HTTP2Half& asked, const HTTP2Half* answer)
+    /// The request of a stream; `asked` gives up what it says. `rows` stand in front of the fields, or are memory to be used again.
+    HTTPMessage requestOf(HTTP2Half& asked, const HTTP2Half* answer, HeaderFields rows = {}, std::size_t inFront = 0)
     {
         HTTPMessage request{.direction = asked.promisedOn ? answering_.direction() : asking_.direction()};
+        request.fields = std::move(rows);
         fill(request, asked, answer, 0);
         if (!asked.blocks.empty()) {
             const HTTP2Block& head = asked.blocks.front();
-            if (const auto method = pseudoField(head, ":method")) request.method = *method;
-            request.url = urlOf(head, request.method);
+            const RequestFields known(head);
+            if (known.method) request.method = *known.method;
+            request.url = urlOf(head, known);
         }
         if (request.method.empty()) request.method = "(unknown method)";
         if (asked.promisedOn) request.notes.push_back({"Pushed by the server", fmt::format("on stream {}", *asked.promisedOn)});
-        if (!asked.blocks.empty()) takeFields(request, asked, 0);
+        if (!asked.blocks.empty())
+            takeFields(request, asked, 0, inFront);
+        else
+            request.fields.resize(inFront);
         return request;
     }
 
     /// The reply that begins with a block; `half` gives up what it says. `url` and `method` are those of its request.
-    HTTPMessage replyOf(HTTP2Half& half, std::size_t head, std::string_view url, std::string_view method, const HTTP2Half* asked)
+    HTTPMessage replyOf(HTTP2Half& half, std::size_t head, std::string_view url, std::string_view method, const HTTP2Half* asked,
+                        HeaderFields rows = {}, std::size_t inFront = 0)
     {
         HTTPMessage reply{.direction = answering_.direction(), .kind = StreamMessageKind::reply};
+        reply.fields = std::move(rows);
         reply.url = url;
         fill(reply, half, asked, head);
         if (head < half.blocks.size()) {
             if (const auto status = pseudoField(half.blocks[head], ":status"))
                 reply.status = static_cast<int>(std::clamp<std::int64_t>(number(*status), 0, 999));
-            takeFields(reply, half, head);
+            takeFields(reply, half, head, inFront);
             readGRPCStatus(reply);
+        } else {
+            reply.fields.resize(inFront);
         }
         if (method == "CONNECT" && reply.status / 100 == 2) reply.body = {};
         return reply;
@@ -212,7 +239,7 @@ private:
             HTTPMessage interim{.direction = answering_.direction(), .kind = StreamMessageKind::data, .protocol = "HTTP/2"};
             interim.status = static_cast<int>(number(*pseudoField(block, ":status")));
             interim.range = block.range;
-            interim.attributes = {{"streamId", std::int64_t{half.stream}}};
+            interim.streamId = half.stream;
             block.fields.appendTo(interim.fields);
             conversation_.add(HTTPMessages::shown(std::move(interim), stream_, context_));
         }
@@ -232,7 +259,7 @@ private:
         message.protocol = head < half.blocks.size() && isGRPC(half.blocks[head]) ? "gRPC" : "HTTP/2";
         message.range = half.frames.bounds();
         if (head > 0 && head < half.blocks.size()) message.range.lower = half.blocks[head].range.lower;
-        message.attributes.push_back({"streamId", std::int64_t{half.stream & 0x7FFF'FFFF}});
+        message.streamId = half.stream & 0x7FFF'FFFF;
         message.body.ranges = std::exchange(half.data, {});
         if (!half.frames.isInOnePlace()) message.pieces = std::exchange(half.frames, {});
         if (!half.isEnded && !half.promisedOn) {
@@ -247,9 +274,9 @@ private:
         if (half.blocks.size() <= head) message.notes.push_back({"Header incomplete", "the capture lacks it"});
     }
 
-    void takeFields(HTTPMessage& message, HTTP2Half& half, std::size_t head)
+    void takeFields(HTTPMessage& message, HTTP2Half& half, std::size_t head, std::size_t inFront)
     {
-        half.blocks[head].fields.appendTo(message.fields, 1);  // who decrypted them adds a row
+        half.blocks[head].fields.assignTo(message.fields, inFront, 1 - std::min<std::size_t>(inFront, 1));  // who decrypted them adds a row
         std::ranges::move(half.blocks[head].notes, std::back_inserter(message.notes));
         for (std::size_t trailers = head + 1; trailers < half.blocks.size(); ++trailers) {
             half.blocks[trailers].fields.appendTo(message.trailers);
@@ -277,21 +304,20 @@ private:
         }
     }
 
-    std::string urlOf(const HTTP2Block& head, std::string_view method) const
+    std::string urlOf(const HTTP2Block& head, const RequestFields& known) const
     {
-        const auto scheme = pseudoField(head, ":scheme"), path = pseudoField(head, ":path");
-        auto authority = pseudoField(head, ":authority");
-        if (!authority) authority = head.fields.find("host");
-        std::string url(scheme ? *scheme : context_.isDecrypted ? std::string_view("https") : std::string_view("http"));
-        url.reserve(url.size() + 3 + (authority ? authority->size() : 64) + (path ? path->size() : 16));
-        url.append("://");
+        const std::string_view scheme = known.scheme ? *known.scheme : context_.isDecrypted ? "https" : "http";
+        const auto authority = known.authority ? known.authority : head.fields.find("host");
+        std::string url;
+        url.reserve(scheme.size() + 3 + (authority ? authority->size() : 64) + (known.path ? known.path->size() : 16));
+        url.append(scheme).append("://");
         if (authority)
             url.append(*authority);
         else
             url.append(context_.serverName ? *context_.serverName : stream_.serverEndpoint.text());
-        if (path && *path != "*")
-            url.append(*path);
-        else if (!path && method != "CONNECT")
+        if (known.path && *known.path != "*")
+            url.append(*known.path);
+        else if (!known.path && known.method != "CONNECT")
             url.append("/(unknown path)");
         return url;
     }
@@ -411,11 +437,19 @@ public:
             if (half.promisedOn) return false;
             if (!hasRequest(half)) continue;
             if (!half.blocks.empty() && pseudoField(half.blocks.front(), ":method") == "CONNECT") return false;
-            const auto time = timeOf(half, asking.direction());
-            if (!time) return false;
-            HTTP2Half* const answer = answering.half(half.stream);
-            if (answer) ++answered;
-            turns_.push_back({*time, &half, answer});
+            // The earliest of the times at which its frames were captured, as its message has it.
+            Turn turn{.asked = &half, .answer = answering.half(half.stream)};
+            std::optional<double> earliest;
+            half.frames.forEach([&](ByteRange frames) {
+                const ByteLocation place = stream_.locate(frames, asking.direction());
+                if (place.timestamp) earliest = std::min(earliest.value_or(*place.timestamp), *place.timestamp);
+                if (place.packetIds.size() == 1 && half.frames.isInOnePlace()) turn.packetId = place.packetIds.front();
+                return true;
+            });
+            if (!earliest) return false;
+            turn.time = *earliest;
+            if (turn.answer) ++answered;
+            turns_.push_back(turn);
         }
         if (!std::ranges::is_sorted(turns_, {}, &Turn::time)) std::ranges::stable_sort(turns_, {}, &Turn::time);
         return answered == answering.halves().size();
@@ -424,30 +458,40 @@ public:
     std::optional<double> nextTime() const override { return next_ < turns_.size() ? std::optional(turns_[next_].time) : std::nullopt; }
     void next(StreamExchange& exchange) override
     {
-        const auto& [time, asked, answer] = turns_[next_++];
-        HTTPMessage request = reading_.requestOf(*asked, answer);
-        exchange.reply.reset();
-        if (answer)
-            if (const std::size_t head = finalHead(*answer); hasReply(*answer, head))
-                exchange.reply =
-                    HTTPMessages::shown(reading_.replyOf(*answer, head, request.url, request.method, asked), stream_, context_);
-        exchange.request = HTTPMessages::shown(std::move(request), stream_, context_);
+        const auto& [time, packetId, asked, answer] = turns_[next_++];
+        const std::size_t inFront = context_.rowsInFront.size();
+        // The memory of what was told last is used again.
+        const auto messageIn = [](std::optional<StreamMessage>& held) -> StreamMessage& { return held ? *held : held.emplace(); };
+        StreamMessage& shownRequest = messageIn(exchange.request);
+        HTTPMessage request = reading_.requestOf(*asked, answer, rowsFrom(shownRequest), inFront);
+        if (packetId > 0) request.packet = {packetId, time};
+        const std::size_t head = answer ? finalHead(*answer) : 0;
+        if (answer && hasReply(*answer, head)) {
+            StreamMessage& shownReply = messageIn(exchange.reply);
+            HTTPMessages::show(reading_.replyOf(*answer, head, request.url, request.method, asked, rowsFrom(shownReply), inFront), stream_,
+                               context_, shownReply);
+        } else {
+            exchange.reply.reset();
+        }
+        HTTPMessages::show(std::move(request), stream_, context_, shownRequest);
     }
+    bool addsRowsInFront() const override { return true; }
 
 private:
-    /// The earliest of the times at which a request's frames were captured, as its message has it.
-    std::optional<double> timeOf(const HTTP2Half& half, Direction direction) const
+    /// The rows of a message that was told, as room for others: behind those that stand in front of all.
+    HeaderFields rowsFrom(StreamMessage& told) const
     {
-        std::optional<double> earliest;
-        half.frames.forEach([&](ByteRange frame) {
-            if (const auto time = stream_.locate(frame, direction).timestamp) earliest = std::min(earliest.value_or(*time), *time);
-            return true;
-        });
-        return earliest;
+        HeaderFields rows = std::move(told.detail);
+        const std::vector<DetailRow>& front = context_.rowsInFront;
+        if (rows.size() < front.size()) rows.resize(front.size());
+        for (std::size_t i = 0; i < front.size(); ++i)
+            if (rows[i] != front[i]) rows[i] = front[i];
+        return rows;
     }
 
     struct Turn {
         double time = 0;
+        std::int64_t packetId = 0;  ///< of the only packet that carried the request; else 0
         HTTP2Half* asked = nullptr;
         HTTP2Half* answer = nullptr;
     };

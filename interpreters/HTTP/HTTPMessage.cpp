@@ -23,11 +23,15 @@ std::string_view pathOf(std::string_view url)
     return path == std::string_view::npos ? url.substr(authority + 3) : url.substr(path);
 }
 
-void append(std::string& list, std::string_view item)
+/// How many bytes of a body were lost, where it costs little to know: data that are made when they are looked at are not.
+std::int64_t lostBytes(const ByteRanges& ranges, const TCPStream& stream, TCPSegment::Direction direction)
 {
-    if (item.empty()) return;
-    if (!list.empty()) list += ", ";
-    list += item;
+    const StreamData& data = stream.data(direction);
+    if (data.holeBytes() == 0 || !data.lendsForLong()) return 0;
+    const LostBytes lost(stream, direction);
+    std::int64_t count = 0;
+    ranges.forEach([&](ByteRange range) { return count += lost.countIn(range), true; });
+    return count;
 }
 
 }  // namespace
@@ -89,38 +93,56 @@ void HTTPMessages::locate(StreamMessage& shown, const TCPStream& stream, ByteRan
     }
     shown.packetIds = std::move(place.packetIds);
     shown.timestamp = place.timestamp.value_or(0);
+    shown.endTimestamp.reset();
     if (shown.packetIds.size() < 2) return;
     const auto end = stream.locate({range.upper - 1, range.upper}, shown.direction).timestamp;
     if (end && *end > shown.timestamp) shown.endTimestamp = end;
 }
 
-std::string HTTPMessages::bodyText(const StreamMessage& reply)
+void HTTPMessages::appendBodyText(std::string& summary, const StreamMessage& reply)
 {
-    std::string inside;
-    append(inside, HeaderField::mediaType(text(reply, "contentType")));
-    if (const std::int64_t bytes = number(reply, "encodedBytes"); bytes > 0 || inside.empty()) {
-        append(inside, bytes > 0 ? byteCountText(bytes) : "no body");
-        // What it decodes to is known once somebody has decoded it.
-        if (const std::string_view coding = text(reply, "contentEncoding"); !coding.empty()) inside += ' ', inside += coding;
-    }
-    return inside;
+    const std::string_view type = HeaderField::mediaType(text(reply, "contentType"));
+    summary += type;
+    const std::int64_t bytes = number(reply, "encodedBytes");
+    if (bytes <= 0 && !type.empty()) return;
+    if (!type.empty()) summary += ", ";
+    summary += bytes > 0 ? byteCountText(bytes) : "no body";
+    // What it decodes to is known once somebody has decoded it.
+    if (const std::string_view coding = text(reply, "contentEncoding"); !coding.empty()) summary.append(1, ' ').append(coding);
 }
 
 StreamMessage HTTPMessages::shown(HTTPMessage message, const TCPStream& stream, const StreamContext& context)
 {
-    StreamMessage shown{.direction = message.direction, .kind = message.kind};
+    StreamMessage shown;
+    show(std::move(message), stream, context, shown);
+    return shown;
+}
+
+void HTTPMessages::show(HTTPMessage&& message, const TCPStream& stream, const StreamContext& context, StreamMessage& shown)
+{
+    shown.id = UUID::random();
+    shown.direction = message.direction;
+    shown.kind = message.kind;
+    shown.isDecrypted = false;
     const bool isRequest = message.kind == StreamMessageKind::request;
     const std::string* const contentType = HeaderField::find(message.fields, "content-type");
+    const bool hasBody = !message.body.ranges.isEmpty();
 
-    if (!message.body.ranges.isEmpty()) shown.filename = HeaderField::suggestedName(message.fields, message.url);
+    if (hasBody)
+        shown.filename = HeaderField::suggestedName(message.fields, message.url);
+    else
+        shown.filename.reset();
+    shown.summary.clear();
     if (isRequest) {
         shown.summary.reserve(message.method.size() + 1 + message.url.size());
         shown.summary.append(message.method).append(1, ' ').append(message.url);
     }
-    shown.attributes = std::move(message.attributes);
+    shown.attributes.clear();
     // Of a connection with many small requests these rows are most of the memory: no more room than they need.
-    shown.attributes.reserve(shown.attributes.size() + (isRequest ? 4 : 3) + (contentType ? 1 : 0) + (message.reason.empty() ? 0 : 1) +
-                             (message.body.codings.empty() ? 0 : 1));
+    shown.attributes.reserve(message.attributes.size() + (message.streamId ? 1 : 0) + (isRequest ? 4 : 3) + (contentType ? 1 : 0) +
+                             (message.reason.empty() ? 0 : 1) + (message.body.codings.empty() ? 0 : 1));
+    if (message.streamId) shown.attributes.emplace_back("streamId", *message.streamId);
+    std::ranges::move(message.attributes, std::back_inserter(shown.attributes));
     if (isRequest) {
         shown.attributes.emplace_back("method", std::move(message.method));
         shown.attributes.emplace_back("url", std::move(message.url));
@@ -136,23 +158,40 @@ StreamMessage HTTPMessages::shown(HTTPMessage message, const TCPStream& stream, 
             shown.attributes.emplace_back("contentEncoding", *coding);
 
     if (!isRequest) {
-        shown.summary = std::to_string(message.status);
-        if (message.kind == StreamMessageKind::data && !message.reason.empty()) shown.summary += ' ' + message.reason;
-        if (message.kind == StreamMessageKind::reply) shown.summary.append(" (").append(bodyText(shown)).append(1, ')');
+        shown.summary.reserve(48);
+        shown.summary += std::to_string(message.status);
+        if (message.kind == StreamMessageKind::data && !message.reason.empty()) shown.summary.append(1, ' ').append(message.reason);
+        if (message.kind == StreamMessageKind::reply) {
+            shown.summary += " (";
+            appendBodyText(shown.summary, shown);
+            shown.summary += ')';
+        }
     }
 
-    if (!message.body.ranges.isEmpty()) {
+    if (hasBody) {
         shown.bodyHint = contentType ? HeaderField::bodyHint(*contentType) : StreamBodyHint::binary();
-        if (!message.body.shortfall.empty()) message.notes.push_back({"Body incomplete", message.body.shortfall});
+        std::string why = message.body.shortfall;
+        if (const std::int64_t lost = lostBytes(message.body.ranges, stream, message.direction); lost > 0)
+            why.append(why.empty() ? "" : "; ").append("the capture lacks ").append(byteCountText(lost)).append(" of it, shown as zeros");
+        if (!why.empty()) message.notes.push_back({"Body incomplete", std::move(why)});
         shown.body =
             StreamBody(std::make_shared<const MessageBody>(stream, message.direction, std::move(message.body), context.largestDecodedBody));
+    } else {
+        shown.bodyHint.reset();
+        shown.body.reset();
     }
-    locate(shown, stream, message.range, message.pieces);
+    if (message.packet) {
+        shown.byteRange = message.range;
+        shown.packetIds.assign(1, message.packet->id);
+        shown.timestamp = message.packet->time;
+        shown.endTimestamp.reset();
+    } else {
+        locate(shown, stream, message.range, message.pieces);
+    }
 
     shown.detail = std::move(message.fields);
     for (DetailRow& trailer : message.trailers) shown.detail.push_back({std::move(trailer.name) + " (trailer)", std::move(trailer.value)});
     std::ranges::move(message.notes, std::back_inserter(shown.detail));
-    return shown;
 }
 
 std::string HTTPMessages::pairingSummary(const StreamMessage& request, const StreamMessage* reply)
@@ -160,7 +199,8 @@ std::string HTTPMessages::pairingSummary(const StreamMessage& request, const Str
     std::string summary(text(request, "method"));
     summary.append(1, ' ').append(pathOf(text(request, "url")));
     if (!reply) return summary;
-    summary.append(" → ").append(std::to_string(number(*reply, "status"))).append(" (").append(bodyText(*reply));
+    summary.append(" → ").append(std::to_string(number(*reply, "status"))).append(" (");
+    appendBodyText(summary, *reply);
     if (reply->attribute("grpcStatus")) {
         const std::string_view words = text(*reply, "grpcMessage");
         summary.append(", gRPC status ").append(std::to_string(number(*reply, "grpcStatus")));

@@ -8,6 +8,7 @@
 #include "interpreters/HTTP/MessageBody.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -29,7 +30,14 @@ struct HTTPMessage {
     CarriedBody body;
     ByteRange range;                          ///< of the direction's data, first byte to last
     ByteRanges pieces;                        ///< the message's own bytes where others lie among them; else empty
+    std::optional<std::int64_t> streamId;     ///< of HTTP/2
     std::vector<StreamAttribute> attributes;  ///< beside those that every message has
+    /// Of a message that one packet carried, where that is known: which, and when.
+    struct Packet {
+        std::int64_t id = 0;
+        double time = 0;
+    };
+    std::optional<Packet> packet;
 };
 
 /// How messages of HTTP are shown.
@@ -40,10 +48,12 @@ struct HTTPMessages {
     static void readCodings(HTTPMessage& message);
     /// The message as a row of the stream view. Its body is made when it is asked for.
     static StreamMessage shown(HTTPMessage message, const TCPStream& stream, const StreamContext& context);
+    /// The same in place of what `shown` held, whose memory is used again.
+    static void show(HTTPMessage&& message, const TCPStream& stream, const StreamContext& context, StreamMessage& shown);
     /// "GET /index.html → 200 (text/html, 5.2 kB, 31 ms)".
     static std::string pairingSummary(const StreamMessage& request, const StreamMessage* reply);
-    /// The parts of a reply that stand in brackets.
-    static std::string bodyText(const StreamMessage& reply);
+    /// Adds the parts of a reply that stand in brackets.
+    static void appendBodyText(std::string& summary, const StreamMessage& reply);
     static std::string_view text(const StreamMessage& message, std::string_view key);
     static std::int64_t number(const StreamMessage& message, std::string_view key);
     /// Sets where and when a message was carried.

@@ -134,24 +134,25 @@ StreamBodyHint HeaderField::bodyHint(std::string_view contentType)
 {
     std::string type(mediaType(contentType));
     std::ranges::transform(type, type.begin(), lower);
-    static constexpr std::array texts{"application/json",
-                                      "application/xml",
-                                      "application/javascript",
-                                      "application/x-javascript",
-                                      "application/ecmascript",
-                                      "application/graphql",
-                                      "application/yaml",
-                                      "application/x-yaml",
-                                      "application/x-ndjson",
-                                      "application/x-www-form-urlencoded",
-                                      "application/sql",
-                                      "application/toml",
-                                      "application/jose",
-                                      "application/jwt",
-                                      "application/x-sh",
-                                      "application/x-mpegurl",
-                                      "application/vnd.apple.mpegurl"};
-    if (!type.starts_with("text/") && !type.ends_with("+json") && !type.ends_with("+xml") && std::ranges::find(texts, type) == texts.end())
+    static constexpr std::array<std::string_view, 17> texts{"application/json",
+                                                            "application/xml",
+                                                            "application/javascript",
+                                                            "application/x-javascript",
+                                                            "application/ecmascript",
+                                                            "application/graphql",
+                                                            "application/yaml",
+                                                            "application/x-yaml",
+                                                            "application/x-ndjson",
+                                                            "application/x-www-form-urlencoded",
+                                                            "application/sql",
+                                                            "application/toml",
+                                                            "application/jose",
+                                                            "application/jwt",
+                                                            "application/x-sh",
+                                                            "application/x-mpegurl",
+                                                            "application/vnd.apple.mpegurl"};
+    if (!type.starts_with("text/") && !type.ends_with("+json") && !type.ends_with("+xml") &&
+        std::ranges::find(texts, std::string_view(type)) == texts.end())
         return StreamBodyHint::binary();
     const auto charset = parameter(contentType, "charset");
     if (!charset || isNamed(*charset, "utf-8") || isNamed(*charset, "utf8") || isNamed(*charset, "us-ascii"))
@@ -169,14 +170,15 @@ std::optional<std::string> HeaderField::suggestedName(const HeaderFields& fields
         if (!name) name = parameter(*disposition, "filename");
         if (name && !name->empty()) return text(*name);
     }
-    url = url.substr(0, url.find_first_of("?#"));
+    url = url.substr(0, std::min(url.find('?'), url.find('#')));
     if (const std::size_t authority = url.find("://"); authority != std::string_view::npos) {
         const std::size_t path = url.find('/', authority + 3);
         url = path == std::string_view::npos ? std::string_view() : url.substr(path);
     }
-    const std::string name = percentDecoded(url.substr(url.rfind('/') + 1));
-    if (name.empty()) return std::nullopt;
-    return text(name);
+    url = url.substr(url.rfind('/') + 1);
+    if (url.empty()) return std::nullopt;
+    if (!url.contains('%')) return text(url);
+    return text(percentDecoded(url));
 }
 
 std::string HeaderField::percentDecoded(std::string_view text)
@@ -200,12 +202,16 @@ bool HeaderField::isASCII(std::string_view bytes)
 {
     constexpr std::uint64_t tops = 0x8080'8080'8080'8080;
     std::uint64_t all = 0, word = 0;
-    for (; bytes.size() >= sizeof word; bytes.remove_prefix(sizeof word)) {
-        std::memcpy(&word, bytes.data(), sizeof word);
+    if (bytes.size() < sizeof word) {
+        for (const char byte : bytes) all |= static_cast<unsigned char>(byte);
+        return (all & tops) == 0;
+    }
+    for (std::size_t offset = 0; bytes.size() - offset > sizeof word; offset += sizeof word) {
+        std::memcpy(&word, bytes.data() + offset, sizeof word);
         all |= word;
     }
-    for (const char byte : bytes) all |= static_cast<unsigned char>(byte);
-    return (all & tops) == 0;
+    std::memcpy(&word, bytes.data() + bytes.size() - sizeof word, sizeof word);  // some of them once more
+    return ((all | word) & tops) == 0;
 }
 
 std::string HeaderField::text(std::string_view bytes) { return isASCII(bytes) ? std::string(bytes) : utf8::repaired(DataView(bytes)); }

@@ -3,6 +3,7 @@
 
 #include "interpreters/HTTP/HeaderFields.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <optional>
@@ -19,7 +20,14 @@ public:
     void append(std::string_view name, std::string_view value)
     {
         const std::uint32_t lengths[2] = {static_cast<std::uint32_t>(name.size()), static_cast<std::uint32_t>(value.size())};
-        bytes_.append(reinterpret_cast<const char*>(lengths), sizeof lengths).append(name).append(value);
+        const std::size_t used = bytes_.size(), needed = used + sizeof lengths + name.size() + value.size();
+        if (needed > bytes_.capacity()) bytes_.reserve(std::max(needed, 2 * used));
+        bytes_.resize_and_overwrite(needed, [&](char* bytes, std::size_t) {
+            std::memcpy(bytes += used, lengths, sizeof lengths);
+            std::memcpy(bytes += sizeof lengths, name.data(), name.size());
+            std::memcpy(bytes + name.size(), value.data(), value.size());
+            return needed;
+        });
     }
     /// In no more room than they need.
     PackedFields fitted() const { return *this; }
@@ -45,19 +53,45 @@ public:
         });
         return found;
     }
-    /// Adds them as rows, and leaves room for as many more.
-    void appendTo(HeaderFields& rows, std::size_t more = 0) const
+    /// Adds them as rows.
+    void appendTo(HeaderFields& rows) const
     {
-        std::size_t count = rows.size() + more;
-        forEach([&](std::string_view, std::string_view) { return ++count, true; });
-        rows.reserve(count);
+        rows.reserve(rows.size() + count());
         forEach([&](std::string_view name, std::string_view value) {
-            rows.emplace_back(std::string(name), std::string(value));
+            setRow(rows.emplace_back(), name, value);
+            return true;
+        });
+    }
+    /// Makes them the rows behind the first few, in place of those that were there, and leaves room for some more.
+    void assignTo(HeaderFields& rows, std::size_t first, std::size_t more) const
+    {
+        const std::size_t fields = first + count();
+        if (rows.capacity() < fields + more) {
+            rows.resize(std::min(first, rows.size()));  // no more is to be moved
+            rows.reserve(fields + more);
+        }
+        rows.resize(fields);
+        auto row = rows.begin() + static_cast<std::ptrdiff_t>(first);
+        forEach([&](std::string_view name, std::string_view value) {
+            setRow(*row++, name, value);
             return true;
         });
     }
 
 private:
+    std::size_t count() const
+    {
+        std::size_t fields = 0;
+        forEach([&](std::string_view, std::string_view) { return ++fields, true; });
+        return fields;
+    }
+    static void setRow(DetailRow& row, std::string_view name, std::string_view value)
+    {
+        // Messages of a connection have most in common with those before.
+        if (row.name != name) row.name.assign(name);
+        if (row.value != value) row.value.assign(value);
+    }
+
     std::string bytes_;
 };
 

@@ -128,6 +128,7 @@ StreamContext contextOf(const ReachConnection& connection, const OpenedDirection
 {
     StreamContext context = outer;
     context.isDecrypted = true;
+    context.rowsInFront = {decryptedRow};
     context.notOfferedTo = StreamLayer::security;
     ++context.depth;
     context.serverName = connection.clientHello() ? connection.clientHello()->serverName : std::nullopt;
@@ -163,10 +164,10 @@ StreamInterpretation merged(std::vector<StreamMessage> handshake, StreamInterpre
     return interpretation;
 }
 
-void mark(StreamMessage& message)
+void mark(StreamMessage& message, bool hasRow = false)
 {
     message.id = UUID::random();
-    message.detail.insert(message.detail.begin(), decryptedRow);
+    if (!hasRow) message.detail.insert(message.detail.begin(), decryptedRow);
     message.isDecrypted = true;
 }
 
@@ -196,7 +197,7 @@ public:
     {
         inner_->next(exchange);
         for (auto* const message : {&exchange.request, &exchange.reply})
-            if (*message) mark(**message);
+            if (*message) mark(**message, inner_->addsRowsInFront());
     }
 
 private:

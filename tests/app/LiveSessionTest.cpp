@@ -106,8 +106,7 @@ TEST_F(Live, FindsInRealTrafficWhatTheWholeCaptureHolds)
     for (const fs::path& folder : {captures, captures / "web"}) {
         for (const auto& entry : fs::directory_iterator(folder)) {
             const std::string name = entry.path().filename().string(), file = (entry.path() / "capture.pcap").string();
-            // What a connection is upgraded to is not followed.
-            if (!fs::exists(file) || name == "apache-upgrade") continue;
+            if (!fs::exists(file)) continue;
             const std::string keyLog = (entry.path() / "keylog.txt").string();
             const Lines expected = whole(file, keyLog);
             if (expected.empty()) continue;
@@ -171,6 +170,52 @@ TEST_F(Live, HoldsWhatIsOpenAndPutsPacketsInOrder)
         disturb(segments, {.reordered = 0.05, .retransmitted = 0.1, .overlapping = 0.05, .reach = 1});
         const std::string disturbed = directory.write("disturbed.pcap", pcapFile(packets(segments)));
         EXPECT_THAT(follow(disturbed, {}, 16).lines, testing::UnorderedElementsAreArray(whole(disturbed, "")));
+    }
+}
+
+TEST_F(Live, LooksIntoTunnelsWhileTheyAreOpen)
+{
+    constexpr int count = 300;
+    std::vector<TLSStep> said;
+    for (int i = 0; i < count; ++i) {
+        said.push_back(clientSends(fmt::format("GET /{} HTTP/1.1\r\nHost: h\r\n\r\n", i)));
+        said.push_back(serverSends(fmt::format("HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n{}", std::string(1'000, 'x'))));
+    }
+    struct Case { const char* name; bool isProxySecured, isServerSecured; };
+    for (const auto& [name, isProxySecured, isServerSecured] : {Case{"plain", false, false}, Case{"TLS in a tunnel", false, true},
+                                                                Case{"a tunnel in TLS", true, false}, Case{"TLS in a tunnel in TLS", true, true}}) {
+        std::string secrets;
+        std::vector<TLSStep> steps{clientSends("CONNECT h:443 HTTP/1.1\r\nHost: h:443\r\n\r\n"), serverSends("HTTP/1.1 200 OK\r\n\r\n")};
+        if (isServerSecured) {
+            const TLSSession session = runTLS({.seed = 2}, said);
+            for (const TLSFlight& flight : session.flights) steps.push_back({.from = flight.direction, .payload = flight.wire});
+            secrets = session.keyLog;
+        } else {
+            steps.insert(steps.end(), said.begin(), said.end());
+        }
+        TCPConversation connection({.server = endpoint("192.0.2.2", 8080), .interval = 1'000});
+        connection.open();
+        if (isProxySecured) {
+            const TLSSession session = runTLS({.seed = 3}, steps);
+            connection.send(session.flights);
+            secrets += session.keyLog;
+        } else {
+            for (const TLSStep& step : steps) connection.send(step.from, step.payload);
+        }
+        const std::string file = directory.write("tunnel.pcap", pcapFile(packets(connection.segments)));
+        const std::string keyLog = directory.write("keys.txt", secrets);
+        const Lines expected = whole(file, keyLog);
+        ASSERT_EQ(expected.size(), 1 + count) << name;
+        const Followed followed = follow(file, {.keyLogs = {keyLog}}, 16);
+        EXPECT_EQ(followed.lines, expected) << name << ", as it goes";
+        EXPECT_LT(followed.mostHeld, 150'000) << name << ", of 400 kB and more";
+
+        const std::string late = directory.write("late.txt", "");
+        const auto write = [&] {
+            directory.write("late.txt", secrets);
+            std::this_thread::sleep_for(std::chrono::milliseconds(60));
+        };
+        EXPECT_THAT(follow(file, {.keyLogs = {late}}, 16, write).lines, testing::UnorderedElementsAreArray(expected)) << name;
     }
 }
 

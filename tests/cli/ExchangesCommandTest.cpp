@@ -2,8 +2,10 @@
 #include "app/export/Objects.h"
 #include "harness/CaptureFile.h"
 #include "harness/PacketPath.h"
+#include "harness/TCPConversation.h"
 #include "harness/TLSSession.h"
 #include "harness/TempDirectory.h"
+#include "platform/Base64.h"
 #include "tests/cli/Program.h"
 
 #include <filesystem>
@@ -72,6 +74,33 @@ TEST_F(ExchangesCommand, ListsRequestsWithTheirReplies)
     EXPECT_EQ(closed.output, "");
     EXPECT_THAT(closed.errors, HasSubstr("no requests or replies")) << "without the key log";
     EXPECT_EQ(closed.status, 0);
+}
+
+TEST_F(ExchangesCommand, StopsDecodingAtALimitAndSaysSo)
+{
+    // A thousand letters under gzip (RFC 1952).
+    const std::string_view letters("\x1f\x8b\x08\0\0\0\0\0\x02\x03\x4b\x4c\x1c\x05\xa3\x60\x14\x0c\x77\0\0\x03\xda\x38\x9a\xe8\x03\0\0", 29);
+    TCPConversation connection({.server = endpoint("192.0.2.2", 80)});
+    connection.open();
+    connection.send(TCPSegment::Direction::clientToServer, Data::fromText("GET /a HTTP/1.1\r\nHost: h\r\n\r\n"));
+    connection.send(TCPSegment::Direction::serverToClient, Data::fromText(reply("Content-Encoding: gzip\r\nContent-Type: text/plain\r\n", letters)));
+    const std::string file = directory.write("coded.pcap", pcapFile(packets(connection.segments)));
+    const nlohmann::json row{{"name", "Body incomplete"}, {"value", "it decodes to more than the limit of 100 bytes"}};
+    const std::string text = "Body incomplete: it decodes to more than the limit of 100 bytes\n", kept(100, 'a');
+
+    const auto cut = jsonLines(sealscope({"exchanges", "--json", "--largest-body", "100", file}).output);
+    EXPECT_EQ(cut[0]["reply"]["bodyBytes"], 100);
+    EXPECT_THAT(cut[0]["reply"]["detail"], testing::Contains(row));
+    const auto told = jsonLines(sealscope({"follow", "--json", "--largest-body", "100", file}).output)[0]["messages"][1];
+    EXPECT_EQ(fromBase64(told["body"].get<std::string>())->view().text(), kept);
+    EXPECT_THAT(told["detail"], testing::Contains(row));
+    EXPECT_THAT(sealscope({"follow", "--largest-body", "100", file}).output, testing::AllOf(HasSubstr(text), HasSubstr(kept + "\n")));
+    const std::string folder = directory.file("saved");
+    EXPECT_EQ(jsonLines(sealscope({"objects", "--json", "--largest-body", "100", "--output", folder, file}).output)[0]["complete"], false);
+
+    const auto whole = jsonLines(sealscope({"exchanges", "--json", file}).output);
+    EXPECT_EQ(whole[0]["reply"]["bodyBytes"], 1'000);
+    EXPECT_THAT(whole[0]["reply"]["detail"], testing::Not(testing::Contains(row)));
 }
 
 TEST_F(ExchangesCommand, SavesObjectsAndReplacesNothing)

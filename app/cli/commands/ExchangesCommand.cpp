@@ -27,9 +27,12 @@ ExitStatus runExchanges(const CommandContext& context)
     const bool isJSON = context.options.json;
 
     constexpr std::size_t usualLine = 2'048;
+    // Lines are mostly printed by the thread that makes them.
+    static thread_local std::string spare;
     const auto lineOf = [&](const TCPStream& stream, const Exchange& exchange) {
         if (!isJSON) return ExchangeLine(cellsOf(stream.key.number, exchange));
-        std::string line;
+        std::string line = std::exchange(spare, {});
+        line.clear();
         line.reserve(usualLine);
         appendRecord(line, {.number = stream.key.number, .client = stream.clientEndpoint, .server = stream.serverEndpoint}, exchange);
         return ExchangeLine(std::move(line));
@@ -38,14 +41,16 @@ ExitStatus runExchanges(const CommandContext& context)
     std::int64_t left = context.options.count;  // negative: no limit
     std::int64_t found = 0;
     std::string text;
-    const auto print = [&](ExchangeLine line) {
+    const auto print = [&](ExchangeLine&& line) {
         ++found;
         if (auto* const cells = std::get_if<ExchangeCells>(&line)) {
             text.clear();
             table.append(text, *cells);
             context.output.write(text);
         } else {
-            context.output.write(std::get<std::string>(line));
+            auto& record = std::get<std::string>(line);
+            context.output.write(record);
+            spare = std::move(record);
         }
         if (left > 0) --left;
         return left != 0 && context.output.isOpen() && !isInterrupted();

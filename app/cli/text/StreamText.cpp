@@ -4,6 +4,7 @@
 #include "app/texts/DisplayText.h"
 #include "app/cli/text/HexDump.h"
 #include "app/texts/TimeText.h"
+#include "app/records/MessageRecords.h"
 #include "app/records/StreamFacts.h"
 #include "platform/UTF8.h"
 
@@ -96,6 +97,7 @@ private:
     {
         summaryLine(said);
         for (const DetailRow& row : said.detail) detail(row.name, row.value);
+        if (const auto row = decodingRow(said)) detail(row->name, row->value);
         if (const auto found = answered_.find(position); found != answered_.end()) detail("Answers", found->second->summary);
         if (unanswered_.contains(position)) detail("Answer", "none");
         if (said.body) body(said);

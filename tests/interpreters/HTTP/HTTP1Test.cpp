@@ -110,7 +110,8 @@ TEST(HTTP1, GoesOnBehindLostBytes)
     check({
         {"in a body they are zeros",
          {{'>', get}, {'<', "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\na"}, {'}', "xx"}, {'<', "d"}},
-         "> request GET http://h/\n< reply 200 (4 bytes) \"a\\0\\0d\" (the capture lacks 2 bytes of it, shown as zeros)\n"
+         "> request GET http://h/\n< reply 200 (4 bytes) \"a\\0\\0d\" (the capture lacks 2 bytes of it, shown as zeros) "
+         "[Body incomplete: the capture lacks 2 bytes of it, shown as zeros]\n"
          "0-1 GET / → 200 (4 bytes, 2 ms)\n"},
         {"in a header: what is before them, and the next reply, which answers the latest question before it",
          {{'>', get},

@@ -199,11 +199,13 @@ TEST(HTTP2, GoesOnBehindLostBytes)
     const std::string more = inOrder({server.headers(3, {{":status", "204"}}, endStream), HTTP2Writer::frame(Type::ping, 0, 0, "12345678"),
                                       server.headers(5, {{":status", "204"}}, endStream)});
     EXPECT_EQ(read({{'>', asked}, {'<', head + body.substr(0, 12)}, {'}', body.substr(12, 2)}, {'<', body.substr(14)}}),
-              "> request GET https://h/a\n< reply 200 (8 bytes) \"abc\\0\\0fgh\" (the capture lacks 2 bytes of it, shown as zeros)\n"
+              "> request GET https://h/a\n< reply 200 (8 bytes) \"abc\\0\\0fgh\" (the capture lacks 2 bytes of it, shown as zeros) "
+              "[Body incomplete: the capture lacks 2 bytes of it, shown as zeros]\n"
               "1-2 GET /a → 200 (8 bytes, 2 ms)\n")
         << "in a body";
     EXPECT_EQ(read({{'>', asked}, {'<', head + body.substr(0, 12)}, {'}', body.substr(12) + "lost"}, {'<', more}}),
-              "> request GET https://h/a\n< reply 200 (8 bytes) \"abc\\0\\0\\0\\0\\0\" (the capture lacks 5 bytes of it, shown as zeros)\n"
+              "> request GET https://h/a\n< reply 200 (8 bytes) \"abc\\0\\0\\0\\0\\0\" (the capture lacks 5 bytes of it, shown as zeros) "
+              "[Body incomplete: the capture lacks 5 bytes of it, shown as zeros]\n"
               "< data 4 bytes outside of any frame\n< reply 204 (no body)\n< data PING \"12345678\"\n< reply 204 (no body)\n"
               "1-2 GET /a → 200 (8 bytes, 1 ms)\n")
         << "across frames";

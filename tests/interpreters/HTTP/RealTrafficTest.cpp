@@ -124,5 +124,36 @@ TEST(RealTraffic, IsWhatServersAndClientsRecorded)
     EXPECT_GE(found, 6);
 }
 
+TEST(RealTraffic, MakesArchivesThatAnIndependentReaderTakes)
+{
+    namespace fs = std::filesystem;
+    const fs::path tests = fs::path(SEALSCOPE_SOURCE_DIR) / "tests";
+    const ProgramOptions withPackages{.environment = {"NODE_PATH=/usr/share/nodejs"}};
+    if (runProgram({"/bin/sh", "-c", "command -v node && node -e 'require(\"har-validator\")'"}, withPackages).status != 0)
+        GTEST_SKIP() << "needs node-har-validator";
+
+    const TempDirectory directory;
+    // An archive that lacks what every archive has shows that the reader looks.
+    std::vector<std::string> archives{directory.write("broken.har", R"({"log":{"version":"1.2","creator":{"name":"a","version":"1"}}})")};
+    std::size_t entries = 0;
+    for (const fs::path& folder : {tests / "captures", tests / "captures/web"})
+        for (const auto& entry : fs::directory_iterator(folder)) {
+            if (!fs::exists(entry.path() / "capture.pcap")) continue;
+            archives.push_back((fs::path(directory.path()) / entry.path().filename()).string() + ".har");
+            const auto made = cli::sealscope({"export", "har", "-k", entry.path() / "keylog.txt", entry.path() / "capture.pcap", "--output", archives.back()});
+            ASSERT_EQ(made.status, 0) << made.errors;
+            entries += nlohmann::json::parse(readFile(archives.back()).view().text())["log"]["entries"].size();
+        }
+    EXPECT_GE(entries, 20U);
+    std::vector<std::string> arguments{"node", tests / "interpreters/HTTP/validate-har.js"};
+    arguments.insert(arguments.end(), archives.begin(), archives.end());
+    const std::string said = runProgram(arguments, withPackages).output;
+    std::string expected;
+    for (std::size_t i = 1; i < archives.size(); ++i) expected += "ok\n";
+    EXPECT_EQ(said.substr(std::min(said.find('\n') + 1, said.size())), expected);
+    EXPECT_THAT(said, testing::Not(testing::StartsWith("ok")));
+    EXPECT_THAT(said, testing::HasSubstr("entries"));
+}
+
 }  // namespace
 }  // namespace sealscope
