@@ -116,7 +116,7 @@ py::dict toDict(const FileScan& scan)
     dict["pairs"] = bytesOf(scan.pairs);
     dict["clients"] = bytesOf(scan.clients);
     dict["strangers"] = bytesOf(scan.strangers);
-    dict["secrets"] = py::bytes(scan.secrets.data(), scan.secrets.size());
+    dict["secrets"] = scan.secrets.size();
     dict["errors"] = told(scan.errors);
     return dict;
 }
@@ -309,6 +309,7 @@ PYBIND11_MODULE(_core, module)
     py::class_<Piece>(module, "Piece")
         .def(py::init(&openPiece))
         .def("scan", [](const Piece& piece) { return toDict(piece.scan()); })
+        .def("secrets", [](const Piece& piece) { return py::bytes(piece.scan().secrets.data(), piece.scan().secrets.size()); })
         .def_property_readonly("memory", &Piece::memory)
         .def("packets", &packetsOf)
         .def("rows", &rowsOf);

@@ -232,7 +232,7 @@ def test_secrets_stay_where_they_are_needed(running, client, keys):
     # A task that fails is told with its arguments in the worker's log, and with its name everywhere.
     secret = cluster.Secret(keys.read_bytes())
     rows = cluster.Rows("streams", str, [], client=client)
-    future = rows._submit(cluster._work_on_packets, [], {"secrets": secret, "folder": ""})
+    future = rows._submit(cluster._work_on_packets, [], {"folder": ""}, *rows._hand_out([("", secret)]))
     with pytest.raises(KeyError):
         future.result()
     told = "".join(path.read_text() for path in running.folder.glob("*.log")) + future.key + repr(client.get_task_stream()) + repr(secret)
