@@ -366,9 +366,9 @@ PieceRows workOnPackets(std::string packets, PieceOptions options, const std::st
     const auto capture = std::make_shared<PacketsCapture>(std::move(packets));
     std::unique_ptr<Session> session;
     onOneThread([&] {
-        session = Session::open(capture, {.plugIns = options.plugIns,
-                                          .secrets = std::make_shared<const KeyLogSources>(std::move(options.secrets)),
-                                          .stop = stop});
+        session = Session::open(
+            capture,
+            {.plugIns = options.plugIns, .secrets = std::make_shared<const KeyLogSources>(std::move(options.secrets)), .stop = stop});
     });
     PieceRows rows{.numbers = StreamLines::all(*session), .errors = session->errors()};
     for (const std::int64_t number : rows.numbers) {

@@ -206,13 +206,12 @@ class _Round:
 
     def _make_options(self) -> None:
         rows = self._rows
-        text, facts = _core.key_log(cluster._embedded(self._scans), rows._key_logs)
-        self._keys = cluster._KeyLog(text)
+        self._keys, facts = _core.key_log(cluster._embedded(self._scans), rows._key_logs)
         clients = [list(cluster._clients(scan)) for scan in self._scans]
         strangers = [set(memoryview(scan["strangers"]).cast("Q")) for scan in self._scans]
         facts["connections"] = len({entry for entries in clients for entry in entries if self._keys.has(entry[1])})
         self._common = {"kind": rows._kind, "reach": rows._reach, "facts": facts}
-        self._secrets = [self._keys.for_clients((client for pair, client in entries if pair not in travelling),
+        self._secrets = [cluster._lines_for(self._keys, (client for pair, client in entries if pair not in travelling),
                                                 any(pair not in travelling for pair in unmet))
                          for entries, travelling, unmet in zip(clients, self._travelling, strangers)]
         of_pair: list[dict[int, set[bytes]]] = []
@@ -240,7 +239,7 @@ class _Round:
                 after.packets += before.packets
                 after.is_stranger |= before.is_stranger
             after.secrets = cluster.Secret((before.secrets.reveal() if before else b"")
-                                           + self._keys.for_clients(after.clients, False).reveal())
+                                           + cluster._lines_for(self._keys, after.clients, False).reveal())
 
     def _options(self, name: str) -> dict[str, Any]:
         return {**self._common, "folder": self._rows._folder_for(name)}
@@ -253,7 +252,7 @@ class _Round:
         return self._group_secrets(group.clients, group.is_stranger, group.held)
 
     def _group_secrets(self, clients: Iterable[bytes], is_stranger: bool, held: Iterable[_Held]) -> cluster.Secret:
-        known = self._keys.for_clients(clients, is_stranger).reveal()
+        known = cluster._lines_for(self._keys, clients, is_stranger).reveal()
         return cluster.Secret(b"".join([*(one.secrets.reveal() for one in held), known]))
 
     def parts(self) -> Iterator[Any]:

@@ -23,6 +23,7 @@ import functools
 import heapq
 import json
 import os
+import pickle
 import re
 import signal
 import socket
@@ -57,11 +58,11 @@ class Secret:
 
     __slots__ = ("_bytes",)
 
-    def __init__(self, content: bytes) -> None:
+    def __init__(self, content: bytes | memoryview) -> None:
         self._bytes = content
 
     def reveal(self) -> bytes:
-        return self._bytes
+        return self._bytes if isinstance(self._bytes, bytes) else bytes(self._bytes)
 
     def __len__(self) -> int:
         return len(self._bytes)
@@ -72,8 +73,9 @@ class Secret:
     def __repr__(self) -> str:
         return f"Secret({len(self._bytes)} bytes)"
 
-    def __reduce__(self) -> Any:
-        return Secret, (self._bytes,)
+    def __reduce_ex__(self, protocol: Any) -> Any:
+        # Travels uncopied where it can.
+        return Secret, (pickle.PickleBuffer(self._bytes) if protocol >= 5 else self.reveal(),)
 
 
 # What workers do. A task never fails because of a file: what is the matter with it is part of the answer.
@@ -276,38 +278,13 @@ def _written(rows: bytes, path: str) -> str:
 # What the one does who asks.
 
 
-class _KeyLog:
-    """The secrets of a whole capture, to be handed out file by file."""
-
-    def __init__(self, text: bytes) -> None:
-        self.lines = text.splitlines(keepends=True)
-        self._of_client: dict[bytes, list[int]] = {}
-        self._of_anybody: list[int] = []
-        for index, line in enumerate(self.lines):
-            words = line.split()
-            if len(words) == 3 and len(words[1]) == 64:
-                try:
-                    self._of_client.setdefault(bytes.fromhex(words[1].decode())[:8], []).append(index)
-                    continue
-                except ValueError:
-                    pass
-            self._of_anybody.append(index)
-
-    def has(self, client: bytes) -> bool:
-        return client in self._of_client
-
-    def for_clients(self, clients: Iterable[bytes], has_strangers: bool) -> Secret:
-        """The lines for some clients, in the order of the key log; all of them where somebody may be any client."""
-        if has_strangers:
-            return Secret(b"".join(self.lines))
-        found = [index for client in set(clients) for index in self._of_client.get(client, ())]
-        if not found:
-            return Secret(b"")
-        return Secret(b"".join(self.lines[index] for index in sorted(found + self._of_anybody)))
-
-
 def _entries(packed: bytes, size: int) -> list[bytes]:
     return [packed[at:at + size] for at in range(0, len(packed), size)]
+
+
+def _lines_for(keys: _core.KeyLines, clients: Iterable[bytes], has_strangers: bool) -> Secret:
+    """The lines for some clients, in the order of the key log; all of them where somebody may be any client."""
+    return Secret(keys.text(None if has_strangers else keys.lines_of(b"".join(clients))))
 
 
 # Looks at every worker's stack and event loop, up to a hundred times a second, tell nothing about code that is not Python.
@@ -555,26 +532,15 @@ class Rows(Generic[_Row]):
                     self._tell(error)
 
     def _scan_missing(self) -> None:
+        # The scheduler gives each worker as many as it has time for, and rows are made where a file was looked at.
         waiting = [index for index in range(len(self._files)) if index not in self._scans]
-        waiting.reverse()
-        futures: dict[Any, int] = {}
-        running = as_completed(loop=self._client.loop)
-
-        def begin() -> None:
-            # A few at a time, so that each worker gets as many bytes as it has time for: rows are made where a file was looked at.
-            threads = sum(worker["nthreads"] for worker in self._client.scheduler_info()["workers"].values())
-            while waiting and len(futures) < 2 * max(threads, 1):
-                index = waiting.pop()
-                self._pieces[index] = self._submit(_look, self._files[index], self._filter, self._reach)
-                futures[self._pieces[index]] = index
-                running.add(self._pieces[index])
-
-        begin()
-        for future in running:
-            index = futures.pop(future)
+        futures = self._submit_all(_look, [(self._files[index], self._filter, self._reach) for index in waiting])
+        self._pieces.update(zip(waiting, futures))
+        indices = {future.key: index for index, future in zip(waiting, futures)}
+        for future in as_completed(futures, loop=self._client.loop):
+            index = indices[future.key]
             self._scans[index] = self._found(future, index)
             self._progress("looking through", len(self._scans), len(self._files))
-            begin()
         # What one worker does not have may lie on the machine of another.
         absent = [index for index, scan in self._scans.items() if isinstance(scan, _Failed) and index not in self._places]
         for address in self._one_worker_a_host():
@@ -675,6 +641,7 @@ class _Plan:
                 self._members.setdefault(files[0], set()).add(file)
         self._packed = [_pack(travelling) for travelling in self._travelling]
         self._make_options()
+        self._whole: Secret | None = None
         self._work: dict[int, Any] = {}
         self._group_work: dict[int, Any] = {}
         self._starts_work: dict[int, Any] = {}
@@ -685,33 +652,10 @@ class _Plan:
 
     def _make_options(self) -> None:
         rows = self._rows
-        text, facts = _core.key_log(_embedded(self._scans), rows._key_logs)
-        keys = _KeyLog(text)
-        known: set[tuple[int, bytes]] = set()
-        needs: list[tuple[set[bytes], bool]] = []
-        unmet: dict[int, int] = {}
-        group_needs: dict[int, tuple[set[bytes], list[bool]]] = {group: (set(), []) for group in self._members}
-        for scan, travelling in zip(self._scans, self._travelling):
-            own: set[bytes] = set()
-            for pair, client in _clients(scan):
-                if not keys.has(client):
-                    continue
-                known.add((pair, client))
-                (group_needs[travelling[pair]][0] if pair in travelling else own).add(client)
-            strangers = array.array("Q", scan["strangers"])
-            needs.append((own, any(pair not in travelling for pair in strangers)))
-            unmet.update((pair, travelling[pair]) for pair in strangers if pair in travelling)
-        # A pair is a stranger where none of its files has its hello.
-        if unmet:
-            for scan in self._scans:
-                for pair, _ in _clients(scan):
-                    unmet.pop(pair, None)
-        for group in unmet.values():
-            group_needs[group][1].append(True)
-        facts["connections"] = len(known)
+        self._keys, facts = _core.key_log(_embedded(self._scans), rows._key_logs)
+        facts["connections"], self._lines, self._group_lines = self._keys.needs(
+            [(scan["clients"], scan["strangers"], *packed) for scan, packed in zip(self._scans, self._packed)])
         self._common = {"kind": rows._kind, "reach": rows._reach, "facts": facts, "folder": ""}
-        self._secrets = [keys.for_clients(clients, strangers) for clients, strangers in needs]
-        self._group_secrets = {group: keys.for_clients(clients, bool(strangers)) for group, (clients, strangers) in group_needs.items()}
 
     def _options(self, name: str) -> dict[str, Any]:
         return {**self._common, "folder": self._rows._folder_for(name)}
@@ -752,8 +696,8 @@ class _Plan:
         groups = sorted(group for group in self._members if group not in self._done and group not in self._group_work)
         files = [file for file in range(len(self._files)) if file not in self._done and file not in self._work]
         places = [scan["worker"] for scan in self._scans]
-        secrets = rows._hand_out([*((places[group], self._group_secrets[group]) for group in groups),
-                                  *((places[file], self._secrets[file]) for file in files)])
+        secrets = rows._hand_out([*((places[group], self._secret(self._group_lines[group])) for group in groups),
+                                  *((places[file], self._secret(self._lines[file])) for file in files)])
         travelling = [(group, file) for group in groups for file in sorted(self._members[group]) if file != group]
         packets: dict[int, list[Any]] = {group: [] for group in groups}
         calls = [(*self._of_file(file), group, self._packets_before[file]) for group, file in travelling]
@@ -767,6 +711,12 @@ class _Plan:
         calls = [(*self._of_file(file), self._packets_before[file], self._options(self._name("file", file)), secret)
                  for file, secret in zip(files, secrets[len(groups):])]
         self._work.update(zip(files, rows._submit_all(_work_on_file, calls)))
+
+    def _secret(self, lines: bytes | None) -> Secret:
+        if lines is None:  # it is made once, and goes to each worker once
+            self._whole = self._whole or Secret(self._keys.text(None))
+            return self._whole
+        return Secret(self._keys.text(lines))
 
     def _of_file(self, file: int) -> tuple[Any, _Travelling]:
         return self._rows._piece(self._order[file]), self._packed[file]

@@ -14,7 +14,7 @@ import pytest
 from conftest import BUILD, PACKAGE, RECORDED, command, with_keys
 from distributed import Client
 
-from sealscope import CaptureError, cluster
+from sealscope import CaptureError, _core, cluster
 
 NAMES = ["nginx-http1", "nginx-http2", "nginx-http1-tls12", "node-tls13", "openssl-tls12-renegotiation", "gnutls-tls12"]
 SOURCES = [next(path for path in RECORDED if path.parent.name == name) for name in NAMES]
@@ -223,12 +223,12 @@ def test_following_has_bounds_and_ends_on_interrupt(running, client, steady, tmp
 
 def test_secrets_stay_where_they_are_needed(running, client, keys):
     lines = keys.read_bytes().splitlines(keepends=True)
-    log = cluster._KeyLog(b"# comment\n" + b"".join(lines))
+    log = _core.key_lines(b"# comment\n" + b"".join(lines))
     random = bytes.fromhex(lines[0].split()[1].decode())[:8]
-    handed = log.for_clients([random], False).reveal().splitlines(keepends=True)
+    handed = cluster._lines_for(log, [random], False).reveal().splitlines(keepends=True)
     assert handed == [b"# comment\n", *(line for line in lines if line.split()[1] == lines[0].split()[1])]
-    assert log.for_clients([b"\0" * 8], False).reveal() == b""
-    assert log.for_clients([], True).reveal() == b"# comment\n" + b"".join(lines)
+    assert cluster._lines_for(log, [b"\0" * 8], False).reveal() == b""
+    assert cluster._lines_for(log, [], True).reveal() == b"# comment\n" + b"".join(lines)
     # A task that fails is told with its arguments in the worker's log, and with its name everywhere.
     secret = cluster.Secret(keys.read_bytes())
     rows = cluster.Rows("streams", str, [], client=client)
