@@ -179,7 +179,7 @@ class _Round:
         shared = dict(_core.shared_pairs([scan["pairs"] for scan in self._scans]))
         for pair in held:
             shared.setdefault(pair, [0])
-        others = [dict(struct.iter_unpack("=Qq", scan["others"])) for scan in self._scans]
+        others: list[dict[int, int]] = [dict(struct.iter_unpack("=Qq", scan["others"])) for scan in self._scans]  # type: ignore[arg-type]
         self._own = [scan["connections"] for scan in self._scans]
         last = len(self.order) - 1
         for pair, files in shared.items():
@@ -344,9 +344,9 @@ class _Round:
                 rows.travelled_bytes += found["travelled"]
         if self._new_packets is None:
             wanted: dict[int, list[int]] = {}
-            for group, files in self._going_on.values():
+            for number, files in self._going_on.values():
                 for file in files:
-                    wanted.setdefault(file, []).append(group)
+                    wanted.setdefault(file, []).append(number)
             asked = {file: rows._submit(cluster._packets_by_group, piece(file), self._packed[file], groups, self._before[file])
                      for file, groups in sorted(wanted.items())}
             packets_of: dict[int, list[cluster.Secret]] = {}
@@ -355,8 +355,8 @@ class _Round:
                 if isinstance(found, cluster._Failed):
                     rows._tell(found.error)
                     continue
-                for group, packets in zip(wanted[file], found):
-                    packets_of.setdefault(group, []).append(packets)
+                for number, part in zip(wanted[file], found):
+                    packets_of.setdefault(number, []).append(part)
             self._new_packets = packets_of
 
     def _let_go(self) -> Iterator[Any]:

@@ -31,10 +31,10 @@ import struct
 import threading
 import time
 import uuid
-from collections.abc import Callable, Iterable, Iterator
+from collections.abc import Callable, Iterable, Iterator, Sequence
 from fractions import Fraction
 from multiprocessing import resource_tracker
-from typing import TYPE_CHECKING, Any, Generic, TypeVar
+from typing import TYPE_CHECKING, Any, Generic, Self, TypeVar
 
 import dask
 from distributed import Client, LocalCluster, as_completed, get_worker, wait
@@ -347,7 +347,7 @@ class Rows(Generic[_Row]):
         if self._output:
             os.makedirs(self._output, mode=0o700, exist_ok=True)
 
-    def __enter__(self) -> Rows[_Row]:
+    def __enter__(self) -> Self:
         return self
 
     def __exit__(self, *exception: object) -> None:
@@ -379,7 +379,7 @@ class Rows(Generic[_Row]):
             while heap and (part.bound is None or heap[0][0] < part.bound):
                 yield heapq.heappop(heap)[2].decode()
 
-    def run(self) -> Rows[_Row]:
+    def run(self) -> Self:
         """Does everything, for who wants the partitions alone."""
         for _ in self.lines():
             pass
@@ -403,10 +403,11 @@ class Rows(Generic[_Row]):
         key = f"sealscope{work.__name__.replace('_', '-')}-{uuid.uuid4().hex}"
         return self._client.submit(work, *arguments, key=key, pure=False, **where)
 
-    def _submit_all(self, work: Callable[..., Any], calls: list[tuple[Any, ...]], **where: Any) -> list[Any]:
+    def _submit_all(self, work: Callable[..., Any], calls: Sequence[tuple[Any, ...]], **where: Any) -> list[Any]:
         """Many calls of the same: costs the scheduler less than one by one."""
         keys = [f"sealscope{work.__name__.replace('_', '-')}-{uuid.uuid4().hex}" for _ in calls]
-        return self._client.map(work, *zip(*calls), key=keys, pure=False, **where) if calls else []
+        futures: list[Any] = self._client.map(work, *zip(*calls), key=keys, pure=False, **where) if calls else []
+        return futures
 
     # Secrets go from here to the worker that needs them, and from worker to worker, but not through the scheduler. They live there as long
     # as this client does, and a worker that is lost has lost them.
@@ -559,14 +560,14 @@ class Rows(Generic[_Row]):
 
     def _fetch_secrets(self) -> None:
         """The secrets that captures carry themselves, past the scheduler."""
-        carrying = [index for index, scan in self._scans.items() if isinstance(scan, dict) and not isinstance(scan["secrets"], Secret)]
-        asked = {index: self._submit(_secrets_of, self._piece(index)) for index in carrying if self._scans[index]["secrets"]}
-        for index in carrying:
+        carrying = {index: scan for index, scan in self._scans.items() if isinstance(scan, dict) and not isinstance(scan["secrets"], Secret)}
+        asked = {index: self._submit(_secrets_of, self._piece(index)) for index, scan in carrying.items() if scan["secrets"]}
+        for index, scan in carrying.items():
             found: Any = self._from_worker(asked[index], self._files[index]) if index in asked else Secret(b"")
             if isinstance(found, _Failed):
                 self._tell(found.error)
                 found = Secret(b"")
-            self._scans[index]["secrets"] = found
+            scan["secrets"] = found
 
     def _found(self, future: Any, index: int) -> dict[str, Any] | _Failed:
         looked = self._result(future, self._files[index])
@@ -632,7 +633,7 @@ class _Plan:
         # A group has the pairs that begin in one file, and go on in others.
         self._travelling: list[dict[int, int]] = [{} for _ in self._files]
         self._own = [scan["connections"] for scan in self._scans]
-        others = [dict(struct.iter_unpack("=Qq", scan["others"])) for scan in self._scans]
+        others: list[dict[int, int]] = [dict(struct.iter_unpack("=Qq", scan["others"])) for scan in self._scans]  # type: ignore[arg-type]
         self._members: dict[int, set[int]] = {}
         for pair, files in _core.shared_pairs([scan["pairs"] for scan in self._scans]):
             for file in files:
@@ -700,7 +701,7 @@ class _Plan:
                                   *((places[file], self._secret(self._lines[file])) for file in files)])
         travelling = [(group, file) for group in groups for file in sorted(self._members[group]) if file != group]
         packets: dict[int, list[Any]] = {group: [] for group in groups}
-        calls = [(*self._of_file(file), group, self._packets_before[file]) for group, file in travelling]
+        calls: list[tuple[Any, ...]] = [(*self._of_file(file), group, self._packets_before[file]) for group, file in travelling]
         for (group, _), future in zip(travelling, rows._submit_all(_packets_for, calls, priority=2)):
             packets[group].append(future)
         calls = [(*self._of_file(group), group, self._packets_before[group], packets[group], self._options(self._name("group", group)), secret)
@@ -780,7 +781,7 @@ class _Plan:
             try:
                 if file not in self._finished:
                     self._finish_all()
-                found = self._rows._result(self._finished[file], self._files[file])
+                found: list[tuple[Any, list[Any]]] | _Failed = self._rows._result(self._finished[file], self._files[file])
                 return [(b"", [found.error])] if isinstance(found, _Failed) else found
             except _SchedulerLost:
                 try:
@@ -801,6 +802,10 @@ class _Plan:
                   (self._offsets[file], self._elsewhere[file]), self._rows._wanted, (self._path("group", file), self._path("file", file)))
                  for file in files]
         self._finished.update(zip(files, self._rows._submit_all(_finish, calls, priority=3)))
+
+
+def _wanted(**given: str | None) -> dict[str, str]:
+    return {name: text for name, text in given.items() if text is not None}
 
 
 def streams(files: Path | Iterable[Path], *, client: Client | str | None = None, keylog: Path | Iterable[Path] | None = None,
@@ -838,8 +843,7 @@ def find(files: Path | Iterable[Path], *, server_name: str | None = None, client
          patience: float = 120.0, progress: Callable[[str, int, int], None] | None = None) -> Rows[Stream]:
     """The streams that have all of what is given: a server name, a client random, the SHA-256 of a certificate, an address (with or
     without its port), a JA4 fingerprint. Workers look; only what is found comes here."""
-    given = {"server_name": server_name, "client_random": client_random, "certificate": certificate, "address": address, "ja4": ja4}
-    wanted = {name: text for name, text in given.items() if text is not None}
+    wanted = _wanted(server_name=server_name, client_random=client_random, certificate=certificate, address=address, ja4=ja4)
     if not wanted:
         raise ValueError("find: expected a server name, a client random, a certificate, an address or a JA4 fingerprint")
     return Rows("streams", Stream, files, client=client, keylog=keylog, reach=reach, filter=filter, output=output, wanted=wanted,
@@ -849,19 +853,25 @@ def find(files: Path | Iterable[Path], *, server_name: str | None = None, client
 def follow(folder: Path, kind: str = "streams", pattern: str = "*", *, interval: float = 5.0, settle: float | None = None,
            most_held: int = 256 << 20, client: Client | str | None = None, keylog: Path | Iterable[Path] | None = None, reach: str = "full",
            filter: str = "", output: Path | None = None, folder_for_objects: Path | None = None, patience: float = 120.0,
-           progress: Callable[[str, int, int], None] | None = None, report: Callable[[CaptureError], None] | None = None) -> Following[Any]:
-    """Rows of the files of a folder that a sensor fills, as they are complete: of `kind` "streams", "exchanges" or "objects".
+           progress: Callable[[str, int, int], None] | None = None, report: Callable[[CaptureError], None] | None = None,
+           server_name: str | None = None, client_random: str | None = None, certificate: str | None = None, address: str | None = None,
+           ja4: str | None = None) -> Following[Any]:
+    """Rows of the files of a folder that a sensor fills, as they are complete: of `kind` "streams", "exchanges", "objects" or "find".
 
     A file is complete when there is a newer one, or when it was left alone for `settle` seconds, where that is given. Its rows come when
     the file behind it is complete too, since connections may go on there; such connections come when a file has nothing of them. Their
     packets are held until then, here, up to `most_held` bytes; beyond that the largest are let go as they are. `Following.stop` ends it,
     from any thread or a signal's handler: what is held comes then, and the iteration ends. `report` is given every problem as it is met.
-    Numbers of streams count the rows' connections as they come. Key logs are read anew for every round of files.
+    Numbers of streams count the connections as their rows come, those that "find" leaves out included. Key logs are read anew for every round of files.
     """
     from ._following import Following
 
-    makers: dict[str, Callable[[str], Any]] = {"streams": Stream, "exchanges": Exchange, "objects": Object}
+    makers: dict[str, Callable[[str], Any]] = {"streams": Stream, "exchanges": Exchange, "objects": Object, "find": Stream}
     if kind not in makers:
-        raise ValueError("follow: expected 'streams', 'exchanges' or 'objects'")
-    return Following(kind, makers[kind], folder, pattern, interval=interval, settle=settle, most_held=most_held, report=report, client=client,
-                     keylog=keylog, reach=reach, filter=filter, output=output, folder=folder_for_objects, patience=patience, progress=progress)
+        raise ValueError("follow: expected 'streams', 'exchanges', 'objects' or 'find'")
+    wanted = _wanted(server_name=server_name, client_random=client_random, certificate=certificate, address=address, ja4=ja4)
+    if (kind == "find") != bool(wanted):
+        raise ValueError("follow: 'find' goes with a server name, a client random, a certificate, an address or a JA4 fingerprint")
+    return Following("streams" if kind == "find" else kind, makers[kind], folder, pattern, interval=interval, settle=settle, most_held=most_held, report=report, client=client,
+                     keylog=keylog, reach=reach, filter=filter, output=output, wanted=wanted, folder=folder_for_objects, patience=patience,
+                     progress=progress)
