@@ -87,6 +87,19 @@ KeyLines::Lines KeyLines::linesOf(std::vector<Client> clients) const
     return lines;
 }
 
+KeyLines::Lines KeyLines::together(const std::vector<Lines>& several)
+{
+    std::vector<std::uint32_t> all;
+    for (const Lines& lines : several) {
+        if (!lines) return std::nullopt;
+        all.insert(all.end(), lines->begin(), lines->end());
+    }
+    std::ranges::sort(all);
+    const auto repeated = std::ranges::unique(all);
+    all.erase(repeated.begin(), repeated.end());
+    return all;
+}
+
 SecretText KeyLines::text(const Lines& lines) const
 {
     if (!lines) return text_;

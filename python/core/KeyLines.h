@@ -42,6 +42,8 @@ public:
     bool has(Client client) const { return linesOf_.contains(client); }
     /// The lines of some clients, and those that belong to no client; none where there are none of these clients.
     Lines linesOf(std::vector<Client> clients) const;
+    /// Those that one or the other needs.
+    static Lines together(const std::vector<Lines>& several);
     SecretText text(const Lines& lines) const;
 
 private:

@@ -255,9 +255,11 @@ py::tuple keyNeeds(const KeyLines& keys, const py::list& files)
     return py::make_tuple(needs.connections, ofFiles, ofGroups);
 }
 
-py::bytes keyText(const KeyLines& keys, const std::optional<std::string_view>& lines)
+py::bytes keyText(const KeyLines& keys, const std::vector<std::optional<std::string_view>>& several)
 {
-    const SecretText text = keys.text(lines ? KeyLines::Lines(itemsOf<std::uint32_t>(*lines)) : std::nullopt);
+    std::vector<KeyLines::Lines> found;
+    for (const auto& lines : several) found.push_back(lines ? KeyLines::Lines(itemsOf<std::uint32_t>(*lines)) : std::nullopt);
+    const SecretText text = keys.text(KeyLines::together(found));
     return {text.data(), text.size()};
 }
 

@@ -56,13 +56,20 @@ _HEAD = len(b'{"stream":')
 class Secret:
     """Bytes that travel to workers, and show in no log, dashboard or traceback."""
 
-    __slots__ = ("_bytes",)
+    __slots__ = ("_bytes", "_lines")
 
     def __init__(self, content: bytes | memoryview) -> None:
         self._bytes = content
+        self._lines: _core.KeyLines | None = None
 
     def reveal(self) -> bytes:
         return self._bytes if isinstance(self._bytes, bytes) else bytes(self._bytes)
+
+    def key_lines(self) -> _core.KeyLines:
+        """As a key log, which is looked through once."""
+        if self._lines is None:
+            self._lines = _core.key_lines(self.reveal())
+        return self._lines
 
     def __len__(self) -> int:
         return len(self._bytes)
@@ -149,8 +156,12 @@ def _prepared(options: dict[str, Any], secrets: Secret) -> dict[str, Any]:
 
 def _work_on_file(looked: _Looked | _Failed, travelling: _Travelling, packets_before: int, options: dict[str, Any],
                   secrets: Secret) -> _Work | _Failed:
+    """Works on pairs of this file alone; `secrets` are those of some files."""
     if isinstance(looked, _Failed):
         return looked
+    keys = secrets.key_lines()
+    _, (lines,), _ = keys.needs([(looked.scan["clients"], looked.scan["strangers"], *travelling)])
+    secrets = Secret(keys.text([lines]))
     try:
         return _Work(looked.core().rows(*travelling, packets_before, _prepared(options, secrets)))
     except CaptureError as error:
@@ -284,11 +295,11 @@ def _entries(packed: bytes, size: int) -> list[bytes]:
 
 def _lines_for(keys: _core.KeyLines, clients: Iterable[bytes], has_strangers: bool) -> Secret:
     """The lines for some clients, in the order of the key log; all of them where somebody may be any client."""
-    return Secret(keys.text(None if has_strangers else keys.lines_of(b"".join(clients))))
+    return Secret(keys.text([None if has_strangers else keys.lines_of(b"".join(clients))]))
 
 
 # Looks at every worker's stack and event loop, up to a hundred times a second, tell nothing about code that is not Python.
-_LOCAL = {"distributed.worker.profile.interval": "1s", "distributed.admin.tick.interval": "500ms",
+_LOCAL = {"distributed.worker.profile.enabled": False, "distributed.admin.tick.interval": "500ms",
           "distributed.worker.memory.monitor-interval": "1s", "distributed.scheduler.work-stealing-interval": "500ms"}
 
 
@@ -697,8 +708,13 @@ class _Plan:
         groups = sorted(group for group in self._members if group not in self._done and group not in self._group_work)
         files = [file for file in range(len(self._files)) if file not in self._done and file not in self._work]
         places = [scan["worker"] for scan in self._scans]
-        secrets = rows._hand_out([*((places[group], self._secret(self._group_lines[group])) for group in groups),
-                                  *((places[file], self._secret(self._lines[file])) for file in files)])
+        # What a worker's files need goes there in one piece; packets that come together have few clients.
+        of_places: dict[str, list[bytes | None]] = {}
+        for file in files:
+            of_places.setdefault(places[file], []).append(self._lines[file])
+        of_place = {place: self._secret(several) for place, several in of_places.items()}
+        secrets = rows._hand_out([*((places[group], self._secret([self._group_lines[group]])) for group in groups),
+                                  *((places[file], of_place[places[file]]) for file in files)])
         travelling = [(group, file) for group in groups for file in sorted(self._members[group]) if file != group]
         packets: dict[int, list[Any]] = {group: [] for group in groups}
         calls: list[tuple[Any, ...]] = [(*self._of_file(file), group, self._packets_before[file]) for group, file in travelling]
@@ -713,11 +729,11 @@ class _Plan:
                  for file, secret in zip(files, secrets[len(groups):])]
         self._work.update(zip(files, rows._submit_all(_work_on_file, calls)))
 
-    def _secret(self, lines: bytes | None) -> Secret:
-        if lines is None:  # it is made once, and goes to each worker once
-            self._whole = self._whole or Secret(self._keys.text(None))
+    def _secret(self, several: list[bytes | None]) -> Secret:
+        if None in several:  # it is made once, and goes to each worker once
+            self._whole = self._whole or Secret(self._keys.text([None]))
             return self._whole
-        return Secret(self._keys.text(lines))
+        return Secret(self._keys.text(several))
 
     def _of_file(self, file: int) -> tuple[Any, _Travelling]:
         return self._rows._piece(self._order[file]), self._packed[file]
