@@ -95,7 +95,7 @@ public:
     SegmentScan& operator=(const SegmentScan&) = delete;
 
 private:
-    static constexpr std::int64_t usualPieceSize = 1 << 20;
+    static constexpr std::int64_t usualPieceSize = 1 << 19;
 
     struct Slot;
     using Work = std::function<void(std::size_t, const SegmentBatch&)>;
