@@ -62,7 +62,7 @@ struct FileError {
     std::string folder;  ///< that is at fault, where it is one above what was asked for
     bool operator==(const FileError&) const = default;
 
-    static FileError ofSystem(int code) { return {.problem = Problem::system, .code = code}; }
+    static FileError ofSystem(int code) { return {.problem = Problem::system, .code = code, .folder = {}}; }
     /// The end of a sentence that begins with the path that was asked for.
     std::string text() const;
 };

@@ -18,6 +18,13 @@ namespace {
 /// One exchange, ready to be printed: as NDJSON, or as a row's cells.
 using ExchangeLine = std::variant<std::string, ExchangeCells>;
 
+/// Memory of a line that was printed, for the next that this thread makes; lines are mostly printed by the thread that makes them.
+std::string& spareLine()
+{
+    thread_local std::string spare;
+    return spare;
+}
+
 ExitStatus runExchanges(const CommandContext& context)
 {
     ExitStatus status = done;
@@ -27,11 +34,9 @@ ExitStatus runExchanges(const CommandContext& context)
     const bool isJSON = context.options.json;
 
     constexpr std::size_t usualLine = 2'048;
-    // Lines are mostly printed by the thread that makes them.
-    static thread_local std::string spare;
     const auto lineOf = [&](const TCPStream& stream, const Exchange& exchange) {
         if (!isJSON) return ExchangeLine(cellsOf(stream.key.number, exchange));
-        std::string line = std::exchange(spare, {});
+        std::string line = std::exchange(spareLine(), {});
         line.clear();
         line.reserve(usualLine);
         appendRecord(line, {.number = stream.key.number, .client = stream.clientEndpoint, .server = stream.serverEndpoint}, exchange);
@@ -50,7 +55,7 @@ ExitStatus runExchanges(const CommandContext& context)
         } else {
             auto& record = std::get<std::string>(line);
             context.output.write(record);
-            spare = std::move(record);
+            spareLine() = std::move(record);
         }
         if (left > 0) --left;
         return left != 0 && context.output.isOpen() && !isInterrupted();
