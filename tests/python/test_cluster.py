@@ -39,7 +39,7 @@ class Cluster:
         file.unlink(missing_ok=True)
         self.scheduler = self._start("scheduler", "scheduler", "--host", "127.0.0.1", "--port", str(self.port), "--no-dashboard",
                                      "--scheduler-file", str(file))
-        while not file.exists():
+        while not file.exists() or not file.read_text().endswith("}"):
             assert self.scheduler.poll() is None
             time.sleep(0.1)
         self.address = json.loads(file.read_text())["address"]
