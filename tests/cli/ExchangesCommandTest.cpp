@@ -76,14 +76,37 @@ TEST_F(ExchangesCommand, ListsRequestsWithTheirReplies)
     EXPECT_EQ(closed.status, 0);
 }
 
+TEST_F(ExchangesCommand, ListsThoseOfManyConnectionsByTime)
+{
+    constexpr int count = 600;
+    std::vector<std::vector<PlannedSegment>> connections;
+    for (int i = 0; i < count; ++i) {
+        TCPConversation conversation({.client = endpoint("192.0.2.1", static_cast<std::uint16_t>(10'000 + i)),
+                                      .server = endpoint("192.0.2.2", 80),
+                                      .startTime = 1'700'000'000'000'000'000 + std::int64_t{i} * 3'000'000});
+        conversation.open();
+        conversation.send(TCPSegment::Direction::clientToServer,
+                          Data::fromText(fmt::format("GET /{} HTTP/1.1\r\nHost: example.org\r\n\r\n", i)));
+        conversation.send(TCPSegment::Direction::serverToClient, Data::fromText(reply("", "body")));
+        conversation.close();
+        connections.push_back(std::move(conversation.segments));
+    }
+    const std::string many = directory.write("many.pcap", pcapFile(packets(merged(std::move(connections)))));
+    const auto rows = jsonLines(sealscope({"exchanges", "--json", many}).output);
+    ASSERT_EQ(rows.size(), std::size_t{count});
+    for (int i = 0; i < count; ++i) EXPECT_EQ(rows[static_cast<std::size_t>(i)]["request"]["url"], fmt::format("http://example.org/{}", i));
+}
+
 TEST_F(ExchangesCommand, StopsDecodingAtALimitAndSaysSo)
 {
     // A thousand letters under gzip (RFC 1952).
-    const std::string_view letters("\x1f\x8b\x08\0\0\0\0\0\x02\x03\x4b\x4c\x1c\x05\xa3\x60\x14\x0c\x77\0\0\x03\xda\x38\x9a\xe8\x03\0\0", 29);
+    const std::string_view letters("\x1f\x8b\x08\0\0\0\0\0\x02\x03\x4b\x4c\x1c\x05\xa3\x60\x14\x0c\x77\0\0\x03\xda\x38\x9a\xe8\x03\0\0",
+                                   29);
     TCPConversation connection({.server = endpoint("192.0.2.2", 80)});
     connection.open();
     connection.send(TCPSegment::Direction::clientToServer, Data::fromText("GET /a HTTP/1.1\r\nHost: h\r\n\r\n"));
-    connection.send(TCPSegment::Direction::serverToClient, Data::fromText(reply("Content-Encoding: gzip\r\nContent-Type: text/plain\r\n", letters)));
+    connection.send(TCPSegment::Direction::serverToClient,
+                    Data::fromText(reply("Content-Encoding: gzip\r\nContent-Type: text/plain\r\n", letters)));
     const std::string file = directory.write("coded.pcap", pcapFile(packets(connection.segments)));
     const nlohmann::json row{{"name", "Body incomplete"}, {"value", "it decodes to more than the limit of 100 bytes"}};
     const std::string text = "Body incomplete: it decodes to more than the limit of 100 bytes\n", kept(100, 'a');
