@@ -14,7 +14,7 @@ namespace sealscope {
 namespace {
 
 constexpr std::int64_t leastPieces = 8;
-constexpr int mostTries = 16;               // of places in one piece
+constexpr int mostTries = 16;  // of places in one piece
 
 }  // namespace
 
