@@ -130,7 +130,7 @@ bool TLSPlugInController::setupPlugIn()
         if (auto decoded = decodedProtocols(*data, JSONKeyStrategy::convertFromSnakeCase)) {
             stored = *std::move(decoded);
         } else {
-            log(decoded.error(), "setupPlugIn()", __LINE__);
+            log(decoded.error().text(), "setupPlugIn()", __LINE__);
             setDefaultSettings(false);
         }
     } else {
@@ -166,7 +166,7 @@ void TLSPlugInController::setDefaultSettings(bool reset)
     if (auto data = encodedProtocols(defaultProtocols()))
         defaults.set(kTLSPlugInNetworkProtocol, *std::move(data));
     else
-        log(data.error(), "setDefaultSettings(reset:)", __LINE__);
+        log(data.error().text(), "setDefaultSettings(reset:)", __LINE__);
     if (reset || !defaults.object(kTLSUsesColor)) defaults.set(kTLSUsesColor, false);
     if (reset || !defaults.string(kTLSColor)) defaults.set(kTLSColor, rawValue(randomColor()));
 }

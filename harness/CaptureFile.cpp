@@ -12,9 +12,9 @@ namespace {
 constexpr std::int64_t nanosecondsASecond = 1'000'000'000;
 __extension__ using Wide = unsigned __int128;  // nanoseconds times 2^63 units a second fit
 
-template <class Integer> void append(std::vector<std::uint8_t>& bytes, Integer value, bool isBigEndian)
+template <class Integer> void append(std::vector<std::uint8_t>& bytes, Integer value, std::endian order)
 {
-    if (isBigEndian != (std::endian::native == std::endian::big)) value = std::byteswap(value);
+    if (order != std::endian::native) value = std::byteswap(value);
     const auto* raw = reinterpret_cast<const std::uint8_t*>(&value);
     bytes.insert(bytes.end(), raw, raw + sizeof value);
 }
@@ -23,7 +23,7 @@ template <class Integer> void append(std::vector<std::uint8_t>& bytes, Integer v
 
 PcapBuilder::PcapBuilder(std::uint32_t linkType, PcapFormat format) : format_(format)
 {
-    const auto put = [&](auto value) { append(bytes_, value, format_.isBigEndian); };
+    const auto put = [&](auto value) { append(bytes_, value, format_.order); };
     put(std::uint32_t{format_.isModified ? 0xA1B2CD34 : format_.hasNanoseconds ? 0xA1B23C4D : 0xA1B2C3D4});
     put(std::uint16_t{2});
     put(std::uint16_t{4});
@@ -34,7 +34,7 @@ PcapBuilder::PcapBuilder(std::uint32_t linkType, PcapFormat format) : format_(fo
 
 PcapBuilder& PcapBuilder::packet(const CapturePacket& packet)
 {
-    const auto put = [&](auto value) { append(bytes_, value, format_.isBigEndian); };
+    const auto put = [&](auto value) { append(bytes_, value, format_.order); };
     const std::int64_t units = packet.time % nanosecondsASecond;
     put(static_cast<std::uint32_t>(packet.time / nanosecondsASecond));
     put(static_cast<std::uint32_t>(format_.hasNanoseconds && !format_.isModified ? units : units / 1'000));
@@ -56,7 +56,7 @@ Data pcapFile(const std::vector<CapturePacket>& packets, PcapFormat format)
     return Data(DataView(builder.bytes()));
 }
 
-template <class Integer> void PcapngBuilder::put(Integer value) { append(bytes_, value, isBigEndian_); }
+template <class Integer> void PcapngBuilder::put(Integer value) { append(bytes_, value, order_); }
 
 /// A block has its length in front and behind; both are filled in at its end.
 std::size_t PcapngBuilder::begin(std::uint32_t type)
@@ -77,9 +77,9 @@ void PcapngBuilder::end(std::size_t start)
 // Blocks begin at multiples of 4, also when earlier ones have been written out and forgotten.
 void PcapngBuilder::pad() { bytes_.resize((bytes_.size() + 3) / 4 * 4); }
 
-PcapngBuilder& PcapngBuilder::section(bool isBigEndian)
+PcapngBuilder& PcapngBuilder::section(std::endian order)
 {
-    isBigEndian_ = isBigEndian;
+    order_ = order;
     interfaces_.clear();
     const std::size_t start = begin(0x0A0D0D0A);
     put(std::uint32_t{0x1A2B3C4D});
@@ -185,7 +185,7 @@ PcapngBuilder& PcapngBuilder::block(std::uint32_t type, DataView body)
 
 Data pcapngFile(const std::vector<CapturePacket>& packets, const PcapngContents& contents)
 {
-    PcapngBuilder builder(contents.isBigEndian);
+    PcapngBuilder builder(contents.order);
     std::vector<std::uint32_t> linkTypes;
     for (const CapturePacket& packet : packets) {
         if (std::ranges::find(linkTypes, packet.linkType) != linkTypes.end()) continue;

@@ -3,6 +3,7 @@
 
 #include "harness/PacketPath.h"
 
+#include <bit>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -11,7 +12,7 @@ namespace sealscope {
 
 /// The variants of the classic format (draft-ietf-opsawg-pcap).
 struct PcapFormat {
-    bool isBigEndian = false;
+    std::endian order = std::endian::little;
     bool hasNanoseconds = false;
     bool isModified = false;  ///< magic number a1b2cd34, eight more bytes a packet
     std::uint32_t snapLength = 262'144;
@@ -44,9 +45,9 @@ public:
         std::int64_t offset = 0;  ///< option if_tsoffset: seconds to be added to each time
     };
 
-    explicit PcapngBuilder(bool isBigEndian = false) { section(isBigEndian); }
+    explicit PcapngBuilder(std::endian order = std::endian::little) { section(order); }
 
-    PcapngBuilder& section(bool isBigEndian);
+    PcapngBuilder& section(std::endian order);
     PcapngBuilder& interface(Interface description);
     PcapngBuilder& packet(const CapturePacket& packet, std::uint32_t interface = 0);
     /// Without time and interface; the first interface's snapshot length bounds it.
@@ -72,14 +73,14 @@ private:
 
     std::vector<std::uint8_t> bytes_;
     std::vector<Interface> interfaces_;
-    bool isBigEndian_ = false;
+    std::endian order_ = std::endian::little;
 };
 
 /// A capture of one section with an interface for each link type, and secrets before or after the packets.
 struct PcapngContents {
     std::string secretsBefore;
     std::string secretsAfter;
-    bool isBigEndian = false;
+    std::endian order = std::endian::little;
     std::uint8_t resolution = 9;
 };
 Data pcapngFile(const std::vector<CapturePacket>& packets, const PcapngContents& contents = {});

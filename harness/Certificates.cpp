@@ -49,8 +49,10 @@ void addExtension(X509* certificate, int kind, const std::string& value)
     check(extension && X509_add_ext(certificate, extension.get(), -1) == 1, "adding an extension");
 }
 
+enum class Role : std::uint8_t { leaf, authority };
+
 /// A certificate signed by its issuer, or by itself when `issuer` is null.
-X509Pointer sign(const CertificateOptions& options, EVP_PKEY* ownKey, X509* issuer, EVP_PKEY* issuerKey, bool isAuthority)
+X509Pointer sign(const CertificateOptions& options, EVP_PKEY* ownKey, X509* issuer, EVP_PKEY* issuerKey, Role role)
 {
     X509Pointer certificate(X509_new());
     check(certificate != nullptr && X509_set_version(certificate.get(), X509_VERSION_3) == 1, "making a certificate");
@@ -66,7 +68,7 @@ X509Pointer sign(const CertificateOptions& options, EVP_PKEY* ownKey, X509* issu
     check(X509_set_issuer_name(certificate.get(), X509_get_subject_name(issuer ? issuer : certificate.get())) == 1, "setting the issuer");
     check(X509_set_pubkey(certificate.get(), ownKey) == 1, "setting the key");
 
-    addExtension(certificate.get(), NID_basic_constraints, isAuthority ? "critical,CA:TRUE" : "CA:FALSE");
+    addExtension(certificate.get(), NID_basic_constraints, role == Role::authority ? "critical,CA:TRUE" : "CA:FALSE");
     if (!options.alternativeNames.empty())
         addExtension(certificate.get(), NID_subject_alt_name, fmt::format("{}", fmt::join(options.alternativeNames, ",")));
 
@@ -109,10 +111,10 @@ std::shared_ptr<const CertificateChain> build(const CertificateOptions& options)
         authority.serial = fmt::format("{:X}", 0xA0 + level);
         X509* issuer = level == 0 ? nullptr : authorities.back().get();
         authorities.push_back(
-            sign(authority, key(CertificateKey::ecdsaP256, 1 + level), issuer, key(CertificateKey::ecdsaP256, level), true));
+            sign(authority, key(CertificateKey::ecdsaP256, 1 + level), issuer, key(CertificateKey::ecdsaP256, level), Role::authority));
     }
     const X509Pointer leaf = sign(options, key(options.key, 0), authorities.empty() ? nullptr : authorities.back().get(),
-                                  key(CertificateKey::ecdsaP256, options.authorities), false);
+                                  key(CertificateKey::ecdsaP256, options.authorities), Role::leaf);
 
     chain->certificates.push_back(der(leaf.get()));
     for (std::size_t level = authorities.size(); level-- > (options.sendsRoot ? 0U : 1U);)

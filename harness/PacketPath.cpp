@@ -143,13 +143,16 @@ void putEtherType(Bytes& bytes, const PacketPath& path, std::int64_t etherType)
         put32(bytes, static_cast<std::int64_t>(path.mplsLabels[at]) << 12 | (at + 1 == path.mplsLabels.size() ? 0x100 : 0) | 64);
 }
 
-std::int64_t etherTypeOfIP(bool isIPv6) { return isIPv6 ? 0x86DD : 0x0800; }
+std::int64_t etherTypeOf(IPVersion version) { return version == IPVersion::v6 ? 0x86DD : 0x0800; }
+
+IPVersion versionOf(const Endpoint& endpoint) { return endpoint.isIPv6 ? IPVersion::v6 : IPVersion::v4; }
 
 /// Everything that stands before the outermost IP header.
-void putLink(Bytes& bytes, const PacketPath& path, TCPSegment::Direction direction, bool isIPv6, std::int64_t ipLength)
+void putLink(Bytes& bytes, const PacketPath& path, TCPSegment::Direction direction, IPVersion version, std::int64_t ipLength)
 {
+    const bool isIPv6 = version == IPVersion::v6;
     const bool isClient = direction == TCPSegment::Direction::clientToServer;
-    const std::int64_t etherType = etherTypeOfIP(isIPv6);
+    const std::int64_t etherType = etherTypeOf(version);
     const std::int64_t pppProtocol = isIPv6 ? 0x0057 : 0x0021;
     const std::uint8_t family = isIPv6 ? (path.link == Link::openBSDLoopback ? 24 : 30) : 2;
     switch (path.link) {
@@ -199,7 +202,7 @@ void putHeaders(Bytes& bytes, const PlannedSegment& segment, const PacketPath& p
         ipLength += 20 + path.ipv4Options.size();
 
     if (path.tunnel == Tunnel::none) {
-        putLink(bytes, path, segment.direction, isIPv6, ipLength);
+        putLink(bytes, path, segment.direction, versionOf(segment.source), ipLength);
     } else {
         static constexpr std::uint8_t ends[2][4] = {{198, 51, 100, 1}, {198, 51, 100, 2}};
         const std::size_t from = segment.direction == TCPSegment::Direction::clientToServer ? 0 : 1;
@@ -213,11 +216,11 @@ void putHeaders(Bytes& bytes, const PlannedSegment& segment, const PacketPath& p
             outerPayload += udpLength + vxlanLength + ethernetLength;
             protocol = protocolUDP;
         }
-        putLink(bytes, path, segment.direction, false, 20 + outerPayload);
+        putLink(bytes, path, segment.direction, IPVersion::v4, 20 + outerPayload);
         putIPv4(bytes, {ends[from], 4}, {ends[1 - from], 4}, protocol, outerPayload, identification(segment) + 1, {}, {}, path);
         if (path.tunnel == Tunnel::gre) {
             put16(bytes, 0);
-            put16(bytes, etherTypeOfIP(isIPv6));
+            put16(bytes, etherTypeOf(versionOf(segment.source)));
         } else if (path.tunnel == Tunnel::vxlan) {
             put16(bytes, 49'152 + from);
             put16(bytes, 4'789);
@@ -225,7 +228,7 @@ void putHeaders(Bytes& bytes, const PlannedSegment& segment, const PacketPath& p
             put16(bytes, 0);  // no checksum (RFC 7348 §5)
             put(bytes, {8, 0, 0, 0, 0, 0, 42, 0});
             putEthernet(bytes, segment.direction);
-            put16(bytes, etherTypeOfIP(isIPv6));
+            put16(bytes, etherTypeOf(versionOf(segment.source)));
         }
     }
     if (isIPv6)
@@ -268,7 +271,7 @@ void padFrame(Bytes& bytes, std::size_t start, const PacketPath& path)
 
 }  // namespace
 
-std::uint32_t linkType(const PacketPath& path, bool isIPv6)
+std::uint32_t linkType(const PacketPath& path, IPVersion version)
 {
     switch (path.link) {
     case Link::ethernet:
@@ -276,7 +279,7 @@ std::uint32_t linkType(const PacketPath& path, bool isIPv6)
     case Link::linuxCooked: return 113;
     case Link::linuxCooked2: return 276;
     case Link::rawIP: return 101;
-    case Link::rawIPByFamily: return isIPv6 && path.tunnel == Tunnel::none ? 229 : 228;
+    case Link::rawIPByFamily: return version == IPVersion::v6 && path.tunnel == Tunnel::none ? 229 : 228;
     case Link::bsdLoopback:
     case Link::bsdLoopbackBigEndian: return 0;
     case Link::openBSDLoopback: return 108;
@@ -301,7 +304,7 @@ std::vector<CapturePacket> packets(const std::vector<PlannedSegment>& segments, 
         const auto keep = [&](Bytes&& frame) {
             const auto length = static_cast<std::int64_t>(frame.size());
             if (segment.snapLength > 0 && length > segment.snapLength) frame.resize(static_cast<std::size_t>(segment.snapLength));
-            result.push_back({segment.time, Data(std::move(frame)), length, linkType(path, segment.source.isIPv6)});
+            result.push_back({segment.time, Data(std::move(frame)), length, linkType(path, versionOf(segment.source))});
         };
         Bytes tcp;
         if (segment.fragmentLength > 0) putTCP(tcp, segment, path);

@@ -16,6 +16,8 @@ struct CapturePacket {
     std::uint32_t linkType = 1;       ///< LINKTYPE_ number
 };
 
+enum class IPVersion : std::uint8_t { v4, v6 };
+
 /// What lies between a TCP segment and its capture: link layer, tags, tunnels, IP options.
 struct PacketPath {
     enum class Link : std::uint8_t {
@@ -45,7 +47,7 @@ struct PacketPath {
     bool leavesChecksums = false;           ///< wrong ones, as checksum offload does on the way out
 };
 
-std::uint32_t linkType(const PacketPath& path, bool isIPv6);
+std::uint32_t linkType(const PacketPath& path, IPVersion version);
 
 /// Appends the frame of an unfragmented segment; the fast way for large captures.
 void appendFrame(const PlannedSegment& segment, const PacketPath& path, std::vector<std::uint8_t>& bytes);

@@ -64,15 +64,16 @@ void TCPConversation::open(const Data& synData)
     add(Direction::clientToServer, ack, {});
 }
 
-void TCPConversation::send(Direction from, const Data& bytes) { send(from, bytes, options_.acknowledges); }
+void TCPConversation::send(Direction from, const Data& bytes) { send(from, bytes, LastAnswer::acknowledgment); }
 
-void TCPConversation::send(Direction from, const Data& bytes, bool isAnswered)
+void TCPConversation::send(Direction from, const Data& bytes, LastAnswer answer)
 {
     std::int64_t unanswered = 0;
     for (std::int64_t at = 0; at < bytes.size(); at += options_.segmentSize) {
         const bool isLast = at + options_.segmentSize >= bytes.size();
         add(from, isLast ? psh | ack : ack, bytes.sub(at, options_.segmentSize));
-        if (!options_.acknowledges || !(isLast ? isAnswered : ++unanswered == options_.segmentsPerAcknowledgment)) continue;
+        if (!options_.acknowledges || !(isLast ? answer == LastAnswer::acknowledgment : ++unanswered == options_.segmentsPerAcknowledgment))
+            continue;
         acknowledge(opposite(from));
         unanswered = 0;
     }
@@ -82,7 +83,7 @@ void TCPConversation::send(const std::vector<TLSFlight>& flights)
 {
     for (std::size_t at = 0; at < flights.size(); ++at) {
         const bool isAnsweredByData = at + 1 < flights.size() && flights[at + 1].direction != flights[at].direction;
-        send(flights[at].direction, flights[at].wire, options_.acknowledges && !isAnsweredByData);
+        send(flights[at].direction, flights[at].wire, isAnsweredByData ? LastAnswer::none : LastAnswer::acknowledgment);
     }
 }
 

@@ -79,7 +79,9 @@ private:
     };
     Side& side(TCPSegment::Direction direction) { return sides_[direction == TCPSegment::Direction::clientToServer ? 0 : 1]; }
     const Side& side(TCPSegment::Direction direction) const { return sides_[direction == TCPSegment::Direction::clientToServer ? 0 : 1]; }
-    void send(TCPSegment::Direction from, const Data& bytes, bool isAnswered);
+    /// Whether the last packet is acknowledged by one of its own.
+    enum class LastAnswer : std::uint8_t { acknowledgment, none };
+    void send(TCPSegment::Direction from, const Data& bytes, LastAnswer answer);
     PlannedSegment& add(TCPSegment::Direction from, std::uint8_t flags, Data payload);
 
     TCPConversationOptions options_;

@@ -70,7 +70,7 @@ private:
 
 }  // namespace
 
-TCPStream vectorStream(const std::vector<StreamPiece>& pieces, bool isScattered)
+TCPStream vectorStream(const std::vector<StreamPiece>& pieces, StreamLayout layout)
 {
     TCPStream stream;
     stream.clientEndpoint = {.address = {192, 0, 2, 1}, .port = 50'000};
@@ -83,10 +83,10 @@ TCPStream vectorStream(const std::vector<StreamPiece>& pieces, bool isScattered)
         std::shared_ptr<PieceSource> pieces = std::make_shared<PieceSource>();
         std::vector<ByteSpan> spans;
 
-        StreamData data(bool isInPieces) const
+        StreamData data(StreamLayout layout) const
         {
             const StreamData scattered(pieces, pieces->size());
-            return isInPieces ? scattered : StreamData(scattered.whole());
+            return layout == StreamLayout::inPieces ? scattered : StreamData(scattered.whole());
         }
     } sides[2];
     std::vector<TCPSegment> segments;
@@ -105,8 +105,8 @@ TCPStream vectorStream(const std::vector<StreamPiece>& pieces, bool isScattered)
         segments.push_back({piece.direction, *piece.packetId, sequenceNumber, piece.bytes.size(), piece.timestamp});
     }
     stream.segments = TCPSegments(std::make_shared<SegmentList>(std::move(segments)));
-    stream.clientToServerData = sides[0].data(isScattered);
-    stream.serverToClientData = sides[1].data(isScattered);
+    stream.clientToServerData = sides[0].data(layout);
+    stream.serverToClientData = sides[1].data(layout);
     stream.clientByteIndex = ByteToSegmentIndex(std::move(sides[0].spans));
     stream.serverByteIndex = ByteToSegmentIndex(std::move(sides[1].spans));
     return stream;
@@ -149,7 +149,7 @@ std::vector<StreamPiece> withZerosLost(const std::vector<StreamPiece>& pieces, s
 
 TCPStream vectorStream(const std::vector<TLSFlight>& flights, const VectorStreamOptions& options)
 {
-    return vectorStream(streamPieces(flights, options), options.isScattered);
+    return vectorStream(streamPieces(flights, options), options.isScattered ? StreamLayout::inPieces : StreamLayout::inOnePlace);
 }
 
 TCPStream vectorStream(const Data& clientToServer, const Data& serverToClient, const VectorStreamOptions& options)

@@ -28,8 +28,11 @@ struct VectorStreamOptions {
     bool isScattered = false;
 };
 
+/// Where a stream's bytes lie.
+enum class StreamLayout : std::uint8_t { inOnePlace, inPieces };
+
 /// The stream as the host would hand it to an interpreter, from pieces in capture order.
-TCPStream vectorStream(const std::vector<StreamPiece>& pieces, bool isScattered = false);
+TCPStream vectorStream(const std::vector<StreamPiece>& pieces, StreamLayout layout = StreamLayout::inOnePlace);
 /// The same from flights, cut into packets.
 TCPStream vectorStream(const std::vector<TLSFlight>& flights, const VectorStreamOptions& options = {});
 /// The same from two byte strings, first all that the client sent, then all that the server did.

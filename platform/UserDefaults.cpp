@@ -37,6 +37,8 @@ namespace {
 namespace fs = std::filesystem;
 using Value = UserDefaults::Value;
 using Json = nlohmann::json;
+using Problem = UserDefaultsProblem;
+using Cause = Problem::Cause;
 
 constexpr std::int64_t largestFile = 1024 * 1024;
 constexpr int deepestNesting = 32;  ///< ours is two deep; what others put beside it stays as it is
@@ -99,11 +101,13 @@ std::optional<Value> valueOf(const Json& json)
     return std::nullopt;
 }
 
+Problem ofSystem(int error) { return {.fileError = FileError::ofSystem(error)}; }
+
 /// What the file holds. Without a file there is nothing stored, and nothing is wrong.
 struct Contents {
     enum class State : std::uint8_t { missing, fine, damaged, unreadable };
     State state = State::missing;
-    std::string reason;  ///< of the last two
+    Problem problem;  ///< of the last two
     Json members = Json::object();
     FileStamp stamp;
 };
@@ -133,34 +137,37 @@ bool isNestedTooDeeply(std::string_view text)
 
 Contents readContents(const fs::path& file)
 {
-    const auto failed = [](Contents::State state, std::string reason, FileStamp stamp) {
-        return Contents{state, std::move(reason), Json::object(), stamp};
+    const auto failed = [](Contents::State state, Cause cause, FileStamp stamp) {
+        return Contents{state, {.cause = cause}, Json::object(), stamp};
+    };
+    const auto unreadable = [](int error, FileStamp stamp) {
+        return Contents{Contents::State::unreadable, ofSystem(error), Json::object(), stamp};
     };
     const FileDescriptor descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!descriptor) {
         if (errno == ENOENT || errno == ENOTDIR) return {};
-        return failed(Contents::State::unreadable, errorText(errno), stampOf(file));
+        return unreadable(errno, stampOf(file));
     }
     struct stat status{};
-    if (fstat(descriptor.number(), &status) != 0) return failed(Contents::State::unreadable, errorText(errno), {});
+    if (fstat(descriptor.number(), &status) != 0) return unreadable(errno, {});
     const FileStamp stamp = stampOf(status);
-    if (!S_ISREG(status.st_mode)) return failed(Contents::State::unreadable, "not a regular file", stamp);
-    if (status.st_size > largestFile) return failed(Contents::State::unreadable, "too large for settings", stamp);
+    if (!S_ISREG(status.st_mode)) return failed(Contents::State::unreadable, Cause::isNoRegularFile, stamp);
+    if (status.st_size > largestFile) return failed(Contents::State::unreadable, Cause::isTooLarge, stamp);
 
     std::string text(static_cast<std::size_t>(status.st_size), '\0');
     std::size_t length = 0;
     while (length < text.size()) {
         const std::int64_t count = descriptor.read({reinterpret_cast<std::uint8_t*>(text.data()) + length, text.size() - length});
-        if (count < 0) return failed(Contents::State::unreadable, errorText(errno), stamp);
+        if (count < 0) return unreadable(errno, stamp);
         if (count == 0) break;
         length += static_cast<std::size_t>(count);
     }
     text.resize(length);
 
-    if (isNestedTooDeeply(text)) return failed(Contents::State::damaged, "it nests too deeply", stamp);
+    if (isNestedTooDeeply(text)) return failed(Contents::State::damaged, Cause::nestsTooDeeply, stamp);
     Json members = Json::parse(text, nullptr, false);
-    if (members.is_discarded()) return failed(Contents::State::damaged, text.empty() ? "it is empty" : "it is not JSON", stamp);
-    if (!members.is_object()) return failed(Contents::State::damaged, "it is JSON, but no object", stamp);
+    if (members.is_discarded()) return failed(Contents::State::damaged, text.empty() ? Cause::isEmpty : Cause::isNoJSON, stamp);
+    if (!members.is_object()) return failed(Contents::State::damaged, Cause::isNoObject, stamp);
     return {Contents::State::fine, {}, std::move(members), stamp};
 }
 
@@ -173,44 +180,44 @@ fs::path nearestFolder(fs::path folder)
 }
 
 /// Fails where a file must be left as it is although the system might let us replace it.
-std::expected<void, std::string> mayReplace(const fs::path& file)
+std::expected<void, Problem> mayReplace(const fs::path& file)
 {
     struct stat status{};
     if (stat(file.c_str(), &status) == 0) {
-        if (status.st_uid != geteuid()) return std::unexpected("it belongs to another user");
-        if ((status.st_mode & S_IWUSR) == 0) return std::unexpected("it is read-only");
+        if (status.st_uid != geteuid()) return std::unexpected(Problem{.cause = Cause::belongsToAnother});
+        if ((status.st_mode & S_IWUSR) == 0) return std::unexpected(Problem{.cause = Cause::isReadOnly});
     } else if (geteuid() == 0 && stat(nearestFolder(file.parent_path()).c_str(), &status) == 0 && status.st_uid != 0) {
         // A file of the administrator's in a user's folder would lock the user out of the settings.
-        return std::unexpected("its folder belongs to another user");
+        return std::unexpected(Problem{.cause = Cause::folderBelongsToAnother});
     }
     return {};
 }
 
 /// The lock that writers of a file take turns by. It ends with the descriptor.
-std::expected<FileDescriptor, std::string> lockFor(const fs::path& file, std::chrono::milliseconds patience)
+std::expected<FileDescriptor, Problem> lockFor(const fs::path& file, std::chrono::milliseconds patience)
 {
     const fs::path path = file.string() + ".lock";
     FileDescriptor lock(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-    if (!lock) return std::unexpected(errorText(errno));
+    if (!lock) return std::unexpected(ofSystem(errno));
     const auto deadline = std::chrono::steady_clock::now() + patience;
     for (std::chrono::microseconds pause{50}; flock(lock.number(), LOCK_EX | LOCK_NB) != 0; pause = std::min(pause * 2, longestPause)) {
-        if (errno != EWOULDBLOCK && errno != EINTR) return std::unexpected(errorText(errno));
-        if (std::chrono::steady_clock::now() > deadline) return std::unexpected("another process keeps it locked");
+        if (errno != EWOULDBLOCK && errno != EINTR) return std::unexpected(ofSystem(errno));
+        if (std::chrono::steady_clock::now() > deadline) return std::unexpected(Problem{.cause = Cause::isLocked});
         std::this_thread::sleep_for(pause);
     }
     return lock;
 }
 
 /// Puts a complete new file in the place of the old one; readers see either. Gives the new file's stamp.
-std::expected<FileStamp, std::string> replaceFile(const fs::path& file, const std::string& text)
+std::expected<FileStamp, Problem> replaceFile(const fs::path& file, const std::string& text)
 {
     // One name for all: writers take turns, and what one that was killed has left is used up by the next.
     const std::string temporary = file.string() + ".new";
     const FileDescriptor descriptor(open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!descriptor) return std::unexpected(errorText(errno));
+    if (!descriptor) return std::unexpected(ofSystem(errno));
     const auto abandoned = [&](int error) {
         unlink(temporary.c_str());
-        return std::unexpected(errorText(error));
+        return std::unexpected(ofSystem(error));
     };
 
     if (const int error = descriptor.write(DataView(text)); error != 0) return abandoned(error);
@@ -223,7 +230,7 @@ std::expected<FileStamp, std::string> replaceFile(const fs::path& file, const st
 }
 
 /// Moves a file out of the way, under the first free name "<file>.damaged", "<file>.damaged-2" …
-std::expected<fs::path, std::string> setAside(const fs::path& file)
+std::expected<fs::path, Problem> setAside(const fs::path& file)
 {
     for (int number = 1; number < 1'000; ++number) {
         const fs::path aside = fmt::format("{}.damaged{}", file.string(), number == 1 ? std::string{} : fmt::format("-{}", number));
@@ -231,12 +238,48 @@ std::expected<fs::path, std::string> setAside(const fs::path& file)
         if (link(file.c_str(), aside.c_str()) == 0) return aside;
         if (errno == EEXIST) continue;
         if (access(aside.c_str(), F_OK) != 0 && rename(file.c_str(), aside.c_str()) == 0) return aside;
-        return std::unexpected(errorText(errno));
+        return std::unexpected(Problem{.cause = Cause::cannotBeSetAside, .fileError = FileError::ofSystem(errno)});
     }
-    return std::unexpected("there are too many damaged ones already");
+    return std::unexpected(Problem{.cause = Cause::tooManySetAside});
+}
+
+/// The end of the sentence.
+std::string causeText(const Problem& problem)
+{
+    switch (problem.cause) {
+    case Cause::file: return problem.fileError.text();
+    case Cause::noHome: return "there is no home directory to keep them in";
+    case Cause::homeIsMissing: return fmt::format("the home directory {} does not exist", problem.folder.string());
+    case Cause::belongsToAnother: return "it belongs to another user";
+    case Cause::isReadOnly: return "it is read-only";
+    case Cause::folderBelongsToAnother: return "its folder belongs to another user";
+    case Cause::isLocked: return "another process keeps it locked";
+    case Cause::isNoRegularFile: return "not a regular file";
+    case Cause::isTooLarge: return "too large for settings";
+    case Cause::nestsTooDeeply: return "it nests too deeply";
+    case Cause::isEmpty: return "it is empty";
+    case Cause::isNoJSON: return "it is not JSON";
+    case Cause::isNoObject: return "it is JSON, but no object";
+    case Cause::cannotBeSetAside: return "they are damaged and cannot be set aside: " + problem.fileError.text();
+    case Cause::tooManySetAside: return "they are damaged and cannot be set aside: there are too many damaged ones already";
+    }
+    std::unreachable();
 }
 
 }  // namespace
+
+std::string UserDefaultsProblem::text() const
+{
+    const std::string name = file.empty() ? "settings" : file.string();
+    switch (effect) {
+    case Effect::notKept: return fmt::format("{}: settings are not kept: {}", name, causeText(*this));
+    case Effect::unreadable: return fmt::format("{}: the settings cannot be read: {}", name, causeText(*this));
+    case Effect::countsAsEmpty: return fmt::format("{}: the settings are damaged and count as empty: {}", name, causeText(*this));
+    case Effect::wasSetAside:
+        return fmt::format("{}: the settings were damaged: {}; they are kept as {}", name, causeText(*this), asideName);
+    }
+    std::unreachable();
+}
 
 class UserDefaults::Implementation {
 public:
@@ -276,22 +319,19 @@ public:
             const auto saved = save();
             isKept = saved.has_value();
             writeProblem_.reset();
-            if (!saved)
-                writeProblem_ = fmt::format("{}: settings are not kept: {}", file_.empty() ? "settings" : file_.string(), saved.error());
+            if (!saved) writeProblem_ = about(saved.error(), Problem::Effect::notKept);
         }
         if (isChange) notify(key, value);
         return isKept;
     }
 
-    std::optional<std::string> lastProblem() const
+    std::optional<Problem> lastProblem() const
     {
         const std::lock_guard lock(mutex_);
         refresh();
         if (writeProblem_) return writeProblem_;
-        if (contents_.state == Contents::State::unreadable)
-            return fmt::format("{}: the settings cannot be read: {}", file_.string(), contents_.reason);
-        if (contents_.state == Contents::State::damaged)
-            return fmt::format("{}: the settings are damaged and count as empty: {}", file_.string(), contents_.reason);
+        if (contents_.state == Contents::State::unreadable) return about(contents_.problem, Problem::Effect::unreadable);
+        if (contents_.state == Contents::State::damaged) return about(contents_.problem, Problem::Effect::countsAsEmpty);
         return damage_;
     }
 
@@ -320,6 +360,13 @@ private:
         std::optional<Value> lastSeen;  ///< what they know of
     };
 
+    Problem about(Problem problem, Problem::Effect effect) const
+    {
+        problem.file = file_;
+        problem.effect = effect;
+        return problem;
+    }
+
     void refresh() const
     {
         if (file_.empty()) return;
@@ -337,17 +384,17 @@ private:
     }
 
     /// Writes what is not saved yet.
-    std::expected<void, std::string> save()
+    std::expected<void, Problem> save()
     {
-        if (file_.empty()) return std::unexpected("there is no home directory to keep them in");
+        if (file_.empty()) return std::unexpected(Problem{.cause = Cause::noHome});
         std::error_code error;
         if (!home_.empty() && !fs::is_directory(home_, error))
-            return std::unexpected(fmt::format("the home directory {} does not exist", home_.string()));
+            return std::unexpected(Problem{.cause = Cause::homeIsMissing, .folder = home_});
         // Through a symbolic link the file that it points to is meant.
         fs::path target = fs::canonical(file_, error);
         if (error) target = file_;
         if (auto allowed = mayReplace(target); !allowed) return allowed;
-        if (auto made = createFolders(target.parent_path().string()); !made) return std::unexpected(made.error().text());
+        if (auto made = createFolders(target.parent_path().string()); !made) return std::unexpected(Problem{.fileError = made.error()});
         const auto lock = lockFor(target, patience_);
         if (!lock) {
             patience_ = {};  // one wait is enough: who holds it for so long does not write settings
@@ -355,7 +402,7 @@ private:
         }
 
         Contents contents = readContents(target);
-        if (contents.state == Contents::State::unreadable) return std::unexpected(contents.reason);
+        if (contents.state == Contents::State::unreadable) return std::unexpected(contents.problem);
         Json members = contents.members;
         for (const auto& [key, value] : unsaved_) {
             if (value)
@@ -365,9 +412,9 @@ private:
         }
         if (contents.state == Contents::State::damaged) {
             const auto aside = setAside(target);
-            if (!aside) return std::unexpected(fmt::format("they are damaged and cannot be set aside: {}", aside.error()));
-            damage_ = fmt::format("{}: the settings were damaged: {}; they are kept as {}", file_.string(), contents.reason,
-                                  aside->filename().string());
+            if (!aside) return std::unexpected(aside.error());
+            damage_ = about(contents.problem, Problem::Effect::wasSetAside);
+            damage_->asideName = aside->filename().string();
         } else if (members == contents.members) {
             contents_ = std::move(contents);
             wasRead_ = true;
@@ -402,8 +449,8 @@ private:
     mutable Contents contents_;
     mutable bool wasRead_ = false;
     std::map<std::string, std::optional<Value>, std::less<>> unsaved_;  ///< set or removed, and not in the file yet
-    std::optional<std::string> writeProblem_;
-    std::optional<std::string> damage_;
+    std::optional<Problem> writeProblem_;
+    std::optional<Problem> damage_;
     std::chrono::milliseconds patience_ = longestWait;
     std::map<std::string, Observed, std::less<>> observed_;  ///< by key; entries stay
 };
@@ -467,7 +514,7 @@ bool UserDefaults::remove(std::string_view key) { return implementation_->store(
 
 std::vector<std::pair<std::string, Value>> UserDefaults::all() const { return implementation_->all(); }
 
-std::optional<std::string> UserDefaults::lastProblem() const { return implementation_->lastProblem(); }
+std::optional<UserDefaultsProblem> UserDefaults::lastProblem() const { return implementation_->lastProblem(); }
 
 ObservationToken UserDefaults::observe(const std::string& key, std::function<void()> changed)
 {

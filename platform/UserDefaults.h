@@ -2,6 +2,7 @@
 #pragma once
 
 #include "platform/Data.h"
+#include "platform/FileDescriptor.h"
 #include "platform/ObserverList.h"
 
 #include <cstdint>
@@ -16,6 +17,43 @@
 #include <vector>
 
 namespace sealscope SEALSCOPE_API {
+
+/// What stands in the way of reading or keeping settings.
+struct UserDefaultsProblem {
+    enum class Effect : std::uint8_t {
+        notKept,
+        unreadable,
+        countsAsEmpty,  ///< until something is stored
+        wasSetAside,    ///< and the settings began anew
+    };
+    enum class Cause : std::uint8_t {
+        file,  ///< what `fileError` says
+        noHome,
+        homeIsMissing,
+        belongsToAnother,
+        isReadOnly,
+        folderBelongsToAnother,
+        isLocked,  ///< by another process
+        isNoRegularFile,
+        isTooLarge,
+        nestsTooDeeply,
+        isEmpty,
+        isNoJSON,
+        isNoObject,
+        cannotBeSetAside,  ///< though it is damaged; `fileError` says why
+        tooManySetAside,
+    };
+    Cause cause = Cause::file;
+    FileError fileError = {};
+    Effect effect = Effect::notKept;
+    std::filesystem::path file = {};    ///< of the settings; empty where there is no place for them
+    std::filesystem::path folder = {};  ///< the home folder that is missing
+    std::string asideName = {};         ///< that a damaged file has now
+    bool operator==(const UserDefaultsProblem&) const = default;
+
+    /// "settings.json: settings are not kept: it is read-only"
+    std::string text() const;
+};
 
 /// Typed settings by key, kept in one JSON file, `$XDG_CONFIG_HOME/sealscope/settings.json`. A write reads the file anew and
 /// replaces it as a whole, so that several processes lose none of each other's; a damaged file is kept beside it. What
@@ -46,8 +84,8 @@ public:
     bool remove(std::string_view key);
     std::vector<std::pair<std::string, Value>> all() const;
 
-    /// What stands in the way of reading or keeping settings, as a sentence for the user; nothing when all is well.
-    std::optional<std::string> lastProblem() const;
+    /// What stands in the way of reading or keeping settings; nothing when all is well.
+    std::optional<UserDefaultsProblem> lastProblem() const;
 
     /// Calls `changed` on the writing thread after the value under a key has changed through this object, and on
     /// `synchronize` after another process changed it. The observation ends with the returned token.

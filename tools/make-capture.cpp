@@ -76,7 +76,7 @@ struct Settings {
     double lost = 0;
     bool secretsInside = false;
     bool secretsAfter = false;
-    bool isIPv6 = false;
+    IPVersion version = IPVersion::v4;
     bool isHTTP2 = false;
     TLSSessionOptions tls{.certificates = {{.authorities = 2}, {.key = CertificateKey::rsa2048, .authorities = 2}}, .tickets = 1};
     PacketPath path{.tcpOptions = hex("01 01 08 0a 00 00 00 01 00 00 00 01")};  // timestamps (RFC 7323 §3.2)
@@ -160,7 +160,7 @@ std::optional<Settings> parse(int argc, char** argv)
         case 'q': settings.request = byteCount("--request", value); break;
         case 'r': settings.tls.maximumFragment = static_cast<int>(count("--record", value, 512, 16'384)); break;
         case 'g': settings.segment = count("--segment", value, 1, 65'000); break;
-        case '6': settings.isIPv6 = true; break;
+        case '6': settings.version = IPVersion::v6; break;
         case '2': settings.isHTTP2 = true; break;
         case 'l': settings.path.vlans.push_back(static_cast<std::uint16_t>(count("--vlan", value, 0, 4'095))); break;
         case 'L': settings.snapLength = count("--snaplen", value, 1, 262'144); break;
@@ -209,10 +209,10 @@ private:
 class CaptureOutput {
 public:
     explicit CaptureOutput(const Settings& settings)
-        : settings_(settings), file_(settings.out), pcap_(linkType(settings.path, settings.isIPv6), {.hasNanoseconds = true}),
+        : settings_(settings), file_(settings.out), pcap_(linkType(settings.path, settings.version), {.hasNanoseconds = true}),
           isPcapng_(!settings.out.ends_with(".pcap"))
     {
-        pcapng_.interface({.linkType = linkType(settings.path, settings.isIPv6), .resolution = 9});
+        pcapng_.interface({.linkType = linkType(settings.path, settings.version), .resolution = 9});
         if (!settings.keyLog.empty()) keyLog_.emplace(settings.keyLog);
     }
 
@@ -309,13 +309,13 @@ TCPConversationOptions tcpOptions(const Settings& settings, std::int64_t number)
     constexpr std::int64_t portsAClient = 28'000;
     const std::int64_t host = number / portsAClient;
     const auto port = static_cast<std::uint16_t>(32'768 + number % portsAClient);
-    TCPConversationOptions options{.client = endpoint(settings.isIPv6 ? "2001:db8::1:0" : "10.0.0.0", port),
-                                   .server = settings.isIPv6 ? endpoint("2001:db8::2", 443) : endpoint("192.0.2.2", 443),
+    TCPConversationOptions options{.client = endpoint(settings.version == IPVersion::v6 ? "2001:db8::1:0" : "10.0.0.0", port),
+                                   .server = settings.version == IPVersion::v6 ? endpoint("2001:db8::2", 443) : endpoint("192.0.2.2", 443),
                                    .clientISN = static_cast<std::uint32_t>(number * 2'654'435'761),
                                    .serverISN = static_cast<std::uint32_t>(number * 2'246'822'519 + 7),
                                    .segmentSize = settings.segment,
                                    .segmentsPerAcknowledgment = 8};
-    std::uint8_t* last = options.client.address.data() + (settings.isIPv6 ? 16 : 4);
+    std::uint8_t* last = options.client.address.data() + (settings.version == IPVersion::v6 ? 16 : 4);
     last[-2] = static_cast<std::uint8_t>((host + 1) >> 8);
     last[-1] = static_cast<std::uint8_t>(host + 1);
     return options;

@@ -27,7 +27,7 @@ CaptureInputOptions inputOptions(const CaptureOptions& options)
 struct Candidate {
     std::string name;
     std::optional<CapturedPacket> first;  ///< its bytes are there while the file is open
-    bool isSwapped = false;
+    ByteOrder byteOrder;
     std::unique_ptr<CaptureFile> file;  ///< null when it was closed again until its turn
 
     bool isBefore(const Candidate& other) const
@@ -66,7 +66,7 @@ public:
                 continue;
             }
             count(packet);
-            if (filter_ && !filter_->passes(packet, file_->isSwapped())) continue;
+            if (filter_ && !filter_->passes(packet, file_->byteOrder())) continue;
             --packetsLeft_;
             return true;
         }
@@ -143,12 +143,12 @@ public:
 
     CaptureAddress keep(DataView bytes) override
     {
-        std::string reason;
+        SpoolError error;
         if (!kept_) {
             if (auto made = SpoolFile::create())
                 kept_ = std::move(*made);
             else
-                reason = made.error();
+                error = made.error();
         }
         if (kept_) {
             if (const auto room = kept_->room(bytes.size())) {
@@ -157,12 +157,12 @@ public:
                 kept_->commit(bytes.size());
                 return address;
             } else {
-                reason = room.error();
+                error = room.error();
             }
         }
         if (!std::exchange(hasKeepingFailed_, true))
             errors_.push_back({.file = names_[position_ - 1],
-                               .reason = options_.reader.say("fragments cannot be put together: {}", reason),
+                               .reason = options_.reader.say("fragments cannot be put together: {}", error.text()),
                                .packetsBefore = packetsOfFile_});
         return -1;
     }
@@ -264,8 +264,8 @@ private:
     {
         if (!file_) return;
         const std::string& name = names_[position_ - 1];
-        if (filter_ && filter_->failureCount() > 0)
-            errors_.push_back({.file = name, .reason = filter_->takeFailure(), .packetsBefore = -1});
+        if (const auto unfiltered = filter_ ? filter_->takeUnfiltered() : std::nullopt)
+            errors_.push_back({.file = name, .reason = unfiltered->text(), .packetsBefore = -1});
         if (const auto [count, reason, before] = file_->passedOver(); count > 0)
             errors_.push_back({.file = name, .reason = reason, .packetsBefore = before, .passedOver = count});
         // Where it ends because somebody wants to stop, nothing is wrong with it.
@@ -308,8 +308,11 @@ private:
     bool hasKeepingFailed_ = false;
 };
 
-std::expected<Candidate, ReadError> openCandidate(const std::string& name, const CaptureOptions& options, bool isOnlyOne)
+enum class CandidateCount : std::uint8_t { one, several };
+
+std::expected<Candidate, ReadError> openCandidate(const std::string& name, const CaptureOptions& options, CandidateCount count)
 {
+    const bool isOnlyOne = count == CandidateCount::one;
     // Many files are not held open at once, where they can be opened again.
     const bool staysOpen = isOnlyOne || storedSize(name) < 0 || name == "-";
     CaptureInputOptions wanted = inputOptions(options);
@@ -318,20 +321,20 @@ std::expected<Candidate, ReadError> openCandidate(const std::string& name, const
     if (!opened) return std::unexpected(std::move(opened.error()));
     Candidate candidate{.name = name, .file = std::move(*opened)};
     if (CapturedPacket packet; (!isOnlyOne || !options.filter.empty()) && candidate.file->next(packet)) candidate.first = packet;
-    candidate.isSwapped = candidate.file->isSwapped();
+    candidate.byteOrder = candidate.file->byteOrder();
     if (!staysOpen) candidate.file.reset();
     return candidate;
 }
 
 /// Compiles the filter for the first packet there is.
-std::expected<PacketFilter, std::string> compileFilter(const std::string& expression, const std::vector<Candidate>& candidates)
+std::expected<PacketFilter, FilterError> compileFilter(const std::string& expression, const std::vector<Candidate>& candidates)
 {
     const auto first = std::ranges::find_if(candidates, [](const Candidate& candidate) { return candidate.first.has_value(); });
-    if (first == candidates.end()) return PacketFilter::compile(expression, ethernet, false);
-    auto filter = PacketFilter::compile(expression, first->first->linkType, first->isSwapped);
+    if (first == candidates.end()) return PacketFilter::compile(expression, ethernet, {});
+    auto filter = PacketFilter::compile(expression, first->first->linkType, first->byteOrder);
     if (filter || PacketFilter::isKnown(first->first->linkType)) return filter;
     // The expression is not to blame for a link type that the compiler does not know; `passes` will tell.
-    return PacketFilter::compile(expression, ethernet, false);
+    return PacketFilter::compile(expression, ethernet, {});
 }
 
 }  // namespace
@@ -341,7 +344,7 @@ std::expected<std::unique_ptr<Capture>, CaptureError> Capture::open(const std::v
     std::vector<Candidate> candidates;
     std::vector<CaptureError> errors;
     for (const std::string& name : files) {
-        auto candidate = openCandidate(name, options, files.size() == 1);
+        auto candidate = openCandidate(name, options, files.size() == 1 ? CandidateCount::one : CandidateCount::several);
         if (candidate)
             candidates.push_back(std::move(*candidate));
         else
@@ -356,7 +359,7 @@ std::expected<std::unique_ptr<Capture>, CaptureError> Capture::open(const std::v
     std::optional<PacketFilter> filter;
     if (!options.filter.empty()) {
         auto compiled = compileFilter(options.filter, candidates);
-        if (!compiled) return std::unexpected(CaptureError{.reason = compiled.error(), .couldNotOpen = true});
+        if (!compiled) return std::unexpected(CaptureError{.reason = compiled.error().text(), .couldNotOpen = true});
         filter = std::move(*compiled);
     }
     return std::make_unique<FileSequence>(std::move(candidates), std::move(options), std::move(filter), std::move(errors));

@@ -45,10 +45,10 @@ public:
     PcapngReader::PassedOver passedOver() const;
     /// Key log text of the secrets read since it was taken last.
     SecretText takeKeyLog();
-    /// Whether the last packet's byte order is not this machine's.
-    bool isSwapped() const
+    /// That of the last packet.
+    ByteOrder byteOrder() const
     {
-        return std::visit([](const auto& reader) { return reader.byteOrder().isSwapped; }, reader_);
+        return std::visit([](const auto& reader) { return reader.byteOrder(); }, reader_);
     }
 
     CaptureInput& input() { return *input_; }

@@ -287,7 +287,7 @@ protected:
             skipped += got;
         }
         if (const auto left = spool_->leaveOut(skipped); !left) {
-            failure_ = ReadError{left.error()};
+            failure_ = ReadError{left.error().text()};
             return false;
         }
         leftOut_ += skipped;
@@ -305,7 +305,7 @@ private:
                 return tooMuch(freelyUnpacked / copies(), mostTimesKept / copies());
             auto room = spool_->room(streamedPiece);
             if (!room) {
-                failure_ = ReadError{room.error()};
+                failure_ = ReadError{room.error().text()};
                 return {};
             }
             if (!start_) start_ = at_ = end_ = room->data();
@@ -462,7 +462,7 @@ std::expected<std::unique_ptr<CaptureInput>, ReadError> CaptureInput::open(const
     std::unique_ptr<SpoolFile> spool;
     if (options.keepsAll) {
         auto made = SpoolFile::create();
-        if (!made) return std::unexpected(ReadError{made.error()});
+        if (!made) return std::unexpected(ReadError{made.error().text()});
         spool = std::move(*made);
     }
     auto input = std::make_unique<StreamedInput>(std::move(descriptor), std::move(spool), std::move(options));

@@ -16,7 +16,7 @@ std::int64_t secondsBetween(std::int64_t from, std::int64_t to)
 
 }  // namespace
 
-std::optional<Datagram> FragmentAssembler::add(const DatagramKey& key, const Fragment& fragment, std::int64_t seconds, bool countsWhenLost)
+std::optional<Datagram> FragmentAssembler::add(const DatagramKey& key, const Fragment& fragment, std::int64_t seconds, WhenLost whenLost)
 {
     while (!pending_.empty() && secondsBetween(pending_.front().seconds, seconds) > patience) giveUp(pending_.begin());
 
@@ -26,7 +26,7 @@ std::optional<Datagram> FragmentAssembler::add(const DatagramKey& key, const Fra
         pending_.emplace_back();
         pending_.back().key = key;
         pending_.back().seconds = seconds;
-        pending_.back().countsWhenLost = countsWhenLost;
+        pending_.back().countsWhenLost = whenLost == WhenLost::isCounted;
         known = known_.emplace(key, std::prev(pending_.end())).first;
     }
     const Position position = known->second;

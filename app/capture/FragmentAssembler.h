@@ -57,9 +57,11 @@ public:
     static constexpr std::int64_t mostBytes = 8 << 20;
     static constexpr std::int64_t patience = 60;  ///< seconds (RFC 8200 §4.5; RFC 1122 §3.3.2 gives 60 to 120)
 
+    /// Whether giving a datagram up is worth telling.
+    enum class WhenLost : std::uint8_t { isCounted, isIgnored };
+
     /// Takes a fragment that arrived at `seconds` since 1970; the datagram when it was the last one missing.
-    /// `countsWhenLost` says whether giving this datagram up is worth telling.
-    std::optional<Datagram> add(const DatagramKey& key, const Fragment& fragment, std::int64_t seconds, bool countsWhenLost);
+    std::optional<Datagram> add(const DatagramKey& key, const Fragment& fragment, std::int64_t seconds, WhenLost whenLost);
 
     /// Datagrams that were given up or still wait.
     std::int64_t incompleteCount() const;

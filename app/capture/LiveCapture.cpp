@@ -179,7 +179,7 @@ std::expected<std::unique_ptr<LiveCapture>, CaptureError> LiveCapture::open(cons
     const auto drop = [&]() -> std::expected<void, CaptureError> {
         if (!options.dropsPrivileges) return {};
         const auto dropped = dropPrivileges();
-        if (!dropped) return refused(dropped.error());
+        if (!dropped) return refused(dropped.error().text());
         return {};
     };
     // A user's filter and file are the user's affair, so what goes beyond the user goes first. Of root without a user behind it

@@ -11,7 +11,6 @@
 #include <mutex>
 #include <oneapi/tbb/parallel_for.h>
 #include <sys/mman.h>
-#include <system_error>
 #include <unistd.h>
 
 namespace sealscope {
@@ -83,10 +82,10 @@ GuardedRange* guard(std::uintptr_t begin, std::uintptr_t end)
 
 }  // namespace
 
-std::expected<std::unique_ptr<MappedFile>, std::string> MappedFile::map(int descriptor, std::int64_t size)
+std::expected<std::unique_ptr<MappedFile>, FileError> MappedFile::map(int descriptor, std::int64_t size)
 {
     void* const bytes = mmap(nullptr, static_cast<std::size_t>(size), PROT_READ, MAP_SHARED, descriptor, 0);
-    if (bytes == MAP_FAILED) return std::unexpected(std::generic_category().message(errno));
+    if (bytes == MAP_FAILED) return std::unexpected(FileError::ofSystem(errno));
     madvise(bytes, static_cast<std::size_t>(size), MADV_DONTDUMP);  // a capture may carry secrets
     // Whole pages: the handler must also answer for the part of the last page behind the last byte.
     const auto begin = reinterpret_cast<std::uintptr_t>(bytes);

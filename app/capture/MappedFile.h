@@ -2,11 +2,11 @@
 #pragma once
 
 #include "platform/Data.h"
+#include "platform/FileDescriptor.h"
 
 #include <atomic>
 #include <expected>
 #include <memory>
-#include <string>
 
 namespace sealscope {
 
@@ -16,8 +16,8 @@ struct GuardedRange;
 /// the program: the missing bytes read as zeros from then on and `isDamaged` says so. Any thread may read.
 class MappedFile {
 public:
-    /// Maps the first `size` bytes; `size` > 0. The descriptor is not needed afterwards. Fails with the system's reason.
-    static std::expected<std::unique_ptr<MappedFile>, std::string> map(int descriptor, std::int64_t size);
+    /// Maps the first `size` bytes; `size` > 0. The descriptor is not needed afterwards.
+    static std::expected<std::unique_ptr<MappedFile>, FileError> map(int descriptor, std::int64_t size);
     ~MappedFile();
 
     DataView bytes() const { return bytes_; }

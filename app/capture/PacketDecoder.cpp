@@ -79,12 +79,14 @@ struct Network {
     const std::uint8_t* destination() const { return addresses + (isIPv6 ? 16 : 4); }
 };
 
+enum class IPVersion : std::uint8_t { v4, v6 };
+
 /// All of an address in one store: read again as a whole soon after, it would have to wait for several small ones.
-void storeAddress(std::array<std::uint8_t, 16>& target, const std::uint8_t* address, bool isIPv6)
+void storeAddress(std::array<std::uint8_t, 16>& target, const std::uint8_t* address, IPVersion version)
 {
     using Words = std::uint32_t __attribute__((vector_size(16)));
     Words words = {};
-    if (isIPv6)
+    if (version == IPVersion::v6)
         std::memcpy(&words, address, 16);
     else
         std::memcpy(&words, address, 4);
@@ -408,8 +410,8 @@ bool PacketDecoder::Implementation::decodeFragment(Network network, std::uint32_
     std::memcpy(key.source.data(), network.source(), network.isIPv6 ? 16 : 4);
     std::memcpy(key.destination.data(), network.destination(), network.isIPv6 ? 16 : 4);
     // UDP is collected for the tunnels it may hold; most of it is none, and no loss.
-    const bool countsWhenLost = protocol != IPProtocol::udp;
-    auto datagram = fragments_.add(key, fragment, packet_->time.seconds, countsWhenLost);
+    const auto whenLost = protocol == IPProtocol::udp ? FragmentAssembler::WhenLost::isIgnored : FragmentAssembler::WhenLost::isCounted;
+    auto datagram = fragments_.add(key, fragment, packet_->time.seconds, whenLost);
     if (!datagram || !enterTunnel()) return false;
     const std::vector<std::uint8_t>& bytes = reassembled_.emplace_back(std::move(datagram->bytes));
     return decodeIPPayload(network, datagram->protocol,
@@ -423,8 +425,9 @@ bool PacketDecoder::Implementation::decodeTCP(Network network, Layer layer)
     const std::int32_t headerLength = (layer.at[12] >> 4) * 4;
     if (headerLength < tcpHeaderLength || headerLength > layer.length) return damaged();
     TCPPacket& segment = *segment_;
-    storeAddress(segment.source.address, network.source(), network.isIPv6);
-    storeAddress(segment.destination.address, network.destination(), network.isIPv6);
+    const auto version = network.isIPv6 ? IPVersion::v6 : IPVersion::v4;
+    storeAddress(segment.source.address, network.source(), version);
+    storeAddress(segment.destination.address, network.destination(), version);
     segment.source.port = layer.u16(0);
     segment.destination.port = layer.u16(2);
     segment.source.isIPv6 = segment.destination.isIPv6 = network.isIPv6;

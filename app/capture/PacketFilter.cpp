@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <fmt/format.h>
 #include <map>
+#include <optional>
 #include <pcap/pcap.h>
 #include <utility>
 
@@ -13,7 +14,7 @@ namespace {
 constexpr std::uint32_t longestSnapshot = 262'144;
 
 /// The compiler's handle for a link type: a file without packets, since only a file's handle knows its byte order.
-pcap_t* openEmptyFile(std::uint32_t linkType, bool isSwapped)
+pcap_t* openEmptyFile(std::uint32_t linkType, ByteOrder order)
 {
     pcap_file_header header = {};
     header.magic = 0xa1b2'c3d4;
@@ -21,7 +22,7 @@ pcap_t* openEmptyFile(std::uint32_t linkType, bool isSwapped)
     header.version_minor = 4;
     header.snaplen = longestSnapshot;
     header.linktype = linkType;
-    if (isSwapped) {
+    if (order.isSwapped) {
         header.magic = __builtin_bswap32(header.magic);
         header.version_major = __builtin_bswap16(header.version_major);
         header.version_minor = __builtin_bswap16(header.version_minor);
@@ -52,57 +53,63 @@ struct PacketFilter::Implementation {
         }
     };
 
-    /// Empty on success.
-    std::string compile(std::uint32_t linkType, bool isSwapped)
+    std::expected<void, FilterError> compile(std::uint32_t linkType, ByteOrder order)
     {
-        const auto key = std::pair(linkType, isSwapped);
+        const auto key = std::pair(linkType, order.isSwapped);
         Program& program = programs[key];
         currentKey = key;
         current = &program;
-        pcap_t* const handle = openEmptyFile(linkType, isSwapped);
-        if (!handle) return "no memory for the filter's compiler";
+        pcap_t* const handle = openEmptyFile(linkType, order);
+        if (!handle) return std::unexpected(FilterError{.problem = FilterError::Problem::noMemory});
         program.isCompiled = pcap_compile(handle, &program.code, expression.c_str(), 1, PCAP_NETMASK_UNKNOWN) == 0;
-        std::string reason = program.isCompiled ? "" : pcap_geterr(handle);
+        std::expected<void, FilterError> outcome;
+        if (!program.isCompiled) outcome = std::unexpected(FilterError{.compilersReason = pcap_geterr(handle)});
         pcap_close(handle);
-        return reason;
+        return outcome;
     }
 
     std::string expression;
     std::map<std::pair<std::uint32_t, bool>, Program> programs;
     std::pair<std::uint32_t, bool> currentKey;
     Program* current = nullptr;
-    std::string failure;
-    std::int64_t failureCount = 0;
+    std::optional<UnfilteredPackets> unfiltered;  ///< stays, with its count, after the first
 };
+
+std::string FilterError::text() const { return problem == Problem::noMemory ? "no memory for the filter's compiler" : compilersReason; }
+
+std::string UnfilteredPackets::text() const
+{
+    return fmt::format("{} packets were left out, since the filter cannot be applied to link type {} ({})", count, linkType, error.text());
+}
 
 PacketFilter::PacketFilter(std::unique_ptr<Implementation> implementation) : implementation_(std::move(implementation)) {}
 PacketFilter::PacketFilter(PacketFilter&&) noexcept = default;
 PacketFilter& PacketFilter::operator=(PacketFilter&&) noexcept = default;
 PacketFilter::~PacketFilter() = default;
 
-bool PacketFilter::isKnown(std::uint32_t linkType) { return compile("ip", linkType, false).has_value(); }
+bool PacketFilter::isKnown(std::uint32_t linkType) { return compile("ip", linkType, {}).has_value(); }
 
-std::expected<PacketFilter, std::string> PacketFilter::compile(const std::string& expression, std::uint32_t linkType, bool isSwapped)
+std::expected<PacketFilter, FilterError> PacketFilter::compile(const std::string& expression, std::uint32_t linkType, ByteOrder order)
 {
     auto implementation = std::make_unique<Implementation>();
     implementation->expression = expression;
-    if (std::string reason = implementation->compile(linkType, isSwapped); !reason.empty()) return std::unexpected(std::move(reason));
+    if (auto compiled = implementation->compile(linkType, order); !compiled) return std::unexpected(std::move(compiled.error()));
     return PacketFilter(std::move(implementation));
 }
 
-bool PacketFilter::passes(const CapturedPacket& packet, bool isSwapped)
+bool PacketFilter::passes(const CapturedPacket& packet, ByteOrder order)
 {
     Implementation& self = *implementation_;
-    if (const auto key = std::pair(packet.linkType, isSwapped); key != self.currentKey) {
+    if (const auto key = std::pair(packet.linkType, order.isSwapped); key != self.currentKey) {
         if (const auto known = self.programs.find(key); known != self.programs.end()) {
             self.currentKey = key;
             self.current = &known->second;
-        } else if (const std::string reason = self.compile(packet.linkType, isSwapped); !reason.empty() && self.failure.empty()) {
-            self.failure = fmt::format("link type {} ({})", packet.linkType, reason);
+        } else if (const auto compiled = self.compile(packet.linkType, order); !compiled && !self.unfiltered) {
+            self.unfiltered = {.count = 0, .linkType = packet.linkType, .error = compiled.error()};
         }
     }
     if (!self.current->isCompiled) {
-        ++self.failureCount;
+        ++self.unfiltered->count;
         return false;
     }
     pcap_pkthdr header = {};
@@ -111,12 +118,13 @@ bool PacketFilter::passes(const CapturedPacket& packet, bool isSwapped)
     return pcap_offline_filter(&self.current->code, &header, packet.frame.data()) != 0;
 }
 
-std::int64_t PacketFilter::failureCount() const { return implementation_->failureCount; }
-
-std::string PacketFilter::takeFailure()
+std::optional<UnfilteredPackets> PacketFilter::takeUnfiltered()
 {
-    return fmt::format("{} packets were left out, since the filter cannot be applied to {}",
-                       std::exchange(implementation_->failureCount, 0), implementation_->failure);
+    std::optional<UnfilteredPackets>& unfiltered = implementation_->unfiltered;
+    if (!unfiltered || unfiltered->count == 0) return std::nullopt;
+    UnfilteredPackets taken = *unfiltered;
+    unfiltered->count = 0;
+    return taken;
 }
 
 }  // namespace sealscope

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/capture/Privileges.h"
 
+#include "platform/FileDescriptor.h"
+
 #include <cerrno>
 #include <charconv>
 #include <cstdint>
@@ -16,13 +18,24 @@
 #include <system_error>
 #include <type_traits>
 #include <unistd.h>
+#include <utility>
 
 namespace sealscope {
 namespace {
 
-std::unexpected<std::string> failure(const char* what)
+using Kept = PrivilegeError::Kept;
+
+std::unexpected<PrivilegeError> failure(Kept kept) { return std::unexpected(PrivilegeError{kept, errno}); }
+
+const char* nameOf(Kept kept)
 {
-    return std::unexpected(fmt::format("cannot give up {}: {}", what, std::generic_category().message(errno)));
+    switch (kept) {
+    case Kept::groups: return "root's groups";
+    case Kept::account: return "the root account";
+    case Kept::wayBack: return "the way back to privileges";
+    case Kept::capabilities: return "capabilities";
+    }
+    std::unreachable();
 }
 
 std::optional<std::uint32_t> environmentNumber(const char* name)
@@ -63,9 +76,11 @@ bool dropCapabilities()
 
 }  // namespace
 
+std::string PrivilegeError::text() const { return fmt::format("cannot give up {}: {}", nameOf(kept), errorText(code)); }
+
 bool isRootAlone() { return geteuid() == 0 && userBehind() == 0; }
 
-std::expected<void, std::string> dropPrivileges()
+std::expected<void, PrivilegeError> dropPrivileges()
 {
     if (geteuid() == 0) {
         std::uint32_t user = userBehind(), group = groupBehind(user);
@@ -77,11 +92,11 @@ std::expected<void, std::string> dropPrivileges()
         const bool isDone = status == 0 && setresgid(group, group, group) == 0;
         // Root of a namespace that knows no other account is nobody outside of it, and need not change.
         const bool isUnknown = isAlone && (errno == EINVAL || errno == EPERM);
-        if (!isDone && !isUnknown) return failure("root's groups");
-        if (isDone && setresuid(user, user, user) != 0) return failure("the root account");
+        if (!isDone && !isUnknown) return failure(Kept::groups);
+        if (isDone && setresuid(user, user, user) != 0) return failure(Kept::account);
     }
-    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) return failure("the way back to privileges");
-    if (!dropCapabilities()) return failure("capabilities");
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) return failure(Kept::wayBack);
+    if (!dropCapabilities()) return failure(Kept::capabilities);
     return {};
 }
 

@@ -19,35 +19,47 @@ constexpr std::int64_t mostLeftFree = 1 << 30, shareLeftFree = 20;
 constexpr std::int64_t mostHandedOut = 16 << 20;  // before the pages go; a fault brings a neighbourhood of sixteen back
 constexpr std::int64_t largestReservation = std::int64_t{1} << 42, smallestReservation = std::int64_t{1} << 26;
 
-std::unexpected<std::string> failure(const char* what, const std::string& folder, bool isNamed, const std::string& reason)
-{
-    return std::unexpected(
-        fmt::format("cannot {} a temporary file in {} ({}){}", what, folder, reason, isNamed ? "" : "; TMPDIR chooses another place"));
-}
-
 std::int64_t wholeSteps(std::int64_t bytes) { return (bytes + smallestStep - 1) / smallestStep * smallestStep; }
 
 }  // namespace
 
-std::expected<std::unique_ptr<SpoolFile>, std::string> SpoolFile::create(const std::string& folder)
+std::string SpoolError::text() const
+{
+    const auto cannot = [&](const char* what, const std::string& reason) {
+        return fmt::format("cannot {} a temporary file in {} ({}){}", what, folder, reason,
+                           choice == FolderChoice::caller ? "" : "; TMPDIR chooses another place");
+    };
+    switch (problem) {
+    case Problem::cannotMake: return cannot("make", fileError.text());
+    case Problem::cannotWrite: return cannot("write to", fileError.text());
+    case Problem::cannotMap: return cannot("map", fileError.text());
+    case Problem::noAddressSpace: return fmt::format("cannot set address space aside for a temporary file ({})", fileError.text());
+    case Problem::tooLittleLeft: return cannot("write to", fmt::format("less than {} bytes would stay free", bytes));
+    case Problem::tooLong: return fmt::format("more than {} bytes do not fit into a temporary file", bytes);
+    }
+    std::unreachable();
+}
+
+std::expected<std::unique_ptr<SpoolFile>, SpoolError> SpoolFile::create(const std::string& folder)
 {
     const char* const chosen = std::getenv("TMPDIR");
     const std::string directory = !folder.empty() ? folder : chosen && *chosen ? chosen : "/tmp";
     auto file = createUnnamedFile(directory);
-    if (!file) return failure("make", directory, !folder.empty(), file.error().text());
+    const auto choice = folder.empty() ? FolderChoice::environment : FolderChoice::caller;
+    if (!file) return std::unexpected(SpoolError{.fileError = file.error(), .folder = directory, .choice = choice});
     // Address space costs nothing until it is used, but a process may be allowed little of it.
     for (std::int64_t reserved = largestReservation; reserved >= smallestReservation; reserved /= 4) {
         void* const base = mmap(nullptr, static_cast<std::size_t>(reserved), PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
         if (base != MAP_FAILED)
             return std::unique_ptr<SpoolFile>(
-                new SpoolFile(std::move(*file), directory, !folder.empty(), static_cast<std::uint8_t*>(base), reserved));
+                new SpoolFile(std::move(*file), directory, choice, static_cast<std::uint8_t*>(base), reserved));
     }
-    return std::unexpected(fmt::format("cannot set address space aside for a temporary file ({})", errorText(errno)));
+    return std::unexpected(SpoolError{.problem = SpoolError::Problem::noAddressSpace, .fileError = FileError::ofSystem(errno)});
 }
 
 SpoolFile::~SpoolFile() { munmap(base_, static_cast<std::size_t>(reserved_)); }
 
-std::expected<std::span<std::uint8_t>, std::string> SpoolFile::room(std::int64_t count)
+std::expected<std::span<std::uint8_t>, SpoolError> SpoolFile::room(std::int64_t count)
 {
     const std::int64_t size = size_.load(std::memory_order_relaxed);
     if (mapped_ - size < count) {
@@ -58,7 +70,7 @@ std::expected<std::span<std::uint8_t>, std::string> SpoolFile::room(std::int64_t
     return std::span(base_ + size, static_cast<std::size_t>(mapped_ - size));
 }
 
-std::expected<std::int64_t, std::string> SpoolFile::append(DataView bytes)
+std::expected<std::int64_t, SpoolError> SpoolFile::append(DataView bytes)
 {
     const std::int64_t place = size_.load(std::memory_order_relaxed);
     if (const auto there = room(bytes.size()); !there) return std::unexpected(there.error());
@@ -69,41 +81,48 @@ std::expected<std::int64_t, std::string> SpoolFile::append(DataView bytes)
         if (count > 0)
             done += count;
         else if (errno != EINTR)
-            return failure("write to", folder_, isNamed_, errorText(errno));
+            return std::unexpected(failure(SpoolError::Problem::cannotWrite, FileError::ofSystem(errno)));
     }
     commit(bytes.size());
     return place;
 }
 
-std::expected<void, std::string> SpoolFile::leaveOut(std::int64_t count)
+std::expected<void, SpoolError> SpoolFile::leaveOut(std::int64_t count)
 {
     const std::int64_t size = size_.load(std::memory_order_relaxed) + count;
     if (const std::int64_t wanted = wholeSteps(size); wanted > mapped_) {
         // The step in which the hole ends is written to next.
-        if (ftruncate(descriptor_.number(), wanted) != 0) return failure("write to", folder_, isNamed_, errorText(errno));
+        if (ftruncate(descriptor_.number(), wanted) != 0)
+            return std::unexpected(failure(SpoolError::Problem::cannotWrite, FileError::ofSystem(errno)));
         if (auto grown = grow(wanted - smallestStep, wanted); !grown) return grown;
     }
     commit(count);
     return {};
 }
 
-std::expected<void, std::string> SpoolFile::grow(std::int64_t offset, std::int64_t end)
+SpoolError SpoolFile::failure(SpoolError::Problem problem, FileError error) const
+{
+    return {.problem = problem, .fileError = std::move(error), .folder = folder_, .choice = choice_};
+}
+
+std::expected<void, SpoolError> SpoolFile::grow(std::int64_t offset, std::int64_t end)
 {
     const std::int64_t count = end - offset;
-    const auto failed = [&](const std::string& reason) { return failure("write to", folder_, isNamed_, reason); };
-    if (end > reserved_) return std::unexpected(fmt::format("more than {} bytes do not fit into a temporary file", reserved_));
+    using Problem = SpoolError::Problem;
+    if (end > reserved_) return std::unexpected(SpoolError{.problem = Problem::tooLong, .bytes = reserved_});
     if (struct statvfs disk{}; fstatvfs(descriptor_.number(), &disk) == 0) {
         const auto bytes = [&](fsblkcnt_t blocks) { return static_cast<std::int64_t>(blocks * disk.f_frsize); };
         const std::int64_t leftFree = std::min(bytes(disk.f_blocks) / shareLeftFree, mostLeftFree);
         if (disk.f_blocks > 0 && bytes(disk.f_bavail) - count < leftFree)
-            return failed(fmt::format("less than {} bytes would stay free", leftFree));
+            return std::unexpected(SpoolError{.problem = Problem::tooLittleLeft, .bytes = leftFree, .folder = folder_, .choice = choice_});
     }
     // Blocks are allocated here, since a full disk met while writing into the mapping would be a signal, not an error.
-    if (const int error = posix_fallocate(descriptor_.number(), offset, count); error != 0) return failed(errorText(error));
+    if (const int error = posix_fallocate(descriptor_.number(), offset, count); error != 0)
+        return std::unexpected(failure(Problem::cannotWrite, FileError::ofSystem(error)));
 
     const auto added = static_cast<std::size_t>(end - mapped_);
     if (mmap(base_ + mapped_, added, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, descriptor_.number(), mapped_) == MAP_FAILED)
-        return failure("map", folder_, isNamed_, errorText(errno));
+        return std::unexpected(failure(Problem::cannotMap, FileError::ofSystem(errno)));
     // A core takes the pages of files without a name, and a capture may carry secrets.
     madvise(base_ + mapped_, added, MADV_DONTDUMP);
     mapped_ = end;

@@ -4,6 +4,7 @@
 #include "platform/FileDescriptor.h"
 
 #include <atomic>
+#include <cstdint>
 #include <expected>
 #include <memory>
 #include <span>
@@ -12,20 +13,44 @@
 
 namespace sealscope {
 
+/// Who chose the folder of a temporary file.
+enum class FolderChoice : std::uint8_t { caller, environment };
+
+/// Why a temporary file cannot be made, or takes no more bytes.
+struct SpoolError {
+    enum class Problem : std::uint8_t {
+        cannotMake,  ///< for what `fileError` says, as of the next three
+        cannotWrite,
+        cannotMap,
+        noAddressSpace,
+        tooLittleLeft,  ///< on the disk: `bytes` stay free for others
+        tooLong,        ///< `bytes` are the most
+    };
+    Problem problem = Problem::cannotMake;
+    FileError fileError = {};
+    std::int64_t bytes = 0;
+    std::string folder = {};
+    FolderChoice choice = FolderChoice::caller;
+    bool operator==(const SpoolError&) const = default;
+
+    /// "cannot write to a temporary file in /tmp (No space left on device); TMPDIR chooses another place"
+    std::string text() const;
+};
+
 /// Bytes that grow at their end and never move: an unlinked temporary file, mapped. One thread writes; any thread reads what was
 /// committed.
 class SpoolFile {
 public:
-    /// Makes the file in a folder, or in $TMPDIR (or /tmp) when none is named. Fails with a reason that names the folder.
-    static std::expected<std::unique_ptr<SpoolFile>, std::string> create(const std::string& folder = {});
+    /// Makes the file in a folder, or in $TMPDIR (or /tmp) when none is named.
+    static std::expected<std::unique_ptr<SpoolFile>, SpoolError> create(const std::string& folder = {});
     ~SpoolFile();
 
-    /// At least `count` writable bytes behind the committed ones. Fails with a reason, such as a full disk.
-    std::expected<std::span<std::uint8_t>, std::string> room(std::int64_t count);
+    /// At least `count` writable bytes behind the committed ones. Fails where the disk is full, for one.
+    std::expected<std::span<std::uint8_t>, SpoolError> room(std::int64_t count);
     /// Adds bytes; gives their offset. Fails as `room` does.
-    std::expected<std::int64_t, std::string> append(DataView bytes);
+    std::expected<std::int64_t, SpoolError> append(DataView bytes);
     /// Leaves out `count` bytes, which read as zeros and take no room. Fails as `room` does.
-    std::expected<void, std::string> leaveOut(std::int64_t count);
+    std::expected<void, SpoolError> leaveOut(std::int64_t count);
     /// Counts the first `count` bytes of that room as written.
     void commit(std::int64_t count) { size_.fetch_add(count, std::memory_order_release); }
 
@@ -40,16 +65,17 @@ public:
     SpoolFile& operator=(const SpoolFile&) = delete;
 
 private:
+    SpoolError failure(SpoolError::Problem problem, FileError error) const;
     /// Maps up to `end`, with blocks of the file system's from `offset` on.
-    std::expected<void, std::string> grow(std::int64_t offset, std::int64_t end);
+    std::expected<void, SpoolError> grow(std::int64_t offset, std::int64_t end);
 
-    SpoolFile(FileDescriptor descriptor, std::string folder, bool isNamed, std::uint8_t* base, std::int64_t reserved)
-        : descriptor_(std::move(descriptor)), folder_(std::move(folder)), isNamed_(isNamed), base_(base), reserved_(reserved)
+    SpoolFile(FileDescriptor descriptor, std::string folder, FolderChoice choice, std::uint8_t* base, std::int64_t reserved)
+        : descriptor_(std::move(descriptor)), folder_(std::move(folder)), choice_(choice), base_(base), reserved_(reserved)
     {}
 
     FileDescriptor descriptor_;
     std::string folder_;
-    bool isNamed_;  ///< the folder; else the environment chooses it
+    FolderChoice choice_;
     std::uint8_t* base_;
     std::int64_t reserved_;  ///< address space set aside, so that growing never moves a byte
     std::int64_t mapped_ = 0;

@@ -9,6 +9,7 @@
 #include <getopt.h>
 #include <numeric>
 #include <unistd.h>
+#include <utility>
 
 namespace sealscope::cli {
 
@@ -99,12 +100,18 @@ std::optional<std::int64_t> memorySize(std::string_view text)
     return *number << shift;
 }
 
-/// Enters an option into the record. Fails with what is wrong with its argument, as a sentence.
-std::expected<void, std::string> enter(Options& options, const OptionSpec& spec, std::string_view argument)
+using Problem = UsageError::Problem;
+
+/// Enters an option into the record. Fails where its argument is wrong.
+std::expected<void, UsageError> enter(Options& options, const OptionSpec& spec, std::string_view argument)
 {
-    const auto refuse = [&](std::string_view wanted) { return std::unexpected(fmt::format("--{} {}: {}", spec.name, argument, wanted)); };
+    const auto refuse = [&](const char* expected) {
+        return std::unexpected(UsageError{
+            .problem = Problem::refusedArgument, .word = std::string(spec.name), .argument = std::string(argument), .hint = expected});
+    };
     if (!spec.argument.empty() && argument.empty())
-        return std::unexpected(fmt::format("--{}: the {} is empty", spec.name, spec.argument));
+        return std::unexpected(
+            UsageError{.problem = Problem::emptyArgument, .word = std::string(spec.name), .hint = std::string(spec.argument)});
     const auto number = [&](std::int64_t least) { return wholeNumber(argument, least); };
     switch (spec.option) {
     case Option::keylog: options.keylogs.emplace_back(argument); break;
@@ -116,17 +123,17 @@ std::expected<void, std::string> enter(Options& options, const OptionSpec& spec,
         if (const auto count = number(1))
             options.count = *count;
         else
-            return refuse("expected a whole number, 1 or more");
+            return refuse("a whole number, 1 or more");
         break;
     case Option::packet:
-        if (!(options.packet = number(1))) return refuse("expected a packet number, 1 or more");
+        if (!(options.packet = number(1))) return refuse("a packet number, 1 or more");
         break;
     case Option::hex: options.hex = true; break;
     case Option::stream:
         if (const auto stream = number(0))
             options.streams.push_back(*stream);
         else
-            return refuse("expected a stream number, 0 or more");
+            return refuse("a stream number, 0 or more");
         break;
     case Option::noInterpreters: options.noInterpreters = true; break;
     case Option::bodies: options.bodies = true; break;
@@ -134,7 +141,7 @@ std::expected<void, std::string> enter(Options& options, const OptionSpec& spec,
         if (const auto bytes = number(1))
             options.largestBody = *bytes;
         else
-            return refuse("expected a number of bytes, 1 or more");
+            return refuse("a number of bytes, 1 or more");
         break;
     case Option::reach:
         if (argument == "full")
@@ -142,7 +149,7 @@ std::expected<void, std::string> enter(Options& options, const OptionSpec& spec,
         else if (argument == "strict")
             options.reach = DecryptionReach::strict;
         else
-            return refuse("expected full or strict");
+            return refuse("full or strict");
         break;
     case Option::output: options.output = argument; break;
     case Option::pcap: options.pcap = argument; break;
@@ -156,7 +163,7 @@ std::expected<void, std::string> enter(Options& options, const OptionSpec& spec,
         else if (argument == "mark")
             options.gaps = GapFilling::mark;
         else
-            return refuse("expected zeros, skip or mark");
+            return refuse("zeros, skip or mark");
         break;
     case Option::force: options.force = true; break;
     case Option::interface: options.interface = argument; break;
@@ -172,12 +179,12 @@ std::expected<void, std::string> enter(Options& options, const OptionSpec& spec,
         else if (argument == "never")
             options.color = ColorChoice::never;
         else
-            return refuse("expected auto, always or never");
+            return refuse("auto, always or never");
         break;
     case Option::quiet: options.quiet = true; break;
     case Option::verbose: options.verbose = true; break;
     case Option::memory:
-        if (!(options.memory = memorySize(argument))) return refuse("expected a size such as 500M or 8G, or none");
+        if (!(options.memory = memorySize(argument))) return refuse("a size such as 500M or 8G, or none");
         break;
     case Option::noSandbox: options.noSandbox = true; break;
     case Option::version: options.version = true; break;
@@ -204,7 +211,7 @@ struct GetoptTables {
     }
 };
 
-std::string unknownOption(std::string_view word, const Command* command)
+UsageError unknownOption(std::string_view word, const Command* command)
 {
     const std::string_view name = word.substr(0, word.find('='));
     std::vector<std::string> spellings;
@@ -212,13 +219,12 @@ std::string unknownOption(std::string_view word, const Command* command)
         if (!command || knows(*command, spec.option)) spellings.push_back(fmt::format("--{}", spec.name));
     const std::vector<std::string_view> candidates(spellings.begin(), spellings.end());
     const std::string_view near = name.starts_with("--") ? nearestMatch(name, candidates) : std::string_view{};
-    return near.empty() ? fmt::format("unknown option '{}'; {}", name, helpHint(command))
-                        : fmt::format("unknown option '{}'; did you mean '{}'?", name, near);
+    return {.problem = Problem::unknownOption, .word = std::string(name), .hint = std::string(near), .command = command};
 }
 
 /// The command that the first word names, when it is one. A word that is neither command nor file, and is much like a
 /// command, is taken for a mistyped one.
-std::expected<const Command*, std::string> commandFor(std::string_view word)
+std::expected<const Command*, UsageError> commandFor(std::string_view word)
 {
     if (const Command* command = commandNamed(word)) return command;
     if (word == "-" || access(std::string(word).c_str(), F_OK) == 0) return nullptr;
@@ -226,13 +232,13 @@ std::expected<const Command*, std::string> commandFor(std::string_view word)
     for (const Command* command : commands()) names.push_back(command->name);
     const std::string_view near = nearestMatch(word, names);
     if (near.empty()) return nullptr;
-    return std::unexpected(fmt::format("'{}' is not a command or a file; did you mean '{}'?", word, near));
+    return std::unexpected(UsageError{.problem = Problem::mistypedCommand, .word = std::string(word), .hint = std::string(near)});
 }
 
 /// Reads a command line word by word. Of several problems the first is told, and none stands in the way of help.
 class CommandLineReader {
 public:
-    std::expected<Options, std::string> read(int argumentCount, char** arguments)
+    std::expected<Options, UsageError> read(int argumentCount, char** arguments)
     {
         const GetoptTables tables;
         opterr = 0;
@@ -254,7 +260,7 @@ public:
     }
 
 private:
-    void note(std::string problem)
+    void note(UsageError problem)
     {
         if (!problem_) problem_ = std::move(problem);
     }
@@ -280,9 +286,10 @@ private:
 
     void takeOption(int found, std::string_view spelling)
     {
-        if (found == ':') return note(fmt::format("{} wants an argument; {}", spelling, helpHint(options_.command)));
+        if (found == ':') return note({.problem = Problem::missingArgument, .word = std::string(spelling), .command = options_.command});
         if (found == '?' && optopt >= firstOption)
-            return note(fmt::format("--{} takes no argument", specOf(static_cast<Option>(optopt - firstOption)).name));
+            return note(
+                {.problem = Problem::unexpectedArgument, .word = std::string(specOf(static_cast<Option>(optopt - firstOption)).name)});
         if (found == '?')
             return note(
                 unknownOption(optopt != 0 ? fmt::format("-{}", static_cast<char>(optopt)) : std::string(spelling), options_.command));
@@ -296,8 +303,7 @@ private:
     /// Finds the command, and whether options and arguments are its own.
     void settle()
     {
-        if (!options_.command && options_.arguments.empty())
-            return note("no capture file and no command is named; 'sealscope --help' shows how");
+        if (!options_.command && options_.arguments.empty()) return note({.problem = Problem::nothingNamed});
         if (!options_.command) options_.command = commandNamed("follow");
         const Command& command = *options_.command;
         const auto foreign = std::ranges::find_if(met_, [&](Option option) { return !knows(command, option); });
@@ -305,23 +311,46 @@ private:
             std::vector<std::string_view> others;
             for (const Command* other : commands())
                 if (knows(*other, *foreign)) others.push_back(other->name);
-            return note(
-                fmt::format("'{}' does not know --{}; it belongs to {}", command.name, specOf(*foreign).name, fmt::join(others, ", ")));
+            return note({.problem = Problem::foreignOption,
+                         .word = std::string(specOf(*foreign).name),
+                         .hint = fmt::format("{}", fmt::join(others, ", ")),
+                         .command = &command});
         }
         const auto count = std::ssize(options_.arguments);
-        if (count < command.fewestArguments)
-            return note(fmt::format("'{0}' wants {1}; 'sealscope {0} --help' shows how", command.name, command.arguments));
+        if (count < command.fewestArguments) return note({.problem = Problem::tooFewArguments, .command = &command});
         if (command.mostArguments >= 0 && count > command.mostArguments)
-            note(fmt::format("'{0}' does not know what to do with '{1}'; 'sealscope {0} --help' shows how", command.name,
-                             options_.arguments[static_cast<std::size_t>(command.mostArguments)]));
+            note({.problem = Problem::tooManyArguments,
+                  .argument = options_.arguments[static_cast<std::size_t>(command.mostArguments)],
+                  .command = &command});
     }
 
     Options options_;
     std::vector<Option> met_;
-    std::optional<std::string> problem_;  ///< the first
+    std::optional<UsageError> problem_;  ///< the first
 };
 
 }  // namespace
+
+std::string UsageError::text() const
+{
+    switch (problem) {
+    case Problem::nothingNamed: return "no capture file and no command is named; 'sealscope --help' shows how";
+    case Problem::mistypedCommand: return fmt::format("'{}' is not a command or a file; did you mean '{}'?", word, hint);
+    case Problem::unknownOption:
+        return hint.empty() ? fmt::format("unknown option '{}'; {}", word, helpHint(command))
+                            : fmt::format("unknown option '{}'; did you mean '{}'?", word, hint);
+    case Problem::foreignOption: return fmt::format("'{}' does not know --{}; it belongs to {}", command->name, word, hint);
+    case Problem::missingArgument: return fmt::format("{} wants an argument; {}", word, helpHint(command));
+    case Problem::emptyArgument: return fmt::format("--{}: the {} is empty", word, hint);
+    case Problem::refusedArgument: return fmt::format("--{} {}: expected {}", word, argument, hint);
+    case Problem::unexpectedArgument: return fmt::format("--{} takes no argument", word);
+    case Problem::tooFewArguments:
+        return fmt::format("'{0}' wants {1}; 'sealscope {0} --help' shows how", command->name, command->arguments);
+    case Problem::tooManyArguments:
+        return fmt::format("'{0}' does not know what to do with '{1}'; 'sealscope {0} --help' shows how", command->name, argument);
+    }
+    std::unreachable();
+}
 
 std::span<const OptionSpec> optionSpecs() { return specs; }
 
@@ -341,7 +370,7 @@ std::string_view nearestMatch(std::string_view word, std::span<const std::string
     return nearest;
 }
 
-std::expected<Options, std::string> parseCommandLine(int argumentCount, char** arguments)
+std::expected<Options, UsageError> parseCommandLine(int argumentCount, char** arguments)
 {
     return CommandLineReader().read(argumentCount, arguments);
 }

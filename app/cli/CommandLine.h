@@ -118,9 +118,30 @@ struct Options {
     bool help = false;
 };
 
-/// Reads a command line; what is wrong with it comes back as a sentence that names the word and, where there is one, the
-/// nearest right one.
-std::expected<Options, std::string> parseCommandLine(int argumentCount, char** arguments);
+/// What is wrong with a command line.
+struct UsageError {
+    enum class Problem : std::uint8_t {
+        nothingNamed,        ///< neither a command nor a file
+        mistypedCommand,     ///< `word` is much like the command `hint`
+        unknownOption,       ///< `word`; `hint` is what it was meant to be, perhaps
+        foreignOption,       ///< `command` does not know `word`, as those in `hint` do
+        missingArgument,     ///< of the option `word`
+        emptyArgument,       ///< of the option `word`, which is a `hint`
+        refusedArgument,     ///< `argument` of the option `word`: `hint` was expected
+        unexpectedArgument,  ///< of the option `word`
+        tooFewArguments,     ///< of `command`
+        tooManyArguments,    ///< of `command`: `argument` is the first
+    };
+    Problem problem = Problem::nothingNamed;
+    std::string word = {};
+    std::string argument = {};
+    std::string hint = {};
+    const Command* command = nullptr;
+    std::string text() const;
+};
+
+/// Reads a command line.
+std::expected<Options, UsageError> parseCommandLine(int argumentCount, char** arguments);
 
 /// The candidate that a mistyped word was most likely meant to be; empty when none is near.
 std::string_view nearestMatch(std::string_view word, std::span<const std::string_view> candidates);

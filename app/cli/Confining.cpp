@@ -82,7 +82,10 @@ void addRuntime(Confinement& confinement)
     confinement.writableFiles = {"/dev/null"};
 }
 
-void addKeyLogs(Confinement& confinement, const Options& options, bool mayStillCome)
+/// Whether files that are not there yet may come while the program runs.
+enum class LaterFiles : std::uint8_t { mayCome, areNotRead };
+
+void addKeyLogs(Confinement& confinement, const Options& options, LaterFiles later)
 {
     std::vector<fs::path> keyLogs(options.keylogs.begin(), options.keylogs.end());
     if (const auto chosen = KeylogUserFile::resolvedPath(UserDefaults::standard())) keyLogs.emplace_back(*chosen);
@@ -90,7 +93,7 @@ void addKeyLogs(Confinement& confinement, const Options& options, bool mayStillC
     for (const fs::path& keyLog : keyLogs) {
         std::error_code error;
         // What a file may be called later, no rule can say; its folder is one.
-        if (mayStillCome && !fs::exists(keyLog, error))
+        if (later == LaterFiles::mayCome && !fs::exists(keyLog, error))
             confinement.readableFolders.push_back(fs::absolute(keyLog, error).parent_path());
         else
             confinement.readableFiles.push_back(keyLog);
@@ -131,7 +134,7 @@ Confinement confinementFor(const Options& options, fs::path& temporaryFolder)
     if (access == Access::interface) {
         confinement.calls = Confinement::Calls::packets;
         if (options.exchanges) {
-            addKeyLogs(confinement, options, true);
+            addKeyLogs(confinement, options, LaterFiles::mayCome);
             CryptoLibrary::configure();
         }
     }
@@ -140,7 +143,7 @@ Confinement confinementFor(const Options& options, fs::path& temporaryFolder)
         confinement.readableFiles.insert(confinement.readableFiles.end(), files.begin(), files.end());
         const bool areInPlace = std::ranges::all_of(files, isReadInPlace);
         if (options.command->options.contains(Option::keylog)) {
-            addKeyLogs(confinement, options, !areInPlace);
+            addKeyLogs(confinement, options, areInPlace ? LaterFiles::areNotRead : LaterFiles::mayCome);
             CryptoLibrary::configure();
         }
         addOutputs(confinement, options);

@@ -15,8 +15,8 @@ void writeToTerminal(std::string_view text) { [[maybe_unused]] const ssize_t wri
 
 }  // namespace
 
-Progress::Progress(std::string_view activity, bool isWanted)
-    : activity_(activity), isShown_(isWanted && isatty(STDERR_FILENO) == 1),
+Progress::Progress(std::string_view activity, Showing showing)
+    : activity_(activity), isShown_(showing == Showing::onTerminal && isatty(STDERR_FILENO) == 1),
       next_(std::chrono::steady_clock::now() + std::chrono::milliseconds(500))
 {}
 

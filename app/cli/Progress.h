@@ -11,8 +11,9 @@ namespace sealscope::cli {
 /// second and is gone when the work is. One at a time, used by one thread.
 class Progress {
 public:
-    /// `activity` as in "reading"; `isWanted` false shows nothing ever.
-    Progress(std::string_view activity, bool isWanted);
+    enum class Showing : std::uint8_t { never, onTerminal };
+    /// `activity` as in "reading".
+    Progress(std::string_view activity, Showing showing);
     ~Progress() { eraseLine(); }
 
     /// Cheap enough for every packet. A negative total is an unknown one.

@@ -44,7 +44,7 @@ std::unique_ptr<Session> openSession(const CommandContext& context, ExitStatus& 
     context.confining.begin();
     std::unique_ptr<Session> session;
     {
-        Progress progress("reading", !options.quiet);
+        Progress progress("reading", options.quiet ? Progress::Showing::never : Progress::Showing::onTerminal);
         auto opened =
             Session::open({.files = options.arguments,
                            .filter = options.filter,

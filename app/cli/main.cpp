@@ -44,7 +44,7 @@ ExitStatus runCommand(const Options& options, Output& output, Confining& confini
     for (const PlugInProblem& problem : plugIns.problems) complain(problem.text());
     // Everything works without kept settings; `settings` says it itself.
     const auto settingsProblem = UserDefaults::standard().lastProblem();
-    if (settingsProblem && options.command != &settingsCommand) remark(*settingsProblem);
+    if (settingsProblem && options.command != &settingsCommand) remark(settingsProblem->text());
     if (terminal.isTerminal) output.flushEachWrite();
     ExitStatus status = done;
     {
@@ -70,7 +70,7 @@ ExitStatus runProgram(int argumentCount, char** arguments)
     keepFreedMemory();
     const auto options = parseCommandLine(argumentCount, arguments);
     if (!options) {
-        complain(options.error());
+        complain(options.error().text());
         return wrongCommandLine;
     }
     Output output(STDOUT_FILENO);

@@ -96,7 +96,7 @@ void Document::readPackets(const Request& request)
             Q_EMIT packetsFound(index->size());
             endPackets();
             tellDamage(index->errors(), index->notes(), index->size());
-            tell(QString::fromStdString(index->plugInProblem()));
+            if (const auto& failure = index->plugInFailure()) tell(QString::fromStdString(failure->text(windowReader())));
         });
     };
     const bool wasReading = isReading();

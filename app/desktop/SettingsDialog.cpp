@@ -21,7 +21,7 @@ SettingsDialog::SettingsDialog(QWidget* parent) : QDialog(parent), pages_(new QT
     setWindowTitle(tr("Settings"));
     auto* const layout = new QVBoxLayout(this);
     if (const auto problem = UserDefaults::standard().lastProblem()) {
-        auto* const label = new QLabel(QString::fromStdString(*problem));
+        auto* const label = new QLabel(QString::fromStdString(problem->text()));
         label->setTextFormat(Qt::PlainText);
         label->setWordWrap(true);
         layout->addWidget(label);

@@ -46,17 +46,17 @@ std::optional<std::string> exportedText(const TCPStream& stream, const StreamInt
         text += bytes.text();
         return text.size() <= longest;
     };
-    const auto written = [&](bool hasStream) {
+    const auto written = [&](const StreamInterpretation* content) {
         text.clear();
         const auto exporter = format.create();
         exporter->begin(write);
-        if (hasStream) exporter->add({.stream = stream, .interpretation = interpretation}, write);
+        if (content) exporter->add({.stream = stream, .interpretation = *content}, write);
         exporter->end(write);
         return text;
     };
     // A format may have a frame, which is there also when nothing is in it.
-    const std::string frame = written(false);
-    std::string all = written(true);
+    const std::string frame = written(nullptr);
+    std::string all = written(&interpretation);
     if (all == frame) return std::string();
     return all.size() > longest ? std::nullopt : std::optional(std::move(all));
 }

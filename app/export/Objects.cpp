@@ -111,7 +111,7 @@ std::optional<SavedObject> ObjectFolder::save(std::int64_t stream, const StreamM
             auto created = OutputFile::create(path, existing_ == Existing::replaced ? ExistingFile::isReplaced : ExistingFile::stays,
                                               OutputFile::Kind::regular);
             if (!created) {
-                saved.problem = FileProblem{path, created.error()}.text();
+                saved.problem = FileProblem{path, created.error()};
                 return false;
             }
             file.emplace(std::move(*created));
@@ -120,14 +120,14 @@ std::optional<SavedObject> ObjectFolder::save(std::int64_t stream, const StreamM
         saved.bytes += piece.size();
         return file->isGood() && !stop.stop_requested();
     });
-    if (!file && saved.bytes == 0) return saved.problem.empty() ? std::nullopt : std::optional(std::move(saved));
+    if (!file && saved.bytes == 0) return saved.problem ? std::optional(std::move(saved)) : std::nullopt;
     saved.isComplete = ending.isComplete && !stop.stop_requested();
     saved.remark = ending.reason;
     if (!file) return saved;
     if (const auto finished = file->finish())
         saved.file = path;
     else
-        saved.problem = FileProblem{path, finished.error()}.text();
+        saved.problem = FileProblem{path, finished.error()};
     return saved;
 }
 

@@ -4,6 +4,7 @@
 #include "app/session/Session.h"
 #include "host/VELModels/StreamMessage.h"
 #include "host/VELModels/VELStreamInterpreting.h"
+#include "platform/FileDescriptor.h"
 
 #include <cstdint>
 #include <functional>
@@ -26,8 +27,8 @@ struct SavedObject {
     std::optional<std::string> contentType;
     std::int64_t bytes = 0;  ///< written
     bool isComplete = true;
-    std::string remark;   ///< why it is not complete, as a clause
-    std::string problem;  ///< with the file, as a sentence; empty when there is none
+    std::string remark;                  ///< why it is not complete, as a clause
+    std::optional<FileProblem> problem;  ///< why it could not be written
 };
 
 /// A name from the wire as one that any file system takes: one path component without control, invisible or reserved

@@ -213,7 +213,7 @@ private:
 
 }  // namespace
 
-std::expected<std::unique_ptr<PlaintextCapture>, std::string> PlaintextCapture::create(const std::string& folder)
+std::expected<std::unique_ptr<PlaintextCapture>, SpoolError> PlaintextCapture::create(const std::string& folder)
 {
     auto spool = SpoolFile::create(folder);
     if (!spool) return std::unexpected(std::move(spool.error()));
@@ -282,7 +282,7 @@ void PlaintextCapture::Direction::putDown()
     bytes_.clear();
 }
 
-std::expected<void, std::string> PlaintextCapture::write(OutputFile& file, const std::stop_token& stop)
+std::expected<void, SpoolError> PlaintextCapture::write(OutputFile& file, const std::stop_token& stop)
 {
     if (!spooled_) return spooled_;
     // A connection opens at its first packet and closes at its last, and all its data come in between.

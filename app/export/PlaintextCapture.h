@@ -45,8 +45,8 @@ class PlaintextCapture {
     };
 
 public:
-    /// The temporary file goes into `folder`, and has no name there. Fails with the reason.
-    static std::expected<std::unique_ptr<PlaintextCapture>, std::string> create(const std::string& folder);
+    /// The temporary file goes into `folder`, and has no name there.
+    static std::expected<std::unique_ptr<PlaintextCapture>, SpoolError> create(const std::string& folder);
 
     /// Announces a stream; the number is for its directions. Any thread may call it.
     std::uint32_t addConnection(const TCPStream& stream);
@@ -78,7 +78,7 @@ public:
 
     /// Writes everything; once it is to stop, what half a second is enough for. Fails with what was wrong with the temporary file; how
     /// writing went the file tells.
-    std::expected<void, std::string> write(OutputFile& file, const std::stop_token& stop);
+    std::expected<void, SpoolError> write(OutputFile& file, const std::stop_token& stop);
 
     PlaintextCapture(const PlaintextCapture&) = delete;
     PlaintextCapture& operator=(const PlaintextCapture&) = delete;
@@ -88,7 +88,7 @@ private:
 
     std::mutex mutex_;  ///< guards what follows
     std::unique_ptr<SpoolFile> spool_;
-    std::expected<void, std::string> spooled_;  ///< how putting things into the temporary file went
+    std::expected<void, SpoolError> spooled_;  ///< how putting things into the temporary file went
     std::vector<Connection> connections_;
     std::vector<Segment> segments_;
 };

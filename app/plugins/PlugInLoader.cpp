@@ -17,6 +17,7 @@
 #include <memory>
 #include <set>
 #include <sys/auxv.h>
+#include <utility>
 
 namespace sealscope {
 
@@ -62,9 +63,16 @@ private:
     std::vector<std::shared_ptr<const StreamDescribing>> describers_ = StreamDescriberRegistry::shared().snapshot();
 };
 
-std::string otherVersion(std::int64_t version)
+using Problem = PlugInProblem;
+
+std::unexpected<Problem> problem(const Bundle& bundle, Problem::Kind kind, std::string detail = {})
 {
-    return fmt::format("is built for version {} of the plug-in contract, this program has version {}", version, velContractVersion);
+    return std::unexpected(Problem{.bundle = bundle.path(), .kind = kind, .detail = std::move(detail)});
+}
+
+std::unexpected<Problem> otherVersion(const Bundle& bundle, std::int64_t version)
+{
+    return std::unexpected(Problem{.bundle = bundle.path(), .kind = Problem::Kind::otherVersion, .version = version});
 }
 
 /// The dynamic linker's last complaint, without the path that begins it.
@@ -73,60 +81,59 @@ std::string linkerReason(const fs::path& module)
     const char* message = dlerror();
     std::string_view reason = message ? message : "the dynamic linker gives no reason";
     if (reason.starts_with(module.native() + ": ")) reason.remove_prefix(module.native().size() + 2);
-    return fmt::format("does not load: {}", reason);
+    return std::string(reason);
 }
 
 /// The module that the information dictionary names, inside the bundle.
-std::expected<fs::path, std::string> moduleOf(const Bundle& bundle)
+std::expected<fs::path, Problem> moduleOf(const Bundle& bundle)
 {
     const std::string name = bundle.infoString("CFBundleExecutable").value_or(bundle.path().stem().string() + ".so");
-    if (name.empty() || name.contains('/') || name == "..")
-        return std::unexpected(fmt::format("its information dictionary names a module outside it: {}", name));
+    if (name.empty() || name.contains('/') || name == "..") return problem(bundle, Problem::Kind::moduleIsOutside, name);
     const fs::path module = bundle.path() / name;
     std::error_code error;
-    if (!fs::is_regular_file(module, error)) return std::unexpected(fmt::format("has no module {}", name));
+    if (!fs::is_regular_file(module, error)) return problem(bundle, Problem::Kind::hasNoModule, name);
     return module;
 }
 
-std::expected<const VELPrincipalClass*, std::string> principalClassOf(const Bundle& bundle)
+std::expected<const VELPrincipalClass*, Problem> principalClassOf(const Bundle& bundle)
 {
     // Asked before any of the bundle's code runs; the module's own word is taken below.
     if (const auto version = bundle.infoDictionary().find("VELContractVersion"); version != bundle.infoDictionary().end())
         if (const auto* number = std::get_if<std::int64_t>(&version->second); number && *number != velContractVersion)
-            return std::unexpected(otherVersion(*number));
+            return otherVersion(bundle, *number);
 
     const auto module = moduleOf(bundle);
     if (!module) return std::unexpected(module.error());
     // Never closed: the host keeps pointers into the module for good.
     void* handle = dlopen(module->c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (!handle) return std::unexpected(linkerReason(*module));
+    if (!handle) return problem(bundle, Problem::Kind::doesNotLoad, linkerReason(*module));
 
     const auto* entry = static_cast<const VELBundleEntry*>(dlsym(handle, "velBundleEntry"));
-    if (!entry) return std::unexpected("is no plug-in: its module does not export velBundleEntry");
-    if (entry->contractVersion != velContractVersion) return std::unexpected(otherVersion(entry->contractVersion));
-    if (!entry->principalClass || !entry->principalClass->create) return std::unexpected("has no principal class");
+    if (!entry) return problem(bundle, Problem::Kind::hasNoEntry);
+    if (entry->contractVersion != velContractVersion) return otherVersion(bundle, entry->contractVersion);
+    if (!entry->principalClass || !entry->principalClass->create) return problem(bundle, Problem::Kind::hasNoPrincipalClass);
     return entry->principalClass;
 }
 
-std::expected<LoadedPlugIn, std::string> load(const Bundle& bundle)
+std::expected<LoadedPlugIn, Problem> load(const Bundle& bundle)
 {
     const auto principalClass = principalClassOf(bundle);
     if (!principalClass) return std::unexpected(principalClass.error());
 
     const Registrations before;
-    std::string reason = "its principal class gave no object";
+    auto failure = problem(bundle, Problem::Kind::gaveNoObject);
     try {
         if (auto principal = (*principalClass)->create()) {
             loadedSoFar().principals.push_back(std::move(principal));
             return LoadedPlugIn{bundle.path(), *principalClass, loadedSoFar().principals.back().get()};
         }
     } catch (const std::exception& error) {
-        reason = fmt::format("failed while being created: {}", error.what());
+        failure = problem(bundle, Problem::Kind::failed, error.what());
     } catch (...) {
-        reason = "failed while being created, for a reason that it does not tell";
+        failure = problem(bundle, Problem::Kind::failedSilently);
     }
     before.takeBackLaterOnes();
-    return std::unexpected(reason);
+    return failure;
 }
 
 /// The bundles in a folder, by name; the folder itself when it is a bundle.
@@ -159,16 +166,16 @@ public:
     {
         std::error_code error;
         const std::vector<fs::path> bundles = bundlesIn(folder.lexically_normal(), error);
-        if (error) addProblem(folder, fmt::format("cannot be searched for plug-ins: {}", error.message()));
+        if (error) addProblem({.bundle = folder, .kind = Problem::Kind::cannotBeSearched, .detail = error.message()});
         for (const fs::path& path : bundles) addBundle(path);
     }
 
-    void addProblem(const fs::path& bundle, std::string reason) { result_.problems.push_back({bundle, std::move(reason)}); }
+    void addProblem(Problem problem) { result_.problems.push_back(std::move(problem)); }
 
     PlugInLoading result() &&
     {
         if (loadedSoFar().plugIns.empty() && result_.problems.empty())
-            addProblem(PlugInLoader::ownFolder(), "holds no plug-in, and no other folder was named");
+            addProblem({.bundle = PlugInLoader::ownFolder(), .kind = Problem::Kind::holdsNothing});
         return std::move(result_);
     }
 
@@ -183,7 +190,7 @@ private:
             loadedSoFar().plugIns.push_back(*plugIn);
             result_.loaded.push_back(*std::move(plugIn));
         } else {
-            addProblem(path, plugIn.error());
+            addProblem(plugIn.error());
         }
     }
 
@@ -192,7 +199,27 @@ private:
 
 }  // namespace
 
-std::string PlugInProblem::text() const { return fmt::format("{}: {}", bundle.string(), reason); }
+std::string PlugInProblem::reason() const
+{
+    switch (kind) {
+    case Kind::cannotBeSearched: return fmt::format("cannot be searched for plug-ins: {}", detail);
+    case Kind::holdsNothing: return "holds no plug-in, and no other folder was named";
+    case Kind::leftOut: return "is left out, since the program runs with more rights than its user";
+    case Kind::otherVersion:
+        return fmt::format("is built for version {} of the plug-in contract, this program has version {}", version, velContractVersion);
+    case Kind::moduleIsOutside: return fmt::format("its information dictionary names a module outside it: {}", detail);
+    case Kind::hasNoModule: return fmt::format("has no module {}", detail);
+    case Kind::doesNotLoad: return fmt::format("does not load: {}", detail);
+    case Kind::hasNoEntry: return "is no plug-in: its module does not export velBundleEntry";
+    case Kind::hasNoPrincipalClass: return "has no principal class";
+    case Kind::gaveNoObject: return "its principal class gave no object";
+    case Kind::failed: return fmt::format("failed while being created: {}", detail);
+    case Kind::failedSilently: return "failed while being created, for a reason that it does not tell";
+    }
+    std::unreachable();
+}
+
+std::string PlugInProblem::text() const { return fmt::format("{}: {}", bundle.string(), reason()); }
 
 const std::vector<LoadedPlugIn>& PlugInLoader::loaded() { return loadedSoFar().plugIns; }
 
@@ -210,7 +237,7 @@ PlugInLoading PlugInLoader::load(const std::vector<fs::path>& named)
     for (const fs::path& folder : folders) {
         // Whoever may only start a program that has been given capabilities must not get at them through code of their own.
         if (getauxval(AT_SECURE) != 0)
-            loading.addProblem(folder, "is left out, since the program runs with more rights than its user");
+            loading.addProblem({.bundle = folder, .kind = PlugInProblem::Kind::leftOut});
         else
             loading.addFolder(folder);
     }

@@ -3,6 +3,7 @@
 
 #include "host/VELDependencies/VELPluginPrincipalClassProtocol.h"
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -18,8 +19,27 @@ struct LoadedPlugIn {
 
 /// A bundle, or a folder of bundles, that cannot be used, and why.
 struct PlugInProblem {
+    enum class Kind : std::uint8_t {
+        cannotBeSearched,  ///< the folder; `detail` is the system's reason
+        holdsNothing,      ///< nor was another folder named
+        leftOut,           ///< since the program has more rights than its user
+        otherVersion,      ///< of the contract: `version`
+        moduleIsOutside,   ///< `detail` is its name, also of the next
+        hasNoModule,
+        doesNotLoad,  ///< `detail` is the dynamic linker's reason
+        hasNoEntry,
+        hasNoPrincipalClass,
+        gaveNoObject,
+        failed,          ///< while its principal object was created: `detail`
+        failedSilently,  ///< the same, without a reason
+    };
     std::filesystem::path bundle;
-    std::string reason;  ///< lower case, without the bundle's path
+    Kind kind = Kind::cannotBeSearched;
+    std::string detail = {};
+    std::int64_t version = 0;
+
+    /// Lower case, without the bundle's path.
+    std::string reason() const;
     /// "/home/me/plugins/Mail.bundle: is built for version 7 of the plug-in contract, this program has version 1"
     std::string text() const;
     bool operator==(const PlugInProblem&) const = default;

@@ -20,8 +20,12 @@ std::size_t PacketIndex::PathHash::operator()(const Path& path) const
     return hash;
 }
 
-PacketIndex::PacketIndex(std::shared_ptr<Capture> capture, const SentenceReader& reader)
-    : capture_(std::move(capture)), reader_(reader), decoder_(capture_.get())
+std::string PlugInFailure::text(const SentenceReader& reader) const
+{
+    return reader.say("packet {}: a plug-in failed: {}", fmt::to_string(packet), reason);
+}
+
+PacketIndex::PacketIndex(std::shared_ptr<Capture> capture) : capture_(std::move(capture)), decoder_(capture_.get())
 {
     paths_.append({});  // of packets that are not TCP
 }
@@ -31,7 +35,7 @@ std::expected<std::shared_ptr<PacketIndex>, CaptureError> PacketIndex::open(cons
 {
     auto capture = Capture::open(files, {.randomAccess = true, .stop = std::move(stop), .reader = reader});
     if (!capture) return std::unexpected(std::move(capture.error()));
-    return std::shared_ptr<PacketIndex>(new PacketIndex(std::move(*capture), reader));
+    return std::shared_ptr<PacketIndex>(new PacketIndex(std::move(*capture)));
 }
 
 bool PacketIndex::read(std::int64_t packets)
@@ -61,7 +65,7 @@ std::uint8_t PacketIndex::recognize(DataView payload, std::int64_t packet)
     } catch (const std::bad_alloc&) {
         throw;
     } catch (const std::exception& problem) {
-        if (plugInProblem_.empty()) plugInProblem_ = reader_.say("packet {}: a plug-in failed: {}", fmt::to_string(packet), problem.what());
+        if (!plugInFailure_) plugInFailure_ = {.packet = packet, .reason = problem.what()};
     }
     return PacketEntry::unrecognized;
 }

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <expected>
 #include <memory>
+#include <optional>
 #include <stop_token>
 #include <string>
 #include <utility>
@@ -32,6 +33,14 @@ struct PacketEntry {
 };
 static_assert(sizeof(PacketEntry) == 32);
 
+/// A packet on which a plug-in failed.
+struct PlugInFailure {
+    std::int64_t packet = 0;
+    std::string reason;  ///< in the plug-in's words
+    /// "packet 7: a plug-in failed: …"
+    std::string text(const SentenceReader& reader = {}) const;
+};
+
 /// The packets of a capture, each reachable by its number. One thread reads the capture; any thread asks for what was read so far.
 class PacketIndex {
 public:
@@ -46,8 +55,8 @@ public:
     /// To be asked when all was read.
     const std::vector<CaptureError>& errors() const { return capture_->errors(); }
     const DecoderNotes& notes() const { return decoder_.notes(); }
-    /// What the first packet told on which a plug-in failed, as a sentence; empty when none did.
-    const std::string& plugInProblem() const { return plugInProblem_; }
+    /// The first packet on which a plug-in failed; nothing when none did.
+    const std::optional<PlugInFailure>& plugInFailure() const { return plugInFailure_; }
 
     /// Packets that were read. Packet N stands at position N - 1.
     std::int64_t size() const { return entries_.size(); }
@@ -67,18 +76,17 @@ private:
         std::size_t operator()(const Path& path) const;
     };
 
-    PacketIndex(std::shared_ptr<Capture> capture, const SentenceReader& reader);
+    explicit PacketIndex(std::shared_ptr<Capture> capture);
     std::uint32_t pathOf(const TCPPacket& segment);
     /// The position of the plug-in that accepts a payload; one that fails on it counts as one that does not.
     std::uint8_t recognize(DataView payload, std::int64_t packet);
 
     std::shared_ptr<Capture> capture_;
-    SentenceReader reader_;
     PacketAnalyzers analyzers_;
     PacketDecoder decoder_;
     CapturedPacket packet_;
     TCPPacket segment_;
-    std::string plugInProblem_;
+    std::optional<PlugInFailure> plugInFailure_;
     GrowingList<PacketEntry> entries_;
     GrowingList<Path> paths_;
     absl::flat_hash_map<Path, std::uint32_t, PathHash> pathNumbers_;

@@ -13,16 +13,16 @@ namespace sealscope {
 namespace {
 
 /// True when a SYN does not belong to the connection at hand, so that its endpoints have opened another one.
-bool opensAnother(const Connection& connection, const ConnectionSide& side, std::uint32_t sequenceNumber, bool isACK)
+bool opensAnother(const Connection& connection, const ConnectionSide& side, const TCPPacket& syn)
 {
     // Some hosts, and most traffic that is made up, begin every connection with the same number.
-    if (connection.isOver && !isACK) return true;
+    if (connection.isOver && !(syn.flags & TCPFlag::ack)) return true;
     const bool isUsed = connection.isClosed || connection.hasData;
-    if (side.hasSYN) return isUsed && side.initialSequenceNumber != sequenceNumber;
+    if (side.hasSYN) return isUsed && side.initialSequenceNumber != syn.sequenceNumber;
     if (!side.hasReference) return connection.isClosed;
     const std::uint32_t lowest = side.hasSent ? side.lowest : side.acknowledged.reference;
     // Captured late: the connection's own SYN stands right before the first byte, or a little before when bytes were lost.
-    const std::int64_t before = sequenceDistance(sequenceNumber + 1, lowest);
+    const std::int64_t before = sequenceDistance(syn.sequenceNumber + 1, lowest);
     return isUsed && !(before >= 0 && before <= (connection.isClosed ? 0 : plausibleFlight));
 }
 
@@ -58,19 +58,21 @@ void acknowledge(ConnectionSide& side, std::uint32_t acknowledgmentNumber)
     side.isAcknowledged = true;
 }
 
+enum class SegmentKind : std::uint8_t { ordinary, keepAlive };
+
 /// Notes what the header and length of a segment say of its sender's direction.
-void send(ConnectionSide& side, const TCPPacket& packet, bool isKeepAlive, bool connectionHasData)
+void send(ConnectionSide& side, const TCPPacket& packet, SegmentKind kind, const Connection& connection)
 {
     if (packet.flags & TCPFlag::rst) return;
     const bool isSYN = packet.flags & TCPFlag::syn;
     if (isSYN) {
         // Another attempt on a connection that did not come about before: what was seen of the direction so far is void.
         const bool isRepeated = side.hasSYN && side.initialSequenceNumber == packet.sequenceNumber;
-        if (!isRepeated && !connectionHasData) side.hasReference = side.hasSent = side.isAcknowledged = false;
+        if (!isRepeated && !connection.hasData) side.hasReference = side.hasSent = side.isAcknowledged = false;
         side.hasSYN = true;
         side.initialSequenceNumber = packet.sequenceNumber;
     }
-    if (isKeepAlive) return;
+    if (kind == SegmentKind::keepAlive) return;
     const std::uint32_t first = packet.sequenceNumber + (isSYN ? 1 : 0);
     const auto next = first + static_cast<std::uint32_t>(packet.payloadLength) + ((packet.flags & TCPFlag::fin) ? 1 : 0);
     show(side, first);
@@ -141,7 +143,7 @@ void ConnectionIndex::add(const TCPPacket& packet, std::int64_t packetNumber, do
     const bool isRST = packet.flags & TCPFlag::rst;
     const bool isSYN = !isRST && (packet.flags & TCPFlag::syn);
     const bool isACK = packet.flags & TCPFlag::ack;
-    if (isSYN && opensAnother(connections_[latest_], connections_[latest_].sides[sender], packet.sequenceNumber, isACK)) {
+    if (isSYN && opensAnother(connections_[latest_], connections_[latest_].sides[sender], packet)) {
         const Endpoints endpoints = connections_[latest_].endpoints;
         const Key key{endpoints, hashOf(endpoints)};
         current_.erase(key);
@@ -151,7 +153,7 @@ void ConnectionIndex::add(const TCPPacket& packet, std::int64_t packetNumber, do
     Connection& connection = connections_[latest_];
     ConnectionSide& side = connection.sides[sender];
     const bool keepAlive = isKeepAlive(side, packet);
-    send(side, packet, keepAlive, connection.hasData);
+    send(side, packet, keepAlive ? SegmentKind::keepAlive : SegmentKind::ordinary, connection);
     if (isACK && !isRST) acknowledge(connection.sides[1 - sender], packet.acknowledgmentNumber);
 
     if (isSYN && connection.clientEvidence != Connection::Evidence::SYN) {

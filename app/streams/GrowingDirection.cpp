@@ -45,7 +45,7 @@ void GrowingDirection::add(const TCPPacket& packet, std::int64_t packetNumber, d
             next_ = *next_ + static_cast<std::uint32_t>(end - bytes_->size());
             bytes_->appendHole(end - bytes_->size());
         }
-        takeWaiting(false);
+        takeWaiting(Holes::stop);
     } else if (!payload.isEmpty() && waiting_.try_emplace(offset, Waiting{Data(payload), packetNumber, time}).second) {
         waitingBytes_ += payload.size();
     }
@@ -61,7 +61,7 @@ void GrowingDirection::acknowledge(std::uint32_t number, double time)
     if (time - *lackedSince_ >= disorder) settle();
 }
 
-void GrowingDirection::settle() { takeWaiting(true); }
+void GrowingDirection::settle() { takeWaiting(Holes::arePassed); }
 
 void GrowingDirection::take(DataView bytes, std::int64_t packet, double time)
 {
@@ -70,9 +70,9 @@ void GrowingDirection::take(DataView bytes, std::int64_t packet, double time)
     lackedSince_.reset();
 }
 
-void GrowingDirection::takeWaiting(bool passesHoles)
+void GrowingDirection::takeWaiting(Holes holes)
 {
-    while (!waiting_.empty() && (passesHoles || waiting_.begin()->first <= bytes_->size())) {
+    while (!waiting_.empty() && (holes == Holes::arePassed || waiting_.begin()->first <= bytes_->size())) {
         const auto node = waiting_.extract(waiting_.begin());
         const Waiting& waiting = node.mapped();
         waitingBytes_ -= waiting.bytes.size();

@@ -41,7 +41,8 @@ private:
     };
     void take(DataView bytes, std::int64_t packet, double time);
     /// Takes what waits and has its turn; `passesHoles` gives up what belongs in front of it.
-    void takeWaiting(bool passesHoles);
+    enum class Holes : std::uint8_t { stop, arePassed };
+    void takeWaiting(Holes holes);
 
     std::shared_ptr<GrowingBytes> bytes_ = std::make_shared<GrowingBytes>();
     std::optional<std::uint32_t> next_;  ///< number of the byte at the end of `bytes_`

@@ -51,7 +51,7 @@ TCPStream capturedStream(const std::vector<TLSFlight>& flights)
 }
 
 /// One connection whose server sends eight megabytes in records of `recordLength`.
-Transfer transfer(const Suite& suite, std::int64_t recordLength, bool isCaptured)
+Transfer transfer(const Suite& suite, std::int64_t recordLength, StreamLayout layout)
 {
     const TLSSessionOptions options{.version = suite.version, .suites = suite.name, .maximumFragment = static_cast<int>(recordLength)};
     TLSConversation conversation(options);
@@ -61,8 +61,10 @@ Transfer transfer(const Suite& suite, std::int64_t recordLength, bool isCaptured
     conversation.seal(server, payload, wire);
     TLSSession session = conversation.session();
     session.flights.push_back({server, Data(std::move(wire)), {}});
-    Transfer result{
-        isCaptured ? capturedStream(session.flights) : vectorStream(session.flights), TLSKeyLog(session.keyLog), {}, payload.size()};
+    Transfer result{layout == StreamLayout::inPieces ? capturedStream(session.flights) : vectorStream(session.flights),
+                    TLSKeyLog(session.keyLog),
+                    {},
+                    payload.size()};
     result.context = TLSStreamDecryption::context(result.stream).value();
     return result;
 }
@@ -88,7 +90,7 @@ void bareCipher(benchmark::State& state)
 void openRecords(benchmark::State& state)
 {
     const Suite& suite = suites[state.range(0)];
-    const Transfer transferred = transfer(suite, state.range(1), state.range(2) != 0);
+    const Transfer transferred = transfer(suite, state.range(1), state.range(2) != 0 ? StreamLayout::inPieces : StreamLayout::inOnePlace);
     std::int64_t bytes = 0;
     for (auto _ : state) {
         auto walk = TLSStreamDecryption::directionWalk(transferred.stream.data(server), server, transferred.context, transferred.keyLog);
@@ -103,7 +105,7 @@ void openRecords(benchmark::State& state)
 void decryptToMemory(benchmark::State& state)
 {
     const Suite& suite = suites[state.range(0)];
-    const Transfer transferred = transfer(suite, state.range(1), false);
+    const Transfer transferred = transfer(suite, state.range(1), StreamLayout::inOnePlace);
     for (auto _ : state)
         benchmark::DoNotOptimize(TLSStreamDecryption::decrypt(server, transferred.stream, transferred.context, transferred.keyLog));
     state.SetBytesProcessed(state.iterations() * transferred.plaintextBytes);

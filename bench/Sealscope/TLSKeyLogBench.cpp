@@ -19,9 +19,12 @@ std::string randomHex(std::mt19937_64& random, int bytes)
     return text;
 }
 
+enum class Labels : std::uint8_t { TLS12, TLS13 };
+
 /// A key log of `lines` lines, of TLS 1.2 or of TLS 1.3 connections.
-std::string keyLogText(std::int64_t lines, bool isTLS13)
+std::string keyLogText(std::int64_t lines, Labels labelsOf)
 {
+    const bool isTLS13 = labelsOf == Labels::TLS13;
     static constexpr const char* labels[] = {"CLIENT_HANDSHAKE_TRAFFIC_SECRET", "SERVER_HANDSHAKE_TRAFFIC_SECRET",
                                              "CLIENT_TRAFFIC_SECRET_0", "SERVER_TRAFFIC_SECRET_0", "EXPORTER_SECRET"};
     std::mt19937_64 random(1);
@@ -37,7 +40,7 @@ std::string keyLogText(std::int64_t lines, bool isTLS13)
 
 void parseKeyLog(benchmark::State& state)
 {
-    const std::string text = keyLogText(state.range(0), state.range(1) != 0);
+    const std::string text = keyLogText(state.range(0), state.range(1) != 0 ? Labels::TLS13 : Labels::TLS12);
     double memory = 0;
     for (auto _ : state) {
         const std::size_t before = mallinfo2().uordblks + mallinfo2().hblkhd;

@@ -39,7 +39,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     // Every long row of zeros as a hole.
     const auto parts = withZerosLost(
         streamPieces({{Direction::clientToServer, client, {}}, {Direction::serverToClient, server, {}}}, {.segmentSize = 100}), 6);
-    const TCPStream holes = vectorStream(parts, true);
+    const TCPStream holes = vectorStream(parts, StreamLayout::inPieces);
 
     const WithKeyLog secrets(text.text());
     const TLSKeyLog keyLog(text.text());

@@ -74,7 +74,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     // Every row of zeros as a hole.
     auto parts = streamPieces({{Direction::clientToServer, client, {}}, {Direction::serverToClient, server, {}}}, options);
     parts = withZerosLost(parts, 1 + input.u8(2) % 8);
-    const TCPStream plain = vectorStream(parts), holes = vectorStream(parts, true);
+    const TCPStream plain = vectorStream(parts), holes = vectorStream(parts, StreamLayout::inPieces);
     for (const Direction direction : {Direction::clientToServer, Direction::serverToClient})
         require(std::ranges::equal(TLSStreamParser::entries(direction, holes), twin::entries(direction, plain, holes.data(direction)),
                                    twin::isSameEntry),

@@ -11,7 +11,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (const auto keys : {JSONKeyStrategy::useDefaultKeys, JSONKeyStrategy::convertFromSnakeCase}) {
         const auto protocols = decodedProtocols(json, keys);
         if (!protocols) {
-            require(!protocols.error().empty(), "a refusal has a reason");
+            require(!protocols.error().text().empty(), "a refusal has a reason");
             continue;
         }
         const auto stored = encodedProtocols(*protocols);

@@ -8,13 +8,14 @@
 #include <fmt/format.h>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <stdexcept>
+#include <utility>
 
 namespace sealscope {
 
 namespace {
 
 using Json = nlohmann::ordered_json;
+using ListProblem = ProtocolListError::Problem;
 
 char upper(char letter) { return letter >= 'a' && letter <= 'z' ? static_cast<char>(letter - 'a' + 'A') : letter; }
 char lower(char letter) { return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter; }
@@ -42,12 +43,12 @@ std::string camelCase(const std::string& key)
     return result + key.substr(end);
 }
 
-/// The members of one record, by the names of its fields. Throws what is wrong with a field.
+/// The members of one record, by the names of its fields. Throws a `ProtocolListError` about a field.
 class Members {
 public:
     Members(const Json& object, JSONKeyStrategy keys)
     {
-        if (!object.is_object()) throw std::runtime_error("an element is no object");
+        if (!object.is_object()) throw ProtocolListError{.problem = ListProblem::elementIsNoObject};
         for (const auto& [key, value] : object.items())
             members_.try_emplace(keys == JSONKeyStrategy::convertFromSnakeCase ? camelCase(key) : key, &value);
     }
@@ -59,7 +60,7 @@ public:
     {
         const Json* value = find(field);
         if (!value) return std::nullopt;
-        if (!value->is_string()) throw wrongType(field, "a string");
+        if (!value->is_string()) throw ProtocolListError{.problem = ListProblem::fieldIsNoString, .field = field};
         return value->get<std::string>();
     }
 
@@ -67,11 +68,13 @@ public:
     {
         const Json* value = find(field);
         if (!value) return std::nullopt;
-        if (value->is_number_unsigned() && value->get<std::uint64_t>() > INT64_MAX) throw wrongType(field, "a 64-bit integer");
+        if (value->is_number_unsigned() && value->get<std::uint64_t>() > INT64_MAX)
+            throw ProtocolListError{.problem = ListProblem::fieldIsNoInteger, .field = field};
         if (value->is_number_integer()) return value->get<std::int64_t>();
         // 80.0 is a way to write 80.
         const double number = value->is_number_float() ? value->get<double>() : 0.5;
-        if (number != std::trunc(number) || number < -0x1p63 || number >= 0x1p63) throw wrongType(field, "a 64-bit integer");
+        if (number != std::trunc(number) || number < -0x1p63 || number >= 0x1p63)
+            throw ProtocolListError{.problem = ListProblem::fieldIsNoInteger, .field = field};
         return static_cast<std::int64_t>(number);
     }
 
@@ -81,11 +84,7 @@ private:
         const auto member = members_.find(field);
         return member == members_.end() || member->second->is_null() ? nullptr : member->second;
     }
-    static std::runtime_error missing(const char* field) { return std::runtime_error(fmt::format("{} is missing", field)); }
-    static std::runtime_error wrongType(const char* field, const char* type)
-    {
-        return std::runtime_error(fmt::format("{} is not {}", field, type));
-    }
+    static ProtocolListError missing(const char* field) { return {.problem = ListProblem::fieldIsMissing, .field = field}; }
 
     std::map<std::string, const Json*, std::less<>> members_;
 };
@@ -94,7 +93,7 @@ VELNetworkProtocol decodedProtocol(const Json& json, JSONKeyStrategy keys)
 {
     const Members members(json, keys);
     const auto id = UUID::fromText(members.text("id"));
-    if (!id) throw std::runtime_error("id is not a UUID");
+    if (!id) throw ProtocolListError{.problem = ListProblem::fieldIsNoUUID, .field = "id"};
     return {
         .id = *id,
         .protocolName = members.text("protocolName"),
@@ -108,7 +107,22 @@ VELNetworkProtocol decodedProtocol(const Json& json, JSONKeyStrategy keys)
 
 }  // namespace
 
-std::expected<Data, std::string> encodedProtocols(const std::vector<VELNetworkProtocol>& protocols)
+std::string ProtocolListError::text() const
+{
+    switch (problem) {
+    case ListProblem::isNotUTF8: return "a text of the list is not UTF-8";
+    case ListProblem::isNotJSON: return "the data are not JSON";
+    case ListProblem::isNoArray: return "the data are no JSON array";
+    case ListProblem::elementIsNoObject: return fmt::format("element {}: an element is no object", element);
+    case ListProblem::fieldIsMissing: return fmt::format("element {}: {} is missing", element, field);
+    case ListProblem::fieldIsNoString: return fmt::format("element {}: {} is not a string", element, field);
+    case ListProblem::fieldIsNoInteger: return fmt::format("element {}: {} is not a 64-bit integer", element, field);
+    case ListProblem::fieldIsNoUUID: return fmt::format("element {}: {} is not a UUID", element, field);
+    }
+    std::unreachable();
+}
+
+std::expected<Data, ProtocolListError> encodedProtocols(const std::vector<VELNetworkProtocol>& protocols)
 {
     Json list = Json::array();
     for (const VELNetworkProtocol& protocol : protocols) {
@@ -125,20 +139,20 @@ std::expected<Data, std::string> encodedProtocols(const std::vector<VELNetworkPr
     try {
         return Data::fromText(list.dump());
     } catch (const Json::type_error&) {
-        return std::unexpected("a text of the list is not UTF-8");
+        return std::unexpected(ProtocolListError{.problem = ListProblem::isNotUTF8});
     }
 }
 
-std::expected<std::vector<VELNetworkProtocol>, std::string> decodedProtocols(DataView json, JSONKeyStrategy keys)
+std::expected<std::vector<VELNetworkProtocol>, ProtocolListError> decodedProtocols(DataView json, JSONKeyStrategy keys)
 {
     const Json list = Json::parse(json.begin(), json.end(), nullptr, false);
-    if (list.is_discarded()) return std::unexpected("the data are not JSON");
-    if (!list.is_array()) return std::unexpected("the data are no JSON array");
+    if (list.is_discarded()) return std::unexpected(ProtocolListError{.problem = ListProblem::isNotJSON});
+    if (!list.is_array()) return std::unexpected(ProtocolListError{.problem = ListProblem::isNoArray});
     std::vector<VELNetworkProtocol> protocols;
     try {
         for (const Json& element : list) protocols.push_back(decodedProtocol(element, keys));
-    } catch (const std::runtime_error& error) {
-        return std::unexpected(fmt::format("element {}: {}", protocols.size(), error.what()));
+    } catch (const ProtocolListError& error) {
+        return std::unexpected(ProtocolListError{error.problem, std::ssize(protocols), error.field});
     }
     return protocols;
 }

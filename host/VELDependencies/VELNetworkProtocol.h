@@ -30,11 +30,30 @@ enum class JSONKeyStrategy : std::uint8_t {
     convertFromSnakeCase,  ///< "protocol_name" as well
 };
 
-/// The list as a JSON array; a reason when it cannot be one, because a text is not UTF-8.
-std::expected<Data, std::string> encodedProtocols(const std::vector<VELNetworkProtocol>& protocols);
+/// Why a list of protocols is not to be had as JSON, or from JSON.
+struct ProtocolListError {
+    enum class Problem : std::uint8_t {
+        isNotUTF8,  ///< a text of the list
+        isNotJSON,
+        isNoArray,
+        elementIsNoObject,
+        fieldIsMissing,
+        fieldIsNoString,
+        fieldIsNoInteger,
+        fieldIsNoUUID,
+    };
+    Problem problem = Problem::isNotJSON;
+    std::int64_t element = 0;     ///< that it is about, as the following
+    const char* field = nullptr;  ///< its name, a literal
+    /// "element 3: protocolPorts is missing"
+    std::string text() const;
+};
 
-/// The list of a JSON array; a reason when it is none. A field that a record must have is there and of its type, the
+/// The list as a JSON array; it cannot be one when a text is not UTF-8.
+std::expected<Data, ProtocolListError> encodedProtocols(const std::vector<VELNetworkProtocol>& protocols);
+
+/// The list of a JSON array, or why it is none. A field that a record must have is there and of its type, the
 /// optional ones may be missing or null, and what else an object holds is ignored.
-std::expected<std::vector<VELNetworkProtocol>, std::string> decodedProtocols(DataView json, JSONKeyStrategy keys);
+std::expected<std::vector<VELNetworkProtocol>, ProtocolListError> decodedProtocols(DataView json, JSONKeyStrategy keys);
 
 }  // namespace sealscope SEALSCOPE_API

@@ -263,7 +263,7 @@ void HTTP2Direction::endHeaders()
     } else {
         decompressor_.end(open.decompressed);
         const auto& [shown, count, bytes, unshown, unknown, problem] = open.decompressed;
-        if (!problem.empty()) open.block.notes.push_back({"Header malformed", problem});
+        if (problem) open.block.notes.push_back({"Header malformed", std::string(HeaderDecompressor::text(*problem))});
         if (unknown > 0)
             open.block.notes.push_back(
                 {"Header incomplete", fmt::format("{} of its fields refer to earlier ones that the capture lacks", unknown)});

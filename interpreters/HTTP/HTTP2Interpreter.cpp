@@ -123,9 +123,10 @@ public:
             direction->forgetConnection();
         }
         absl::flat_hash_set<std::uint32_t> finished;
-        const auto takeExchanges = [&](HTTP2Direction& direction, bool arePromised) {
+        enum class Opening : std::uint8_t { request, promise };
+        const auto takeExchanges = [&](HTTP2Direction& direction, Opening opening) {
             for (HTTP2Half& half : direction.halves()) {
-                if (half.promisedOn.has_value() != arePromised) continue;
+                if (half.promisedOn.has_value() != (opening == Opening::promise)) continue;
                 HTTP2Half* const answer = answering_.half(half.stream & 0x7FFF'FFFF);
                 if (!isFinished(half, answer)) continue;
                 // A reset may come when everything has been said.
@@ -134,8 +135,8 @@ public:
                 finished.insert(half.stream & 0x7FFF'FFFF);
             }
         };
-        takeExchanges(asking_, false);
-        takeExchanges(answering_, true);
+        takeExchanges(asking_, Opening::request);
+        takeExchanges(answering_, Opening::promise);
         for (HTTP2Half& half : answering_.halves()) {
             if (half.promisedOn || finished.contains(half.stream) || asking_.half(half.stream)) continue;
             const bool isReply = !half.blocks.empty() && pseudoField(half.blocks.front(), ":status");

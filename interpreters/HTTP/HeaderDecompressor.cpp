@@ -70,8 +70,17 @@ void HeaderDecompressor::forget()
     *this = HeaderDecompressor();
     isWhole_ = false;
     Block none;
-    inflate(DataView(growTable, std::ssize(growTable)), true, none);
+    inflate(DataView(growTable, std::ssize(growTable)), Part::last, none);
     nghttp2_hd_inflate_end_headers(inflater_.get());
+}
+
+std::string_view HeaderDecompressor::text(Problem problem)
+{
+    switch (problem) {
+    case Problem::makesNoSense: return "its compression makes no sense from there on";
+    case Problem::tooLong: return "it is longer than 1 MB";
+    }
+    std::unreachable();
 }
 
 void HeaderDecompressor::add(std::string_view name, std::string_view value, Block& block)
@@ -85,16 +94,16 @@ void HeaderDecompressor::add(std::string_view name, std::string_view value, Bloc
     block.fields.append(name, value);
 }
 
-bool HeaderDecompressor::inflate(DataView bytes, bool isLast, Block& block)
+bool HeaderDecompressor::inflate(DataView bytes, Part part, Block& block)
 {
     const std::uint8_t* next = bytes.data();
     auto left = static_cast<std::size_t>(bytes.size());
     for (;;) {
         nghttp2_nv field{};
         int flags = 0;
-        const ssize_t read = nghttp2_hd_inflate_hd2(inflater_.get(), &field, &flags, next, left, isLast);
+        const ssize_t read = nghttp2_hd_inflate_hd2(inflater_.get(), &field, &flags, next, left, part == Part::last);
         if (read < 0) {
-            block.problem = "its compression makes no sense from there on";
+            block.problem = Problem::makesNoSense;
             return false;
         }
         next += read;
@@ -117,23 +126,23 @@ bool HeaderDecompressor::inflate(DataView bytes, bool isLast, Block& block)
 
 void HeaderDecompressor::push(DataView fragment, Block& block)
 {
-    if (!block.problem.empty()) return;
+    if (block.problem) return;
     if (isWhole_) {
-        inflate(fragment, false, block);
+        inflate(fragment, Part::moreFollows, block);
         return;
     }
     const auto room = longestBlock - std::ssize(collected_);
-    if (fragment.size() > room) block.problem = "it is longer than 1 MB";
+    if (fragment.size() > room) block.problem = Problem::tooLong;
     fragment = fragment.sub(0, room);
     collected_.insert(collected_.end(), fragment.begin(), fragment.end());
 }
 
 void HeaderDecompressor::end(Block& block)
 {
-    if (isWhole_ && block.problem.empty()) inflate({}, true, block);
+    if (isWhole_ && !block.problem) inflate({}, Part::last, block);
     if (!isWhole_) readKnownPart(collected_, block);
     collected_.clear();
-    if (block.problem.empty())
+    if (!block.problem)
         nghttp2_hd_inflate_end_headers(inflater_.get());
     else
         forget();
@@ -173,15 +182,15 @@ void HeaderDecompressor::readKnownPart(DataView bytes, Block& block)
                 const DataView value = bytes.sub(rest, cursor.position() - rest);
                 literal.insert(literal.end(), value.begin(), value.end());
                 ++block.unknown;
-                if (!inflate(literal, false, block)) return;
+                if (!inflate(literal, Part::moreFollows, block)) return;
                 continue;
             }
         }
         if (!isRead) {
-            if (block.problem.empty()) block.problem = "its compression makes no sense from there on";
+            if (!block.problem) block.problem = Problem::makesNoSense;
             return;
         }
-        if (!inflate(bytes.sub(start, cursor.position() - start), false, block)) return;
+        if (!inflate(bytes.sub(start, cursor.position() - start), Part::moreFollows, block)) return;
     }
 }
 

@@ -6,7 +6,7 @@
 
 #include <cstdint>
 #include <memory>
-#include <string>
+#include <optional>
 #include <string_view>
 #include <vector>
 
@@ -20,6 +20,10 @@ class HeaderDecompressor {
 public:
     HeaderDecompressor();
 
+    /// Why the rest of a header block cannot be read.
+    enum class Problem : std::uint8_t { makesNoSense, tooLong };
+    /// As a clause.
+    static std::string_view text(Problem problem);
     /// A header block while it is being read.
     struct Block {
         PackedFields fields;
@@ -27,7 +31,7 @@ public:
         std::int64_t fieldBytes = 0;  ///< of all names and values
         std::int64_t unshown = 0;     ///< fields behind the limit
         std::int64_t unknown = 0;     ///< fields of which name or value is unknown
-        std::string problem;          ///< why the rest of it cannot be read, as a clause
+        std::optional<Problem> problem;
     };
 
     /// Header blocks are missing from here on: the table's older entries are unknown.
@@ -46,7 +50,9 @@ private:
         void operator()(nghttp2_hd_inflater* inflater) const;
     };
 
-    bool inflate(DataView bytes, bool isLast, Block& block);
+    enum class Part : std::uint8_t { moreFollows, last };
+    /// False when it makes no sense.
+    bool inflate(DataView bytes, Part part, Block& block);
     static void add(std::string_view name, std::string_view value, Block& block);
     /// Reads a block field by field, stepping over what refers to unknown entries.
     void readKnownPart(DataView bytes, Block& block);

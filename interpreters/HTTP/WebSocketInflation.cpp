@@ -116,7 +116,7 @@ StreamBody::Ending WebSocketInflation::inflate(std::size_t message, std::vector<
     const std::int64_t lost =
         payload_.forEachPiece(messages_[message], [&](DataView bytes) { return goesOn = inflater.push(bytes, takeSome); });
     if (goesOn) inflater.push(DataView(tail, std::ssize(tail)), takeSome);
-    window = keepsContext_ ? inflater.window() : std::vector<std::uint8_t>();
+    window = context_ == Context::isKept ? inflater.window() : std::vector<std::uint8_t>();
     if (lost > 0) return {false, fmt::format("the capture lacks {} of it", byteCountText(lost))};
     if (isOverLimit) return {false, fmt::format("it decodes to more than the limit of {}", byteCountText(limit_))};
     if (inflater.isDamaged())
@@ -127,7 +127,7 @@ StreamBody::Ending WebSocketInflation::inflate(std::size_t message, std::vector<
 StreamBody::Ending WebSocketInflation::forEachPiece(std::size_t message, const StreamBody::Take& take) const
 {
     std::vector<std::uint8_t> window;
-    if (keepsContext_) {
+    if (context_ == Context::isKept) {
         const std::lock_guard lock(mutex_);
         Checkpoint from;
         const auto after = std::ranges::upper_bound(checkpoints_, message, {}, &Checkpoint::message);

@@ -30,8 +30,10 @@ private:
 /// when those before it were; every so often what the next one refers to is kept, and work starts there. Any thread may ask.
 class WebSocketInflation {
 public:
-    WebSocketInflation(const TCPStream& stream, TCPSegment::Direction direction, bool keepsContext, std::int64_t limit)
-        : payload_(stream, direction), keepsContext_(keepsContext), limit_(limit)
+    /// What messages may refer to: those before them, or themselves alone ("no_context_takeover").
+    enum class Context : std::uint8_t { isKept, beginsAnew };
+    WebSocketInflation(const TCPStream& stream, TCPSegment::Direction direction, Context context, std::int64_t limit)
+        : payload_(stream, direction), context_(context), limit_(limit)
     {}
 
     /// Adds a message while the direction is read; returns its position. Not to be called once somebody asks.
@@ -52,7 +54,7 @@ private:
     StreamBody::Ending inflate(std::size_t message, std::vector<std::uint8_t>& window, const StreamBody::Take& take) const;
 
     WebSocketPayload payload_;
-    bool keepsContext_;
+    Context context_;
     std::int64_t limit_;
     std::vector<ByteRange> messages_;
     mutable std::mutex mutex_;

@@ -88,10 +88,10 @@ struct OpenMessage {
 /// Reads one direction.
 class DirectionReading {
 public:
-    DirectionReading(const TCPStream& stream, const StreamContext& context, Direction direction, bool keepsContext,
+    DirectionReading(const TCPStream& stream, const StreamContext& context, Direction direction, WebSocketInflation::Context inflation,
                      Conversation& conversation)
         : stream_(stream), data_(stream.data(direction)), direction_(direction), conversation_(conversation), lost_(stream, direction),
-          reader_(data_), inflation_(std::make_shared<WebSocketInflation>(stream, direction, keepsContext, context.largestDecodedBody))
+          reader_(data_), inflation_(std::make_shared<WebSocketInflation>(stream, direction, inflation, context.largestDecodedBody))
     {}
 
     void read()
@@ -107,7 +107,7 @@ public:
                 readData(frame);
             offset = frame.end();
         }
-        if (open_) addData(false);
+        if (open_) addData(LastFragment::missing);
         if (offset >= data_.size()) return;
         // Where a frame begins can only be told from the one before it.
         const ByteRange rest{offset, data_.size()};
@@ -122,19 +122,21 @@ public:
 private:
     void readData(const WebSocketFrame& frame)
     {
-        if (open_ && frame.opcode != Opcode::continuation) addData(false);
+        if (open_ && frame.opcode != Opcode::continuation) addData(LastFragment::missing);
         if (!open_) open_.emplace().first = frame;
         open_->last = frame;
         open_->bytes += frame.length;
         ++open_->fragments;
-        if (frame.isFinal) addData(true);
+        if (frame.isFinal) addData(LastFragment::present);
     }
 
-    void addData(bool isWhole)
+    enum class LastFragment : std::uint8_t { present, missing };
+
+    void addData(LastFragment lastFragment)
     {
         const OpenMessage open = *std::exchange(open_, std::nullopt);
         StreamMessage& message = add(open.first, open.last, open.bytes, open.fragments);
-        if (!isWhole) message.detail.push_back({"Message incomplete", "its last fragment is missing"});
+        if (lastFragment == LastFragment::missing) message.detail.push_back({"Message incomplete", "its last fragment is missing"});
         if (open.first.opcode == Opcode::continuation) message.detail.push_back({"Message incomplete", "its first fragment is missing"});
     }
 
@@ -230,8 +232,11 @@ WebSocketInterpreter::Agreement WebSocketInterpreter::agreement(const HeaderFiel
     Agreement agreement{.isKnown = true};
     for (const std::string_view extension : HeaderField::list(reply, "sec-websocket-extensions")) {
         if (HeaderField::mediaType(extension) != "permessage-deflate") continue;
-        agreement.clientKeepsContext = extension.find("client_no_context_takeover") == std::string_view::npos;
-        agreement.serverKeepsContext = extension.find("server_no_context_takeover") == std::string_view::npos;
+        const auto context = [&](std::string_view parameter) {
+            return extension.contains(parameter) ? WebSocketInflation::Context::beginsAnew : WebSocketInflation::Context::isKept;
+        };
+        agreement.client = context("client_no_context_takeover");
+        agreement.server = context("server_no_context_takeover");
     }
     return agreement;
 }
@@ -252,8 +257,8 @@ StreamInterpretation WebSocketInterpreter::interpret(const TCPStream& stream, co
 StreamInterpretation WebSocketInterpreter::interpret(const TCPStream& stream, const StreamContext& context, const Agreement& agreement)
 {
     Conversation conversation;
-    DirectionReading(stream, context, Direction::clientToServer, agreement.clientKeepsContext, conversation).read();
-    DirectionReading(stream, context, Direction::serverToClient, agreement.serverKeepsContext, conversation).read();
+    DirectionReading(stream, context, Direction::clientToServer, agreement.client, conversation).read();
+    DirectionReading(stream, context, Direction::serverToClient, agreement.server, conversation).read();
     return conversation.finish();
 }
 

@@ -3,6 +3,7 @@
 
 #include "host/VELModels/VELStreamInterpreting.h"
 #include "interpreters/HTTP/HeaderFields.h"
+#include "interpreters/HTTP/WebSocketInflation.h"
 
 #include <string_view>
 
@@ -18,8 +19,8 @@ struct WebSocketInterpreter {
 
     /// What the handshake agreed on for each direction (RFC 7692 §7.1).
     struct Agreement {
-        bool clientKeepsContext = true;
-        bool serverKeepsContext = true;
+        WebSocketInflation::Context client = WebSocketInflation::Context::isKept;
+        WebSocketInflation::Context server = WebSocketInflation::Context::isKept;
         bool isKnown = false;  ///< false: the handshake is missing
     };
     static Agreement agreement(const HeaderFields& reply);

@@ -34,7 +34,7 @@ public:
         for (const Direction direction : {Direction::serverToClient, Direction::clientToServer})
             for (const AssembledMessage& message : clearHandshake(exported.stream.data(direction)))
                 if (message.type == std::to_underlying(TLSHandshakeType::certificate))
-                    put(direction, ReachMessages::pem(ReachMessages::certificates(message.body, false)));
+                    put(direction, ReachMessages::pem(ReachMessages::certificates(message.body, ReachMessages::Form::upToTLS12)));
         for (const StreamMessage& message : exported.interpretation.messages)
             if (const VELValue* const chain = message.attribute(ReachMessages::certificatesKey))
                 if (const auto* const text = std::get_if<std::string>(chain)) put(message.direction, *text);

@@ -3,9 +3,9 @@
 
 #include "Sealscope/TLS12RecordDecryptor.h"
 #include "Sealscope/TLSDissector.h"
+#include "Sealscope/TLSWalk.h"
 #include "Sealscope/TLSNames.h"
 #include "Sealscope/TLSStreamDecryption.h"
-#include "Sealscope/TLSWalk.h"
 #include "interpreters/TLSReach/LostBytes.h"
 #include "interpreters/TLSReach/ReachMessages.h"
 #include "interpreters/TLSReach/ReachWalk.h"
@@ -164,14 +164,14 @@ ReachConnection::ReachConnection(const TCPStream& stream, std::shared_ptr<const 
 
 void ReachConnection::findHellos()
 {
-    const auto state = [](const StreamData& data, const AssembledMessage* message, bool isWhole) {
-        if (message && isWhole) return Hello::found;
+    const auto state = [](const StreamData& data, const AssembledMessage* message, const AssembledMessage* whole) {
+        if (whole) return Hello::found;
         if (message) return Hello::cutByData;
         const bool begins = TLSDissector::looksLikeTLS(data) && data.stretch(0).u8(0) == std::to_underlying(TLSContentType::handshake);
         return begins ? Hello::cutByData : Hello::missing;
     };
     const AssembledMessage* hellos[2] = {};
-    bool isWhole[2] = {};
+    const AssembledMessage* whole[2] = {};
     for (const Direction direction : {Direction::clientToServer, Direction::serverToClient}) {
         const std::size_t index = indexOf(direction);
         clearMessages_[index] = clearHandshake(stream_.data(direction));
@@ -182,12 +182,13 @@ void ReachConnection::findHellos()
         // Version and random stand in front; what is lost behind them does less harm.
         constexpr std::int64_t upToRandom = 4 + 2 + 32;
         const std::int64_t start = found->records.front().lower;
-        isWhole[index] = !LostBytes(stream_.data(direction)).anyOf({start, std::min(start + upToRandom, found->records.front().upper)});
+        const ByteRange needed{start, std::min(start + upToRandom, found->records.front().upper)};
+        if (!LostBytes(stream_.data(direction)).anyOf(needed)) whole[index] = hellos[index];
     }
-    clientHelloState_ = state(stream_.clientToServerData, hellos[0], isWhole[0]);
-    serverHelloState_ = state(stream_.serverToClientData, hellos[1], isWhole[1]);
-    if (hellos[0] && isWhole[0]) clientHello_ = TLSDissector::parseClientHello(hellos[0]->body, 0);
-    if (hellos[1] && isWhole[1]) serverHello_ = parseServerHello(hellos[1]->body, 0);
+    clientHelloState_ = state(stream_.clientToServerData, hellos[0], whole[0]);
+    serverHelloState_ = state(stream_.serverToClientData, hellos[1], whole[1]);
+    if (whole[0]) clientHello_ = TLSDissector::parseClientHello(whole[0]->body, 0);
+    if (whole[1]) serverHello_ = parseServerHello(whole[1]->body, 0);
     if (clientHello_ && serverHello_)
         parameters_ = parametersOf(*clientHello_, hellos[0]->body, *serverHello_, hellos[1]->body);
     else
@@ -365,7 +366,8 @@ std::optional<TLSPrivateKeyReport> ReachConnection::privateKeyReport() const
     if (!parameters_->suite->isRSAKeyExchange) return TLSPrivateKeyReport{Use::otherKeyExchange, {}};
     if (!encryptedPremaster(*parameters_)) return TLSPrivateKeyReport{Use::noKeyExchange, {}};
     const auto* const message = clearMessage(Direction::serverToClient, TLSHandshakeType::certificate);
-    const std::vector<DataView> chain = message ? ReachMessages::certificates(message->body, false) : std::vector<DataView>();
+    const std::vector<DataView> chain =
+        message ? ReachMessages::certificates(message->body, ReachMessages::Form::upToTLS12) : std::vector<DataView>();
     if (chain.empty()) return TLSPrivateKeyReport{premasterSecret(*parameters_) ? Use::fits : Use::otherCertificate, {}};
     const bool fits = std::ranges::any_of(secrets_->privateKeys, [&](const PrivateKey& key) { return key.isOf(chain.front()); });
     const auto summary = TLSDissector::certSummary(chain.front());

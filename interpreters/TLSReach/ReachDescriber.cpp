@@ -2,8 +2,8 @@
 #include "interpreters/TLSReach/ReachDescriber.h"
 
 #include "Sealscope/TLSDissector.h"
-#include "Sealscope/TLSNames.h"
 #include "Sealscope/TLSWalk.h"
+#include "Sealscope/TLSNames.h"
 #include "interpreters/TLSReach/HandshakeAssembler.h"
 #include "interpreters/TLSReach/HelloFingerprints.h"
 #include "interpreters/TLSReach/LostBytes.h"
@@ -78,10 +78,10 @@ struct ServerMessages {
     std::optional<Data> certificate;  ///< the first certificate, as DER
 };
 
-void takeCertificate(ServerMessages& server, const AssembledMessage& message, bool isTLS13)
+void takeCertificate(ServerMessages& server, const AssembledMessage& message, ReachMessages::Form form)
 {
     if (server.certificate || message.type != std::to_underlying(TLSHandshakeType::certificate)) return;
-    if (const auto chain = ReachMessages::certificates(message.body, isTLS13); !chain.empty()) server.certificate = Data(chain.front());
+    if (const auto chain = ReachMessages::certificates(message.body, form); !chain.empty()) server.certificate = Data(chain.front());
 }
 
 ServerMessages clearServerMessages(const TCPStream& stream)
@@ -89,7 +89,7 @@ ServerMessages clearServerMessages(const TCPStream& stream)
     ServerMessages server;
     forEachClearMessage(stream, Direction::serverToClient, [&](const AssembledMessage& message) {
         if (!server.hello && message.type == std::to_underlying(TLSHandshakeType::serverHello)) server.hello = message.body;
-        takeCertificate(server, message, false);
+        takeCertificate(server, message, ReachMessages::Form::upToTLS12);
         return !server.certificate && message.type != std::to_underlying(TLSHandshakeType::serverHelloDone);
     });
     return server;
@@ -102,7 +102,7 @@ void openCertificate(ServerMessages& server, const TCPStream& stream, std::share
     if (!connection.parameters() || !connection.parameters()->isTLS13() || !connection.hasKeyMaterial()) return;
     ReachWalk walk(connection, Direction::serverToClient);
     while (!server.certificate && walk.next() && !walk.isApplicationData())
-        for (const AssembledMessage& message : walk.messages()) takeCertificate(server, message, true);
+        for (const AssembledMessage& message : walk.messages()) takeCertificate(server, message, ReachMessages::Form::TLS13);
 }
 
 std::string_view shortName(std::string_view type)

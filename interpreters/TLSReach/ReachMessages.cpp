@@ -3,9 +3,9 @@
 
 #include "Sealscope/TLSApplicationProtocol.h"
 #include "Sealscope/TLSDissector.h"
+#include "Sealscope/TLSWalk.h"
 #include "Sealscope/TLSNames.h"
 #include "Sealscope/TLSStreamParser.h"
-#include "Sealscope/TLSWalk.h"
 #include "host/VELDependencies/VELPlugInBundle.h"
 #include "platform/Base64.h"
 
@@ -89,8 +89,11 @@ Rows ticketRows(DataView body)
     return rows;
 }
 
-Rows rowsOf(const AssembledMessage& message, bool isTLS13)
+using Form = ReachMessages::Form;
+
+Rows rowsOf(const AssembledMessage& message, Form form)
 {
+    const bool isTLS13 = form == Form::TLS13;
     const DataView body = message.body;
     if (message.type == keyUpdate) return {{"Asks for an update", body.u8(0) == 1 ? "yes" : "no"}};
     const auto type = handshakeTypeOf(message.type);
@@ -99,7 +102,7 @@ Rows rowsOf(const AssembledMessage& message, bool isTLS13)
     case TLSHandshakeType::encryptedExtensions: return encryptedExtensionsRows(body);
     case TLSHandshakeType::certificate:
         if (isTLS13)
-            return TLSStreamParser::handshakeSummary(message.type, certificateListOf(ReachMessages::certificates(body, true)), 0).second;
+            return TLSStreamParser::handshakeSummary(message.type, certificateListOf(ReachMessages::certificates(body, form)), 0).second;
         break;
     case TLSHandshakeType::certificateVerify:
         return {{"Signature Algorithm", fmt::format("0x{:04X}", body.u16(0))}, {"Signature", fmt::format("{} bytes", body.u16(2))}};
@@ -125,10 +128,10 @@ std::string summaryOf(const AssembledMessage& message)
 
 }  // namespace
 
-std::vector<DataView> ReachMessages::certificates(DataView body, bool isTLS13)
+std::vector<DataView> ReachMessages::certificates(DataView body, Form form)
 {
     std::vector<DataView> list;
-    if (!isTLS13) {
+    if (form == Form::upToTLS12) {
         forEachCertificate(body, 0, [&](DataView der, std::int64_t) {
             list.push_back(der);
             return true;
@@ -165,14 +168,14 @@ std::string ReachMessages::pem(const std::vector<DataView>& certificates)
     return text;
 }
 
-StreamMessage ReachMessages::message(const AssembledMessage& message, bool isTLS13, TCPSegment::Direction direction, const TCPStream& stream)
+StreamMessage ReachMessages::message(const AssembledMessage& message, Form form, TCPSegment::Direction direction, const TCPStream& stream)
 {
     StreamMessage shown{.direction = direction,
                         .kind = StreamMessageKind::handshake,
                         .summary = summaryOf(message),
                         .detail = {{"TLS", "decrypted"}},
                         .isDecrypted = true};
-    std::ranges::move(rowsOf(message, isTLS13), std::back_inserter(shown.detail));
+    std::ranges::move(rowsOf(message, form), std::back_inserter(shown.detail));
     shown.byteRange = ByteRange{message.records.front().lower, message.records.back().upper};
     PacketIdCollector packets(shown.packetIds);
     std::optional<double> first;
@@ -183,7 +186,7 @@ StreamMessage ReachMessages::message(const AssembledMessage& message, bool isTLS
     }
     shown.timestamp = first.value_or(0);
     if (message.type == std::to_underlying(TLSHandshakeType::certificate)) {
-        std::string text = pem(certificates(message.body, isTLS13));
+        std::string text = pem(certificates(message.body, form));
         if (!text.empty()) shown.attributes.push_back({certificatesKey, std::move(text)});
     }
     return shown;

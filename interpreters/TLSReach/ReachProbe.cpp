@@ -96,7 +96,8 @@ OpenedDirection openedDirection(ReachConnection& connection, Direction direction
         if (walk.isApplicationData())
             plaintext->add(walk.content().size(), {walk.record().bodyOffset, walk.record().endOffset()}, {walk.opener(), walk.sequence()});
         for (const AssembledMessage& message : walk.messages()) {
-            opened.handshake.push_back(ReachMessages::message(message, isTLS13, direction, stream));
+            opened.handshake.push_back(
+                ReachMessages::message(message, isTLS13 ? ReachMessages::Form::TLS13 : ReachMessages::Form::upToTLS12, direction, stream));
             if (isTLS13 && message.type == std::to_underlying(TLSHandshakeType::encryptedExtensions))
                 opened.applicationProtocol = TLSApplicationProtocol::ofEncryptedExtensions(message.body);
         }
@@ -164,10 +165,11 @@ StreamInterpretation merged(std::vector<StreamMessage> handshake, StreamInterpre
     return interpretation;
 }
 
-void mark(StreamMessage& message, bool hasRow = false)
+void addDecryptedRow(StreamMessage& message) { message.detail.insert(message.detail.begin(), decryptedRow); }
+
+void markDecrypted(StreamMessage& message)
 {
     message.id = UUID::random();
-    if (!hasRow) message.detail.insert(message.detail.begin(), decryptedRow);
     message.isDecrypted = true;
 }
 
@@ -196,8 +198,11 @@ public:
     void next(StreamExchange& exchange) override
     {
         inner_->next(exchange);
-        for (auto* const message : {&exchange.request, &exchange.reply})
-            if (*message) mark(**message, inner_->addsRowsInFront());
+        for (auto* const message : {&exchange.request, &exchange.reply}) {
+            if (!*message) continue;
+            if (!inner_->addsRowsInFront()) addDecryptedRow(**message);
+            markDecrypted(**message);
+        }
     }
 
 private:
@@ -270,7 +275,10 @@ std::optional<StreamInterpretation> ReachProbe::decryptedInterpretation(const TC
     if (opened.hasPlaintext() && context.host)
         inner = context.host->carriedInterpretation(plaintextStream(stream, client, server), contextOf(connection, server, context));
     if (inner) {
-        for (StreamMessage& message : inner->messages) mark(message);
+        for (StreamMessage& message : inner->messages) {
+            addDecryptedRow(message);
+            markDecrypted(message);
+        }
     } else {
         inner.emplace();
         if (client.plaintext->openedBytes() > 0) inner->messages.push_back(wholeDirection(Direction::clientToServer, client));

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "interpreters/TLSReach/ReachWalk.h"
 
+#include "Sealscope/TLSWalk.h"
 #include "Sealscope/TLSNames.h"
 #include "Sealscope/TLSStreamDecryption.h"
-#include "Sealscope/TLSWalk.h"
 #include "interpreters/TLSReach/ReachConnection.h"
 
 #include <algorithm>

@@ -47,13 +47,12 @@ void StreamLines::exchanges(const Session& session, const Numbers& numbers, cons
     exchangesInOrder(session, numbers, make, [&](std::string line) { return take(std::move(line)) && !stop.stop_requested(); });
 }
 
-void StreamLines::objects(const Session& session, const Numbers& numbers, const std::string& folder, bool replaces, const Lines::Take& take,
-                          const std::stop_token& stop)
+void StreamLines::objects(const Session& session, const Numbers& numbers, const std::string& folder, ObjectFolder::Existing existing,
+                          const Lines::Take& take, const std::stop_token& stop)
 {
-    ObjectFolder objects(folder, replaces ? ObjectFolder::Existing::replaced : ObjectFolder::Existing::kept);
+    ObjectFolder objects(folder, existing);
     saveObjects(session, numbers, objects, stop, [&](const SavedObject& object) {
-        if (!object.problem.empty())
-            throw CaptureFailure({.file = folder, .reason = object.problem.substr(object.problem.find(": ") + 2), .packetsBefore = -1});
+        if (object.problem) throw CaptureFailure({.file = folder, .reason = object.problem->error.text(), .packetsBefore = -1});
         std::string text;
         appendRecord(text, object);
         return take(std::move(text));
@@ -200,9 +199,10 @@ std::unique_ptr<Lines> OpenCapture::exchanges(StreamLines::Numbers numbers) cons
 
 std::unique_ptr<Lines> OpenCapture::objects(StreamLines::Numbers numbers, std::string folder, bool replaces) const
 {
-    return std::make_unique<Lines>([session = session_, numbers = wanted(std::move(numbers)), folder = std::move(folder), replaces](
-                                       const Lines::Take& take, const std::stop_token& stop) {
-        StreamLines::objects(*session, numbers, folder, replaces, take, stop);
+    return std::make_unique<Lines>([session = session_, numbers = wanted(std::move(numbers)), folder = std::move(folder),
+                                    replaces](const Lines::Take& take, const std::stop_token& stop) {
+        StreamLines::objects(*session, numbers, folder, replaces ? ObjectFolder::Existing::replaced : ObjectFolder::Existing::kept, take,
+                             stop);
     });
 }
 

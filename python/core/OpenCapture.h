@@ -3,6 +3,7 @@
 
 #include "app/capture/CaptureError.h"
 #include "app/export/GapFilling.h"
+#include "app/export/Objects.h"
 #include "app/session/Session.h"
 #include "app/verdict/StreamVerdict.h"
 #include "python/core/Lines.h"
@@ -39,8 +40,8 @@ struct StreamLines {
                         const std::stop_token& stop);
     static void exchanges(const Session& session, const Numbers& numbers, const Lines::Take& take, const std::stop_token& stop);
     /// Saves objects into a folder; without one ("") they are only measured.
-    static void objects(const Session& session, const Numbers& numbers, const std::string& folder, bool replaces, const Lines::Take& take,
-                        const std::stop_token& stop);
+    static void objects(const Session& session, const Numbers& numbers, const std::string& folder, ObjectFolder::Existing existing,
+                        const Lines::Take& take, const std::stop_token& stop);
     static void messages(const Session& session, std::int64_t number, const Lines::Take& take, const std::stop_token& stop);
 };
 

@@ -153,7 +153,7 @@ void makeRows(PieceRows& rows, const Session& session, PieceOptions& options, co
             StreamLines::streams(session, StreamVerdicts(session, std::move(options.keyLog)), rows.numbers, take, stop);
             break;
         case RowKind::exchanges: StreamLines::exchanges(session, rows.numbers, take, stop); break;
-        case RowKind::objects: StreamLines::objects(session, rows.numbers, options.folder, false, take, stop); break;
+        case RowKind::objects: StreamLines::objects(session, rows.numbers, options.folder, ObjectFolder::Existing::kept, take, stop); break;
         }
     });
     std::ranges::move(session.capture().lostFiles(), std::back_inserter(rows.errors));

@@ -2,8 +2,8 @@
 #pragma once
 
 #include "Sealscope/TLSDissector.h"
-#include "Sealscope/TLSStreamParser.h"
 #include "Sealscope/TLSWalk.h"
+#include "Sealscope/TLSStreamParser.h"
 
 #include <algorithm>
 #include <vector>

@@ -403,7 +403,7 @@ TEST(TLSDecryptionProbe, ReportsWhatIsWrongWithTheHellos)
         std::vector<StreamPiece> pieces{{client, clientBytes.sub(0, from), 1, 0, to - from},
                                         {client, clientBytes.sub(to, clientBytes.size()), 2},
                                         {server, serverBytes, 3}};
-        return vectorStream(pieces, true);
+        return vectorStream(pieces, StreamLayout::inPieces);
     };
     struct Case {
         const char* name;
@@ -449,7 +449,7 @@ TCPStream withLostServerBytes(const TLSSession& session, std::int64_t fromEnd, s
     return vectorStream(std::vector<StreamPiece>{{client, session.wire(client), 1},
                                                  {server, bytes.sub(0, from), 2, 0, to - from},
                                                  {server, bytes.sub(to, toEnd), 3}},
-                        true);
+                        StreamLayout::inPieces);
 }
 
 TEST(TLSDecryptionProbe, ReportsHowFarTheServersDirectionOpens)

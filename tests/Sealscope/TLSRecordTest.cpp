@@ -135,8 +135,8 @@ TEST(TLSRecord, AHoleIsSteppedOverAtOnce)
     for (const auto& [name, lost, expected] : cases) {
         const bool isShort = lost == 4;
         const Data after = isShort ? hex("00 01 02 03 04 05 06") : hex("04 01 02 03 04 05");
-        const TCPStream stream =
-            vectorStream(std::vector<StreamPiece>{{.bytes = hex("15 03 03 00 02  02 28"), .lostBytes = lost}, {.bytes = after}}, true);
+        const TCPStream stream = vectorStream(
+            std::vector<StreamPiece>{{.bytes = hex("15 03 03 00 02  02 28"), .lostBytes = lost}, {.bytes = after}}, StreamLayout::inPieces);
         std::vector<std::pair<TLSRecord, std::int64_t>> visited;
         forEachRecord(stream.clientToServerData, [&](const TLSRecord& record, std::int64_t count) {
             visited.emplace_back(record, count);

@@ -327,7 +327,7 @@ TEST(TLSStreamDecryption, OpensWithHolesWhatTheListsOfTheirZerosOpen)
             const std::vector<StreamPiece> pieces{{client, session.wire(client), 1},
                                                   {server, bytes.sub(0, at), 2, 0, lost},
                                                   {server, bytes.sub(at + skipped, bytes.size()), 3}};
-            const TCPStream plain = vectorStream(pieces), holes = vectorStream(pieces, true);
+            const TCPStream plain = vectorStream(pieces), holes = vectorStream(pieces, StreamLayout::inPieces);
             const auto expected = twin::decrypt(plain, server, *context, keyLog);
             const auto found = TLSStreamDecryption::decrypt(server, holes, *context, keyLog);
             ASSERT_EQ(found.has_value(), expected.has_value());

@@ -131,7 +131,8 @@ TEST(TLSStreamParser, ShowsTheSameWhateverTheRecordsAHandshakeIsCutInto)
         std::vector<Data> records;
         for (std::int64_t offset = 0; offset < flight.size(); offset += cut) records.push_back(record(22, flight.sub(offset, cut)));
         std::vector<std::string> shown;
-        for (const auto& entry : TLSStreamParser::entries(server, vectorStream(std::vector<StreamPiece>{{server, joined(records)}}, true)))
+        for (const auto& entry :
+             TLSStreamParser::entries(server, vectorStream(std::vector<StreamPiece>{{server, joined(records)}}, StreamLayout::inPieces)))
             shown.push_back(entry.message.summary);
         EXPECT_EQ(shown, summaries) << cut << " bytes a record";
     }
@@ -177,7 +178,7 @@ TEST(TLSStreamParser, ShowsOfAHoleWhatTheListsOfItsZerosShow)
         }
         const std::vector<StreamPiece> pieces =
             withZerosLost(streamPieces({{client, joined(bytes), {}}}, {.segmentSize = 1 + below(60)}), 1 + below(9));
-        const TCPStream plain = vectorStream(pieces), holes = vectorStream(pieces, true);
+        const TCPStream plain = vectorStream(pieces), holes = vectorStream(pieces, StreamLayout::inPieces);
         const auto expected = twin::entries(client, plain, holes.clientToServerData);
         const auto entries = TLSStreamParser::entries(client, holes);
         ASSERT_TRUE(std::ranges::equal(entries, expected, twin::isSameEntry)) << "round " << round;
@@ -210,7 +211,7 @@ TEST(TLSStreamParser, DoesNotShowMessagesThatNobodySent)
     };
     for (const auto& [name, pieces, expected] : cases) {
         std::vector<std::string> lines;
-        for (const auto& entry : TLSStreamParser::entries(client, vectorStream(pieces, true)))
+        for (const auto& entry : TLSStreamParser::entries(client, vectorStream(pieces, StreamLayout::inPieces)))
             lines.push_back(
                 fmt::format("[{},{}) {}", entry.message.byteRange->lower, entry.message.byteRange->upper, entry.message.summary));
         EXPECT_EQ(lines, expected) << name;
@@ -248,7 +249,7 @@ TEST(TLSStreamParser, TellsAStreamOfAnyLengthAsTheListDoes)
                                                        {.segmentSize = 50});
         for (StreamPiece& piece : pieces)
             if (std::uniform_real_distribution(0.0, 1.0)(random) < disorder) piece.timestamp += static_cast<double>(random() % 100) / 100;
-        const TCPStream stream = vectorStream(pieces, true);
+        const TCPStream stream = vectorStream(pieces, StreamLayout::inPieces);
         const StreamInterpretation expected = TLSStreamParser::interpretation(stream);
         ASSERT_GT(expected.messages.size(), 5'000u);
         const auto [lines, pairings] = told(stream);

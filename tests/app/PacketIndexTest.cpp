@@ -70,7 +70,8 @@ TEST_F(PacketIndexTest, OutlivesAPlugInThatFails)
     ASSERT_TRUE(index);
     while ((*index)->read(100)) {}
     EXPECT_GT((*index)->size(), 10);
-    EXPECT_TRUE((*index)->plugInProblem().ends_with("a plug-in failed: no idea")) << (*index)->plugInProblem();
+    ASSERT_TRUE((*index)->plugInFailure());
+    EXPECT_TRUE((*index)->plugInFailure()->text().ends_with("a plug-in failed: no idea")) << (*index)->plugInFailure()->text();
 }
 
 TEST_F(PacketIndexTest, IsReadWhileItGrows)

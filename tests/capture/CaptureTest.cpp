@@ -44,14 +44,14 @@ TEST(Capture, ReadsEveryFormat)
     };
     const Case cases[] = {
         {"pcap, little-endian", pcapFile(plain), plain},
-        {"pcap, big-endian", pcapFile(plain, {.isBigEndian = true}), plain},
+        {"pcap, big-endian", pcapFile(plain, {.order = std::endian::big}), plain},
         {"pcap, nanoseconds", pcapFile(fine, {.hasNanoseconds = true}), fine},
-        {"pcap, nanoseconds, big-endian", pcapFile(fine, {.isBigEndian = true, .hasNanoseconds = true}), fine},
+        {"pcap, nanoseconds, big-endian", pcapFile(fine, {.order = std::endian::big, .hasNanoseconds = true}), fine},
         {"pcap, modified", pcapFile(plain, {.isModified = true}), plain},
-        {"pcap, modified, big-endian", pcapFile(plain, {.isBigEndian = true, .isModified = true}), plain},
+        {"pcap, modified, big-endian", pcapFile(plain, {.order = std::endian::big, .isModified = true}), plain},
         {"pcap without packets", pcapFile({}), {}},
         {"pcapng, nanoseconds", pcapngFile(fine), fine},
-        {"pcapng, big-endian", pcapngFile(fine, {.isBigEndian = true}), fine},
+        {"pcapng, big-endian", pcapngFile(fine, {.order = std::endian::big}), fine},
         {"pcapng, default resolution", pcapngFile(plain, {.resolution = 6}), plain},
         {"pcapng, several link types", pcapngFile(inOrderOfLinks), inOrderOfLinks},
         {"pcapng without packets", PcapngBuilder().data(), {}},
@@ -136,7 +136,7 @@ TEST(Capture, ReadsEveryBlockOfEverySection)
     builder.packet(packets[0]).packet(packets[1], 1).block(0x0bad, {}).obsoletePacket(packets[2], 1);
     expected[1].linkType = expected[2].linkType = 101;
     // The next section's interfaces count from 0 again, and its numbers stand the other way round.
-    builder.section(true).interface({.linkType = 276, .snapLength = 70}).secrets("two\nthree\n");
+    builder.section(std::endian::big).interface({.linkType = 276, .snapLength = 70}).secrets("two\nthree\n");
     builder.packet(packets[3]).simplePacket(packets[0]);
     expected[3].linkType = expected[4].linkType = 276;
     expected[4] = {.time = 0, .frame = packets[0].frame, .originalLength = packets[0].originalLength, .linkType = 276};
@@ -146,7 +146,7 @@ TEST(Capture, ReadsEveryBlockOfEverySection)
     cut.frame = cut.frame.sub(0, 70);
     builder.simplePacket(cut);
     expected[5] = {.time = 0, .frame = cut.frame, .originalLength = cut.originalLength, .linkType = 276};
-    builder.section(false).interface({}).packet(packets[6]).secrets("").secrets("four\n").packet(packets[7]);
+    builder.section(std::endian::little).interface({}).packet(packets[6]).secrets("").secrets("four\n").packet(packets[7]);
     builder.secrets("five");
 
     const TempDirectory directory;
@@ -253,27 +253,27 @@ TEST(Capture, FiltersWithoutRenumbering)
         const char* name;
         std::string filter;
         PacketPath path;
-        bool isBigEndian;
+        std::endian order;
         std::vector<std::int64_t> expected;
     };
+    constexpr auto little = std::endian::little, big = std::endian::big;
     using Link = PacketPath::Link;
     const std::vector<std::int64_t> synOnly = {1, 2};
     const Case cases[] = {
-        {"Ethernet", "tcp[tcpflags] & tcp-syn != 0", {}, false, synOnly},
-        {"cooked", "tcp[tcpflags] & tcp-syn != 0", {.link = Link::linuxCooked}, false, synOnly},
-        {"cooked 2", "tcp[tcpflags] & tcp-syn != 0", {.link = Link::linuxCooked2}, true, synOnly},
-        {"raw", "tcp[tcpflags] & tcp-syn != 0", {.link = Link::rawIP}, false, synOnly},
-        {"loopback of this machine's order", "tcp[tcpflags] & tcp-syn != 0", {.link = Link::bsdLoopback}, false, synOnly},
-        {"loopback of the other order", "tcp[tcpflags] & tcp-syn != 0", {.link = Link::bsdLoopbackBigEndian}, true, synOnly},
-        {"nothing passes", "udp", {}, false, {}},
-        {"a length", "greater 1000", {}, false, {4, 5}},
+        {"Ethernet", "tcp[tcpflags] & tcp-syn != 0", {}, little, synOnly},
+        {"cooked", "tcp[tcpflags] & tcp-syn != 0", {.link = Link::linuxCooked}, little, synOnly},
+        {"cooked 2", "tcp[tcpflags] & tcp-syn != 0", {.link = Link::linuxCooked2}, big, synOnly},
+        {"raw", "tcp[tcpflags] & tcp-syn != 0", {.link = Link::rawIP}, little, synOnly},
+        {"loopback of this machine's order", "tcp[tcpflags] & tcp-syn != 0", {.link = Link::bsdLoopback}, little, synOnly},
+        {"loopback of the other order", "tcp[tcpflags] & tcp-syn != 0", {.link = Link::bsdLoopbackBigEndian}, big, synOnly},
+        {"nothing passes", "udp", {}, little, {}},
+        {"a length", "greater 1000", {}, little, {4, 5}},
     };
     const TempDirectory directory;
-    for (const auto& [name, filter, path, isBigEndian, expected] : cases) {
+    for (const auto& [name, filter, path, order, expected] : cases) {
         for (const bool isPcapng : {false, true}) {
             const std::vector<CapturePacket> written = packets(conversation.segments, path);
-            const Data file =
-                isPcapng ? pcapngFile(written, {.isBigEndian = isBigEndian}) : pcapFile(written, {.isBigEndian = isBigEndian});
+            const Data file = isPcapng ? pcapngFile(written, {.order = order}) : pcapFile(written, {.order = order});
             const ReadResult result = readCapture({directory.write("capture", file)}, {.filter = filter});
             std::vector<std::int64_t> numbers;
             for (const ReadPacket& packet : result.packets) numbers.push_back(packet.number);

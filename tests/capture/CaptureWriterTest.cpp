@@ -49,7 +49,12 @@ TEST(CaptureWriter, CopiesEveryPacketOfEveryFormat)
     fine[3].time += 7;
     PcapngBuilder blocks;
     blocks.interface({.linkType = 101, .resolution = 0x94, .offset = 3}).block(0x0bad, patternBytes(13)).packet(plain[0]);
-    blocks.obsoletePacket(plain[1]).simplePacket(plain[2]).section(true).block(5, patternBytes(8)).interface({}).packet(plain[3]);
+    blocks.obsoletePacket(plain[1])
+        .simplePacket(plain[2])
+        .section(std::endian::big)
+        .block(5, patternBytes(8))
+        .interface({})
+        .packet(plain[3]);
     struct Case {
         const char* name;
         Data file;
@@ -58,11 +63,11 @@ TEST(CaptureWriter, CopiesEveryPacketOfEveryFormat)
     };
     const Case cases[] = {
         {"pcap", pcapFile(plain), "", false},
-        {"pcap, nanoseconds, big-endian", pcapFile(fine, {.isBigEndian = true, .hasNanoseconds = true}), "", false},
+        {"pcap, nanoseconds, big-endian", pcapFile(fine, {.order = std::endian::big, .hasNanoseconds = true}), "", false},
         {"modified pcap", pcapFile(plain, {.isModified = true}), "", false},
         {"pcap without packets", pcapFile({}), "", false},
         {"pcapng", pcapngFile(mixed), "", true},
-        {"pcapng, big-endian", pcapngFile(mixed, {.isBigEndian = true}), "", true},
+        {"pcapng, big-endian", pcapngFile(mixed, {.order = std::endian::big}), "", true},
         {"pcapng with secrets", pcapngFile(fine, {.secretsBefore = "early\n", .secretsAfter = "late\n"}), "early\nlate\n", true},
         {"blocks of every kind", blocks.data(), "", true},
     };
@@ -97,7 +102,7 @@ TEST(CaptureWriter, PutsSecretsBeforeThePacketsOfAllFiles)
     const TempDirectory directory;
     const std::vector<std::string> files = {
         directory.write("late", pcapngFile(somePackets(2, 2'000), {.secretsBefore = "c\n", .secretsAfter = "d\n"})),
-        directory.write("early", pcapngFile(somePackets(3, 1'000), {.secretsAfter = "b\n", .isBigEndian = true})),
+        directory.write("early", pcapngFile(somePackets(3, 1'000), {.secretsAfter = "b\n", .order = std::endian::big})),
         directory.write("latest", pcapFile(somePackets(4, 3'000))),
     };
     const ReadResult copy = readCapture({directory.write("copy", copyOf(files, {.addedSecrets = "a\n"}))});

@@ -75,7 +75,7 @@ TEST(SegmentScan, FindsOnSeveralProcessorsWhatOneFinds)
     for (std::size_t i = 0; i < outer.size(); ++i) {
         if (i % 40 == 20) changing.block(0x0bad, patternBytes(300));
         if (i == outer.size() / 3) changing.interface({.resolution = 9}).secrets("one\n");
-        if (i == outer.size() / 2) changing.section(true).interface({}).interface({.resolution = 3}).secrets("two\n");
+        if (i == outer.size() / 2) changing.section(std::endian::big).interface({}).interface({.resolution = 3}).secrets("two\n");
         changing.packet(outer[i], i >= outer.size() / 3 ? 1 : 0);
         if (i == outer.size() / 4) changing.block(6, Data{9, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
         if (i == outer.size() * 2 / 3) changing.simplePacket(outer[i]);
@@ -93,7 +93,7 @@ TEST(SegmentScan, FindsOnSeveralProcessorsWhatOneFinds)
     };
     const Case cases[] = {
         {"pcap", pcapFile(download(pcapFile(inner)))},
-        {"pcap, other byte order", pcapFile(download(pcapFile(inner, {.isBigEndian = true})), {.isBigEndian = true})},
+        {"pcap, other byte order", pcapFile(download(pcapFile(inner, {.order = std::endian::big})), {.order = std::endian::big})},
         {"pcap, modified", pcapFile(download(noise), {.isModified = true})},
         {"pcap, cut", cut(pcapFile(download(pcapFile(inner))))},
         {"pcap, damaged", damaged(pcapFile(download(noise)))},

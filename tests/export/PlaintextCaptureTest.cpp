@@ -23,7 +23,7 @@ TEST(PlaintextCapture, PartsARecordThatIsLongerThanAPacket)
             stream.serverEndpoint = endpoint(isIPv6 ? "2001:db8::2" : "192.0.2.2", 443);
             const Data plaintext = patternBytes(size);
             auto capture = PlaintextCapture::create(directory.path().string());
-            ASSERT_TRUE(capture) << capture.error();
+            ASSERT_TRUE(capture) << capture.error().text();
             PlaintextCapture::Direction(**capture, (*capture)->addConnection(stream), TCPSegment::Direction::clientToServer)
                 .add(plaintext, {});
             auto file = OutputFile::create(directory.file("plain.pcap"), ExistingFile::isReplaced, OutputFile::Kind::regular);

@@ -175,7 +175,8 @@ std::vector<Shape> captureShapes()
     });
     add("PcapngOfSections", [](const auto& folder) {
         PcapngBuilder builder;
-        for (int i = 0; i < 60'000; ++i) builder.section(i % 2 == 0).interface({.linkType = 101}).packet(tcpPacket(i));
+        for (int i = 0; i < 60'000; ++i)
+            builder.section(i % 2 == 0 ? std::endian::big : std::endian::little).interface({.linkType = 101}).packet(tcpPacket(i));
         return saveBlocks(folder, builder, 60'000);
     });
     add("PcapngOfClocks", [](const auto& folder) {

@@ -43,7 +43,7 @@ protected:
     std::vector<std::string> problemsOf(const PlugInLoading& loading)
     {
         std::vector<std::string> texts;
-        for (const PlugInProblem& problem : loading.problems) texts.push_back(problem.bundle.filename().string() + ": " + problem.reason);
+        for (const PlugInProblem& problem : loading.problems) texts.push_back(problem.bundle.filename().string() + ": " + problem.reason());
         return texts;
     }
 

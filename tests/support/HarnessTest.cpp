@@ -117,11 +117,11 @@ TEST(VectorStream, KnowsItsPackets)
         {Direction::clientToServer, hex("00 00"), std::nullopt, 0},
         {Direction::clientToServer, hex("04 05"), 7, 11},
     };
-    for (const bool isScattered : {false, true}) {
-        const TCPStream stream = vectorStream(pieces, isScattered);
+    for (const auto layout : {StreamLayout::inOnePlace, StreamLayout::inPieces}) {
+        const TCPStream stream = vectorStream(pieces, layout);
         EXPECT_EQ(stream.clientToServerData.whole(), hex("01 02 03 00 00 04 05"));
         EXPECT_EQ(stream.serverToClientData.whole(), hex("0a"));
-        EXPECT_EQ(stream.clientToServerData.stretch(1).size(), isScattered ? 2 : 6);
+        EXPECT_EQ(stream.clientToServerData.stretch(1).size(), layout == StreamLayout::inPieces ? 2 : 6);
         EXPECT_EQ(stream.locate({2, 6}, Direction::clientToServer), (ByteLocation{10.5, {4, 7}}));
         EXPECT_EQ(stream.locate({3, 5}, Direction::clientToServer), (ByteLocation{}));
         EXPECT_EQ(stream.segments.size(), 3);

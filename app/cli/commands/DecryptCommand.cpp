@@ -187,7 +187,7 @@ ExitStatus runDecrypt(const CommandContext& context)
     if (pcap.file) {
         const fs::path folder = options.pcap == "-" ? fs::temp_directory_path() : fs::absolute(options.pcap).parent_path();
         auto created = PlaintextCapture::create(folder.string());
-        if (!created) return complainAboutOutput(folder.string(), created.error());
+        if (!created) return complainAboutOutput(folder.string(), created.error().text());
         plaintext = std::move(*created);
     }
 
@@ -199,7 +199,7 @@ ExitStatus runDecrypt(const CommandContext& context)
     if (opens) note(openStreams(context, *session, streams, plaintext.get()));
     if (pcap.file) {
         const auto written = plaintext->write(*pcap.file, interruption());
-        note(written ? pcap.finish() : pcap.giveUp(written.error()));
+        note(written ? pcap.finish() : pcap.giveUp(written.error().text()));
     }
     if (injected.file) {
         CollectedSecrets secrets = collectSecrets(*session, streams, interruption());

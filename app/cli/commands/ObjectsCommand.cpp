@@ -73,8 +73,8 @@ ExitStatus runObjects(const CommandContext& context)
     std::string text;
     std::int64_t objects = 0;
     saveObjects(*session, streams, folder, interruption(), [&](const SavedObject& object) {
-        if (!object.problem.empty()) {
-            complain(object.problem);
+        if (object.problem) {
+            complain(object.problem->text());
             status = failed;
             return false;  // the others would only say the same
         }

@@ -24,10 +24,11 @@ namespace {
 /// Prints rows. A table's widths are chosen by the first ones, which are held back for that when they all come at once.
 class RowPrinter {
 public:
-    RowPrinter(const CommandContext& context, const PacketAnalyzers& analyzers, bool comeAtOnce)
+    enum class Arrival : std::uint8_t { atOnce, oneByOne };
+    RowPrinter(const CommandContext& context, const PacketAnalyzers& analyzers, Arrival arrival)
         : output_(context.output), analyzers_(analyzers),
           format_(context.options.json ? PacketRowFormat::json() : PacketRowFormat::table(analyzers, context.terminal)),
-          isMeasuring_(comeAtOnce && !context.options.json)
+          isMeasuring_(arrival == Arrival::atOnce && !context.options.json)
     {}
 
     // Rows of different batches are written side by side with the layout that stands then. Where a batch before changes it, which few
@@ -140,11 +141,12 @@ ExitStatus runPackets(const CommandContext& context)
 
     const PacketAnalyzers analyzers;
     // Rows on the terminal are progress enough.
-    Progress progress("reading", !context.options.quiet && !context.terminal.isTerminal);
+    const bool hasProgress = !context.options.quiet && !context.terminal.isTerminal;
+    Progress progress("reading", hasProgress ? Progress::Showing::onTerminal : Progress::Showing::never);
     PacketRowReader reader(*capture, analyzers, interruption(), [&](std::int64_t done, std::int64_t total) { progress.show(done, total); });
     const bool maySlow = std::ranges::any_of(context.options.arguments, mayPause);
     if (maySlow) context.output.flushEvery(std::chrono::milliseconds(50));
-    RowPrinter(context, analyzers, !maySlow).print(reader);
+    RowPrinter(context, analyzers, maySlow ? RowPrinter::Arrival::oneByOne : RowPrinter::Arrival::atOnce).print(reader);
     context.output.flush();
     return complainAboutDamage(context, capture->errors(), reader.notes(), reader.packetCount());
 }

@@ -71,7 +71,21 @@ std::string textOf(const Value& value)
     return displayText(value);
 }
 
-std::expected<Value, std::string> valueOf(const Setting& setting, const std::string& text)
+/// What a text is not that a setting should be.
+enum class NoValue : std::uint8_t { boolean, color, wholeNumber, number };
+
+std::string_view textOf(NoValue problem)
+{
+    switch (problem) {
+    case NoValue::boolean: return "is neither true nor false";
+    case NoValue::color: return "is no colour; one is written as in \"#FFCC66\"";
+    case NoValue::wholeNumber: return "is no whole number";
+    case NoValue::number: return "is no number";
+    }
+    std::unreachable();
+}
+
+std::expected<Value, NoValue> valueOf(const Setting& setting, const std::string& text)
 {
     const auto number = [&]<class Number>(Number value) -> std::optional<Value> {
         const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
@@ -83,16 +97,16 @@ std::expected<Value, std::string> valueOf(const Setting& setting, const std::str
             if (text == yes) return true;
         for (const std::string_view no : {"false", "no", "off", "0"})
             if (text == no) return false;
-        return std::unexpected("is neither true nor false");
+        return std::unexpected(NoValue::boolean);
     case Setting::Kind::color:
         if (const auto color = colorOfRawValue(text)) return rawValue(*color);
-        return std::unexpected("is no colour; one is written as in \"#FFCC66\"");
+        return std::unexpected(NoValue::color);
     case Setting::Kind::number:
         if (const auto whole = number(std::int64_t{})) return *whole;
-        return std::unexpected("is no whole number");
+        return std::unexpected(NoValue::wholeNumber);
     case Setting::Kind::real:
         if (const auto real = number(double{})) return *real;
-        return std::unexpected("is no number");
+        return std::unexpected(NoValue::number);
     case Setting::Kind::data: return Data::fromText(text);
     case Setting::Kind::text: break;
     }
@@ -115,7 +129,8 @@ ExitStatus unknownSetting(std::string_view verb, std::string_view key, const std
 /// Says what keeps settings from being kept.
 ExitStatus notKept()
 {
-    complain(UserDefaults::standard().lastProblem().value_or("the settings cannot be kept"));
+    const auto problem = UserDefaults::standard().lastProblem();
+    complain(problem ? problem->text() : "the settings cannot be kept");
     return failed;
 }
 
@@ -177,7 +192,7 @@ ExitStatus set(const CommandContext& context)
     if (found == all.end()) return unknownSetting("set", key, all);
     const auto value = valueOf(*found, text);
     if (!value) {
-        complain(fmt::format("settings set {}: '{}' {}", key, text, value.error()));
+        complain(fmt::format("settings set {}: '{}' {}", key, text, textOf(value.error())));
         return wrongCommandLine;
     }
     return UserDefaults::standard().set(key, *value) ? done : notKept();
@@ -233,7 +248,7 @@ ExitStatus runSettings(const CommandContext& context)
     const std::vector<std::string>& words = context.options.arguments;
     const auto problem = UserDefaults::standard().lastProblem();
     if (words.empty()) {
-        if (problem) remark(*problem);
+        if (problem) remark(problem->text());
         return show(context);
     }
     const auto verb = std::ranges::find(verbs, words[0], &Verb::name);
@@ -250,7 +265,7 @@ ExitStatus runSettings(const CommandContext& context)
         return wrongCommandLine;
     }
     // Who changes settings hears it from the change.
-    if (problem && verb->run != set && verb->run != reset) remark(*problem);
+    if (problem && verb->run != set && verb->run != reset) remark(problem->text());
     return verb->run(context);
 }
 

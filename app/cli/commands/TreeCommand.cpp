@@ -65,9 +65,12 @@ private:
 /// Writes a tree as indented lines behind the place of each field in the payload.
 class TreeText {
 public:
-    TreeText(std::string& text, DataView payload, bool showsBytes, bool hasColors, Spill spill, IsWanted isWanted)
-        : text_(text), payload_(payload), showsBytes_(showsBytes), hasColors_(hasColors), spill_(std::move(spill)),
-          isWanted_(std::move(isWanted))
+    struct Look {
+        bool showsBytes = false;
+        bool hasColors = false;
+    };
+    TreeText(std::string& text, DataView payload, Look look, Spill spill, IsWanted isWanted)
+        : text_(text), payload_(payload), look_(look), spill_(std::move(spill)), isWanted_(std::move(isWanted))
     {}
 
     void heading() { place(" offset  bytes", "  field"); }
@@ -78,10 +81,10 @@ public:
         const auto location = node.headerLocations();
         const auto length = node.headerLengths();
         const std::int64_t start = parentStart + location.value_or(0);
-        if (hasColors_) text_ += sequence(Style::faint);
+        if (look_.hasColors) text_ += sequence(Style::faint);
         number(location ? std::optional(start) : std::nullopt, 7);
         number(length, 5 + 2);
-        if (hasColors_) text_ += resetSequence;
+        if (look_.hasColors) text_ += resetSequence;
         text_.append(2 + 2 * static_cast<std::size_t>(depth), ' ');
         const bool hasChildren = node.hasChildren();
         if (!hasChildren)
@@ -96,9 +99,9 @@ public:
             appendDisplaySafe(text_, shown);
         }
         text_ += '\n';
-        if (showsBytes_ && !hasChildren && location && length)
+        if (look_.showsBytes && !hasChildren && location && length)
             appendHexDump(text_, payload_.sub(start, *length), start,
-                          {.bytesIndent = 11 + 2 * static_cast<std::size_t>(depth), .hasColors = hasColors_});
+                          {.bytesIndent = 11 + 2 * static_cast<std::size_t>(depth), .hasColors = look_.hasColors});
         spill_(text_);
         if (!hasChildren || depth >= deepest) return;
         const std::pair below(start, depth + 1);
@@ -111,9 +114,9 @@ public:
 private:
     void styled(Style style, std::string_view safe)
     {
-        if (hasColors_) text_ += sequence(style);
+        if (look_.hasColors) text_ += sequence(style);
         text_ += safe;
-        if (hasColors_) text_ += resetSequence;
+        if (look_.hasColors) text_ += resetSequence;
     }
 
     /// On the right of so many columns; they stay empty without one.
@@ -134,8 +137,7 @@ private:
 
     std::string& text_;
     DataView payload_;
-    bool showsBytes_;
-    bool hasColors_;
+    Look look_;
     Spill spill_;
     IsWanted isWanted_;
 };
@@ -196,7 +198,7 @@ private:
         }
         if (hasColors) text_ += resetSequence;
         text_ += '\n';
-        TreeText tree(text_, segment.payload, context_.options.hex, hasColors, spill(), isWanted());
+        TreeText tree(text_, segment.payload, {.showsBytes = context_.options.hex, .hasColors = hasColors}, spill(), isWanted());
         tree.heading();
         for (const auto& node : nodes) tree.node(*node, 0, 0);
     }
@@ -209,19 +211,19 @@ private:
 };
 
 /// Why the packet that was asked for shows no tree.
-ExitStatus explainMissing(std::int64_t wanted, std::int64_t packets, bool wasRead, bool wasPassed, bool hasPayload)
+enum class MissingTree : std::uint8_t { notRead, notPassed, noPayload, notRecognised };
+
+ExitStatus explainMissing(std::int64_t wanted, std::int64_t packets, MissingTree missing)
 {
-    if (!wasRead) {
+    switch (missing) {
+    case MissingTree::notRead:
         complain(packets == 0 ? fmt::format("--packet {}: the capture has no packets", wanted)
                               : fmt::format("--packet {}: the capture has {} packets, numbered from 1", wanted, packets));
         return wrongCommandLine;
+    case MissingTree::notPassed: complain(fmt::format("--packet {}: the filter does not pass this packet", wanted)); break;
+    case MissingTree::noPayload: complain(fmt::format("--packet {}: this packet carries no TCP payload", wanted)); break;
+    case MissingTree::notRecognised: complain(fmt::format("--packet {}: no plug-in recognises the payload of this packet", wanted)); break;
     }
-    if (!wasPassed)
-        complain(fmt::format("--packet {}: the filter does not pass this packet", wanted));
-    else if (!hasPayload)
-        complain(fmt::format("--packet {}: this packet carries no TCP payload", wanted));
-    else
-        complain(fmt::format("--packet {}: no plug-in recognises the payload of this packet", wanted));
     return done;
 }
 
@@ -235,13 +237,15 @@ ExitStatus runTree(const CommandContext& context)
     const auto wanted = context.options.packet;
     const PacketAnalyzers analyzers;
     PacketDecoder decoder;
-    Progress progress("reading", !context.options.quiet && (wanted || !context.terminal.isTerminal));
+    const bool hasProgress = !context.options.quiet && (wanted || !context.terminal.isTerminal);
+    Progress progress("reading", hasProgress ? Progress::Showing::onTerminal : Progress::Showing::never);
     TreePrinter printer(context);
 
     CapturedPacket packet;
     TCPPacket segment;
     std::int64_t packets = 0, lastNumber = 0;
-    bool wasPassed = false, hasPayload = false, isShown = false;
+    auto missing = MissingTree::notPassed;  // where it was read
+    bool isShown = false;
     while (context.output.isOpen() && !isInterrupted() && !(wanted && lastNumber >= *wanted) && capture->next(packet)) {
         ++packets;
         lastNumber = packet.number;
@@ -249,8 +253,7 @@ ExitStatus runTree(const CommandContext& context)
         // Every packet is decoded, since one may complete a datagram of which earlier ones hold fragments.
         const bool hasSegment = decoder.decode(packet, segment) && !segment.payload.isEmpty();
         if (wanted && packet.number != *wanted) continue;
-        wasPassed = true;
-        hasPayload = hasSegment;
+        missing = hasSegment ? MissingTree::notRecognised : MissingTree::noPayload;
         if (!hasSegment) continue;
         if (const PacketMatch match = analyzers.match(segment.payload)) {
             printer.print(packet, segment, match);
@@ -259,7 +262,7 @@ ExitStatus runTree(const CommandContext& context)
     }
     context.output.flush();
     if (wanted && !isShown && context.output.isOpen()) {
-        status = explainMissing(*wanted, lastNumber, lastNumber >= *wanted, wasPassed, hasPayload);
+        status = explainMissing(*wanted, lastNumber, lastNumber >= *wanted ? missing : MissingTree::notRead);
     }
     const ExitStatus damage = complainAboutDamage(context, capture->errors(), decoder.notes(), packets);
     return damage == done ? status : damage;

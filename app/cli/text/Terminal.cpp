@@ -24,13 +24,15 @@ std::string_view environment(const char* name)
     return value ? value : "";
 }
 
-bool wantsColors(ColorChoice choice, bool isTerminal)
+enum class Device : std::uint8_t { terminal, other };
+
+bool wantsColors(ColorChoice choice, Device device)
 {
     if (choice != ColorChoice::automatic) return choice == ColorChoice::always;
     if (!environment("NO_COLOR").empty()) return false;
     if (const auto force = environment("CLICOLOR_FORCE"); !force.empty() && force != "0") return true;
     const std::string_view terminal = environment("TERM");
-    return isTerminal && !terminal.empty() && terminal != "dumb";
+    return device == Device::terminal && !terminal.empty() && terminal != "dumb";
 }
 
 int terminalColumns()
@@ -48,7 +50,9 @@ int terminalColumns()
 Terminal Terminal::standardOutput(ColorChoice choice)
 {
     const bool isTerminal = isatty(STDOUT_FILENO) == 1;
-    return {.isTerminal = isTerminal, .hasColors = wantsColors(choice, isTerminal), .columns = isTerminal ? terminalColumns() : 0};
+    return {.isTerminal = isTerminal,
+            .hasColors = wantsColors(choice, isTerminal ? Device::terminal : Device::other),
+            .columns = isTerminal ? terminalColumns() : 0};
 }
 
 std::string_view sequence(Style style)

@@ -36,16 +36,16 @@ void TextTable::fitToTerminal()
     for (;;) {
         layout_.lastWidth = terminal_.columns - gaps - std::accumulate(layout_.widths.begin(), layout_.widths.end() - 1, 0);
         if (layout_.lastWidth >= columns_.back().narrowest) return;
-        const auto widest = [&](bool isFirm) {
+        const auto widest = [&](auto&& mayGive) {
             std::size_t giver = columns_.size();
             for (std::size_t i = 0; i + 1 < columns_.size(); ++i) {
-                const bool canGive = columns_[i].isFirm == isFirm && layout_.widths[i] > columns_[i].narrowest;
+                const bool canGive = mayGive(columns_[i]) && layout_.widths[i] > columns_[i].narrowest;
                 if (canGive && (giver == columns_.size() || layout_.widths[i] > layout_.widths[giver])) giver = i;
             }
             return giver;
         };
-        std::size_t giver = widest(false);
-        if (giver == columns_.size()) giver = widest(true);
+        std::size_t giver = widest([](const TextColumn& column) { return !column.isFirm; });
+        if (giver == columns_.size()) giver = widest([](const TextColumn& column) { return column.isFirm; });
         if (giver == columns_.size()) break;
         --layout_.widths[giver];
     }
@@ -56,15 +56,15 @@ void TextTable::appendHeading(std::string& text)
 {
     std::vector<std::string_view> titles;
     for (const TextColumn& column : columns_) titles.push_back(column.title);
-    appendCells(text, titles, true, {});
+    appendCells(text, titles, RowKind::heading, {});
 }
 
 void TextTable::appendRow(std::string& text, std::span<const std::string_view> cells, std::string_view fill)
 {
-    appendCells(text, cells, false, terminal_.hasColors ? fill : std::string_view());
+    appendCells(text, cells, RowKind::row, terminal_.hasColors ? fill : std::string_view());
 }
 
-void TextTable::appendCells(std::string& text, std::span<const std::string_view> cells, bool isHeading, std::string_view fill)
+void TextTable::appendCells(std::string& text, std::span<const std::string_view> cells, RowKind kind, std::string_view fill)
 {
     text += fill;
     std::size_t lineEnd = text.size();  // blanks at the end of a line are left out
@@ -92,7 +92,7 @@ void TextTable::appendCells(std::string& text, std::span<const std::string_view>
 
         const auto padding = static_cast<std::size_t>(isLast ? 0 : layout_.widths[i] - width);
         if (column.alignment == TextColumn::Alignment::right) text.append(padding, ' ');
-        const Style style = isHeading ? Style::strong : column.style;
+        const Style style = kind == RowKind::heading ? Style::strong : column.style;
         const bool isColored = terminal_.hasColors && fill.empty() && style != Style::plain && !cell_.empty();
         if (isColored) text += sequence(style);
         text += cell_;

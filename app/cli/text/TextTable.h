@@ -47,7 +47,8 @@ private:
     static constexpr int gap = 2;
 
     void fitToTerminal();
-    void appendCells(std::string& text, std::span<const std::string_view> cells, bool isHeading, std::string_view fill);
+    enum class RowKind : std::uint8_t { heading, row };
+    void appendCells(std::string& text, std::span<const std::string_view> cells, RowKind kind, std::string_view fill);
 
     std::vector<TextColumn> columns_;
     Layout layout_;

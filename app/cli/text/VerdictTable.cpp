@@ -10,18 +10,18 @@ namespace sealscope::cli {
 
 namespace {
 
-std::vector<TextColumn> withVerdict(std::vector<TextColumn> columns, bool isTerminal)
+std::vector<TextColumn> withVerdict(std::vector<TextColumn> columns, const Terminal& terminal)
 {
     constexpr int longestVerdict = 19;
     columns.push_back({.title = "Verdict", .narrowest = longestVerdict, .style = Style::strong});
-    if (!isTerminal) columns.push_back({.title = "Detail"});
+    if (!terminal.isTerminal) columns.push_back({.title = "Detail"});
     return columns;
 }
 
 }  // namespace
 
 VerdictTable::VerdictTable(std::vector<TextColumn> columns, const Terminal& terminal)
-    : terminal_(terminal), table_(withVerdict(std::move(columns), terminal.isTerminal), terminal)
+    : terminal_(terminal), table_(withVerdict(std::move(columns), terminal), terminal)
 {}
 
 std::span<const std::string_view> VerdictTable::row(std::span<const std::string_view> cells, std::string_view verdict,

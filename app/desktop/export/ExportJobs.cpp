@@ -15,21 +15,22 @@
 
 #include <expected>
 #include <filesystem>
+#include <optional>
 #include <utility>
 
 namespace sealscope::desktop {
 
 namespace {
 
-std::string cancelled(const std::string& path) { return windowReader().say("{}: the export was cancelled", path); }
-std::string failed(const std::string& path, const std::string& reason) { return windowReader().say("{}: {}", path, reason); }
+std::unexpected<ExportError> failed(ExportError error) { return std::unexpected(std::move(error)); }
+std::unexpected<ExportError> cancelled(const std::string& path) { return failed(ExportCancelled{path}); }
 
 /// What came of opening streams.
 struct Opened {
     std::int64_t decrypted = 0;
     std::int64_t closed = 0;
     std::int64_t bytes = 0;
-    std::string problem;
+    std::optional<FileProblem> problem;
 };
 
 Opened openStreams(const ExportSource& source, DecryptorOutput output)
@@ -43,10 +44,9 @@ Opened openStreams(const ExportSource& source, DecryptorOutput output)
         result.closed += opened.canInterpret && !isDecrypted;
         result.bytes += opened.client.bytes + opened.server.bytes;
         for (const OpenedDirection* direction : {&opened.client, &opened.server})
-            if (result.problem.empty() && direction->problem)
-                result.problem = direction->problem->text();  // the others would only say the same
+            if (!result.problem) result.problem = direction->problem;  // the others would only say the same
         source.progress(++done);
-        return result.problem.empty() && !source.stop.stop_requested();
+        return !result.problem && !source.stop.stop_requested();
     };
     const auto weight = [&](std::int64_t number) { return source.session->packets(number) * usualPayload; };
     inOrder(source.streams, weight, [&](std::int64_t number) { return decryptor.open(number); }, take);
@@ -63,16 +63,17 @@ std::string summaryOf(const Opened& opened, const std::string& path)
     return summary += reader.sayOf(opened.closed, "{} stream does not decrypt", "{} streams do not decrypt", opened.closed);
 }
 
-std::string nothingDecrypts()
-{
-    return windowReader().say("none of the streams decrypts, so there is no plaintext; the list of streams says why");
-}
-
-std::expected<OutputFile, std::string> begun(const std::string& file)
+std::expected<OutputFile, ExportError> begun(const std::string& file)
 {
     auto output = OutputFile::create(file, ExistingFile::isReplaced, OutputFile::Kind::anything);
-    if (!output) return std::unexpected(failed(file, output.error().text()));
+    if (!output) return failed(FileProblem{file, output.error()});
     return *std::move(output);
+}
+
+ExportOutcome finished(OutputFile& output, const std::string& file, std::string summary)
+{
+    if (const auto finished = output.finish(); !finished) return failed(FileProblem{file, finished.error()});
+    return summary;
 }
 
 /// Reads the files of a session again, with every block of theirs, and writes them with other secrets.
@@ -80,52 +81,76 @@ ExportOutcome copied(const ExportSource& source, const CaptureChanges& changes, 
 {
     // The copy takes the place of an original only when it is whole, and reads from that one until then.
     auto output = begun(file);
-    if (!output) return {.problem = output.error()};
+    if (!output) return failed(output.error());
     auto capture = Capture::open(source.session->capture().files(),
                                  {.randomAccess = true, .keepsEveryBlock = true, .stop = source.stop, .reader = windowReader()});
-    if (source.stop.stop_requested()) return {.problem = cancelled(file)};
-    if (!capture) return {.problem = capture.error().text(windowReader())};
+    if (source.stop.stop_requested()) return cancelled(file);
+    if (!capture) return failed(capture.error());
     CapturedPacket packet;
     while ((*capture)->next(packet) && !source.stop.stop_requested()) {}
-    if (!copyCapture(**capture, changes, *output, source.stop)) return {.problem = cancelled(file)};
-    if (const auto finished = output->finish(); !finished) return {.problem = failed(file, finished.error().text())};
-    return {.summary = std::move(summary)};
+    if (!copyCapture(**capture, changes, *output, source.stop)) return cancelled(file);
+    return finished(*output, file, std::move(summary));
+}
+
+std::string nothingSentence(NothingToExport nothing, const SentenceReader& reader)
+{
+    switch (nothing) {
+    case NothingToExport::noneDecrypts:
+        return reader.say("none of the streams decrypts, so there is no plaintext; the list of streams says why");
+    case NothingToExport::noSecret: return reader.say("there is no secret for any of the streams");
+    case NothingToExport::noBody: return reader.say("no message of the streams has a body, so there is nothing to save");
+    }
+    std::unreachable();
 }
 
 }  // namespace
 
+std::string sentenceOf(const ExportError& error)
+{
+    struct Sentence {
+        SentenceReader reader = windowReader();
+        std::string operator()(const ExportCancelled& cancelled) const
+        {
+            return reader.say("{}: the export was cancelled", cancelled.path);
+        }
+        std::string operator()(NothingToExport nothing) const { return nothingSentence(nothing, reader); }
+        std::string operator()(const FileProblem& problem) const { return reader.say("{}: {}", problem.path, problem.error.text()); }
+        std::string operator()(const ExportSpoolProblem& problem) const { return reader.say("{}: {}", problem.path, problem.error.text()); }
+        std::string operator()(const CaptureError& error) const { return error.text(reader); }
+    };
+    return std::visit(Sentence{}, error);
+}
+
 ExportOutcome exportPlaintextFiles(const ExportSource& source, const std::string& folder)
 {
-    if (const auto made = prepareOutputFolder(folder); !made) return {.problem = failed(folder, made.error().text())};
+    if (const auto made = prepareOutputFolder(folder); !made) return failed(FileProblem{folder, made.error()});
     const Opened opened = openStreams(source, {.folder = folder});
-    if (!opened.problem.empty()) return {.problem = opened.problem};
-    if (source.stop.stop_requested()) return {.problem = cancelled(folder)};
-    if (opened.decrypted == 0) return {.problem = nothingDecrypts()};
-    return {.summary = summaryOf(opened, folder)};
+    if (opened.problem) return failed(*opened.problem);
+    if (source.stop.stop_requested()) return cancelled(folder);
+    if (opened.decrypted == 0) return failed(NothingToExport::noneDecrypts);
+    return summaryOf(opened, folder);
 }
 
 ExportOutcome exportPlaintextCapture(const ExportSource& source, const std::string& file)
 {
     auto output = begun(file);
-    if (!output) return {.problem = output.error()};
+    if (!output) return failed(output.error());
     const std::string folder = std::filesystem::absolute(file).parent_path().string();
     auto capture = PlaintextCapture::create(folder);
-    if (!capture) return {.problem = failed(folder, capture.error())};
+    if (!capture) return failed(ExportSpoolProblem{folder, capture.error()});
     const Opened opened = openStreams(source, {.capture = capture->get()});
-    if (source.stop.stop_requested()) return {.problem = cancelled(file)};
-    if (opened.decrypted == 0) return {.problem = nothingDecrypts()};
+    if (source.stop.stop_requested()) return cancelled(file);
+    if (opened.decrypted == 0) return failed(NothingToExport::noneDecrypts);
     const auto written = (*capture)->write(*output, source.stop);
-    if (source.stop.stop_requested()) return {.problem = cancelled(file)};
-    if (!written) return {.problem = failed(file, written.error())};
-    if (const auto finished = output->finish(); !finished) return {.problem = failed(file, finished.error().text())};
-    return {.summary = summaryOf(opened, file)};
+    if (source.stop.stop_requested()) return cancelled(file);
+    if (!written) return failed(ExportSpoolProblem{file, written.error()});
+    return finished(*output, file, summaryOf(opened, file));
 }
 
 ExportOutcome exportWithSecrets(const ExportSource& source, const std::string& file)
 {
     CollectedSecrets secrets = collectSecrets(*source.session, source.streams, source.stop);
-    if (secrets.connections == 0 && !source.stop.stop_requested())
-        return {.problem = windowReader().say("there is no secret for any of the streams")};
+    if (secrets.connections == 0 && !source.stop.stop_requested()) return failed(NothingToExport::noSecret);
     return copied(source, {.addedSecrets = std::move(secrets.keyLog)}, file,
                   windowReader().sayOf(secrets.connections, "{}: carries secrets for {} connection",
                                        "{}: carries secrets for {} connections", file, secrets.connections));
@@ -138,35 +163,34 @@ ExportOutcome exportWithoutSecrets(const ExportSource& source, const std::string
 
 ExportOutcome exportObjects(const ExportSource& source, const std::string& folder)
 {
-    if (const auto made = prepareOutputFolder(folder); !made) return {.problem = failed(folder, made.error().text())};
+    if (const auto made = prepareOutputFolder(folder); !made) return failed(FileProblem{folder, made.error()});
     ObjectFolder objects(folder, ObjectFolder::Existing::kept);
     std::int64_t count = 0, bytes = 0, incomplete = 0;
-    std::string problem;
+    std::optional<FileProblem> problem;
     saveObjects(*source.session, source.streams, objects, source.stop, [&](const SavedObject& object) {
         problem = object.problem;
         ++count;
         bytes += object.bytes;
         incomplete += !object.isComplete;
-        return problem.empty();
+        return !problem;
     });
-    if (!problem.empty()) return {.problem = problem};
-    if (source.stop.stop_requested()) return {.problem = cancelled(folder)};
-    if (count == 0) return {.problem = windowReader().say("no message of the streams has a body, so there is nothing to save")};
+    if (problem) return failed(*problem);
+    if (source.stop.stop_requested()) return cancelled(folder);
+    if (count == 0) return failed(NothingToExport::noBody);
     const SentenceReader reader = windowReader();
     std::string summary = reader.sayOf(count, "{}: {} object, {}", "{}: {} objects, {}", folder, count, sizeText(bytes, reader));
     if (incomplete > 0) (summary += reader.word("; ")) += reader.say("{} incomplete", incomplete);
-    return {.summary = std::move(summary)};
+    return summary;
 }
 
 ExportOutcome exportFormat(const ExportSource& source, const StreamExportFormat& format, const std::string& file)
 {
     auto output = begun(file);
-    if (!output) return {.problem = output.error()};
+    if (!output) return failed(output.error());
     exportStreams(*source.session, source.streams, format, *output, source.stop);
-    if (source.stop.stop_requested()) return {.problem = cancelled(file)};
-    if (const auto finished = output->finish(); !finished) return {.problem = failed(file, finished.error().text())};
+    if (source.stop.stop_requested()) return cancelled(file);
     const std::int64_t count = std::ssize(source.streams);
-    return {.summary = windowReader().sayOf(count, "{}: {} stream as {}", "{}: {} streams as {}", file, count, format.name)};
+    return finished(*output, file, windowReader().sayOf(count, "{}: {} stream as {}", "{}: {} streams as {}", file, count, format.name));
 }
 
 }  // namespace sealscope::desktop

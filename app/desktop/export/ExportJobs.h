@@ -1,14 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "app/capture/CaptureError.h"
+#include "app/capture/SpoolFile.h"
 #include "app/session/Session.h"
 #include "host/VELModels/VELExporting.h"
+#include "platform/FileDescriptor.h"
 
 #include <cstdint>
+#include <expected>
 #include <functional>
 #include <memory>
 #include <stop_token>
 #include <string>
+#include <variant>
 #include <vector>
 
 namespace sealscope::desktop {
@@ -22,11 +27,22 @@ struct ExportSource {
     std::function<void(std::int64_t)> progress;
 };
 
-/// What became of an export, in words.
-struct ExportOutcome {
-    std::string summary;  ///< empty when nothing was written
-    std::string problem;  ///< as a sentence; empty when there is none
+/// Why an export came to nothing.
+struct ExportCancelled {
+    std::string path;
 };
+enum class NothingToExport : std::uint8_t { noneDecrypts, noSecret, noBody };
+/// About the temporary file of an export to `path`.
+struct ExportSpoolProblem {
+    std::string path;
+    SpoolError error;
+};
+using ExportError = std::variant<ExportCancelled, NothingToExport, FileProblem, ExportSpoolProblem, CaptureError>;
+/// The sentence for it, in the language of the window.
+std::string sentenceOf(const ExportError& error);
+
+/// What was exported, in words, or why nothing was.
+using ExportOutcome = std::expected<std::string, ExportError>;
 
 // Each does its work in the thread that calls it, and others of its own. Files that are there are replaced where the user chose the
 // file, and stay where the user chose a folder.

@@ -136,8 +136,10 @@ void ExportMenu::run(Work work)
                                       }};
             const ExportOutcome outcome = work(source);
             context.deliver([this, end, outcome] {
-                if (!outcome.problem.empty()) document_.tell(shownText(outcome.problem));
-                if (!outcome.summary.empty()) Q_EMIT done(shownText(outcome.summary));
+                if (outcome)
+                    Q_EMIT done(shownText(*outcome));
+                else
+                    document_.tell(shownText(sentenceOf(outcome.error())));
                 end();
             });
         },

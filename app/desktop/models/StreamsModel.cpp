@@ -85,7 +85,7 @@ StreamsModel::StreamsModel(Document& document, QObject* parent) : ArrangedModel(
         beginJudging(std::move(session));
         table_.forgetVerdicts();
         sentences_.clear();
-        update(true);
+        update(RowChange::textsAndOrder);
         judgeAll();
         Q_EMIT verdictsChanged();
     });
@@ -141,7 +141,7 @@ void StreamsModel::measureAll()
     measuring_ = std::make_unique<Job>([this, session = session_](const Job::Context& context) {
         Batches<StreamSummary> batches(context, [this](const std::vector<StreamSummary>& batch) {
             for (const StreamSummary& summary : batch) table_.measure(summary);
-            update(sortColumn() != static_cast<int>(Column::number) || isFiltered());
+            update(sortColumn() != static_cast<int>(Column::number) || isFiltered() ? RowChange::textsAndOrder : RowChange::texts);
         });
         for (std::int64_t number = 0; number < session->streamCount() && !context.isCancelled(); ++number)
             batches.add(session->summary(number));
@@ -212,12 +212,12 @@ void StreamsModel::take(const std::vector<StreamJudgement>& judgements)
     const bool isSorting =
         column == Column::serverName || column == Column::version || column == Column::verdict || column == Column::detail;
     if (table_.verdicts().size() != before) Q_EMIT verdictsChanged();
-    update(isSorting || isFiltered() || !verdictFilterText_.isEmpty());
+    update(isSorting || isFiltered() || !verdictFilterText_.isEmpty() ? RowChange::textsAndOrder : RowChange::texts);
 }
 
-void StreamsModel::update(bool isOrderTouched)
+void StreamsModel::update(RowChange change)
 {
-    if (isOrderTouched) rearrangeSoon();
+    if (change == RowChange::textsAndOrder) rearrangeSoon();
     if (rowCount() > 0) Q_EMIT dataChanged(index(0, 0), index(rowCount() - 1, columnCount() - 1));
 }
 

@@ -54,7 +54,9 @@ private:
     void judgeAll();
     void judgeWanted();
     void take(const std::vector<StreamJudgement>& judgements);
-    void update(bool isOrderTouched);
+    /// Rows have other texts; they may belong into another order, too.
+    enum class RowChange : std::uint8_t { texts, textsAndOrder };
+    void update(RowChange change);
     QVariant text(std::uint32_t row, StreamTable::Column column) const;
 
     std::shared_ptr<const Session> session_;

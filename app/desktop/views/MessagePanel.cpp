@@ -26,6 +26,7 @@
 #include <QVBoxLayout>
 
 #include <algorithm>
+#include <expected>
 #include <utility>
 
 namespace sealscope::desktop {
@@ -202,20 +203,24 @@ void MessagePanel::chooseBodyFile()
 void MessagePanel::saveBody(const QString& file)
 {
     if (row_ < 0 || !messages_.message(row_).body) return;
+    const std::string path = file.toStdString();
     saving_ = compute(
-        [body = *messages_.message(row_).body, path = file.toStdString()](const std::stop_token& stop) -> std::string {
+        [body = *messages_.message(row_).body, path](const std::stop_token& stop) -> std::expected<StreamBody::Ending, FileError> {
             // The dialog has asked about a file that is there.
             auto created = OutputFile::create(path, ExistingFile::isReplaced, OutputFile::Kind::anything);
-            if (!created) return windowReader().say("{}: {}", path, created.error().text());
+            if (!created) return std::unexpected(created.error());
             const auto ending = body.forEachPiece([&](DataView piece) {
                 created->write(piece);
                 return created->isGood() && !stop.stop_requested();
             });
-            if (const auto finished = created->finish(); !finished) return windowReader().say("{}: {}", path, finished.error().text());
-            return ending.isComplete ? "" : windowReader().say("{}: the body is incomplete: {}", path, ending.reason);
+            if (const auto finished = created->finish(); !finished) return std::unexpected(finished.error());
+            return ending;
         },
-        [this](const std::string& problem) {
-            if (!problem.empty()) document_.tell(shownText(problem));
+        [this, path](const std::expected<StreamBody::Ending, FileError>& saved) {
+            if (!saved)
+                document_.tell(shownText(windowReader().say("{}: {}", path, saved.error().text())));
+            else if (!saved->isComplete)
+                document_.tell(shownText(windowReader().say("{}: the body is incomplete: {}", path, saved->reason)));
         },
         [this](const std::exception& problem) { document_.tell(tr("The body was not saved: %1").arg(shownText(problem.what()))); });
 }

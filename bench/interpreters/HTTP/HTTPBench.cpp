@@ -33,7 +33,7 @@ void smallHTTP2Requests(benchmark::State& state)
         pieces.push_back(
             piece(Direction::serverToClient, reply + HTTP2Writer::data(stream, "{\"number\": 12345", HTTP2Writer::endStream), 2 * i + 3));
     }
-    const TCPStream stream = vectorStream(pieces, true);
+    const TCPStream stream = vectorStream(pieces, StreamLayout::inPieces);
     for (auto _ : state) benchmark::DoNotOptimize(HTTP2Interpreter::interpret(stream, {}));
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
@@ -48,7 +48,7 @@ void smallHTTP1Requests(benchmark::State& state)
         pieces.push_back(
             piece(Direction::serverToClient, "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 5\r\n\r\nhello", 2 * i + 2));
     }
-    const TCPStream stream = vectorStream(pieces, true);
+    const TCPStream stream = vectorStream(pieces, StreamLayout::inPieces);
     for (auto _ : state) benchmark::DoNotOptimize(HTTP1Interpreter::interpret(stream, {}));
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
@@ -65,7 +65,7 @@ void download(benchmark::State& state, const std::string& asked, const std::stri
     for (std::int64_t sent = 0; sent < size; sent += shared.size())
         for (std::int64_t offset = 0; offset < shared.size(); offset += 1'448)
             pieces.push_back({Direction::serverToClient, shared.sub(offset, 1'448), packet++, 1'000 + 1e-6 * static_cast<double>(packet)});
-    const TCPStream stream = vectorStream(pieces, true);
+    const TCPStream stream = vectorStream(pieces, StreamLayout::inPieces);
     for (auto _ : state) benchmark::DoNotOptimize(Interpreter::interpret(stream, {}));
     state.SetBytesProcessed(state.iterations() * stream.serverToClientData.size());
 }

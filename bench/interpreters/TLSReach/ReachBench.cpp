@@ -44,7 +44,7 @@ struct Transfer {
             pieces[i].packetId.reset();
             pieces[i].lostBytes = std::exchange(pieces[i].bytes, Data()).size();
         }
-        return vectorStream(pieces, true);
+        return vectorStream(pieces, StreamLayout::inPieces);
     }
 };
 

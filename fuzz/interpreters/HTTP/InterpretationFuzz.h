@@ -33,7 +33,7 @@ inline TCPStream fuzzedStream(DataView input)
                               .timestamp = 1'000 + static_cast<double>(packet),
                               .lostBytes = isLost ? part.size() : 0});
         }
-    return vectorStream(pieces, true);
+    return vectorStream(pieces, StreamLayout::inPieces);
 }
 
 /// What holds for every interpretation of a stream.

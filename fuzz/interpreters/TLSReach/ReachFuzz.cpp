@@ -98,7 +98,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             isTouched = true;
         }
     }
-    const TCPStream stream = vectorStream(pieces, true);
+    const TCPStream stream = vectorStream(pieces, StreamLayout::inPieces);
     for (const Direction direction : {Direction::clientToServer, Direction::serverToClient}) {
         Work work;
         const Records found = recordsOf(stream, connection.secrets, direction, &work);

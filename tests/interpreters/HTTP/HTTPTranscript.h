@@ -31,7 +31,7 @@ inline TCPStream conversation(const std::vector<Said>& said)
         else
             pieces.push_back({direction, Data::fromText(text), ++packet, 1'000 + 0.001 * static_cast<double>(packet)});
     }
-    return vectorStream(pieces, true);
+    return vectorStream(pieces, StreamLayout::inPieces);
 }
 
 inline bool isField(const DetailRow& row) { return row.name.find(' ') == std::string::npos; }

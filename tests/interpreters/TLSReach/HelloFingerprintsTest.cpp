@@ -178,7 +178,7 @@ TEST(ReachDescriber, FindsHellosHoweverTheyLie)
         auto pieces = streamPieces(plain.flights, {.segmentSize = 60, .isScattered = true});
         pieces[0].lostBytes = pieces[1].bytes.size();
         pieces.erase(pieces.begin() + 1);
-        EXPECT_EQ(factsOf(vectorStream(pieces, true), "").at("ja3"), "");
+        EXPECT_EQ(factsOf(vectorStream(pieces, StreamLayout::inPieces), "").at("ja3"), "");
     }
     // The hello that a retry asks for is another one; the first is the client's own choice.
     const auto direct = runTLS({.clientGroups = "P-256"}, {clientSends("x")});

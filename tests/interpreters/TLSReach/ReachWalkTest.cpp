@@ -230,8 +230,8 @@ TEST(ReachWalk, OpensEveryRecordThatIsThere)
         const bool hasMACBehind = isChained && options.usesEncryptThenMac;
         for (std::uint64_t seed = 1; seed <= 3; ++seed) {
             const bool isSnapped = seed == 3;
-            const TCPStream stream =
-                vectorStream(isSnapped ? snapped(session, 700) : withLosses(session, 0.08, seed, seed % 2 ? 1'448 : 300), true);
+            const TCPStream stream = vectorStream(
+                isSnapped ? snapped(session, 700) : withLosses(session, 0.08, seed, seed % 2 ? 1'448 : 300), StreamLayout::inPieces);
             for (const Direction direction : directions) {
                 const auto& truth = whole[direction == server].records;
                 const Opened found = opened(*probe, stream, direction);
@@ -271,7 +271,7 @@ TEST(ReachWalk, ShowsNothingThatWasChanged)
                 bytes[random() % bytes.size()] ^= static_cast<std::uint8_t>(1 + random() % 255);
                 piece.bytes = Data(std::move(bytes));
             }
-            for (const auto& [body, plaintext] : opened(*probe, vectorStream(pieces, true), server).records)
+            for (const auto& [body, plaintext] : opened(*probe, vectorStream(pieces, StreamLayout::inPieces), server).records)
                 ASSERT_TRUE(truth.contains(body) && truth.at(body) == plaintext) << name << ": a record that nobody sent, at " << body;
         }
     }
@@ -300,7 +300,7 @@ TEST(ReachWalk, OpensBehindALostHandshake)
             if (isHello && options.version < 0x0304) continue;
             std::vector<StreamPiece> pieces = all;
             lose(pieces[lost]);
-            const TCPStream stream = vectorStream(pieces, true);
+            const TCPStream stream = vectorStream(pieces, StreamLayout::inPieces);
             for (const Direction direction : directions) {
                 const auto& truth = sent[direction == server];
                 const auto found = opened(*probe, stream, direction).records;
@@ -334,7 +334,7 @@ TEST(ReachWalk, CountsWhatIsLost)
         if (!isInside && !hasHeader) continue;
         lose(piece);
     }
-    const Opened found = opened(*probeWith(session.keyLog), vectorStream(pieces, true), server);
+    const Opened found = opened(*probeWith(session.keyLog), vectorStream(pieces, StreamLayout::inPieces), server);
     EXPECT_EQ(found.report.stop, Stop::endOfData);
     EXPECT_EQ(found.report.skippedRecords, 3);
     EXPECT_EQ(found.report.gaps.size(), 2u);
@@ -358,7 +358,7 @@ TEST(ReachWalk, BoundsItsWork)
             if (i % 50 == 0) wire.insert(wire.end(), {0, 23, 3});
             pieces.push_back({server, Data(std::move(wire)), 1'000 + i, 0, i % 70 == 0 ? 5'000 : 0});
         }
-        const TCPStream stream = vectorStream(pieces, true);
+        const TCPStream stream = vectorStream(pieces, StreamLayout::inPieces);
         ReachConnection connection(stream, ReachSecrets::of(session.keyLog));
         ReachWalk walk(connection, server);
         std::string plaintext;
