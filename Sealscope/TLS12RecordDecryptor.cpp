@@ -160,7 +160,7 @@ std::optional<std::int64_t> TLS12RecordDecryptor::Opener::open(std::uint64_t seq
     return isOpen ? std::optional(length) : std::nullopt;
 }
 
-bool TLS12RecordDecryptor::Walk::advance(std::uint8_t contentType, std::int64_t count)
+bool TLS12RecordDecryptor::RecordSequence::advance(std::uint8_t contentType, std::int64_t count)
 {
     const bool isChange = contentType == std::to_underlying(TLSContentType::changeCipherSpec);
     if (changeCipherSpecs_ == 0) {
@@ -187,11 +187,11 @@ std::vector<TLS12DecryptedRecord> TLS12RecordDecryptor::decryptDirection(const s
                                                                          AEADCipher cipher)
 {
     std::vector<TLS12DecryptedRecord> opened;
-    Walk walk(keys, cipher);
+    RecordSequence sequence(keys, cipher);
     for (const TLS12Record& record : records) {
-        if (!walk.advance(record.contentType)) continue;
+        if (!sequence.advance(record.contentType)) continue;
         std::vector<std::uint8_t> plaintext(static_cast<std::size_t>(record.payload.size()));
-        const auto length = walk.open(record.version, record.payload.view(), plaintext.data());
+        const auto length = sequence.open(record.version, record.payload.view(), plaintext.data());
         if (!length) continue;
         plaintext.resize(static_cast<std::size_t>(*length));
         opened.push_back({Data(std::move(plaintext)), record.packetIds, record.timestamp});

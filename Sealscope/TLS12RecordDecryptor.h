@@ -84,7 +84,7 @@ struct TLS12RecordDecryptor {
                                                               AEADCipher cipher);
 
     class Opener;
-    class Walk;
+    class RecordSequence;
 };
 
 /// Opens single records under one key.
@@ -102,10 +102,10 @@ private:
     AEADOpener aead_;
 };
 
-/// The walk of a direction, one record at a time: which records are protected, and which sequence number each has.
-class TLS12RecordDecryptor::Walk {
+/// The records of a direction, one at a time: which records are protected, and which sequence number each has.
+class TLS12RecordDecryptor::RecordSequence {
 public:
-    Walk(const DirectionKeys& keys, AEADCipher cipher) : opener_(keys, cipher) {}
+    RecordSequence(const DirectionKeys& keys, AEADCipher cipher) : opener_(keys, cipher) {}
 
     /// Moves on to a direction's next record. True when it is protected application data, which `open` opens. `count` of one
     /// type in a row may be passed at once where nobody opens them.

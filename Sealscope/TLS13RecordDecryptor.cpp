@@ -91,7 +91,8 @@ std::optional<std::pair<std::uint8_t, DataView>> TLS13RecordDecryptor::innerPlai
     return std::pair(bytes[typeAt], bytes.sub(0, typeAt));
 }
 
-TLS13RecordDecryptor::Walk::Walk(std::optional<DataView> handshakeSecret, DataView applicationSecret, const TLS13SuiteParameters& suite)
+TLS13RecordDecryptor::RecordSequence::RecordSequence(std::optional<DataView> handshakeSecret, DataView applicationSecret,
+                                                     const TLS13SuiteParameters& suite)
     : application_{.keys = trafficKeys(applicationSecret, suite)}, hashSize_(digestSize(suite.hash)),
       handshake_(handshakeSecret ? std::optional(Epoch{.keys = trafficKeys(*handshakeSecret, suite)}) : std::nullopt),
       aead_(suite.cipher, (handshake_ ? *handshake_ : application_).keys.key.bytes()), hasApplicationKey_(!handshake_)
@@ -100,8 +101,8 @@ TLS13RecordDecryptor::Walk::Walk(std::optional<DataView> handshakeSecret, DataVi
 // A record that one of the two keys opens the other does not, so it makes no difference which is tried first. The handshake
 // keys come first until a Finished message, their last, went by: trying them on a long record of data costs as much as opening
 // it.
-std::optional<TLS13RecordDecryptor::Opened> TLS13RecordDecryptor::Walk::open(DataView header, const ScatteredView& body,
-                                                                             std::uint8_t* plaintext)
+std::optional<TLS13RecordDecryptor::Opened> TLS13RecordDecryptor::RecordSequence::open(DataView header, const ScatteredView& body,
+                                                                                       std::uint8_t* plaintext)
 {
     // Too short for a tag: no key is given up over it.
     if (body.size() < AEADOpener::tagSize) return std::nullopt;
@@ -121,8 +122,8 @@ std::optional<TLS13RecordDecryptor::Opened> TLS13RecordDecryptor::Walk::open(Dat
     return open(application_, header, body, plaintext);
 }
 
-std::optional<TLS13RecordDecryptor::Opened> TLS13RecordDecryptor::Walk::open(Epoch& epoch, DataView header, const ScatteredView& body,
-                                                                             std::uint8_t* plaintext)
+std::optional<TLS13RecordDecryptor::Opened> TLS13RecordDecryptor::RecordSequence::open(Epoch& epoch, DataView header,
+                                                                                       const ScatteredView& body, std::uint8_t* plaintext)
 {
     const bool isApplication = &epoch == &application_;
     if (std::exchange(hasApplicationKey_, isApplication) != isApplication) aead_.setKey(epoch.keys.key.bytes());
@@ -144,11 +145,11 @@ std::optional<std::vector<TLS13DecryptedRecord>> TLS13RecordDecryptor::decryptRe
 {
     const auto suite = suiteParameters(cipherSuite);
     if (!suite) return std::nullopt;
-    Walk walk(handshakeSecret, applicationSecret, *suite);
+    RecordSequence sequence(handshakeSecret, applicationSecret, *suite);
     std::vector<TLS13DecryptedRecord> decrypted;
     for (const TLS13CipherRecord& record : records) {
         std::vector<std::uint8_t> plaintext(static_cast<std::size_t>(record.body.size()));
-        const auto opened = walk.open(record.header, record.body.view(), plaintext.data());
+        const auto opened = sequence.open(record.header, record.body.view(), plaintext.data());
         if (!opened) break;
         plaintext.resize(static_cast<std::size_t>(opened->length));
         decrypted.push_back({opened->innerType, Data(std::move(plaintext)), record.packetIds, record.timestamp});

@@ -77,16 +77,16 @@ struct TLS13RecordDecryptor {
         std::uint8_t innerType = 0;
         std::int64_t length = 0;  ///< bytes of content
     };
-    class Walk;
+    class RecordSequence;
 };
 
-/// The walk of a direction, one record at a time.
-class TLS13RecordDecryptor::Walk {
+/// The records of a direction, one at a time.
+class TLS13RecordDecryptor::RecordSequence {
 public:
-    Walk(std::optional<DataView> handshakeSecret, DataView applicationSecret, const TLS13SuiteParameters& suite);
+    RecordSequence(std::optional<DataView> handshakeSecret, DataView applicationSecret, const TLS13SuiteParameters& suite);
 
     /// Opens the direction's next protected record into `plaintext`, which has room for as many bytes as the body has. Nothing
-    /// ends the walk.
+    /// ends the sequence.
     std::optional<Opened> open(DataView header, const ScatteredView& body, std::uint8_t* plaintext);
 
 private:

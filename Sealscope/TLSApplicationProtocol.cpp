@@ -3,9 +3,9 @@
 
 #include "Sealscope/TLSDirectionWalk.h"
 #include "Sealscope/TLSDissector.h"
+#include "Sealscope/TLSLists.h"
 #include "Sealscope/TLSNames.h"
 #include "Sealscope/TLSStreamDecryption.h"
-#include "Sealscope/TLSWalk.h"
 
 #include <algorithm>
 #include <utility>

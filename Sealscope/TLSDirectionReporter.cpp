@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Sealscope/TLSDirectionReporter.h"
 
+#include "Sealscope/TLSLists.h"
 #include "Sealscope/TLSNames.h"
-#include "Sealscope/TLSWalk.h"
 
 #include <algorithm>
 #include <string>
@@ -183,11 +183,11 @@ bool TLSDirectionReporter::isEarlyData(const TLSRecord& record, bool hasHandshak
     const auto secret = keyLog_.secrets.find("CLIENT_EARLY_TRAFFIC_SECRET", context_.clientRandom);
     const auto suite = TLS13RecordDecryptor::suiteParameters(context_.cipherSuite);
     if (!secret || !suite) return hasHandshakeSecret;
-    TLS13RecordDecryptor::Walk walk(std::nullopt, *secret, *suite);
+    TLS13RecordDecryptor::RecordSequence sequence(std::nullopt, *secret, *suite);
     const Data whole = stream_.clientToServerData.slice(record.recordOffset, TLSRecord::headerLength + record.declaredLength);
     const DataView bytes = whole;
     std::vector<std::uint8_t> plaintext(static_cast<std::size_t>(whole.size()));
-    return walk.open(bytes.sub(0, TLSRecord::headerLength), bytes.from(TLSRecord::headerLength), plaintext.data()).has_value();
+    return sequence.open(bytes.sub(0, TLSRecord::headerLength), bytes.from(TLSRecord::headerLength), plaintext.data()).has_value();
 }
 
 }  // namespace sealscope

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Sealscope/TLSDirectionWalk.h"
 
+#include "Sealscope/TLSLists.h"
 #include "Sealscope/TLSNames.h"
-#include "Sealscope/TLSWalk.h"
 
 #include <algorithm>
 #include <array>
@@ -53,7 +53,7 @@ TLSFraming framingOf(const StreamData& data, bool isTLS13)
 
 bool TLSDirectionWalk::isProtected(const TLSRecord& record, std::int64_t count)
 {
-    if (auto* walk = std::get_if<TLS12RecordDecryptor::Walk>(&records_)) return walk->advance(record.contentType, count);
+    if (auto* sequence = std::get_if<TLS12RecordDecryptor::RecordSequence>(&records_)) return sequence->advance(record.contentType, count);
     return record.contentType == applicationData;
 }
 
@@ -83,15 +83,15 @@ const TLSFraming& TLSDirectionWalk::passToEnd()
 
 std::optional<TLS13RecordDecryptor::Opened> TLSDirectionWalk::open(const ScatteredView& body, std::uint8_t* target)
 {
-    if (auto* walk = std::get_if<TLS12RecordDecryptor::Walk>(&records_)) {
-        const auto length = walk->open(record_.version(), body, target);
+    if (auto* sequence = std::get_if<TLS12RecordDecryptor::RecordSequence>(&records_)) {
+        const auto length = sequence->open(record_.version(), body, target);
         if (!length) return std::nullopt;
         return TLS13RecordDecryptor::Opened{.innerType = applicationData, .length = *length};
     }
     const std::array<std::uint8_t, TLSRecord::headerLength> header{record_.contentType, record_.majorVersion, record_.minorVersion,
                                                                    static_cast<std::uint8_t>(record_.declaredLength >> 8),
                                                                    static_cast<std::uint8_t>(record_.declaredLength)};
-    return std::get<TLS13RecordDecryptor::Walk>(records_).open(DataView(header), body, target);
+    return std::get<TLS13RecordDecryptor::RecordSequence>(records_).open(DataView(header), body, target);
 }
 
 TLSDirectionWalk::Step TLSDirectionWalk::openRecord(std::uint8_t* target)
@@ -107,7 +107,7 @@ TLSDirectionWalk::Step TLSDirectionWalk::openRecord(std::uint8_t* target)
     }
     const auto opened = open(body, target);
     if (!opened) {
-        hasEnded_ = std::holds_alternative<TLS13RecordDecryptor::Walk>(records_);
+        hasEnded_ = std::holds_alternative<TLS13RecordDecryptor::RecordSequence>(records_);
         return Step::refused;
     }
     innerType_ = opened->innerType;
@@ -126,8 +126,8 @@ bool TLSDirectionWalk::nextApplicationData()
 
 std::int64_t TLSDirectionWalk::changeCipherSpecs() const
 {
-    const auto* walk = std::get_if<TLS12RecordDecryptor::Walk>(&records_);
-    return walk ? walk->changeCipherSpecs() : 0;
+    const auto* sequence = std::get_if<TLS12RecordDecryptor::RecordSequence>(&records_);
+    return sequence ? sequence->changeCipherSpecs() : 0;
 }
 
 }  // namespace sealscope

@@ -35,7 +35,7 @@ TLSFraming framingOf(const StreamData& data, bool isTLS13);
 class TLSDirectionWalk {
 public:
     /// The keys of a version, and what their use has come to.
-    using Records = std::variant<TLS12RecordDecryptor::Walk, TLS13RecordDecryptor::Walk>;
+    using Records = std::variant<TLS12RecordDecryptor::RecordSequence, TLS13RecordDecryptor::RecordSequence>;
 
     TLSDirectionWalk(const StreamData& data, Records records) : data_(&data), reader_(data), records_(std::move(records)) {}
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Sealscope/TLSDissector.h"
 
-#include "Sealscope/TLSWalk.h"
+#include "Sealscope/TLSLists.h"
 
 namespace sealscope {
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Sealscope/TLSDissector.h"
+#include "Sealscope/TLSLists.h"
 #include "Sealscope/TLSNodeBuilding.h"
-#include "Sealscope/TLSWalk.h"
 #include "platform/Certificate.h"
 
 #include <fmt/compile.h>

@@ -2,8 +2,8 @@
 // Handshake messages and both hellos. Offsets inside a hello count from its body, those of messages and extensions in the
 // caller's coordinates, which a base offset gives.
 #include "Sealscope/TLSDissector.h"
+#include "Sealscope/TLSLists.h"
 #include "Sealscope/TLSNames.h"
-#include "Sealscope/TLSWalk.h"
 #include "platform/UTF8.h"
 
 #include <utility>

@@ -2,8 +2,8 @@
 // The tree of a payload's fields. A node's range counts from its parent's, so that each builder below knows its own node
 // alone: a record's fields lie at 0, 1 and 3 wherever the record is.
 #include "Sealscope/TLSDissector.h"
+#include "Sealscope/TLSLists.h"
 #include "Sealscope/TLSNodeBuilding.h"
-#include "Sealscope/TLSWalk.h"
 
 #include <algorithm>
 #include <array>

@@ -19,10 +19,10 @@ TLSEntryMerge::TLSEntryMerge(const TCPStream& stream) : stream_(stream)
 void TLSEntryMerge::findRuns(Side& side) const
 {
     double latest = 0;
-    TLSEntryWalk::Place before;
-    for (TLSEntryWalk walk(side.direction, stream_); walk.next(); before = walk.place()) {
-        if (side.runs.empty() || walk.timestamp() < latest) side.runs.push_back({before, walk.timestamp()});
-        latest = walk.timestamp();
+    TLSEntryReader::Place before;
+    for (TLSEntryReader reader(side.direction, stream_); reader.next(); before = reader.place()) {
+        if (side.runs.empty() || reader.timestamp() < latest) side.runs.push_back({before, reader.timestamp()});
+        latest = reader.timestamp();
     }
 }
 
@@ -35,18 +35,18 @@ bool TLSEntryMerge::isLater(Head a, Head b) const
 
 bool TLSEntryMerge::passItem(Head head)
 {
-    TLSEntryWalk& walk = *sides_[head.side].walk;
-    const auto place = walk.place();
-    const double timestamp = walk.timestamp();
-    if (!walk.next() || walk.timestamp() < timestamp) {
-        sides_[head.side].walk.reset();
+    TLSEntryReader& reader = *sides_[head.side].reader;
+    const auto place = reader.place();
+    const double timestamp = reader.timestamp();
+    if (!reader.next() || reader.timestamp() < timestamp) {
+        sides_[head.side].reader.reset();
         return false;
     }
-    sides_[head.side].runs[head.run] = {place, walk.timestamp()};
+    sides_[head.side].runs[head.run] = {place, reader.timestamp()};
     return true;
 }
 
-TLSEntryWalk* TLSEntryMerge::next()
+TLSEntryReader* TLSEntryMerge::next()
 {
     const auto isLaterHead = [this](Head a, Head b) { return isLater(a, b); };
     if (isOnItem_) {
@@ -63,12 +63,12 @@ TLSEntryWalk* TLSEntryMerge::next()
     isOnItem_ = true;
     const Head head = heads_.front();
     Side& side = sides_[head.side];
-    if (!side.walk || side.walked != head.run) {
-        side.walk.emplace(side.direction, stream_, side.runs[head.run].place);
-        side.walk->next();
-        side.walked = head.run;
+    if (!side.reader || side.readRun != head.run) {
+        side.reader.emplace(side.direction, stream_, side.runs[head.run].place);
+        side.reader->next();
+        side.readRun = head.run;
     }
-    return &*side.walk;
+    return &*side.reader;
 }
 
 }  // namespace sealscope

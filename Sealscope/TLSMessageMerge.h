@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "Sealscope/TLSEntryWalk.h"
+#include "Sealscope/TLSEntryReader.h"
 #include "host/VELModels/TCPStream.h"
 
 #include <array>
@@ -19,20 +19,20 @@ public:
     TLSEntryMerge(const TLSEntryMerge&) = delete;
     TLSEntryMerge& operator=(const TLSEntryMerge&) = delete;
 
-    /// Moves on to the next item; null at the end. The walk stands on the item.
-    TLSEntryWalk* next();
+    /// Moves on to the next item; null at the end. The reader stands on the item.
+    TLSEntryReader* next();
 
 private:
     /// Items of one direction in a row whose times do not step back.
     struct Run {
-        TLSEntryWalk::Place place;  ///< before the first item that was not given out
+        TLSEntryReader::Place place;  ///< before the first item that was not given out
         double timestamp = 0;       ///< of that item
     };
     struct Side {
         TCPSegment::Direction direction = TCPSegment::Direction::clientToServer;
         std::vector<Run> runs;
-        std::optional<TLSEntryWalk> walk;  ///< stands on the first item of a run that was not given out
-        std::uint32_t walked = 0;          ///< the run
+        std::optional<TLSEntryReader> reader;  ///< stands on the first item of a run that was not given out
+        std::uint32_t readRun = 0;             ///< the run
     };
     struct Head {
         std::uint32_t side = 0;
@@ -41,7 +41,7 @@ private:
 
     void findRuns(Side& side) const;
     bool isLater(Head a, Head b) const;
-    /// Moves a run behind the item at which its walk stands; false when it has no further one.
+    /// Moves a run behind the item at which its reader stands; false when it has no further one.
     bool passItem(Head head);
 
     const TCPStream& stream_;

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Sealscope/TLSProtocolAnalyzer.h"
 
+#include "Sealscope/TLSLists.h"
 #include "Sealscope/TLSNames.h"
-#include "Sealscope/TLSWalk.h"
 #include "host/VELDependencies/VELPlugInBundle.h"
 
 #include <algorithm>

@@ -3,8 +3,8 @@
 
 #include "Sealscope/TLSDissector.h"
 #include "Sealscope/TLSKeyLogStore.h"
+#include "Sealscope/TLSLists.h"
 #include "Sealscope/TLSNames.h"
-#include "Sealscope/TLSWalk.h"
 
 #include <algorithm>
 #include <array>
@@ -188,7 +188,7 @@ template <class Record> std::optional<DirectionPlain> joined(const std::vector<R
 
 constexpr std::int64_t masterSecretLength = 48;  // RFC 5246 §8.1
 
-std::optional<TLS12RecordDecryptor::Walk> beginTLS12(Direction direction, const Context& context, const TLSKeyLog& keyLog)
+std::optional<TLS12RecordDecryptor::RecordSequence> beginTLS12(Direction direction, const Context& context, const TLSKeyLog& keyLog)
 {
     const auto masterSecret = keyLog.secrets.find(secretLabels(false, direction).application, context.clientRandom);
     if (!masterSecret || masterSecret->size() != masterSecretLength) return std::nullopt;
@@ -197,10 +197,10 @@ std::optional<TLS12RecordDecryptor::Walk> beginTLS12(Direction direction, const 
     const auto keys =
         TLS12RecordDecryptor::directionKeys(direction, *parameters, context.clientRandom, context.serverRandom, *masterSecret);
     if (!keys) return std::nullopt;
-    return TLS12RecordDecryptor::Walk(*keys, parameters->cipher);
+    return TLS12RecordDecryptor::RecordSequence(*keys, parameters->cipher);
 }
 
-std::optional<TLS13RecordDecryptor::Walk> beginTLS13(Direction direction, const Context& context, const TLSKeyLog& keyLog)
+std::optional<TLS13RecordDecryptor::RecordSequence> beginTLS13(Direction direction, const Context& context, const TLSKeyLog& keyLog)
 {
     const TLSSecretLabels labels = secretLabels(true, direction);
     const auto applicationSecret = keyLog.secrets.find(labels.application, context.clientRandom);
@@ -208,7 +208,7 @@ std::optional<TLS13RecordDecryptor::Walk> beginTLS13(Direction direction, const 
     const auto handshakeSecret = keyLog.secrets.find(labels.handshake, context.clientRandom);
     const auto suite = TLS13RecordDecryptor::suiteParameters(context.cipherSuite);
     if (!suite) return std::nullopt;
-    return TLS13RecordDecryptor::Walk(handshakeSecret, *applicationSecret, *suite);
+    return TLS13RecordDecryptor::RecordSequence(handshakeSecret, *applicationSecret, *suite);
 }
 
 }  // namespace
@@ -305,9 +305,9 @@ std::optional<TLSDirectionWalk> TLSStreamDecryption::directionWalk(const StreamD
                                                                    const TLSKeyLog& keyLog)
 {
     if (context.isTLS13) {
-        if (auto walk = beginTLS13(direction, context, keyLog)) return TLSDirectionWalk(data, std::move(*walk));
+        if (auto sequence = beginTLS13(direction, context, keyLog)) return TLSDirectionWalk(data, std::move(*sequence));
     } else {
-        if (auto walk = beginTLS12(direction, context, keyLog)) return TLSDirectionWalk(data, std::move(*walk));
+        if (auto sequence = beginTLS12(direction, context, keyLog)) return TLSDirectionWalk(data, std::move(*sequence));
     }
     return std::nullopt;
 }

@@ -3,10 +3,10 @@
 
 #include "Sealscope/TLSDecryptionProbe.h"
 #include "Sealscope/TLSDissector.h"
-#include "Sealscope/TLSEntryWalk.h"
+#include "Sealscope/TLSEntryReader.h"
+#include "Sealscope/TLSLists.h"
 #include "Sealscope/TLSMessageMerge.h"
 #include "Sealscope/TLSNames.h"
-#include "Sealscope/TLSWalk.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -122,9 +122,9 @@ std::optional<std::vector<Entry>> fewEntries(const TCPStream& stream)
     constexpr std::size_t few = 4'096;
     std::vector<Entry> entries;
     for (const Direction direction : {Direction::clientToServer, Direction::serverToClient}) {
-        for (TLSEntryWalk walk(direction, stream); walk.next();) {
+        for (TLSEntryReader reader(direction, stream); reader.next();) {
             if (entries.size() == few) return std::nullopt;
-            entries.push_back(walk.entry());
+            entries.push_back(reader.entry());
         }
     }
     return entries;
@@ -133,10 +133,10 @@ std::optional<std::vector<Entry>> fewEntries(const TCPStream& stream)
 /// Finds the first Client Hello and the first Server Hello of messages that go by.
 class HelloPairing {
 public:
-    void take(const TLSEntryWalk& walk, std::int64_t position)
+    void take(const TLSEntryReader& reader, std::int64_t position)
     {
         const auto isFirst = [&](TLSHandshakeType type, const std::optional<std::int64_t>& found) {
-            return !found && walk.handshakeType() == std::to_underlying(type);
+            return !found && reader.handshakeType() == std::to_underlying(type);
         };
         if (isFirst(TLSHandshakeType::clientHello, request_)) {
             request_ = position;
@@ -186,13 +186,13 @@ std::optional<std::vector<Pairing>> mergedMessages(const TCPStream& stream, cons
 
     HelloPairing hellos;
     TLSEntryMerge merge(stream);
-    while (TLSEntryWalk* const walk = merge.next()) {
-        if (isDecrypted && walk->isApplicationData()) continue;
-        if (!decryptedBefore(std::pair(walk->timestamp(), walk->direction()))) return std::nullopt;
-        hellos.take(*walk, position++);
+    while (TLSEntryReader* const reader = merge.next()) {
+        if (isDecrypted && reader->isApplicationData()) continue;
+        if (!decryptedBefore(std::pair(reader->timestamp(), reader->direction()))) return std::nullopt;
+        hellos.take(*reader, position++);
         const bool isRequest = hellos.isNewRequest();
         if (!visit && !isRequest) continue;
-        Entry entry = walk->entry();
+        Entry entry = reader->entry();
         if (isRequest) hellos.setSummary(entry.message.summary);
         if (visit && !visit(entry.message)) return std::nullopt;
     }
@@ -217,7 +217,7 @@ std::optional<std::vector<Pairing>> mergedMessages(const TCPStream& stream, cons
 std::vector<Entry> TLSStreamParser::entries(Direction direction, const TCPStream& stream)
 {
     std::vector<Entry> output;
-    for (TLSEntryWalk walk(direction, stream); walk.next();) output.push_back(walk.entry());
+    for (TLSEntryReader reader(direction, stream); reader.next();) output.push_back(reader.entry());
     return output;
 }
 

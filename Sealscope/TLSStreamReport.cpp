@@ -4,9 +4,9 @@
 #include "Sealscope/TLSCipherSuiteRegistry.h"
 #include "Sealscope/TLSDirectionReporter.h"
 #include "Sealscope/TLSDissector.h"
+#include "Sealscope/TLSLists.h"
 #include "Sealscope/TLSNames.h"
 #include "Sealscope/TLSStreamDecryption.h"
-#include "Sealscope/TLSWalk.h"
 
 #include <algorithm>
 #include <string>

@@ -24,7 +24,7 @@ inline constexpr std::int64_t shortestBlock = 12;     ///< with the total length
 inline constexpr bool isPacket(std::uint32_t type) { return type == enhancedPacket || type == simplePacket || type == packetBlock; }
 }  // namespace Pcapng
 
-/// Walks the blocks of a file in the pcapng format: several sections, each in a byte order of its own.
+/// Reads the blocks of a file in the pcapng format: several sections, each in a byte order of its own.
 class PcapngBlocks {
 public:
     /// Finds the block at the input's position, with its header at `input.data()`. False at the end, and at damage that leaves no

@@ -3,7 +3,7 @@
 
 #include "Sealscope/TLS12RecordDecryptor.h"
 #include "Sealscope/TLSDissector.h"
-#include "Sealscope/TLSWalk.h"
+#include "Sealscope/TLSLists.h"
 #include "Sealscope/TLSNames.h"
 #include "Sealscope/TLSStreamDecryption.h"
 #include "interpreters/TLSReach/LostBytes.h"

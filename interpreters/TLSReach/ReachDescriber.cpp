@@ -2,7 +2,7 @@
 #include "interpreters/TLSReach/ReachDescriber.h"
 
 #include "Sealscope/TLSDissector.h"
-#include "Sealscope/TLSWalk.h"
+#include "Sealscope/TLSLists.h"
 #include "Sealscope/TLSNames.h"
 #include "interpreters/TLSReach/HandshakeAssembler.h"
 #include "interpreters/TLSReach/HelloFingerprints.h"

@@ -3,7 +3,7 @@
 
 #include "Sealscope/TLSApplicationProtocol.h"
 #include "Sealscope/TLSDissector.h"
-#include "Sealscope/TLSWalk.h"
+#include "Sealscope/TLSLists.h"
 #include "Sealscope/TLSNames.h"
 #include "Sealscope/TLSStreamParser.h"
 #include "host/VELDependencies/VELPlugInBundle.h"

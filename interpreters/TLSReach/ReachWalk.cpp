@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "interpreters/TLSReach/ReachWalk.h"
 
-#include "Sealscope/TLSWalk.h"
+#include "Sealscope/TLSLists.h"
 #include "Sealscope/TLSNames.h"
 #include "Sealscope/TLSStreamDecryption.h"
 #include "interpreters/TLSReach/ReachConnection.h"

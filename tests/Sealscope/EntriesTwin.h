@@ -2,7 +2,7 @@
 #pragma once
 
 #include "Sealscope/TLSDissector.h"
-#include "Sealscope/TLSWalk.h"
+#include "Sealscope/TLSLists.h"
 #include "Sealscope/TLSStreamParser.h"
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 #include "Sealscope/TLSRecord.h"
 
 #include "Sealscope/TLSDissector.h"
-#include "Sealscope/TLSWalk.h"
+#include "Sealscope/TLSLists.h"
 #include "harness/VectorStream.h"
 #include "tests/Sealscope/EntriesTwin.h"
 #include "tests/Sealscope/TLSBytes.h"

@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "Sealscope/TLSEntryWalk.h"
+#include "Sealscope/TLSEntryReader.h"
 
 #include "Sealscope/TLSHandshake.h"
+#include "Sealscope/TLSLists.h"
 #include "Sealscope/TLSNames.h"
-#include "Sealscope/TLSWalk.h"
 
 #include <algorithm>
 #include <fmt/format.h>
 #include <utility>
 
-// A direction is walked record by record, once. Two kinds of records gather into runs: application data, which becomes one
+// A direction is read record by record, once. Two kinds of records gather into runs: application data, which becomes one
 // item a run, and handshake records, whose bodies are laid end to end so that a message may cross records. Whatever breaks a
 // run flushes it. Take the records H H C H A A X A (handshake, change cipher spec, application data, unknown type):
 //
@@ -165,7 +165,7 @@ Entry TLSApplicationDataRun::entry(Direction direction, ByteLocation location) c
                      StreamBodyHint::binary(), range_, std::move(location));
 }
 
-bool TLSEntryWalk::next()
+bool TLSEntryReader::next()
 {
     if (kind_ == Kind::applicationData) applicationData_ = {};
     kind_ = Kind::none;
@@ -173,8 +173,8 @@ bool TLSEntryWalk::next()
     return kind_ != Kind::none || settleApplicationData();
 }
 
-/// Whether the walk goes on: it stops at an item, and at the end. What breaks a run of application data waits until that is out.
-bool TLSEntryWalk::take(const TLSRecord& record, std::int64_t count)
+/// Whether reading goes on: it stops at an item, and at the end. What breaks a run of application data waits until that is out.
+bool TLSEntryReader::take(const TLSRecord& record, std::int64_t count)
 {
     if (record.isTruncated) return false;
     const auto type = contentTypeOf(record.contentType);
@@ -191,7 +191,7 @@ bool TLSEntryWalk::take(const TLSRecord& record, std::int64_t count)
     return kind_ == Kind::none;
 }
 
-bool TLSEntryWalk::takeHandshake(const TLSRecord& record)
+bool TLSEntryReader::takeHandshake(const TLSRecord& record)
 {
     handshake_.add(record, place_.inBody);
     const bool isFound = handshake_.next();
@@ -207,26 +207,26 @@ bool TLSEntryWalk::takeHandshake(const TLSRecord& record)
     return !isFound;
 }
 
-void TLSEntryWalk::settle(Kind kind, ByteRange range)
+void TLSEntryReader::settle(Kind kind, ByteRange range)
 {
     kind_ = kind;
     location_ = stream_.locate(range, direction_);
     timestamp_ = location_.timestamp.value_or(0);
 }
 
-bool TLSEntryWalk::settleApplicationData()
+bool TLSEntryReader::settleApplicationData()
 {
     if (applicationData_.isEmpty()) return false;
     settle(Kind::applicationData, applicationData_.range());
     return true;
 }
 
-std::optional<std::uint8_t> TLSEntryWalk::handshakeType() const
+std::optional<std::uint8_t> TLSEntryReader::handshakeType() const
 {
     return kind_ == Kind::handshake ? std::optional(handshake_.type()) : std::nullopt;
 }
 
-Entry TLSEntryWalk::entry()
+Entry TLSEntryReader::entry()
 {
     switch (kind_) {
     case Kind::none: break;

@@ -10,8 +10,8 @@
 #include <concepts>
 #include <cstdint>
 
-// Walks over the lists of TLS, one item at a time and without memory of their own: a visitor that has found what it looks
-// for returns false and ends the walk. The lists that `TLSDissector` gives are made by these walks.
+// Visits the lists of TLS, one item at a time and without memory of their own: a visitor that has found what it looks
+// for returns false and ends the visit. The lists that `TLSDissector` gives are made by these visits.
 //
 // Lost bytes of a stream stand as zeros, and a hole may be longer than any memory. Five zeros are a record header of type 0
 // without a body, four are a handshake message of type 0 without one. Where the rest of a hole holds n such records they
@@ -42,7 +42,7 @@ inline std::int64_t countInHole(const StreamReader& bytes, std::int64_t offset, 
 }
 inline std::int64_t countInHole(DataView, std::int64_t, std::int64_t, std::int64_t) { return 0; }
 
-template <class Bytes, class Visit> void walkRecords(Bytes&& bytes, std::int64_t offset, Visit& visit)
+template <class Bytes, class Visit> void visitRecords(Bytes&& bytes, std::int64_t offset, Visit& visit)
 {
     const std::int64_t size = bytes.size();
     while (size - offset >= TLSRecord::headerLength) {
@@ -69,7 +69,7 @@ template <class Bytes, class Visit> void walkRecords(Bytes&& bytes, std::int64_t
 
 /// `offset` and `end` bound a record's body in the bytes. `base` is what offsets count from, there.
 template <class Bytes, class Visit>
-void walkHandshakeMessages(Bytes&& bytes, std::int64_t offset, std::int64_t end, std::int64_t base, Visit& visit)
+void visitHandshakeMessages(Bytes&& bytes, std::int64_t offset, std::int64_t end, std::int64_t base, Visit& visit)
 {
     constexpr std::int64_t headerLength = TLSHandshakeMessage::headerLength;
     while (end - offset >= headerLength) {
@@ -94,33 +94,33 @@ void walkHandshakeMessages(Bytes&& bytes, std::int64_t offset, std::int64_t end,
 /// The record headers from `offset` on, as `TLSDissector::parseRecords` lists them. Reads nothing but headers.
 template <TLSVisitor<TLSRecord> Visit> void forEachRecord(DataView bytes, Visit visit, std::int64_t offset = 0)
 {
-    detail::walkRecords(bytes, offset, visit);
+    detail::visitRecords(bytes, offset, visit);
 }
 
 /// The same for a stream, whose holes are stepped over: the records of type 0 that lie wholly in one come as their first, and
 /// their number, for a visitor that asks.
 template <TLSRecordVisitor Visit> void forEachRecord(const StreamData& bytes, Visit visit, std::int64_t offset = 0)
 {
-    detail::walkRecords(StreamReader(bytes), offset, visit);
+    detail::visitRecords(StreamReader(bytes), offset, visit);
 }
 
-/// The same with a reader that keeps its place, for a walk that is taken up again.
+/// The same with a reader that keeps its place, for a visit that is taken up again.
 template <TLSRecordVisitor Visit> void forEachRecord(StreamReader& bytes, Visit visit, std::int64_t offset)
 {
-    detail::walkRecords(bytes, offset, visit);
+    detail::visitRecords(bytes, offset, visit);
 }
 
 /// The handshake messages of one record body, as `TLSDissector::parseHandshakeMessages` lists them.
 template <TLSVisitor<TLSHandshakeMessage> Visit> void forEachHandshakeMessage(DataView body, std::int64_t baseOffset, Visit visit)
 {
-    detail::walkHandshakeMessages(body, 0, body.size(), baseOffset, visit);
+    detail::visitHandshakeMessages(body, 0, body.size(), baseOffset, visit);
 }
 
 /// Those of a stream's record, as far as the stream holds it, without the ones whose headers lie wholly in a hole. Offsets are
 /// the stream's.
 template <TLSVisitor<TLSHandshakeMessage> Visit> void forEachHandshakeMessage(StreamReader& bytes, const TLSRecord& record, Visit visit)
 {
-    detail::walkHandshakeMessages(bytes, record.bodyOffset, std::min(record.endOffset(), bytes.size()), 0, visit);
+    detail::visitHandshakeMessages(bytes, record.bodyOffset, std::min(record.endOffset(), bytes.size()), 0, visit);
 }
 
 /// The extensions of a list that begins with its 2-byte length, as `TLSDissector::parseExtensions` lists them.

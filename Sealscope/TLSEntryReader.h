@@ -73,9 +73,9 @@ private:
 };
 
 /// Finds the items of one direction one after another: `TLSStreamParser::entries` by and by. Keeps nothing of what it has passed,
-/// so that a walk over a stream of any size costs no memory, and can be taken up again at any place between two items. Used by
+/// so that a pass over a stream of any size costs no memory, and can be taken up again at any place between two items. Used by
 /// one thread; outlived by the stream.
-class TLSEntryWalk {
+class TLSEntryReader {
 public:
     /// Between two items.
     struct Place {
@@ -83,8 +83,8 @@ public:
         std::int64_t inBody = 0;  ///< of a handshake record, bytes of its body that earlier items took
     };
 
-    TLSEntryWalk(TCPSegment::Direction direction, const TCPStream& stream) : TLSEntryWalk(direction, stream, Place()) {}
-    TLSEntryWalk(TCPSegment::Direction direction, const TCPStream& stream, Place from)
+    TLSEntryReader(TCPSegment::Direction direction, const TCPStream& stream) : TLSEntryReader(direction, stream, Place()) {}
+    TLSEntryReader(TCPSegment::Direction direction, const TCPStream& stream, Place from)
         : direction_(direction), stream_(stream), reader_(stream.data(direction)), place_(from),
           handshake_(stream.data(direction), direction, stream)
     {}
