@@ -90,8 +90,10 @@ public:
 
     void read(const Take& take)
     {
-        const std::uint64_t generation = sources_->generation();
-        if (std::exchange(generation_, generation) != generation)
+        // Sessions are learnt with every connection that opens; to look at all others each time would cost too much.
+        const bool isSweep = Clock::now() >= nextSweep_;
+        const std::uint64_t generation = isSweep ? plugIns_.secretsGeneration() : sources_->generation();
+        if (std::exchange(isSweep ? sweptGeneration_ : generation_, generation) != generation)
             for (const auto& connection : connections_)
                 if (connection->waitsForSecrets()) markChanged(*connection);
         for (LiveConnection* const connection : std::exchange(changed_, {})) {
@@ -99,7 +101,7 @@ public:
             readOne(*connection, LiveConnection::Secrets::mayCome, take);
             if (connection->hasEnded() && !connection->waitsForSecrets()) remove(*connection);
         }
-        if (Clock::now() >= nextSweep_) letGoOfEnded(Clock::now() - longestWait, take);
+        if (isSweep) letGoOfEnded(Clock::now() - longestWait, take);
     }
 
     void finish(const Take& take)
@@ -169,7 +171,8 @@ private:
     absl::flat_hash_map<EndpointPair, LiveConnection*> current_;
     std::vector<LiveConnection*> changed_;  ///< since they were read last
     Clock::time_point nextSweep_;
-    std::uint64_t generation_ = 0;
+    std::uint64_t generation_ = 0;       ///< of the key logs, when connections that wait for secrets were looked at last
+    std::uint64_t sweptGeneration_ = 0;  ///< of these and of sessions, at the last sweep
     std::int64_t nextNumber_ = 0;
 };
 

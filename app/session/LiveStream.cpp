@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/session/LiveStream.h"
 
+#include "app/session/ResumedSessions.h"
+
 #include <algorithm>
 #include <limits>
 #include <ranges>
@@ -91,6 +93,7 @@ StreamInterpretation LiveStream::readPlaintext(const TCPStream& stream, StreamEx
 
 void LiveStream::findReaders(const TCPStream& stream)
 {
+    bool hasFound = false;
     for (const Direction direction : directions) {
         auto& reader = readers_[positionOf(direction)];
         for (const auto& probe : plugIns_.probes() | std::views::reverse) {
@@ -98,15 +101,17 @@ void LiveStream::findReaders(const TCPStream& stream)
             if (!plugIns_.canOpen(*probe)) continue;
             reader = probe->plaintextReader(stream, direction);
             if (reader && !reader->goOn(stream)) reader.reset();
+            hasFound |= reader != nullptr;
         }
     }
+    if (hasFound && mayBeResumed(plugIns_, stream)) plugIns_.noteLearntSession();
 }
 
 void LiveStream::openRecords(const TCPStream& stream)
 {
     if (!(readers_[0] && readers_[1])) {
         // Both hellos have to be there, and then the secrets.
-        const std::uint64_t generation = plugIns_.secrets().generation();
+        const std::uint64_t generation = plugIns_.secretsGeneration();
         bool isWorthATry = std::exchange(generation_, generation) != generation;
         for (const Direction direction : directions) {
             const std::int64_t size = stream.data(direction).size(), before = std::exchange(triedAt_[positionOf(direction)], size);

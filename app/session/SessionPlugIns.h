@@ -8,6 +8,7 @@
 #include "host/VELModels/TLSDecryptionProbeRegistry.h"
 #include "host/VELModels/VELStreamInterpreting.h"
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -51,6 +52,10 @@ public:
     /// Whether a probe has anything to open streams with: a secret, or means of its own that are no key log.
     bool canOpen(const TLSStreamDecryptionProbing& probe) const;
     const KeyLogSources& secrets() const { return *secrets_; }
+    /// Another number whenever a stream that did not open may do so now: secrets came, or a session was learnt that it may resume.
+    std::uint64_t secretsGeneration() const { return secrets_->generation() + learntSessions_; }
+    /// To be told of when a stream opens that begins a session which others may resume.
+    void noteLearntSession() const { ++learntSessions_; }
     /// Calls `show` once, however often and by whomever this is asked, and returns when that is done.
     void showAllStreams(const std::function<void()>& show) const { std::call_once(shown_, show); }
 
@@ -75,6 +80,7 @@ private:
     std::vector<std::shared_ptr<const TLSStreamDecryptionProbing>> probes_;
     std::vector<std::shared_ptr<const StreamDescribing>> describers_ = StreamDescriberRegistry::shared().snapshot();
     mutable std::once_flag shown_;
+    mutable std::atomic<std::uint64_t> learntSessions_ = 0;
     std::vector<const TLSStreamDecryptionProbing*> withoutKeyLogs_;  ///< those that have no use for any
 };
 

@@ -32,7 +32,7 @@ public:
             write(DataView(heading(exported.stream, direction) + chain + '\n'));
         };
         for (const Direction direction : {Direction::serverToClient, Direction::clientToServer})
-            for (const AssembledMessage& message : clearHandshake(exported.stream.data(direction)))
+            for (const AssembledMessage& message : clearHandshake(exported.stream.data(direction)).messages)
                 if (message.type == std::to_underlying(TLSHandshakeType::certificate))
                     put(direction, ReachMessages::pem(ReachMessages::certificates(message.body, ReachMessages::Form::upToTLS12)));
         for (const StreamMessage& message : exported.interpretation.messages)

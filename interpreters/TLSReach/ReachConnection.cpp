@@ -135,23 +135,26 @@ RecordKeys keysOf(Direction direction, const HandshakeParameters& parameters, Da
 
 }  // namespace
 
-std::vector<AssembledMessage> clearHandshake(const StreamData& data)
+ClearHandshake clearHandshake(const StreamData& data)
 {
     constexpr std::size_t mostMessages = 1'000;  // a handshake has a dozen
-    std::vector<AssembledMessage> messages;
+    ClearHandshake found;
+    std::vector<AssembledMessage>& messages = found.messages;
     HandshakeAssembler assembler;
     std::vector<std::uint8_t> gathered;
     forEachRecord(data, [&](const TLSRecord& record) {
+        if (record.isTruncated) return false;
         const auto type = contentTypeOf(record.contentType);
-        if (!type || record.majorVersion != 3 || record.isTruncated) return false;
-        if (*type == TLSContentType::alert) return true;
-        if (*type != TLSContentType::handshake) return false;
+        if (type == TLSContentType::alert && record.majorVersion == 3) return true;
+        found.isOver = type != TLSContentType::handshake || record.majorVersion != 3;
+        if (found.isOver) return false;
         assembler.add(data.gather(record.bodyOffset, record.declaredLength, gathered), {record.bodyOffset, record.endOffset()}, messages);
         // A Hello Request belongs to no handshake (RFC 5246 §7.4.1.1), and lost bytes read as a crowd of them.
         std::erase_if(messages, [](const AssembledMessage& message) { return message.type == 0 && message.body.isEmpty(); });
-        return messages.size() < mostMessages;
+        found.isOver = messages.size() >= mostMessages;
+        return !found.isOver;
     });
-    return messages;
+    return found;
 }
 
 ReachConnection::~ReachConnection() = default;
@@ -174,7 +177,9 @@ void ReachConnection::findHellos()
     const AssembledMessage* whole[2] = {};
     for (const Direction direction : {Direction::clientToServer, Direction::serverToClient}) {
         const std::size_t index = indexOf(direction);
-        clearMessages_[index] = clearHandshake(stream_.data(direction));
+        ClearHandshake handshake = clearHandshake(stream_.data(direction));
+        clearMessages_[index] = std::move(handshake.messages);
+        isClearOver_[index] = handshake.isOver;
         const auto type = std::to_underlying(index == 0 ? TLSHandshakeType::clientHello : TLSHandshakeType::serverHello);
         const auto found = std::ranges::find(clearMessages_[index], type, &AssembledMessage::type);
         if (found == clearMessages_[index].end()) continue;
@@ -288,16 +293,33 @@ std::optional<SecretBytes> ReachConnection::lookForMasterSecret(const HandshakeP
     const auto found = foundMasterSecret(parameters, turn);
     if (!found) {
         // A session that is resumed has no certificate and no key exchange of its own.
-        if (turn != Turn::first || clearMessage(Direction::serverToClient, TLSHandshakeType::serverHelloDone)) return std::nullopt;
+        if (turn != Turn::first || !isClearOver_[indexOf(Direction::serverToClient)]) return std::nullopt;
+        if (clearMessage(Direction::serverToClient, TLSHandshakeType::serverHelloDone)) return std::nullopt;
         if (const auto byID = secrets_->memory->recall(parameters.sessionID)) return byID;
         return secrets_->memory->recall(parameters.ticket);
     }
-    if (turn != Turn::first) return found;
-    secrets_->memory->remember(parameters.sessionID, *found);
+    if (turn == Turn::first) rememberSession(parameters, *found);
+    return found;
+}
+
+void ReachConnection::rememberSession(const HandshakeParameters& parameters, const SecretBytes& secret) const
+{
+    secrets_->memory->remember(parameters.sessionID, secret);
     constexpr std::int64_t ticketAt = 6;  // behind lifetime and length (RFC 5077 §3.3)
     if (const auto* const message = clearMessage(Direction::serverToClient, TLSHandshakeType::newSessionTicket))
-        secrets_->memory->remember(message->body.view().from(ticketAt), *found);
-    return found;
+        secrets_->memory->remember(message->body.view().from(ticketAt), secret);
+}
+
+void ReachConnection::goOn(const TCPStream& stream)
+{
+    stream_ = stream;
+    const std::size_t server = indexOf(Direction::serverToClient);
+    if (isClearOver_[server]) return;
+    // A ticket is the last that the server says in the clear.
+    ClearHandshake handshake = clearHandshake(stream_.serverToClientData);
+    clearMessages_[server] = std::move(handshake.messages);
+    isClearOver_[server] = handshake.isOver;
+    if (parameters_ && firstMasterSecret_ && *firstMasterSecret_) rememberSession(*parameters_, **firstMasterSecret_);
 }
 
 const AssembledMessage* ReachConnection::clearMessage(Direction direction, TLSHandshakeType type) const

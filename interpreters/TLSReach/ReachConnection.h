@@ -38,7 +38,11 @@ struct HandshakeParameters {
 };
 
 /// The handshake messages that a direction begins with in the clear.
-std::vector<AssembledMessage> clearHandshake(const StreamData& data);
+struct ClearHandshake {
+    std::vector<AssembledMessage> messages;
+    bool isOver = false;  ///< whether what comes behind them is there too
+};
+ClearHandshake clearHandshake(const StreamData& data);
 
 /// One TLS connection of a stream: what its hellos settle, and the keys that the secrets at hand give. Used by one thread at a time.
 class ReachConnection {
@@ -52,7 +56,7 @@ public:
 
     const TCPStream& stream() const { return stream_; }
     /// The stream by now: what it was, and more behind it.
-    void goOn(const TCPStream& stream) { stream_ = stream; }
+    void goOn(const TCPStream& stream);
     const ReachSecrets& secrets() const { return *secrets_; }
     /// Of the first handshake; nothing when a hello is missing and nothing that is there makes up for it.
     const std::optional<HandshakeParameters>& parameters() const { return parameters_; }
@@ -89,6 +93,7 @@ private:
     std::optional<SecretBytes> foundMasterSecret(const HandshakeParameters& parameters, Turn turn) const;
     std::optional<SecretBytes> masterSecret(const HandshakeParameters& parameters, Turn turn) const;
     std::optional<SecretBytes> lookForMasterSecret(const HandshakeParameters& parameters, Turn turn) const;
+    void rememberSession(const HandshakeParameters& parameters, const SecretBytes& secret) const;
     const AssembledMessage* clearMessage(Direction direction, TLSHandshakeType type) const;
     std::optional<DataView> encryptedPremaster(const HandshakeParameters& parameters) const;
     std::optional<SecretBytes> premasterSecret(const HandshakeParameters& parameters) const;
@@ -98,6 +103,7 @@ private:
     TCPStream stream_;
     std::shared_ptr<const ReachSecrets> secrets_;
     std::array<std::vector<AssembledMessage>, 2> clearMessages_;  ///< of each direction, up to where encryption begins
+    std::array<bool, 2> isClearOver_{};                           ///< whether that was reached
     std::optional<ClientHelloInfo> clientHello_;
     std::optional<ServerHelloInfo> serverHello_;
     TLSDecryptionReport::Hello clientHelloState_ = TLSDecryptionReport::Hello::missing;

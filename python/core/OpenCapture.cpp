@@ -10,6 +10,7 @@
 #include "app/session/ExchangesInOrder.h"
 #include "app/session/InOrder.h"
 #include "app/session/PacketRowReader.h"
+#include "app/session/ResumedSessions.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -64,6 +65,7 @@ void StreamLines::messages(const Session& session, std::int64_t number, const Li
     const TCPStream stream = session.stream(number);
     const VELStreamInterpreting* const interpreter = session.plugIns().interpreter(stream);
     if (!interpreter) return;
+    if (interpreter->layer == StreamLayer::security) findResumedSession(session, stream);
     const StreamMessageVisitor visit = [&](StreamMessage& message) {
         std::string text;
         appendRecord(text, message);

@@ -219,6 +219,36 @@ TEST_F(Live, LooksIntoTunnelsWhileTheyAreOpen)
     }
 }
 
+// The secret of the first connection is the only one that is logged, before or after all has been said.
+TEST_F(Live, OpensSessionsThatAreResumed)
+{
+    const std::vector<TLSStep> steps{clientSends("GET / HTTP/1.1\r\nHost: h\r\n\r\n"),
+                                     serverSends("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nhi")};
+    for (const bool usesTickets : {true, false}) {
+        const TLSSession begun = runTLS({.version = 0x0303, .usesTickets = usesTickets}, steps);
+        const TLSSession resumed = runTLS({.version = 0x0303, .usesTickets = usesTickets, .resume = begun.resumption, .seed = 2}, steps);
+        ASSERT_TRUE(resumed.isResumed);
+        std::vector<PlannedSegment> segments;
+        for (const auto& [session, port] : {std::pair(&begun, 50'000), std::pair(&resumed, 50'001)}) {
+            TCPConversation connection({.client = endpoint("192.0.2.1", static_cast<std::uint16_t>(port))});
+            connection.open();
+            connection.send(session->flights);
+            segments.insert(segments.end(), connection.segments.begin(), connection.segments.end());
+        }
+        const std::string file = directory.write("resumed.pcap", pcapFile(packets(segments)));
+        const std::string keyLog = directory.write("keys.txt", begun.keyLog);
+        const Lines expected = whole(file, keyLog);
+        ASSERT_EQ(expected.size(), 2);
+        EXPECT_EQ(follow(file, {.keyLogs = {keyLog}}, 1).lines, expected) << usesTickets;
+        const std::string late = directory.write("late.txt", "");
+        const auto write = [&] {
+            directory.write("late.txt", begun.keyLog);
+            std::this_thread::sleep_for(std::chrono::milliseconds(60));
+        };
+        EXPECT_EQ(follow(file, {.keyLogs = {late}}, 1, write).lines, expected) << usesTickets;
+    }
+}
+
 TEST_F(Live, GoesOnBehindLostPackets)
 {
     std::vector<PlannedSegment> segments = manyRequests(200, false);

@@ -8,6 +8,7 @@
 #include "app/desktop/models/FilterTerms.h"
 #include "app/desktop/models/MessageMark.h"
 #include "app/records/StreamFacts.h"
+#include "app/session/ResumedSessions.h"
 #include "app/verdict/StreamVerdict.h"
 #include "host/VELModels/VELStreamInterpreting.h"
 
@@ -69,6 +70,7 @@ void MessagesModel::show(std::shared_ptr<const Session> session, qint64 stream)
             if (!interpreter) {
                 found.problem = reader.say("stream {}: no plug-in recognises what was said in this connection", name);
             } else {
+                if (interpreter->layer == StreamLayer::security) findResumedSession(*session, tcp);
                 Batches<StreamMessage> batches(context, [this](std::vector<StreamMessage> batch) { append(std::move(batch)); });
                 std::int64_t count = 0;
                 const StreamMessageVisitor take = [&](StreamMessage& message) {

@@ -76,6 +76,17 @@ protected:
     QString told;
 };
 
+// Of two connections the second resumes the first one's session, and has no secret of its own.
+TEST_F(ConversationViewTest, ShowsASessionThatIsResumed)
+{
+    const QString folder = sourceFile("tests/captures/openssl-tls12-resumption/");
+    std::string secrets(readFile(folder.toStdString() + "keylog.txt").view().text());
+    secrets.erase(secrets.rfind("CLIENT_RANDOM"));
+    ASSERT_TRUE(opens(document, {folder + QStringLiteral("capture.pcap")}, {QString::fromStdString(directory.write("first.txt", secrets))}));
+    follow(1);
+    choose("Decrypted Application Data");
+}
+
 TEST_F(ConversationViewTest, ShowsWhoSaidWhatAndWhatAnswersWhat)
 {
     follow(0);

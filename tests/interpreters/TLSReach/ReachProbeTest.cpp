@@ -176,7 +176,7 @@ TEST(ReachProbe, OpensWithTheServersKey)
     EXPECT_EQ(probeWithKeys({*other})->report(stream, ReportDepth::opened)->plaintextBytes(), 0);
 
     // What a key decrypts may stand in a key log as well.
-    for (const AssembledMessage& message : clearHandshake(stream.clientToServerData)) {
+    for (const AssembledMessage& message : clearHandshake(stream.clientToServerData).messages) {
         if (message.type != 16) continue;
         const Data exchange = message.body.sub(2, message.body.size() - 2);
         const auto premaster = key->decrypt(exchange);
