@@ -87,9 +87,33 @@ bool BulkDecryptor::decryptBlocks(DataView iv, const ScatteredView& ciphertext, 
     return EVP_DecryptInit_ex2(context_.get(), nullptr, nullptr, iv.data(), nullptr) == 1 && update(ciphertext, plaintext);
 }
 
+std::vector<BulkDecryptor::Place>::const_iterator BulkDecryptor::placeBefore(std::int64_t position) const
+{
+    const auto behind = std::ranges::upper_bound(places_, position, {}, &Place::position);
+    return behind == places_.begin() ? places_.end() : std::prev(behind);
+}
+
+void BulkDecryptor::keepPlace()
+{
+    if (position_ < (places_.empty() ? 0 : places_.back().position) + betweenPlaces) return;
+    Place place{position_, Context(EVP_CIPHER_CTX_new())};
+    if (place.context && EVP_CIPHER_CTX_copy(place.context.get(), context_.get()) == 1) places_.push_back(std::move(place));
+}
+
+std::int64_t BulkDecryptor::costOfMoving(std::int64_t position) const
+{
+    const auto place = placeBefore(position);
+    const std::int64_t fromPlace = position - (place == places_.end() ? 0 : place->position);
+    return position >= position_ ? std::min(position - position_, fromPlace) : fromPlace;
+}
+
 bool BulkDecryptor::moveTo(std::int64_t position)
 {
-    if (position < position_) {
+    const auto place = placeBefore(position);
+    if (place != places_.end() && (position < position_ || place->position > position_)) {
+        if (EVP_CIPHER_CTX_copy(context_.get(), place->context.get()) != 1) return false;
+        position_ = place->position;
+    } else if (position < position_) {
         if (EVP_DecryptInit_ex2(context_.get(), nullptr, key_.data(), nullptr, nullptr) != 1) return false;
         position_ = 0;
     }
@@ -99,6 +123,7 @@ bool BulkDecryptor::moveTo(std::int64_t position)
         int written = 0;
         if (EVP_DecryptUpdate(context_.get(), skipped.data(), &written, skipped.data(), now) != 1) return false;
         position_ += now;
+        keepPlace();
     }
     return true;
 }
@@ -107,6 +132,7 @@ bool BulkDecryptor::decryptStream(std::int64_t position, const ScatteredView& ci
 {
     if (!isUsable_ || !moveTo(position) || !update(ciphertext, plaintext)) return false;
     position_ += ciphertext.size();
+    keepPlace();
     return true;
 }
 

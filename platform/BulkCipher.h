@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <vector>
 
 struct evp_cipher_ctx_st;
 
@@ -34,24 +35,36 @@ public:
     /// Decrypts whole blocks in CBC mode into `plaintext`, which has room for as many bytes; padding stays. False for a length
     /// that is no multiple of the block's.
     [[nodiscard]] bool decryptBlocks(DataView iv, const ScatteredView& ciphertext, std::uint8_t* plaintext);
-    /// Decrypts what stands at `position` in all that a stream cipher's key encrypted. To go on from the last call costs nothing,
-    /// to step forward as much as to decrypt what lies between, and to step back as much as to begin anew.
+    /// Decrypts what stands at `position` in all that a stream cipher's key encrypted. To go on from the last call costs nothing, to
+    /// step elsewhere as much as to decrypt what lies between a place before it and it: the start, where it is, and those every
+    /// `betweenPlaces` bytes that it has passed.
     [[nodiscard]] bool decryptStream(std::int64_t position, const ScatteredView& ciphertext, std::uint8_t* plaintext);
     /// What the next call for a position costs before it decrypts anything: bytes of key stream.
-    std::int64_t costOfMoving(std::int64_t position) const { return position >= position_ ? position - position_ : position; }
+    std::int64_t costOfMoving(std::int64_t position) const;
 
 private:
     struct Free {
         void operator()(evp_cipher_ctx_st* context) const;
     };
+    using Context = std::unique_ptr<evp_cipher_ctx_st, Free>;
+    struct Place {
+        std::int64_t position = 0;
+        Context context;
+    };
+    static constexpr std::int64_t betweenPlaces = 1 << 20;
+
+    /// The last place that was kept before a position, or the end.
+    std::vector<Place>::const_iterator placeBefore(std::int64_t position) const;
+    void keepPlace();
     bool moveTo(std::int64_t position);
     bool update(const ScatteredView& ciphertext, std::uint8_t* plaintext);
 
     BulkAlgorithm algorithm_;
-    std::unique_ptr<evp_cipher_ctx_st, Free> context_;
+    Context context_;
     SecretBytes key_;
     bool isUsable_ = false;
     std::int64_t position_ = 0;
+    std::vector<Place> places_;  ///< in ascending order
 };
 
 /// Opens messages in CCM mode with AES (RFC 3610, NIST SP 800-38C) and a nonce of 12 bytes. Used by one thread at a time.

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "app/session/Exchanges.h"
+#include "app/session/ExchangesAhead.h"
 #include "app/session/InOrder.h"
 #include "app/session/Session.h"
 
@@ -29,30 +30,28 @@ void exchangesInOrder(const Session& session, const std::vector<std::int64_t>& s
         TCPStream stream;
         std::vector<std::pair<double, Made>> made;  ///< the first, with their times
         std::size_t next = 0;
-        std::unique_ptr<StreamExchangeReader> reader;  ///< gives those behind
+        std::unique_ptr<ExchangesAhead> ahead;  ///< gives those behind
         std::optional<double> time() const
         {
             if (next < made.size()) return made[next].first;
-            return reader ? reader->nextTime() : std::nullopt;
+            return ahead ? ahead->nextTime() : std::nullopt;
         }
-    };
-    const auto makeNext = [&](OfStream& found, Exchange& exchange) {
-        found.reader->next(exchange);
-        return make(found.stream, exchange);
     };
     const auto find = [&](std::int64_t number) {
         auto found = std::make_unique<OfStream>();
         found->number = number;
         found->stream = session.stream(number);
-        found->reader = applicationExchanges(session, found->stream);
+        auto reader = applicationExchanges(session, found->stream);
+        if (!reader) return found;
         Exchange exchange;
-        while (const auto time = found->time()) {
-            if (found->made.size() == madeAtOnce) break;
-            ++found->next;  // while they are being made the reader's are the next
-            found->made.emplace_back(*time, makeNext(*found, exchange));
+        while (const auto time = reader->nextTime()) {
+            if (found->made.size() == madeAtOnce) {
+                found->ahead = std::make_unique<ExchangesAhead>(std::move(reader));
+                break;
+            }
+            reader->next(exchange);
+            found->made.emplace_back(*time, make(found->stream, exchange));
         }
-        if (!found->time()) found->reader.reset();
-        found->next = 0;
         return found;
     };
 
@@ -61,7 +60,6 @@ void exchangesInOrder(const Session& session, const std::vector<std::int64_t>& s
     };
     std::vector<std::unique_ptr<OfStream>> waiting;  // a heap, the one whose next exchange is the earliest on top
     bool isWanted = true;
-    Exchange made;
     const auto handOutBefore = [&](double time) {
         while (isWanted && !waiting.empty() && *waiting.front()->time() < time) {
             std::ranges::pop_heap(waiting, isLater);
@@ -69,7 +67,7 @@ void exchangesInOrder(const Session& session, const std::vector<std::int64_t>& s
             if (first.next < first.made.size())
                 isWanted = take(std::move(first.made[first.next++].second));
             else
-                isWanted = take(makeNext(first, made));
+                isWanted = take(make(first.stream, first.ahead->next()));
             if (first.time())
                 std::ranges::push_heap(waiting, isLater);
             else

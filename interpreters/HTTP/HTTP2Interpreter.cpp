@@ -8,6 +8,7 @@
 #include "interpreters/HTTP/HTTP2Direction.h"
 #include "interpreters/HTTP/HTTPMessage.h"
 #include "interpreters/HTTP/MessageText.h"
+#include "platform/SideBySide.h"
 
 #include <absl/container/flat_hash_set.h>
 #include <algorithm>
@@ -407,7 +408,15 @@ public:
           client_(stream, Direction::clientToServer, isWhole_ ? HTTP2Direction::Start::whole : HTTP2Direction::Start::missing),
           server_(stream, Direction::serverToClient, isWhole_ ? HTTP2Direction::Start::whole : HTTP2Direction::Start::missing)
     {
-        for (HTTP2Direction* direction : {&client_, &server_}) direction->goOn(stream, StreamExtent::whole);
+        constexpr std::int64_t worthAThread = 250'000;
+        const auto readClient = [&] { client_.goOn(stream, StreamExtent::whole); };
+        const auto readServer = [&] { server_.goOn(stream, StreamExtent::whole); };
+        if (std::min(stream.clientToServerData.size(), stream.serverToClientData.size()) >= worthAThread) {
+            sideBySide(readClient, readServer);
+        } else {
+            readClient();
+            readServer();
+        }
         isSwapped_ = isWhole_ ? !isClientAsking_ : answers(client_) && !answers(server_);
     }
     HTTP2Direction& asking() { return isSwapped_ ? server_ : client_; }

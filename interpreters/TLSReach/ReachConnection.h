@@ -58,6 +58,7 @@ public:
     /// The stream by now: what it was, and more behind it.
     void goOn(const TCPStream& stream);
     const ReachSecrets& secrets() const { return *secrets_; }
+    const std::shared_ptr<const ReachSecrets>& sharedSecrets() const { return secrets_; }
     /// Of the first handshake; nothing when a hello is missing and nothing that is there makes up for it.
     const std::optional<HandshakeParameters>& parameters() const { return parameters_; }
     const std::optional<ClientHelloInfo>& clientHello() const { return clientHello_; }

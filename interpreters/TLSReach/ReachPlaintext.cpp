@@ -42,6 +42,7 @@ void ReachPlaintext::add(std::int64_t count, ByteRange body, const Key& key)
         runs_.push_back({.begin = size_,
                          .body = body.lower,
                          .sequence = key.sequence,
+                         .offsetUnderKey = key.offset,
                          .first = records_.size(),
                          .block = block,
                          .opener = static_cast<std::uint32_t>(openers_.size() - 1)});
@@ -125,13 +126,20 @@ ReachPlaintext::Bytes ReachPlaintext::opened(std::uint32_t number) const
     Bytes bytes = std::make_shared_for_overwrite<std::uint8_t[]>(static_cast<std::size_t>(size + (1 << 16)));
     std::uint8_t* next = bytes.get();
     std::vector<DataView> stretches;
+    // The last block of a record and a MAC behind it are the most that the next one needs of it.
+    std::array<std::uint8_t, 64> before;
     for (std::size_t i = block.firstRun; i < runs_.size() && runs_[i].block == number && !runs_[i].isHole; ++i) {
         const Run& run = runs_[i];
         std::int64_t at = run.body;
         for (std::uint32_t position = 0; position < run.count; ++position) {
             const Record& record = records_[run.first + position];
-            ProtectedRecord sealed;
-            captured_.copy(at - TLSRecord::headerLength, sealed.header);
+            const std::int64_t header = at - TLSRecord::headerLength;
+            const std::int64_t count = std::min<std::int64_t>(header, before.size());
+            captured_.copy(header - count, std::span(before).first(static_cast<std::size_t>(count)));
+            // A record whose predecessor did not authenticate was not readable.
+            ProtectedRecord sealed{
+                .bytesBefore = {before.data(), count}, .followsAuthentic = true, .offsetUnderKey = run.offsetUnderKey + (at - run.body)};
+            captured_.copy(header, sealed.header);
             captured_.findStretches(at, record.body, stretches);
             sealed.body = ScatteredView(stretches);
             const auto content = openers_[run.opener]->open(run.sequence + position, sealed, next);

@@ -29,6 +29,7 @@ public:
     struct Key {
         std::shared_ptr<RecordOpener> opener;
         std::uint64_t sequence = 0;
+        std::int64_t offset = 0;  ///< as `ProtectedRecord::offsetUnderKey`
     };
 
     /// Room for the next record's plaintext: `count` bytes, no more than `blockSize`.
@@ -65,7 +66,8 @@ private:
         std::int64_t begin = 0;  ///< in the plaintext
         std::int64_t body = 0;   ///< where the first record's body begins in the captured data
         std::uint64_t sequence = 0;
-        std::size_t first = 0;  ///< of its records
+        std::int64_t offsetUnderKey = 0;  ///< of that body
+        std::size_t first = 0;            ///< of its records
         std::uint32_t count = 0;
         std::uint32_t block = 0;
         std::uint32_t opener = 0;

@@ -8,6 +8,7 @@
 #include "interpreters/TLSReach/ReachPlaintext.h"
 #include "interpreters/TLSReach/ReachTally.h"
 #include "interpreters/TLSReach/ReachWalk.h"
+#include "platform/SideBySide.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -94,7 +95,8 @@ OpenedDirection openedDirection(ReachConnection& connection, Direction direction
             std::ranges::copy(content, plaintext->room(PlaintextReader::largestRecord));
         }
         if (walk.isApplicationData())
-            plaintext->add(walk.content().size(), {walk.record().bodyOffset, walk.record().endOffset()}, {walk.opener(), walk.sequence()});
+            plaintext->add(walk.content().size(), {walk.record().bodyOffset, walk.record().endOffset()},
+                           {walk.opener(), walk.sequence(), walk.offsetUnderKey()});
         for (const AssembledMessage& message : walk.messages()) {
             opened.handshake.push_back(
                 ReachMessages::message(message, isTLS13 ? ReachMessages::Form::TLS13 : ReachMessages::Form::upToTLS12, direction, stream));
@@ -176,8 +178,22 @@ void markDecrypted(StreamMessage& message)
 /// Both directions of a connection, opened.
 struct OpenedStream {
     explicit OpenedStream(ReachConnection& connection)
-        : client(openedDirection(connection, Direction::clientToServer)), server(openedDirection(connection, Direction::serverToClient))
-    {}
+    {
+        // A connection is used by one thread.
+        constexpr std::int64_t worthAThread = 500'000;
+        const TCPStream& stream = connection.stream();
+        std::optional<ReachConnection> other;
+        if (std::min(stream.clientToServerData.size(), stream.serverToClientData.size()) >= worthAThread)
+            other.emplace(stream, connection.sharedSecrets());
+        const auto openClient = [&] { client = openedDirection(connection, Direction::clientToServer); };
+        const auto openServer = [&] { server = openedDirection(other ? *other : connection, Direction::serverToClient); };
+        if (other) {
+            sideBySide(openClient, openServer);
+        } else {
+            openClient();
+            openServer();
+        }
+    }
     bool hasPlaintext() const { return client.plaintext->openedBytes() > 0 || server.plaintext->openedBytes() > 0; }
     /// A handshake alone does not stand in for data that stay closed.
     bool isOpen() const

@@ -385,7 +385,7 @@ bool ReachWalk::tryRecord(std::uint8_t* target)
                                       static_cast<std::uint8_t>(record_.declaredLength)},
                            .body = ScatteredView(stretches_),
                            .followsAuthentic = authenticEnd_ == record_.recordOffset,
-                           .offsetUnderKey = record_.bodyOffset - keyStart_};
+                           .offsetUnderKey = offsetUnderKey()};
     // A record without an IV of its own has that of the one before, which ends in it.
     const auto& parameters = *connection_.parameters();
     if (!isTLS13_ && recordVersion_ <= 0x0301 && parameters.suite->protection == RecordProtection::cbc) {

@@ -47,6 +47,7 @@ public:
     // What opened it, of a record of application data.
     const std::shared_ptr<RecordOpener>& opener() const { return current_; }
     std::uint64_t sequence() const { return sequence_ - 1; }
+    std::int64_t offsetUnderKey() const { return record_.bodyOffset - keyStart_; }
     /// What was stepped over in front of it; after the last one, what is left. Where records can be padded the length of their content
     /// counts as exact when none was that opened.
     const std::optional<PlaintextGap>& gap() const { return gap_; }

@@ -107,6 +107,7 @@ public:
         const std::int64_t position = positionOf(sequence, record);
         return cipher_ && position >= 0 ? cipher_->costOfMoving(position) : 0;
     }
+    bool canOpenAgain() const override { return true; }
     std::int64_t smallestBody() const override { return mac_.length(); }
     ContentLength contentLength(std::int64_t bodyLength) const override
     {
@@ -179,7 +180,7 @@ public:
             return std::nullopt;
         return OpenedRecord{record.type(), length};
     }
-    bool canOpenAgain() const override { return hasExplicitIV(); }
+    bool canOpenAgain() const override { return true; }
     std::int64_t smallestBody() const override { return (hasExplicitIV() ? block_ : 0) + std::max(block_, mac_.length()); }
     ContentLength contentLength(std::int64_t bodyLength) const override
     {

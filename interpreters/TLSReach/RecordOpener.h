@@ -47,7 +47,7 @@ public:
     virtual std::int64_t openingsToSay() const { return 0; }
     /// Bytes that have to be gone through for an attempt, beyond the record's own.
     virtual std::int64_t extraCost(std::uint64_t, const ProtectedRecord&) const { return 0; }
-    /// Whether a record needs no more than its own bytes and its number, whichever were opened before it.
+    /// Whether a record opens whichever were opened before it.
     virtual bool canOpenAgain() const { return false; }
     /// The fewest bytes that a body has.
     virtual std::int64_t smallestBody() const = 0;
