@@ -12,7 +12,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -37,14 +36,14 @@ public:
     {
         if (!isMeasuring_) publish();
         reader.readAll([&] { return BatchRows(*this); },
-                       [&](BatchRows& made, const SegmentBatch&) {
-                           if (made.count == 0) return output_.isOpen();
+                       [&](BatchRows& made, const SegmentBatch& batch) {
                            if (made.before && *made.before == format_->layout()) {
                                format_->adopt(made.format->layout());
                            } else {
                                made.text.clear();
-                               for (PacketRow& row : made.rows()) append(made.text, row);
+                               made.forEachRow(batch, [&](PacketRow& row) { append(made.text, row); });
                            }
+                           if (made.text.empty()) return output_.isOpen();
                            if (!isMeasuring_) publish();
                            output_.write(made.text);
                            return output_.isOpen();
@@ -55,29 +54,30 @@ public:
     }
 
 private:
-    /// The rows of a batch, and as text when the layout is known.
+    /// The rows of a batch as text, when the layout is known.
     struct BatchRows {
         explicit BatchRows(RowPrinter& owner) : printer(owner), format(owner.format_->clone()) {}
         void operator()(const SegmentBatch& batch)
         {
-            count = 0;
-            for (const CapturedSegment& segment : batch) {
-                if (count == all.size()) all.emplace_back();
-                count += makeRow(printer.analyzers_, segment, all[count]);
-            }
-            if (count == 0) return;
+            text.clear();
             before = printer.published();
             if (!before) return;
             format->adopt(*before);
-            text.clear();
-            for (const PacketRow& row : rows()) format->append(text, row);
+            forEachRow(batch, [&](const PacketRow& made) { format->append(text, made); });
         }
-        std::span<PacketRow> rows() { return std::span(all).first(count); }
+        /// Each is told as soon as it is made, while what it shows is in the caches.
+        template <class Tell> void forEachRow(const SegmentBatch& batch, const Tell& tell)
+        {
+            constexpr std::ptrdiff_t ahead = 8;  // what was read to find the segments has left the first caches since
+            for (const CapturedSegment& segment : batch) {
+                if (batch.end() - &segment > ahead) __builtin_prefetch((&segment + ahead)->tcp.payload.data());
+                if (makeRow(printer.analyzers_, segment, row)) tell(row);
+            }
+        }
 
         RowPrinter& printer;
         std::unique_ptr<PacketRowFormat> format;
-        std::vector<PacketRow> all;  // stays as long as it once was
-        std::size_t count = 0;
+        PacketRow row;
         std::optional<PacketRowFormat::Layout> before;
         std::string text;
     };

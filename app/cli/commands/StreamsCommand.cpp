@@ -106,9 +106,16 @@ ExitStatus runStreams(const CommandContext& context)
     const StreamVerdicts verdicts(*session);
 
     StreamTable table(context.terminal);
-    constexpr std::size_t measured = 1'000;
-    if (!context.options.json)
-        for (std::size_t i = 0; i < std::min(measured, streams.size()); ++i) table.measure(session->summary(streams[i]));
+    constexpr std::ptrdiff_t measured = 1'000;
+    if (!context.options.json) {
+        const std::vector<std::int64_t> first(streams.begin(), streams.begin() + std::min(measured, std::ssize(streams)));
+        const auto packets = [&](std::int64_t number) { return session->packets(number) * usualPayload; };
+        const auto summary = [&](std::int64_t number) { return session->summary(number); };
+        inOrder(first, packets, summary, [&](const StreamSummary& each) {
+            table.measure(each);
+            return !isInterrupted();
+        });
+    }
 
     const auto look = [&](std::int64_t number) {
         if (context.options.json) {
