@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <climits>
+#include <mutex>
 #include <openssl/evp.h>
 #include <span>
 #include <vector>
@@ -32,21 +33,22 @@ constexpr CipherEntry entries[] = {
 
 const EVP_CIPHER* cipherFor(BulkAlgorithm algorithm, std::int64_t keySize)
 {
-    static const auto fetched = [] {
-        std::array<const EVP_CIPHER*, std::size(entries)> ciphers{};
-        std::ranges::transform(entries, ciphers.begin(), [](const CipherEntry& entry) {
-            return EVP_CIPHER_fetch(entry.isLegacy ? CryptoLibrary::legacyContext() : nullptr, entry.name, nullptr);
+    static std::array<std::once_flag, std::size(entries)> once;
+    static std::array<const EVP_CIPHER*, std::size(entries)> fetched{};
+    for (std::size_t i = 0; i < std::size(entries); ++i) {
+        const CipherEntry& entry = entries[i];
+        if (entry.algorithm != algorithm || entry.keySize != keySize) continue;
+        std::call_once(once[i], [&] {
+            fetched[i] = EVP_CIPHER_fetch(entry.isLegacy ? CryptoLibrary::legacyContext() : nullptr, entry.name, nullptr);
         });
-        return ciphers;
-    }();
-    for (std::size_t i = 0; i < std::size(entries); ++i)
-        if (entries[i].algorithm == algorithm && entries[i].keySize == keySize) return fetched[i];
+        return fetched[i];
+    }
     return nullptr;
 }
 
 }  // namespace
 
-void loadBulkCiphers() { (void)cipherFor(BulkAlgorithm::aesCBC, 16); }
+void loadBulkCiphers() { (void)CryptoLibrary::legacyContext(); }
 
 std::int64_t blockSize(BulkAlgorithm algorithm)
 {

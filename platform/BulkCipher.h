@@ -18,7 +18,8 @@ namespace sealscope SEALSCOPE_API {
 /// Ciphers that do not authenticate what they protect, those that nobody should use any more among them.
 enum class BulkAlgorithm : std::uint8_t { aesCBC, camelliaCBC, ariaCBC, seedCBC, ideaCBC, desCBC, tripleDESCBC, rc4 };
 
-/// Loads the ciphers now, for a process that may open no files later. Who does not call it loads them when one is first wanted.
+/// Opens the files that hold ciphers now, for a process that may open none later. Who does not call it opens them when one of those is
+/// first wanted.
 void loadBulkCiphers();
 
 /// Bytes of a block; 1 for a stream cipher.

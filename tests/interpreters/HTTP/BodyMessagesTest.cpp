@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "interpreters/HTTP/HTTP1Interpreter.h"
 #include "interpreters/HTTP/HTTP2Interpreter.h"
+#include "interpreters/HTTP/ProtobufFields.h"
 
 #include "harness/HTTP2Writer.h"
 #include "tests/interpreters/HTTP/HTTPTranscript.h"
@@ -39,6 +40,29 @@ TEST(BodyMessages, ShowsTheMessagesOfACall)
                     "gRPC message /p.S/Call (7 bytes) \"cut\" [Message incomplete: 4 of its 7 bytes are missing]\n");
     EXPECT_EQ(result.pairings->at(0).summary, "POST /p.S/Call → 200 (application/grpc, 42 bytes, gRPC status 5 not there, 1 ms)");
     EXPECT_EQ(result.messages.at(1).attribute("protocol") ? displayText(*result.messages.at(1).attribute("protocol")) : "", "gRPC");
+}
+
+TEST(BodyMessages, ShowEveryWireTypeAndNothingOfOtherBytes)
+{
+    const std::pair<const char*, const char*> cases[] = {
+        {"", ""},
+        {"0d0000803f 1100000000000000c0", "1 (32 bits): 1065353216 or 1; 2 (64 bits): 13835058055282163712 or -2; "},
+        {"0b 1005 1b 2001 1c 0c 2801", "1 (group): ; 1.2 (varint): 5; 1.3 (group): ; 1.3.4 (varint): 1; 5 (varint): 1; "},
+        {"0a 03 0b0c00", "1 (length-delimited): 3 bytes; "},  // a zero is no field
+        {"0b 1005", nullptr},                                  // a group without an end
+        {"0b 1005 14", nullptr},                               // with another's
+        {"0c", nullptr},
+        {"0a 05 6162", nullptr},
+        {"08 ffffffffffffffffffff01", nullptr},
+        {"0e 00", nullptr},
+        {"00 00", nullptr},
+    };
+    for (const auto& [bytes, expected] : cases) {
+        std::string text;
+        for (const DetailRow& row : ProtobufFields::rows(hex(bytes)))
+            text += (row.name.starts_with("Field ") ? row.name.substr(6) : row.name) + ": " + row.value + "; ";
+        EXPECT_EQ(text, expected ? expected : "Fields unknown: it is no protocol buffers message; ") << bytes;
+    }
 }
 
 // The examples of the HTML standard, §9.2.6.
