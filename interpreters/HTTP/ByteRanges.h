@@ -32,6 +32,33 @@ public:
         total_ += range.size();
     }
 
+    /// The same without what it takes to know where the bytes in front of a place lie, which nobody looks at any more: these stand in one
+    /// piece right before the range that has the place.
+    ByteRanges forgotten(std::int64_t place) const
+    {
+        ByteRanges kept;
+        std::int64_t passed = 0;
+        forEach([&](ByteRange range) {
+            const bool isBefore = passed + range.size() <= place && range.upper != last_.upper;
+            if (!isBefore && kept.isEmpty()) range.lower -= passed;
+            passed += range.size();
+            if (!isBefore) kept.append(range);
+            return true;
+        });
+        return kept;
+    }
+    /// Where a place in them lies, or what would follow the last.
+    std::int64_t positionOf(std::int64_t place) const
+    {
+        std::int64_t found = last_.upper;
+        forEach([&](ByteRange range) {
+            if (place < range.size()) found = range.lower + place;
+            place -= range.size();
+            return place >= 0;
+        });
+        return found;
+    }
+
     /// Bytes in all.
     std::int64_t size() const { return total_; }
     bool isEmpty() const { return total_ == 0; }

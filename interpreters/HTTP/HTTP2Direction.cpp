@@ -53,8 +53,12 @@ void HTTP2Direction::goOn(const TCPStream& stream, StreamExtent extent)
 std::int64_t HTTP2Direction::neededFrom() const
 {
     std::int64_t from = offset_;
-    for (const HTTP2Half& half : halves_)
-        if (!half.frames.isEmpty()) from = std::min(from, half.frames.bounds().lower);
+    for (const HTTP2Half& half : halves_) {
+        if (half.neededFrom)
+            from = std::min(from, *half.neededFrom);
+        else if (!half.frames.isEmpty())
+            from = std::min(from, half.frames.bounds().lower);
+    }
     return from;
 }
 

@@ -35,6 +35,7 @@ struct HTTP2Half {
     ByteRanges frames;  ///< its frames whole
     bool isEnded = false;
     std::optional<std::uint32_t> resetCode;  ///< with which this side ended the stream early
+    std::optional<std::int64_t> neededFrom;  ///< of a tunnel: where its data begin that are not done with, in place of its frames
 };
 
 /// A header block while its frames are being read.
@@ -62,6 +63,8 @@ public:
     std::int64_t neededFrom() const;
 
     TCPSegment::Direction direction() const { return direction_; }
+    /// As far as it has read.
+    std::int64_t offset() const { return offset_; }
     /// In the order of their first frames.
     std::deque<HTTP2Half>& halves() { return halves_; }
     /// What was sent on a stream, or null.

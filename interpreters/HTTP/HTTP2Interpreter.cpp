@@ -3,6 +3,7 @@
 
 #include "interpreters/HTTP/BodyMessages.h"
 #include "interpreters/HTTP/Carried.h"
+#include "interpreters/HTTP/CarriedStream.h"
 #include "interpreters/HTTP/Conversation.h"
 #include "interpreters/HTTP/HTTP1Interpreter.h"
 #include "interpreters/HTTP/HTTP2Direction.h"
@@ -14,6 +15,8 @@
 #include <algorithm>
 #include <charconv>
 #include <fmt/format.h>
+#include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -94,6 +97,9 @@ std::size_t finalHead(const HTTP2Half& half)
 bool hasRequest(const HTTP2Half& half) { return !half.blocks.empty() || !half.data.isEmpty(); }
 bool hasReply(const HTTP2Half& half, std::size_t head) { return head < half.blocks.size() || !half.data.isEmpty(); }
 
+/// What is read in the tunnels of a connection that goes on, by their streams. Null where nothing of it is an exchange.
+using HTTP2Tunnels = std::map<std::uint32_t, std::unique_ptr<StreamFollowing>>;
+
 /// Makes messages of what two directions sent.
 class HTTP2Reading {
 public:
@@ -101,13 +107,17 @@ public:
         : stream_(stream), context_(context), asking_(asking), answering_(answering)
     {}
 
-    /// All of it.
-    StreamInterpretation read()
+    /// All of it, but what was told of tunnels that have been followed.
+    StreamInterpretation read(HTTP2Tunnels tunnels = {})
     {
         conversation_.reserve(asking_.halves().size() + answering_.halves().size());
         for (const HTTP2Direction* direction : {&asking_, &answering_}) readConnection(*direction);
+        for (auto& [number, inner] : tunnels) {
+            followTunnel(number, inner.get(), StreamExtent::whole);
+            answered_.insert(number);
+        }
         for (HTTP2Half& half : asking_.halves())
-            if (hasRequest(half)) readExchange(half, answering_.half(half.stream));
+            if (hasRequest(half) && !tunnels.contains(half.stream)) readExchange(half, answering_.half(half.stream));
         // A promise may come behind what it promises, whose reply it is all the same.
         for (HTTP2Half& half : answering_.halves())
             if (half.promisedOn) readExchange(half, answering_.half(half.stream & 0x7FFF'FFFF));
@@ -116,8 +126,8 @@ public:
         return conversation_.finish();
     }
 
-    /// The streams of which nothing more is to come, which are taken away from both directions.
-    StreamInterpretation takeFinished()
+    /// The streams of which nothing more is to come, which are taken away from both directions, and what tunnels have said since.
+    StreamInterpretation takeFinished(HTTP2Tunnels& tunnels)
     {
         for (HTTP2Direction* direction : {&asking_, &answering_}) {
             readConnection(*direction);
@@ -127,9 +137,12 @@ public:
         enum class Opening : std::uint8_t { request, promise };
         const auto takeExchanges = [&](HTTP2Direction& direction, Opening opening) {
             for (HTTP2Half& half : direction.halves()) {
-                if (half.promisedOn.has_value() != (opening == Opening::promise)) continue;
+                if (half.promisedOn.has_value() != (opening == Opening::promise) || tunnels.contains(half.stream)) continue;
                 HTTP2Half* const answer = answering_.half(half.stream & 0x7FFF'FFFF);
-                if (!isFinished(half, answer)) continue;
+                if (!isFinished(half, answer)) {
+                    if (answer && isTunnel(half, *answer)) tunnels.emplace(half.stream, beginTunnel(half, *answer));
+                    continue;
+                }
                 // A reset may come when everything has been said.
                 if (hasRequest(half)) readExchange(half, answer);
                 finished.insert(half.stream);
@@ -138,6 +151,14 @@ public:
         };
         takeExchanges(asking_, Opening::request);
         takeExchanges(answering_, Opening::promise);
+        for (auto tunnel = tunnels.begin(); tunnel != tunnels.end();) {
+            const auto& [number, inner] = *tunnel;
+            const HTTP2Half* const asked = asking_.half(number);
+            const bool isOver = !asked || isFinished(*asked, answering_.half(number));
+            followTunnel(number, inner.get(), isOver ? StreamExtent::whole : StreamExtent::growing);
+            if (isOver) finished.insert(number);
+            tunnel = isOver ? tunnels.erase(tunnel) : std::next(tunnel);
+        }
         for (HTTP2Half& half : answering_.halves()) {
             if (half.promisedOn || finished.contains(half.stream) || asking_.half(half.stream)) continue;
             const bool isReply = !half.blocks.empty() && pseudoField(half.blocks.front(), ":status");
@@ -197,6 +218,53 @@ private:
     {
         const bool isReset = asked.resetCode || (answer && answer->resetCode);
         return isReset || ((asked.isEnded || asked.promisedOn) && answer && answer->isEnded);
+    }
+
+    /// Whether a stream has become a tunnel (RFC 9113 §8.5, RFC 8441).
+    static bool isTunnel(const HTTP2Half& asked, const HTTP2Half& answer)
+    {
+        if (asked.blocks.empty() || pseudoField(asked.blocks.front(), ":method") != "CONNECT") return false;
+        const std::size_t head = finalHead(answer);
+        const auto status = head < answer.blocks.size() ? pseudoField(answer.blocks[head], ":status") : std::nullopt;
+        return status && number(*status) / 100 == 2;
+    }
+
+    /// Tells what opened the tunnel, of whose end nothing is known yet, and gives who reads what is in it.
+    std::unique_ptr<StreamFollowing> beginTunnel(HTTP2Half& asked, HTTP2Half& answer)
+    {
+        const ByteRanges askedData = std::exchange(asked.data, {}), answeredData = std::exchange(answer.data, {});
+        const bool wasAskedEnded = std::exchange(asked.isEnded, true), wasAnswerEnded = std::exchange(answer.isEnded, true);
+        const auto connect = pseudoField(asked.blocks.front(), ":protocol");
+        const Carried carried{.protocol = connect ? std::optional(std::string(*connect)) : std::nullopt, .streamId = asked.stream};
+        readExchange(asked, &answer);
+        asked.isEnded = wasAskedEnded;
+        answer.isEnded = wasAnswerEnded;
+        asked.data = askedData;
+        answer.data = answeredData;
+        return carried.follow(context_);
+    }
+
+    /// Adds what has become complete in a tunnel by now, and lets go of its data that are done with.
+    void followTunnel(std::uint32_t number, StreamFollowing* inner, StreamExtent extent)
+    {
+        const auto dataOf = [&](Direction direction) -> ByteRanges {
+            HTTP2Half* const half = (direction == asking_.direction() ? asking_ : answering_).half(number);
+            return half ? half->data : ByteRanges();
+        };
+        const Carried carried{.client = dataOf(Direction::clientToServer), .server = dataOf(Direction::serverToClient), .streamId = number};
+        if (inner) {
+            StreamInterpretation inside = inner->goOn(CarriedStream::inside(stream_, carried.client, carried.server), extent);
+            carried.place(inside);
+            conversation_.append(std::move(inside));
+        }
+        for (HTTP2Direction* direction : {&asking_, &answering_}) {
+            HTTP2Half* const half = direction->half(number);
+            if (!half) continue;
+            const std::int64_t place = inner ? std::min(inner->neededFrom(direction->direction()), half->data.size()) : half->data.size();
+            half->neededFrom = half->data.isEmpty() ? direction->offset() : half->data.positionOf(place);
+            half->data = half->data.forgotten(place);
+            half->frames = {};
+        }
     }
 
     /// A stream: request, interim replies and reply.
@@ -535,12 +603,22 @@ public:
         }
         if (!areBothThere) return {};
         HTTP2Reading reading(stream_, context_, *directions_[0], *directions_[1]);
-        return extent == StreamExtent::whole ? reading.read() : reading.takeFinished();
+        return extent == StreamExtent::whole ? reading.read(std::move(tunnels_)) : reading.takeFinished(tunnels_);
     }
     std::int64_t neededFrom(Direction direction) const override
     {
         const auto& reading = directions_[std::to_underlying(direction)];
         return reading ? reading->neededFrom() : 0;
+    }
+    bool waits() const override
+    {
+        return std::ranges::any_of(tunnels_, [](const auto& tunnel) { return tunnel.second && tunnel.second->waits(); });
+    }
+    std::int64_t held() const override
+    {
+        std::int64_t bytes = 0;
+        for (const auto& [number, inner] : tunnels_) bytes += inner ? inner->held() : 0;
+        return bytes;
     }
 
 private:
@@ -556,6 +634,7 @@ private:
     TCPStream stream_;
     bool isWhole_ = false;
     std::optional<HTTP2Direction> directions_[2];
+    HTTP2Tunnels tunnels_;
 };
 
 }  // namespace

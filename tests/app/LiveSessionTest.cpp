@@ -181,11 +181,17 @@ TEST_F(Live, LooksIntoTunnelsWhileTheyAreOpen)
         said.push_back(clientSends(fmt::format("GET /{} HTTP/1.1\r\nHost: h\r\n\r\n", i)));
         said.push_back(serverSends(fmt::format("HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n{}", std::string(1'000, 'x'))));
     }
-    struct Case { const char* name; bool isProxySecured, isServerSecured; };
-    for (const auto& [name, isProxySecured, isServerSecured] : {Case{"plain", false, false}, Case{"TLS in a tunnel", false, true},
-                                                                Case{"a tunnel in TLS", true, false}, Case{"TLS in a tunnel in TLS", true, true}}) {
+    struct Case { const char* name; bool isProxySecured, isServerSecured, isHTTP2 = false; };
+    for (const auto& [name, isProxySecured, isServerSecured, isHTTP2] :
+         {Case{"plain", false, false}, Case{"TLS in a tunnel", false, true}, Case{"a tunnel in TLS", true, false},
+          Case{"TLS in a tunnel in TLS", true, true}, Case{"a tunnel in HTTP/2", false, false, true},
+          Case{"TLS in a tunnel in HTTP/2", false, true, true}, Case{"TLS in a tunnel in HTTP/2 in TLS", true, true, true}}) {
         std::string secrets;
         std::vector<TLSStep> steps{clientSends("CONNECT h:443 HTTP/1.1\r\nHost: h:443\r\n\r\n"), serverSends("HTTP/1.1 200 OK\r\n\r\n")};
+        HTTP2Writer client, server;
+        if (isHTTP2)
+            steps = {clientSends(HTTP2Writer::preface() + client.headers(1, {{":method", "CONNECT"}, {":authority", "h:443"}})),
+                     serverSends(server.headers(1, {{":status", "200"}}))};
         if (isServerSecured) {
             const TLSSession session = runTLS({.seed = 2}, said);
             for (const TLSFlight& flight : session.flights) steps.push_back({.from = flight.direction, .payload = flight.wire});
@@ -193,6 +199,8 @@ TEST_F(Live, LooksIntoTunnelsWhileTheyAreOpen)
         } else {
             steps.insert(steps.end(), said.begin(), said.end());
         }
+        for (std::size_t i = 2; isHTTP2 && i < steps.size(); ++i)
+            steps[i].payload = Data::fromText(HTTP2Writer::data(1, std::string(steps[i].payload.view().text())));
         TCPConversation connection({.server = endpoint("192.0.2.2", 8080), .interval = 1'000});
         connection.open();
         if (isProxySecured) {
