@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "interpreters/TLSReach/ReachPlaintext.h"
 
+#include "Sealscope/TLSNames.h"
 #include "Sealscope/TLSRecord.h"
+#include "host/VELModels/TLSDecryptionProbeRegistry.h"
 #include "platform/ScatteredView.h"
 
 #include <algorithm>
@@ -35,7 +37,12 @@ void ReachPlaintext::add(std::int64_t count, ByteRange body, const Key& key)
     const auto block = static_cast<std::uint32_t>(blocks_.size() - 1);
     const bool isSameKey = !openers_.empty() && openers_.back() == key.opener;
     if (!isSameKey) openers_.push_back(key.opener);
-    canReopen_ = canReopen_ && key.opener && key.opener->canOpenAgain();
+    const auto opensAlone = [](const std::shared_ptr<RecordOpener>& opener) { return opener && opener->canOpenAgain(); };
+    const bool opensInTurn = openerOfStandings_ && openerOfStandings_ == key.opener;
+    const bool isMixed = used_ > 0 && !isSameKey && !(opensAlone(key.opener) && opensAlone(openers_[openers_.size() - 2]));
+    canReopen_ = canReopen_ && (opensAlone(key.opener) || opensInTurn) && !isMixed;
+    lastSequence_ = key.sequence;
+    lastOffset_ = key.offset + body.size();
     Run* run = runs_.empty() ? nullptr : &runs_.back();
     if (!run || run->isHole || run->block != block || run->count == longestRun || !isSameKey ||
         run->sequence + run->count != key.sequence || lastBody_ + TLSRecord::headerLength != body.lower) {
@@ -77,6 +84,18 @@ void ReachPlaintext::endBlock()
     } else {
         kept_ += used_;
     }
+    if (kept_ >= keptBytes) keepStanding();
+}
+
+void ReachPlaintext::keepStanding()
+{
+    const std::shared_ptr<RecordOpener> opener = openers_.empty() ? nullptr : openers_.back();
+    if (!opener || opener->canOpenAgain()) return;
+    if (openerOfStandings_ == opener && size_ - standings_.back().begin < betweenStandings) return;
+    std::shared_ptr<RecordOpener> fork = opener->fork();
+    if (!fork) return;
+    openerOfStandings_ = opener;
+    standings_.push_back({size_, lastBody_, lastOffset_, lastSequence_ + 1, std::move(fork)});
 }
 
 void ReachPlaintext::end()
@@ -104,7 +123,7 @@ DataView ReachPlaintext::stretch(std::int64_t offset) const
 const std::uint8_t* ReachPlaintext::lent(std::uint32_t number) const
 {
     const std::scoped_lock lock(mutex_);
-    auto& mine = lent_[std::this_thread::get_id()];
+    auto& [mine, last] = lent_[std::this_thread::get_id()];
     const auto found = std::ranges::find(mine, number, &std::pair<std::uint32_t, Bytes>::first);
     if (found != mine.end()) {
         // What was looked at last goes last.
@@ -112,11 +131,41 @@ const std::uint8_t* ReachPlaintext::lent(std::uint32_t number) const
         mine.erase(found);
         mine.push_back(std::move(again));
     } else {
-        mine.emplace_back(number, opened(number));
+        const Block& block = blocks_[number];
+        const bool isInTurn = !openers_[runs_[block.firstRun].opener]->canOpenAgain();
+        mine.emplace_back(number, isInTurn ? openedInTurn(block, last) : opened(number));
         if (mine.size() > lentBlocks) mine.pop_front();
     }
     return mine.back().second.get();
 }
+
+/// Records as they were captured, for who opens them.
+class ReachPlaintext::Sealed {
+public:
+    explicit Sealed(const StreamData& captured) : captured_(captured) {}
+
+    /// The one whose header lies at an offset, which is `offsetUnderKey` behind the first header under its key; lent until the next.
+    const ProtectedRecord& at(std::int64_t header, std::int64_t offsetUnderKey)
+    {
+        const std::int64_t count = std::min<std::int64_t>(header, before_.size());
+        captured_.copy(header - count, std::span(before_).first(static_cast<std::size_t>(count)));
+        captured_.copy(header, record_.header);
+        captured_.findStretches(header + TLSRecord::headerLength, bodyLength(), stretches_);
+        record_.body = ScatteredView(stretches_);
+        record_.bytesBefore = {before_.data(), count};
+        // One whose predecessor did not authenticate was not readable.
+        record_.followsAuthentic = true;
+        record_.offsetUnderKey = offsetUnderKey + TLSRecord::headerLength;
+        return record_;
+    }
+    std::int64_t bodyLength() const { return record_.header[3] << 8 | record_.header[4]; }
+
+private:
+    const StreamData& captured_;
+    ProtectedRecord record_;
+    std::vector<DataView> stretches_;
+    std::array<std::uint8_t, 64> before_{};  ///< a record needs no more than the last block of the one before, and a MAC behind it
+};
 
 ReachPlaintext::Bytes ReachPlaintext::opened(std::uint32_t number) const
 {
@@ -125,28 +174,44 @@ ReachPlaintext::Bytes ReachPlaintext::opened(std::uint32_t number) const
     const std::int64_t size = block.end - block.begin;
     Bytes bytes = std::make_shared_for_overwrite<std::uint8_t[]>(static_cast<std::size_t>(size + (1 << 16)));
     std::uint8_t* next = bytes.get();
-    std::vector<DataView> stretches;
-    // The last block of a record and a MAC behind it are the most that the next one needs of it.
-    std::array<std::uint8_t, 64> before;
+    Sealed sealed(captured_);
     for (std::size_t i = block.firstRun; i < runs_.size() && runs_[i].block == number && !runs_[i].isHole; ++i) {
         const Run& run = runs_[i];
-        std::int64_t at = run.body;
+        std::int64_t at = 0;
         for (std::uint32_t position = 0; position < run.count; ++position) {
             const Record& record = records_[run.first + position];
-            const std::int64_t header = at - TLSRecord::headerLength;
-            const std::int64_t count = std::min<std::int64_t>(header, before.size());
-            captured_.copy(header - count, std::span(before).first(static_cast<std::size_t>(count)));
-            // A record whose predecessor did not authenticate was not readable.
-            ProtectedRecord sealed{
-                .bytesBefore = {before.data(), count}, .followsAuthentic = true, .offsetUnderKey = run.offsetUnderKey + (at - run.body)};
-            captured_.copy(header, sealed.header);
-            captured_.findStretches(at, record.body, stretches);
-            sealed.body = ScatteredView(stretches);
-            const auto content = openers_[run.opener]->open(run.sequence + position, sealed, next);
+            const std::int64_t header = run.body + at - TLSRecord::headerLength;
+            const auto& captured = sealed.at(header, run.offsetUnderKey + at - TLSRecord::headerLength);
+            const auto content = openers_[run.opener]->open(run.sequence + position, captured, next);
             // It has opened before.
             if (!content || content->length != record.content) std::memset(next, 0, record.content);
             next += record.content;
             at += record.body + TLSRecord::headerLength;
+        }
+    }
+    return bytes;
+}
+
+ReachPlaintext::Bytes ReachPlaintext::openedInTurn(const Block& block, Standing& last) const
+{
+    const Standing& before = *std::prev(std::ranges::upper_bound(standings_, block.begin, {}, &Standing::begin));
+    if (!last.opener || last.begin > block.begin || last.begin < before.begin) {
+        last = before;
+        last.opener = before.opener->fork();
+    }
+    Bytes bytes = std::make_shared<std::uint8_t[]>(static_cast<std::size_t>(block.end - block.begin));
+    std::vector<std::uint8_t> content(PlaintextReader::largestRecord);
+    Sealed sealed(captured_);
+    while (last.opener && last.begin < block.end) {
+        const auto record = last.opener->open(last.sequence++, sealed.at(last.header, last.offsetUnderKey), content.data());
+        last.header += TLSRecord::headerLength + sealed.bodyLength();
+        last.offsetUnderKey += TLSRecord::headerLength + sealed.bodyLength();
+        if (!record) {
+            // It has opened before.
+            last.opener.reset();
+        } else if (record->type == std::to_underlying(TLSContentType::applicationData)) {
+            if (last.begin >= block.begin) std::copy_n(content.begin(), record->length, bytes.get() + (last.begin - block.begin));
+            last.begin += record->length;
         }
     }
     return bytes;

@@ -55,6 +55,7 @@ private:
     static constexpr std::int64_t keptBytes = 8 << 20;
     static constexpr std::uint32_t longestRun = 16;  ///< records that are counted through to find one
     static constexpr std::size_t lentBlocks = 16;    ///< to a thread at the same time
+    static constexpr std::int64_t betweenStandings = 16 << 20;
 
     using Bytes = std::shared_ptr<std::uint8_t[]>;
     struct Record {
@@ -73,6 +74,14 @@ private:
         std::uint32_t opener = 0;
         bool isHole = false;
     };
+    /// Where an opener stands between two records, of a key whose records only open one behind another.
+    struct Standing {
+        std::int64_t begin = 0;           ///< in the plaintext
+        std::int64_t header = 0;          ///< of the next record in the captured data
+        std::int64_t offsetUnderKey = 0;  ///< of that header
+        std::uint64_t sequence = 0;
+        std::shared_ptr<RecordOpener> opener;
+    };
     struct Block {
         std::int64_t begin = 0;  ///< in the plaintext
         std::int64_t end = 0;
@@ -80,12 +89,17 @@ private:
         Bytes bytes;  ///< null: to be opened anew
     };
 
+    class Sealed;
+
     void endBlock();
     std::vector<Run>::const_iterator runAt(std::int64_t offset) const;
     std::int64_t endOf(std::vector<Run>::const_iterator run) const { return std::next(run) == runs_.end() ? size_ : std::next(run)->begin; }
     /// The bytes of a block that was not kept, as this thread has them.
     const std::uint8_t* lent(std::uint32_t number) const;
     Bytes opened(std::uint32_t number) const;
+    /// The same where records only open one behind another. `last`: where this thread stopped, if it did.
+    Bytes openedInTurn(const Block& block, Standing& last) const;
+    void keepStanding();
 
     StreamData captured_;
     ByteToSegmentIndex index_;
@@ -93,18 +107,26 @@ private:
     std::vector<Run> runs_;
     std::deque<Block> blocks_;
     std::vector<std::shared_ptr<RecordOpener>> openers_;
-    std::int64_t used_ = 0;      ///< bytes of the last block
-    std::int64_t lastBody_ = 0;  ///< where the last record ends in the captured data
-    Bytes spare_;                ///< of a block that is not kept
-    bool isOpen_ = false;        ///< the last block may grow
-    bool canReopen_ = true;      ///< all records of the last block
-    bool isKept_ = true;         ///< every block
+    std::vector<Standing> standings_;  ///< in ascending order
+    std::int64_t used_ = 0;            ///< bytes of the last block
+    std::int64_t lastBody_ = 0;        ///< where the last record ends in the captured data
+    std::int64_t lastOffset_ = 0;      ///< the same, as an offset under its key
+    std::uint64_t lastSequence_ = 0;
+    std::shared_ptr<RecordOpener> openerOfStandings_;  ///< that the last of them is of
+    Bytes spare_;                                      ///< of a block that is not kept
+    bool isOpen_ = false;                              ///< the last block may grow
+    bool canReopen_ = true;                            ///< all records of the last block
+    bool isKept_ = true;                               ///< every block
     std::int64_t kept_ = 0;
     std::int64_t size_ = 0;
     std::int64_t holes_ = 0;
 
     mutable std::mutex mutex_;
-    mutable std::map<std::thread::id, std::deque<std::pair<std::uint32_t, Bytes>>> lent_;
+    struct Lent {
+        std::deque<std::pair<std::uint32_t, Bytes>> blocks;
+        Standing last;
+    };
+    mutable std::map<std::thread::id, Lent> lent_;
 };
 
 }  // namespace sealscope

@@ -319,6 +319,11 @@ private:
 class InflatingOpener final : public RecordOpener {
 public:
     explicit InflatingOpener(std::unique_ptr<RecordOpener> inner) : inner_(std::move(inner)) { isUsable_ = inflateInit(&stream_) == Z_OK; }
+    InflatingOpener(const InflatingOpener& other) : inner_(other.inner_), next_(other.next_)
+    {
+        isUsable_ = other.isUsable_ && inflateCopy(&stream_, const_cast<z_stream*>(&other.stream_)) == Z_OK;
+    }
+    InflatingOpener& operator=(const InflatingOpener&) = delete;
     ~InflatingOpener() override { inflateEnd(&stream_); }
 
     std::optional<OpenedRecord> open(std::uint64_t sequence, const ProtectedRecord& record, std::uint8_t* plaintext) override
@@ -338,12 +343,18 @@ public:
         opened->length = longestContent - static_cast<std::int64_t>(stream_.avail_out);
         return opened;
     }
+    std::unique_ptr<RecordOpener> fork() const override
+    {
+        auto forked = std::make_unique<InflatingOpener>(*this);
+        if (!forked->isUsable_) return nullptr;
+        return forked;
+    }
     std::int64_t smallestBody() const override { return inner_->smallestBody(); }
     ContentLength contentLength(std::int64_t) const override { return {}; }
 
 private:
     static constexpr unsigned longestContent = 16'384;  // RFC 5246 §6.2.1
-    std::unique_ptr<RecordOpener> inner_;
+    std::shared_ptr<RecordOpener> inner_;  ///< which opens records in any order
     z_stream stream_{};
     bool isUsable_ = false;
     std::uint64_t next_ = 0;

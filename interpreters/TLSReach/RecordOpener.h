@@ -49,6 +49,8 @@ public:
     virtual std::int64_t extraCost(std::uint64_t, const ProtectedRecord&) const { return 0; }
     /// Whether a record opens whichever were opened before it.
     virtual bool canOpenAgain() const { return false; }
+    /// Where they only open one behind another, an opener that goes on from here beside this one; else null.
+    virtual std::unique_ptr<RecordOpener> fork() const { return nullptr; }
     /// The fewest bytes that a body has.
     virtual std::int64_t smallestBody() const = 0;
     /// Bytes of content that a record with a body of that length has, and whether that is certain: at most so many where it is not.

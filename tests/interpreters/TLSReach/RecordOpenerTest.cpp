@@ -2,6 +2,7 @@
 #include "interpreters/TLSReach/RecordOpener.h"
 
 #include "harness/Hex.h"
+#include "interpreters/TLSReach/ReachPlaintext.h"
 #include "interpreters/TLSReach/ReachSuite.h"
 #include "interpreters/TLSReach/RecordAEAD.h"
 #include "platform/HKDF.h"
@@ -61,19 +62,22 @@ private:
 };
 
 /// Content and its MAC (RFC 5246 §6.2.3.1, RFC 6101 §5.2.3.1).
-Bytes withMAC(const Bytes& content, const ReachSuite& suite, std::uint16_t version, const SecretBytes& key, std::uint8_t sequence)
+Bytes withMAC(const Bytes& content, const ReachSuite& suite, std::uint16_t version, const SecretBytes& key, std::uint16_t sequence,
+              std::uint8_t type = 23)
 {
-    const auto length = static_cast<std::uint8_t>(content.size());
+    const auto high = [](std::size_t number) { return static_cast<std::uint8_t>(number >> 8); };
+    const auto low = [](std::size_t number) { return static_cast<std::uint8_t>(number); };
+    const std::size_t length = content.size();
     Bytes bytes = content;
     SecretBytes mac;
     if (version == 0x0300) {
-        const Bytes number{0, 0, 0, 0, 0, 0, 0, sequence}, rest{23, 0, length};
+        const Bytes number{0, 0, 0, 0, 0, 0, high(sequence), low(sequence)}, rest{type, high(length), low(length)};
         const std::size_t padding = suite.mac == HashFunction::md5 ? 48 : 40;
         const SecretBytes inner =
             digest(suite.mac, {viewOf(key), Bytes(padding, 0x36), DataView(number), DataView(rest), DataView(content)});
         mac = digest(suite.mac, {viewOf(key), Bytes(padding, 0x5C), viewOf(inner)});
     } else {
-        Bytes message{0, 0, 0, 0, 0, 0, 0, sequence, 23, 3, static_cast<std::uint8_t>(version), 0, length};
+        Bytes message{0, 0, 0, 0, 0, 0, high(sequence), low(sequence), type, 3, low(version), high(length), low(length)};
         message.insert(message.end(), content.begin(), content.end());
         mac = hmac(suite.mac, viewOf(key), message);
     }
@@ -175,6 +179,62 @@ TEST(RecordOpener, UndoesCompression)
     EXPECT_EQ(opened(*opener, 0, 0x0303, bodies[0], {}, 0), said);
     EXPECT_EQ(opened(*opener, 2, 0x0303, bodies[2], {}, 0), "nothing") << "what a lost record said is missing in front";
     EXPECT_EQ(opened(*opener, 1, 0x0303, bodies[1], {}, 0), said);
+}
+
+// A compressed record opens behind all that were before it; what is far behind the first megabytes is opened anew from places between.
+TEST(RecordOpener, OpensCompressedRecordsAnew)
+{
+    const auto suite = ReachSuite::ofName("TLS_RSA_WITH_RC4_128_SHA");
+    const RecordKeys keys = keysOf(*suite, 0);
+    Encryption encryption("RC4", keys.key);
+    z_stream stream{};
+    ASSERT_EQ(deflateInit(&stream, 1), Z_OK);
+    constexpr std::uint16_t count = 2'500;
+    std::string said;
+    Bytes captured;
+    for (std::uint16_t sequence = 0; sequence < count; ++sequence) {
+        const bool isAlert = sequence % 100 == 99;
+        std::string content;
+        for (int i = 0; std::ssize(content) < (isAlert ? 2 : 16'000); ++i) content += fmt::format("{} times {}\n", i * sequence, i);
+        if (!isAlert) said += content;
+        Bytes compressed(20'000);
+        stream.next_in = reinterpret_cast<std::uint8_t*>(content.data());
+        stream.avail_in = static_cast<unsigned>(content.size());
+        stream.next_out = compressed.data();
+        stream.avail_out = 20'000;
+        ASSERT_EQ(deflate(&stream, Z_SYNC_FLUSH), Z_OK);
+        compressed.resize(20'000 - stream.avail_out);
+        const std::uint8_t type = isAlert ? 21 : 23;
+        const Bytes body = encryption.of(withMAC(compressed, *suite, 0x0303, keys.macKey, sequence, type));
+        captured.insert(captured.end(), {type, 3, 3, static_cast<std::uint8_t>(body.size() >> 8), static_cast<std::uint8_t>(body.size())});
+        captured.insert(captured.end(), body.begin(), body.end());
+    }
+    deflateEnd(&stream);
+
+    const DataView bytes(captured);
+    ReachPlaintext plaintext(StreamData(Data(bytes)), {});
+    const std::shared_ptr<RecordOpener> opener = inflating(makeRecordOpener(*suite, 0x0303, MACPlace::inside, keys));
+    std::uint64_t sequence = 0;
+    for (std::int64_t header = 0; header < bytes.size(); ++sequence) {
+        ProtectedRecord record{.offsetUnderKey = header + 5};
+        std::copy_n(captured.begin() + header, 5, record.header.begin());
+        const ByteRange body{header + 5, header + 5 + bytes.u16(header + 3)};
+        record.body = ScatteredView(bytes.sub(body.lower, body.size()));
+        const auto content = opener->open(sequence, record, plaintext.room(PlaintextReader::largestRecord));
+        ASSERT_TRUE(content) << sequence;
+        if (content->type == 23) plaintext.add(content->length, body, {opener, sequence, body.lower});
+        header = body.upper;
+    }
+    plaintext.end();
+    ASSERT_EQ(plaintext.size(), std::ssize(said));
+    EXPECT_FALSE(plaintext.lendsForLong());
+    const DataView expected{std::string_view(said)};
+    for (const std::int64_t start : {std::int64_t{0}, plaintext.size() - 100, plaintext.size() / 2, plaintext.size() / 3})
+        for (std::int64_t offset = start; offset < plaintext.size();) {
+            const DataView here = plaintext.stretch(offset);
+            ASSERT_TRUE(here == expected.sub(offset, here.size())) << offset;
+            offset += here.size();
+        }
 }
 
 TEST(RecordOpener, OpensWithTheOldNonce)
