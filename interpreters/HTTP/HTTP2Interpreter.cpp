@@ -36,8 +36,12 @@ constexpr std::int64_t searchedForFrames = 2'048;
 bool holdsFrames(const StreamData& data)
 {
     StreamReader reader(data);
-    for (std::int64_t offset = 0, end = std::min(searchedForFrames, data.size()); offset < end; ++offset)
-        if (HTTP2Frame::isChain(reader, offset, framesToRecognize, HTTP2Frame::longestAtFirst)) return true;
+    std::vector<std::uint8_t> scratch;
+    const DataView head = data.gather(0, std::min(searchedForFrames, data.size()), scratch);
+    // The first byte of a length, of which none needs three.
+    static_assert(HTTP2Frame::longestAtFirst < 1 << 16);
+    for (std::int64_t offset = 0; offset < head.size(); ++offset)
+        if (head.u8(offset) == 0 && HTTP2Frame::isChain(reader, offset, framesToRecognize, HTTP2Frame::longestAtFirst)) return true;
     return false;
 }
 
