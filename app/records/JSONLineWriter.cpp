@@ -159,20 +159,27 @@ inline char* copyPlain(std::string_view characters, char* to)
     return arePlain ? to + count : nullptr;
 }
 
-/// A text without quotation marks, escaped character by character.
+/// A text without quotation marks, escaped where it has to be.
 std::string escaped(std::string_view characters)
 {
-    const std::string repaired = utf8::repaired(DataView(characters));
-    const DataView bytes(repaired);
+    const auto isASCII = [](char character) { return static_cast<unsigned char>(character) < 0x80; };
+    const auto isPlainASCII = [](char character) { return isPlain[static_cast<std::uint8_t>(character)]; };
+    std::string repaired;
+    if (!std::ranges::all_of(characters, isASCII)) characters = repaired = utf8::repaired(DataView(characters));
+    const DataView bytes(characters);
     std::string text;
-    text.reserve(repaired.size() + 16);
-    for (std::int64_t offset = 0; offset < bytes.size();) {
-        const utf8::Scalar scalar = *utf8::scalarAt(bytes, offset);
+    text.reserve(characters.size() + characters.size() / 32 + 16);
+    for (auto next = characters.begin(); next != characters.end();) {
+        const auto special = std::find_if_not(next, characters.end(), isPlainASCII);
+        text.append(next, special);
+        next = special;
+        if (next == characters.end()) break;
+        const utf8::Scalar scalar = *utf8::scalarAt(bytes, next - characters.begin());
         if (wantsEscape(scalar.value))
             appendEscape(text, scalar.value);
         else
-            text += bytes.sub(offset, scalar.length).text();
-        offset += scalar.length;
+            text.append(next, next + scalar.length);
+        next += scalar.length;
     }
     return text;
 }
