@@ -62,7 +62,7 @@ BENCHMARK(parseKeyLog)
 /// The floor: one pass over the text that finds its lines.
 void findLines(benchmark::State& state)
 {
-    const std::string text = keyLogText(state.range(0), false);
+    const std::string text = keyLogText(state.range(0), Labels::TLS12);
     for (auto _ : state) {
         std::int64_t lines = 0;
         for (std::size_t at = text.find('\n'); at != std::string::npos; at = text.find('\n', at + 1)) ++lines;
@@ -85,7 +85,7 @@ BENCHMARK(parseGarbage);
 
 void lookUp(benchmark::State& state)
 {
-    const std::string text = keyLogText(state.range(0), false);
+    const std::string text = keyLogText(state.range(0), Labels::TLS12);
     const TLSKeyLog keyLog(text);
     std::vector<SecretBytes> clientRandoms;
     for (std::size_t at = 0; at < text.size(); at += 176) clientRandoms.push_back(*TLSKeyLog::decodeHex(text.substr(at + 14, 64)));
