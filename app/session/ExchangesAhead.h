@@ -30,7 +30,7 @@ public:
     ExchangesAhead& operator=(const ExchangesAhead&) = delete;
 
 private:
-    static constexpr std::size_t madeAtOnce = 128;
+    static constexpr std::size_t madeAtOnce = 32;  ///< few enough, since fields may be long
     struct Batch {
         std::vector<StreamExchange> exchanges;  ///< their memory is used again
         std::vector<double> times;
