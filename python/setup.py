@@ -28,6 +28,7 @@ class CMakeBuild(build_ext):
         for library in (build / "lib").glob("libsealscope_*.so.[0-9]*"):
             if library.name.count(".") == 2:
                 shutil.copy2(library, package)
+        shutil.copy2(SOURCE / "LICENSE", package)
         shutil.copytree(build / "lib/sealscope/plugins", package / "plugins", dirs_exist_ok=True)
 
 

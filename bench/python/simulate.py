@@ -19,6 +19,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tests/python"))
 
 import conftest  # noqa: E402,F401  finds the package
+import dask  # noqa: E402
 from distributed import Client, LocalCluster  # noqa: E402
 
 from sealscope import _core, cluster  # noqa: E402
@@ -43,7 +44,7 @@ class MadeUp:
     """Answers in place of `sealscope._core`."""
 
     travelled = 0
-    shared_pairs = staticmethod(_core.shared_pairs)
+    shared_pairs, key_lines = staticmethod(_core.shared_pairs), staticmethod(_core.key_lines)
 
     class Piece:
         memory = PACKETS * 76 + CONNECTIONS * 400  # as of a real one
@@ -56,12 +57,13 @@ class MadeUp:
             clients = array.array("Q", (pair for pair in pairs(self.number) for _ in range(2))).tobytes()
             return {"first": (1_700_000_000 + 600 * self.number, 0, 1), "packets": PACKETS, "bytes": FILE,
                     "connections": len(pairs(self.number)), "others": b"", "pairs": packed, "clients": clients, "strangers": b"",
-                    "secrets": b"", "errors": []}
+                    "secrets": 0, "errors": []}
 
         def packets(self, travelling, groups, wanted, packets_before):
-            # The packets themselves are counted, not carried.
+            # The packets themselves are counted, not carried; where a group begins they need not travel.
             count = array.array("q", groups).tolist().count(wanted[0])
-            MadeUp.travelled += count * FILE // CONNECTIONS // 2
+            if wanted[0] != self.number:
+                MadeUp.travelled += count * FILE // CONNECTIONS // 2
             return [b"%d %d" % (count, packets_before)]
 
         def rows(self, travelling, groups, packets_before, options):
@@ -80,7 +82,7 @@ class MadeUp:
 
     @staticmethod
     def key_log(embedded, files):
-        return b"", {"secrets": 0, "client_randoms": 0, "labels": [], "connections": 0, "problems": []}
+        return _core.key_lines(b""), {"secrets": 0, "client_randoms": 0, "labels": [], "connections": 0, "problems": []}
 
 
 def memory():
@@ -90,7 +92,10 @@ def memory():
 def main():
     files, workers = (int(word) for word in (sys.argv[1:] + ["1000", "100"][len(sys.argv) - 1 :])[:2])
     cluster._core = MadeUp
-    with LocalCluster(n_workers=workers, threads_per_worker=1, processes=False, dashboard_address="127.0.0.1:0", memory_limit=0) as local, Client(local) as client:
+    # All workers share this process and its one event loop, which keeps them waiting as no network would.
+    patient = {**cluster._LOCAL, "distributed.comm.timeouts.connect": "600s"}
+    with dask.config.set(patient), LocalCluster(n_workers=workers, threads_per_worker=1, processes=False, dashboard_address="127.0.0.1:0",
+                                                memory_limit=0) as local, Client(local) as client:
         scheduler, most, tasks, is_watching = local.scheduler, [0, 0], set(), True
 
         def watch():
@@ -100,17 +105,24 @@ def main():
                 tasks.update(list(scheduler.tasks))
                 time.sleep(0.02)
 
+        held = []
+
+        def look_at_scheduler(phase, done, total):
+            if phase == "working" and not held:
+                held.append(sum(len(pickle.dumps(task.run_spec)) for task in list(scheduler.tasks.values())))
+
         watcher = threading.Thread(target=watch)
         watcher.start()
         base, used, begun = memory(), sum(resource.getrusage(resource.RUSAGE_SELF)[:2]), time.monotonic()
-        rows = cluster.streams([str(number) for number in range(files)], client=client).run()
+        rows = cluster.streams([str(number) for number in range(files)], client=client, progress=look_at_scheduler).run()
         used, wall = sum(resource.getrusage(resource.RUSAGE_SELF)[:2]) - used, time.monotonic() - begun
         is_watching = False
         watcher.join()
         answers = files * len(pickle.dumps(MadeUp.Piece("1", "", "").scan()))
     total = files * FILE
     print(f"{files} files of 1 GB, {CONNECTIONS} connections each, {workers} workers: {len(rows.problems)} problems")
-    print(f"tasks: {len(tasks)} in all ({len(tasks) / files:.1f} a file), {most[0]} held at once")
+    print(f"tasks: {len(tasks)} in all ({len(tasks) / files:.1f} a file), {most[0]} held at once, which are {held[0] / 1e6:.0f} MB of what "
+          "workers are told")
     print(f"processor time of scheduler, workers' event loops and the one who asks: {used:.1f} s ({used / len(tasks) * 1e3:.2f} ms a task), "
           f"{wall:.1f} s of wall clock")
     print(f"memory of all of them: {(most[1] - base) / 1e6:.0f} MB more than before")

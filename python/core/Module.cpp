@@ -2,6 +2,7 @@
 // What the package `sealscope` stands on, for itself alone: lines of NDJSON as they are made, and the pieces of a large capture. Records,
 // their types and the documentation are in the package.
 #include "app/plugins/PlugInLoader.h"
+#include "python/core/KeyLines.h"
 #include "python/core/Lines.h"
 #include "python/core/OpenCapture.h"
 #include "python/core/Pieces.h"
@@ -101,7 +102,7 @@ template <class Item> py::bytes bytesOf(const std::vector<Item>& items)
 template <class Item> std::vector<Item> itemsOf(std::string_view bytes)
 {
     std::vector<Item> items(bytes.size() / sizeof(Item));
-    std::memcpy(items.data(), bytes.data(), items.size() * sizeof(Item));
+    std::memcpy(static_cast<void*>(items.data()), bytes.data(), items.size() * sizeof(Item));
     return items;
 }
 
@@ -116,7 +117,7 @@ py::dict toDict(const FileScan& scan)
     dict["pairs"] = bytesOf(scan.pairs);
     dict["clients"] = bytesOf(scan.clients);
     dict["strangers"] = bytesOf(scan.strangers);
-    dict["secrets"] = py::bytes(scan.secrets.data(), scan.secrets.size());
+    dict["secrets"] = scan.secrets.size();
     dict["errors"] = told(scan.errors);
     return dict;
 }
@@ -226,12 +227,40 @@ py::dict workOnPacketsFrom(const py::list& pieces, const py::dict& options)
     }));
 }
 
-/// The secrets of a machine for a capture that carries some itself, as one text, and what they amount to.
+/// The secrets of a machine for a capture that carries some itself, and what they amount to.
 py::tuple keyLog(std::string_view embedded, std::vector<std::string> files)
 {
     const auto sources = std::make_shared<const KeyLogSources>(SecretText(embedded), std::move(files));
-    const SecretText text = sources->text();
-    return py::make_tuple(py::bytes(text.data(), text.size()), toDict(keyLogFactsOf(SessionPlugIns(sources, {}))));
+    return py::make_tuple(std::make_unique<KeyLines>(sources->text()), toDict(keyLogFactsOf(SessionPlugIns(sources, {}))));
+}
+
+py::object toObject(const KeyLines::Lines& lines) { return lines ? py::object(bytesOf(*lines)) : py::none(); }
+
+/// Files as tuples: clients, strangers, pairs that travel and their groups, each packed.
+py::tuple keyNeeds(const KeyLines& keys, const py::list& files)
+{
+    std::vector<KeyLines::File> found;
+    for (const py::handle file : files) {
+        const auto fields = file.cast<py::tuple>();
+        const auto field = [&](std::size_t i) { return fields[i].cast<std::string_view>(); };
+        found.push_back({.clients = itemsOf<std::pair<PairHash, KeyLines::Client>>(field(0)),
+                         .strangers = itemsOf<PairHash>(field(1)),
+                         .travelling = travellingFrom(field(2), field(3))});
+    }
+    const KeyLines::Needs needs = interruptibly([&](const std::stop_token&) { return keys.needs(found); });
+    py::list ofFiles;
+    for (const auto& lines : needs.ofFiles) ofFiles.append(toObject(lines));
+    py::dict ofGroups;
+    for (const auto& [group, lines] : needs.ofGroups) ofGroups[py::int_(group)] = toObject(lines);
+    return py::make_tuple(needs.connections, ofFiles, ofGroups);
+}
+
+py::bytes keyText(const KeyLines& keys, const std::vector<std::optional<std::string_view>>& several)
+{
+    std::vector<KeyLines::Lines> found;
+    for (const auto& lines : several) found.push_back(lines ? KeyLines::Lines(itemsOf<std::uint32_t>(*lines)) : std::nullopt);
+    const SecretText text = keys.text(KeyLines::together(found));
+    return {text.data(), text.size()};
 }
 
 py::list loadPlugIns(const std::vector<std::string>& folders)
@@ -309,6 +338,7 @@ PYBIND11_MODULE(_core, module)
     py::class_<Piece>(module, "Piece")
         .def(py::init(&openPiece))
         .def("scan", [](const Piece& piece) { return toDict(piece.scan()); })
+        .def("secrets", [](const Piece& piece) { return py::bytes(piece.scan().secrets.data(), piece.scan().secrets.size()); })
         .def_property_readonly("memory", &Piece::memory)
         .def("packets", &packetsOf)
         .def("rows", &rowsOf);
@@ -322,6 +352,13 @@ PYBIND11_MODULE(_core, module)
         if (own.size() != there.size()) throw py::value_error("each number has one in the whole");
         return py::bytes(numbered(rows, own, there));
     });
+    py::class_<KeyLines>(module, "KeyLines")
+        .def("needs", &keyNeeds)
+        .def("has", [](const KeyLines& keys, std::string_view client) { return keys.has(itemsOf<KeyLines::Client>(client).at(0)); })
+        .def("lines_of",
+             [](const KeyLines& keys, std::string_view clients) { return toObject(keys.linesOf(itemsOf<KeyLines::Client>(clients))); })
+        .def("text", &keyText);
+    module.def("key_lines", [](std::string_view text) { return std::make_unique<KeyLines>(SecretText(text)); });
     module.def("key_log", &keyLog);
     module.attr("plug_ins_from_package") = SEALSCOPE_PLUGINS_FROM_PACKAGE;
 }

@@ -168,8 +168,7 @@ StreamLines::Numbers OpenCapture::wanted(StreamLines::Numbers numbers) const
 std::unique_ptr<Lines> OpenCapture::packets() const
 {
     return std::make_unique<Lines>([options = options_](const Lines::Take& take, const std::stop_token& stop) {
-        auto capture =
-            Capture::open(options.files, {.filter = options.filter, .maximumPackets = options.maximumPackets, .stop = stop});
+        auto capture = Capture::open(options.files, {.filter = options.filter, .maximumPackets = options.maximumPackets, .stop = stop});
         if (!capture) throw CaptureFailure(std::move(capture.error()));
         const PacketAnalyzers analyzers;
         PacketRowReader reader(**capture, analyzers, stop, [](std::int64_t, std::int64_t) {});
@@ -186,17 +185,18 @@ std::unique_ptr<Lines> OpenCapture::packets() const
 
 std::unique_ptr<Lines> OpenCapture::streams(StreamLines::Numbers numbers) const
 {
-    return std::make_unique<Lines>([session = session_, verdicts = verdicts_, numbers = wanted(std::move(numbers))](
-                                       const Lines::Take& take, const std::stop_token& stop) {
+    return std::make_unique<Lines>([session = session_, verdicts = verdicts_,
+                                    numbers = wanted(std::move(numbers))](const Lines::Take& take, const std::stop_token& stop) {
         StreamLines::streams(*session, *verdicts, numbers, take, stop);
     });
 }
 
 std::unique_ptr<Lines> OpenCapture::exchanges(StreamLines::Numbers numbers) const
 {
-    return std::make_unique<Lines>([session = session_, numbers = wanted(std::move(numbers))](const Lines::Take& take, const std::stop_token& stop) {
-        StreamLines::exchanges(*session, numbers, take, stop);
-    });
+    return std::make_unique<Lines>(
+        [session = session_, numbers = wanted(std::move(numbers))](const Lines::Take& take, const std::stop_token& stop) {
+            StreamLines::exchanges(*session, numbers, take, stop);
+        });
 }
 
 std::unique_ptr<Lines> OpenCapture::objects(StreamLines::Numbers numbers, std::string folder, bool replaces) const

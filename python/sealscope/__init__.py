@@ -35,7 +35,7 @@ _Row = TypeVar("_Row", bound=Record)
 def _load_plug_ins() -> None:
     package = pathlib.Path(__file__).resolve().parent
     folders = [package / "plugins", (package / _core.plug_ins_from_package).resolve()]
-    for problem in _core.load_plug_ins([str(next(filter(pathlib.Path.is_dir, folders), folders[-1]))]):
+    for problem in _core.load_plug_ins([str(next((folder for folder in folders if folder.is_dir()), folders[-1]))]):
         warnings.warn(problem, RuntimeWarning, stacklevel=3)
 
 

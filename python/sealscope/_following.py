@@ -179,7 +179,7 @@ class _Round:
         shared = dict(_core.shared_pairs([scan["pairs"] for scan in self._scans]))
         for pair in held:
             shared.setdefault(pair, [0])
-        others = [dict(struct.iter_unpack("=Qq", scan["others"])) for scan in self._scans]
+        others: list[dict[int, int]] = [dict(struct.iter_unpack("=Qq", scan["others"])) for scan in self._scans]  # type: ignore[arg-type]
         self._own = [scan["connections"] for scan in self._scans]
         last = len(self.order) - 1
         for pair, files in shared.items():
@@ -206,13 +206,12 @@ class _Round:
 
     def _make_options(self) -> None:
         rows = self._rows
-        text, facts = _core.key_log(cluster._embedded(self._scans), rows._key_logs)
-        self._keys = cluster._KeyLog(text)
+        self._keys, facts = _core.key_log(cluster._embedded(self._scans), rows._key_logs)
         clients = [list(cluster._clients(scan)) for scan in self._scans]
         strangers = [set(memoryview(scan["strangers"]).cast("Q")) for scan in self._scans]
         facts["connections"] = len({entry for entries in clients for entry in entries if self._keys.has(entry[1])})
         self._common = {"kind": rows._kind, "reach": rows._reach, "facts": facts}
-        self._secrets = [self._keys.for_clients((client for pair, client in entries if pair not in travelling),
+        self._secrets = [cluster._lines_for(self._keys, (client for pair, client in entries if pair not in travelling),
                                                 any(pair not in travelling for pair in unmet))
                          for entries, travelling, unmet in zip(clients, self._travelling, strangers)]
         of_pair: list[dict[int, set[bytes]]] = []
@@ -240,17 +239,20 @@ class _Round:
                 after.packets += before.packets
                 after.is_stranger |= before.is_stranger
             after.secrets = cluster.Secret((before.secrets.reveal() if before else b"")
-                                           + self._keys.for_clients(after.clients, False).reveal())
+                                           + cluster._lines_for(self._keys, after.clients, False).reveal())
 
-    def _options(self, secrets: cluster.Secret, name: str) -> dict[str, Any]:
-        return {**self._common, "secrets": secrets, "folder": self._rows._folder_for(name)}
+    def _options(self, name: str) -> dict[str, Any]:
+        return {**self._common, "folder": self._rows._folder_for(name)}
 
     def _name(self, file: int, suffix: str = "") -> str:
         first = self._scans[file]["first"]
         return f"{first[0] if first else 0}-{os.path.basename(self._names[file])}{suffix}"
 
+    def _secrets_of(self, group: _Group) -> cluster.Secret:
+        return self._group_secrets(group.clients, group.is_stranger, group.held)
+
     def _group_secrets(self, clients: Iterable[bytes], is_stranger: bool, held: Iterable[_Held]) -> cluster.Secret:
-        known = self._keys.for_clients(clients, is_stranger).reveal()
+        known = cluster._lines_for(self._keys, clients, is_stranger).reveal()
         return cluster.Secret(b"".join([*(one.secrets.reveal() for one in held), known]))
 
     def parts(self) -> Iterator[Any]:
@@ -275,9 +277,9 @@ class _Round:
                     continue
                 work = (self._group_work if kind == "group" else self._file_work)[index]
                 start = starts[kind, index]
-                numbers = list(range(start, start + self._counts[index])) if kind == "group" else (start, [])
+                numbers = list(range(start, start + (self._counts[index] if kind == "group" else self._own[index])))
                 name = self._name(max(index, 0), "-shared" if kind == "group" and index >= 0 else "-before" if kind == "group" else "")
-                finished[kind, index] = rows._submit(cluster._finish, work, numbers, rows._wanted, rows._path_for(name))
+                finished[kind, index] = rows._submit(cluster._finished, work, numbers, rows._wanted, rows._path_for(name))
             return self._result(finished[entry], entry[1], finished)
 
         for count, entry in enumerate(entries):
@@ -314,19 +316,23 @@ class _Round:
         def piece(file: int) -> Any:
             return rows._piece(self.order[file])
 
-        for index, group in self._groups.items():
-            if index in self._group_work:
-                continue
+        groups = [index for index in self._groups if index not in self._group_work]
+        files = [file for file in range(self._through) if file not in self._file_work]
+        places = [scan["worker"] for scan in self._scans]
+        secrets = rows._hand_out([*((places[max(index, 0)], self._secrets_of(self._groups[index])) for index in groups),
+                                  *((places[file], self._secrets[file]) for file in files)])
+        secrets.reverse()
+        for index in groups:
+            group = self._groups[index]
             files = sorted({file for run in group.pairs.values() for file in run})
             packets = [packet for held in group.held for packet in held.packets]
             packets += [rows._submit(cluster._packets_for, piece(file), self._packed[file], index, self._before[file]) for file in files]
-            secrets = self._group_secrets(group.clients, group.is_stranger, group.held)
             self._group_work[index] = rows._submit(cluster._work_on_packets, packets,
-                                                   self._options(secrets, self._name(max(index, 0), "-shared" if index >= 0 else "-before")))
-        for file in range(self._through):
-            if file not in self._file_work:
-                self._file_work[file] = rows._submit(cluster._work_on_file, piece(file), self._packed[file], self._before[file],
-                                                     self._options(self._secrets[file], self._name(file)))
+                                                   self._options(self._name(max(index, 0), "-shared" if index >= 0 else "-before")),
+                                                   secrets.pop())
+        for file in files:
+            self._file_work[file] = rows._submit(cluster._work_on_file, piece(file), self._packed[file], self._before[file],
+                                                 self._options(self._name(file)), secrets.pop())
         starts = {rows._submit(cluster._starts, self._group_work[index]): index for index in self._groups if index not in self._counts}
         for future in as_completed(list(starts), loop=rows._client.loop):
             index = starts.pop(future)
@@ -338,9 +344,9 @@ class _Round:
                 rows.travelled_bytes += found["travelled"]
         if self._new_packets is None:
             wanted: dict[int, list[int]] = {}
-            for group, files in self._going_on.values():
+            for number, files in self._going_on.values():
                 for file in files:
-                    wanted.setdefault(file, []).append(group)
+                    wanted.setdefault(file, []).append(number)
             asked = {file: rows._submit(cluster._packets_by_group, piece(file), self._packed[file], groups, self._before[file])
                      for file, groups in sorted(wanted.items())}
             packets_of: dict[int, list[cluster.Secret]] = {}
@@ -349,8 +355,8 @@ class _Round:
                 if isinstance(found, cluster._Failed):
                     rows._tell(found.error)
                     continue
-                for group, packets in zip(wanted[file], found):
-                    packets_of.setdefault(group, []).append(packets)
+                for number, part in zip(wanted[file], found):
+                    packets_of.setdefault(number, []).append(part)
             self._new_packets = packets_of
 
     def _let_go(self) -> Iterator[Any]:
@@ -372,13 +378,14 @@ class _Round:
 
         def work() -> Any:
             packets = [packet for held in gone for packet in held.packets]
-            secrets = self._group_secrets({client for held in gone for client in held.clients}, any(held.is_stranger for held in gone), gone)
-            group = rows._submit(cluster._work_on_packets, packets, self._options(secrets, name))
+            secret, = rows._hand_out([("", self._group_secrets({client for held in gone for client in held.clients},
+                                                              any(held.is_stranger for held in gone), gone))])
+            group = rows._submit(cluster._work_on_packets, packets, self._options(name), secret)
             starts = rows._result(rows._submit(cluster._starts, group), name)
             if isinstance(starts, cluster._Failed):
                 return starts
             count = len(starts["first_packets"]) // 8
-            found = rows._result(rows._submit(cluster._finish, group, list(range(rows._connections, rows._connections + count)), rows._wanted,
+            found = rows._result(rows._submit(cluster._finished, group, list(range(rows._connections, rows._connections + count)), rows._wanted,
                                               rows._path_for(name)), name)
             rows._connections += count
             return found

@@ -23,6 +23,7 @@ import functools
 import heapq
 import json
 import os
+import pickle
 import re
 import signal
 import socket
@@ -30,14 +31,15 @@ import struct
 import threading
 import time
 import uuid
-from collections.abc import Callable, Iterable, Iterator
+from collections.abc import Callable, Iterable, Iterator, Sequence
 from fractions import Fraction
 from multiprocessing import resource_tracker
-from typing import TYPE_CHECKING, Any, Generic, TypeVar
+from typing import TYPE_CHECKING, Any, Generic, Self, TypeVar
 
 import dask
-from distributed import Client, LocalCluster, as_completed
+from distributed import Client, LocalCluster, as_completed, get_worker, wait
 from distributed.scheduler import KilledWorker
+from distributed.utils_comm import gather_from_workers
 
 from . import CaptureError, Exchange, Object, Path, Record, Stream, _core, _names
 
@@ -54,22 +56,33 @@ _HEAD = len(b'{"stream":')
 class Secret:
     """Bytes that travel to workers, and show in no log, dashboard or traceback."""
 
-    __slots__ = ("_bytes",)
+    __slots__ = ("_bytes", "_lines")
 
-    def __init__(self, content: bytes) -> None:
+    def __init__(self, content: bytes | memoryview) -> None:
         self._bytes = content
+        self._lines: _core.KeyLines | None = None
 
     def reveal(self) -> bytes:
-        return self._bytes
+        return self._bytes if isinstance(self._bytes, bytes) else bytes(self._bytes)
+
+    def key_lines(self) -> _core.KeyLines:
+        """As a key log, which is looked through once."""
+        if self._lines is None:
+            self._lines = _core.key_lines(self.reveal())
+        return self._lines
 
     def __len__(self) -> int:
+        return len(self._bytes)
+
+    def __sizeof__(self) -> int:
         return len(self._bytes)
 
     def __repr__(self) -> str:
         return f"Secret({len(self._bytes)} bytes)"
 
-    def __reduce__(self) -> Any:
-        return Secret, (self._bytes,)
+    def __reduce_ex__(self, protocol: Any) -> Any:
+        # Travels uncopied where it can.
+        return Secret, (pickle.PickleBuffer(self._bytes) if protocol >= 5 else self.reveal(),)
 
 
 # What workers do. A task never fails because of a file: what is the matter with it is part of the answer.
@@ -93,13 +106,13 @@ def _told(error: CaptureError) -> tuple[str, str, int, str]:
     return error.file, error.reason, error.packets_before, str(error)
 
 
-class _Piece:
-    """A file that was indexed. Whoever gets it from elsewhere, or from the disk, indexes it once more when it is asked for."""
+class _Looked:
+    """A file that was indexed, and what was found in it. Who asks gets what was found; a worker that gets it from another, or from the disk,
+    indexes the file once more when it needs that."""
 
-    def __init__(self, file: str, filter: str, reach: str) -> None:
-        self._arguments = file, filter, reach
+    def __init__(self, arguments: tuple[str, str, str], core: _core.Piece | None, scan: dict[str, Any]) -> None:
+        self._arguments, self._core, self.scan = arguments, core, scan
         self._lock = threading.Lock()
-        self._core: _core.Piece | None = None
 
     def core(self) -> _core.Piece:
         with self._lock:
@@ -111,69 +124,82 @@ class _Piece:
         return self._core.memory if self._core else 0
 
     def __reduce__(self) -> Any:
-        return _Piece, self._arguments
+        return _Looked, (self._arguments, None, self.scan)
 
     def __repr__(self) -> str:
-        return f"_Piece({self._arguments[0]!r})"
+        return f"_Looked({self._arguments[0]!r})"
 
 
-def _look(file: str, filter: str, reach: str) -> _Piece | _Failed:
-    piece = _Piece(file, filter, reach)
+def _look(file: str, filter: str, reach: str) -> _Looked | _Failed:
     try:
-        piece.core()
+        core = _core.Piece(file, filter, reach)
+        return _Looked((file, filter, reach), core, {**core.scan(), "worker": get_worker().address})
     except CaptureError as error:
         return _Failed(_told(error))
-    return piece
 
 
-def _scan(piece: _Piece | _Failed) -> dict[str, Any] | _Failed:
-    if isinstance(piece, _Failed):
-        return piece
+def _secrets_of(looked: _Looked | _Failed) -> Secret | _Failed:
+    """Those that a file carries itself."""
+    if isinstance(looked, _Failed):
+        return looked
     try:
-        scan = piece.core().scan()
+        return Secret(looked.core().secrets())
     except CaptureError as error:
         return _Failed(_told(error))
-    scan["secrets"] = Secret(scan["secrets"])
-    return scan
 
 
-def _prepared(options: dict[str, Any]) -> dict[str, Any]:
+def _prepared(options: dict[str, Any], secrets: Secret) -> dict[str, Any]:
     if options["folder"]:
         os.makedirs(options["folder"], mode=0o700, exist_ok=True)
-    return options
+    return {**options, "secrets": secrets}
 
 
-def _work_on_file(piece: _Piece | _Failed, travelling: _Travelling, packets_before: int, options: dict[str, Any]) -> _Work | _Failed:
-    if isinstance(piece, _Failed):
-        return piece
+def _work_on_file(looked: _Looked | _Failed, travelling: _Travelling, packets_before: int, options: dict[str, Any],
+                  secrets: Secret) -> _Work | _Failed:
+    """Works on pairs of this file alone; `secrets` are those of some files."""
+    if isinstance(looked, _Failed):
+        return looked
+    keys = secrets.key_lines()
+    _, (lines,), _ = keys.needs([(looked.scan["clients"], looked.scan["strangers"], *travelling)])
+    secrets = Secret(keys.text([lines]))
     try:
-        return _Work(piece.core().rows(*travelling, packets_before, _prepared(options)))
+        return _Work(looked.core().rows(*travelling, packets_before, _prepared(options, secrets)))
     except CaptureError as error:
         return _Failed(_told(error))
 
 
-def _packets_by_group(piece: _Piece | _Failed, travelling: _Travelling, groups: list[int], packets_before: int) -> list[Secret] | _Failed:
-    if isinstance(piece, _Failed):
-        return piece
+def _packets_by_group(looked: _Looked | _Failed, travelling: _Travelling, groups: list[int], packets_before: int) -> list[Secret] | _Failed:
+    if isinstance(looked, _Failed):
+        return looked
     try:
-        return [Secret(packets) for packets in piece.core().packets(*travelling, groups, packets_before)]
+        return [Secret(packets) for packets in looked.core().packets(*travelling, groups, packets_before)]
     except CaptureError as error:
         return _Failed(_told(error))
 
 
-def _packets_for(piece: _Piece | _Failed, travelling: _Travelling, group: int, packets_before: int) -> Secret | _Failed:
-    found = _packets_by_group(piece, travelling, [group], packets_before)
+def _packets_for(looked: _Looked | _Failed, travelling: _Travelling, group: int, packets_before: int) -> Secret | _Failed:
+    found = _packets_by_group(looked, travelling, [group], packets_before)
     return found if isinstance(found, _Failed) else found[0]
 
 
-def _work_on_packets(pieces: list[Secret | _Failed], options: dict[str, Any]) -> _Work | _Failed:
+def _work_on_packets(pieces: list[Secret | _Failed], options: dict[str, Any], secrets: Secret) -> _Work | _Failed:
     packets = [piece for piece in pieces if isinstance(piece, Secret)]
     try:
-        work = _Work(_core.work_on_packets(packets, _prepared(options)))
+        work = _Work(_core.work_on_packets(packets, _prepared(options, secrets)))
     except CaptureError as error:
         return _Failed(_told(error))
     work["errors"] += [piece.error for piece in pieces if isinstance(piece, _Failed)]
     work["travelled"] = sum(map(len, packets))
+    return work
+
+
+def _work_on_shared(looked: _Looked | _Failed, travelling: _Travelling, group: int, packets_before: int, others: list[Secret | _Failed],
+                    options: dict[str, Any], secrets: Secret) -> _Work | _Failed:
+    """Works on pairs that begin here and go on in other files, whose packets of them came."""
+    own = _packets_for(looked, travelling, group, packets_before)
+    work = _work_on_packets([own, *others], options, secrets)
+    if isinstance(work, _Work) and isinstance(own, Secret):
+        work["travelled"] -= len(own)
     return work
 
 
@@ -210,20 +236,40 @@ def _matches(row: dict[str, Any], wanted: dict[str, str]) -> bool:
     return all(tests[name](text) for name, text in wanted.items())
 
 
-def _finish(work: _Work | _Failed, numbers: list[int] | tuple[int, list[int]], wanted: dict[str, str], path: str) -> tuple[Any, list[Any]]:
+def _finish(shared: _Work | _Failed | None, shared_numbers: list[int], own: _Work | _Failed, own_numbers: tuple[int, list[int]],
+            wanted: dict[str, str], paths: tuple[str, str]) -> list[tuple[Any, list[Any]]]:
+    """The rows of pairs that go on from a file, and those of its own: see `_finished`. Of the latter a number for the first one is given, and
+    the packets at which a connection elsewhere takes one."""
+    results = [] if shared is None else [_finished(shared, shared_numbers, wanted, paths[0])]
+    start, elsewhere = own_numbers
+    first_packets = () if isinstance(own, _Failed) else _numbers(own["first_packets"])
+    numbers = [start + i + bisect.bisect_left(elsewhere, packet) for i, packet in enumerate(first_packets)]
+    return [*results, _finished(own, numbers, wanted, paths[1])]
+
+
+def _finished(work: _Work | _Failed, numbers: list[int], wanted: dict[str, str], path: str) -> tuple[Any, list[Any]]:
     """The rows with their final numbers, written to `path` where there is one, in one go, else given; and what was the matter."""
     if isinstance(work, _Failed):
         return b"", [work.error]
-    if isinstance(numbers, tuple):  # a number for the first, and the packets at which a connection elsewhere takes one
-        start, elsewhere = numbers
-        numbers = [start + i + bisect.bisect_left(elsewhere, packet) for i, packet in enumerate(_numbers(work["first_packets"]))]
     rows = _core.numbered(work["rows"], work["numbers"], _packed(numbers))
     if wanted:
-        rows = b"".join(line for line in rows.splitlines(keepends=True) if _matches(json.loads(line), wanted))
+        rows = _found_in(rows, wanted)
     try:
         return _written(rows, path) if path else rows, work["errors"]
     except OSError as problem:
         return b"", [*work["errors"], (path, problem.strerror or str(problem), -1, "")]
+
+
+def _found_in(rows: bytes, wanted: dict[str, str]) -> bytes:
+    # Most rows lack the text altogether, and need not be taken apart to tell; what JSON would write otherwise is not looked for so.
+    texts = [text.lower().replace(":", "") if name == "certificate" else text.lower() for name, text in wanted.items()]
+    marks = [text.encode() for text in texts if text.isascii() and json.dumps(text)[1:-1] == text]
+
+    def has_marks(line: bytes) -> bool:
+        line = line.lower()
+        return all(mark in line for mark in marks)
+
+    return b"".join(line for line in rows.splitlines(keepends=True) if has_marks(line) and _matches(json.loads(line), wanted))
 
 
 def _written(rows: bytes, path: str) -> str:
@@ -243,42 +289,17 @@ def _written(rows: bytes, path: str) -> str:
 # What the one does who asks.
 
 
-class _KeyLog:
-    """The secrets of a whole capture, to be handed out file by file."""
-
-    def __init__(self, text: bytes) -> None:
-        self.lines = text.splitlines(keepends=True)
-        self._of_client: dict[bytes, list[int]] = {}
-        self._of_anybody: list[int] = []
-        for index, line in enumerate(self.lines):
-            words = line.split()
-            if len(words) == 3 and len(words[1]) == 64:
-                try:
-                    self._of_client.setdefault(bytes.fromhex(words[1].decode())[:8], []).append(index)
-                    continue
-                except ValueError:
-                    pass
-            self._of_anybody.append(index)
-
-    def has(self, client: bytes) -> bool:
-        return client in self._of_client
-
-    def for_clients(self, clients: Iterable[bytes], has_strangers: bool) -> Secret:
-        """The lines for some clients, in the order of the key log; all of them where somebody may be any client."""
-        if has_strangers:
-            return Secret(b"".join(self.lines))
-        found = [index for client in set(clients) for index in self._of_client.get(client, ())]
-        if not found:
-            return Secret(b"")
-        return Secret(b"".join(self.lines[index] for index in sorted(found + self._of_anybody)))
-
-
 def _entries(packed: bytes, size: int) -> list[bytes]:
     return [packed[at:at + size] for at in range(0, len(packed), size)]
 
 
+def _lines_for(keys: _core.KeyLines, clients: Iterable[bytes], has_strangers: bool) -> Secret:
+    """The lines for some clients, in the order of the key log; all of them where somebody may be any client."""
+    return Secret(keys.text([None if has_strangers else keys.lines_of(b"".join(clients))]))
+
+
 # Looks at every worker's stack and event loop, up to a hundred times a second, tell nothing about code that is not Python.
-_LOCAL = {"distributed.worker.profile.interval": "1s", "distributed.admin.tick.interval": "500ms",
+_LOCAL = {"distributed.worker.profile.enabled": False, "distributed.admin.tick.interval": "500ms",
           "distributed.worker.memory.monitor-interval": "1s", "distributed.scheduler.work-stealing-interval": "500ms"}
 
 
@@ -337,7 +358,7 @@ class Rows(Generic[_Row]):
         if self._output:
             os.makedirs(self._output, mode=0o700, exist_ok=True)
 
-    def __enter__(self) -> Rows[_Row]:
+    def __enter__(self) -> Self:
         return self
 
     def __exit__(self, *exception: object) -> None:
@@ -369,7 +390,7 @@ class Rows(Generic[_Row]):
             while heap and (part.bound is None or heap[0][0] < part.bound):
                 yield heapq.heappop(heap)[2].decode()
 
-    def run(self) -> Rows[_Row]:
+    def run(self) -> Self:
         """Does everything, for who wants the partitions alone."""
         for _ in self.lines():
             pass
@@ -392,6 +413,67 @@ class Rows(Generic[_Row]):
         # A key that is made from nothing tells nothing.
         key = f"sealscope{work.__name__.replace('_', '-')}-{uuid.uuid4().hex}"
         return self._client.submit(work, *arguments, key=key, pure=False, **where)
+
+    def _submit_all(self, work: Callable[..., Any], calls: Sequence[tuple[Any, ...]], **where: Any) -> list[Any]:
+        """Many calls of the same: costs the scheduler less than one by one."""
+        keys = [f"sealscope{work.__name__.replace('_', '-')}-{uuid.uuid4().hex}" for _ in calls]
+        futures: list[Any] = self._client.map(work, *zip(*calls), key=keys, pure=False, **where) if calls else []
+        return futures
+
+    # Secrets go from here to the worker that needs them, and from worker to worker, but not through the scheduler. They live there as long
+    # as this client does, and a worker that is lost has lost them.
+
+    def _hand_out(self, wanted: list[tuple[Any, Secret]]) -> list[Any]:
+        """Secrets, each to a worker: futures of them. What is nothing needs no travel."""
+        handed: list[Any] = [secret for _, secret in wanted]
+        by_place: dict[str, dict[int, list[int]]] = {}
+        places = self._client.scheduler_info()["workers"]
+        for index, (place, secret) in enumerate(wanted):
+            if len(secret):
+                place = place if place in places else min(places, default="")
+                by_place.setdefault(place, {}).setdefault(id(secret), []).append(index)
+        for place, uses in by_place.items():
+            keys = {f"sealscope-secret-{uuid.uuid4().hex}": indices for indices in uses.values()}
+            futures = self._hand_to(place, {key: wanted[indices[0]][1] for key, indices in keys.items()})
+            for key, indices in keys.items():
+                for index in indices:
+                    handed[index] = futures[key]
+        return handed
+
+    def _hand_to(self, place: str, secrets: dict[str, Secret]) -> Any:
+        for attempt in range(3):
+            try:
+                return self._client.scatter(secrets, workers=[place], direct=True, timeout=10)
+            except (OSError, TimeoutError, ValueError) as problem:
+                reason = problem
+            try:
+                places = self._client.sync(self._client.scheduler.identity)["workers"]
+            except OSError:
+                raise _SchedulerLost from None
+            if place in places and attempt or not places:
+                break
+            place = place if place in places else min(places)
+        raise CaptureError("", f"key lines go to workers directly, and {place or 'a worker'} cannot be reached from here: {reason}")
+
+    def _from_worker(self, future: Any, file: str) -> Any:
+        """What a task gave, as `_result`, but from its worker directly."""
+        async def fetch() -> Any:
+            places = await self._client.scheduler.who_has(keys=[future.key])
+            data, _, _ = await gather_from_workers(places, rpc=self._client.rpc, close=False)
+            return data.get(future.key)
+
+        for _ in range(3):
+            wait(future)
+            if future.status != "finished":
+                return self._result(future, file)
+            try:
+                found = self._client.sync(fetch)
+            except OSError:
+                raise _SchedulerLost from None
+            if found is not None:
+                return found
+            time.sleep(0.5)
+        return _Failed((file, "the secrets that it carries could not be fetched from the worker that read it", -1, ""))
 
     def _result(self, future: Any, file: str) -> Any:
         """What a task gave; a `_Failed` for one that takes its workers down with it."""
@@ -450,6 +532,7 @@ class Rows(Generic[_Row]):
     def _scan_all(self) -> None:
         known = set(self._scans)
         self._again(self._scan_missing)
+        self._again(self._fetch_secrets)
         for index, scan in list(self._scans.items()):
             if index in known:
                 continue
@@ -461,27 +544,15 @@ class Rows(Generic[_Row]):
                     self._tell(error)
 
     def _scan_missing(self) -> None:
+        # The scheduler gives each worker as many as it has time for, and rows are made where a file was looked at.
         waiting = [index for index in range(len(self._files)) if index not in self._scans]
-        waiting.reverse()
-        futures: dict[Any, int] = {}
-        running = as_completed(loop=self._client.loop)
-
-        def begin() -> None:
-            # A few at a time, so that each worker gets as many bytes as it has time for: rows are made where a file was looked at.
-            threads = sum(worker["nthreads"] for worker in self._client.scheduler_info()["workers"].values())
-            while waiting and len(futures) < 2 * max(threads, 1):
-                index = waiting.pop()
-                self._pieces[index] = self._submit(_look, self._files[index], self._filter, self._reach)
-                future = self._submit(_scan, self._pieces[index])
-                futures[future] = index
-                running.add(future)
-
-        begin()
-        for future in running:
-            index = futures.pop(future)
-            self._scans[index] = self._result(future, self._files[index])
+        futures = self._submit_all(_look, [(self._files[index], self._filter, self._reach) for index in waiting])
+        self._pieces.update(zip(waiting, futures))
+        indices = {future.key: index for index, future in zip(waiting, futures)}
+        for future in as_completed(futures, loop=self._client.loop):
+            index = indices[future.key]
+            self._scans[index] = self._found(future, index)
             self._progress("looking through", len(self._scans), len(self._files))
-            begin()
         # What one worker does not have may lie on the machine of another.
         absent = [index for index, scan in self._scans.items() if isinstance(scan, _Failed) and index not in self._places]
         for address in self._one_worker_a_host():
@@ -489,15 +560,29 @@ class Rows(Generic[_Row]):
                 break
             tried = {}
             for index in absent:
-                piece = self._submit(_look, self._files[index], self._filter, self._reach, workers=[address])
-                tried[index] = piece, self._submit(_scan, piece)
-            for index, (piece, future) in tried.items():
-                scan = self._result(future, self._files[index])
+                tried[index] = self._submit(_look, self._files[index], self._filter, self._reach, workers=[address])
+            for index, piece in tried.items():
+                scan = self._found(piece, index)
                 if not isinstance(scan, _Failed):
                     self._scans[index] = scan
                     self._pieces[index] = piece
                     self._places[index] = address
             absent = [index for index in absent if index not in self._places]
+
+    def _fetch_secrets(self) -> None:
+        """The secrets that captures carry themselves, past the scheduler."""
+        carrying = {index: scan for index, scan in self._scans.items() if isinstance(scan, dict) and not isinstance(scan["secrets"], Secret)}
+        asked = {index: self._submit(_secrets_of, self._piece(index)) for index, scan in carrying.items() if scan["secrets"]}
+        for index, scan in carrying.items():
+            found: Any = self._from_worker(asked[index], self._files[index]) if index in asked else Secret(b"")
+            if isinstance(found, _Failed):
+                self._tell(found.error)
+                found = Secret(b"")
+            scan["secrets"] = found
+
+    def _found(self, future: Any, index: int) -> dict[str, Any] | _Failed:
+        looked = self._result(future, self._files[index])
+        return looked if isinstance(looked, _Failed) else looked.scan
 
     def _piece(self, index: int) -> Any:
         """A file's index; made once more when the scheduler that knew of it was lost."""
@@ -559,7 +644,7 @@ class _Plan:
         # A group has the pairs that begin in one file, and go on in others.
         self._travelling: list[dict[int, int]] = [{} for _ in self._files]
         self._own = [scan["connections"] for scan in self._scans]
-        others = [dict(struct.iter_unpack("=Qq", scan["others"])) for scan in self._scans]
+        others: list[dict[int, int]] = [dict(struct.iter_unpack("=Qq", scan["others"])) for scan in self._scans]  # type: ignore[arg-type]
         self._members: dict[int, set[int]] = {}
         for pair, files in _core.shared_pairs([scan["pairs"] for scan in self._scans]):
             for file in files:
@@ -568,43 +653,24 @@ class _Plan:
                 self._members.setdefault(files[0], set()).add(file)
         self._packed = [_pack(travelling) for travelling in self._travelling]
         self._make_options()
+        self._whole: Secret | None = None
         self._work: dict[int, Any] = {}
         self._group_work: dict[int, Any] = {}
+        self._starts_work: dict[int, Any] = {}
         self._starts: dict[int, dict[int, int]] = {}
-        self._done: set[tuple[str, int]] = set()
+        self._numbers: dict[int, list[int]] | None = None
+        self._finished: dict[int, Any] = {}
+        self._done: set[int] = set()
 
     def _make_options(self) -> None:
         rows = self._rows
-        text, facts = _core.key_log(_embedded(self._scans), rows._key_logs)
-        keys = _KeyLog(text)
-        known: set[tuple[int, bytes]] = set()
-        needs: list[tuple[set[bytes], bool]] = []
-        unmet: dict[int, int] = {}
-        group_needs: dict[int, tuple[set[bytes], list[bool]]] = {group: (set(), []) for group in self._members}
-        for scan, travelling in zip(self._scans, self._travelling):
-            own: set[bytes] = set()
-            for pair, client in _clients(scan):
-                if not keys.has(client):
-                    continue
-                known.add((pair, client))
-                (group_needs[travelling[pair]][0] if pair in travelling else own).add(client)
-            strangers = array.array("Q", scan["strangers"])
-            needs.append((own, any(pair not in travelling for pair in strangers)))
-            unmet.update((pair, travelling[pair]) for pair in strangers if pair in travelling)
-        # A pair is a stranger where none of its files has its hello.
-        if unmet:
-            for scan in self._scans:
-                for pair, _ in _clients(scan):
-                    unmet.pop(pair, None)
-        for group in unmet.values():
-            group_needs[group][1].append(True)
-        facts["connections"] = len(known)
+        self._keys, facts = _core.key_log(_embedded(self._scans), rows._key_logs)
+        facts["connections"], self._lines, self._group_lines = self._keys.needs(
+            [(scan["clients"], scan["strangers"], *packed) for scan, packed in zip(self._scans, self._packed)])
         self._common = {"kind": rows._kind, "reach": rows._reach, "facts": facts, "folder": ""}
-        self._secrets = [keys.for_clients(clients, strangers) for clients, strangers in needs]
-        self._group_secrets = {group: keys.for_clients(clients, bool(strangers)) for group, (clients, strangers) in group_needs.items()}
 
-    def _options(self, secrets: Secret, name: str) -> dict[str, Any]:
-        return {**self._common, "secrets": secrets, "folder": self._rows._folder_for(name)}
+    def _options(self, name: str) -> dict[str, Any]:
+        return {**self._common, "folder": self._rows._folder_for(name)}
 
     def _name(self, kind: str, index: int) -> str:
         return f"part-{index:05}" + ("-shared" if kind == "group" else "")
@@ -615,28 +681,74 @@ class _Plan:
     # Work: what travels, and every file. All of it can be done again when the scheduler was lost, except what was handed out.
 
     def _work_on_all(self) -> None:
+        while True:
+            self._begin_work()
+            starts = dict(self._starts_work)
+            for future in as_completed(list(starts.values())):
+                group = next(group for group, one in starts.items() if one is future)
+                try:
+                    found = self._rows._result(future, self._files[group])
+                except _SchedulerLost:
+                    self._drop_lost(group)
+                    continue
+                self._starts_work.pop(group, None)
+                if isinstance(found, _Failed):
+                    self._rows._tell((self._files[group], "connections that go on in other files: " + found.error[1], -1, ""))
+                    self._group_work[group] = found
+                    self._starts[group] = {}
+                    continue
+                self._starts[group] = dict(zip(_numbers(found["first_packets"]), _numbers(found["before"])))
+                self._rows.travelled_bytes += found["travelled"]
+            if self._members.keys() <= self._starts.keys():
+                return
+
+    def _begin_work(self) -> None:
+        """Submits what is not: what others wait for first."""
         rows = self._rows
-        groups = sorted(group for group in self._members if ("group", group) not in self._done and group not in self._group_work)
-        for group in groups:
-            pieces = [rows._submit(_packets_for, rows._piece(self._order[file]), self._packed[file], group, self._packets_before[file])
-                      for file in sorted(self._members[group])]
-            self._group_work[group] = rows._submit(_work_on_packets, pieces,
-                                                   self._options(self._group_secrets[group], self._name("group", group)))
-        for file in range(len(self._files)):
-            if ("file", file) not in self._done and file not in self._work:
-                self._work[file] = rows._submit(_work_on_file, rows._piece(self._order[file]), self._packed[file], self._packets_before[file],
-                                                self._options(self._secrets[file], self._name("file", file)))
-        starts = {rows._submit(_starts, self._group_work[group]): group for group in self._members.keys() - self._starts.keys()}
-        for future in as_completed(list(starts)):
-            group = starts.pop(future)
-            found = rows._result(future, self._files[group])
-            if isinstance(found, _Failed):
-                rows._tell((self._files[group], "connections that go on in other files: " + found.error[1], -1, ""))
-                self._group_work[group] = found
-                self._starts[group] = {}
-                continue
-            self._starts[group] = dict(zip(_numbers(found["first_packets"]), _numbers(found["before"])))
-            rows.travelled_bytes += found["travelled"]
+        groups = sorted(group for group in self._members if group not in self._done and group not in self._group_work)
+        files = [file for file in range(len(self._files)) if file not in self._done and file not in self._work]
+        places = [scan["worker"] for scan in self._scans]
+        # What a worker's files need goes there in one piece; packets that come together have few clients.
+        of_places: dict[str, list[bytes | None]] = {}
+        for file in files:
+            of_places.setdefault(places[file], []).append(self._lines[file])
+        of_place = {place: self._secret(several) for place, several in of_places.items()}
+        secrets = rows._hand_out([*((places[group], self._secret([self._group_lines[group]])) for group in groups),
+                                  *((places[file], of_place[places[file]]) for file in files)])
+        travelling = [(group, file) for group in groups for file in sorted(self._members[group]) if file != group]
+        packets: dict[int, list[Any]] = {group: [] for group in groups}
+        calls: list[tuple[Any, ...]] = [(*self._of_file(file), group, self._packets_before[file]) for group, file in travelling]
+        for (group, _), future in zip(travelling, rows._submit_all(_packets_for, calls, priority=2)):
+            packets[group].append(future)
+        calls = [(*self._of_file(group), group, self._packets_before[group], packets[group], self._options(self._name("group", group)), secret)
+                 for group, secret in zip(groups, secrets)]
+        self._group_work.update(zip(groups, rows._submit_all(_work_on_shared, calls, priority=1)))
+        waiting = sorted(self._members.keys() - self._starts.keys() - self._starts_work.keys())
+        self._starts_work.update(zip(waiting, rows._submit_all(_starts, [(self._group_work[group],) for group in waiting], priority=2)))
+        calls = [(*self._of_file(file), self._packets_before[file], self._options(self._name("file", file)), secret)
+                 for file, secret in zip(files, secrets[len(groups):])]
+        self._work.update(zip(files, rows._submit_all(_work_on_file, calls)))
+
+    def _secret(self, several: list[bytes | None]) -> Secret:
+        if None in several:  # it is made once, and goes to each worker once
+            self._whole = self._whole or Secret(self._keys.text([None]))
+            return self._whole
+        return Secret(self._keys.text(several))
+
+    def _of_file(self, file: int) -> tuple[Any, _Travelling]:
+        return self._rows._piece(self._order[file]), self._packed[file]
+
+    def _drop_lost(self, file: int) -> None:
+        """Forgets work that was lost with the secrets for it, which a worker had that is no more. When the scheduler was lost, it is more."""
+        if self._rows._client.status != "running" or self._rows._piece(self._order[file]).status in ("cancelled", "lost"):
+            raise _SchedulerLost
+        for futures in (self._work, self._group_work, self._starts_work, self._finished):
+            for index in [index for index, future in futures.items() if getattr(future, "status", "") in ("cancelled", "lost")]:
+                del futures[index]
+        self._group_work.pop(file, None)
+        self._work.pop(file, None)
+        self._starts_work.pop(file, None)
+        self._finished.pop(file, None)
 
     def _numbers_of_groups(self) -> dict[int, list[int]]:
         """Of each group the numbers of its connections, and in `_offsets` where those of each file begin."""
@@ -665,50 +777,51 @@ class _Plan:
         return None if first is None else (first[0] + first[1] / first[2],)
 
     def parts(self) -> Iterator[_Part]:
-        numbers: dict[int, list[int]] | None = None
-        finished: dict[tuple[str, int], Any] = {}
-        order = [entry for file in range(len(self._files)) for entry in (("group", file), ("file", file)) if entry[0] == "file" or file in self._members]
-
-        def prepare() -> None:
-            nonlocal numbers
-            self._work_on_all()
-            if numbers is None:
-                numbers = self._numbers_of_groups()
-            for kind, index in order:
-                if (kind, index) in self._done or (kind, index) in finished:
-                    continue
-                work = (self._work if kind == "file" else self._group_work)[index]
-                found = numbers[index] if kind == "group" else (self._offsets[index], self._elsewhere[index])
-                finished[kind, index] = None if isinstance(work, _Failed) else self._rows._submit(
-                    _finish, work, found, self._rows._wanted, self._path(kind, index))
-
-        def result(entry: tuple[str, int]) -> Any:
-            try:
-                if entry not in finished:
-                    prepare()
-                future = finished[entry]
-                return (b"", []) if future is None else self._rows._result(future, self._files[entry[1]])
-            except _SchedulerLost:
-                finished.clear()
-                self._work.clear()
-                self._group_work = {group: work for group, work in self._group_work.items() if isinstance(work, _Failed)}
-                raise
-
-        for count, entry in enumerate(order):
-            found = self._rows._again(functools.partial(result, entry))
-            rows, errors = (b"", [found.error]) if isinstance(found, _Failed) else found
-            for error in errors:
-                self._rows._tell(error)
-            kind, file = entry
-            self._done.add(entry)
-            finished[entry] = None
+        for file in range(len(self._files)):
+            results = self._rows._again(functools.partial(self._result, file))
+            self._done.add(file)
             # Its rows are through, and need no more room on a worker.
-            (self._work if kind == "file" else self._group_work).pop(file, None)
-            if kind == "file":
-                self._rows._pieces.pop(self._order[file], None)
-            self._rows._progress("working", count + 1, len(order))
-            # A group stands before the file that its first connections begin in.
-            yield _Part(rows, self._bound(file) if kind == "file" else (-1,))
+            for futures in (self._work, self._group_work, self._finished):
+                futures.pop(file, None)
+            self._rows._pieces.pop(self._order[file], None)
+            for _, errors in results:
+                for error in errors:
+                    self._rows._tell(error)
+            self._rows._progress("working", file + 1, len(self._files))
+            for rows, _ in results[:-1]:
+                yield _Part(rows, (-1,))  # its connections stand before those of the file
+            yield _Part(results[-1][0], self._bound(file))
+
+    def _result(self, file: int) -> list[tuple[Any, list[Any]]]:
+        while True:
+            try:
+                if file not in self._finished:
+                    self._finish_all()
+                found: list[tuple[Any, list[Any]]] | _Failed = self._rows._result(self._finished[file], self._files[file])
+                return [(b"", [found.error])] if isinstance(found, _Failed) else found
+            except _SchedulerLost:
+                try:
+                    self._drop_lost(file)
+                except _SchedulerLost:
+                    self._finished.clear()
+                    self._work.clear()
+                    self._starts_work.clear()
+                    self._group_work = {group: work for group, work in self._group_work.items() if isinstance(work, _Failed)}
+                    raise
+
+    def _finish_all(self) -> None:
+        self._work_on_all()
+        if self._numbers is None:
+            self._numbers = self._numbers_of_groups()
+        files = [file for file in range(len(self._files)) if file not in self._done and file not in self._finished]
+        calls = [(self._group_work.get(file) if self._starts.get(file) else None, self._numbers.get(file, []), self._work[file],
+                  (self._offsets[file], self._elsewhere[file]), self._rows._wanted, (self._path("group", file), self._path("file", file)))
+                 for file in files]
+        self._finished.update(zip(files, self._rows._submit_all(_finish, calls, priority=3)))
+
+
+def _wanted(**given: str | None) -> dict[str, str]:
+    return {name: text for name, text in given.items() if text is not None}
 
 
 def streams(files: Path | Iterable[Path], *, client: Client | str | None = None, keylog: Path | Iterable[Path] | None = None,
@@ -746,8 +859,7 @@ def find(files: Path | Iterable[Path], *, server_name: str | None = None, client
          patience: float = 120.0, progress: Callable[[str, int, int], None] | None = None) -> Rows[Stream]:
     """The streams that have all of what is given: a server name, a client random, the SHA-256 of a certificate, an address (with or
     without its port), a JA4 fingerprint. Workers look; only what is found comes here."""
-    given = {"server_name": server_name, "client_random": client_random, "certificate": certificate, "address": address, "ja4": ja4}
-    wanted = {name: text for name, text in given.items() if text is not None}
+    wanted = _wanted(server_name=server_name, client_random=client_random, certificate=certificate, address=address, ja4=ja4)
     if not wanted:
         raise ValueError("find: expected a server name, a client random, a certificate, an address or a JA4 fingerprint")
     return Rows("streams", Stream, files, client=client, keylog=keylog, reach=reach, filter=filter, output=output, wanted=wanted,
@@ -757,19 +869,25 @@ def find(files: Path | Iterable[Path], *, server_name: str | None = None, client
 def follow(folder: Path, kind: str = "streams", pattern: str = "*", *, interval: float = 5.0, settle: float | None = None,
            most_held: int = 256 << 20, client: Client | str | None = None, keylog: Path | Iterable[Path] | None = None, reach: str = "full",
            filter: str = "", output: Path | None = None, folder_for_objects: Path | None = None, patience: float = 120.0,
-           progress: Callable[[str, int, int], None] | None = None, report: Callable[[CaptureError], None] | None = None) -> Following[Any]:
-    """Rows of the files of a folder that a sensor fills, as they are complete: of `kind` "streams", "exchanges" or "objects".
+           progress: Callable[[str, int, int], None] | None = None, report: Callable[[CaptureError], None] | None = None,
+           server_name: str | None = None, client_random: str | None = None, certificate: str | None = None, address: str | None = None,
+           ja4: str | None = None) -> Following[Any]:
+    """Rows of the files of a folder that a sensor fills, as they are complete: of `kind` "streams", "exchanges", "objects" or "find".
 
     A file is complete when there is a newer one, or when it was left alone for `settle` seconds, where that is given. Its rows come when
     the file behind it is complete too, since connections may go on there; such connections come when a file has nothing of them. Their
     packets are held until then, here, up to `most_held` bytes; beyond that the largest are let go as they are. `Following.stop` ends it,
     from any thread or a signal's handler: what is held comes then, and the iteration ends. `report` is given every problem as it is met.
-    Numbers of streams count the rows' connections as they come. Key logs are read anew for every round of files.
+    Numbers of streams count the connections as their rows come, those that "find" leaves out included. Key logs are read anew for every round of files.
     """
     from ._following import Following
 
-    makers: dict[str, Callable[[str], Any]] = {"streams": Stream, "exchanges": Exchange, "objects": Object}
+    makers: dict[str, Callable[[str], Any]] = {"streams": Stream, "exchanges": Exchange, "objects": Object, "find": Stream}
     if kind not in makers:
-        raise ValueError("follow: expected 'streams', 'exchanges' or 'objects'")
-    return Following(kind, makers[kind], folder, pattern, interval=interval, settle=settle, most_held=most_held, report=report, client=client,
-                     keylog=keylog, reach=reach, filter=filter, output=output, folder=folder_for_objects, patience=patience, progress=progress)
+        raise ValueError("follow: expected 'streams', 'exchanges', 'objects' or 'find'")
+    wanted = _wanted(server_name=server_name, client_random=client_random, certificate=certificate, address=address, ja4=ja4)
+    if (kind == "find") != bool(wanted):
+        raise ValueError("follow: 'find' goes with a server name, a client random, a certificate, an address or a JA4 fingerprint")
+    return Following("streams" if kind == "find" else kind, makers[kind], folder, pattern, interval=interval, settle=settle, most_held=most_held, report=report, client=client,
+                     keylog=keylog, reach=reach, filter=filter, output=output, wanted=wanted, folder=folder_for_objects, patience=patience,
+                     progress=progress)

@@ -22,6 +22,8 @@ EXAMPLES = """examples:
       the connections to one server
   sealscope-cluster streams --follow-directory /ring --pattern '*.pcap' -k keys.txt --output rows
       the files of a sensor's ring as they are complete, until Ctrl-C
+  sealscope-cluster find --ja4 t13d1516h2_8daaf6152771_e5627efa2ab1 --follow-directory /ring
+      a client by its fingerprint, as its connections come
 """
 
 
@@ -94,15 +96,17 @@ def _run(options: argparse.Namespace, progress: _Progress) -> int:
     from . import cluster
     common = {"client": _client(options), "keylog": options.keylog, "reach": options.reach, "filter": options.filter,
               "output": options.output, "patience": options.patience, "progress": progress}
+    names = ("server_name", "client_random", "certificate", "address", "ja4")
+    wanted = {name: getattr(options, name) for name in names if getattr(options, name) is not None}
+    if wanted and options.what != "find":
+        raise ValueError(f"--{next(iter(wanted)).replace('_', '-')} goes with find")
+    rows: cluster.Rows[Any]
     if options.follow_directory:
-        del common["client"]
         rows = cluster.follow(options.follow_directory, options.what, options.pattern, interval=options.interval, settle=options.settle,
-                              most_held=options.most_held << 20, client=_client(options), folder_for_objects=options.save, report=_report,
-                              **common)
+                              most_held=options.most_held << 20, folder_for_objects=options.save, report=_report, **wanted, **common)
         _end_on_signals(rows)
     elif options.what == "find":
-        names = ("server_name", "client_random", "certificate", "address", "ja4")
-        rows = cluster.find(options.files, **{name: getattr(options, name) for name in names}, **common)
+        rows = cluster.find(options.files, **wanted, **common)
     elif options.what == "objects":
         rows = cluster.objects(options.files, folder=options.save, **common)
     else:
@@ -138,14 +142,12 @@ def _end_on_signals(rows: Any) -> None:
 
 def main(arguments: list[str] | None = None) -> int:
     parser = _parser()
-    options = parser.parse_args(arguments)
+    options = parser.parse_intermixed_args(arguments)  # options may stand before files
     for key_log in options.keylog:
         if not os.access(key_log, os.R_OK):
             parser.error(f"--keylog {key_log}: cannot be read")
     if bool(options.files) == bool(options.follow_directory):
         parser.error("expected FILE, or --follow-directory")
-    if options.follow_directory and options.what == "find":
-        parser.error("find: expected FILE; --follow-directory goes with streams, exchanges and objects")
     progress = _Progress(not options.quiet)
     try:
         return _run(options, progress)

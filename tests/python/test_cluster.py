@@ -11,10 +11,10 @@ import time
 
 import captures
 import pytest
-from conftest import BUILD, PACKAGE, RECORDED, command, with_keys
+from conftest import BUILD, PACKAGE, RECORDED, SOURCE, command, with_keys
 from distributed import Client
 
-from sealscope import CaptureError, cluster
+from sealscope import CaptureError, _core, cluster
 
 NAMES = ["nginx-http1", "nginx-http2", "nginx-http1-tls12", "node-tls13", "openssl-tls12-renegotiation", "gnutls-tls12"]
 SOURCES = [next(path for path in RECORDED if path.parent.name == name) for name in NAMES]
@@ -151,10 +151,15 @@ def test_bad_files_are_told_and_the_rest_is_complete(client, ring, keys, tmp_pat
 
 
 def test_command_prints_ndjson(running, client, ring, whole, keys):
-    program = [BUILD / "bin/sealscope-cluster", "exchanges", *ring, "/nonexistent.pcap", "-k", keys, "--scheduler", running.address]
+    program = [BUILD / "bin/sealscope-cluster", "exchanges", "-k", keys, "--scheduler", running.address, *ring, "/nonexistent.pcap"]
     done = subprocess.run(program, capture_output=True, text=True, check=False)
     assert done.stdout.splitlines() == command("exchanges", str(whole), *with_keys([keys]))
     assert done.returncode == 1 and "sealscope-cluster: /nonexistent.pcap: No such file or directory" in done.stderr
+    alone = subprocess.run([BUILD / "bin/sealscope-cluster", "find", "--address", "10.0.0.7", "-k", keys, *ring[:8]], capture_output=True, text=True,
+                           check=False)
+    every = map(json.loads, command("streams", *map(str, ring[:8]), *with_keys([keys])))
+    assert list(map(json.loads, alone.stdout.splitlines())) == [row for row in every if row["client"].startswith("10.0.0.7:")], alone.stderr
+    assert alone.stdout and alone.returncode == 0
 
 
 @pytest.fixture(scope="module")
@@ -221,24 +226,70 @@ def test_following_has_bounds_and_ends_on_interrupt(running, client, steady, tmp
         cluster.follow(tmp_path / "missing", client=client)
 
 
+def test_following_finds_connections(running, client, steady, keys, tmp_path):
+    files = [shutil.copy(path, tmp_path) for path in steady[1][:5]]
+    os.utime(files[4], (4e9, 4e9))  # and still written
+    every = [json.loads(line) for line in command("streams", *files[:4], *with_keys([keys]))]
+    name = every[0]["reason"]["serverName"]
+    expected = [row for row in every if (row["reason"] or {}).get("serverName") == name]
+    rows = cluster.follow(tmp_path, "find", "ring*", server_name=name.upper(), interval=0.02, client=client, keylog=keys,
+                          progress=lambda *_: rows.stop())
+    found = [row.json for row in rows]
+    assert sorted(map(without_place, found), key=str) == sorted(map(without_place, map(json.dumps, expected)), key=str) and len(found) < len(every)
+    with pytest.raises(ValueError):
+        cluster.follow(tmp_path, "find", client=client)
+    with pytest.raises(ValueError):
+        cluster.follow(tmp_path, "streams", server_name=name, client=client)
+
+
 def test_secrets_stay_where_they_are_needed(running, client, keys):
     lines = keys.read_bytes().splitlines(keepends=True)
-    log = cluster._KeyLog(b"# comment\n" + b"".join(lines))
+    log = _core.key_lines(b"# comment\n" + b"".join(lines))
     random = bytes.fromhex(lines[0].split()[1].decode())[:8]
-    handed = log.for_clients([random], False).reveal().splitlines(keepends=True)
+    handed = cluster._lines_for(log, [random], False).reveal().splitlines(keepends=True)
     assert handed == [b"# comment\n", *(line for line in lines if line.split()[1] == lines[0].split()[1])]
-    assert log.for_clients([b"\0" * 8], False).reveal() == b""
-    assert log.for_clients([], True).reveal() == b"# comment\n" + b"".join(lines)
+    assert cluster._lines_for(log, [b"\0" * 8], False).reveal() == b""
+    assert cluster._lines_for(log, [], True).reveal() == b"# comment\n" + b"".join(lines)
     # A task that fails is told with its arguments in the worker's log, and with its name everywhere.
     secret = cluster.Secret(keys.read_bytes())
     rows = cluster.Rows("streams", str, [], client=client)
-    future = rows._submit(cluster._work_on_packets, [], {"secrets": secret, "folder": ""})
+    future = rows._submit(cluster._work_on_packets, [], {"folder": ""}, *rows._hand_out([("", secret)]))
     with pytest.raises(KeyError):
         future.result()
     told = "".join(path.read_text() for path in running.folder.glob("*.log")) + future.key + repr(client.get_task_stream()) + repr(secret)
     assert "Secret(" in told
     for line in lines:
         assert line.split()[2].decode() not in told
+
+
+def memory_has(process, texts):
+    """Those of some texts that a process has anywhere in its memory."""
+    found = set()
+    with open(f"/proc/{process.pid}/maps") as maps, open(f"/proc/{process.pid}/mem", "rb", 0) as memory:
+        for begin, end in (map(lambda text: int(text, 16), line.split()[0].split("-")) for line in maps if " rw" in line):
+            try:
+                memory.seek(begin)
+                part = memory.read(end - begin)
+            except OSError:  # a page that nobody may read
+                continue
+            found |= {text for text in texts if text in part}
+    return found
+
+
+def test_secrets_pass_the_scheduler_by(running, ring, whole, keys, tmp_path):
+    carrying = tmp_path / "carrying.pcapng"
+    carrying.write_bytes((SOURCE / "examples/https.pcapng").read_bytes())
+    files = [*map(str, ring), str(carrying)]
+    carried = bytes(_core.Piece(str(carrying), "", "full").secrets())
+    assert carried
+    secrets = {line.split()[2] for line in keys.read_bytes().splitlines() + carried.splitlines() if len(line.split()) == 3}
+    while_working = Once("working", 20, lambda: seen.update(memory_has(running.scheduler, [*secrets, ring[3].name.encode()])))
+    seen = set()
+    with cluster.streams(files, client=running.address, keylog=keys, progress=while_working) as rows:
+        assert list(rows.lines()) == command("streams", *files, *with_keys([keys]))
+        assert seen == {ring[3].name.encode()}
+        assert memory_has(running.scheduler, secrets) == set()
+        assert memory_has(running.workers[0], secrets)
 
 
 class Once:
