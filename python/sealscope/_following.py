@@ -319,20 +319,19 @@ class _Round:
         groups = [index for index in self._groups if index not in self._group_work]
         files = [file for file in range(self._through) if file not in self._file_work]
         places = [scan["worker"] for scan in self._scans]
-        secrets = rows._hand_out([*((places[max(index, 0)], self._secrets_of(self._groups[index])) for index in groups),
-                                  *((places[file], self._secrets[file]) for file in files)])
-        secrets.reverse()
+        secrets = rows._hand_out({("group", index): (places[max(index, 0)], self._secrets_of(self._groups[index])) for index in groups}
+                                 | {("file", file): (places[file], self._secrets[file]) for file in files})
         for index in groups:
             group = self._groups[index]
-            files = sorted({file for run in group.pairs.values() for file in run})
             packets = [packet for held in group.held for packet in held.packets]
-            packets += [rows._submit(cluster._packets_for, piece(file), self._packed[file], index, self._before[file]) for file in files]
+            packets += [rows._submit(cluster._packets_for, piece(file), self._packed[file], index, self._before[file])
+                        for file in sorted({file for run in group.pairs.values() for file in run})]
             self._group_work[index] = rows._submit(cluster._work_on_packets, packets,
                                                    self._options(self._name(max(index, 0), "-shared" if index >= 0 else "-before")),
-                                                   secrets.pop())
+                                                   secrets["group", index])
         for file in files:
             self._file_work[file] = rows._submit(cluster._work_on_file, piece(file), self._packed[file], self._before[file],
-                                                 self._options(self._name(file)), secrets.pop())
+                                                 self._options(self._name(file)), secrets["file", file])
         starts = {rows._submit(cluster._starts, self._group_work[index]): index for index in self._groups if index not in self._counts}
         for future in as_completed(list(starts), loop=rows._client.loop):
             index = starts.pop(future)
@@ -378,9 +377,8 @@ class _Round:
 
         def work() -> Any:
             packets = [packet for held in gone for packet in held.packets]
-            secret, = rows._hand_out([("", self._group_secrets({client for held in gone for client in held.clients},
-                                                              any(held.is_stranger for held in gone), gone))])
-            group = rows._submit(cluster._work_on_packets, packets, self._options(name), secret)
+            secret = self._group_secrets({client for held in gone for client in held.clients}, any(held.is_stranger for held in gone), gone)
+            group = rows._submit(cluster._work_on_packets, packets, self._options(name), *rows._hand_out({name: ("", secret)}).values())
             starts = rows._result(rows._submit(cluster._starts, group), name)
             if isinstance(starts, cluster._Failed):
                 return starts

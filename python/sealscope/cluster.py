@@ -49,6 +49,7 @@ if TYPE_CHECKING:
 __all__ = ["Rows", "Secret", "exchanges", "find", "follow", "objects", "streams"]
 
 _Row = TypeVar("_Row", bound=Record)
+_For = TypeVar("_For")
 _Travelling = tuple[bytes, bytes]  # pairs, and the group that each goes to
 _HEAD = len(b'{"stream":')
 
@@ -423,37 +424,44 @@ class Rows(Generic[_Row]):
     # Secrets go from here to the worker that needs them, and from worker to worker, but not through the scheduler. They live there as long
     # as this client does, and a worker that is lost has lost them.
 
-    def _hand_out(self, wanted: list[tuple[Any, Secret]]) -> list[Any]:
-        """Secrets, each to a worker: futures of them. What is nothing needs no travel."""
-        handed: list[Any] = [secret for _, secret in wanted]
-        by_place: dict[str, dict[int, list[int]]] = {}
-        places = self._client.scheduler_info()["workers"]
-        for index, (place, secret) in enumerate(wanted):
+    def _hand_out(self, wanted: dict[_For, tuple[str, Secret]]) -> dict[_For, Any]:
+        """Secrets, each to a worker: futures, under who they are for. What is nothing needs no travel."""
+        handed: dict[_For, Any] = {one: secret for one, (_, secret) in wanted.items()}
+        by_place: dict[str, dict[int, list[_For]]] = {}
+        for one, (place, secret) in wanted.items():
             if len(secret):
-                place = place if place in places else min(places, default="")
-                by_place.setdefault(place, {}).setdefault(id(secret), []).append(index)
+                by_place.setdefault(place, {}).setdefault(id(secret), []).append(one)
         for place, uses in by_place.items():
-            keys = {f"sealscope-secret-{uuid.uuid4().hex}": indices for indices in uses.values()}
-            futures = self._hand_to(place, {key: wanted[indices[0]][1] for key, indices in keys.items()})
-            for key, indices in keys.items():
-                for index in indices:
-                    handed[index] = futures[key]
+            keys = {f"sealscope-secret-{uuid.uuid4().hex}": several for several in uses.values()}
+            futures = self._hand_to(place, {key: wanted[several[0]][1] for key, several in keys.items()})
+            for key, several in keys.items():
+                handed.update(dict.fromkeys(several, futures[key]))
         return handed
 
     def _hand_to(self, place: str, secrets: dict[str, Secret]) -> Any:
-        for attempt in range(3):
+        """To a worker, twice if need be, else to another one, from which tasks get them too."""
+        reason: Exception | str = "no worker is ready"
+        failed: list[str] = []
+        end = time.monotonic() + self._patience
+        while len(failed) < 4:
             try:
-                return self._client.scatter(secrets, workers=[place], direct=True, timeout=10)
-            except (OSError, TimeoutError, ValueError) as problem:
-                reason = problem
-            try:
-                places = self._client.sync(self._client.scheduler.identity)["workers"]
+                ready = self._client.sync(self._client.scheduler.ncores_running)
             except OSError:
                 raise _SchedulerLost from None
-            if place in places and attempt or not places:
+            if place not in ready or failed.count(place) > 1:
+                place = min(ready.keys() - set(failed), default="")
+            if place:
+                try:
+                    # A scatter that fails leaves no future, so that nothing is let go while the next one brings it under the same names.
+                    return self._client.scatter(secrets, workers=[place], direct=True, timeout=10)
+                except (OSError, TimeoutError, ValueError) as problem:
+                    reason = problem
+                    failed.append(place)
+            elif failed or time.monotonic() > end:
                 break
-            place = place if place in places else min(places)
-        raise CaptureError("", f"key lines go to workers directly, and {place or 'a worker'} cannot be reached from here: {reason}")
+            else:
+                time.sleep(0.5)
+        raise CaptureError("", f"key lines go to workers directly, and {failed[0] if failed else 'a worker'} cannot be reached from here: {reason}")
 
     def _from_worker(self, future: Any, file: str) -> Any:
         """What a task gave, as `_result`, but from its worker directly."""
@@ -713,20 +721,20 @@ class _Plan:
         for file in files:
             of_places.setdefault(places[file], []).append(self._lines[file])
         of_place = {place: self._secret(several) for place, several in of_places.items()}
-        secrets = rows._hand_out([*((places[group], self._secret([self._group_lines[group]])) for group in groups),
-                                  *((places[file], of_place[places[file]]) for file in files)])
+        secrets = rows._hand_out({("group", group): (places[group], self._secret([self._group_lines[group]])) for group in groups}
+                                 | {("file", file): (places[file], of_place[places[file]]) for file in files})
         travelling = [(group, file) for group in groups for file in sorted(self._members[group]) if file != group]
         packets: dict[int, list[Any]] = {group: [] for group in groups}
         calls: list[tuple[Any, ...]] = [(*self._of_file(file), group, self._packets_before[file]) for group, file in travelling]
         for (group, _), future in zip(travelling, rows._submit_all(_packets_for, calls, priority=2)):
             packets[group].append(future)
-        calls = [(*self._of_file(group), group, self._packets_before[group], packets[group], self._options(self._name("group", group)), secret)
-                 for group, secret in zip(groups, secrets)]
+        calls = [(*self._of_file(group), group, self._packets_before[group], packets[group], self._options(self._name("group", group)),
+                  secrets["group", group]) for group in groups]
         self._group_work.update(zip(groups, rows._submit_all(_work_on_shared, calls, priority=1)))
         waiting = sorted(self._members.keys() - self._starts.keys() - self._starts_work.keys())
         self._starts_work.update(zip(waiting, rows._submit_all(_starts, [(self._group_work[group],) for group in waiting], priority=2)))
-        calls = [(*self._of_file(file), self._packets_before[file], self._options(self._name("file", file)), secret)
-                 for file, secret in zip(files, secrets[len(groups):])]
+        calls = [(*self._of_file(file), self._packets_before[file], self._options(self._name("file", file)), secrets["file", file])
+                 for file in files]
         self._work.update(zip(files, rows._submit_all(_work_on_file, calls)))
 
     def _secret(self, several: list[bytes | None]) -> Secret:

@@ -253,13 +253,34 @@ def test_secrets_stay_where_they_are_needed(running, client, keys):
     # A task that fails is told with its arguments in the worker's log, and with its name everywhere.
     secret = cluster.Secret(keys.read_bytes())
     rows = cluster.Rows("streams", str, [], client=client)
-    future = rows._submit(cluster._work_on_packets, [], {"folder": ""}, *rows._hand_out([("", secret)]))
+    future = rows._submit(cluster._work_on_packets, [], {"folder": ""}, *rows._hand_out({"": ("", secret)}).values())
     with pytest.raises(KeyError):
         future.result()
     told = "".join(path.read_text() for path in running.folder.glob("*.log")) + future.key + repr(client.get_task_stream()) + repr(secret)
     assert "Secret(" in told
     for line in lines:
         assert line.split()[2].decode() not in told
+
+
+def test_key_lines_that_do_not_arrive_go_again(client, ring, whole, keys, monkeypatch):
+    scatter, arrived = client.scatter, []
+
+    def scatter_late(*arguments, **options):
+        # The first time they arrive and nobody hears of it, the second time they do not.
+        arrived.append(None if len(arrived) == 1 else scatter(*arguments, **options))
+        if len(arrived) <= 2:
+            raise TimeoutError("too late")
+        return arrived[-1]
+
+    def scatter_never(*arguments, **options):
+        raise TimeoutError("not today")
+
+    monkeypatch.setattr(client, "scatter", scatter_late)
+    assert list(cluster.streams(ring, client=client, keylog=keys).lines()) == command("streams", str(whole), *with_keys([keys]))
+    assert len(arrived) > 3
+    monkeypatch.setattr(client, "scatter", scatter_never)
+    with pytest.raises(CaptureError, match="tcp://.* cannot be reached from here: not today"):
+        cluster.streams(ring, client=client, keylog=keys).run()
 
 
 def memory_has(process, texts):
