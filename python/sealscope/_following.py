@@ -313,8 +313,13 @@ class _Round:
         """Begins what is not begun, and waits for what everybody's numbers need, and for packets to hold."""
         rows = self._rows
 
-        def piece(file: int) -> Any:
-            return rows._piece(self.order[file])
+        def piece(file: int) -> tuple[Any, cluster._File]:
+            batch, at = rows._piece(self.order[file])
+            return batch, cluster._File(at, file, self._packed[file], self._before[file])
+
+        def packets_of(file: int, groups: list[int]) -> Any:
+            batch, found = piece(file)
+            return rows._submit(cluster._packets, batch, [(found, groups)])
 
         groups = [index for index in self._groups if index not in self._group_work]
         files = [file for file in range(self._through) if file not in self._file_work]
@@ -323,19 +328,18 @@ class _Round:
                                  | {("file", file): (places[file], self._secrets[file]) for file in files})
         for index in groups:
             group = self._groups[index]
-            packets = [packet for held in group.held for packet in held.packets]
-            packets += [rows._submit(cluster._packets_for, piece(file), self._packed[file], index, self._before[file])
-                        for file in sorted({file for run in group.pairs.values() for file in run})]
+            packets: list[Any] = [packet for held in group.held for packet in held.packets]
+            packets += [packets_of(file, [index]) for file in sorted({file for run in group.pairs.values() for file in run})]
             self._group_work[index] = rows._submit(cluster._work_on_packets, packets,
                                                    self._options(self._name(max(index, 0), "-shared" if index >= 0 else "-before")),
                                                    secrets["group", index])
         for file in files:
-            self._file_work[file] = rows._submit(cluster._work_on_file, piece(file), self._packed[file], self._before[file],
-                                                 self._options(self._name(file)), secrets["file", file])
-        starts = {rows._submit(cluster._starts, self._group_work[index]): index for index in self._groups if index not in self._counts}
+            self._file_work[file] = rows._submit(cluster._work_on_file, *piece(file), self._options(self._name(file)), secrets["file", file])
+        starts = {rows._submit(cluster._starts, [self._group_work[index]]): index for index in self._groups if index not in self._counts}
         for future in as_completed(list(starts), loop=rows._client.loop):
             index = starts.pop(future)
             found = self._result(future, index, {})
+            found = found if isinstance(found, cluster._Failed) else found[0]
             self._counts[index] = 0 if isinstance(found, cluster._Failed) else len(found["first_packets"]) // 8
             if isinstance(found, cluster._Failed):
                 rows._tell(found.error)
@@ -346,17 +350,16 @@ class _Round:
             for number, files in self._going_on.values():
                 for file in files:
                     wanted.setdefault(file, []).append(number)
-            asked = {file: rows._submit(cluster._packets_by_group, piece(file), self._packed[file], groups, self._before[file])
-                     for file, groups in sorted(wanted.items())}
-            packets_of: dict[int, list[cluster.Secret]] = {}
+            asked = {file: packets_of(file, groups) for file, groups in sorted(wanted.items())}
+            came: dict[int, list[cluster.Secret]] = {}
             for file, future in asked.items():
                 found = self._result(future, file, {})
-                if isinstance(found, cluster._Failed):
-                    rows._tell(found.error)
-                    continue
-                for number, part in zip(wanted[file], found):
-                    packets_of.setdefault(number, []).append(part)
-            self._new_packets = packets_of
+                for (number, _), part in ({(0, file): found} if isinstance(found, cluster._Failed) else found).items():
+                    if isinstance(part, cluster._Failed):
+                        rows._tell(part.error)
+                    else:
+                        came.setdefault(number, []).append(part)
+            self._new_packets = came
 
     def _let_go(self) -> Iterator[Any]:
         """Of more than may be held, the largest connections; what comes of them in later files counts as others."""
@@ -379,7 +382,8 @@ class _Round:
             packets = [packet for held in gone for packet in held.packets]
             secret = self._group_secrets({client for held in gone for client in held.clients}, any(held.is_stranger for held in gone), gone)
             group = rows._submit(cluster._work_on_packets, packets, self._options(name), *rows._hand_out({name: ("", secret)}).values())
-            starts = rows._result(rows._submit(cluster._starts, group), name)
+            starts = rows._result(rows._submit(cluster._starts, [group]), name)
+            starts = starts if isinstance(starts, cluster._Failed) else starts[0]
             if isinstance(starts, cluster._Failed):
                 return starts
             count = len(starts["first_packets"]) // 8

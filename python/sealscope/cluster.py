@@ -9,7 +9,8 @@
 How it goes. A first look through each file, wherever a worker is free, indexes it and finds the pairs of endpoints in it; the index stays
 there. Then rows are made from it, where it is; the packets of pairs that several files have are left out, and travel to where they are all
 together. Numbers of streams are put right at the end, when it is known how many connections each part has. So a file's bytes are looked at
-twice, and of them only those travel that belong to connections which may go on in another file.
+twice, and of them only those travel that belong to connections which may go on in another file. Where there are many files for each worker,
+a task has several of them, since a task costs the scheduler the same whatever is in it.
 
 Files are named as the workers see them: on storage that all share, or each on the machine that wrote it. Workers need this package.
 A cluster that is started here runs on this machine; a script then needs the usual `if __name__ == "__main__":`.
@@ -21,7 +22,9 @@ import bisect
 import contextlib
 import functools
 import heapq
+import itertools
 import json
+import operator
 import os
 import pickle
 import re
@@ -34,7 +37,7 @@ import uuid
 from collections.abc import Callable, Iterable, Iterator, Sequence
 from fractions import Fraction
 from multiprocessing import resource_tracker
-from typing import TYPE_CHECKING, Any, Generic, Self, TypeVar
+from typing import TYPE_CHECKING, Any, Generic, NamedTuple, Self, TypeVar
 
 import dask
 from distributed import Client, LocalCluster, as_completed, get_worker, wait
@@ -51,6 +54,7 @@ __all__ = ["Rows", "Secret", "exchanges", "find", "follow", "objects", "streams"
 _Row = TypeVar("_Row", bound=Record)
 _For = TypeVar("_For")
 _Travelling = tuple[bytes, bytes]  # pairs, and the group that each goes to
+_Result = tuple[Any, list[Any]]  # rows or where they were written, and what was the matter
 _HEAD = len(b'{"stream":')
 
 
@@ -131,16 +135,35 @@ class _Looked:
         return f"_Looked({self._arguments[0]!r})"
 
 
-def _look(file: str, filter: str, reach: str) -> _Looked | _Failed:
-    try:
-        core = _core.Piece(file, filter, reach)
-        return _Looked((file, filter, reach), core, {**core.scan(), "worker": get_worker().address})
-    except CaptureError as error:
-        return _Failed(_told(error))
+_Batch = list[_Looked | _Failed]
+_Wanted = tuple["_File", list[int]]  # packets of these groups
 
 
-def _secrets_of(looked: _Looked | _Failed) -> Secret | _Failed:
+class _File(NamedTuple):
+    """A file of a batch, and what is to be known of it to work on it."""
+
+    at: int
+    number: int
+    travelling: _Travelling
+    packets_before: int
+
+
+def _look(files: list[str], filter: str, reach: str) -> _Batch:
+    worker = get_worker().address
+
+    def look(file: str) -> _Looked | _Failed:
+        try:
+            core = _core.Piece(file, filter, reach)
+            return _Looked((file, filter, reach), core, {**core.scan(), "worker": worker})
+        except CaptureError as error:
+            return _Failed(_told(error))
+
+    return [look(file) for file in files]
+
+
+def _secrets_of(batch: _Batch, at: int) -> Secret | _Failed:
     """Those that a file carries itself."""
+    looked = batch[at]
     if isinstance(looked, _Failed):
         return looked
     try:
@@ -155,35 +178,41 @@ def _prepared(options: dict[str, Any], secrets: Secret) -> dict[str, Any]:
     return {**options, "secrets": secrets}
 
 
-def _work_on_file(looked: _Looked | _Failed, travelling: _Travelling, packets_before: int, options: dict[str, Any],
-                  secrets: Secret) -> _Work | _Failed:
-    """Works on pairs of this file alone; `secrets` are those of some files."""
+def _work_on_files(batch: _Batch, files: list[_File], options: list[dict[str, Any]], secrets: Secret) -> list[_Work | _Failed]:
+    """Works on pairs of one file alone, file by file; `secrets` are those of several files."""
+    return [_work_on_file(batch, *of_file) for of_file in zip(files, options, itertools.repeat(secrets))]
+
+
+def _work_on_file(batch: _Batch, file: _File, options: dict[str, Any], secrets: Secret) -> _Work | _Failed:
+    looked = batch[file.at]
     if isinstance(looked, _Failed):
         return looked
     keys = secrets.key_lines()
-    _, (lines,), _ = keys.needs([(looked.scan["clients"], looked.scan["strangers"], *travelling)])
-    secrets = Secret(keys.text([lines]))
+    _, (lines,), _ = keys.needs([(looked.scan["clients"], looked.scan["strangers"], *file.travelling)])
     try:
-        return _Work(looked.core().rows(*travelling, packets_before, _prepared(options, secrets)))
+        return _Work(looked.core().rows(*file.travelling, file.packets_before, _prepared(options, Secret(keys.text([lines])))))
     except CaptureError as error:
         return _Failed(_told(error))
 
 
-def _packets_by_group(looked: _Looked | _Failed, travelling: _Travelling, groups: list[int], packets_before: int) -> list[Secret] | _Failed:
-    if isinstance(looked, _Failed):
-        return looked
-    try:
-        return [Secret(packets) for packets in looked.core().packets(*travelling, groups, packets_before)]
-    except CaptureError as error:
-        return _Failed(_told(error))
+def _packets(batch: _Batch, wanted: list[_Wanted]) -> dict[tuple[int, int], Secret | _Failed]:
+    """Packets of some groups, under the numbers of group and file."""
+    packets: dict[tuple[int, int], Secret | _Failed] = {}
+    for file, groups in wanted:
+        looked = batch[file.at]
+        numbers = [(group, file.number) for group in groups]
+        if isinstance(looked, _Failed):
+            packets.update(dict.fromkeys(numbers, looked))
+            continue
+        try:
+            packets.update(zip(numbers, map(Secret, looked.core().packets(*file.travelling, groups, file.packets_before))))
+        except CaptureError as error:
+            packets.update(dict.fromkeys(numbers, _Failed(_told(error))))
+    return packets
 
 
-def _packets_for(looked: _Looked | _Failed, travelling: _Travelling, group: int, packets_before: int) -> Secret | _Failed:
-    found = _packets_by_group(looked, travelling, [group], packets_before)
-    return found if isinstance(found, _Failed) else found[0]
-
-
-def _work_on_packets(pieces: list[Secret | _Failed], options: dict[str, Any], secrets: Secret) -> _Work | _Failed:
+def _work_on_packets(parts: list[Secret | dict[tuple[int, int], Secret | _Failed]], options: dict[str, Any], secrets: Secret) -> _Work | _Failed:
+    pieces = [piece for part in parts for piece in (part.values() if isinstance(part, dict) else [part])]
     packets = [piece for piece in pieces if isinstance(piece, Secret)]
     try:
         work = _Work(_core.work_on_packets(packets, _prepared(options, secrets)))
@@ -194,21 +223,24 @@ def _work_on_packets(pieces: list[Secret | _Failed], options: dict[str, Any], se
     return work
 
 
-def _work_on_shared(looked: _Looked | _Failed, travelling: _Travelling, group: int, packets_before: int, others: list[Secret | _Failed],
-                    options: dict[str, Any], secrets: Secret) -> _Work | _Failed:
-    """Works on pairs that begin here and go on in other files, whose packets of them came."""
-    own = _packets_for(looked, travelling, group, packets_before)
-    work = _work_on_packets([own, *others], options, secrets)
-    if isinstance(work, _Work) and isinstance(own, Secret):
-        work["travelled"] -= len(own)
-    return work
+def _work_on_shared(batch: _Batch, here: list[_Wanted], groups: list[tuple[int, dict[str, Any]]],
+                    elsewhere: list[dict[tuple[int, int], Secret | _Failed]], secrets: Secret) -> list[_Work | _Failed]:
+    """Works on pairs that go on in other files: groups of which files here have packets, and whose packets of other files came."""
+    own = _packets(batch, here)
+    packets = functools.reduce(operator.or_, elsewhere, own)
+    works = []
+    for group, options in groups:
+        parts = sorted(part for part in packets if part[0] == group)
+        work = _work_on_packets([{part: packets[part] for part in parts}], options, secrets)
+        if isinstance(work, _Work):
+            work["travelled"] -= sum(len(found) for part in parts if isinstance(found := own.get(part), Secret))
+        works.append(work)
+    return works
 
 
-def _starts(work: _Work | _Failed) -> dict[str, Any] | _Failed:
-    """Where the connections of a group begin, what begins before them in their files, and what travelled for it."""
-    if isinstance(work, _Failed):
-        return work
-    return {"first_packets": work["first_packets"], "before": work["before"], "travelled": work["travelled"]}
+def _starts(works: list[_Work | _Failed]) -> list[dict[str, Any] | _Failed]:
+    """Of groups where their connections begin, what begins before them in their files, and what travelled for it."""
+    return [work if isinstance(work, _Failed) else {name: work[name] for name in ("first_packets", "before", "travelled")} for work in works]
 
 
 def _numbers(packed: bytes) -> tuple[int, ...]:
@@ -237,18 +269,30 @@ def _matches(row: dict[str, Any], wanted: dict[str, str]) -> bool:
     return all(tests[name](text) for name, text in wanted.items())
 
 
-def _finish(shared: _Work | _Failed | None, shared_numbers: list[int], own: _Work | _Failed, own_numbers: tuple[int, list[int]],
-            wanted: dict[str, str], paths: tuple[str, str]) -> list[tuple[Any, list[Any]]]:
-    """The rows of pairs that go on from a file, and those of its own: see `_finished`. Of the latter a number for the first one is given, and
-    the packets at which a connection elsewhere takes one."""
-    results = [] if shared is None else [_finished(shared, shared_numbers, wanted, paths[0])]
-    start, elsewhere = own_numbers
-    first_packets = () if isinstance(own, _Failed) else _numbers(own["first_packets"])
-    numbers = [start + i + bisect.bisect_left(elsewhere, packet) for i, packet in enumerate(first_packets)]
-    return [*results, _finished(own, numbers, wanted, paths[1])]
+class _Finish(NamedTuple):
+    """What is left to do for a file: its place among the works of several, that of its group, the numbers of both and where rows go."""
+
+    own: int
+    shared: int | None
+    shared_numbers: list[int]
+    start: int  # of the numbers of its own connections
+    elsewhere: list[int]  # packets at which a connection elsewhere takes a number
+    paths: tuple[str, str]
 
 
-def _finished(work: _Work | _Failed, numbers: list[int], wanted: dict[str, str], path: str) -> tuple[Any, list[Any]]:
+def _finish(shared: list[_Work | _Failed], own: list[_Work | _Failed], files: list[_Finish], wanted: dict[str, str]) -> list[list[_Result]]:
+    """For each file the rows of pairs that go on from it, and those of its own: see `_finished`."""
+    results = []
+    for file in files:
+        work = own[file.own]
+        first_packets = () if isinstance(work, _Failed) else _numbers(work["first_packets"])
+        numbers = [file.start + i + bisect.bisect_left(file.elsewhere, packet) for i, packet in enumerate(first_packets)]
+        of_file = [] if file.shared is None else [_finished(shared[file.shared], file.shared_numbers, wanted, file.paths[0])]
+        results.append([*of_file, _finished(work, numbers, wanted, file.paths[1])])
+    return results
+
+
+def _finished(work: _Work | _Failed, numbers: list[int], wanted: dict[str, str], path: str) -> _Result:
     """The rows with their final numbers, written to `path` where there is one, in one go, else given; and what was the matter."""
     if isinstance(work, _Failed):
         return b"", [work.error]
@@ -298,6 +342,8 @@ def _lines_for(keys: _core.KeyLines, clients: Iterable[bytes], has_strangers: bo
     """The lines for some clients, in the order of the key log; all of them where somebody may be any client."""
     return Secret(keys.text([None if has_strangers else keys.lines_of(b"".join(clients))]))
 
+
+_MOST_IN_BATCH = 16
 
 # Looks at every worker's stack and event loop, up to a hundred times a second, tell nothing about code that is not Python.
 _LOCAL = {"distributed.worker.profile.enabled": False, "distributed.admin.tick.interval": "500ms",
@@ -353,7 +399,7 @@ class Rows(Generic[_Row]):
             self._owned = [client]
         self._client: Client = client
         self._scans: dict[int, dict[str, Any] | _Failed] = {}
-        self._pieces: dict[int, Any] = {}
+        self._pieces: dict[int, _Place] = {}  # files: the batch that has them
         self._places: dict[int, str] = {}
         self._told: set[tuple[Any, ...]] = set()
         if self._output:
@@ -498,6 +544,16 @@ class Rows(Generic[_Row]):
                 raise CaptureError(str(problem.filename or file), problem.strerror or str(problem)) from None
             raise
 
+    def _results(self, futures: list[Any], files: list[str]) -> list[Any]:
+        """As `_result`, for many at once."""
+        try:
+            if all(future.status == "finished" for future in futures):
+                found: list[Any] = self._client.gather(futures)
+                return found
+        except Exception:  # of one of them
+            pass
+        return [self._result(future, file) for future, file in zip(futures, files)]
+
     def _again(self, attempt: Callable[[], Any]) -> Any:
         """Tries until the scheduler stays; it may be started anew while somebody waits for it."""
         while True:
@@ -554,33 +610,49 @@ class Rows(Generic[_Row]):
     def _scan_missing(self) -> None:
         # The scheduler gives each worker as many as it has time for, and rows are made where a file was looked at.
         waiting = [index for index in range(len(self._files)) if index not in self._scans]
-        futures = self._submit_all(_look, [(self._files[index], self._filter, self._reach) for index in waiting])
-        self._pieces.update(zip(waiting, futures))
-        indices = {future.key: index for index, future in zip(waiting, futures)}
-        for future in as_completed(futures, loop=self._client.loop):
-            index = indices[future.key]
-            self._scans[index] = self._found(future, index)
-            self._progress("looking through", len(self._scans), len(self._files))
+        # Of several files that took their workers down it may be one alone.
+        self._look_at([[index] for index in self._look_at(self._in_batches(waiting))])
         # What one worker does not have may lie on the machine of another.
         absent = [index for index, scan in self._scans.items() if isinstance(scan, _Failed) and index not in self._places]
         for address in self._one_worker_a_host():
             if not absent:
                 break
-            tried = {}
-            for index in absent:
-                tried[index] = self._submit(_look, self._files[index], self._filter, self._reach, workers=[address])
-            for index, piece in tried.items():
-                scan = self._found(piece, index)
+            tried = {index: self._submit(_look, [self._files[index]], self._filter, self._reach, workers=[address]) for index in absent}
+            for index, future in tried.items():
+                scan = self._found(self._result(future, self._files[index]), 0)
                 if not isinstance(scan, _Failed):
                     self._scans[index] = scan
-                    self._pieces[index] = piece
+                    self._pieces[index] = future, 0
                     self._places[index] = address
             absent = [index for index in absent if index not in self._places]
+
+    def _in_batches(self, files: list[int]) -> list[list[int]]:
+        """Several together where there are many: so that a worker still gets several batches, and is not long behind others."""
+        threads = sum(worker["nthreads"] for worker in self._client.scheduler_info()["workers"].values())
+        size = min(max(len(files) // (4 * max(threads, 1)), 1), _MOST_IN_BATCH)
+        return [files[at:at + size] for at in range(0, len(files), size)]
+
+    def _look_at(self, batches: list[list[int]]) -> list[int]:
+        """Gives those that were lost together with others."""
+        futures = self._submit_all(_look, [([self._files[index] for index in batch], self._filter, self._reach) for batch in batches])
+        files_of = {future.key: batch for future, batch in zip(futures, batches)}
+        lost: list[int] = []
+        for ready in as_completed(futures, loop=self._client.loop).batches():
+            for future, looked in zip(ready, self._results(ready, [self._files[files_of[future.key][0]] for future in ready])):
+                batch = files_of[future.key]
+                if isinstance(looked, _Failed) and len(batch) > 1:
+                    lost += batch
+                    continue
+                for at, index in enumerate(batch):
+                    self._pieces[index] = future, at
+                    self._scans[index] = self._found(looked, at)
+                    self._progress("looking through", len(self._scans), len(self._files))
+        return lost
 
     def _fetch_secrets(self) -> None:
         """The secrets that captures carry themselves, past the scheduler."""
         carrying = {index: scan for index, scan in self._scans.items() if isinstance(scan, dict) and not isinstance(scan["secrets"], Secret)}
-        asked = {index: self._submit(_secrets_of, self._piece(index)) for index, scan in carrying.items() if scan["secrets"]}
+        asked = {index: self._submit(_secrets_of, *self._piece(index)) for index, scan in carrying.items() if scan["secrets"]}
         for index, scan in carrying.items():
             found: Any = self._from_worker(asked[index], self._files[index]) if index in asked else Secret(b"")
             if isinstance(found, _Failed):
@@ -588,16 +660,16 @@ class Rows(Generic[_Row]):
                 found = Secret(b"")
             scan["secrets"] = found
 
-    def _found(self, future: Any, index: int) -> dict[str, Any] | _Failed:
-        looked = self._result(future, self._files[index])
-        return looked if isinstance(looked, _Failed) else looked.scan
+    def _found(self, looked: _Batch | _Failed, at: int) -> dict[str, Any] | _Failed:
+        found = looked if isinstance(looked, _Failed) else looked[at]
+        return found if isinstance(found, _Failed) else found.scan
 
-    def _piece(self, index: int) -> Any:
+    def _piece(self, index: int) -> _Place:
         """A file's index; made once more when the scheduler that knew of it was lost."""
         if index not in self._pieces:
             place = self._places.get(index)
             where = {"workers": [place], "allow_other_workers": True} if place else {}
-            self._pieces[index] = self._submit(_look, self._files[index], self._filter, self._reach, **where)
+            self._pieces[index] = self._submit(_look, [self._files[index]], self._filter, self._reach, **where), 0
         return self._pieces[index]
 
     def _one_worker_a_host(self) -> list[str]:
@@ -636,6 +708,9 @@ def _pack(travelling: dict[int, int]) -> _Travelling:
     return array.array("Q", travelling.keys()).tobytes(), _packed(travelling.values())
 
 
+_Place = tuple[Any, int]  # what a task gives, and the place in it
+
+
 class _Plan:
     """Who works on what, and which numbers that gives."""
 
@@ -662,12 +737,15 @@ class _Plan:
         self._packed = [_pack(travelling) for travelling in self._travelling]
         self._make_options()
         self._whole: Secret | None = None
-        self._work: dict[int, Any] = {}
-        self._group_work: dict[int, Any] = {}
-        self._starts_work: dict[int, Any] = {}
+        # Files and groups: where their work is, a task's answer and the place in it.
+        self._work: dict[int, _Place] = {}
+        self._group_work: dict[int, _Place] = {}
+        self._starts_work: dict[int, _Place] = {}
+        self._finished: dict[int, _Place] = {}
+        self._alone: set[int] = set()  # whose work took workers down, together with others
         self._starts: dict[int, dict[int, int]] = {}
         self._numbers: dict[int, list[int]] | None = None
-        self._finished: dict[int, Any] = {}
+        self._results: dict[int, list[_Result]] = {}
         self._done: set[int] = set()
 
     def _make_options(self) -> None:
@@ -691,51 +769,101 @@ class _Plan:
     def _work_on_all(self) -> None:
         while True:
             self._begin_work()
-            starts = dict(self._starts_work)
-            for future in as_completed(list(starts.values())):
-                group = next(group for group, one in starts.items() if one is future)
-                try:
-                    found = self._rows._result(future, self._files[group])
-                except _SchedulerLost:
-                    self._drop_lost(group)
-                    continue
-                self._starts_work.pop(group, None)
-                if isinstance(found, _Failed):
-                    self._rows._tell((self._files[group], "connections that go on in other files: " + found.error[1], -1, ""))
-                    self._group_work[group] = found
-                    self._starts[group] = {}
-                    continue
-                self._starts[group] = dict(zip(_numbers(found["first_packets"]), _numbers(found["before"])))
-                self._rows.travelled_bytes += found["travelled"]
+            groups_of: dict[str, list[int]] = {}
+            for group, (future, _) in self._starts_work.items():
+                groups_of.setdefault(future.key, []).append(group)
+            for future in as_completed(list({future.key: future for future, _ in self._starts_work.values()}.values()), loop=self._rows._client.loop):
+                self._take_starts(future, groups_of[future.key])
             if self._members.keys() <= self._starts.keys():
                 return
+
+    def _take_starts(self, future: Any, groups: list[int]) -> None:
+        rows = self._rows
+        try:
+            found = rows._result(future, self._files[groups[0]])
+        except _SchedulerLost:
+            self._drop_lost(groups[0])
+            return
+        places = {group: self._starts_work.pop(group)[1] for group in groups}
+        if isinstance(found, _Failed) and len(groups) > 1:
+            self._take_apart(groups, self._group_work)
+            return
+        for group, at in places.items():
+            starts = found if isinstance(found, _Failed) else found[at]
+            if isinstance(starts, _Failed):
+                rows._tell((self._files[group], "connections that go on in other files: " + starts.error[1], -1, ""))
+                self._starts[group] = {}
+                continue
+            self._starts[group] = dict(zip(_numbers(starts["first_packets"]), _numbers(starts["before"])))
+            rows.travelled_bytes += starts["travelled"]
+
+    def _take_apart(self, files: list[int], works: dict[int, _Place]) -> None:
+        self._alone.update(files)
+        for file in files:
+            works.pop(file, None)
 
     def _begin_work(self) -> None:
         """Submits what is not: what others wait for first."""
         rows = self._rows
-        groups = sorted(group for group in self._members if group not in self._done and group not in self._group_work)
-        files = [file for file in range(len(self._files)) if file not in self._done and file not in self._work]
+        # Groups without any start could not be worked on.
+        groups = self._in_batches(group for group in self._left() if group in self._members and group not in self._group_work
+                                  and self._starts.get(group, True))
+        files = self._in_batches(file for file in self._left() if file not in self._work)
         places = [scan["worker"] for scan in self._scans]
         # What a worker's files need goes there in one piece; packets that come together have few clients.
         of_places: dict[str, list[bytes | None]] = {}
-        for file in files:
-            of_places.setdefault(places[file], []).append(self._lines[file])
+        for batch in files:
+            of_places.setdefault(places[batch[0]], []).extend(self._lines[file] for file in batch)
         of_place = {place: self._secret(several) for place, several in of_places.items()}
-        secrets = rows._hand_out({("group", group): (places[group], self._secret([self._group_lines[group]])) for group in groups}
-                                 | {("file", file): (places[file], of_place[places[file]]) for file in files})
-        travelling = [(group, file) for group in groups for file in sorted(self._members[group]) if file != group]
-        packets: dict[int, list[Any]] = {group: [] for group in groups}
-        calls: list[tuple[Any, ...]] = [(*self._of_file(file), group, self._packets_before[file]) for group, file in travelling]
-        for (group, _), future in zip(travelling, rows._submit_all(_packets_for, calls, priority=2)):
-            packets[group].append(future)
-        calls = [(*self._of_file(group), group, self._packets_before[group], packets[group], self._options(self._name("group", group)),
-                  secrets["group", group]) for group in groups]
-        self._group_work.update(zip(groups, rows._submit_all(_work_on_shared, calls, priority=1)))
-        waiting = sorted(self._members.keys() - self._starts.keys() - self._starts_work.keys())
-        self._starts_work.update(zip(waiting, rows._submit_all(_starts, [(self._group_work[group],) for group in waiting], priority=2)))
-        calls = [(*self._of_file(file), self._packets_before[file], self._options(self._name("file", file)), secrets["file", file])
-                 for file in files]
-        self._work.update(zip(files, rows._submit_all(_work_on_file, calls)))
+        secrets = rows._hand_out({("group", batch[0]): (places[batch[0]], self._secret([self._group_lines[group] for group in batch]))
+                                  for batch in groups}
+                                 | {("file", batch[0]): (places[batch[0]], of_place[places[batch[0]]]) for batch in files})
+
+        brought: list[tuple[list[_Wanted], list[tuple[Any, list[_Wanted]]]]] = []
+        for batch in groups:
+            wanted: dict[str, tuple[Any, dict[int, list[int]]]] = {}
+            for group in batch:
+                for file in sorted(self._members[group]):
+                    piece = self._piece(file)
+                    wanted.setdefault(piece.key, (piece, {}))[1].setdefault(file, []).append(group)
+            parts = {key: (piece, [(self._file(file), several) for file, several in found.items()]) for key, (piece, found) in wanted.items()}
+            own = parts.pop(self._piece(batch[0]).key)[1]
+            brought.append((own, list(parts.values())))
+        packets = iter(rows._submit_all(_packets, [part for _, parts in brought for part in parts], priority=2))
+        calls: list[tuple[Any, ...]] = [
+            (self._piece(batch[0]), own, [(group, self._options(self._name("group", group))) for group in batch], [next(packets) for _ in parts],
+             secrets["group", batch[0]]) for batch, (own, parts) in zip(groups, brought)]
+        self._place(groups, rows._submit_all(_work_on_shared, calls, priority=1), self._group_work)
+        waiting: dict[str, tuple[Any, list[int]]] = {}
+        for group in sorted(self._members.keys() - self._starts.keys() - self._starts_work.keys()):
+            future, _ = self._group_work[group]
+            waiting.setdefault(future.key, (future, []))[1].append(group)
+        for (_, several), future in zip(waiting.values(), rows._submit_all(_starts, [(work,) for work, _ in waiting.values()], priority=2)):
+            self._starts_work.update((group, (future, self._group_work[group][1])) for group in several)
+        calls = [(self._piece(batch[0]), [self._file(file) for file in batch], [self._options(self._name("file", file)) for file in batch],
+                  secrets["file", batch[0]]) for batch in files]
+        self._place(files, rows._submit_all(_work_on_files, calls), self._work)
+
+    def _left(self) -> list[int]:
+        return [file for file in range(len(self._files)) if file not in self._done]
+
+    @staticmethod
+    def _place(batches: list[list[int]], futures: list[Any], works: dict[int, _Place]) -> None:
+        for batch, future in zip(batches, futures):
+            works.update((file, (future, at)) for at, file in enumerate(batch))
+
+    def _in_batches(self, files: Iterable[int]) -> list[list[int]]:
+        """Those together that were looked at together."""
+        batches: dict[Any, list[int]] = {}
+        for file in files:
+            batches.setdefault(file if file in self._alone else self._piece(file).key, []).append(file)
+        return list(batches.values())
+
+    def _piece(self, file: int) -> Any:
+        return self._rows._piece(self._order[file])[0]
+
+    def _file(self, file: int) -> _File:
+        return _File(self._rows._piece(self._order[file])[1], file, self._packed[file], self._packets_before[file])
 
     def _secret(self, several: list[bytes | None]) -> Secret:
         if None in several:  # it is made once, and goes to each worker once
@@ -743,20 +871,15 @@ class _Plan:
             return self._whole
         return Secret(self._keys.text(several))
 
-    def _of_file(self, file: int) -> tuple[Any, _Travelling]:
-        return self._rows._piece(self._order[file]), self._packed[file]
-
     def _drop_lost(self, file: int) -> None:
         """Forgets work that was lost with the secrets for it, which a worker had that is no more. When the scheduler was lost, it is more."""
-        if self._rows._client.status != "running" or self._rows._piece(self._order[file]).status in ("cancelled", "lost"):
+        if self._rows._client.status != "running" or self._piece(file).status in ("cancelled", "lost"):
             raise _SchedulerLost
-        for futures in (self._work, self._group_work, self._starts_work, self._finished):
-            for index in [index for index, future in futures.items() if getattr(future, "status", "") in ("cancelled", "lost")]:
-                del futures[index]
-        self._group_work.pop(file, None)
-        self._work.pop(file, None)
-        self._starts_work.pop(file, None)
-        self._finished.pop(file, None)
+        all_works = (self._work, self._group_work, self._starts_work, self._finished)
+        of_file = {works[file][0].key for works in all_works if file in works}
+        for works in all_works:
+            for index in [index for index, (future, _) in works.items() if future.key in of_file or future.status in ("cancelled", "lost")]:
+                del works[index]
 
     def _numbers_of_groups(self) -> dict[int, list[int]]:
         """Of each group the numbers of its connections, and in `_offsets` where those of each file begin."""
@@ -787,11 +910,6 @@ class _Plan:
     def parts(self) -> Iterator[_Part]:
         for file in range(len(self._files)):
             results = self._rows._again(functools.partial(self._result, file))
-            self._done.add(file)
-            # Its rows are through, and need no more room on a worker.
-            for futures in (self._work, self._group_work, self._finished):
-                futures.pop(file, None)
-            self._rows._pieces.pop(self._order[file], None)
             for _, errors in results:
                 for error in errors:
                     self._rows._tell(error)
@@ -800,32 +918,53 @@ class _Plan:
                 yield _Part(rows, (-1,))  # its connections stand before those of the file
             yield _Part(results[-1][0], self._bound(file))
 
-    def _result(self, file: int) -> list[tuple[Any, list[Any]]]:
-        while True:
+    def _result(self, file: int) -> list[_Result]:
+        while file not in self._results:
             try:
                 if file not in self._finished:
                     self._finish_all()
-                found: list[tuple[Any, list[Any]]] | _Failed = self._rows._result(self._finished[file], self._files[file])
-                return [(b"", [found.error])] if isinstance(found, _Failed) else found
+                self._take_results(self._finished[file][0])
             except _SchedulerLost:
                 try:
                     self._drop_lost(file)
                 except _SchedulerLost:
-                    self._finished.clear()
-                    self._work.clear()
-                    self._starts_work.clear()
-                    self._group_work = {group: work for group, work in self._group_work.items() if isinstance(work, _Failed)}
+                    for works in (self._work, self._group_work, self._starts_work, self._finished):
+                        works.clear()
                     raise
+        return self._results.pop(file)
+
+    def _take_results(self, future: Any) -> None:
+        places = {file: at for file, (one, at) in self._finished.items() if one is future}
+        found = self._rows._result(future, self._files[min(places)])
+        for file in places:
+            del self._finished[file]
+        if isinstance(found, _Failed) and len(places) > 1:
+            self._take_apart(list(places), self._work)
+            return
+        for file, at in places.items():
+            self._results[file] = [(b"", [found.error])] if isinstance(found, _Failed) else found[at]
+            self._done.add(file)
+            # It needs no more room on a worker.
+            self._work.pop(file, None)
+            self._group_work.pop(file, None)
+            self._rows._pieces.pop(self._order[file], None)
 
     def _finish_all(self) -> None:
         self._work_on_all()
         if self._numbers is None:
             self._numbers = self._numbers_of_groups()
-        files = [file for file in range(len(self._files)) if file not in self._done and file not in self._finished]
-        calls = [(self._group_work.get(file) if self._starts.get(file) else None, self._numbers.get(file, []), self._work[file],
-                  (self._offsets[file], self._elsewhere[file]), self._rows._wanted, (self._path("group", file), self._path("file", file)))
-                 for file in files]
-        self._finished.update(zip(files, self._rows._submit_all(_finish, calls, priority=3)))
+        batches: dict[tuple[str, str], tuple[Any, Any, list[int]]] = {}
+        for file in self._left():
+            if file not in self._finished:
+                own, shared = self._work[file][0], self._group_work[file][0] if self._starts.get(file) else None
+                batches.setdefault((own.key, shared.key if shared else ""), (shared, own, []))[2].append(file)
+        calls = [(shared or [], own, [self._finish(file) for file in several], self._rows._wanted) for shared, own, several in batches.values()]
+        self._place([several for _, _, several in batches.values()], self._rows._submit_all(_finish, calls, priority=3), self._finished)
+
+    def _finish(self, file: int) -> _Finish:
+        numbers = self._numbers or {}
+        return _Finish(self._work[file][1], self._group_work[file][1] if self._starts.get(file) else None, numbers.get(file, []),
+                       self._offsets[file], self._elsewhere[file], (self._path("group", file), self._path("file", file)))
 
 
 def _wanted(**given: str | None) -> dict[str, str]:
