@@ -2,6 +2,7 @@
 #include "platform/BulkCipher.h"
 
 #include "platform/CryptoLibrary.h"
+#include "platform/ErrorQueueMark.h"
 
 #include <algorithm>
 #include <array>
@@ -39,6 +40,7 @@ const EVP_CIPHER* cipherFor(BulkAlgorithm algorithm, std::int64_t keySize)
         const CipherEntry& entry = entries[i];
         if (entry.algorithm != algorithm || entry.keySize != keySize) continue;
         std::call_once(once[i], [&] {
+            const ErrorQueueMark mark;
             fetched[i] = EVP_CIPHER_fetch(entry.isLegacy ? CryptoLibrary::legacyContext() : nullptr, entry.name, nullptr);
         });
         return fetched[i];

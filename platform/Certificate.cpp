@@ -5,11 +5,11 @@
 // that names with a VisibleString or with text that is not well-formed.
 #include "platform/Certificate.h"
 
+#include "platform/ErrorQueueMark.h"
 #include "platform/UTF8.h"
 
 #include <algorithm>
 #include <openssl/asn1t.h>
-#include <openssl/err.h>
 #include <openssl/x509v3.h>
 #include <span>
 
@@ -167,15 +167,6 @@ std::optional<std::chrono::sys_seconds> timeOf(const ASN1_TIME* time)
     const auto date = year(fields.tm_year + 1900) / (fields.tm_mon + 1) / fields.tm_mday;
     return sys_days(date) + hours(fields.tm_hour) + minutes(fields.tm_min) + seconds(fields.tm_sec);
 }
-
-/// Takes back what libcrypto put on the thread's error queue: that bytes are no certificate is no error here.
-class ErrorQueueMark {
-public:
-    ErrorQueueMark() { ERR_set_mark(); }
-    ~ErrorQueueMark() { ERR_pop_to_mark(); }
-    ErrorQueueMark(const ErrorQueueMark&) = delete;
-    ErrorQueueMark& operator=(const ErrorQueueMark&) = delete;
-};
 
 }  // namespace
 

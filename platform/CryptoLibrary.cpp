@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/CryptoLibrary.h"
 
+#include "platform/ErrorQueueMark.h"
+
 #include <cstdlib>
 #include <openssl/crypto.h>
 #include <openssl/provider.h>
@@ -17,6 +19,7 @@ void CryptoLibrary::configure()
 ossl_lib_ctx_st* CryptoLibrary::legacyContext()
 {
     static OSSL_LIB_CTX* const context = [] {
+        const ErrorQueueMark mark;
         OSSL_LIB_CTX* const made = OSSL_LIB_CTX_new();
         if (made) OSSL_PROVIDER_load(made, "legacy");
         return made;
