@@ -6,7 +6,6 @@ follows from it for real files at the speed of one processor.
 
     SEALSCOPE_BUILD=build/release bench/python/simulate.py [FILES] [WORKERS]
 """
-import array
 import os
 import pathlib
 import pickle
@@ -20,6 +19,7 @@ sys.path.insert(0, str(ROOT / "tests/python"))
 
 import conftest  # noqa: E402,F401  finds the package
 import dask  # noqa: E402
+import numpy  # noqa: E402
 from distributed import Client, LocalCluster  # noqa: E402
 
 from sealscope import _core, cluster  # noqa: E402
@@ -37,13 +37,17 @@ FIRST_LOOK = 900e6
 
 def pairs(file):
     """Those that begin in a file, of which the last go on in the next; and those that go on from the one before."""
-    return range(file * CONNECTIONS - (GOING_ON if file else 0), (file + 1) * CONNECTIONS)
+    return numpy.arange(file * CONNECTIONS - (GOING_ON if file else 0), (file + 1) * CONNECTIONS)
+
+
+def packed(*range):
+    # All workers are in this process, and must not keep each other waiting.
+    return numpy.arange(*range).tobytes()
 
 
 class MadeUp:
     """Answers in place of `sealscope._core`."""
 
-    travelled = 0
     shared_pairs, key_lines = staticmethod(_core.shared_pairs), staticmethod(_core.key_lines)
 
     class Piece:
@@ -53,23 +57,18 @@ class MadeUp:
             self.number = int(file)
 
         def scan(self):
-            packed = array.array("Q", pairs(self.number)).tobytes()
-            clients = array.array("Q", (pair for pair in pairs(self.number) for _ in range(2))).tobytes()
+            clients = numpy.repeat(pairs(self.number), 2).tobytes()
             return {"first": (1_700_000_000 + 600 * self.number, 0, 1), "packets": PACKETS, "bytes": FILE,
-                    "connections": len(pairs(self.number)), "others": b"", "pairs": packed, "clients": clients, "strangers": b"",
+                    "connections": len(pairs(self.number)), "others": b"", "pairs": pairs(self.number).tobytes(), "clients": clients, "strangers": b"",
                     "secrets": 0, "errors": []}
 
         def packets(self, travelling, groups, wanted, packets_before):
-            # The packets themselves are counted, not carried; where a group begins they need not travel.
-            count = array.array("q", groups).tolist().count(wanted[0])
-            if wanted[0] != self.number:
-                MadeUp.travelled += count * FILE // CONNECTIONS // 2
-            return [b"%d %d" % (count, packets_before)]
+            counts = [numpy.count_nonzero(numpy.frombuffer(groups, "q") == group) for group in wanted]
+            return [b"%8d %15d" % (count, packets_before) for count in counts]
 
         def rows(self, travelling, groups, packets_before, options):
             own = len(pairs(self.number)) - len(groups) // 8
-            return {"numbers": array.array("q", range(own)).tobytes(),
-                    "first_packets": array.array("q", range(1, 1 + own * STEP, STEP)).tobytes(), "before": b"", "rows": b"", "errors": []}
+            return {"numbers": packed(own), "first_packets": packed(1, 1 + own * STEP, STEP), "before": b"", "rows": b"", "errors": []}
 
     numbered = staticmethod(lambda rows, numbers, whole: b"")
 
@@ -77,8 +76,8 @@ class MadeUp:
     def work_on_packets(pieces, options):
         count, packets_before = map(int, pieces[0].reveal().split())
         first = packets_before + 2 + (CONNECTIONS - count) * STEP
-        return {"numbers": array.array("q", range(count)).tobytes(), "before": array.array("q", [CONNECTIONS - count] * count).tobytes(),
-                "first_packets": array.array("q", range(first, first + count * STEP, STEP)).tobytes(), "rows": b"", "errors": []}
+        return {"numbers": packed(count), "before": numpy.full(count, CONNECTIONS - count).tobytes(),
+                "first_packets": packed(first, first + count * STEP, STEP), "rows": b"", "errors": []}
 
     @staticmethod
     def key_log(embedded, files):
@@ -128,7 +127,9 @@ def main():
     print(f"memory of all of them: {(most[1] - base) / 1e6:.0f} MB more than before")
     print(f"to the one who asks: {answers / 1e6:.0f} MB of pairs and client randoms; {files * CONNECTIONS * ROW / 1e9:.1f} GB of rows where no "
           "--output is given")
-    print(f"between workers: {MadeUp.travelled / 1e9:.1f} GB of packets, {MadeUp.travelled / total:.1%} of the bytes")
+    # What travelled stood for the packets of the connections that go on, of which half are in each file.
+    travelled = rows.travelled_bytes // len(b"%8d %15d" % (0, 0)) * GOING_ON * (FILE // CONNECTIONS) // 2
+    print(f"between workers: {travelled / 1e9:.1f} GB of packets, {travelled / total:.1%} of the bytes")
     work = total / FIRST_LOOK + total / SPEED
     print(f"workers compute {work / 3600:.1f} hours of processor time, so {work / workers / 60:.1f} minutes; the scheduler is busy for "
           f"{used / 60:.1f} of them")

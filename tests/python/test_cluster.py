@@ -23,22 +23,24 @@ SOURCES = [next(path for path in RECORDED if path.parent.name == name) for name 
 class Cluster:
     """A scheduler and workers, each a process on loopback."""
 
-    def __init__(self, folder):
-        self.folder, self.workers, self.port = folder, [], 0
+    def __init__(self, folder, workers=3, security=()):
+        self.folder, self.security, self.workers, self.port = folder, security, [], 0
         self.start_scheduler()
-        for _ in range(3):
+        for _ in range(workers):
             self.start_worker()
 
     def _start(self, program, name, *arguments):
         log = open(self.folder / f"{name}.log", "ab")
         environment = {**os.environ, "PYTHONPATH": str(PACKAGE), "DASK_DISTRIBUTED__COMM__TIMEOUTS__CONNECT": "5s"}
-        return subprocess.Popen([sys.executable, "-m", f"distributed.cli.dask_{program}", *arguments], stdout=log, stderr=log, env=environment)
+        return subprocess.Popen([sys.executable, "-m", f"distributed.cli.dask_{program}", *arguments, *self.security], stdout=log, stderr=log,
+                                env=environment)
 
     def start_scheduler(self):
         file = self.folder / "scheduler.json"
         file.unlink(missing_ok=True)
-        self.scheduler = self._start("scheduler", "scheduler", "--host", "127.0.0.1", "--port", str(self.port), "--no-dashboard",
-                                     "--scheduler-file", str(file))
+        host = "tls://127.0.0.1" if self.security else "tcp://127.0.0.1"
+        self.scheduler = self._start("scheduler", "scheduler", "--host", host, "--port", str(self.port), "--no-dashboard", "--scheduler-file",
+                                     str(file))
         while not file.exists() or not file.read_text().endswith("}"):
             assert self.scheduler.poll() is None
             time.sleep(0.1)
@@ -160,6 +162,21 @@ def test_command_prints_ndjson(running, client, ring, whole, keys):
     every = map(json.loads, command("streams", *map(str, ring[:8]), *with_keys([keys])))
     assert list(map(json.loads, alone.stdout.splitlines())) == [row for row in every if row["client"].startswith("10.0.0.7:")], alone.stderr
     assert alone.stdout and alone.returncode == 0
+
+
+def test_a_cluster_may_have_tls(ring, keys, tmp_path):
+    subprocess.run(["openssl", "req", "-x509", "-nodes", "-batch", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-subj", "/CN=cluster",
+                    "-keyout", tmp_path / "key.pem", "-out", tmp_path / "cert.pem"], check=True, capture_output=True)
+    names = [str(tmp_path / name) for name in ("cert.pem", "cert.pem", "key.pem")]
+    running = Cluster(tmp_path, 2, [word for pair in zip(("--tls-ca-file", "--tls-cert", "--tls-key"), names) for word in pair])
+    try:
+        assert running.address.startswith("tls://")
+        security = [word for pair in zip(("--tls-ca", "--tls-cert", "--tls-key"), names) for word in pair]
+        program = [BUILD / "bin/sealscope-cluster", "streams", "--scheduler", running.address, *security, "-k", keys, *ring[:6]]
+        done = subprocess.run(program, capture_output=True, text=True, check=False)
+        assert done.stdout.splitlines() == command("streams", *map(str, ring[:6]), *with_keys([keys])), done.stderr
+    finally:
+        running.stop()
 
 
 @pytest.fixture(scope="module")
