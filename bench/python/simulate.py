@@ -24,7 +24,7 @@ from distributed import Client, LocalCluster  # noqa: E402
 
 from sealscope import _core, cluster  # noqa: E402
 
-# A gigabyte of web traffic in connections of 15 kB; one in 50 goes on in the next file.
+# A gigabyte of web traffic in connections of 50 kB; one in 50 goes on in the next file.
 CONNECTIONS = 20_000
 GOING_ON = CONNECTIONS // 50
 PACKETS = 1_200_000
@@ -59,8 +59,8 @@ class MadeUp:
         def scan(self):
             clients = numpy.repeat(pairs(self.number), 2).tobytes()
             return {"first": (1_700_000_000 + 600 * self.number, 0, 1), "packets": PACKETS, "bytes": FILE,
-                    "connections": len(pairs(self.number)), "others": b"", "pairs": pairs(self.number).tobytes(), "clients": clients, "strangers": b"",
-                    "secrets": 0, "errors": []}
+                    "connections": len(pairs(self.number)), "others": b"", "pairs": pairs(self.number).tobytes(), "clients": clients,
+                    "strangers": b"", "secrets": 0, "errors": []}
 
         def packets(self, travelling, groups, wanted, packets_before):
             counts = [numpy.count_nonzero(numpy.frombuffer(groups, "q") == group) for group in wanted]

@@ -19,6 +19,7 @@ from __future__ import annotations
 
 import array
 import bisect
+import collections
 import contextlib
 import functools
 import heapq
@@ -137,6 +138,7 @@ class _Looked:
 
 _Batch = list[_Looked | _Failed]
 _Wanted = tuple["_File", list[int]]  # packets of these groups
+_Packets = dict[tuple[int, int], "Secret | _Failed"]  # by group and file
 
 
 class _File(NamedTuple):
@@ -195,9 +197,12 @@ def _work_on_file(batch: _Batch, file: _File, options: dict[str, Any], secrets: 
         return _Failed(_told(error))
 
 
-def _packets(batch: _Batch, wanted: list[_Wanted]) -> dict[tuple[int, int], Secret | _Failed]:
-    """Packets of some groups, under the numbers of group and file."""
-    packets: dict[tuple[int, int], Secret | _Failed] = {}
+def _given_up(file: str) -> list[_Failed]:
+    return [_Failed((file, "the workers that worked on it were lost, one after the other", -1, ""))]
+
+
+def _packets(batch: _Batch, wanted: list[_Wanted]) -> _Packets:
+    packets: _Packets = {}
     for file, groups in wanted:
         looked = batch[file.at]
         numbers = [(group, file.number) for group in groups]
@@ -211,7 +216,7 @@ def _packets(batch: _Batch, wanted: list[_Wanted]) -> dict[tuple[int, int], Secr
     return packets
 
 
-def _work_on_packets(parts: list[Secret | dict[tuple[int, int], Secret | _Failed]], options: dict[str, Any], secrets: Secret) -> _Work | _Failed:
+def _work_on_packets(parts: list[Secret | _Packets], options: dict[str, Any], secrets: Secret) -> _Work | _Failed:
     pieces = [piece for part in parts for piece in (part.values() if isinstance(part, dict) else [part])]
     packets = [piece for piece in pieces if isinstance(piece, Secret)]
     try:
@@ -224,7 +229,7 @@ def _work_on_packets(parts: list[Secret | dict[tuple[int, int], Secret | _Failed
 
 
 def _work_on_shared(batch: _Batch, here: list[_Wanted], groups: list[tuple[int, dict[str, Any]]],
-                    elsewhere: list[dict[tuple[int, int], Secret | _Failed]], secrets: Secret) -> list[_Work | _Failed]:
+                    elsewhere: list[_Packets], secrets: Secret) -> list[_Work | _Failed]:
     """Works on pairs that go on in other files: groups of which files here have packets, and whose packets of other files came."""
     own = _packets(batch, here)
     packets = functools.reduce(operator.or_, elsewhere, own)
@@ -344,6 +349,8 @@ def _lines_for(keys: _core.KeyLines, clients: Iterable[bytes], has_strangers: bo
 
 
 _MOST_IN_BATCH = 16
+# A worker takes the key lines with it that it had, and with them everybody's work that needs these; so some are lost who are not at fault.
+_LOSSES_TOGETHER, _LOSSES_ALONE = 3, 6
 
 # Looks at every worker's stack and event loop, up to a hundred times a second, tell nothing about code that is not Python.
 _LOCAL = {"distributed.worker.profile.enabled": False, "distributed.admin.tick.interval": "500ms",
@@ -507,7 +514,8 @@ class Rows(Generic[_Row]):
                 break
             else:
                 time.sleep(0.5)
-        raise CaptureError("", f"key lines go to workers directly, and {failed[0] if failed else 'a worker'} cannot be reached from here: {reason}")
+        place = failed[0] if failed else "a worker"
+        raise CaptureError("", f"key lines go to workers directly, and {place} cannot be reached from here: {reason}")
 
     def _from_worker(self, future: Any, file: str) -> Any:
         """What a task gave, as `_result`, but from its worker directly."""
@@ -743,6 +751,7 @@ class _Plan:
         self._starts_work: dict[int, _Place] = {}
         self._finished: dict[int, _Place] = {}
         self._alone: set[int] = set()  # whose work took workers down, together with others
+        self._losses: collections.Counter[int] = collections.Counter()  # of workers that had the key lines for a file
         self._starts: dict[int, dict[int, int]] = {}
         self._numbers: dict[int, list[int]] | None = None
         self._results: dict[int, list[_Result]] = {}
@@ -772,7 +781,8 @@ class _Plan:
             groups_of: dict[str, list[int]] = {}
             for group, (future, _) in self._starts_work.items():
                 groups_of.setdefault(future.key, []).append(group)
-            for future in as_completed(list({future.key: future for future, _ in self._starts_work.values()}.values()), loop=self._rows._client.loop):
+            waiting = {future.key: future for future, _ in self._starts_work.values()}
+            for future in as_completed(list(waiting.values()), loop=self._rows._client.loop):
                 self._take_starts(future, groups_of[future.key])
             if self._members.keys() <= self._starts.keys():
                 return
@@ -809,6 +819,10 @@ class _Plan:
         groups = self._in_batches(group for group in self._left() if group in self._members and group not in self._group_work
                                   and self._starts.get(group, True))
         files = self._in_batches(file for file in self._left() if file not in self._work)
+        for batches, works in ((groups, self._group_work), (files, self._work)):
+            for batch in [batch for batch in batches if self._losses[batch[0]] > _LOSSES_TOGETHER + _LOSSES_ALONE]:
+                batches.remove(batch)
+                self._place([batch], [rows._submit(_given_up, self._files[batch[0]])], works)
         places = [scan["worker"] for scan in self._scans]
         # What a worker's files need goes there in one piece; packets that come together have few clients.
         of_places: dict[str, list[bytes | None]] = {}
@@ -826,7 +840,8 @@ class _Plan:
                 for file in sorted(self._members[group]):
                     piece = self._piece(file)
                     wanted.setdefault(piece.key, (piece, {}))[1].setdefault(file, []).append(group)
-            parts = {key: (piece, [(self._file(file), several) for file, several in found.items()]) for key, (piece, found) in wanted.items()}
+            parts = {key: (piece, [(self._file(file), several) for file, several in found.items()])
+                     for key, (piece, found) in wanted.items()}
             own = parts.pop(self._piece(batch[0]).key)[1]
             brought.append((own, list(parts.values())))
         packets = iter(rows._submit_all(_packets, [part for _, parts in brought for part in parts], priority=2))
@@ -877,9 +892,14 @@ class _Plan:
             raise _SchedulerLost
         all_works = (self._work, self._group_work, self._starts_work, self._finished)
         of_file = {works[file][0].key for works in all_works if file in works}
+        lost: set[int] = set()
         for works in all_works:
-            for index in [index for index, (future, _) in works.items() if future.key in of_file or future.status in ("cancelled", "lost")]:
+            gone = [index for index, (future, _) in works.items() if future.key in of_file or future.status in ("cancelled", "lost")]
+            lost.update(gone)
+            for index in gone:
                 del works[index]
+        self._losses.update(lost)
+        self._alone.update(index for index in lost if self._losses[index] > _LOSSES_TOGETHER)
 
     def _numbers_of_groups(self) -> dict[int, list[int]]:
         """Of each group the numbers of its connections, and in `_offsets` where those of each file begin."""
