@@ -823,15 +823,14 @@ class _Plan:
             for batch in [batch for batch in batches if self._losses[batch[0]] > _LOSSES_TOGETHER + _LOSSES_ALONE]:
                 batches.remove(batch)
                 self._place([batch], [rows._submit(_given_up, self._files[batch[0]])], works)
-        places = [scan["worker"] for scan in self._scans]
         # What a worker's files need goes there in one piece; packets that come together have few clients.
         of_places: dict[str, list[bytes | None]] = {}
         for batch in files:
-            of_places.setdefault(places[batch[0]], []).extend(self._lines[file] for file in batch)
+            of_places.setdefault(self._worker(batch), []).extend(self._lines[file] for file in batch)
         of_place = {place: self._secret(several) for place, several in of_places.items()}
-        secrets = rows._hand_out({("group", batch[0]): (places[batch[0]], self._secret([self._group_lines[group] for group in batch]))
+        secrets = rows._hand_out({("group", batch[0]): (self._worker(batch), self._secret([self._group_lines[group] for group in batch]))
                                   for batch in groups}
-                                 | {("file", batch[0]): (places[batch[0]], of_place[places[batch[0]]]) for batch in files})
+                                 | {("file", batch[0]): (self._worker(batch), of_place[self._worker(batch)]) for batch in files})
 
         brought: list[tuple[list[_Wanted], list[tuple[Any, list[_Wanted]]]]] = []
         for batch in groups:
@@ -858,6 +857,14 @@ class _Plan:
         calls = [(self._piece(batch[0]), [self._file(file) for file in batch], [self._options(self._name("file", file)) for file in batch],
                   secrets["file", batch[0]]) for batch in files]
         self._place(files, rows._submit_all(_work_on_files, calls), self._work)
+
+    def _worker(self, batch: list[int]) -> str:
+        """Who gets the key lines: who has the files, or for one that took workers down others in turn, apart from its like."""
+        place: str = self._scans[batch[0]]["worker"]
+        workers: list[str] = sorted(self._rows._client.scheduler_info()["workers"])
+        if batch[0] not in self._alone or not workers:
+            return place
+        return workers[(batch[0] + self._losses[batch[0]]) % len(workers)]
 
     def _left(self) -> list[int]:
         return [file for file in range(len(self._files)) if file not in self._done]
