@@ -5,8 +5,8 @@
 
 namespace sealscope {
 
-/// Takes back what libcrypto puts on the thread's error queue meanwhile: that bytes are no certificate, or that there is no such cipher, is no
-/// error here, and whoever uses libcrypto on the same thread next would take it for one of its own.
+/// Takes back what libcrypto puts on the thread's error queue meanwhile: that bytes are no certificate, or that there is no such cipher, is
+/// no error here, and whoever uses libcrypto on the same thread next would take it for one of its own.
 class ErrorQueueMark {
 public:
     ErrorQueueMark() { ERR_set_mark(); }
