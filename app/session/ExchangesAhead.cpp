@@ -5,6 +5,18 @@
 
 namespace sealscope {
 
+namespace {
+
+std::size_t fieldBytes(const std::optional<StreamMessage>& message)
+{
+    std::size_t bytes = 0;
+    if (message)
+        for (const DetailRow& row : message->detail) bytes += row.name.size() + row.value.size();
+    return bytes;
+}
+
+}  // namespace
+
 ExchangesAhead::ExchangesAhead(std::unique_ptr<StreamExchangeReader> reader) : reader_(std::move(reader))
 {
     for (Batch& batch : batches_) batch.exchanges.resize(madeAtOnce);
@@ -18,11 +30,14 @@ void ExchangesAhead::make(Batch& batch)
 {
     batch.times.clear();
     try {
-        while (batch.times.size() < madeAtOnce) {
+        std::size_t fields = 0;
+        while (batch.times.size() < madeAtOnce && fields < fieldsAtOnce) {
             const auto time = reader_->nextTime();
             if (!time) break;
-            reader_->next(batch.exchanges[batch.times.size()]);
+            StreamExchange& exchange = batch.exchanges[batch.times.size()];
+            reader_->next(exchange);
             batch.times.push_back(*time);
+            fields += fieldBytes(exchange.request) + fieldBytes(exchange.reply);
         }
     } catch (...) {
         batch.problem = std::current_exception();

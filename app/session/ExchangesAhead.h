@@ -30,7 +30,9 @@ public:
     ExchangesAhead& operator=(const ExchangesAhead&) = delete;
 
 private:
-    static constexpr std::size_t madeAtOnce = 32;  ///< few enough, since fields may be long
+    // Enough that waiting for each other costs little, and no more, since fields may be long.
+    static constexpr std::size_t madeAtOnce = 128;
+    static constexpr std::size_t fieldsAtOnce = 1 << 18;  ///< bytes
     struct Batch {
         std::vector<StreamExchange> exchanges;  ///< their memory is used again
         std::vector<double> times;

@@ -477,26 +477,40 @@ public:
     explicit HTTP2Connection(const TCPStream& stream)
         : isClientAsking_(HTTP2Frame::beginsWithPreface(stream.clientToServerData)),
           isWhole_(isClientAsking_ || HTTP2Frame::beginsWithPreface(stream.serverToClientData)),
-          client_(stream, Direction::clientToServer, isWhole_ ? HTTP2Direction::Start::whole : HTTP2Direction::Start::missing),
-          server_(stream, Direction::serverToClient, isWhole_ ? HTTP2Direction::Start::whole : HTTP2Direction::Start::missing)
+          client_(std::in_place, stream, Direction::clientToServer, isWhole_ ? HTTP2Direction::Start::whole : HTTP2Direction::Start::missing),
+          server_(std::in_place, stream, Direction::serverToClient, isWhole_ ? HTTP2Direction::Start::whole : HTTP2Direction::Start::missing)
     {
-        constexpr std::int64_t worthAThread = 250'000;
-        const auto readClient = [&] { client_.goOn(stream, StreamExtent::whole); };
-        const auto readServer = [&] { server_.goOn(stream, StreamExtent::whole); };
-        if (std::min(stream.clientToServerData.size(), stream.serverToClientData.size()) >= worthAThread) {
-            sideBySide(readClient, readServer);
-        } else {
-            readClient();
-            readServer();
-        }
-        isSwapped_ = isWhole_ ? !isClientAsking_ : answers(client_) && !answers(server_);
+        constexpr std::int64_t longSide = 250'000;
+        isLong_ = std::min(stream.clientToServerData.size(), stream.serverToClientData.size()) >= longSide;
+        withBoth([&](std::optional<HTTP2Direction>& direction) { direction->goOn(stream, StreamExtent::whole); });
+        isSwapped_ = isWhole_ ? !isClientAsking_ : answers(*client_) && !answers(*server_);
     }
-    HTTP2Direction& asking() { return isSwapped_ ? server_ : client_; }
-    HTTP2Direction& answering() { return isSwapped_ ? client_ : server_; }
+    // Memory of a hundred thousand messages takes its time too.
+    ~HTTP2Connection()
+    {
+        withBoth([](std::optional<HTTP2Direction>& direction) { direction.reset(); });
+    }
+    HTTP2Connection(const HTTP2Connection&) = delete;
+    HTTP2Connection& operator=(const HTTP2Connection&) = delete;
+
+    bool isLong() const { return isLong_; }
+    HTTP2Direction& asking() { return isSwapped_ ? *server_ : *client_; }
+    HTTP2Direction& answering() { return isSwapped_ ? *client_ : *server_; }
 
 private:
-    bool isClientAsking_, isWhole_, isSwapped_ = false;
-    HTTP2Direction client_, server_;
+    /// Side by side, where both are long.
+    template <class Do> void withBoth(const Do& work)
+    {
+        if (isLong_) {
+            sideBySide([&] { work(client_); }, [&] { work(server_); });
+        } else {
+            work(client_);
+            work(server_);
+        }
+    }
+
+    bool isClientAsking_, isWhole_, isSwapped_ = false, isLong_ = false;
+    std::optional<HTTP2Direction> client_, server_;
 };
 
 /// Makes the exchanges of a connection when their turns come.
@@ -519,20 +533,20 @@ public:
             if (half.promisedOn) return false;
             if (!hasRequest(half)) continue;
             if (!half.blocks.empty() && pseudoField(half.blocks.front(), ":method") == "CONNECT") return false;
-            // The earliest of the times at which its frames were captured, as its message has it.
-            Turn turn{.asked = &half, .answer = answering.half(half.stream)};
-            std::optional<double> earliest;
-            half.frames.forEach([&](ByteRange frames) {
-                const ByteLocation place = stream_.locate(frames, asking.direction());
-                if (place.timestamp) earliest = std::min(earliest.value_or(*place.timestamp), *place.timestamp);
-                if (place.packetIds.size() == 1 && half.frames.isInOnePlace()) turn.packetId = place.packetIds.front();
-                return true;
-            });
-            if (!earliest) return false;
-            turn.time = *earliest;
-            if (turn.answer) ++answered;
-            turns_.push_back(turn);
+            turns_.push_back({.asked = &half, .answer = answering.half(half.stream)});
+            if (turns_.back().answer) ++answered;
         }
+        const auto middle = turns_.begin() + std::ssize(turns_) / 2;
+        bool isFirstTimed = false, isSecondTimed = false;
+        const auto timeFirst = [&] { isFirstTimed = std::all_of(turns_.begin(), middle, [&](Turn& turn) { return findTime(turn); }); };
+        const auto timeSecond = [&] { isSecondTimed = std::all_of(middle, turns_.end(), [&](Turn& turn) { return findTime(turn); }); };
+        if (connection_.isLong()) {
+            sideBySide(timeFirst, timeSecond);
+        } else {
+            timeFirst();
+            timeSecond();
+        }
+        if (!isFirstTimed || !isSecondTimed) return false;
         if (!std::ranges::is_sorted(turns_, {}, &Turn::time)) std::ranges::stable_sort(turns_, {}, &Turn::time);
         return answered == answering.halves().size();
     }
@@ -560,6 +574,13 @@ public:
     bool addsRowsInFront() const override { return true; }
 
 private:
+    struct Turn {
+        double time = 0;
+        std::int64_t packetId = 0;  ///< of the only packet that carried the request; else 0
+        HTTP2Half* asked = nullptr;
+        HTTP2Half* answer = nullptr;
+    };
+
     /// The rows of a message that was told, as room for others: behind those that stand in front of all.
     HeaderFields rowsFrom(StreamMessage& told) const
     {
@@ -571,12 +592,20 @@ private:
         return rows;
     }
 
-    struct Turn {
-        double time = 0;
-        std::int64_t packetId = 0;  ///< of the only packet that carried the request; else 0
-        HTTP2Half* asked = nullptr;
-        HTTP2Half* answer = nullptr;
-    };
+    /// The earliest of the times at which its frames were captured, as its message has it; false where there is none.
+    bool findTime(Turn& turn)
+    {
+        std::optional<double> earliest;
+        const ByteRanges& frames = turn.asked->frames;
+        frames.forEach([&](ByteRange range) {
+            const ByteLocation place = stream_.locate(range, connection_.asking().direction());
+            if (place.timestamp) earliest = std::min(earliest.value_or(*place.timestamp), *place.timestamp);
+            if (place.packetIds.size() == 1 && frames.isInOnePlace()) turn.packetId = place.packetIds.front();
+            return true;
+        });
+        turn.time = earliest.value_or(0);
+        return earliest.has_value();
+    }
 
     TCPStream stream_;
     StreamContext context_;
