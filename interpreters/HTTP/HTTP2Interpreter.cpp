@@ -17,6 +17,7 @@
 #include <fmt/format.h>
 #include <map>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <utility>
@@ -485,10 +486,14 @@ public:
         withBoth([&](std::optional<HTTP2Direction>& direction) { direction->goOn(stream, StreamExtent::whole); });
         isSwapped_ = isWhole_ ? !isClientAsking_ : answers(*client_) && !answers(*server_);
     }
-    // Memory of a hundred thousand messages takes its time too.
+    // To give back the memory of a hundred thousand messages takes its time too.
     ~HTTP2Connection()
     {
-        withBoth([](std::optional<HTTP2Direction>& direction) { direction.reset(); });
+        try {
+            withBoth([](std::optional<HTTP2Direction>& direction) { direction.reset(); });
+        } catch (const std::bad_alloc&) {
+            return;  // what is left goes with the members
+        }
     }
     HTTP2Connection(const HTTP2Connection&) = delete;
     HTTP2Connection& operator=(const HTTP2Connection&) = delete;
