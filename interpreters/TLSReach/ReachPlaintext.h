@@ -52,7 +52,7 @@ public:
 
 private:
     static constexpr std::int64_t blockSize = 1 << 18;
-    static constexpr std::int64_t keptBytes = 8 << 20;
+    static constexpr std::int64_t keptBytes = 4 << 20;
     static constexpr std::uint32_t longestRun = 16;  ///< records that are counted through to find one
     static constexpr std::size_t lentBlocks = 16;    ///< to a thread at the same time
     static constexpr std::int64_t betweenStandings = 16 << 20;
