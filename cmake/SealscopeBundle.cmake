@@ -13,11 +13,12 @@ string(REGEX REPLACE ".*= ([0-9]+).*" "\\1" SEALSCOPE_CONTRACT_VERSION "${contra
 #     PRINCIPAL_CLASS MailPlugIn
 #     [VERSION 1.4] [BUILD 27]     shown as "1.4 (27)"
 #     [LINK …]                     further libraries; sealscope::host is linked always
+#     [STREAMS_ONLY]               it has nothing to say of single packets
 #     [RESOURCES folder]           holds <language>.lproj/<table>.json
 #     [DIRECTORY folder])          where Mail.bundle is made, ${CMAKE_CURRENT_BINARY_DIR} by default
 # The module exports velBundleEntry alone.
 function(sealscope_bundle name)
-    cmake_parse_arguments(ARG "" "IDENTIFIER;PRINCIPAL_CLASS;VERSION;BUILD;RESOURCES;DIRECTORY" "SOURCES;LINK" ${ARGN})
+    cmake_parse_arguments(ARG "STREAMS_ONLY" "IDENTIFIER;PRINCIPAL_CLASS;VERSION;BUILD;RESOURCES;DIRECTORY" "SOURCES;LINK" ${ARGN})
     foreach(needed IDENTIFIER PRINCIPAL_CLASS SOURCES)
         if(NOT ARG_${needed})
             message(FATAL_ERROR "sealscope_bundle(${name}): ${needed} is missing")
@@ -44,6 +45,10 @@ function(sealscope_bundle name)
         CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON POSITION_INDEPENDENT_CODE ON LINK_DEPENDS "${exports}"
         SEALSCOPE_BUNDLE "${bundle}")
 
+    set(streams_only "false")
+    if(ARG_STREAMS_ONLY)
+        set(streams_only "true")
+    endif()
     configure_file("${SEALSCOPE_BUNDLE_FILES}/Info.json.in" "${bundle}/Info.json" @ONLY)
     if(ARG_RESOURCES)
         get_filename_component(resources "${ARG_RESOURCES}" ABSOLUTE)

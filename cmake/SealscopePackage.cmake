@@ -64,7 +64,8 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME sealscope)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION net)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "${library_package} (= ${PROJECT_VERSION})")
+# libpcap is loaded when it is wanted, so that nobody finds it by looking at the program.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "${library_package} (= ${PROJECT_VERSION}), libpcap0.8")
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "see into the TLS traffic of a packet capture
 Reads packet captures, reassembles their TCP connections and shows the TLS
 in them: records, handshakes, certificates, and the plaintext where a key log

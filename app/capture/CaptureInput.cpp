@@ -22,6 +22,7 @@ namespace {
 
 constexpr std::int64_t mappedWindow = 4 << 20;     // pages let go together
 constexpr std::int64_t windowsInUse = 4;           // behind the reading in order, where others read ahead
+constexpr std::int64_t windowsLetGo = 8;           // together there
 constexpr std::int64_t streamedPiece = 128 << 10;  // read at once; stays in the processor's cache
 constexpr std::int64_t shortestHole = 1 << 20;     // what is skipped and not kept; less is not worth the trouble
 constexpr int lookAgainAtPipeAfter = 100;          // milliseconds, while a pipe holds nothing
@@ -207,9 +208,10 @@ protected:
             if (pages_) pages_->tell(wanted);
             end_ = start_ + wanted;
         }
-        // What lies farther back is unlikely to be looked at again soon.
+        // What lies farther back is unlikely to be looked at again soon. Each time pages leave, every processor that works has to know.
         const std::int64_t near = areReadersAhead_ ? windowsInUse * mappedWindow : mappedWindow;
-        if (const std::int64_t kept = at - near; !options_.keepsAll && kept > released_) {
+        const std::int64_t together = areReadersAhead_ ? windowsLetGo * mappedWindow : 0;
+        if (const std::int64_t kept = at - near; !options_.keepsAll && kept > released_ + together) {
             file_->release(released_, kept - released_);
             released_ = kept;
         }

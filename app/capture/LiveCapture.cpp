@@ -2,6 +2,7 @@
 #include "app/capture/LiveCapture.h"
 
 #include "app/capture/CaptureWriter.h"
+#include "app/capture/PcapLibrary.h"
 #include "app/capture/Privileges.h"
 
 #include <algorithm>
@@ -11,7 +12,6 @@
 #include <ctime>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <pcap/pcap.h>
 #include <poll.h>
 #include <string_view>
 #include <sys/eventfd.h>
@@ -33,8 +33,11 @@ constexpr milliseconds lastBlocksWithin{50};
 constexpr milliseconds lookAgainAfter{10};
 constexpr int bufferBytes = 16 << 20;  // for a burst of packets while rows are printed
 
+/// `LiveCapture::open` has made sure of it.
+const PcapLibrary& pcap() { return *PcapLibrary::get(); }
+
 struct CloseHandle {
-    void operator()(pcap_t* handle) const { pcap_close(handle); }
+    void operator()(pcap_t* handle) const { pcap().close(handle); }
 };
 struct CloseFile {
     void operator()(std::FILE* file) const { std::fclose(file); }
@@ -79,8 +82,8 @@ std::expected<FileDescriptor, FileError> openToWrite(const std::string& path, Ex
 
 std::string activationProblem(pcap_t* handle, int status)
 {
-    const std::string_view detail = pcap_geterr(handle);
-    const std::string reason = pcap_statustostr(status);
+    const std::string_view detail = pcap().geterr(handle);
+    const std::string reason = pcap().statustostr(status);
     if (status == PCAP_ERROR_PERM_DENIED || status == PCAP_ERROR_PROMISC_PERM_DENIED)
         return "no permission to capture on it; run as root, or give the program the capabilities cap_net_raw and cap_net_admin";
     if (status == PCAP_ERROR_NO_SUCH_DEVICE) return "there is no such network interface";
@@ -94,7 +97,7 @@ struct LiveCapture::Implementation {
     /// Waits until a packet may be there or, unless that was already, somebody asks to stop; but no longer than the timeout.
     void wait(milliseconds timeout)
     {
-        const int capture = pcap_get_selectable_fd(handle.get());
+        const int capture = pcap().get_selectable_fd(handle.get());
         if (capture < 0) timeout = std::min(timeout, lookAgainAfter);
         pollfd descriptors[] = {{.fd = stopTime != 0 ? -1 : stopEvent, .events = POLLIN, .revents = 0},
                                 {.fd = capture, .events = POLLIN, .revents = 0}};
@@ -146,26 +149,27 @@ std::expected<std::unique_ptr<LiveCapture>, CaptureError> LiveCapture::open(cons
     const auto refused = [&](std::string reason) {
         return std::unexpected(CaptureError{.file = options.interface, .reason = std::move(reason), .couldNotOpen = true});
     };
+    if (const auto& library = PcapLibrary::get(); !library) return refused(library.error().text());
     auto self = std::make_unique<Implementation>();
     self->options = options;
     char problem[PCAP_ERRBUF_SIZE] = {};
-    self->handle.reset(pcap_create(options.interface.c_str(), problem));
+    self->handle.reset(pcap().create(options.interface.c_str(), problem));
     if (!self->handle) return refused(problem);
     pcap_t* const handle = self->handle.get();
-    pcap_set_snaplen(handle, options.snapLength);
-    pcap_set_promisc(handle, options.isPromiscuous);
-    pcap_set_timeout(handle, static_cast<int>(blockTime.count()));
-    pcap_set_buffer_size(handle, bufferBytes);
-    self->hasNanoseconds = pcap_set_tstamp_precision(handle, PCAP_TSTAMP_PRECISION_NANO) == 0;
-    if (const int status = pcap_activate(handle); status < 0) return refused(activationProblem(handle, status));
+    pcap().set_snaplen(handle, options.snapLength);
+    pcap().set_promisc(handle, options.isPromiscuous);
+    pcap().set_timeout(handle, static_cast<int>(blockTime.count()));
+    pcap().set_buffer_size(handle, bufferBytes);
+    self->hasNanoseconds = pcap().set_tstamp_precision(handle, PCAP_TSTAMP_PRECISION_NANO) == 0;
+    if (const int status = pcap().activate(handle); status < 0) return refused(activationProblem(handle, status));
     const auto setFilter = [&]() -> std::expected<void, CaptureError> {
         if (options.filter.empty()) return {};
         bpf_program program = {};
-        if (pcap_compile(handle, &program, options.filter.c_str(), 1, PCAP_NETMASK_UNKNOWN) != 0)
-            return std::unexpected(CaptureError{.reason = pcap_geterr(handle), .couldNotOpen = true});
-        const int status = pcap_setfilter(handle, &program);
-        pcap_freecode(&program);
-        if (status != 0) return refused(pcap_geterr(handle));
+        if (pcap().compile(handle, &program, options.filter.c_str(), 1, PCAP_NETMASK_UNKNOWN) != 0)
+            return std::unexpected(CaptureError{.reason = pcap().geterr(handle), .couldNotOpen = true});
+        const int status = pcap().setfilter(handle, &program);
+        pcap().freecode(&program);
+        if (status != 0) return refused(pcap().geterr(handle));
         return {};
     };
     FileDescriptor file;
@@ -192,12 +196,12 @@ std::expected<std::unique_ptr<LiveCapture>, CaptureError> LiveCapture::open(cons
     if (isDroppedLast)
         if (const auto dropped = drop(); !dropped) return std::unexpected(dropped.error());
 
-    if (pcap_setnonblock(handle, 1, problem) != 0) return refused(problem);
-    self->linkType = linkTypeOf(pcap_datalink(handle));
+    if (pcap().setnonblock(handle, 1, problem) != 0) return refused(problem);
+    self->linkType = linkTypeOf(pcap().datalink(handle));
     if (file) {
         self->file.reset(fdopen(file.number(), "wb"));
         if (self->file) file.release();
-        const auto snapLength = static_cast<std::uint32_t>(pcap_snapshot(handle));
+        const auto snapLength = static_cast<std::uint32_t>(pcap().snapshot(handle));
         if (!self->file || !self->writer.classicHeader(self->linkType, snapLength, self->hasNanoseconds ? 9 : 6))
             return std::unexpected(CaptureError{.file = options.writeTo, .reason = errorText(errno), .couldNotOpen = true});
     }
@@ -214,7 +218,7 @@ LiveCapture::Outcome LiveCapture::next(CapturedPacket& packet, milliseconds time
         const std::int64_t stopTime = self.stopTime;
         pcap_pkthdr* header = nullptr;
         const u_char* bytes = nullptr;
-        const int count = pcap_next_ex(self.handle.get(), &header, &bytes);
+        const int count = pcap().next_ex(self.handle.get(), &header, &bytes);
         if (count == 1) {
             packet = {.number = self.number + 1,
                       .time = {.seconds = header->ts.tv_sec,
@@ -231,7 +235,7 @@ LiveCapture::Outcome LiveCapture::next(CapturedPacket& packet, milliseconds time
         }
         if (count < 0) {
             self.flush();
-            self.error = {.file = self.options.interface, .reason = pcap_geterr(self.handle.get()), .packetsBefore = -1};
+            self.error = {.file = self.options.interface, .reason = pcap().geterr(self.handle.get()), .packetsBefore = -1};
             return Outcome::failed;
         }
         self.flush();
@@ -256,7 +260,7 @@ void LiveCapture::stop()
 LiveCounts LiveCapture::counts() const
 {
     pcap_stat counted = {};
-    if (pcap_stats(implementation_->handle.get(), &counted) != 0) return {.received = implementation_->number};
+    if (pcap().stats(implementation_->handle.get(), &counted) != 0) return {.received = implementation_->number};
     return {.received = counted.ps_recv, .droppedByKernel = counted.ps_drop, .droppedByInterface = counted.ps_ifdrop};
 }
 

@@ -95,7 +95,7 @@ void storeAddress(std::array<std::uint8_t, 16>& target, const std::uint8_t* addr
 
 }  // namespace
 
-class PacketDecoder::Implementation {
+class alignas(64) PacketDecoder::Implementation {
 public:
     explicit Implementation(Capture* keepIn) : keepIn_(keepIn) {}
     explicit Implementation(WithoutFragments) : leavesFragments_(true) {}

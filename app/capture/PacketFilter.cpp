@@ -1,17 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/capture/PacketFilter.h"
 
+#include "app/capture/PcapLibrary.h"
+
 #include <cstdio>
 #include <fmt/format.h>
 #include <map>
 #include <optional>
-#include <pcap/pcap.h>
 #include <utility>
 
 namespace sealscope {
 namespace {
 
 constexpr std::uint32_t longestSnapshot = 262'144;
+
+/// Once something was compiled it is there.
+const PcapLibrary& pcap() { return *PcapLibrary::get(); }
 
 /// The compiler's handle for a link type: a file without packets, since only a file's handle knows its byte order.
 pcap_t* openEmptyFile(std::uint32_t linkType, ByteOrder order)
@@ -32,7 +36,7 @@ pcap_t* openEmptyFile(std::uint32_t linkType, ByteOrder order)
     std::FILE* const file = fmemopen(&header, sizeof header, "rb");
     if (!file) return nullptr;
     char reason[PCAP_ERRBUF_SIZE];
-    pcap_t* const handle = pcap_fopen_offline(file, reason);  // reads the header and keeps no pointer to it
+    pcap_t* const handle = pcap().fopen_offline(file, reason);  // reads the header and keeps no pointer to it
     if (!handle) std::fclose(file);
     return handle;
 }
@@ -49,22 +53,24 @@ struct PacketFilter::Implementation {
         Program& operator=(const Program&) = delete;
         ~Program()
         {
-            if (isCompiled) pcap_freecode(&code);
+            if (isCompiled) pcap().freecode(&code);
         }
     };
 
     std::expected<void, FilterError> compile(std::uint32_t linkType, ByteOrder order)
     {
+        if (const auto& library = PcapLibrary::get(); !library)
+            return std::unexpected(FilterError{.problem = FilterError::Problem::noCompiler, .compilersReason = library.error().text()});
         const auto key = std::pair(linkType, order.isSwapped);
         Program& program = programs[key];
         currentKey = key;
         current = &program;
         pcap_t* const handle = openEmptyFile(linkType, order);
         if (!handle) return std::unexpected(FilterError{.problem = FilterError::Problem::noMemory});
-        program.isCompiled = pcap_compile(handle, &program.code, expression.c_str(), 1, PCAP_NETMASK_UNKNOWN) == 0;
+        program.isCompiled = pcap().compile(handle, &program.code, expression.c_str(), 1, PCAP_NETMASK_UNKNOWN) == 0;
         std::expected<void, FilterError> outcome;
-        if (!program.isCompiled) outcome = std::unexpected(FilterError{.compilersReason = pcap_geterr(handle)});
-        pcap_close(handle);
+        if (!program.isCompiled) outcome = std::unexpected(FilterError{.compilersReason = pcap().geterr(handle)});
+        pcap().close(handle);
         return outcome;
     }
 
@@ -86,6 +92,8 @@ PacketFilter::PacketFilter(std::unique_ptr<Implementation> implementation) : imp
 PacketFilter::PacketFilter(PacketFilter&&) noexcept = default;
 PacketFilter& PacketFilter::operator=(PacketFilter&&) noexcept = default;
 PacketFilter::~PacketFilter() = default;
+
+void PacketFilter::makeReady() { (void)PcapLibrary::get(); }
 
 bool PacketFilter::isKnown(std::uint32_t linkType) { return compile("ip", linkType, {}).has_value(); }
 
@@ -115,7 +123,7 @@ bool PacketFilter::passes(const CapturedPacket& packet, ByteOrder order)
     pcap_pkthdr header = {};
     header.caplen = static_cast<bpf_u_int32>(packet.frame.size());
     header.len = static_cast<bpf_u_int32>(packet.originalLength);
-    return pcap_offline_filter(&self.current->code, &header, packet.frame.data()) != 0;
+    return pcap().offline_filter(&self.current->code, &header, packet.frame.data()) != 0;
 }
 
 std::optional<UnfilteredPackets> PacketFilter::takeUnfiltered()

@@ -14,9 +14,9 @@ namespace sealscope {
 
 /// Why an expression cannot be compiled for a link type.
 struct FilterError {
-    enum class Problem : std::uint8_t { refused, noMemory };
+    enum class Problem : std::uint8_t { refused, noMemory, noCompiler };
     Problem problem = Problem::refused;
-    std::string compilersReason = {};  ///< for refusing, in its words
+    std::string compilersReason = {};  ///< for refusing, in its words; or why there is none
     std::string text() const;
 };
 
@@ -35,6 +35,8 @@ public:
     /// `expression` may be empty: everything passes. Compiles it for a first link type. `order` is that of the capturing machine, which
     /// decides how some link types' headers read.
     static std::expected<PacketFilter, FilterError> compile(const std::string& expression, std::uint32_t linkType, ByteOrder order);
+    /// Loads the compiler, which a confined process cannot. Without it `compile` does.
+    static void makeReady();
     /// True for a link type that the compiler can compile anything for.
     static bool isKnown(std::uint32_t linkType);
     PacketFilter(PacketFilter&&) noexcept;

@@ -2,6 +2,7 @@
 #include "app/cli/Confining.h"
 
 #include "app/capture/Decompressor.h"
+#include "app/capture/PacketFilter.h"
 #include "app/cli/Interrupt.h"
 #include "app/cli/commands/Commands.h"
 #include "app/cli/text/Messages.h"
@@ -141,8 +142,9 @@ Confinement confinementFor(const Options& options, fs::path& temporaryFolder)
     if (access == Access::captures) {
         const std::vector<std::string> files = captures(options);
         confinement.readableFiles.insert(confinement.readableFiles.end(), files.begin(), files.end());
-        const bool areInPlace = std::ranges::all_of(files, isReadInPlace);
+        if (!options.filter.empty()) PacketFilter::makeReady();
         if (options.command->options.contains(Option::keylog)) {
+            const bool areInPlace = std::ranges::all_of(files, isReadInPlace);
             addKeyLogs(confinement, options, areInPlace ? LaterFiles::areNotRead : LaterFiles::mayCome);
             CryptoLibrary::configure();
         }

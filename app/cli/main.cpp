@@ -40,7 +40,7 @@ ExitStatus runCommand(const Options& options, Output& output, Confining& confini
 {
     const Terminal terminal = Terminal::standardOutput(options.color);
     setRemarks(!options.quiet);
-    const PlugInLoading plugIns = PlugInLoader::load({options.plugInPaths.begin(), options.plugInPaths.end()});
+    const PlugInLoading plugIns = PlugInLoader::load({options.plugInPaths.begin(), options.plugInPaths.end()}, options.command->plugIns);
     for (const PlugInProblem& problem : plugIns.problems) complain(problem.text());
     // Everything works without kept settings; `settings` says it itself.
     const auto settingsProblem = UserDefaults::standard().lastProblem();

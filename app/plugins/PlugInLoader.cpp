@@ -162,6 +162,8 @@ std::vector<fs::path> foldersOfEnvironment()
 
 class Loading {
 public:
+    explicit Loading(PlugInPurpose purpose) : purpose_(purpose) {}
+
     void addFolder(const fs::path& folder)
     {
         std::error_code error;
@@ -174,7 +176,7 @@ public:
 
     PlugInLoading result() &&
     {
-        if (loadedSoFar().plugIns.empty() && result_.problems.empty())
+        if (loadedSoFar().plugIns.empty() && result_.problems.empty() && !hasLeftOut_)
             addProblem({.bundle = PlugInLoader::ownFolder(), .kind = Problem::Kind::holdsNothing});
         return std::move(result_);
     }
@@ -185,6 +187,10 @@ private:
         const Bundle bundle(path);
         const std::string identifier = bundle.infoString("CFBundleIdentifier").value_or(path.filename().string());
         if (loadedSoFar().identifiers.contains(identifier)) return;
+        if (purpose_ == PlugInPurpose::packets && isForStreamsOnly(bundle)) {
+            hasLeftOut_ = true;
+            return;
+        }
         if (auto plugIn = load(bundle)) {
             loadedSoFar().identifiers.insert(identifier);
             loadedSoFar().plugIns.push_back(*plugIn);
@@ -194,6 +200,14 @@ private:
         }
     }
 
+    static bool isForStreamsOnly(const Bundle& bundle)
+    {
+        const auto entry = bundle.infoDictionary().find("VELStreamsOnly");
+        return entry != bundle.infoDictionary().end() && entry->second == Bundle::InfoValue(true);
+    }
+
+    PlugInPurpose purpose_;
+    bool hasLeftOut_ = false;
     PlugInLoading result_;
 };
 
@@ -229,9 +243,9 @@ fs::path PlugInLoader::ownFolder()
     return (fs::read_symlink("/proc/self/exe", error).parent_path() / SEALSCOPE_PLUGINS_FROM_BIN).lexically_normal();
 }
 
-PlugInLoading PlugInLoader::load(const std::vector<fs::path>& named)
+PlugInLoading PlugInLoader::load(const std::vector<fs::path>& named, PlugInPurpose purpose)
 {
-    Loading loading;
+    Loading loading(purpose);
     std::vector<fs::path> folders = named;
     std::ranges::move(foldersOfEnvironment(), std::back_inserter(folders));
     for (const fs::path& folder : folders) {

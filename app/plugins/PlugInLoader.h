@@ -10,6 +10,12 @@
 
 namespace sealscope {
 
+/// What plug-ins are wanted for.
+enum class PlugInPurpose : std::uint8_t {
+    everything,
+    packets,  ///< those that say they have nothing for single packets stay unloaded
+};
+
 /// A plug-in that was loaded; it stays for the life of the process.
 struct LoadedPlugIn {
     std::filesystem::path bundle;
@@ -58,7 +64,7 @@ struct PlugInLoader {
     /// Where bundles come from, most wanted first: the named folders, those of `SEALSCOPE_PLUGIN_PATH` (joined with ":"),
     /// then the folder that belongs to the program. Of several bundles with one
     /// identifier the first that loads is used. A named folder may be a bundle itself.
-    static PlugInLoading load(const std::vector<std::filesystem::path>& named);
+    static PlugInLoading load(const std::vector<std::filesystem::path>& named, PlugInPurpose purpose = PlugInPurpose::everything);
 
     /// Everything that was loaded so far.
     static const std::vector<LoadedPlugIn>& loaded();

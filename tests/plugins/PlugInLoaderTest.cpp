@@ -158,6 +158,18 @@ TEST_F(PlugInLoaderTest, TellsWhatIsWrongWithAFolder)
               (folder.path() / "nowhere").string() + ": cannot be searched for plug-ins: No such file or directory");
 }
 
+TEST_F(PlugInLoaderTest, StartsWithoutThoseForStreamsWherePacketsAreAllThatIsWanted)
+{
+    const TempDirectory place;
+    fs::copy(testBundles / "TestFine.bundle", place.path() / "TestFine.bundle", fs::copy_options::recursive);
+    const char* const info = R"({"CFBundleExecutable": "TestFine.so", "CFBundleIdentifier": "test.streams", "VELStreamsOnly": true})";
+    writeFile(place.path() / "TestFine.bundle/Info.json", DataView(std::string_view(info)));
+    const PlugInLoading ofPackets = PlugInLoader::load({place.path()}, PlugInPurpose::packets);
+    EXPECT_THAT(ofPackets.loaded, IsEmpty());
+    EXPECT_THAT(ofPackets.problems, IsEmpty());
+    EXPECT_EQ(PlugInLoader::load({place.path()}).loaded.size(), 1U);
+}
+
 TEST_F(PlugInLoaderTest, SearchesTheFoldersOfTheEnvironment)
 {
     const TempDirectory one, two;

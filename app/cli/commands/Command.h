@@ -5,6 +5,7 @@
 #include "app/cli/Confining.h"
 #include "app/cli/Output.h"
 #include "app/cli/text/Terminal.h"
+#include "app/plugins/PlugInLoader.h"
 
 #include <span>
 #include <string>
@@ -46,6 +47,7 @@ struct Command {
     int mostArguments = -1;  ///< negative for any number
     bool countsRows = false;  ///< --count is about its rows, not about packets
     Access access = Access::ownData;
+    PlugInPurpose plugIns = PlugInPurpose::everything;
     bool isPaged = false;  ///< its text is long: on a terminal the user's pager shows it
     ExitStatus (*run)(const CommandContext& context) = nullptr;
 };

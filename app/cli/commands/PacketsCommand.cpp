@@ -55,7 +55,7 @@ public:
 
 private:
     /// The rows of a batch as text, when the layout is known.
-    struct BatchRows {
+    struct alignas(64) BatchRows {
         explicit BatchRows(RowPrinter& owner) : printer(owner), format(owner.format_->clone()) {}
         void operator()(const SegmentBatch& batch)
         {
@@ -165,6 +165,7 @@ const Command packetsCommand{
                 "tcpdump -w - \\| sealscope packets -|from another program, as it comes\n",
     .options = {Option::json, Option::filter, Option::count},
     .access = Access::captures,
+    .plugIns = PlugInPurpose::packets,
     .isPaged = true,
     .run = runPackets};
 

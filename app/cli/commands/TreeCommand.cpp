@@ -281,6 +281,7 @@ const Command treeCommand{
                 "sealscope tree --json capture.pcapng|one JSON object a packet\n",
     .options = {Option::packet, Option::hex, Option::json, Option::filter, Option::count},
     .access = Access::captures,
+    .plugIns = PlugInPurpose::packets,
     .isPaged = true,
     .run = runTree};
 
