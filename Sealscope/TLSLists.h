@@ -32,6 +32,19 @@ concept TLSVisitor = std::predicate<Visit&, Item...>;
 template <class Visit>
 concept TLSRecordVisitor = TLSVisitor<Visit, TLSRecord> || TLSVisitor<Visit, TLSRecord, std::int64_t>;
 
+/// The record whose header stands at an offset, all of it, in so many bytes (RFC 8446 §5.1).
+template <class Bytes> TLSRecord recordAt(Bytes& bytes, std::int64_t offset, std::int64_t size)
+{
+    TLSRecord record{.contentType = bytes.u8(offset),
+                     .majorVersion = bytes.u8(offset + 1),
+                     .minorVersion = bytes.u8(offset + 2),
+                     .declaredLength = bytes.u16(offset + 3),
+                     .recordOffset = offset,
+                     .bodyOffset = offset + TLSRecord::headerLength};
+    record.isTruncated = size - record.bodyOffset < record.declaredLength;
+    return record;
+}
+
 namespace detail {
 
 /// How many pieces of `length` bytes lie wholly in the hole around an offset, from there on and up to `end`.
@@ -46,13 +59,7 @@ template <class Bytes, class Visit> void visitRecords(Bytes&& bytes, std::int64_
 {
     const std::int64_t size = bytes.size();
     while (size - offset >= TLSRecord::headerLength) {
-        TLSRecord record{.contentType = bytes.u8(offset),
-                         .majorVersion = bytes.u8(offset + 1),
-                         .minorVersion = bytes.u8(offset + 2),
-                         .declaredLength = bytes.u16(offset + 3),
-                         .recordOffset = offset,
-                         .bodyOffset = offset + TLSRecord::headerLength};
-        record.isTruncated = size - record.bodyOffset < record.declaredLength;
+        const TLSRecord record = recordAt(bytes, offset, size);
         std::int64_t count = 1;
         if (record.contentType == 0 && record.version() == 0 && record.declaredLength == 0)
             count = std::max<std::int64_t>(countInHole(bytes, offset, TLSRecord::headerLength, size), 1);

@@ -4,9 +4,11 @@
 #include "interpreters/HTTP/MessageText.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdlib>
 #include <fmt/format.h>
 #include <iterator>
+#include <system_error>
 #include <utility>
 
 namespace sealscope {
@@ -42,6 +44,27 @@ void makeRoomInHeap()
 }
 
 }  // namespace
+
+std::optional<std::string_view> HTTP2Block::pseudoField(std::string_view wanted) const
+{
+    std::optional<std::string_view> found;
+    fields.forEach([&](std::string_view name, std::string_view value) {
+        if (!name.starts_with(':') && !name.starts_with('(')) return false;
+        if (name == wanted) found = value;
+        return !found;
+    });
+    return found;
+}
+
+std::size_t HTTP2Half::finalHead() const
+{
+    const auto isInterim = [](const HTTP2Block& block) {
+        const auto status = block.pseudoField(":status");
+        int code = 0;
+        return status && std::from_chars(status->data(), status->data() + status->size(), code).ec == std::errc() && code / 100 == 1;
+    };
+    return static_cast<std::size_t>(std::ranges::find_if_not(blocks, isInterim) - blocks.begin());
+}
 
 HTTP2Direction::HTTP2Direction(const TCPStream& stream, TCPSegment::Direction direction, Start start)
     : data_(stream.data(direction)), direction_(direction), lost_(stream, direction), reader_(data_)

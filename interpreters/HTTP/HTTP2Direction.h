@@ -15,6 +15,7 @@
 #include <deque>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace sealscope {
@@ -24,6 +25,9 @@ struct HTTP2Block {
     PackedFields fields;
     std::vector<DetailRow> notes;
     ByteRange range;  ///< of the frames that carried it
+
+    /// The value of a field such as ":path", which come first (RFC 9113 §8.3).
+    std::optional<std::string_view> pseudoField(std::string_view wanted) const;
 };
 
 /// What one side sent on a stream (RFC 9113 §5).
@@ -36,6 +40,12 @@ struct HTTP2Half {
     bool isEnded = false;
     std::optional<std::uint32_t> resetCode;  ///< with which this side ended the stream early
     std::optional<std::int64_t> neededFrom;  ///< of a tunnel: where its data begin that are not done with, in place of its frames
+
+    bool hasRequest() const { return !blocks.empty() || !data.isEmpty(); }
+    /// Which block the reply begins with: the first that is no interim one.
+    std::size_t finalHead() const;
+    /// `head`: as `finalHead` gives it.
+    bool hasReply(std::size_t head) const { return head < blocks.size() || !data.isEmpty(); }
 };
 
 /// A header block while its frames are being read.

@@ -122,17 +122,7 @@ RecordOpener* ReachWalk::openerOf(Epoch epoch)
     return following_.get();
 }
 
-TLSRecord ReachWalk::headerAt(std::int64_t offset)
-{
-    TLSRecord record{.contentType = reader_.u8(offset),
-                     .majorVersion = reader_.u8(offset + 1),
-                     .minorVersion = reader_.u8(offset + 2),
-                     .declaredLength = reader_.u16(offset + 3),
-                     .recordOffset = offset,
-                     .bodyOffset = offset + TLSRecord::headerLength};
-    record.isTruncated = data_.size() - record.bodyOffset < record.declaredLength;
-    return record;
-}
+TLSRecord ReachWalk::headerAt(std::int64_t offset) { return recordAt(reader_, offset, data_.size()); }
 
 bool ReachWalk::isPlausible(const TLSRecord& record) const
 {

@@ -325,7 +325,11 @@ PYBIND11_MODULE(_core, module)
         .def("packets", &OpenCapture::packets)
         .def("streams", &OpenCapture::streams)
         .def("exchanges", &OpenCapture::exchanges)
-        .def("objects", &OpenCapture::objects)
+        .def("objects",
+             [](const OpenCapture& capture, StreamLines::Numbers numbers, std::string folder, bool replaces) {
+                 return capture.objects(std::move(numbers), std::move(folder),
+                                        replaces ? ObjectFolder::Existing::replaced : ObjectFolder::Existing::kept);
+             })
         .def("messages", &OpenCapture::messages)
         .def("plaintext", [](const OpenCapture& capture, std::int64_t stream, const std::string& side) {
             const TCPSegment::Direction direction = directionOf(side);

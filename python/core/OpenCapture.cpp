@@ -199,12 +199,11 @@ std::unique_ptr<Lines> OpenCapture::exchanges(StreamLines::Numbers numbers) cons
         });
 }
 
-std::unique_ptr<Lines> OpenCapture::objects(StreamLines::Numbers numbers, std::string folder, bool replaces) const
+std::unique_ptr<Lines> OpenCapture::objects(StreamLines::Numbers numbers, std::string folder, ObjectFolder::Existing existing) const
 {
     return std::make_unique<Lines>([session = session_, numbers = wanted(std::move(numbers)), folder = std::move(folder),
-                                    replaces](const Lines::Take& take, const std::stop_token& stop) {
-        StreamLines::objects(*session, numbers, folder, replaces ? ObjectFolder::Existing::replaced : ObjectFolder::Existing::kept, take,
-                             stop);
+                                    existing](const Lines::Take& take, const std::stop_token& stop) {
+        StreamLines::objects(*session, numbers, folder, existing, take, stop);
     });
 }
 

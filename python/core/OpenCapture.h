@@ -80,7 +80,7 @@ public:
     std::unique_ptr<Lines> packets() const;
     std::unique_ptr<Lines> streams(StreamLines::Numbers numbers) const;
     std::unique_ptr<Lines> exchanges(StreamLines::Numbers numbers) const;
-    std::unique_ptr<Lines> objects(StreamLines::Numbers numbers, std::string folder, bool replaces) const;
+    std::unique_ptr<Lines> objects(StreamLines::Numbers numbers, std::string folder, ObjectFolder::Existing existing) const;
     std::unique_ptr<Lines> messages(std::int64_t stream) const;
 
 private:

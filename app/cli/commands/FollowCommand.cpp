@@ -6,15 +6,14 @@
 #include "app/cli/text/StreamText.h"
 #include "app/records/StreamRecords.h"
 #include "app/session/InOrder.h"
+#include "app/session/InterpreterFailure.h"
 #include "app/session/ResumedSessions.h"
 #include "app/texts/DisplayText.h"
 #include "app/verdict/StreamVerdict.h"
 
 #include <algorithm>
 #include <atomic>
-#include <exception>
 #include <fmt/format.h>
-#include <new>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -31,7 +30,7 @@ struct FollowedStream {
     StreamHeading heading;                               ///< where there is no text yet
     std::optional<StreamInterpretation> interpretation;  ///< where that is not too much either
     std::int64_t held = 0;                               ///< bytes, about
-    std::optional<std::string> problem;                  ///< of the interpreter
+    std::optional<InterpreterFailure> failure;
 };
 
 class Follower {
@@ -44,14 +43,10 @@ public:
         // What fails for one stream, a plug-in or the memory, fails for this one alone.
         try {
             interpret(followed);
-        } catch (const std::bad_alloc&) {
-            followed.problem = "out of memory";
-        } catch (const std::exception& problem) {
-            followed.problem = problem.what();
         } catch (...) {
-            followed.problem = "it gave no reason";
+            followed.failure = InterpreterFailure::caught();
+            followed.text.clear();
         }
-        if (followed.problem) followed.text.clear();
         return followed;
     }
 
@@ -59,29 +54,25 @@ public:
     bool print(FollowedStream followed) const
     {
         held_ -= followed.held;
-        if (!followed.interpreter && !followed.problem) {
+        if (!followed.interpreter && !followed.failure) {
             remark(fmt::format("--stream {}: no plug-in recognises what was said in this connection", followed.number));
             StreamInterpretation nothing;
             if (context_.options.json) append(followed.text, {.summary = {.number = followed.number}}, telling(nothing), {});
-        } else if (!followed.problem && followed.text.empty()) {
+        } else if (!followed.failure && followed.text.empty()) {
             const Spill spill([&](std::string& text) { context_.output.write(text); });
             try {
                 append(followed.text, followed.heading, followed.interpretation ? telling(*followed.interpretation) : tellingAnew(followed),
                        spill);
-            } catch (const std::bad_alloc&) {
-                followed.problem = "out of memory";
-            } catch (const std::exception& problem) {
-                followed.problem = problem.what();
             } catch (...) {
-                followed.problem = "it gave no reason";
+                followed.failure = InterpreterFailure::caught();
             }
         }
         context_.output.write(followed.text);
-        if (followed.problem) {
+        if (followed.failure) {
             const std::string_view name = followed.interpreter ? followed.interpreter->streamDisplayName : "a plug-in";
-            complain(fmt::format("stream {}: {} could not interpret it: {}", followed.number, name, *followed.problem));
+            complain(fmt::format("stream {}: {} could not interpret it: {}", followed.number, name, followed.failure->text()));
         }
-        return !followed.problem;
+        return !followed.failure;
     }
 
 private:
@@ -181,7 +172,7 @@ ExitStatus runFollow(const CommandContext& context)
     std::int64_t accepted = 0;
     const auto weight = [&](std::int64_t number) { return session->packets(number) * usualPayload; };
     const auto print = [&](FollowedStream followed) {
-        const bool isAccepted = followed.interpreter || followed.problem;
+        const bool isAccepted = followed.interpreter || followed.failure;
         accepted += isAccepted;
         if ((isAccepted || areNamed) && !follower.print(std::move(followed))) status = std::max(status, failed);
         return context.output.isOpen() && !isInterrupted();

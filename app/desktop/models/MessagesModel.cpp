@@ -8,12 +8,13 @@
 #include "app/desktop/models/FilterTerms.h"
 #include "app/desktop/models/MessageMark.h"
 #include "app/records/StreamFacts.h"
+#include "app/session/InterpreterFailure.h"
 #include "app/session/ResumedSessions.h"
 #include "app/verdict/StreamVerdict.h"
 #include "host/VELModels/VELStreamInterpreting.h"
 
 #include <algorithm>
-#include <exception>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -23,7 +24,8 @@ namespace sealscope::desktop {
 struct MessagesModel::Found {
     std::vector<Pairing> pairings;
     bool isCut = false;
-    std::string problem;
+    bool isRecognised = true;
+    std::optional<InterpreterFailure> failure;
 };
 
 MessagesModel::~MessagesModel() = default;
@@ -68,7 +70,7 @@ void MessagesModel::show(std::shared_ptr<const Session> session, qint64 stream)
                 Q_EMIT headingChanged();
             });
             if (!interpreter) {
-                found.problem = reader.say("stream {}: no plug-in recognises what was said in this connection", name);
+                found.isRecognised = false;
             } else {
                 if (interpreter->layer == StreamLayer::security) findResumedSession(*session, tcp);
                 Batches<StreamMessage> batches(context, [this](std::vector<StreamMessage> batch) { append(std::move(batch)); });
@@ -92,8 +94,8 @@ void MessagesModel::show(std::shared_ptr<const Session> session, qint64 stream)
                 }
                 found.pairings = std::move(pairings).value_or(std::vector<Pairing>{});
             }
-        } catch (const std::exception& problem) {
-            found.problem = reader.say("stream {}: a plug-in could not interpret it: {}", name, problem.what());
+        } catch (...) {
+            found.failure = InterpreterFailure::caught();
         }
         context.deliver([this, found = std::move(found)] { finish(found); });
     });
@@ -142,7 +144,12 @@ void MessagesModel::finish(Found found)
         pairings_.push_back(std::move(pairing));
     }
     if (rowCount() > 0) Q_EMIT dataChanged(index(0), index(rowCount() - 1));
-    if (!found.problem.empty()) Q_EMIT failed(shownText(found.problem));
+    const SentenceReader reader = windowReader();
+    const std::string name = std::to_string(stream_);
+    if (found.failure)
+        Q_EMIT failed(shownText(reader.say("stream {}: a plug-in could not interpret it: {}", name, found.failure->text())));
+    else if (!found.isRecognised)
+        Q_EMIT failed(shownText(reader.say("stream {}: no plug-in recognises what was said in this connection", name)));
     if (found.isCut) Q_EMIT failed(tr("Stream %1 has more than %L2 messages; the first of them are shown").arg(stream_).arg(mostMessages));
     Q_EMIT loaded();
 }
