@@ -112,7 +112,8 @@ TLSDirectionReport TLSDirectionReporter::report(Direction direction) const
     const auto notBegun = [&](Stop stop) {
         TLSDirectionReport report;
         report.stop = stop;
-        report.protectedRecords = framingOf(captured, context_.isTLS13).protectedRecords;
+        report.protectedRecords =
+            framingOf(captured, context_.isTLS13 ? TLSFraming::Protection::encrypted : TLSFraming::Protection::none).protectedRecords;
         return report;
     };
     if (!applicationSecret(direction)) return notBegun(Stop::noSecret);
@@ -137,7 +138,7 @@ TLSDirectionReport TLSDirectionReporter::report(Direction direction, TLSDirectio
 
 std::optional<Data> TLSDirectionReporter::applicationSecret(Direction direction) const
 {
-    return keyLog_.secrets.find(secretLabels(context_.isTLS13, direction).application, context_.clientRandom);
+    return keyLog_.secrets.find(secretLabels(context_, direction).application, context_.clientRandom);
 }
 
 void TLSDirectionReporter::settleStop(TLSDirectionReport& report, const TLSFraming& framing, const Progress::Refusal& refusal,
@@ -166,23 +167,27 @@ Stop TLSDirectionReporter::reason(const TLSDirectionReport& report, const Progre
     if (report.openedRecords > 0 || !context_.isTLS13) return Stop::doesNotOpen;
 
     const auto suite = TLS13RecordDecryptor::suiteParameters(context_.cipherSuite);
-    const bool hasHandshakeSecret = keyLog_.secrets.length(secretLabels(true, direction).handshake, context_.clientRandom).has_value();
-    if (direction == Direction::clientToServer && isEarlyData(record, hasHandshakeSecret)) return Stop::earlyData;
+    if (direction == Direction::clientToServer && isEarlyData(record)) return Stop::earlyData;
     const auto secret = applicationSecret(direction);
     if (suite && secret && secret->size() != digestSize(suite->hash)) return Stop::badSecret;
-    return hasHandshakeSecret ? Stop::doesNotOpen : Stop::noHandshakeSecret;
+    return hasHandshakeSecret(direction) ? Stop::doesNotOpen : Stop::noHandshakeSecret;
+}
+
+bool TLSDirectionReporter::hasHandshakeSecret(Direction direction) const
+{
+    return keyLog_.secrets.length(secretLabels(direction).handshake, context_.clientRandom).has_value();
 }
 
 // Its own secret says for certain whether the client's first protected record is early data, and without that an offer of it,
 // where the handshake keys are there and do not open the record.
-bool TLSDirectionReporter::isEarlyData(const TLSRecord& record, bool hasHandshakeSecret) const
+bool TLSDirectionReporter::isEarlyData(const TLSRecord& record) const
 {
     const auto hello = TLSStreamDecryption::firstClientHello(stream_.clientToServerData);
     const auto isOffer = [](const TLSExtension& extension) { return extension.extType == earlyDataExtension; };
     if (!hello || std::ranges::none_of(hello->extensions, isOffer)) return false;
     const auto secret = keyLog_.secrets.find("CLIENT_EARLY_TRAFFIC_SECRET", context_.clientRandom);
     const auto suite = TLS13RecordDecryptor::suiteParameters(context_.cipherSuite);
-    if (!secret || !suite) return hasHandshakeSecret;
+    if (!secret || !suite) return hasHandshakeSecret(Direction::clientToServer);
     TLS13RecordDecryptor::RecordSequence sequence(std::nullopt, *secret, *suite);
     const Data whole = stream_.clientToServerData.slice(record.recordOffset, TLSRecord::headerLength + record.declaredLength);
     const DataView bytes = whole;

@@ -51,7 +51,8 @@ public:
 private:
     void settleStop(TLSDirectionReport& report, const TLSFraming& framing, const Progress::Refusal& refusal, Direction direction) const;
     TLSDirectionReport::Stop reason(const TLSDirectionReport& report, const Progress::Refusal& refusal, Direction direction) const;
-    bool isEarlyData(const TLSRecord& record, bool hasHandshakeSecret) const;
+    bool hasHandshakeSecret(TCPSegment::Direction direction) const;
+    bool isEarlyData(const TLSRecord& record) const;
     std::optional<Data> applicationSecret(Direction direction) const;
 
     const TCPStream& stream_;

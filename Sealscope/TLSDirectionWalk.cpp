@@ -20,14 +20,14 @@ bool isForeign(const TLSRecord& record) { return record.contentType < 20 || reco
 
 }  // namespace
 
-void TLSFraming::take(const TLSRecord& record, bool isProtected)
+void TLSFraming::take(const TLSRecord& record, Protection protection)
 {
     if (foreign) return;
     if (isForeign(record))
         foreign = record;
     else if (record.isTruncated)
         cutFrom = record.recordOffset;
-    else if (isProtected)
+    else if (protection == Protection::encrypted)
         ++protectedRecords;
 }
 
@@ -36,14 +36,14 @@ void TLSFraming::finish(std::int64_t end, std::int64_t size)
     if (!foreign && !cutFrom && end < size) cutFrom = end;
 }
 
-TLSFraming framingOf(const StreamData& data, bool isTLS13)
+TLSFraming framingOf(const StreamData& data, TLSFraming::Protection atFirst)
 {
     TLSFraming framing;
     std::int64_t end = 0;
-    bool isEncrypted = isTLS13;
+    TLSFraming::Protection protection = atFirst;
     forEachRecord(data, [&](const TLSRecord& record) {
-        framing.take(record, isEncrypted && record.contentType == applicationData);
-        if (record.contentType == std::to_underlying(TLSContentType::changeCipherSpec)) isEncrypted = true;
+        framing.take(record, record.contentType == applicationData ? protection : TLSFraming::Protection::none);
+        if (record.contentType == std::to_underlying(TLSContentType::changeCipherSpec)) protection = TLSFraming::Protection::encrypted;
         if (!record.isTruncated) end = record.endOffset();
         return !framing.foreign;
     });
@@ -64,7 +64,7 @@ bool TLSDirectionWalk::moveToProtectedRecord()
         reader_,
         [&](const TLSRecord& record, std::int64_t count) {
             isFound = !record.isTruncated && isProtected(record, count);
-            framing_.take(record, isFound);
+            framing_.take(record, isFound ? TLSFraming::Protection::encrypted : TLSFraming::Protection::none);
             if (record.isTruncated) return false;
             nextOffset_ = record.endOffset() + (count - 1) * TLSRecord::headerLength;
             if (isFound) record_ = record;

@@ -23,11 +23,13 @@ struct TLSFraming {
     std::optional<std::int64_t> cutFrom;  ///< where a record begins that the data do not hold to its end
 
     /// Takes a direction's next record.
-    void take(const TLSRecord& record, bool isProtected);
+    enum class Protection : std::uint8_t { none, encrypted };
+    void take(const TLSRecord& record, Protection protection);
     /// The direction has `size` bytes, and `end` of them are whole records.
     void finish(std::int64_t end, std::int64_t size);
 };
-TLSFraming framingOf(const StreamData& data, bool isTLS13);
+/// `atFirst`: of application data, until the direction has changed its cipher.
+TLSFraming framingOf(const StreamData& data, TLSFraming::Protection atFirst);
 
 /// Opens the protected records of one direction of a stream one after another. Everything that decrypts a stream does it
 /// by this walk, and takes from it no more records than it needs. It knows the keys, and not where they come from:

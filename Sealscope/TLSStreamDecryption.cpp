@@ -190,7 +190,7 @@ constexpr std::int64_t masterSecretLength = 48;  // RFC 5246 §8.1
 
 std::optional<TLS12RecordDecryptor::RecordSequence> beginTLS12(Direction direction, const Context& context, const TLSKeyLog& keyLog)
 {
-    const auto masterSecret = keyLog.secrets.find(secretLabels(false, direction).application, context.clientRandom);
+    const auto masterSecret = keyLog.secrets.find(masterSecretLabel, context.clientRandom);
     if (!masterSecret || masterSecret->size() != masterSecretLength) return std::nullopt;
     const auto parameters = TLS12RecordDecryptor::suiteParameters(context.cipherSuite);
     if (!parameters) return std::nullopt;
@@ -202,7 +202,7 @@ std::optional<TLS12RecordDecryptor::RecordSequence> beginTLS12(Direction directi
 
 std::optional<TLS13RecordDecryptor::RecordSequence> beginTLS13(Direction direction, const Context& context, const TLSKeyLog& keyLog)
 {
-    const TLSSecretLabels labels = secretLabels(true, direction);
+    const TLSSecretLabels labels = secretLabels(direction);
     const auto applicationSecret = keyLog.secrets.find(labels.application, context.clientRandom);
     if (!applicationSecret) return std::nullopt;
     const auto handshakeSecret = keyLog.secrets.find(labels.handshake, context.clientRandom);
@@ -213,11 +213,15 @@ std::optional<TLS13RecordDecryptor::RecordSequence> beginTLS13(Direction directi
 
 }  // namespace
 
-TLSSecretLabels secretLabels(bool isTLS13, Direction direction)
+TLSSecretLabels secretLabels(Direction direction)
 {
-    if (!isTLS13) return {"CLIENT_RANDOM", ""};
     if (direction == Direction::serverToClient) return {"SERVER_TRAFFIC_SECRET_0", "SERVER_HANDSHAKE_TRAFFIC_SECRET"};
     return {"CLIENT_TRAFFIC_SECRET_0", "CLIENT_HANDSHAKE_TRAFFIC_SECRET"};
+}
+
+TLSSecretLabels secretLabels(const Context& context, Direction direction)
+{
+    return context.isTLS13 ? secretLabels(direction) : TLSSecretLabels{masterSecretLabel, ""};
 }
 
 std::optional<ClientHelloInfo> TLSStreamDecryption::firstClientHello(const StreamData& clientToServer)
@@ -262,7 +266,7 @@ std::expected<Context, TLSStreamDecryption::ContextFailure> TLSStreamDecryption:
 bool TLSStreamDecryption::hasKeyMaterial(const Context& context, const TLSKeyLog& keyLog)
 {
     return std::ranges::any_of(std::array{Direction::clientToServer, Direction::serverToClient}, [&](Direction direction) {
-        return keyLog.secrets.length(secretLabels(context.isTLS13, direction).application, context.clientRandom).has_value();
+        return keyLog.secrets.length(secretLabels(context, direction).application, context.clientRandom).has_value();
     });
 }
 

@@ -66,11 +66,15 @@ struct TLSStreamDecryption {
                                                          const TLSKeyLog& keyLog);
 };
 
-/// The labels of a version's secrets for one direction. TLS 1.2 has one for both directions, and no handshake secret.
+/// The labels of a version's secrets for one direction.
 struct TLSSecretLabels {
     std::string_view application;
-    std::string_view handshake;
+    std::string_view handshake;  ///< empty for TLS 1.2, which has one secret for all
 };
-TLSSecretLabels secretLabels(bool isTLS13, TCPSegment::Direction direction);
+inline constexpr std::string_view masterSecretLabel = "CLIENT_RANDOM";
+/// Of TLS 1.3.
+TLSSecretLabels secretLabels(TCPSegment::Direction direction);
+/// Of the version that was negotiated.
+TLSSecretLabels secretLabels(const TLSStreamDecryption::Context& context, TCPSegment::Direction direction);
 
 }  // namespace sealscope

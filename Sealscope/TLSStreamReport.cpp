@@ -68,11 +68,11 @@ bool isSupportedSuite(const TLSStreamDecryption::Context& context)
 }
 
 /// The labels that a version reads.
-std::vector<std::string_view> labelsOf(bool isTLS13)
+std::vector<std::string_view> labelsOf(const TLSStreamDecryption::Context& context)
 {
-    const TLSSecretLabels client = secretLabels(isTLS13, Direction::clientToServer);
-    const TLSSecretLabels server = secretLabels(isTLS13, Direction::serverToClient);
-    if (!isTLS13) return {client.application};
+    if (!context.isTLS13) return {masterSecretLabel};
+    const TLSSecretLabels client = secretLabels(Direction::clientToServer);
+    const TLSSecretLabels server = secretLabels(Direction::serverToClient);
     return {client.handshake, server.handshake, client.application, server.application};
 }
 
@@ -108,7 +108,7 @@ TLSDecryptionReport TLSStreamReport::report(const TCPStream& stream, const TLSKe
 
     const auto context = TLSStreamDecryption::context(*report.clientRandom, *serverHello.info);
     const auto secretLength = [&](std::string_view label) { return keyLog.secrets.length(label, *report.clientRandom); };
-    const auto read = context ? labelsOf(context->isTLS13) : std::vector<std::string_view>{};
+    const auto read = context ? labelsOf(*context) : std::vector<std::string_view>{};
     for (const std::string_view label : read) report.secrets.push_back({std::string(label), secretLength(label)});
     for (const std::string_view label : TLSKeyLog::knownLabels)
         if (std::ranges::find(read, label) == read.end() && secretLength(label)) report.otherLabels.emplace_back(label);

@@ -20,7 +20,7 @@ constexpr std::int64_t packetsPerLook = 1'024;  // at whether anybody wants to s
 
 CaptureInputOptions inputOptions(const CaptureOptions& options)
 {
-    return {.keepsAll = options.randomAccess, .keepsSkipped = options.keepsEveryBlock, .stop = options.stop, .reader = options.reader};
+    return {.keepsAll = options.randomAccess, .keepsSkipped = options.keepsEveryBlock, .stop = options.stop};
 }
 
 /// A file that was found readable, before its turn.
@@ -162,7 +162,7 @@ public:
         }
         if (!std::exchange(hasKeepingFailed_, true))
             errors_.push_back({.file = names_[position_ - 1],
-                               .reason = options_.reader.say("fragments cannot be put together: {}", error.text()),
+                               .cause = ReadError{.problem = ReadError::Problem::fragmentsDoNotFit, .because = error},
                                .packetsBefore = packetsOfFile_});
         return -1;
     }
@@ -174,9 +174,7 @@ public:
             if (!isLost(file)) continue;
             const auto isOfIt = [&](const CaptureError& error) { return error.file == names_[file] && error.passedOver == 0; };
             if (std::ranges::any_of(errors_, isOfIt)) continue;
-            lost.push_back({.file = names_[file],
-                            .reason = options_.reader.say("became shorter after it was read; what is missing counts as zeros"),
-                            .packetsBefore = -1});
+            lost.push_back({.file = names_[file], .cause = ReadError{.problem = ReadError::Problem::lostBytesLater}, .packetsBefore = -1});
         }
         return lost;
     }
@@ -228,7 +226,7 @@ private:
             placeCount_.store(position_, std::memory_order_release);
             file_ = place.file.get();
             if (!file_) {
-                errors_.push_back({.file = candidate.name, .reason = opened.error().reason, .couldNotOpen = true});
+                errors_.push_back({.file = candidate.name, .cause = opened.error(), .couldNotOpen = true});
                 continue;
             }
             return true;
@@ -265,12 +263,11 @@ private:
         if (!file_) return;
         const std::string& name = names_[position_ - 1];
         if (const auto unfiltered = filter_ ? filter_->takeUnfiltered() : std::nullopt)
-            errors_.push_back({.file = name, .reason = unfiltered->text(), .packetsBefore = -1});
-        if (const auto [count, reason, before] = file_->passedOver(); count > 0)
-            errors_.push_back({.file = name, .reason = reason, .packetsBefore = before, .passedOver = count});
+            errors_.push_back({.file = name, .cause = *unfiltered, .packetsBefore = -1});
+        if (const auto [count, first, before] = file_->passedOver(); count > 0)
+            errors_.push_back({.file = name, .cause = first, .packetsBefore = before, .passedOver = count});
         // Where it ends because somebody wants to stop, nothing is wrong with it.
-        if (file_->damage() && !isStopped())
-            errors_.push_back({.file = name, .reason = file_->damage()->reason, .packetsBefore = packetsOfFile_});
+        if (file_->damage() && !isStopped()) errors_.push_back({.file = name, .cause = *file_->damage(), .packetsBefore = packetsOfFile_});
         addKeyLog();
         storedBytesBefore_ += file_->input().storedBytesRead();
         packetsOfFile_ = 0;
@@ -348,18 +345,18 @@ std::expected<std::unique_ptr<Capture>, CaptureError> Capture::open(const std::v
         if (candidate)
             candidates.push_back(std::move(*candidate));
         else
-            errors.push_back({.file = name, .reason = candidate.error().reason, .couldNotOpen = true});
+            errors.push_back({.file = name, .cause = candidate.error(), .couldNotOpen = true});
     }
     if (candidates.empty() && options.stop.stop_requested())
-        return std::unexpected(CaptureError{
-            .file = files.front(), .reason = options.reader.say("was not read before the interruption"), .couldNotOpen = true});
+        return std::unexpected(
+            CaptureError{.file = files.front(), .cause = ReadError{.problem = ReadError::Problem::interrupted}, .couldNotOpen = true});
     if (candidates.empty()) return std::unexpected(errors.front());
     std::ranges::stable_sort(candidates, [](const Candidate& a, const Candidate& b) { return a.isBefore(b); });
 
     std::optional<PacketFilter> filter;
     if (!options.filter.empty()) {
         auto compiled = compileFilter(options.filter, candidates);
-        if (!compiled) return std::unexpected(CaptureError{.reason = compiled.error().text(), .couldNotOpen = true});
+        if (!compiled) return std::unexpected(CaptureError{.cause = compiled.error(), .couldNotOpen = true});
         filter = std::move(*compiled);
     }
     return std::make_unique<FileSequence>(std::move(candidates), std::move(options), std::move(filter), std::move(errors));

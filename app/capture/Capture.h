@@ -28,7 +28,6 @@ struct CaptureOptions {
     std::string filter;
     std::int64_t maximumPackets = -1;  ///< stop after so many packets that pass the filter; negative for no limit
     std::stop_token stop;              ///< ends the capture early, wherever its reading is
-    SentenceReader reader;             ///< of the errors
 };
 
 /// One or more capture files read as one capture: in order of their first packets' times, packet numbers running on.

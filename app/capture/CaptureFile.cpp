@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/capture/CaptureFile.h"
 
-#include <fmt/format.h>
-#include <fmt/ranges.h>
+#include <algorithm>
+#include <cstdint>
 
 namespace sealscope {
 
@@ -19,9 +19,10 @@ std::expected<std::unique_ptr<CaptureFile>, ReadError> CaptureFile::open(const s
     }
     if (PcapngReader::recognises(head)) return std::unique_ptr<CaptureFile>(new CaptureFile(std::move(input), PcapngReader()));
     if (input->failure()) return std::unexpected(*input->failure());
-    if (head.isEmpty()) return std::unexpected(ReadError{input->reader().say("is empty")});
-    const auto bytes = fmt::join(head, " ");
-    return std::unexpected(ReadError{input->reader().say("is not a capture file (it begins with {:02x})", bytes)});
+    if (head.isEmpty()) return std::unexpected(ReadError{.problem = ReadError::Problem::isEmpty});
+    std::int64_t bytes = 0;
+    for (std::int64_t i = 0; i < head.size(); ++i) bytes |= std::int64_t{head[i]} << 8 * i;
+    return std::unexpected(ReadError{.problem = ReadError::Problem::isNoCapture, .numbers = {bytes, head.size()}});
 }
 
 std::unique_ptr<CaptureFile> CaptureFile::ahead(std::int64_t offset) const

@@ -8,7 +8,6 @@
 
 #include <cerrno>
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <poll.h>
 #include <sched.h>
 #include <sys/mman.h>
@@ -145,7 +144,6 @@ public:
           options_(std::move(options)), size_(file_->bytes().size())
     {
         start_ = at_ = end_ = file_->bytes().data();
-        reader_ = options_.reader;
         damage_ = &file_->isDamaged();
     }
 
@@ -184,10 +182,10 @@ public:
         struct stat status;
         const std::int64_t now = fstat(descriptor_.number(), &status) == 0 ? status.st_size : 0;
         if (now < file_->bytes().size()) {
-            failure_ = ReadError{reader_.say("became shorter while it was being read")};
+            failure_ = ReadError{.problem = ReadError::Problem::becameShorter};
             size_ = std::min(size_, now);
         } else if (isSuspicious()) {
-            failure_ = ReadError{errorText(EIO)};
+            failure_ = ReadError::ofSystem(EIO);
             size_ = std::min(size_, position());
         }
         end_ = std::min(end_, start_ + std::max(size_, position()));
@@ -237,7 +235,6 @@ public:
     StreamedInput(FileDescriptor descriptor, std::unique_ptr<SpoolFile> spool, CaptureInputOptions options)
         : descriptor_(std::move(descriptor)), options_(std::move(options)), spool_(std::move(spool))
     {
-        reader_ = options_.reader;
         struct stat status;
         if (fstat(descriptor_.number(), &status) == 0 && S_ISREG(status.st_mode)) storedSize_ = status.st_size;
     }
@@ -246,7 +243,7 @@ public:
     void begin()
     {
         if (!packed_.grow(streamedPiece)) {
-            failure_ = ReadError{errorText(ENOMEM)};
+            failure_ = ReadError::ofSystem(ENOMEM);
             return;
         }
         while (packedEnd_ < Decompressor::recognisedFrom && readPacked()) {}
@@ -289,7 +286,7 @@ protected:
             skipped += got;
         }
         if (const auto left = spool_->leaveOut(skipped); !left) {
-            failure_ = ReadError{left.error().text()};
+            failure_ = ReadError{.because = left.error()};
             return false;
         }
         leftOut_ += skipped;
@@ -307,7 +304,7 @@ private:
                 return tooMuch(freelyUnpacked / copies(), mostTimesKept / copies());
             auto room = spool_->room(streamedPiece);
             if (!room) {
-                failure_ = ReadError{room.error().text()};
+                failure_ = ReadError{.because = room.error()};
                 return {};
             }
             if (!start_) start_ = at_ = end_ = room->data();
@@ -328,7 +325,7 @@ private:
         start_ = at_ = buffer_.data();
         end_ = start_ + held;
         if (!hasRoom) {
-            failure_ = ReadError{errorText(ENOMEM)};
+            failure_ = ReadError::ofSystem(ENOMEM);
             return {};
         }
         return {buffer_.data() + held, static_cast<std::size_t>(buffer_.size() - held)};
@@ -362,15 +359,14 @@ private:
 
     std::span<std::uint8_t> tooMuch(std::int64_t bytes, std::int64_t times)
     {
-        failure_ = ReadError{reader_.say("{} data unpacks to more than {} bytes and {} times its size; unpack it first, if that is meant",
-                                         decompressor_->name(), bytes, times)};
+        failure_ = ReadError{.problem = ReadError::Problem::unpacksToTooMuch, .numbers = {bytes, times}, .format = decompressor_->name()};
         return {};
     }
 
     bool readPacked()
     {
         const std::int64_t count = readSome({packed_.data() + packedEnd_, static_cast<std::size_t>(streamedPiece - packedEnd_)});
-        if (count < 0) failure_ = ReadError{errorText(errno)};
+        if (count < 0) failure_ = ReadError::ofSystem(errno);
         if (count <= 0)
             isAtEnd_ = true;
         else
@@ -389,7 +385,7 @@ private:
         }
         if (isAtEnd_) return 0;
         const std::int64_t count = readSome(room.first(std::min(room.size(), static_cast<std::size_t>(streamedPiece))));
-        if (count < 0) failure_ = ReadError{errorText(errno)};
+        if (count < 0) failure_ = ReadError::ofSystem(errno);
         if (count <= 0)
             isAtEnd_ = true;
         else
@@ -411,11 +407,13 @@ private:
             packedAt_ = packedEnd_ - static_cast<std::int64_t>(input.size());
             const std::int64_t place = storedBytesRead_ - (packedEnd_ - packedAt_);
             if (!stepped) {
-                failure_ = ReadError{reader_.say("{} data cannot be unpacked from near byte {} of the file on ({})", decompressor_->name(),
-                                                 place, stepped.error().reason)};
+                failure_ = ReadError{.problem = ReadError::Problem::doesNotUnpack,
+                                     .numbers = {place},
+                                     .because = stepped.error(),
+                                     .format = decompressor_->name()};
             } else if (!hadInput && output.size() == room.size()) {
                 if (!failure_ && !decompressor_->mayEnd())
-                    failure_ = ReadError{reader_.say("{} data ends too early, after {} bytes", decompressor_->name(), place)};
+                    failure_ = ReadError{.problem = ReadError::Problem::endsTooEarly, .numbers = {place}, .format = decompressor_->name()};
                 break;
             }
         }
@@ -448,13 +446,13 @@ std::expected<std::unique_ptr<CaptureInput>, ReadError> CaptureInput::open(const
     FileDescriptor descriptor =
         isStandardInput ? FileDescriptor::lent(STDIN_FILENO) : FileDescriptor(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat status;
-    if (descriptor.number() < 0 || fstat(descriptor.number(), &status) != 0) return std::unexpected(ReadError{errorText(errno)});
-    if (S_ISDIR(status.st_mode)) return std::unexpected(ReadError{options.reader.say("is a directory")});
+    if (descriptor.number() < 0 || fstat(descriptor.number(), &status) != 0) return std::unexpected(ReadError::ofSystem(errno));
+    if (S_ISDIR(status.st_mode)) return std::unexpected(ReadError{.problem = ReadError::Problem::isDirectory});
 
     if (S_ISREG(status.st_mode) && status.st_size > 0 && lseek(descriptor.number(), 0, SEEK_CUR) == 0) {
         std::uint8_t head[Decompressor::recognisedFrom];
         const ssize_t count = pread(descriptor.number(), head, sizeof head, 0);
-        if (count < 0) return std::unexpected(ReadError{errorText(errno)});
+        if (count < 0) return std::unexpected(ReadError::ofSystem(errno));
         if (!Decompressor::recognise(DataView(head, count), status.st_size)) {
             // A file system without mapping still reads.
             if (auto file = MappedFile::map(descriptor.number(), status.st_size))
@@ -464,13 +462,13 @@ std::expected<std::unique_ptr<CaptureInput>, ReadError> CaptureInput::open(const
     std::unique_ptr<SpoolFile> spool;
     if (options.keepsAll) {
         auto made = SpoolFile::create();
-        if (!made) return std::unexpected(ReadError{made.error().text()});
+        if (!made) return std::unexpected(ReadError{.because = made.error()});
         spool = std::move(*made);
     }
     auto input = std::make_unique<StreamedInput>(std::move(descriptor), std::move(spool), std::move(options));
     input->begin();
     if (input->failure()) return std::unexpected(*input->failure());
-    if (input->storedBytesRead() == 0) return std::unexpected(ReadError{input->reader().say("is empty")});
+    if (input->storedBytesRead() == 0) return std::unexpected(ReadError{.problem = ReadError::Problem::isEmpty});
     return input;
 }
 

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "app/capture/CaptureError.h"
-#include "app/texts/SentenceReader.h"
+#include "app/capture/ReadError.h"
 #include "platform/Data.h"
 
 #include <algorithm>
@@ -26,7 +25,6 @@ struct CaptureInputOptions {
     bool keepsSkipped = false;
     /// Ends the bytes early once it is asked to stop: no wait for a pipe and no unpacking goes on after that.
     std::stop_token stop;
-    SentenceReader reader;  ///< of what is the matter with a file
 };
 
 /// The bytes of one capture file from front to back, uncompressed: mapped where the file allows it, else read piece by piece.
@@ -77,8 +75,6 @@ public:
     /// Offset of `data()` in the uncompressed file.
     std::int64_t position() const { return startPosition_ + (at_ - start_); }
 
-    /// Who reads what is the matter with them.
-    const SentenceReader& reader() const { return reader_; }
     /// Why the bytes ended before the end of the file; nothing when they did not.
     const std::optional<ReadError>& failure() const { return failure_; }
     /// Finds out whether bytes that looked fine were there at all; false when not, with the reason in `failure()`.
@@ -117,7 +113,6 @@ protected:
     std::size_t recentAt_ = 0;
     const std::atomic<bool>* damage_ = nullptr;  ///< set while somebody reads bytes that are not there
     std::optional<ReadError> failure_;
-    SentenceReader reader_;
 };
 
 /// Size of a regular file in bytes, as stored; negative for anything else, or nothing.

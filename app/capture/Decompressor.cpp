@@ -24,7 +24,7 @@ std::uint32_t littleEndian(DataView bytes, std::int64_t offset)
            static_cast<std::uint32_t>(bytes.u8(offset + 2)) << 16 | static_cast<std::uint32_t>(bytes.u8(offset + 3)) << 24;
 }
 
-std::unexpected<ReadError> failed(const char* reason) { return std::unexpected(ReadError{reason}); }
+std::unexpected<UnpackError> failed(const char* reason) { return std::unexpected(UnpackError{.words = reason}); }
 
 class GzipDecompressor final : public Decompressor {
 public:
@@ -33,9 +33,9 @@ public:
     const char* name() const override { return "gzip"; }
     bool mayEnd() const override { return isBetweenMembers_; }
 
-    std::expected<void, ReadError> step(Input& input, Output& output) override
+    std::expected<void, UnpackError> step(Input& input, Output& output) override
     {
-        if (!isReady_) return failed("no memory for unpacking it");
+        if (!isReady_) return std::unexpected(UnpackError{.problem = UnpackError::Problem::noMemory});
         do {
             if (isBetweenMembers_) {
                 // Tapes and some writers fill the end with zeros.
@@ -79,9 +79,9 @@ public:
     const char* name() const override { return "zstd"; }
     bool mayEnd() const override { return isBetweenFrames_; }
 
-    std::expected<void, ReadError> step(Input& input, Output& output) override
+    std::expected<void, UnpackError> step(Input& input, Output& output) override
     {
-        if (!stream_) return failed("no memory for unpacking it");
+        if (!stream_) return std::unexpected(UnpackError{.problem = UnpackError::Problem::noMemory});
         do {
             ZSTD_inBuffer in{input.data(), input.size(), 0};
             ZSTD_outBuffer out{output.data(), output.size(), 0};
@@ -89,7 +89,7 @@ public:
             input = input.subspan(in.pos);
             output = output.subspan(out.pos);
             if (ZSTD_getErrorCode(result) == ZSTD_error_frameParameter_windowTooLarge)
-                return failed("it wants more memory than a file of its size gets; 'zstd -d --long=31' unpacks it");
+                return std::unexpected(UnpackError{.problem = UnpackError::Problem::wantsTooMuchMemory});
             if (ZSTD_isError(result)) return failed(ZSTD_getErrorName(result));
             if (in.pos + out.pos > 0) isBetweenFrames_ = result == 0;
         } while (!input.empty() && !output.empty());
@@ -111,9 +111,9 @@ public:
     const char* name() const override { return "lz4"; }
     bool mayEnd() const override { return isBetweenFrames_; }
 
-    std::expected<void, ReadError> step(Input& input, Output& output) override
+    std::expected<void, UnpackError> step(Input& input, Output& output) override
     {
-        if (!isReady_) return failed("no memory for unpacking it");
+        if (!isReady_) return std::unexpected(UnpackError{.problem = UnpackError::Problem::noMemory});
         do {
             std::size_t read = input.size(), written = output.size();
             const std::size_t result = LZ4F_decompress(context_, output.data(), &written, input.data(), &read, nullptr);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "app/capture/CaptureError.h"
+#include "app/capture/ReadError.h"
 #include "platform/Data.h"
 
 #include <expected>
@@ -24,7 +24,7 @@ public:
     virtual const char* name() const = 0;
     /// Unpacks from the front of `input` to the front of `output` and shortens both by what was used; stops when either is
     /// used up. Without input it gives what it still holds. Fails when the input is damaged.
-    virtual std::expected<void, ReadError> step(std::span<const std::uint8_t>& input, std::span<std::uint8_t>& output) = 0;
+    virtual std::expected<void, UnpackError> step(std::span<const std::uint8_t>& input, std::span<std::uint8_t>& output) = 0;
     /// True where the compressed stream may end: between members, not inside of one.
     virtual bool mayEnd() const = 0;
 };

@@ -72,7 +72,7 @@ std::uint32_t linkTypeOf(int libraryNumber)
 /// A file of its own, or the pipe or device that has the name.
 std::expected<FileDescriptor, FileError> openToWrite(const std::string& path, ExistingFile existing)
 {
-    struct stat status{};
+    struct stat status {};
     if (lstat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode) || S_ISLNK(status.st_mode) || S_ISDIR(status.st_mode))
         return createFile(path, existing);
     FileDescriptor file(::open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY));
@@ -80,15 +80,15 @@ std::expected<FileDescriptor, FileError> openToWrite(const std::string& path, Ex
     return file;
 }
 
-std::string activationProblem(pcap_t* handle, int status)
+InterfaceError activationError(pcap_t* handle, int status)
 {
-    const std::string_view detail = pcap().geterr(handle);
-    const std::string reason = pcap().statustostr(status);
     if (status == PCAP_ERROR_PERM_DENIED || status == PCAP_ERROR_PROMISC_PERM_DENIED)
-        return "no permission to capture on it; run as root, or give the program the capabilities cap_net_raw and cap_net_admin";
-    if (status == PCAP_ERROR_NO_SUCH_DEVICE) return "there is no such network interface";
-    if (status == PCAP_ERROR) return std::string(detail);
-    return detail.empty() ? reason : fmt::format("{} ({})", reason, detail);
+        return {.problem = InterfaceError::Problem::noPermission};
+    if (status == PCAP_ERROR_NO_SUCH_DEVICE) return {.problem = InterfaceError::Problem::doesNotExist};
+    const std::string_view detail = pcap().geterr(handle);
+    if (status == PCAP_ERROR) return {.words = std::string(detail)};
+    const std::string reason = pcap().statustostr(status);
+    return {.words = detail.empty() ? reason : fmt::format("{} ({})", reason, detail)};
 }
 
 }  // namespace
@@ -146,44 +146,45 @@ LiveCapture::~LiveCapture() = default;
 
 std::expected<std::unique_ptr<LiveCapture>, CaptureError> LiveCapture::open(const LiveOptions& options)
 {
-    const auto refused = [&](std::string reason) {
-        return std::unexpected(CaptureError{.file = options.interface, .reason = std::move(reason), .couldNotOpen = true});
+    const auto refused = [&](CaptureError::Cause cause) {
+        return std::unexpected(CaptureError{.file = options.interface, .cause = std::move(cause), .couldNotOpen = true});
     };
-    if (const auto& library = PcapLibrary::get(); !library) return refused(library.error().text());
+    const auto inWords = [](const char* words) { return InterfaceError{.words = words}; };
+    if (const auto& library = PcapLibrary::get(); !library) return refused(library.error());
     auto self = std::make_unique<Implementation>();
     self->options = options;
     char problem[PCAP_ERRBUF_SIZE] = {};
     self->handle.reset(pcap().create(options.interface.c_str(), problem));
-    if (!self->handle) return refused(problem);
+    if (!self->handle) return refused(inWords(problem));
     pcap_t* const handle = self->handle.get();
     pcap().set_snaplen(handle, options.snapLength);
     pcap().set_promisc(handle, options.isPromiscuous);
     pcap().set_timeout(handle, static_cast<int>(blockTime.count()));
     pcap().set_buffer_size(handle, bufferBytes);
     self->hasNanoseconds = pcap().set_tstamp_precision(handle, PCAP_TSTAMP_PRECISION_NANO) == 0;
-    if (const int status = pcap().activate(handle); status < 0) return refused(activationProblem(handle, status));
+    if (const int status = pcap().activate(handle); status < 0) return refused(activationError(handle, status));
     const auto setFilter = [&]() -> std::expected<void, CaptureError> {
         if (options.filter.empty()) return {};
         bpf_program program = {};
         if (pcap().compile(handle, &program, options.filter.c_str(), 1, PCAP_NETMASK_UNKNOWN) != 0)
-            return std::unexpected(CaptureError{.reason = pcap().geterr(handle), .couldNotOpen = true});
+            return std::unexpected(CaptureError{.cause = FilterError{.compilersReason = pcap().geterr(handle)}, .couldNotOpen = true});
         const int status = pcap().setfilter(handle, &program);
         pcap().freecode(&program);
-        if (status != 0) return refused(pcap().geterr(handle));
+        if (status != 0) return refused(inWords(pcap().geterr(handle)));
         return {};
     };
     FileDescriptor file;
     const auto createFileToWrite = [&]() -> std::expected<void, CaptureError> {
         if (options.writeTo.empty()) return {};
         auto created = openToWrite(options.writeTo, options.existing);
-        if (!created) return std::unexpected(CaptureError{.file = options.writeTo, .reason = created.error().text(), .couldNotOpen = true});
+        if (!created) return std::unexpected(CaptureError{.file = options.writeTo, .cause = created.error(), .couldNotOpen = true});
         file = std::move(*created);
         return {};
     };
     const auto drop = [&]() -> std::expected<void, CaptureError> {
         if (!options.dropsPrivileges) return {};
         const auto dropped = dropPrivileges();
-        if (!dropped) return refused(dropped.error().text());
+        if (!dropped) return refused(dropped.error());
         return {};
     };
     // A user's filter and file are the user's affair, so what goes beyond the user goes first. Of root without a user behind it
@@ -196,17 +197,17 @@ std::expected<std::unique_ptr<LiveCapture>, CaptureError> LiveCapture::open(cons
     if (isDroppedLast)
         if (const auto dropped = drop(); !dropped) return std::unexpected(dropped.error());
 
-    if (pcap().setnonblock(handle, 1, problem) != 0) return refused(problem);
+    if (pcap().setnonblock(handle, 1, problem) != 0) return refused(inWords(problem));
     self->linkType = linkTypeOf(pcap().datalink(handle));
     if (file) {
         self->file.reset(fdopen(file.number(), "wb"));
         if (self->file) file.release();
         const auto snapLength = static_cast<std::uint32_t>(pcap().snapshot(handle));
         if (!self->file || !self->writer.classicHeader(self->linkType, snapLength, self->hasNanoseconds ? 9 : 6))
-            return std::unexpected(CaptureError{.file = options.writeTo, .reason = errorText(errno), .couldNotOpen = true});
+            return std::unexpected(CaptureError{.file = options.writeTo, .cause = FileError::ofSystem(errno), .couldNotOpen = true});
     }
     self->stopEvent = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (self->stopEvent < 0) return refused(errorText(errno));
+    if (self->stopEvent < 0) return refused(FileError::ofSystem(errno));
     return std::unique_ptr<LiveCapture>(new LiveCapture(std::move(self)));
 }
 
@@ -235,7 +236,8 @@ LiveCapture::Outcome LiveCapture::next(CapturedPacket& packet, milliseconds time
         }
         if (count < 0) {
             self.flush();
-            self.error = {.file = self.options.interface, .reason = pcap().geterr(self.handle.get()), .packetsBefore = -1};
+            self.error = {
+                .file = self.options.interface, .cause = InterfaceError{.words = pcap().geterr(self.handle.get())}, .packetsBefore = -1};
             return Outcome::failed;
         }
         self.flush();
@@ -272,9 +274,8 @@ std::expected<void, CaptureError> LiveCapture::finishWriting()
     self.flush();
     self.file.reset();
     if (self.writeError == 0) return {};
-    return std::unexpected(CaptureError{.file = self.options.writeTo,
-                                        .reason = fmt::format("could not be written to its end: {}", errorText(self.writeError)),
-                                        .packetsBefore = -1});
+    return std::unexpected(
+        CaptureError{.file = self.options.writeTo, .cause = NotWritten{FileError::ofSystem(self.writeError)}, .packetsBefore = -1});
 }
 
 }  // namespace sealscope

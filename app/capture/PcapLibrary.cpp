@@ -3,6 +3,8 @@
 
 #include <dlfcn.h>
 #include <fmt/format.h>
+#include <string>
+#include <type_traits>
 
 namespace sealscope {
 namespace {

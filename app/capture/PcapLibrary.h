@@ -1,17 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "app/capture/PcapLibraryError.h"
+
 #include <expected>
 #include <pcap/pcap.h>
-#include <string>
 
 namespace sealscope {
-
-/// Why libpcap cannot be loaded, in the dynamic linker's words.
-struct PcapLibraryError {
-    std::string linkersReason;
-    std::string text() const;
-};
 
 /// The functions of libpcap that are used here, by the names that they have behind "pcap_". It is loaded when it is first wanted: most
 /// runs neither filter nor capture, and half a dozen libraries more come with it, which take longer to load than a small capture to read.

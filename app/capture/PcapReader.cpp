@@ -2,7 +2,6 @@
 #include "app/capture/PcapReader.h"
 
 #include <cstdlib>
-#include <fmt/format.h>
 #include <utility>
 
 namespace sealscope {
@@ -33,11 +32,10 @@ std::optional<PcapReader> PcapReader::recognise(DataView head)
 bool PcapReader::begin(CaptureInput& input)
 {
     if (!input.require(fileHeaderLength))
-        return refuse(input,
-                      input.reader().say("the file ends after {} of the {} bytes of its header", input.available(), fileHeaderLength));
+        return refuse(input, {.problem = ReadError::Problem::fileHeaderCut, .numbers = {input.available(), fileHeaderLength}});
     const std::uint8_t* const header = input.data();
     const std::uint16_t major = order_.u16(header + 4), minor = order_.u16(header + 6);
-    if (major != 2) return refuse(input, input.reader().say("pcap version {}.{} is not known", major, minor));
+    if (major != 2) return refuse(input, {.problem = ReadError::Problem::pcapVersion, .numbers = {major, minor}});
     // Before version 2.3 the two lengths stood in the other order, and some writers of 2.3 kept to that.
     mayHaveLengthsSwapped_ = minor <= 3;
     snapLength_ = order_.u32(header + 16);
@@ -50,8 +48,7 @@ bool PcapReader::next(CaptureInput& input, CapturedPacket& packet)
 {
     if (!input.require(packetHeaderLength_)) [[unlikely]] {
         if (input.available() == 0 && !input.failure()) return false;
-        return fail(input, input.reader().say("the file ends after {} of the {} bytes of a packet's header", input.available(),
-                                              packetHeaderLength_));
+        return fail(input, {.problem = ReadError::Problem::packetHeaderCut, .numbers = {input.available(), packetHeaderLength_}});
     }
     const std::uint8_t* header = input.data();
     std::int64_t captured = order_.u32(header + 8);
@@ -59,9 +56,9 @@ bool PcapReader::next(CaptureInput& input, CapturedPacket& packet)
     if (mayHaveLengthsSwapped_ && captured > original) [[unlikely]]
         std::swap(captured, original);
     if (captured > longestPacket) [[unlikely]]
-        return fail(input, input.reader().say("it announces {} captured bytes, more than a packet can have ({})", captured, longestPacket));
+        return fail(input, {.problem = ReadError::Problem::packetTooLong, .numbers = {captured, longestPacket}});
     if (!input.require(packetHeaderLength_ + captured)) [[unlikely]]
-        return fail(input, input.reader().say("the file ends after {} of its {} bytes", input.available() - packetHeaderLength_, captured));
+        return fail(input, {.problem = ReadError::Problem::isCut, .numbers = {input.available() - packetHeaderLength_, captured}});
     // Zeros read like an empty packet, and zeros are what stands where a file lost its end.
     if ((captured == 0 || input.isSuspicious()) && !input.verify()) [[unlikely]]
         return fail(input, {});
@@ -105,15 +102,15 @@ std::int64_t PcapReader::findPacket(DataView file, std::int64_t from, std::int64
     return -1;
 }
 
-bool PcapReader::fail(CaptureInput& input, const std::string& reason)
+bool PcapReader::fail(CaptureInput& input, const ReadError& error)
 {
-    return refuse(input, input.reader().say("packet at byte {}: {}", input.position(), reason));
+    return refuse(input, error.at(ReadError::Unit::packet, input.position()));
 }
 
-bool PcapReader::refuse(CaptureInput& input, std::string reason)
+bool PcapReader::refuse(CaptureInput& input, const ReadError& error)
 {
     input.verify();
-    damage_ = input.failure() ? input.failure() : ReadError{std::move(reason)};
+    damage_ = input.failure() ? input.failure() : error;
     return false;
 }
 

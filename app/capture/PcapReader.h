@@ -6,7 +6,6 @@
 #include "app/capture/CapturedPacket.h"
 
 #include <optional>
-#include <string>
 
 namespace sealscope {
 
@@ -40,8 +39,8 @@ public:
 
 private:
     /// Notes what is wrong with the packet at the input's position, or with the file; always false.
-    bool fail(CaptureInput& input, const std::string& reason);
-    bool refuse(CaptureInput& input, std::string reason);
+    bool fail(CaptureInput& input, const ReadError& error);
+    bool refuse(CaptureInput& input, const ReadError& error);
 
     ByteOrder order_;
     std::int64_t packetHeaderLength_ = 16;

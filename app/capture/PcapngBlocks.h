@@ -57,8 +57,6 @@ public:
         default: return Pcapng::shortestBlock;
         }
     }
-    /// "an Enhanced Packet Block"
-    std::string_view name(const SentenceReader& reader) const;
 
     /// Has the whole block at `input.data()`. False at damage.
     bool gather(CaptureInput& input)
@@ -86,7 +84,7 @@ private:
     bool findSection(CaptureInput& input);
     bool gatherWithCare(CaptureInput& input, std::int64_t most);
     // Each notes what is wrong; always false.
-    bool fail(CaptureInput& input, const std::string& reason);
+    bool fail(CaptureInput& input, const ReadError& error);
     bool failAtEnd(CaptureInput& input);
     bool failTooShort(CaptureInput& input);
     bool failCut(CaptureInput& input);

@@ -9,7 +9,7 @@ namespace {
 
 constexpr std::int64_t simpleHeaderLength = 16, enhancedDataOffset = 28, simpleDataOffset = 12;
 constexpr std::int64_t secretsHeaderLength = 16;  // of the block, secrets type (4), secrets length (4)
-constexpr std::size_t mostInterfaces = 1 << 16;   // of a section; more than any machine has
+constexpr std::int64_t mostInterfaces = 1 << 16;  // of a section; more than any machine has
 constexpr std::int64_t secretsPiece = 64 << 10;
 
 /// Most key log text that a file may bring, of which so many bytes were read as stored. Hexadecimal digits can be packed to half
@@ -99,21 +99,20 @@ bool PcapngReader::readOther(CaptureInput& input)
     if (!blocks_.gather(input)) return false;
     const bool isTooShort = blocks_.length() < blocks_.shortestLength();
     if (isTooShort)
-        passOver(input, input.reader().say("length {} is too short for {} ({})", blocks_.length(), blocks_.name(input.reader()),
-                                           blocks_.shortestLength()));
+        passOver({.problem = ReadError::Problem::blockTooShort, .numbers = {blocks_.length(), blocks_.shortestLength(), blocks_.type()}});
     // Also one that cannot be read counts, since interfaces are numbered by their places.
     if (blocks_.type() == Pcapng::interfaceDescription)
-        readInterface(input, isTooShort ? DataView()
-                                        : DataView(input.data() + Pcapng::blockHeaderLength, blocks_.length() - Pcapng::shortestBlock));
+        readInterface(isTooShort ? DataView()
+                                 : DataView(input.data() + Pcapng::blockHeaderLength, blocks_.length() - Pcapng::shortestBlock));
     input.consume(blocks_.length());
     return true;
 }
 
-void PcapngReader::readInterface(const CaptureInput& input, DataView body)
+void PcapngReader::readInterface(DataView body)
 {
     const ByteOrder order = blocks_.order();
-    if (interfaces_.size() == mostInterfaces) {
-        passOver(input, input.reader().say("a section can have no more than {} interfaces", mostInterfaces));
+    if (std::ssize(interfaces_) == mostInterfaces) {
+        passOver({.problem = ReadError::Problem::tooManyInterfaces, .numbers = {mostInterfaces}});
         return;
     }
     Interface& interface = interfaces_.emplace_back();
@@ -144,17 +143,17 @@ bool PcapngReader::readSecrets(CaptureInput& input)
 {
     const std::int64_t room = blocks_.length() - secretsHeaderLength - 4;
     if (room < 0) {
-        passOver(input, input.reader().say("it is too short for decryption secrets"));
+        passOver({.problem = ReadError::Problem::secretsTooShort});
         return blocks_.leave(input);
     }
     if (!input.require(secretsHeaderLength) || blocks_.order().u32(input.data() + 8) != Pcapng::tlsKeyLog) return blocks_.leave(input);
     const std::int64_t announced = blocks_.order().u32(input.data() + 12);
     const std::int64_t size = std::min(announced, room);
     if (const std::int64_t most = mostKeyLog(input.storedBytesRead()); keyLogSize_ + size > most) {
-        passOver(input, input.reader().say("with those before it, its secrets are more than {} bytes", most));
+        passOver({.problem = ReadError::Problem::secretsTooLong, .numbers = {most}});
         return blocks_.leave(input);
     }
-    if (announced > room) passOver(input, input.reader().say("it announces {} bytes of secrets, but has room for {}", announced, room));
+    if (announced > room) passOver({.problem = ReadError::Problem::secretsLackRoom, .numbers = {announced, room}});
 
     const std::size_t before = keyLog_.size();
     input.consume(secretsHeaderLength);
@@ -180,8 +179,7 @@ bool PcapngReader::readPacket(const CaptureInput& input, CapturedPacket& packet)
     const std::uint32_t type = blocks_.type();
     const std::int64_t length = blocks_.length();
     if (length < blocks_.shortestLength()) [[unlikely]]
-        return passOver(input, input.reader().say("length {} is too short for {} ({})", length, blocks_.name(input.reader()),
-                                                  blocks_.shortestLength()));
+        return passOver({.problem = ReadError::Problem::blockTooShort, .numbers = {length, blocks_.shortestLength(), type}});
     const std::uint8_t* const block = input.data();
     std::uint32_t interface = 0;
     std::int64_t captured = 0, original = 0, dataOffset = enhancedDataOffset;
@@ -200,10 +198,9 @@ bool PcapngReader::readPacket(const CaptureInput& input, CapturedPacket& packet)
         original = order.u32(block + 24);
     }
     if (interface >= interfaces_.size() || !interfaces_[interface].isDescribed) [[unlikely]]
-        return passOver(input, input.reader().say("interface {} is not described (its section has {})", interface, interfaces_.size()));
+        return passOver({.problem = ReadError::Problem::interfaceUnknown, .numbers = {interface, std::ssize(interfaces_)}});
     if (captured > length - 4 - dataOffset) [[unlikely]]
-        return passOver(input,
-                        input.reader().say("it announces {} captured bytes, but has room for {}", captured, length - 4 - dataOffset));
+        return passOver({.problem = ReadError::Problem::packetLacksRoom, .numbers = {captured, length - 4 - dataOffset}});
 
     packet.time = type == Pcapng::simplePacket ? CaptureTime{} : interfaces_[interface].time(stamp);
     packet.address = input.position() + dataOffset;
@@ -213,10 +210,10 @@ bool PcapngReader::readPacket(const CaptureInput& input, CapturedPacket& packet)
     return true;
 }
 
-bool PcapngReader::passOver(const CaptureInput& input, const std::string& reason)
+bool PcapngReader::passOver(const ReadError& error)
 {
     if (passedOver_.count++ == 0) {
-        passedOver_.reason = input.reader().say("block at byte {}: {}", blocks_.position(), reason);
+        passedOver_.first = error.at(ReadError::Unit::block, blocks_.position());
         passedOver_.packetsBefore = packets_;
     }
     return false;

@@ -34,10 +34,10 @@ public:
     void addPackets(std::int64_t packets) { packets_ += packets; }
 
     const std::optional<ReadError>& damage() const { return blocks_.damage(); }
-    /// Blocks that contradict themselves and were passed over: how many, and of the first its place and reason.
+    /// Blocks that contradict themselves and were passed over: how many, and what is wrong with the first.
     struct PassedOver {
         std::int64_t count = 0;
-        std::string reason;
+        ReadError first = {};
         std::int64_t packetsBefore = 0;
     };
     const PassedOver& passedOver() const { return passedOver_; }
@@ -58,11 +58,11 @@ private:
     };
 
     bool readOther(CaptureInput& input);
-    void readInterface(const CaptureInput& input, DataView body);
+    void readInterface(DataView body);
     bool readSecrets(CaptureInput& input);
     bool readPacket(const CaptureInput& input, CapturedPacket& packet);
     /// Notes what is wrong with the block that was found; always false.
-    bool passOver(const CaptureInput& input, const std::string& reason);
+    bool passOver(const ReadError& error);
 
     PcapngBlocks blocks_;
     std::vector<Interface> interfaces_;

@@ -39,7 +39,7 @@ ExitStatus finish(Output& output, ExitStatus status)
 ExitStatus runCommand(const Options& options, Output& output, Confining& confining)
 {
     const Terminal terminal = Terminal::standardOutput(options.color);
-    setRemarks(!options.quiet);
+    if (options.quiet) silenceRemarks();
     const PlugInLoading plugIns = PlugInLoader::load({options.plugInPaths.begin(), options.plugInPaths.end()}, options.command->plugIns);
     for (const PlugInProblem& problem : plugIns.problems) complain(problem.text());
     // Everything works without kept settings; `settings` says it itself.

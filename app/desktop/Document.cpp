@@ -49,10 +49,7 @@ void Document::open(const QStringList& files, const QStringList& keyLogs)
     readPackets({.files = files, .keyLogs = isFirst ? keyLogs_ : keyLogs, .liveName = {}});
 }
 
-void Document::openLive(const QString& pipe, const QString& name)
-{
-    readPackets({.files = {pipe}, .keyLogs = keyLogs_, .liveName = name});
-}
+void Document::openLive(const QString& pipe, const QString& name) { readPackets({.files = {pipe}, .keyLogs = keyLogs_, .liveName = name}); }
 
 void Document::abandon()
 {
@@ -70,7 +67,7 @@ void Document::cancel()
 void Document::readPackets(const Request& request)
 {
     const auto work = [this, request](const Job::Context& context) {
-        auto opened = PacketIndex::open(paths(request.files), context.stop(), windowReader());
+        auto opened = PacketIndex::open(paths(request.files), context.stop());
         if (!opened) {
             context.deliver([this, problem = opened.error()] {
                 endPackets();
@@ -139,11 +136,8 @@ void Document::readRecordedStreams()
         const auto begin = Clock::now();
         const auto recording = recorded->update(packets->capture());
         const QString problem = recording ? QString() : recording.error().text();
-        auto session = Session::open({.files = {recorded->path().toStdString()},
-                                      .keyLogs = paths(keyLogs),
-                                      .progress = {},
-                                      .stop = context.stop(),
-                                      .reader = windowReader()});
+        auto session =
+            Session::open({.files = {recorded->path().toStdString()}, .keyLogs = paths(keyLogs), .progress = {}, .stop = context.stop()});
         const auto next = Clock::now() + std::max<Clock::duration>(leastPause, pause * (Clock::now() - begin));
         context.deliver([this, problem, keyLogs, next, session = session ? std::shared_ptr<const Session>(*std::move(session)) : nullptr] {
             nextRecording_ = next.time_since_epoch().count();
@@ -163,8 +157,7 @@ void Document::readStreams(const QStringList& files)
 {
     keyLogsInUse_ = keyLogs_;
     const auto work = [this, files = paths(files), keyLogs = paths(keyLogs_)](const Job::Context& context) {
-        auto session =
-            Session::open({.files = files, .keyLogs = keyLogs, .progress = {}, .stop = context.stop(), .reader = windowReader()});
+        auto session = Session::open({.files = files, .keyLogs = keyLogs, .progress = {}, .stop = context.stop()});
         // That a file cannot be opened any more is told, as all else is by the other pass.
         const QString problem = session ? QString() : QString::fromStdString(session.error().text(windowReader()));
         context.deliver([this, problem, session = session ? std::shared_ptr<const Session>(*std::move(session)) : nullptr] {

@@ -4,7 +4,6 @@
 #include <QCoreApplication>
 #include <QFile>
 #include <QStandardPaths>
-
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -44,7 +43,11 @@ void LiveRecording::start(const QString& interface)
     folder_ = std::make_unique<QTemporaryDir>();
     const QString pipe = folder_->filePath(QStringLiteral("packets.pcap"));
     const QByteArray path = QFile::encodeName(pipe);
-    if (!folder_->isValid() || mkfifo(path.constData(), 0600) != 0) return Q_EMIT ended(QString::fromUtf8(std::strerror(errno)), true);
+    if (!folder_->isValid() || mkfifo(path.constData(), 0600) != 0) {
+        const QString problem = QString::fromUtf8(std::strerror(errno));
+        Q_EMIT failedBeforePackets();
+        return Q_EMIT ended(problem);
+    }
     // Open for both, so that neither side waits for the other, nor sees an end before the process has ended.
     pipe_ = FileDescriptor(::open(path.constData(), O_RDWR | O_CLOEXEC | O_NONBLOCK));
     Q_EMIT started(pipe);
@@ -93,7 +96,8 @@ void LiveRecording::finish(Way way, int status)
     if (hasFailed && !hasPackets_ && way == Way::directly && !QStandardPaths::findExecutable(QStringLiteral("pkexec")).isEmpty())
         return run(Way::throughPkexec);
     pipe_ = FileDescriptor();
-    Q_EMIT ended(hasFailed ? complaint() : QString(), hasFailed && !hasPackets_);
+    if (hasFailed && !hasPackets_) Q_EMIT failedBeforePackets();
+    Q_EMIT ended(hasFailed ? complaint() : QString());
 }
 
 QString LiveRecording::complaint() const

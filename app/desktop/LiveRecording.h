@@ -7,7 +7,6 @@
 #include <QProcess>
 #include <QStringList>
 #include <QTemporaryDir>
-
 #include <memory>
 
 namespace sealscope::desktop {
@@ -35,8 +34,10 @@ public:
 Q_SIGNALS:
     /// Packets will come out of a pipe, as a capture file.
     void started(const QString& pipe);
-    /// It has ended. `problem` says why, where the user did not end it; without any packet before it when `wasEmpty`.
-    void ended(const QString& problem, bool wasEmpty);
+    /// It has ended. `problem` says why, where the user did not end it.
+    void ended(const QString& problem);
+    /// Before that, where it ended by itself and without any packet.
+    void failedBeforePackets();
 
 private:
     enum class Way : std::uint8_t { directly, throughPkexec };

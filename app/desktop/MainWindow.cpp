@@ -60,8 +60,7 @@ QStringList localFiles(const QMimeData& dropped)
 
 }  // namespace
 
-MainWindow::MainWindow()
-    : messages_(new MessageBar), pages_(new QStackedWidget), welcome_(new WelcomeView), tabs_(new QTabWidget)
+MainWindow::MainWindow() : messages_(new MessageBar), pages_(new QStackedWidget), welcome_(new WelcomeView), tabs_(new QTabWidget)
 {
     apply(WindowMemory::appearance());
     setAcceptDrops(true);
@@ -224,8 +223,8 @@ void MainWindow::makeCaptureMenu()
         update();
         stop->setEnabled(true);
     });
-    connect(&recording_, &LiveRecording::ended, this, [this, update](const QString& problem, bool wasEmpty) {
-        if (wasEmpty) document_.abandon();
+    connect(&recording_, &LiveRecording::failedBeforePackets, &document_, &Document::abandon);
+    connect(&recording_, &LiveRecording::ended, this, [this, update](const QString& problem) {
         document_.tell(problem);
         update();
     });

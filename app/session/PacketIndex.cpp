@@ -30,10 +30,9 @@ PacketIndex::PacketIndex(std::shared_ptr<Capture> capture) : capture_(std::move(
     paths_.append({});  // of packets that are not TCP
 }
 
-std::expected<std::shared_ptr<PacketIndex>, CaptureError> PacketIndex::open(const std::vector<std::string>& files, std::stop_token stop,
-                                                                            const SentenceReader& reader)
+std::expected<std::shared_ptr<PacketIndex>, CaptureError> PacketIndex::open(const std::vector<std::string>& files, std::stop_token stop)
 {
-    auto capture = Capture::open(files, {.randomAccess = true, .stop = std::move(stop), .reader = reader});
+    auto capture = Capture::open(files, {.randomAccess = true, .stop = std::move(stop)});
     if (!capture) return std::unexpected(std::move(capture.error()));
     return std::shared_ptr<PacketIndex>(new PacketIndex(std::move(*capture)));
 }

@@ -23,12 +23,12 @@ namespace sealscope {
 struct PacketEntry {
     static constexpr std::uint8_t unrecognized = 0xFF;
 
-    double time = 0;                    ///< seconds since 1970
-    CaptureAddress payloadAddress = 0;  ///< of its TCP payload
-    std::uint32_t payloadLength = 0;    ///< bytes that the capture holds of it
-    std::uint32_t length = 0;           ///< of the whole packet on the wire
-    std::uint32_t path = 0;             ///< which endpoints; for the index alone
-    std::uint8_t plugIn = unrecognized; ///< position of the plug-in whose analyzer accepts the payload, or `unrecognized`
+    double time = 0;                     ///< seconds since 1970
+    CaptureAddress payloadAddress = 0;   ///< of its TCP payload
+    std::uint32_t payloadLength = 0;     ///< bytes that the capture holds of it
+    std::uint32_t length = 0;            ///< of the whole packet on the wire
+    std::uint32_t path = 0;              ///< which endpoints; for the index alone
+    std::uint8_t plugIn = unrecognized;  ///< position of the plug-in whose analyzer accepts the payload, or `unrecognized`
     bool isTCP = false;
 };
 static_assert(sizeof(PacketEntry) == 32);
@@ -45,8 +45,7 @@ struct PlugInFailure {
 class PacketIndex {
 public:
     /// Opens the capture; nothing is read yet.
-    static std::expected<std::shared_ptr<PacketIndex>, CaptureError> open(const std::vector<std::string>& files, std::stop_token stop,
-                                                                          const SentenceReader& reader = {});
+    static std::expected<std::shared_ptr<PacketIndex>, CaptureError> open(const std::vector<std::string>& files, std::stop_token stop);
 
     /// Reads at most so many packets more; false at the end.
     bool read(std::int64_t packets);

@@ -142,8 +142,7 @@ std::expected<std::unique_ptr<Session>, CaptureError> Session::open(SessionOptio
                                                  .keepsEveryBlock = options.keepsEveryBlock,
                                                  .filter = options.filter,
                                                  .maximumPackets = options.maximumPackets,
-                                                 .stop = options.stop,
-                                                 .reader = options.reader});
+                                                 .stop = options.stop});
     if (!capture) return std::unexpected(std::move(capture.error()));
     return open(std::shared_ptr<Capture>(std::move(*capture)), options);
 }

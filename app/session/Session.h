@@ -40,7 +40,6 @@ struct SessionOptions {
     std::function<void(std::int64_t, std::int64_t)> progress;
     /// Ends the indexing early with what was seen.
     std::stop_token stop;
-    SentenceReader reader;  ///< of errors
 };
 
 /// One TCP connection, as far as it is known without its bytes.

@@ -78,7 +78,7 @@ Read readAll(const std::string& name, bool randomAccess, std::int64_t size)
     }
     require(!capture.next(packet), "the end stays the end");
     read.errors = capture.errors().size();
-    for (const CaptureError& error : capture.errors()) require(!error.reason.empty(), "an error has a reason");
+    for (const CaptureError& error : capture.errors()) require(!error.reason().empty(), "an error has a reason");
     read.keyLog = capture.takeEmbeddedKeyLog();
     if (randomAccess) {
         for (std::size_t i = 0; i < read.packets.size(); ++i)

@@ -53,8 +53,10 @@ public:
     explicit HTTP2Connection(const TCPStream& stream)
         : isClientAsking_(HTTP2Frame::beginsWithPreface(stream.clientToServerData)),
           isWhole_(isClientAsking_ || HTTP2Frame::beginsWithPreface(stream.serverToClientData)),
-          client_(std::in_place, stream, Direction::clientToServer, isWhole_ ? HTTP2Direction::Start::whole : HTTP2Direction::Start::missing),
-          server_(std::in_place, stream, Direction::serverToClient, isWhole_ ? HTTP2Direction::Start::whole : HTTP2Direction::Start::missing)
+          client_(std::in_place, stream, Direction::clientToServer,
+                  isWhole_ ? HTTP2Direction::Start::whole : HTTP2Direction::Start::missing),
+          server_(std::in_place, stream, Direction::serverToClient,
+                  isWhole_ ? HTTP2Direction::Start::whole : HTTP2Direction::Start::missing)
     {
         constexpr std::int64_t longSide = 250'000;
         isLong_ = std::min(stream.clientToServerData.size(), stream.serverToClientData.size()) >= longSide;
@@ -275,6 +277,9 @@ std::unique_ptr<StreamExchangeReader> HTTP2Interpreter::exchanges(const TCPStrea
     return exchanges;
 }
 
-std::unique_ptr<StreamFollowing> HTTP2Interpreter::follow(const StreamContext& context) { return std::make_unique<HTTP2Following>(context); }
+std::unique_ptr<StreamFollowing> HTTP2Interpreter::follow(const StreamContext& context)
+{
+    return std::make_unique<HTTP2Following>(context);
+}
 
 }  // namespace sealscope

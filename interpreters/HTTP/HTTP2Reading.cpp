@@ -172,7 +172,7 @@ HTTPMessage HTTP2Reading::requestOf(HTTP2Half& asked, const HTTP2Half* answer, H
 }
 
 HTTPMessage HTTP2Reading::replyOf(HTTP2Half& half, std::size_t head, std::string_view url, std::string_view method, const HTTP2Half* asked,
-                    HeaderFields rows, std::size_t inFront)
+                                  HeaderFields rows, std::size_t inFront)
 {
     HTTPMessage reply{.direction = answering_.direction(), .kind = StreamMessageKind::reply};
     reply.fields = std::move(rows);
@@ -257,7 +257,8 @@ void HTTP2Reading::readExchange(HTTP2Half& asked, HTTP2Half* answer)
                          .reply = conversation_[*reply].detail});
 }
 
-std::optional<std::int64_t> HTTP2Reading::readReply(HTTP2Half& half, const HTTPMessage* request, std::int64_t position, const HTTP2Half* asked)
+std::optional<std::int64_t> HTTP2Reading::readReply(HTTP2Half& half, const HTTPMessage* request, std::int64_t position,
+                                                    const HTTP2Half* asked)
 {
     std::optional<std::int64_t> final;
     const std::size_t head = half.finalHead();
@@ -312,8 +313,8 @@ void HTTP2Reading::takeFields(HTTPMessage& message, HTTP2Half& half, std::size_t
     if (!half.isEnded || message.body.ranges.isEmpty()) return;
     const std::string* const length = HeaderField::find(message.fields, "content-length");
     if (length && number(*length) != message.body.ranges.size())
-        message.notes.push_back({"Content length unclear", fmt::format("content-length is {}, but {} bytes came", *length,
-                                                                       groupedText(message.body.ranges.size()))});
+        message.notes.push_back({"Content length unclear",
+                                 fmt::format("content-length is {}, but {} bytes came", *length, groupedText(message.body.ranges.size()))});
 }
 
 std::string HTTP2Reading::urlOf(const HTTP2Block& head, const RequestFields& known) const

@@ -228,15 +228,14 @@ void ReachConnection::settleWithoutHellos()
     const TLSSecrets& known = secrets_->keyLog.secrets;
     if (clientHello_) {
         for (const Direction direction : {Direction::serverToClient, Direction::clientToServer})
-            if (const auto length = known.length(secretLabels(true, direction).application, clientHello_->clientRandom))
+            if (const auto length = known.length(secretLabels(direction).application, clientHello_->clientRandom))
                 if (opensTLS13(clientHello_->clientRandom, *length)) return;
         return;
     }
     const bool isTLS12 = serverHello_ && !serverHello_->supportedVersion;
     // What was written to the key log last is the likeliest to belong to what was captured last.
     std::vector<std::pair<Data, std::int64_t>> clients;
-    const std::string_view wanted =
-        isTLS12 ? secretLabels(false, Direction::serverToClient).application : secretLabels(true, Direction::serverToClient).application;
+    const std::string_view wanted = isTLS12 ? masterSecretLabel : secretLabels(Direction::serverToClient).application;
     known.forEach([&](std::string_view label, DataView clientRandom, DataView secret) {
         if (label == wanted) clients.emplace_back(Data(clientRandom), secret.size());
     });

@@ -22,8 +22,8 @@ using Stop = TLSDirectionReport::Stop;
 std::vector<std::string_view> labelsOf(const HandshakeParameters& parameters)
 {
     if (!parameters.isTLS13()) return {"CLIENT_RANDOM"};
-    const TLSSecretLabels client = secretLabels(true, Direction::clientToServer);
-    const TLSSecretLabels server = secretLabels(true, Direction::serverToClient);
+    const TLSSecretLabels client = secretLabels(Direction::clientToServer);
+    const TLSSecretLabels server = secretLabels(Direction::serverToClient);
     std::vector<std::string_view> labels{client.handshake, server.handshake, client.application, server.application};
     if (parameters.offersEarlyData) labels.insert(labels.begin(), "CLIENT_EARLY_TRAFFIC_SECRET");
     return labels;

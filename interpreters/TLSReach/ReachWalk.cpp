@@ -67,7 +67,7 @@ ReachWalk::ReachWalk(ReachConnection& connection, Direction direction)
         hasKeys_ = connection.hasKeyMaterial();
         return;
     }
-    const TLSSecretLabels labels = secretLabels(true, direction);
+    const TLSSecretLabels labels = secretLabels(direction);
     if (const auto secret = connection.trafficSecret(labels.application))
         applicationSecret_.assign(secret->view().begin(), secret->view().end());
     const bool isEarly =
@@ -78,7 +78,7 @@ ReachWalk::ReachWalk(ReachConnection& connection, Direction direction)
     isUncertain_ = !connection.isThereFromTheStart(direction);
 }
 
-bool ReachWalk::hasHandshakeSecret() const { return connection_.trafficSecret(secretLabels(true, direction_).handshake).has_value(); }
+bool ReachWalk::hasHandshakeSecret() const { return connection_.trafficSecret(secretLabels(direction_).handshake).has_value(); }
 
 ReachWalk::Epoch ReachWalk::followingEpoch() const
 {
@@ -94,8 +94,7 @@ std::unique_ptr<RecordOpener> ReachWalk::makeOpener(Epoch epoch)
         if (epoch == application || epoch == epoch_) return makeTLS13Opener(*parameters.suite, draft_, viewOf(applicationSecret_));
         return makeTLS13Opener(*parameters.suite, draft_, viewOf(nextTrafficSecret(*parameters.suite, draft_, viewOf(applicationSecret_))));
     }
-    const auto secret =
-        connection_.trafficSecret(epoch == early ? "CLIENT_EARLY_TRAFFIC_SECRET" : secretLabels(true, direction_).handshake);
+    const auto secret = connection_.trafficSecret(epoch == early ? "CLIENT_EARLY_TRAFFIC_SECRET" : secretLabels(direction_).handshake);
     return secret ? makeTLS13Opener(*parameters.suite, draft_, *secret) : nullptr;
 }
 

@@ -78,7 +78,7 @@ void closeLines(Lines& lines)
 }
 
 /// As the arguments of `CaptureError`: file, reason, packets before, sentence.
-py::tuple told(const CaptureError& error) { return py::make_tuple(error.file, error.reason, error.packetsBefore, error.text()); }
+py::tuple told(const CaptureError& error) { return py::make_tuple(error.file, error.reason(), error.packetsBefore, error.text()); }
 
 py::list told(const std::vector<CaptureError>& errors)
 {

@@ -35,7 +35,8 @@ void StreamLines::streams(const Session& session, const StreamVerdicts& verdicts
         if (!stop.stop_requested()) appendRecord(line, streamRow(session, verdicts, number));
         return line;
     };
-    inOrder(numbers, [](std::int64_t) { return usualPayload; }, look, take);
+    inOrder(
+        numbers, [](std::int64_t) { return usualPayload; }, look, take);
 }
 
 void StreamLines::exchanges(const Session& session, const Numbers& numbers, const Lines::Take& take, const std::stop_token& stop)
@@ -53,7 +54,7 @@ void StreamLines::objects(const Session& session, const Numbers& numbers, const 
 {
     ObjectFolder objects(folder, existing);
     saveObjects(session, numbers, objects, stop, [&](const SavedObject& object) {
-        if (object.problem) throw CaptureFailure({.file = folder, .reason = object.problem->error.text(), .packetsBefore = -1});
+        if (object.problem) throw CaptureFailure({.file = folder, .cause = object.problem->error, .packetsBefore = -1});
         std::string text;
         appendRecord(text, object);
         return take(std::move(text));

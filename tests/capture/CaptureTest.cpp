@@ -288,7 +288,7 @@ TEST(Capture, FiltersWithoutRenumbering)
     ASSERT_FALSE(refused);
     EXPECT_TRUE(refused.error().couldNotOpen);
     EXPECT_EQ(refused.error().file, "");
-    EXPECT_THAT(refused.error().reason, HasSubstr("syntax error"));
+    EXPECT_THAT(refused.error().reason(), HasSubstr("syntax error"));
 }
 
 TEST(Capture, TellsOfPacketsThatCannotBeFiltered)

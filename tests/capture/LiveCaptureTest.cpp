@@ -177,7 +177,7 @@ TEST(LiveCapture, TellsWhyItCannotBegin)
         const auto capture = LiveCapture::open(options);
         ASSERT_FALSE(capture) << name;
         EXPECT_EQ(capture.error().file, file) << name;
-        EXPECT_THAT(capture.error().reason, HasSubstr(reason)) << name;
+        EXPECT_THAT(capture.error().reason(), HasSubstr(reason)) << name;
         EXPECT_TRUE(capture.error().couldNotOpen) << name;
     }
 }

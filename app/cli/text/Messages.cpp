@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/cli/text/Messages.h"
 
-#include "app/texts/DisplayText.h"
 #include "app/cli/Progress.h"
+#include "app/texts/DisplayText.h"
 
 #include <string>
 #include <unistd.h>
@@ -46,7 +46,7 @@ void releaseMessages()
     if (!held.empty()) writeToStandardError(std::exchange(held, {}));
 }
 
-void setRemarks(bool wanted) { remarksAreWanted = wanted; }
+void silenceRemarks() { remarksAreWanted = false; }
 
 void remark(std::string_view sentence)
 {

@@ -13,7 +13,7 @@ void holdMessages();
 void releaseMessages();
 
 /// Whether `remark` says anything; `--quiet` turns it off.
-void setRemarks(bool wanted);
+void silenceRemarks();
 /// As `complain`, for what the user may want to know and can do without.
 void remark(std::string_view sentence);
 

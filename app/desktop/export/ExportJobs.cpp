@@ -49,7 +49,8 @@ Opened openStreams(const ExportSource& source, DecryptorOutput output)
         return !result.problem && !source.stop.stop_requested();
     };
     const auto weight = [&](std::int64_t number) { return source.session->packets(number) * usualPayload; };
-    inOrder(source.streams, weight, [&](std::int64_t number) { return decryptor.open(number); }, take);
+    inOrder(
+        source.streams, weight, [&](std::int64_t number) { return decryptor.open(number); }, take);
     return result;
 }
 
@@ -82,8 +83,7 @@ ExportOutcome copied(const ExportSource& source, const CaptureChanges& changes, 
     // The copy takes the place of an original only when it is whole, and reads from that one until then.
     auto output = begun(file);
     if (!output) return failed(output.error());
-    auto capture = Capture::open(source.session->capture().files(),
-                                 {.randomAccess = true, .keepsEveryBlock = true, .stop = source.stop, .reader = windowReader()});
+    auto capture = Capture::open(source.session->capture().files(), {.randomAccess = true, .keepsEveryBlock = true, .stop = source.stop});
     if (source.stop.stop_requested()) return cancelled(file);
     if (!capture) return failed(capture.error());
     CapturedPacket packet;
