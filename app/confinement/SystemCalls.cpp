@@ -1,190 +1,44 @@
 // SPDX-License-Identifier: Apache-2.0
-//
-// A list of what is allowed. What it does not name does not exist for the process (ENOSYS), which is how the C library finds out that
-// a newer call has to be done in an older way; what a break-in would try first is named, and refused (EPERM).
 #include "app/confinement/SystemCalls.h"
 
-#include <cerrno>
-#include <memory>
-#include <sched.h>
-#include <seccomp.h>
-#include <span>
-#include <sys/ioctl.h>
-#include <sys/mman.h>
-#include <sys/prctl.h>
-#include <unistd.h>
+#include "CallFilters.inc"
+#include "app/confinement/OwnProcess.h"
 
-// libseccomp's macros for comparisons are compound literals, which every compiler here takes and Clang calls foreign.
-#ifdef __clang__
-#pragma clang diagnostic ignored "-Wc99-extensions"
-#endif
+#include <algorithm>
+#include <linux/seccomp.h>
+#include <span>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <vector>
 
 namespace sealscope {
 
 namespace {
 
-constexpr int computing[] = {
-    // Memory; making it executable is seen to below.
-    SCMP_SYS(brk), SCMP_SYS(munmap), SCMP_SYS(mremap), SCMP_SYS(madvise), SCMP_SYS(mincore), SCMP_SYS(mlock), SCMP_SYS(mlock2),
-    SCMP_SYS(munlock), SCMP_SYS(msync),
-    // Threads
-    SCMP_SYS(futex), SCMP_SYS(set_robust_list), SCMP_SYS(rseq), SCMP_SYS(sched_yield), SCMP_SYS(sched_getaffinity), SCMP_SYS(getcpu),
-    SCMP_SYS(membarrier), SCMP_SYS(gettid), SCMP_SYS(getpid), SCMP_SYS(getppid), SCMP_SYS(exit), SCMP_SYS(exit_group),
-    SCMP_SYS(restart_syscall),
-    // Signals
-    SCMP_SYS(rt_sigaction), SCMP_SYS(rt_sigprocmask), SCMP_SYS(rt_sigreturn), SCMP_SYS(sigaltstack),
-    // Time
-    SCMP_SYS(clock_gettime), SCMP_SYS(clock_getres), SCMP_SYS(clock_nanosleep), SCMP_SYS(nanosleep), SCMP_SYS(gettimeofday), SCMP_SYS(time),
-    // What and where we are
-    SCMP_SYS(uname), SCMP_SYS(sysinfo), SCMP_SYS(getrusage), SCMP_SYS(times), SCMP_SYS(getrlimit), SCMP_SYS(getuid), SCMP_SYS(geteuid),
-    SCMP_SYS(getgid), SCMP_SYS(getegid), SCMP_SYS(getcwd), SCMP_SYS(getrandom),
-    // The end of a program that was started before, such as a pager
-    SCMP_SYS(wait4), SCMP_SYS(waitid)};
-
-constexpr int files[] = {SCMP_SYS(open), SCMP_SYS(openat), SCMP_SYS(close), SCMP_SYS(close_range), SCMP_SYS(read), SCMP_SYS(readv),
-                         SCMP_SYS(pread64), SCMP_SYS(preadv), SCMP_SYS(preadv2), SCMP_SYS(write), SCMP_SYS(writev), SCMP_SYS(pwrite64),
-                         SCMP_SYS(pwritev), SCMP_SYS(pwritev2), SCMP_SYS(lseek), SCMP_SYS(_llseek), SCMP_SYS(fstat), SCMP_SYS(stat),
-                         SCMP_SYS(lstat), SCMP_SYS(newfstatat), SCMP_SYS(statx), SCMP_SYS(statfs), SCMP_SYS(fstatfs), SCMP_SYS(access),
-                         SCMP_SYS(faccessat), SCMP_SYS(faccessat2), SCMP_SYS(readlink), SCMP_SYS(readlinkat), SCMP_SYS(getdents64),
-                         SCMP_SYS(fcntl), SCMP_SYS(dup), SCMP_SYS(dup2), SCMP_SYS(dup3), SCMP_SYS(fadvise64), SCMP_SYS(poll),
-                         SCMP_SYS(ppoll), SCMP_SYS(select), SCMP_SYS(pselect6), SCMP_SYS(flock), SCMP_SYS(fallocate), SCMP_SYS(ftruncate),
-                         SCMP_SYS(fsync), SCMP_SYS(fdatasync),
-                         // A temporary file, where a file system makes none without a name, and the folder that it was in
-                         SCMP_SYS(unlink), SCMP_SYS(unlinkat), SCMP_SYS(rmdir)};
-
-constexpr int namedFiles[] = {SCMP_SYS(rename),   SCMP_SYS(renameat), SCMP_SYS(renameat2),      SCMP_SYS(mkdir),
-                              SCMP_SYS(mkdirat),  SCMP_SYS(chmod),    SCMP_SYS(fchmod),         SCMP_SYS(fchmodat),
-                              SCMP_SYS(truncate), SCMP_SYS(umask),    SCMP_SYS(copy_file_range)};
-
-constexpr int receiving[] = {SCMP_SYS(recvfrom), SCMP_SYS(recvmsg), SCMP_SYS(getsockopt), SCMP_SYS(getsockname)};
-
-/// Refused by name, so that who is refused learns why.
-constexpr int refused[] = {SCMP_SYS(execve),
-                           SCMP_SYS(execveat),
-                           SCMP_SYS(fork),
-                           SCMP_SYS(vfork),
-                           SCMP_SYS(ptrace),
-                           SCMP_SYS(process_vm_readv),
-                           SCMP_SYS(process_vm_writev),
-                           SCMP_SYS(kill),
-                           SCMP_SYS(tkill),
-                           SCMP_SYS(pidfd_open),
-                           SCMP_SYS(pidfd_getfd),
-                           SCMP_SYS(socket),
-                           SCMP_SYS(socketpair),
-                           SCMP_SYS(connect),
-                           SCMP_SYS(bind),
-                           SCMP_SYS(listen),
-                           SCMP_SYS(accept),
-                           SCMP_SYS(accept4),
-                           SCMP_SYS(sendto),
-                           SCMP_SYS(sendmsg),
-                           SCMP_SYS(sendmmsg),
-                           SCMP_SYS(memfd_create),
-                           SCMP_SYS(userfaultfd),
-                           SCMP_SYS(bpf),
-                           SCMP_SYS(perf_event_open),
-                           SCMP_SYS(io_uring_setup),
-                           SCMP_SYS(keyctl),
-                           SCMP_SYS(add_key),
-                           SCMP_SYS(request_key),
-                           SCMP_SYS(mount),
-                           SCMP_SYS(umount2),
-                           SCMP_SYS(chroot),
-                           SCMP_SYS(unshare),
-                           SCMP_SYS(setns),
-                           SCMP_SYS(setuid),
-                           SCMP_SYS(setgid),
-                           SCMP_SYS(setresuid),
-                           SCMP_SYS(setresgid),
-                           SCMP_SYS(setrlimit),
-                           SCMP_SYS(symlink),
-                           SCMP_SYS(symlinkat),
-                           SCMP_SYS(link),
-                           SCMP_SYS(linkat),
-                           SCMP_SYS(mknod),
-                           SCMP_SYS(mknodat)};
-
-/// A filter while it is put together. Calls that the processor's interface does not have are left out.
-class Filter {
-public:
-    Filter() : context_(seccomp_init(SCMP_ACT_ERRNO(ENOSYS)))
-    {
-        if (!context_) return;
-        seccomp_attr_set(context_.get(), SCMP_FLTATR_CTL_TSYNC, 1);
-        seccomp_attr_set(context_.get(), SCMP_FLTATR_CTL_OPTIMIZE, 2);
-        // Older kernels would make every branch dearer, against an attack that takes code of the attacker's own.
-        seccomp_attr_set(context_.get(), SCMP_FLTATR_CTL_SSB, 1);
-    }
-
-    void add(std::uint32_t action, std::span<const int> calls)
-    {
-        for (const int call : calls) isGood_ &= isAdded(seccomp_rule_add_array(context_.get(), action, call, 0, nullptr));
-    }
-    void allow(int call, std::initializer_list<scmp_arg_cmp> conditions) { add(SCMP_ACT_ALLOW, call, conditions); }
-    void add(std::uint32_t action, int call, std::initializer_list<scmp_arg_cmp> conditions)
-    {
-        isGood_ &=
-            isAdded(seccomp_rule_add_array(context_.get(), action, call, static_cast<unsigned>(conditions.size()), std::data(conditions)));
-    }
-    bool enforce() const { return context_ && isGood_ && seccomp_load(context_.get()) == 0; }
-    explicit operator bool() const { return context_ != nullptr; }
-
-private:
-    struct Release {
-        void operator()(void* context) const { seccomp_release(context); }
-    };
-    static bool isAdded(int status) { return status == 0 || status == -EDOM || status == -EOPNOTSUPP; }
-
-    std::unique_ptr<void, Release> context_;
-    bool isGood_ = true;
-};
-
-constexpr auto refuse = SCMP_ACT_ERRNO(EPERM);
-
-void addMemory(Filter& filter)
+std::span<const sock_filter> filterFor(Confinement::Calls calls)
 {
-    for (const int call : {SCMP_SYS(mmap), SCMP_SYS(mprotect)}) {
-        filter.allow(call, {SCMP_A2(SCMP_CMP_MASKED_EQ, PROT_EXEC, 0)});
-        filter.add(refuse, call, {SCMP_A2(SCMP_CMP_MASKED_EQ, PROT_EXEC, PROT_EXEC)});
+    switch (calls) {
+    case Confinement::Calls::writing: return writingFilter;
+    case Confinement::Calls::packets: return packetsFilter;
+    default: return readingFilter;
     }
-}
-
-void addThreads(Filter& filter)
-{
-    // The arguments of clone3 lie in memory, where no filter sees them. It is not on the list, so clone is called.
-    filter.allow(SCMP_SYS(clone), {SCMP_A0(SCMP_CMP_MASKED_EQ, CLONE_THREAD, CLONE_THREAD)});
-    filter.add(refuse, SCMP_SYS(clone), {SCMP_A0(SCMP_CMP_MASKED_EQ, CLONE_THREAD, 0)});
-    // A process may signal itself, as abort does.
-    filter.allow(SCMP_SYS(tgkill), {SCMP_A0(SCMP_CMP_EQ, static_cast<scmp_datum_t>(getpid()))});
-}
-
-void addRequests(Filter& filter)
-{
-    // Not among them: typing for the user (TIOCSTI).
-    for (const unsigned long request : {TCGETS, TIOCGWINSZ, FIONREAD})
-        filter.allow(SCMP_SYS(ioctl), {SCMP_A1(SCMP_CMP_MASKED_EQ, 0xFFFF'FFFFu, request)});
-    for (const unsigned long name : {PR_SET_NAME, PR_GET_NAME, 0x5356'4D41 /* PR_SET_VMA */})
-        filter.allow(SCMP_SYS(prctl), {SCMP_A0(SCMP_CMP_MASKED_EQ, 0xFFFF'FFFFu, name)});
-    // Limits may be asked for.
-    filter.allow(SCMP_SYS(prlimit64), {SCMP_A2(SCMP_CMP_EQ, 0)});
 }
 
 }  // namespace
 
 bool SystemCalls::restrict(Confinement::Calls calls)
 {
-    Filter filter;
-    if (!filter) return false;
-    filter.add(SCMP_ACT_ALLOW, computing);
-    filter.add(SCMP_ACT_ALLOW, files);
-    if (calls == Confinement::Calls::writing) filter.add(SCMP_ACT_ALLOW, namedFiles);
-    if (calls == Confinement::Calls::packets) filter.add(SCMP_ACT_ALLOW, receiving);
-    addMemory(filter);
-    addThreads(filter);
-    addRequests(filter);
-    filter.add(refuse, refused);
-    return filter.enforce();
+    const std::span<const sock_filter> made = filterFor(calls);
+    std::vector<sock_filter> filter(made.begin(), made.end());
+    for (sock_filter& instruction : filter)
+        if (isOwnProcess(instruction)) instruction.k = static_cast<std::uint32_t>(getpid());
+    const sock_fprog program{.len = static_cast<unsigned short>(filter.size()), .filter = filter.data()};
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) return false;
+    // Without the second, kernels before 5.16 make every branch dearer, against an attack that takes code of the attacker's own.
+    for (const unsigned flags : {SECCOMP_FILTER_FLAG_TSYNC | SECCOMP_FILTER_FLAG_SPEC_ALLOW, SECCOMP_FILTER_FLAG_TSYNC})
+        if (syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, flags, &program) == 0) return true;
+    return false;
 }
 
 }  // namespace sealscope
