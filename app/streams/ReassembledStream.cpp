@@ -83,6 +83,17 @@ public:
     /// How many bytes of segments differ from the copy that stands in the data.
     std::int64_t contradictingBytes() const;
 
+    /// Starts to bring near the first bytes of the first segments, where the headers of most messages begin. They lie far from each
+    /// other in the capture, and so the waiting for all of them is no longer than for one.
+    void announce() const
+    {
+        constexpr std::uint32_t most = 12;
+        CaptureWindow window(capture_);
+        for (std::uint32_t position = 0; position < std::min(segments_.size(), most); ++position)
+            if (const SegmentRecord& segment = segments_[position]; segment.captured > 0)
+                __builtin_prefetch(window.bytes(segment.address, 1).data());
+    }
+
 private:
     /// Who carried a byte and those after it: a segment, or none when they were lost.
     struct Owner {
@@ -331,6 +342,8 @@ TCPStream reassembledStream(std::shared_ptr<const Capture> capture, std::shared_
 {
     const Connection& connection = (*index)[number];
     const auto stream = std::make_shared<const ReassembledStream>(std::move(capture), std::move(index), connection, packetsBefore);
+    stream->client.announce();
+    stream->server.announce();
     if (measures) *measures = measuresOf(stream->client, stream->server);
     const std::size_t client = connection.client;
     const auto data = [&](const ReassembledDirection& direction) {
