@@ -63,7 +63,7 @@ Read readAll(const std::string& name, bool randomAccess, std::int64_t size)
     auto opened = Capture::open({name}, {.randomAccess = randomAccess});
     read.isOpen = opened.has_value();
     if (!opened) {
-        require(opened.error().couldNotOpen && !opened.error().reason.empty(), "a file that cannot be opened has a reason");
+        require(opened.error().couldNotOpen && !opened.error().reason().empty(), "a file that cannot be opened has a reason");
         return read;
     }
     Capture& capture = **opened;
