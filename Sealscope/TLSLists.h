@@ -33,7 +33,7 @@ template <class Visit>
 concept TLSRecordVisitor = TLSVisitor<Visit, TLSRecord> || TLSVisitor<Visit, TLSRecord, std::int64_t>;
 
 /// The record whose header stands at an offset, all of it, in so many bytes (RFC 8446 §5.1).
-template <class Bytes> TLSRecord recordAt(Bytes& bytes, std::int64_t offset, std::int64_t size)
+template <class Bytes> [[gnu::always_inline]] inline TLSRecord recordAt(Bytes& bytes, std::int64_t offset, std::int64_t size)
 {
     TLSRecord record{.contentType = bytes.u8(offset),
                      .majorVersion = bytes.u8(offset + 1),
