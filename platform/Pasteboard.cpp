@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/Pasteboard.h"
 
+#include "platform/FileDescriptor.h"
+
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -28,28 +30,21 @@ bool isSet(const char* name)
 /// bring a signal.
 bool run(const std::vector<const char*>& arguments, const std::string& input)
 {
-    const int file = memfd_create("pasteboard", MFD_CLOEXEC);
-    if (file < 0) return false;
-    std::size_t written = 0;
-    while (written < input.size()) {
-        const ssize_t count = write(file, input.data() + written, input.size() - written);
-        if (count <= 0 && errno != EINTR) break;
-        if (count > 0) written += static_cast<std::size_t>(count);
-    }
-    lseek(file, 0, SEEK_SET);
+    const FileDescriptor file(memfd_create("pasteboard", MFD_CLOEXEC));
+    if (!file || file.write(DataView(input)) != 0) return false;
+    lseek(file.number(), 0, SEEK_SET);
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, file, STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, file.number(), STDIN_FILENO);
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
     std::vector<char*> argv;
     for (const char* argument : arguments) argv.push_back(const_cast<char*>(argument));
     argv.push_back(nullptr);
     pid_t child = 0;
-    const bool started = written == input.size() && posix_spawnp(&child, argv[0], &actions, nullptr, argv.data(), environ) == 0;
+    const bool started = posix_spawnp(&child, argv[0], &actions, nullptr, argv.data(), environ) == 0;
     posix_spawn_file_actions_destroy(&actions);
-    close(file);
     if (!started) return false;
 
     int status = 0;

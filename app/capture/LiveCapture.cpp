@@ -99,7 +99,7 @@ struct LiveCapture::Implementation {
     {
         const int capture = pcap().get_selectable_fd(handle.get());
         if (capture < 0) timeout = std::min(timeout, lookAgainAfter);
-        pollfd descriptors[] = {{.fd = stopTime != 0 ? -1 : stopEvent, .events = POLLIN, .revents = 0},
+        pollfd descriptors[] = {{.fd = stopTime != 0 ? -1 : stopEvent.number(), .events = POLLIN, .revents = 0},
                                 {.fd = capture, .events = POLLIN, .revents = 0}};
         poll(descriptors, 2, static_cast<int>(std::min<std::int64_t>(timeout.count(), 1 << 30)));
     }
@@ -128,17 +128,12 @@ struct LiveCapture::Implementation {
     }};
     int writeError = 0;
     bool isFlushed = true;
-    int stopEvent = -1;
+    FileDescriptor stopEvent;
     std::atomic<std::int64_t> stopTime{0};  // nanoseconds since 1970; 0 while nobody has asked
     std::uint32_t linkType = 0;
     bool hasNanoseconds = false;
     std::int64_t number = 0;
     CaptureError error;
-
-    ~Implementation()
-    {
-        if (stopEvent >= 0) close(stopEvent);
-    }
 };
 
 LiveCapture::LiveCapture(std::unique_ptr<Implementation> implementation) : implementation_(std::move(implementation)) {}
@@ -206,8 +201,8 @@ std::expected<std::unique_ptr<LiveCapture>, CaptureError> LiveCapture::open(cons
         if (!self->file || !self->writer.classicHeader(self->linkType, snapLength, self->hasNanoseconds ? 9 : 6))
             return std::unexpected(CaptureError{.file = options.writeTo, .cause = FileError::ofSystem(errno), .couldNotOpen = true});
     }
-    self->stopEvent = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (self->stopEvent < 0) return refused(FileError::ofSystem(errno));
+    self->stopEvent = FileDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!self->stopEvent) return refused(FileError::ofSystem(errno));
     return std::unique_ptr<LiveCapture>(new LiveCapture(std::move(self)));
 }
 
@@ -255,7 +250,7 @@ void LiveCapture::stop()
     implementation_->stopTime.compare_exchange_strong(notAsked, now());
     const std::uint64_t one = 1;
     // A full counter has woken the reader already.
-    [[maybe_unused]] const ssize_t written = write(implementation_->stopEvent, &one, sizeof one);
+    [[maybe_unused]] const ssize_t written = write(implementation_->stopEvent.number(), &one, sizeof one);
     errno = savedError;
 }
 

@@ -18,6 +18,7 @@ ExitStatus complainAbout(const CaptureError& error)
 
 std::unique_ptr<Capture> openCapture(const CommandContext& context, ExitStatus& status)
 {
+    catchInterrupts();
     context.confining.begin();
     auto capture = Capture::open(context.options.arguments,
                                  {.filter = context.options.filter, .maximumPackets = context.options.count, .stop = interruption()});

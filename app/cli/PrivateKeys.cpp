@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/cli/PrivateKeys.h"
 
-#include "app/texts/DisplayText.h"
 #include "app/cli/text/Messages.h"
 #include "app/session/PrivateKeyFile.h"
+#include "app/texts/DisplayText.h"
 #include "platform/FileDescriptor.h"
 
 #include <array>
-#include <cerrno>
 #include <csignal>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <poll.h>
 #include <termios.h>
 
 namespace sealscope::cli {
@@ -26,18 +26,27 @@ public:
     {
         if (!terminal_ || tcgetattr(terminal_.number(), &before_) != 0) return;
         arrivedSignal = 0;
-        struct sigaction noted{};
+        struct sigaction noted {};
         noted.sa_handler = [](int signal) { arrivedSignal = signal; };
-        for (std::size_t i = 0; i < signals.size(); ++i) sigaction(signals[i], &noted, &handlers_[i]);
+        sigset_t ours;
+        sigemptyset(&ours);
+        for (std::size_t i = 0; i < signals.size(); ++i) {
+            sigaction(signals[i], &noted, &handlers_[i]);
+            sigaddset(&ours, signals[i]);
+        }
+        // They arrive while it waits for the terminal, and at no other time.
+        sigprocmask(SIG_BLOCK, &ours, &mask_);
+        hasSignals_ = true;
         termios silent = before_;
         silent.c_lflag = (silent.c_lflag & ~static_cast<tcflag_t>(ECHO)) | ECHONL;
         isSilent_ = tcsetattr(terminal_.number(), TCSAFLUSH, &silent) == 0;
     }
     ~SilentTerminal()
     {
-        if (!isSilent_) return;
-        tcsetattr(terminal_.number(), TCSAFLUSH, &before_);
+        if (isSilent_) tcsetattr(terminal_.number(), TCSAFLUSH, &before_);
+        if (!hasSignals_) return;
         for (std::size_t i = 0; i < signals.size(); ++i) sigaction(signals[i], &handlers_[i], nullptr);
+        sigprocmask(SIG_SETMASK, &mask_, nullptr);
         if (arrivedSignal != 0) std::raise(arrivedSignal);
     }
     SilentTerminal(const SilentTerminal&) = delete;
@@ -50,10 +59,9 @@ public:
         SecretBytes line;
         line.reserve(longestPassphrase);
         std::uint8_t byte = 0;
-        while (arrivedSignal == 0 && line.size() < longestPassphrase) {
-            const std::int64_t count = terminal_.read({&byte, 1});
-            if (count < 0 && errno == EINTR) continue;
-            if (count <= 0) return std::nullopt;
+        while (line.size() < longestPassphrase) {
+            pollfd typed{.fd = terminal_.number(), .events = POLLIN, .revents = 0};
+            if (ppoll(&typed, 1, nullptr, &mask_) < 0 || arrivedSignal != 0 || terminal_.read({&byte, 1}) <= 0) return std::nullopt;
             if (byte == '\n') return line;
             line.push_back(byte);
         }
@@ -66,6 +74,8 @@ private:
     FileDescriptor terminal_;
     termios before_{};
     std::array<struct sigaction, signals.size()> handlers_{};
+    sigset_t mask_{};
+    bool hasSignals_ = false;
     bool isSilent_ = false;
 };
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/confinement/Landlock.h"
 
+#include "platform/FileDescriptor.h"
+
 #include <cstdint>
 #include <fcntl.h>
 #include <linux/landlock.h>
@@ -33,22 +35,6 @@ constexpr std::uint64_t writing = LANDLOCK_ACCESS_FS_WRITE_FILE | truncate;
 /// What a rule for anything but a folder may speak of.
 constexpr std::uint64_t ofFiles = reading | writing | LANDLOCK_ACCESS_FS_EXECUTE | controlDevices;
 
-class Descriptor {
-public:
-    explicit Descriptor(long number) : number_(static_cast<int>(number)) {}
-    ~Descriptor()
-    {
-        if (number_ >= 0) close(number_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int number() const { return number_; }
-    explicit operator bool() const { return number_ >= 0; }
-
-private:
-    int number_;
-};
-
 std::uint64_t accessOfVersion(int version)
 {
     std::uint64_t access = (LANDLOCK_ACCESS_FS_MAKE_SYM << 1) - 1;
@@ -65,7 +51,7 @@ public:
     void allow(const std::vector<std::filesystem::path>& paths, std::uint64_t ofFile, std::uint64_t ofFolder)
     {
         for (const std::filesystem::path& path : paths) {
-            const Descriptor target(open(path.c_str(), O_PATH | O_CLOEXEC));
+            const FileDescriptor target(open(path.c_str(), O_PATH | O_CLOEXEC));
             struct stat status = {};
             if (!target || fstat(target.number(), &status) != 0) continue;
             const std::uint64_t access = (S_ISDIR(status.st_mode) ? ofFolder : ofFile & ofFiles) & access_;
@@ -82,17 +68,17 @@ public:
     }
 
 private:
-    static long create(int version, std::uint64_t access)
+    static int create(int version, std::uint64_t access)
     {
         const RulesetAttributes attributes{.handledFiles = access,
                                            .handledNetwork = version >= 4 ? bindTCP | connectTCP : 0,
                                            .scoped = version >= 6 ? abstractSockets | signals : 0};
         const std::size_t size = version >= 6 ? 24 : version >= 4 ? 16 : 8;
-        return syscall(SYS_landlock_create_ruleset, &attributes, size, 0);
+        return static_cast<int>(syscall(SYS_landlock_create_ruleset, &attributes, size, 0));
     }
 
     std::uint64_t access_;
-    Descriptor descriptor_;
+    FileDescriptor descriptor_;
 };
 
 }  // namespace

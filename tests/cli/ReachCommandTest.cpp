@@ -302,6 +302,8 @@ TEST(PrivateKeys, OpenWhatWasEncryptedToTheirCertificates)
     const std::string shown = sealscopeOnTerminal({"streams", "--private-key", encrypted, capture}, 200, {}, "pass\n");
     EXPECT_THAT(shown, HasSubstr("passphrase of " + encrypted + ": \n"));
     EXPECT_THAT(shown, HasSubstr("server 1 of 1 record, 5 bytes"));
+    EXPECT_THAT(sealscopeOnTerminal({"streams", "--private-key", encrypted, capture}, 200, {}, "\x03"), Not(HasSubstr("record")))
+        << "and ends where its user wants";
 
     // What the key opened opens without it when the secrets travel in the capture.
     const std::string carrying = directory.file("carrying.pcapng");

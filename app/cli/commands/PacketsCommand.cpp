@@ -137,7 +137,6 @@ ExitStatus runPackets(const CommandContext& context)
     ExitStatus status = done;
     const auto capture = openCapture(context, status);
     if (!capture) return status;
-    catchInterrupts();
 
     const PacketAnalyzers analyzers;
     // Rows on the terminal are progress enough.

@@ -232,7 +232,6 @@ ExitStatus runTree(const CommandContext& context)
     ExitStatus status = done;
     const auto capture = openCapture(context, status);
     if (!capture) return status;
-    catchInterrupts();
 
     const auto wanted = context.options.packet;
     const PacketAnalyzers analyzers;

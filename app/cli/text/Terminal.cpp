@@ -95,38 +95,35 @@ void Pager::prepare()
     if (command == "cat") return;
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) return;
+    const FileDescriptor output(ends[0]);
+    input_ = FileDescriptor(ends[1]);
     process_ = fork();
     if (process_ == 0) {
         // Ctrl-C is for the program that feeds the pager, which goes on with what it has.
         std::signal(SIGINT, SIG_IGN);
-        close(ends[1]);
-        becomePager(ends[0], command);
+        input_.close();
+        becomePager(output.number(), command);
     }
-    close(ends[0]);
-    if (process_ > 0) {
-        input_ = ends[1];
-    } else {
-        process_ = 0;
-        close(ends[1]);
-    }
+    if (process_ > 0) return;
+    process_ = 0;
+    input_.close();
 }
 
 void Pager::start()
 {
-    if (input_ < 0) return;
-    dup2(input_, STDOUT_FILENO);
-    close(std::exchange(input_, -1));
+    if (!input_) return;
+    dup2(input_.number(), STDOUT_FILENO);
+    input_.close();
 }
 
 Pager::~Pager()
 {
     if (process_ == 0) return;
-    if (input_ >= 0) {
-        close(input_);
-    } else if (const int null = open("/dev/null", O_WRONLY | O_CLOEXEC); null >= 0) {
+    if (input_) {
+        input_.close();
+    } else if (const FileDescriptor null(open("/dev/null", O_WRONLY | O_CLOEXEC)); null) {
         // The end of the output: the pager waits for it.
-        dup2(null, STDOUT_FILENO);
-        close(null);
+        dup2(null.number(), STDOUT_FILENO);
     }
     while (waitpid(process_, nullptr, 0) < 0 && errno == EINTR) {}
 }

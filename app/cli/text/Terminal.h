@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "platform/FileDescriptor.h"
+
 #include <string_view>
 
 namespace sealscope::cli {
@@ -40,7 +42,7 @@ public:
 
 private:
     int process_ = 0;
-    int input_ = -1;  ///< the pager's, until it takes the place of standard output
+    FileDescriptor input_;  ///< the pager's, until it takes the place of standard output
 };
 
 }  // namespace sealscope::cli
