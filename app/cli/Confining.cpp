@@ -11,13 +11,14 @@
 #include "host/VELCommonTools/KeylogUserFile.h"
 #include "platform/Bundle.h"
 #include "platform/CryptoLibrary.h"
+#include "platform/FileDescriptor.h"
 #include "platform/UserDefaults.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <fcntl.h>
 #include <fmt/format.h>
-#include <fstream>
 #include <sstream>
 #include <string_view>
 #include <sys/stat.h>
@@ -38,15 +39,16 @@ std::vector<std::string> captures(const Options& options)
     return {options.arguments.begin() + (hasFormat ? 1 : 0), options.arguments.end()};
 }
 
-/// A capture file that is read where it lies: not a pipe, not compressed, and not empty. Only its first bytes are looked at.
+/// A capture file that is read where it lies: not a pipe, not compressed, and not empty. Only its first bytes are looked at, and not by a
+/// stream, whose buffer would take more of them: secrets may follow, which belong in no memory that is freed as it is.
 bool isReadInPlace(const std::string& file)
 {
     std::error_code error;
     if (file == "-" || !fs::is_regular_file(file, error) || fs::file_size(file, error) == 0) return false;
-    std::array<char, Decompressor::recognisedFrom> head{};
-    std::ifstream stream(file, std::ios::binary);
-    stream.read(head.data(), head.size());
-    return !Decompressor::recognise(DataView(std::string_view(head.data(), static_cast<std::size_t>(stream.gcount()))), -1);
+    std::array<std::uint8_t, Decompressor::recognisedFrom> head{};
+    const FileDescriptor descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    const std::int64_t count = descriptor.read(head);
+    return count >= 0 && !Decompressor::recognise(DataView(head.data(), count), -1);
 }
 
 std::int64_t machineMemory() { return static_cast<std::int64_t>(sysconf(_SC_PHYS_PAGES)) * sysconf(_SC_PAGESIZE); }

@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/desktop/FileKind.h"
 
-#include <QFile>
+#include "platform/SecretMemory.h"
 
+#include <QFile>
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
 
 namespace sealscope::desktop {
 
@@ -13,9 +16,11 @@ FilesByKind filesByKind(const QStringList& files)
     FilesByKind found;
     for (const QString& name : files) {
         QFile file(name);
-        const QByteArray begin = file.open(QIODevice::ReadOnly) && !file.isSequential() ? file.read(looked) : QByteArray();
-        const bool isText = !begin.isEmpty() && std::ranges::none_of(begin, [](char byte) {
-            const auto value = static_cast<unsigned char>(byte);
+        // What is read may be secrets, which belong in no memory that is freed as it is.
+        SecretBytes begin(looked);
+        const bool isOpen = file.open(QIODevice::ReadOnly | QIODevice::Unbuffered) && !file.isSequential();
+        begin.resize(static_cast<std::size_t>(isOpen ? std::max<qint64>(file.read(reinterpret_cast<char*>(begin.data()), looked), 0) : 0));
+        const bool isText = !begin.empty() && std::ranges::none_of(begin, [](std::uint8_t value) {
             return value < 0x20 && value != '\n' && value != '\r' && value != '\t';
         });
         (isText ? found.keyLogs : found.captures).append(name);

@@ -57,10 +57,12 @@ struct Read {
 
 constexpr const char* addedSecrets = "added\n";
 
-Read readAll(const std::string& name, bool randomAccess, std::int64_t size)
+enum class Access { inOrder, random };
+
+Read readAll(const std::string& name, Access access, std::int64_t size)
 {
     Read read;
-    auto opened = Capture::open({name}, {.randomAccess = randomAccess});
+    auto opened = Capture::open({name}, {.randomAccess = access == Access::random});
     read.isOpen = opened.has_value();
     if (!opened) {
         require(opened.error().couldNotOpen && !opened.error().reason().empty(), "a file that cannot be opened has a reason");
@@ -80,7 +82,7 @@ Read readAll(const std::string& name, bool randomAccess, std::int64_t size)
     read.errors = capture.errors().size();
     for (const CaptureError& error : capture.errors()) require(!error.reason().empty(), "an error has a reason");
     read.keyLog = capture.takeEmbeddedKeyLog();
-    if (randomAccess) {
+    if (access == Access::random) {
         for (std::size_t i = 0; i < read.packets.size(); ++i)
             require(capture.bytes(read.packets[i].address, read.packets[i].frame.size()) == DataView(read.frames[i]),
                     "addresses lead to the bytes");
@@ -187,8 +189,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     file.write({}, bytes);
     stream.write({before, 1}, bytes);
 
-    const Read mapped = readAll(file.path(), size % 2 == 0, bytes.size());
-    const Read streamed = readAll("-", size % 3 == 0, bytes.size());
+    const Read mapped = readAll(file.path(), size % 2 == 0 ? Access::random : Access::inOrder, bytes.size());
+    const Read streamed = readAll("-", size % 3 == 0 ? Access::random : Access::inOrder, bytes.size());
     require(mapped.isOpen == streamed.isOpen && mapped.errors == streamed.errors && mapped.keyLog == streamed.keyLog &&
                 mapped.hasPacketsOf(streamed),
             "a file and a stream read the same");
@@ -196,7 +198,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             "several processors find what one finds");
     if (!mapped.packets.empty() && !mapped.copy.empty()) {
         file.write({}, DataView(mapped.copy));
-        const Read copy = readAll(file.path(), false, bytes.size() + static_cast<std::int64_t>(mapped.copy.size()));
+        const Read copy = readAll(file.path(), Access::inOrder, bytes.size() + static_cast<std::int64_t>(mapped.copy.size()));
         require(copy.hasPacketsOf(mapped), "a copy has the same packets");
         require(copy.keyLog == (bytes.size() % 4 == 0 ? addedSecrets : addedSecrets + mapped.keyLog),
                 "a copy has the secrets it shall have");

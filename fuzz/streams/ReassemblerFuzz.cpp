@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "fuzz/Require.h"
 #include "tests/streams/PlainReassembly.h"
 #include "tests/streams/ScriptedCapture.h"
-
-#include <cstdio>
-#include <cstdlib>
 
 // The first byte says what the rest is: segments of one direction that lie close together, which a plain byte map puts together
 // as well; or packets of any connection with any header, of which only what must always hold is asked.
@@ -12,15 +10,9 @@ using namespace sealscope;
 
 namespace {
 
-void require(bool holds, const char* what)
-{
-    if (holds) return;
-    std::fprintf(stderr, "does not hold: %s\n", what);
-    std::abort();
-}
-
 /// Five bytes a segment: offset (2), length (1), content (1), and what is special about it (1).
-void compareWithPlain(DataView input, bool hasSYN)
+enum class Beginning { withSYN, without };
+void compareWithPlain(DataView input, Beginning beginning)
 {
     constexpr std::int64_t stepSize = 5;
     std::vector<SegmentStep> steps;
@@ -35,7 +27,7 @@ void compareWithPlain(DataView input, bool hasSYN)
         step.captured = special & 2 ? input[at + 2] / 2 : input[at + 2];
         step.isReset = (special & 0x1C) == 0x1C;
     }
-    const auto difference = differenceFromPlain(steps, hasSYN, initialSequenceNumber);
+    const auto difference = differenceFromPlain(steps, beginning == Beginning::withSYN, initialSequenceNumber);
     require(!difference, difference ? difference->c_str() : "");
 }
 
@@ -100,8 +92,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 {
     const DataView input(data, static_cast<std::int64_t>(size));
     switch (input.u8(0) % 3) {
-    case 0: compareWithPlain(input.from(1), true); break;
-    case 1: compareWithPlain(input.from(1), false); break;
+    case 0: compareWithPlain(input.from(1), Beginning::withSYN); break;
+    case 1: compareWithPlain(input.from(1), Beginning::without); break;
     default: checkInvariants(input.from(1)); break;
     }
     return 0;
