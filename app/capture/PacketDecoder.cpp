@@ -95,6 +95,7 @@ void storeAddress(std::array<std::uint8_t, 16>& target, const std::uint8_t* addr
 
 }  // namespace
 
+// What is written for each packet shares no line of the caches with another thread's.
 class alignas(64) PacketDecoder::Implementation {
 public:
     explicit Implementation(Capture* keepIn) : keepIn_(keepIn) {}

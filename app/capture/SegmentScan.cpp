@@ -18,7 +18,7 @@ constexpr int mostTries = 16;  // of places in one piece
 
 }  // namespace
 
-/// A piece of a file on its way from thread to thread.
+/// A piece of a file on its way from thread to thread; no line of the caches is two threads'.
 struct alignas(64) SegmentScan::Slot {
     std::int64_t from = 0;  ///< its packets begin between these offsets
     std::int64_t to = 0;

@@ -54,7 +54,7 @@ public:
     }
 
 private:
-    /// The rows of a batch as text, when the layout is known.
+    /// The rows of a batch as text, when the layout is known. In lines of the caches of its own.
     struct alignas(64) BatchRows {
         explicit BatchRows(RowPrinter& owner) : printer(owner), format(owner.format_->clone()) {}
         void operator()(const SegmentBatch& batch)
