@@ -51,16 +51,26 @@ bool isReadInPlace(const std::string& file)
     return count >= 0 && !Decompressor::recognise(DataView(head.data(), count), -1);
 }
 
+/// How the captures of the command line are read.
+enum class Reading : std::uint8_t {
+    inPlace,    ///< all of them where they lie
+    asItComes,  ///< some from a pipe, or unpacked
+};
+Reading readingOf(const Options& options)
+{
+    return std::ranges::all_of(captures(options), isReadInPlace) ? Reading::inPlace : Reading::asItComes;
+}
+
 std::int64_t machineMemory() { return static_cast<std::int64_t>(sysconf(_SC_PHYS_PAGES)) * sysconf(_SC_PAGESIZE); }
 
 /// What the captures can need: a packet has 16 bytes in its file at least and costs 48, a connection has 56 and costs 1,024. Beside
 /// that the heap keeps some of what is freed, and each thread has a stack. No more than the machine has.
-std::int64_t memoryFor(const Options& options)
+std::int64_t memoryFor(const Options& options, Reading reading)
 {
+    if (reading == Reading::asItComes) return machineMemory();
     constexpr std::int64_t forEachByte = 24, base = std::int64_t{1} << 30, forEachThread = 16 << 20;
     std::int64_t memory = base + forEachThread * sysconf(_SC_NPROCESSORS_ONLN);
     for (const std::string& file : captures(options)) {
-        if (!isReadInPlace(file)) return machineMemory();
         std::error_code error;
         memory += forEachByte * static_cast<std::int64_t>(fs::file_size(file, error));
     }
@@ -119,7 +129,7 @@ void addOutputs(Confinement& confinement, const Options& options)
     }
 }
 
-Confinement confinementFor(const Options& options, fs::path& temporaryFolder)
+Confinement confinementFor(const Options& options, Reading reading, fs::path& temporaryFolder)
 {
     Confinement confinement;
     addRuntime(confinement);
@@ -146,8 +156,7 @@ Confinement confinementFor(const Options& options, fs::path& temporaryFolder)
         confinement.readableFiles.insert(confinement.readableFiles.end(), files.begin(), files.end());
         if (!options.filter.empty()) PacketFilter::makeReady();
         if (options.command->options.contains(Option::keylog)) {
-            const bool areInPlace = std::ranges::all_of(files, isReadInPlace);
-            addKeyLogs(confinement, options, areInPlace ? LaterFiles::areNotRead : LaterFiles::mayCome);
+            addKeyLogs(confinement, options, reading == Reading::inPlace ? LaterFiles::areNotRead : LaterFiles::mayCome);
             CryptoLibrary::configure();
         }
         addOutputs(confinement, options);
@@ -185,8 +194,9 @@ void Confining::begin()
     if (options_.noSandbox) {
         protection_ = Protection{};
     } else {
-        Confinement confinement = confinementFor(options_, temporaryFolder_);
-        confinement.memory = options_.memory.value_or(memoryFor(options_));
+        const Reading reading = readingOf(options_);
+        Confinement confinement = confinementFor(options_, reading, temporaryFolder_);
+        confinement.memory = options_.memory ? *options_.memory : memoryFor(options_, reading);
         protection_ = confine(confinement);
     }
     if (!options_.verbose || options_.version) return;

@@ -26,7 +26,7 @@ public:
     {
         if (!terminal_ || tcgetattr(terminal_.number(), &before_) != 0) return;
         arrivedSignal = 0;
-        struct sigaction noted {};
+        struct sigaction noted{};
         noted.sa_handler = [](int signal) { arrivedSignal = signal; };
         sigset_t ours;
         sigemptyset(&ours);

@@ -104,17 +104,20 @@ TEST(CommandLine, KeepsWhatItFoundWhenItIsInterrupted)
     const TempDirectory directory;
     const std::string capture = smallCapture(directory);
     const std::string pipe = directory.file("pipe");
+    const auto interrupted = [&](const std::string& command, const std::string& comes) {
+        return runProgram({"sh", "-c",
+                           "rm -f " + pipe + "; mkfifo " + pipe + "; { " + comes + "exec sleep 20; } > " + pipe + " & feeder=$!; " +
+                               SEALSCOPE_PROGRAM + " " + command + " --json - < " + pipe +
+                               " & reader=$!; sleep 1; kill $reader; wait $reader; status=$?; kill $feeder; exit $status"},
+                          {.timeLimit = std::chrono::seconds(15)});
+    };
     for (const char* command : {"packets", "tree", "streams", "follow"}) {
-        const std::string expected = sealscope({command, "--json", capture}).output;
-        const ProgramResult result =
-            runProgram({"sh", "-c",
-                        "rm -f " + pipe + "; mkfifo " + pipe + "; { cat " + capture + "; exec sleep 20; } > " + pipe + " & feeder=$!; " +
-                            SEALSCOPE_PROGRAM + " " + command + " --json - < " + pipe +
-                            " & reader=$!; sleep 1; kill $reader; wait $reader; status=$?; kill $feeder; exit $status"},
-                       {.timeLimit = std::chrono::seconds(15)});
-        EXPECT_EQ(result.status, 1) << command;
-        EXPECT_EQ(result.errors, "sealscope: interrupted; what was read until then is printed\n") << command;
-        EXPECT_EQ(result.output, expected) << command;
+        const ProgramResult some = interrupted(command, "cat " + capture + "; "), nothing = interrupted(command, "");
+        EXPECT_EQ(some.status, 1) << command;
+        EXPECT_EQ(some.errors, "sealscope: interrupted; what was read until then is printed\n") << command;
+        EXPECT_EQ(some.output, sealscope({command, "--json", capture}).output) << command;
+        EXPECT_EQ(nothing.status, 1) << command;
+        EXPECT_EQ(nothing.errors, "sealscope: standard input: was not read before the interruption\n") << command;
     }
 }
 

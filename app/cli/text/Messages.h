@@ -12,7 +12,7 @@ void complain(std::string_view sentence);
 void holdMessages();
 void releaseMessages();
 
-/// Whether `remark` says anything; `--quiet` turns it off.
+/// From now on `remark` says nothing, as `--quiet` wants it.
 void silenceRemarks();
 /// As `complain`, for what the user may want to know and can do without.
 void remark(std::string_view sentence);
