@@ -62,9 +62,13 @@ std::map<std::string, std::string> intrusion(std::vector<std::string> arguments,
     const ProgramOptions options{.environment = {"SEALSCOPE_INTRUDER_TARGET=" + target.path().string()}};
     ProgramResult result;
     if (arguments.front() == "live") {
-        // No packet comes; the intruder acts when Ctrl-C ends the program.
-        arguments.insert(arguments.begin(), {"timeout", "--signal=INT", "1", SEALSCOPE_PROGRAM});
-        result = runProgram(arguments, options);
+        // No packet comes; the intruder acts when Ctrl-C ends the program. A busy machine may not have let it begin by then.
+        for (const char* seconds : {"1", "5"}) {
+            std::vector<std::string> limited{"timeout", "--signal=INT", seconds, SEALSCOPE_PROGRAM};
+            limited.insert(limited.end(), arguments.begin(), arguments.end());
+            result = runProgram(limited, options);
+            if (!result.errors.empty()) break;
+        }
     } else {
         result = sealscope(arguments, options);
     }
