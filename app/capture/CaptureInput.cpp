@@ -21,7 +21,7 @@ namespace {
 
 constexpr std::int64_t mappedWindow = 4 << 20;     // pages let go together
 constexpr std::int64_t windowsInUse = 4;           // behind the reading in order, where others read ahead
-constexpr std::int64_t windowsLetGo = 8;           // together there
+constexpr std::int64_t windowsLetGo = 4;           // together there
 constexpr std::int64_t streamedPiece = 128 << 10;  // read at once; stays in the processor's cache
 constexpr std::int64_t shortestHole = 1 << 20;     // what is skipped and not kept; less is not worth the trouble
 constexpr int lookAgainAtPipeAfter = 100;          // milliseconds, while a pipe holds nothing

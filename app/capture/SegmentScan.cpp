@@ -2,6 +2,7 @@
 #include "app/capture/SegmentScan.h"
 
 #include "app/capture/FileAhead.h"
+#include "platform/WorkerThreads.h"
 
 #include <algorithm>
 #include <atomic>
@@ -13,7 +14,9 @@ namespace sealscope {
 
 namespace {
 
-constexpr std::int64_t leastPieces = 8;
+constexpr std::int64_t leastPieces = 4;
+// On their way at once: what is made of packets can take five times their bytes.
+constexpr std::int64_t mostBytes = 8 << 20, leastPieceSize = 1 << 19;
 constexpr int mostTries = 16;  // of places in one piece
 
 }  // namespace
@@ -76,6 +79,7 @@ std::optional<FileAhead> SegmentScan::fileAhead()
     if (hasOneProcessor_) return std::nullopt;
     auto file = capture_.ahead();
     if (!file || file->size - place.offset < leastAhead) return std::nullopt;
+    pieceSize_ = std::min(pieceSize_, std::max(leastPieceSize, mostBytes / static_cast<std::int64_t>(slotCount())));
     return file;
 }
 
@@ -83,6 +87,7 @@ std::size_t SegmentScan::slotCount() const { return 2 * static_cast<std::size_t>
 
 bool SegmentScan::readAhead(const FileAhead& file, const Work& work, const Take& take)
 {
+    spreadWorkers();
     std::vector<Slot> slots(slotCount());
     bytesAhead_ = capture_.bytesRead();
     isReadingAhead_ = true;
@@ -98,7 +103,7 @@ bool SegmentScan::readAhead(const FileAhead& file, const Work& work, const Take&
         const std::size_t number = begun++ % slots.size();
         Slot& slot = slots[number];
         slot.isFirst = next == file.offset;
-        slot.from = std::exchange(next, std::min(next + pieceSize_, file.size));
+        slot.from = std::exchange(next, std::min(next - next % pieceSize_ + pieceSize_, file.size));
         slot.to = next;
         return number;
     };
@@ -161,9 +166,11 @@ void SegmentScan::settle(const FileAhead& file, Slot& slot)
     SegmentBatch& batch = slot.batch;
     const std::int64_t before = capture_.extent().packets;
     const PacketStretch stretch = std::exchange(slot.stretch, {});
-    if (capture_.accept(file, stretch)) {
+    const bool isAccepted = capture_.accept(file, stretch);
+    if (!isAccepted) batch.clear();
+    batch.packetsBefore_ = before;
+    if (isAccepted) {
         packetsAhead_ += stretch.packets;
-        for (std::size_t i = 0; i < batch.count_; ++i) batch.segments_[i].packetNumber += before;
         notesAhead_ += slot.decoder.notes();
         const auto untilFragments = static_cast<std::ptrdiff_t>(batch.count_);
         for (CapturedPacket& packet : slot.fragments) {
@@ -174,8 +181,6 @@ void SegmentScan::settle(const FileAhead& file, Slot& slot)
         const auto first = batch.segments_.begin();
         std::ranges::inplace_merge(first, first + untilFragments, first + static_cast<std::ptrdiff_t>(batch.count_), {},
                                    &CapturedSegment::packetNumber);
-    } else {
-        batch.clear();
     }
     slot.fragments.clear();
     slot.decoder.forgetNotes();
@@ -189,7 +194,7 @@ void SegmentScan::decodeInOrder(SegmentBatch& batch)
 {
     CapturedSegment& segment = batch.room();
     if (!decoder_.decode(packet_, segment.tcp)) return;
-    segment.packetNumber = packet_.number;
+    segment.packetNumber = packet_.number - batch.packetsBefore_;
     segment.time = packet_.time;
     ++batch.count_;
     const DataView payload = segment.tcp.payload, frame = packet_.frame;

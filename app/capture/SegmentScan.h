@@ -17,7 +17,7 @@ namespace sealscope {
 
 /// A TCP segment and the packet that brought it.
 struct CapturedSegment {
-    std::int64_t packetNumber = 0;
+    std::int64_t packetNumber = 0;  ///< counted from 1; in a batch, from its first packet
     CaptureTime time;
     TCPPacket tcp;
 };
@@ -28,6 +28,8 @@ public:
     const CapturedSegment* begin() const { return segments_.data(); }
     const CapturedSegment* end() const { return segments_.data() + count_; }
     std::size_t size() const { return count_; }
+    /// Packets of the capture before its first: known only when its segments have been counted.
+    std::int64_t packetsBefore() const { return packetsBefore_; }
 
 private:
     friend class SegmentScan;
@@ -39,11 +41,13 @@ private:
     void clear()
     {
         count_ = 0;
+        packetsBefore_ = 0;
         kept_.clear();
     }
 
     std::vector<CapturedSegment> segments_;  // stays as long as it once was
     std::size_t count_ = 0;
+    std::int64_t packetsBefore_ = 0;
     std::deque<Data> kept_;  // payloads that lie in no file
 };
 
@@ -54,7 +58,7 @@ public:
     enum class Processors { one, all };
 
     /// With `keepIn`, which is the capture, datagrams put together from fragments are kept there. `pieceSize`: bytes of a file that one
-    /// thread reads at a time, by default so many that what is made of them fits the caches; reading ahead begins with eight pieces.
+    /// thread reads at a time, fewer where there are many; reading ahead begins with four pieces.
     SegmentScan(Capture& capture, Capture* keepIn, Processors processors, std::int64_t pieceSize = usualPieceSize)
         : capture_(capture), decoder_(keepIn), processors_(processors), pieceSize_(pieceSize)
     {}
@@ -95,7 +99,8 @@ public:
     SegmentScan& operator=(const SegmentScan&) = delete;
 
 private:
-    static constexpr std::int64_t usualPieceSize = 1 << 19;
+    // What is made of it fits the caches of a processor. In smaller pieces threads meet more often, in the kernel's page tables too.
+    static constexpr std::int64_t usualPieceSize = 1 << 20;
 
     struct Slot;
     using Work = std::function<void(std::size_t, const SegmentBatch&)>;

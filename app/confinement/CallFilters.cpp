@@ -164,6 +164,8 @@ void addThreads(Filter& filter)
     // The arguments of clone3 lie in memory, where no filter sees them. It is not on the list, so clone is called.
     filter.allow(SCMP_SYS(clone), {SCMP_A0(SCMP_CMP_MASKED_EQ, CLONE_THREAD, CLONE_THREAD)});
     filter.add(refuse, SCMP_SYS(clone), {SCMP_A0(SCMP_CMP_MASKED_EQ, CLONE_THREAD, 0)});
+    // A thread may choose its own processors.
+    filter.allow(SCMP_SYS(sched_setaffinity), {SCMP_A0(SCMP_CMP_EQ, 0)});
     // A process may signal itself, as abort does.
     filter.allow(SCMP_SYS(tgkill), {SCMP_A0(SCMP_CMP_EQ, ownProcess)});
 }

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "platform/WorkerThreads.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
@@ -28,6 +30,8 @@ void inOrder(const std::vector<Item>& items, const Weight& weight, const Work& w
         std::size_t last = 0;
         std::vector<Result> results;
     };
+    constexpr std::size_t fewItems = 64;
+    if (items.size() > fewItems) spreadWorkers();
     constexpr std::int64_t packWeight = 1'000'000;
     constexpr std::size_t packSize = 256;
     std::size_t next = 0;

@@ -33,7 +33,7 @@ public:
         scan.run(worker, [&](const auto&, const SegmentBatch& batch) {
             for (const CapturedSegment& segment : batch)
                 if (!options.admits || options.admits(scan.packet(), segment.tcp))
-                    connections->add(segment.tcp, segment.packetNumber, segment.time.value());
+                    connections->add(segment.tcp, batch.packetsBefore() + segment.packetNumber, segment.time.value());
             if (scan.packetCount() < nextProgress) return true;
             nextProgress = scan.packetCount() + packetsPerProgress;
             if (options.progress) options.progress(scan.bytesRead(), capture_->bytesTotal());

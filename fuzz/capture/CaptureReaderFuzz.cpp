@@ -128,6 +128,7 @@ Scanned scan(const std::string& name, SegmentScan::Processors processors)
     scan.run(worker, [&](const auto&, const SegmentBatch& batch) {
         for (const CapturedSegment& segment : batch) {
             scanned.segments.push_back(segment);
+            scanned.segments.back().packetNumber += batch.packetsBefore();
             scanned.payloads.emplace_back(segment.tcp.payload.begin(), segment.tcp.payload.end());
         }
         return true;

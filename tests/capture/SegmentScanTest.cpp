@@ -32,9 +32,9 @@ Scanned scan(const std::vector<std::string>& files, SegmentScan::Processors proc
         for (const CapturedSegment& segment : batch) {
             const TCPPacket& tcp = segment.tcp;
             EXPECT_EQ((*capture)->bytes(tcp.payloadAddress, tcp.payload.size()), tcp.payload);
-            scanned.segments.push_back(fmt::format("{} {} {} > {} {} {:02x} {} {}", segment.packetNumber, segment.time.value(),
-                                                   tcp.source.text(), tcp.destination.text(), tcp.sequenceNumber, tcp.flags,
-                                                   tcp.payloadLength, hexText(tcp.payload.sub(0, 20))));
+            scanned.segments.push_back(fmt::format("{} {} {} > {} {} {:02x} {} {}", batch.packetsBefore() + segment.packetNumber,
+                                                   segment.time.value(), tcp.source.text(), tcp.destination.text(), tcp.sequenceNumber,
+                                                   tcp.flags, tcp.payloadLength, hexText(tcp.payload.sub(0, 20))));
         }
         return std::ssize(scanned.segments) < mostSegments;
     });

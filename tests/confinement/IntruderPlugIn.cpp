@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <mutex>
+#include <sched.h>
 #include <spawn.h>
 #include <string>
 #include <sys/ioctl.h>
@@ -95,6 +96,12 @@ constexpr Attempt attempts[] = {
     {"local socket", [] { return makesSocket(AF_UNIX, SOCK_STREAM); }},
     {"signal", [] { return kill(getppid(), 0) == 0; }},
     {"trace", [] { return ptrace(PTRACE_SEIZE, getppid(), nullptr, nullptr) == 0; }},
+    {"processors of another",
+     [] {
+         cpu_set_t processors;
+         return sched_getaffinity(0, sizeof processors, &processors) == 0 &&
+                sched_setaffinity(getppid(), sizeof processors, &processors) == 0;
+     }},
     {"executable memory", [] { return makesExecutable(PROT_READ | PROT_WRITE | PROT_EXEC); }},
     {"memory made executable", [] { return makesExecutable(PROT_READ | PROT_WRITE); }},
     {"limit", raisesLimit},

@@ -37,7 +37,9 @@ public:
         if (!isMeasuring_) publish();
         reader.readAll([&] { return BatchRows(*this); },
                        [&](BatchRows& made, const SegmentBatch& batch) {
-                           if (made.before && *made.before == format_->layout()) {
+                           if (!made.before) {
+                               for (PacketRow& row : made.rows) append(made.text, row);
+                           } else if (*made.before == format_->layout()) {
                                format_->adopt(made.format->layout());
                            } else {
                                made.text.clear();
@@ -54,14 +56,15 @@ public:
     }
 
 private:
-    /// The rows of a batch as text, when the layout is known. In lines of the caches of its own.
+    /// The rows of a batch, as text when the layout is known. In lines of the caches of its own.
     struct alignas(64) BatchRows {
         explicit BatchRows(RowPrinter& owner) : printer(owner), format(owner.format_->clone()) {}
         void operator()(const SegmentBatch& batch)
         {
             text.clear();
+            rows.clear();
             before = printer.published();
-            if (!before) return;
+            if (!before) return forEachRow(batch, [&](PacketRow& made) { rows.push_back(std::move(made)); });
             format->adopt(*before);
             forEachRow(batch, [&](const PacketRow& made) { format->append(text, made); });
         }
@@ -71,7 +74,9 @@ private:
             constexpr std::ptrdiff_t ahead = 8;  // what was read to find the segments has left the first caches since
             for (const CapturedSegment& segment : batch) {
                 if (batch.end() - &segment > ahead) __builtin_prefetch((&segment + ahead)->tcp.payload.data());
-                if (makeRow(printer.analyzers_, segment, row)) tell(row);
+                if (!makeRow(printer.analyzers_, segment, row)) continue;
+                row.number += batch.packetsBefore();
+                tell(row);
             }
         }
 
@@ -80,6 +85,7 @@ private:
         PacketRow row;
         std::optional<PacketRowFormat::Layout> before;
         std::string text;
+        std::vector<PacketRow> rows;  ///< while there is no layout
     };
 
     void append(std::string& text, PacketRow& row)
