@@ -14,9 +14,9 @@ namespace sealscope {
 
 namespace {
 
-constexpr std::int64_t leastPieces = 4;
-// On their way at once: what is made of packets can take five times their bytes.
-constexpr std::int64_t mostBytes = 8 << 20, leastPieceSize = 1 << 19;
+constexpr std::int64_t leastPieces = 2;
+// What is made of so many fits the caches of a processor. With fewer threads meet more often, in the kernel's page tables too.
+constexpr std::int64_t packetsOfPiece = 1'536;
 constexpr int mostTries = 16;  // of places in one piece
 
 }  // namespace
@@ -79,7 +79,6 @@ std::optional<FileAhead> SegmentScan::fileAhead()
     if (hasOneProcessor_) return std::nullopt;
     auto file = capture_.ahead();
     if (!file || file->size - place.offset < leastAhead) return std::nullopt;
-    pieceSize_ = std::min(pieceSize_, std::max(leastPieceSize, mostBytes / static_cast<std::int64_t>(slotCount())));
     return file;
 }
 
@@ -103,7 +102,9 @@ bool SegmentScan::readAhead(const FileAhead& file, const Work& work, const Take&
         const std::size_t number = begun++ % slots.size();
         Slot& slot = slots[number];
         slot.isFirst = next == file.offset;
-        slot.from = std::exchange(next, std::min(next - next % pieceSize_ + pieceSize_, file.size));
+        const std::int64_t usualPacket = bytesAhead_.load(std::memory_order_relaxed) / std::max<std::int64_t>(packetCount(), 1);
+        const std::int64_t piece = std::clamp(packetsOfPiece * usualPacket, pieceSize_ / 8, pieceSize_);
+        slot.from = std::exchange(next, std::min(next + piece, file.size));
         slot.to = next;
         return number;
     };

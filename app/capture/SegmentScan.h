@@ -57,8 +57,8 @@ class SegmentScan {
 public:
     enum class Processors { one, all };
 
-    /// With `keepIn`, which is the capture, datagrams put together from fragments are kept there. `pieceSize`: bytes of a file that one
-    /// thread reads at a time, fewer where there are many; reading ahead begins with four pieces.
+    /// With `keepIn`, which is the capture, datagrams put together from fragments are kept there. `pieceSize`: most bytes of a file that
+    /// one thread reads at a time, fewer where packets are short; reading ahead begins with two such pieces.
     SegmentScan(Capture& capture, Capture* keepIn, Processors processors, std::int64_t pieceSize = usualPieceSize)
         : capture_(capture), decoder_(keepIn), processors_(processors), pieceSize_(pieceSize)
     {}
@@ -99,8 +99,7 @@ public:
     SegmentScan& operator=(const SegmentScan&) = delete;
 
 private:
-    // What is made of it fits the caches of a processor. In smaller pieces threads meet more often, in the kernel's page tables too.
-    static constexpr std::int64_t usualPieceSize = 1 << 20;
+    static constexpr std::int64_t usualPieceSize = 2 << 20;
 
     struct Slot;
     using Work = std::function<void(std::size_t, const SegmentBatch&)>;
