@@ -1,60 +1,32 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/WorkerThreads.h"
 
-#include <atomic>
 #include <oneapi/tbb/task_arena.h>
-#include <oneapi/tbb/task_scheduler_observer.h>
 #include <sched.h>
+#include <thread>
 
 namespace sealscope {
 
 namespace {
 
-constexpr int timesGivenWay = 4;  // to workers that start where this thread is; each leaves as soon as it runs
-
-/// Keeps the workers that help a thread off the processor that it is on, for as long as they do.
-class WorkersElsewhere final : private oneapi::tbb::task_scheduler_observer {
-public:
-    WorkersElsewhere()
-    {
-        noteProcessor();
-        CPU_ZERO(&allowed_);
-        if (sched_getaffinity(0, sizeof allowed_, &allowed_) != 0 || CPU_COUNT(&allowed_) < 2) return;
-        observe(true);
-        oneapi::tbb::this_task_arena::enqueue([] {});
-        for (int i = 0; i < timesGivenWay; ++i) sched_yield();
-    }
-    ~WorkersElsewhere() override { observe(false); }
-
-    void noteProcessor() { processor_ = sched_getcpu(); }
-
-    WorkersElsewhere(const WorkersElsewhere&) = delete;
-    WorkersElsewhere& operator=(const WorkersElsewhere&) = delete;
-
-private:
-    void on_scheduler_entry(bool isWorker) override
-    {
-        cpu_set_t others = allowed_;
-        CPU_CLR(processor_, &others);
-        if (isWorker && CPU_COUNT(&others) > 0) sched_setaffinity(0, sizeof others, &others);
-    }
-    void on_scheduler_exit(bool isWorker) override
-    {
-        if (isWorker) sched_setaffinity(0, sizeof allowed_, &allowed_);
-    }
-
-    cpu_set_t allowed_;
-    std::atomic<int> processor_;
-};
+constexpr int timesGivenWay = 4;  // to workers that begin where the caller is; each leaves as soon as it runs
 
 }  // namespace
 
 void spreadWorkers()
 {
-    // A worker has its place already.
-    if (oneapi::tbb::this_task_arena::current_thread_index() > 0) return;
-    thread_local WorkersElsewhere workers;
-    workers.noteProcessor();
+    cpu_set_t allowed;
+    CPU_ZERO(&allowed);
+    if (sched_getaffinity(0, sizeof allowed, &allowed) != 0 || CPU_COUNT(&allowed) < 2) return;
+    const auto leave = [allowed, caller = std::this_thread::get_id(), from = sched_getcpu()] {
+        if (std::this_thread::get_id() == caller || sched_getcpu() != from) return;
+        // Once it is elsewhere a thread may go where it likes.
+        cpu_set_t others = allowed;
+        CPU_CLR(from, &others);
+        if (sched_setaffinity(0, sizeof others, &others) == 0) sched_setaffinity(0, sizeof allowed, &allowed);
+    };
+    for (int worker = 1; worker < oneapi::tbb::this_task_arena::max_concurrency(); ++worker) oneapi::tbb::this_task_arena::enqueue(leave);
+    for (int i = 0; i < timesGivenWay; ++i) sched_yield();
 }
 
 }  // namespace sealscope
