@@ -7,6 +7,7 @@ namespace sealscope {
 
 const std::string& EndpointTexts::text(const TCPStreamKey::Endpoint& endpoint)
 {
+    if (entries_.empty()) entries_.resize(count);
     std::uint64_t halves[2];
     std::memcpy(halves, endpoint.address.data(), sizeof halves);
     const std::uint64_t mixed = (halves[0] ^ halves[1] * 0x9E3779B97F4A7C15 ^ endpoint.port) * 0xD6E8FEB86659FD93;

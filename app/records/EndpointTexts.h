@@ -11,7 +11,6 @@ namespace sealscope {
 /// The texts of endpoints, remembered for the further rows of the same connection. Not thread-safe.
 class EndpointTexts {
 public:
-    EndpointTexts() : entries_(count) {}
     /// "192.0.2.1:443"; valid until the next call.
     const std::string& text(const TCPStreamKey::Endpoint& endpoint);
 
@@ -20,8 +19,8 @@ private:
         TCPStreamKey::Endpoint endpoint;
         std::string text;  ///< empty: not used yet
     };
-    static constexpr std::size_t count = 4'096;
-    std::vector<Entry> entries_;
+    static constexpr std::size_t count = 1'024;
+    std::vector<Entry> entries_;  ///< none before they are used: each thread that makes rows has some
 };
 
 }  // namespace sealscope
