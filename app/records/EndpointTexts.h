@@ -19,7 +19,7 @@ private:
         TCPStreamKey::Endpoint endpoint;
         std::string text;  ///< empty: not used yet
     };
-    static constexpr std::size_t count = 1'024;
+    static constexpr std::size_t count = 2'048;
     std::vector<Entry> entries_;  ///< none before they are used: each thread that makes rows has some
 };
 
