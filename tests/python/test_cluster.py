@@ -321,11 +321,12 @@ def test_secrets_pass_the_scheduler_by(running, ring, whole, keys, tmp_path):
     carried = bytes(_core.Piece(str(carrying), "", "full").secrets())
     assert carried
     secrets = {line.split()[2] for line in keys.read_bytes().splitlines() + carried.splitlines() if len(line.split()) == 3}
-    while_working = Once("working", 20, lambda: seen.update(memory_has(running.scheduler, [*secrets, ring[3].name.encode()])))
+    names = {path.name.encode() for path in ring}
+    while_working = Once("working", 20, lambda: seen.update(memory_has(running.scheduler, secrets | names)))
     seen = set()
     with cluster.streams(files, client=running.address, keylog=keys, progress=while_working) as rows:
         assert list(rows.lines()) == command("streams", *files, *with_keys([keys]))
-        assert seen == {ring[3].name.encode()}
+        assert seen and seen <= names  # of some file or other; what is done it forgets
         assert memory_has(running.scheduler, secrets) == set()
         assert memory_has(running.workers[0], secrets)
 
