@@ -72,11 +72,7 @@ HandshakeParameters parametersOf(const ClientHelloInfo& client, DataView clientB
     if (parameters.suite && parameters.suite->isTLS13 != parameters.isTLS13()) parameters.suite.reset();
     if (parameters.isTLS13()) return parameters;
     if (parameters.version < ssl3 || parameters.version > tls12) parameters.suite.reset();
-    // A server chooses among what it is offered (RFC 5246 §7.4.1.3). Where damage makes a suite with a cipher read as one without, and the
-    // MAC stands behind the blocks, records authenticate all the same: it is over the same bytes.
-    const auto& offered = client.cipherSuites;  // none where the hello was lost
-    const bool mayBeChosen = offered.empty() || std::ranges::find(offered, server.cipherSuite) != offered.end();
-    if (parameters.suite && parameters.suite->protection == RecordProtection::none && !mayBeChosen) parameters.suite.reset();
+    parameters.isSuiteKnown = std::ranges::find(client.cipherSuites, server.cipherSuite) != client.cipherSuites.end();
     parameters.sessionID = sessionIDOf(serverBody);
     const auto ticket = std::ranges::find(client.extensions, sessionTicket, &TLSExtension::extType);
     if (ticket != client.extensions.end()) parameters.ticket = Data(clientBody.sub(ticket->bodyOffset, ticket->length));
@@ -216,7 +212,9 @@ void ReachConnection::settleWithoutHellos()
         parameters_ = std::move(parameters);
         for (const Direction direction : {Direction::serverToClient, Direction::clientToServer}) {
             ReachWalk walk(*this, direction);
-            if (walk.hasKeys() && walk.opensWithin(triedRecords)) return true;
+            if (!walk.hasKeys() || !walk.opensWithin(triedRecords)) continue;
+            parameters_->isSuiteKnown = true;
+            return true;
         }
         parameters_.reset();
         return false;

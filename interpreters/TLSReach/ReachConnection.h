@@ -33,6 +33,7 @@ struct HandshakeParameters {
     bool extendsMasterSecret = false;
     bool compresses = false;
     bool offersEarlyData = false;
+    bool isSuiteKnown = false;  ///< to be the peers': the client offers it, or records have opened that show it
 
     bool isTLS13() const { return version == 0x0304 || version >> 8 == 0x7F; }
 };

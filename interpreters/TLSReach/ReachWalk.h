@@ -95,6 +95,7 @@ private:
     bool tryCandidates(const ProtectedRecord& record, std::uint8_t* target);
     bool spend(const ProtectedRecord& record, std::int64_t openings, std::int64_t extraCost);
     bool attempt(const Candidate& candidate, const ProtectedRecord& record, std::uint8_t* target);
+    bool isOfPeersCipher(const Candidate& candidate);
     void collectCandidates(const ProtectedRecord& record);
     bool addSaid(Epoch epoch, const ProtectedRecord& record);
     void passUnreadable(const Candidate& candidate);
@@ -151,6 +152,7 @@ private:
     std::int64_t trialsLeft_ = 0;  ///< of the record at hand
     std::int64_t mostTried_ = 0;
     std::int64_t authenticEnd_ = -1;  ///< of the record that authenticated last
+    bool isCipherKnown_ = true;       ///< the peers use the one of the suite in the hello
     bool openedData_ = false;
     bool isPadded_ = false;  ///< some record was, of those that can be
     HandshakeAssembler handshake_;

@@ -170,12 +170,12 @@ public:
         const std::int64_t padding = plaintext[size - 1] + 1;
         const std::int64_t macLength = encryptsThenMACs_ ? 0 : mac_.length();
         const std::int64_t length = size - padding - macLength;
-        if (length < 0) return std::nullopt;
-        if (version_ == ssl3) {
-            if (padding > block_) return std::nullopt;
-        } else if (!std::all_of(plaintext + size - padding, plaintext + size, [&](std::uint8_t byte) { return byte == padding - 1; })) {
-            return std::nullopt;
-        }
+        const auto isPadding = [&] {
+            if (version_ == ssl3) return padding <= block_;
+            return std::all_of(plaintext + size - padding, plaintext + size, [&](std::uint8_t byte) { return byte == padding - 1; });
+        };
+        if (length < 0 || !isPadding())
+            return encryptsThenMACs_ ? std::optional(OpenedRecord{record.type(), 0, false, false}) : std::nullopt;
         if (!encryptsThenMACs_ && !mac_.isOf({plaintext + length, macLength}, sequence, record, DataView(plaintext, length)))
             return std::nullopt;
         return OpenedRecord{record.type(), length};

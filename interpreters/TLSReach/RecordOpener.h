@@ -31,6 +31,7 @@ struct OpenedRecord {
     std::uint8_t type = 0;    ///< content type, of TLS 1.3 the one within the protection
     std::int64_t length = 0;  ///< bytes of content
     bool isReadable = true;   ///< false: it authenticates, but not what its first block is decrypted with, and so no content is given
+    bool isOfCipher = true;   ///< false: it authenticates, but what comes out is none of this cipher's, and no content is given either
 };
 
 /// Opens the records that one key of one direction protects. What comes out has been authenticated. Used by one thread at a time.
