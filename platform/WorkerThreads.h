@@ -10,4 +10,4 @@ namespace sealscope SEALSCOPE_API {
 /// it there for 4 to 16 ms: much of the time of work that takes 60.
 void spreadWorkers();
 
-}  // namespace SEALSCOPE_API
+}  // namespace sealscope SEALSCOPE_API

@@ -97,7 +97,7 @@ struct Options {
     std::vector<std::int64_t> streams;  ///< empty for all
     bool noInterpreters = false;
     bool bodies = false;
-    std::int64_t largestBody = std::int64_t{1} << 30;  ///< bytes
+    std::optional<std::int64_t> largestBody;  ///< bytes
     DecryptionReach reach = DecryptionReach::full;
     std::string output;
     std::string pcap;

@@ -32,6 +32,18 @@ ExitStatus complainAboutKeyLogs(const std::vector<std::string>& files)
 
 }  // namespace
 
+std::shared_ptr<DecodingAllowance> decodingAllowance(const Options& options)
+{
+    constexpr std::int64_t atFirst = std::int64_t{64} << 20;
+    return options.largestBody ? nullptr : std::make_shared<DecodingAllowance>(atFirst);
+}
+
+void allowDecoding(DecodingAllowance* allowance, std::int64_t capturedBytes)
+{
+    constexpr std::int64_t decodedPerByte = 32;
+    if (allowance) allowance->add(decodedPerByte * capturedBytes);
+}
+
 std::unique_ptr<Session> openSession(const CommandContext& context, ExitStatus& status)
 {
     const Options& options = context.options;
@@ -42,6 +54,7 @@ std::unique_ptr<Session> openSession(const CommandContext& context, ExitStatus& 
     }
     catchInterrupts();
     context.confining.begin();
+    const auto allowance = decodingAllowance(options);
     std::unique_ptr<Session> session;
     {
         Progress progress("reading", options.quiet ? Progress::Showing::never : Progress::Showing::onTerminal);
@@ -54,7 +67,8 @@ std::unique_ptr<Session> openSession(const CommandContext& context, ExitStatus& 
                            .privateKeys = *std::move(privateKeys),
                            .plugIns = {.reach = options.reach,
                                        .carried = options.noInterpreters ? CarriedStreams::shownAsBytes : CarriedStreams::interpreted,
-                                       .largestDecodedBody = options.largestBody},
+                                       .largestDecodedBody = options.largestBody.value_or(PlugInOptions().largestDecodedBody),
+                                       .decodingAllowance = allowance},
                            .progress = [&](std::int64_t done, std::int64_t total) { progress.show(done, total); },
                            .stop = interruption()});
         if (!opened) {
@@ -62,6 +76,8 @@ std::unique_ptr<Session> openSession(const CommandContext& context, ExitStatus& 
             return nullptr;
         }
         session = std::move(*opened);
+        for (std::size_t file = 0; file < options.arguments.size(); ++file)
+            allowDecoding(allowance.get(), session->capture().fileBytes(file).size());
     }
     // What was indexed is printed all the same; a further Ctrl-C then ends the printing.
     if (isInterrupted()) catchInterrupts();

@@ -10,6 +10,11 @@
 
 namespace sealscope::cli {
 
+/// What the bodies of a capture may decode to, beside the limit of each: nothing where the user says what that is.
+std::shared_ptr<DecodingAllowance> decodingAllowance(const Options& options);
+/// For so many bytes of the capture.
+void allowDecoding(DecodingAllowance* allowance, std::int64_t capturedBytes);
+
 /// Opens the files of the command line as one session, with the secrets that it names and those inside the capture in
 /// place; says why not when it fails, and sets `status`.
 std::unique_ptr<Session> openSession(const CommandContext& context, ExitStatus& status);

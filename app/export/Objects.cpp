@@ -9,8 +9,8 @@
 #include <algorithm>
 #include <array>
 #include <filesystem>
-#include <iterator>
 #include <fmt/format.h>
+#include <iterator>
 #include <unictype.h>
 #include <unistr.h>
 #include <utility>
@@ -80,7 +80,8 @@ std::string safeFileName(std::string_view name)
 std::string ObjectFolder::freePath(const std::string& name)
 {
     const std::size_t dot = extensionOf(name);
-    for (std::int64_t number = 1;; ++number) {
+    // Those below are taken, and stay so.
+    for (std::int64_t& number = nextNumber_.try_emplace(name, 1).first->second;; ++number) {
         const std::string candidate = number == 1 ? name : fmt::format("{}-{}{}", name.substr(0, dot), number, name.substr(dot));
         std::string path = (fs::path(folder_) / candidate).string();
         std::error_code error;

@@ -12,6 +12,7 @@
 #include <stop_token>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -51,7 +52,8 @@ private:
 
     std::string folder_;
     Existing existing_;
-    std::unordered_set<std::string> used_;  ///< by this run
+    std::unordered_set<std::string> used_;                      ///< by this run
+    std::unordered_map<std::string, std::int64_t> nextNumber_;  ///< of a name that was used already
 };
 
 /// Saves the bodies of what some streams said above any protection, stream by stream in the order given. `told` hears of each, and

@@ -53,12 +53,15 @@ std::optional<DetailRow> decodingRow(const StreamMessage& message)
 
 void writeMembers(JSONLineWriter& json, const StreamMessage& message, BodyMember body)
 {
+    // What is decoded to find out how it ends need not be decoded once more, unless it is too much to be held.
+    constexpr std::int64_t mostDecoded = 1 << 20;
     std::vector<std::uint8_t> decoded;
     std::optional<DetailRow> row;
-    const bool isDecodedHere = body == BodyMember::written && isCoded(message);
+    bool isDecodedHere = body == BodyMember::written && isCoded(message);
     if (isDecodedHere) {
         row = rowOf(message, message.body->forEachPiece([&](DataView piece) {
-            decoded.insert(decoded.end(), piece.begin(), piece.end());
+            isDecodedHere = isDecodedHere && std::ssize(decoded) + piece.size() <= mostDecoded;
+            if (isDecodedHere) decoded.insert(decoded.end(), piece.begin(), piece.end());
             return true;
         }));
     } else {

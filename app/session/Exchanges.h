@@ -2,7 +2,7 @@
 #pragma once
 
 #include "app/session/Session.h"
-#include "host/VELModels/StreamExchange.h"
+#include "host/VELModels/StreamExchanges.h"
 #include "host/VELModels/StreamMessage.h"
 
 #include <cstdint>
@@ -22,10 +22,7 @@ std::optional<StreamInterpretation> applicationInterpretation(const Session& ses
 /// The exchanges of that, one by one. Null where there is none of it.
 std::unique_ptr<StreamExchangeReader> applicationExchanges(const Session& session, const TCPStream& stream);
 
-/// The exchanges of an interpretation, in the order of their times: its pairings, and the replies whose requests the capture
-/// lacks. A handshake is none.
-std::vector<Exchange> exchangesOf(StreamInterpretation interpretation);
-/// The same, to be handed over.
+/// The exchanges of an interpretation, to be handed over.
 std::unique_ptr<StreamExchangeReader> readerOf(StreamInterpretation interpretation);
 
 /// For each message of an interpretation the URL that its body belongs to: its own, or that of the request that it answers.

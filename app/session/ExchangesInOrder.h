@@ -17,14 +17,15 @@
 namespace sealscope {
 
 /// Hands over the exchanges of some streams, which are given in ascending order, by their times. `make(stream, exchange)` runs on
-/// several threads and gives what is kept of an exchange until its turn comes; `take(made)` runs on one at a time, and ends everything
-/// by giving false.
-template <class Make, class Take>
-void exchangesInOrder(const Session& session, const std::vector<std::int64_t>& streams, const Make& make, const Take& take)
+/// several threads and gives what is kept of an exchange until its turn comes, `heldBytes(made)` bytes about; `take(made)` runs on one at
+/// a time, and ends everything by giving false.
+template <class Make, class HeldBytes, class Take>
+void exchangesInOrder(const Session& session, const std::vector<std::int64_t>& streams, const Make& make, const HeldBytes& heldBytes,
+                      const Take& take)
 {
     using Made = decltype(make(std::declval<const TCPStream&>(), std::declval<const Exchange&>()));
     // Of a stream with more of them, those behind are made when their turn comes.
-    constexpr std::size_t madeAtOnce = 1'000;
+    constexpr std::size_t madeAtOnce = 1'000, bytesAtOnce = 4'000'000;
     struct OfStream {
         std::int64_t number = 0;
         TCPStream stream;
@@ -44,13 +45,15 @@ void exchangesInOrder(const Session& session, const std::vector<std::int64_t>& s
         auto reader = applicationExchanges(session, found->stream);
         if (!reader) return found;
         Exchange exchange;
+        std::size_t bytes = 0;
         while (const auto time = reader->nextTime()) {
-            if (found->made.size() == madeAtOnce) {
+            if (found->made.size() == madeAtOnce || bytes >= bytesAtOnce) {
                 found->ahead = std::make_unique<ExchangesAhead>(std::move(reader));
                 break;
             }
             reader->next(exchange);
             found->made.emplace_back(*time, make(found->stream, exchange));
+            bytes += heldBytes(found->made.back().second);
         }
         return found;
     };

@@ -49,7 +49,10 @@ std::vector<StreamFact> SessionPlugIns::facts(const TCPStream& stream) const
     return facts;
 }
 
-StreamContext SessionPlugIns::context() const { return {.largestDecodedBody = options_.largestDecodedBody, .host = this}; }
+StreamContext SessionPlugIns::context() const
+{
+    return {.largestDecodedBody = options_.largestDecodedBody, .decodingAllowance = options_.decodingAllowance, .host = this};
+}
 
 const VELStreamInterpreting* SessionPlugIns::interpreter(const TCPStream& stream) const
 {

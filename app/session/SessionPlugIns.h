@@ -26,6 +26,7 @@ struct PlugInOptions {
     DecryptionReach reach = DecryptionReach::full;
     CarriedStreams carried = CarriedStreams::interpreted;
     std::int64_t largestDecodedBody = std::int64_t{1} << 30;  ///< bytes
+    std::shared_ptr<DecodingAllowance> decodingAllowance;     ///< of all bodies together; null: as much as they like
     std::int64_t mostHeldOfOne = std::int64_t{16} << 20;      ///< bytes of plaintext of a stream that goes on
 };
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "host/VELModels/DecodingAllowance.h"
 #include "host/VELModels/StreamExchange.h"
 #include "host/VELModels/StreamFollowing.h"
 #include "host/VELModels/StreamMessage.h"
@@ -34,6 +35,8 @@ struct StreamContext {
     std::optional<StreamLayer> notOfferedTo;
     /// A body that decodes to more bytes than this ends there, and says so.
     std::int64_t largestDecodedBody = std::int64_t{1} << 30;
+    /// What all bodies may decode to together; null where nothing but the above bounds them.
+    std::shared_ptr<DecodingAllowance> decodingAllowance;
     /// What who opened the stream says in front of each message; a reader of exchanges that adds them itself says so.
     std::vector<DetailRow> rowsInFront;
     /// What the application does for the session that the stream belongs to; null outside of one.

@@ -15,6 +15,13 @@ namespace {
 
 using Direction = TCPSegment::Direction;
 
+/// The context of a body of which so many bytes are wanted.
+StreamContext upTo(std::int64_t bytes, StreamContext context)
+{
+    context.largestDecodedBody = std::min(context.largestDecodedBody, bytes);
+    return context;
+}
+
 // Messages whose fields are shown, and how much of an event stream is read for its events.
 constexpr std::int64_t longestShown = 1 << 16;
 constexpr std::int64_t longestEvents = 1 << 24;
@@ -107,9 +114,8 @@ void BodyMessages::appendCalls(Conversation& conversation, const TCPStream& stre
         if (missing > 0) message.detail.push_back({"Message incomplete", carried.shortfall});
         if (!payload.isEmpty()) {
             // Only messages whose fields are shown are decoded now.
-            const std::int64_t limit = std::min(context.largestDecodedBody, longestShown);
             if (payload.size() <= longestShown && missing == 0 && (!isCompressed || coding) && !isTrailers) {
-                const MessageBody body(inner, direction_, carried, limit);
+                const MessageBody body(inner, direction_, carried, upTo(longestShown, context));
                 std::vector<std::uint8_t> bytes;
                 const auto ending = body.forEachPiece([&](DataView piece) {
                     bytes.insert(bytes.end(), piece.begin(), piece.end());
@@ -121,8 +127,7 @@ void BodyMessages::appendCalls(Conversation& conversation, const TCPStream& stre
                     message.detail.push_back({"Fields unknown", ending.reason});
             }
             if (isCompressed && !coding) message.detail.push_back({"Fields unknown", "the coding " + encoding_ + " is not known"});
-            message.body =
-                StreamBody(std::make_shared<const MessageBody>(inner, direction_, std::move(carried), context.largestDecodedBody));
+            message.body = StreamBody(std::make_shared<const MessageBody>(inner, direction_, std::move(carried), context));
             message.bodyHint = isTrailers ? StreamBodyHint::text(TextEncoding::utf8) : StreamBodyHint::binary();
         }
         HTTPMessages::locate(message, inner, {offset, payload.upper}, {});
@@ -138,7 +143,7 @@ void BodyMessages::appendEvents(Conversation& conversation, const TCPStream& str
     const TCPStream inner = CarriedStream::inside(stream, isClient ? body_.ranges : ByteRanges(), isClient ? ByteRanges() : body_.ranges);
     const CarriedPlaces places(body_.ranges);
     const bool isCoded = !body_.codings.empty();
-    const MessageBody body(stream, direction_, body_, std::min(context.largestDecodedBody, longestEvents));
+    const MessageBody body(stream, direction_, body_, upTo(longestEvents, context));
 
     std::string line;
     Event event;

@@ -8,6 +8,7 @@
 #include <array>
 #include <brotli/decode.h>
 #include <fmt/format.h>
+#include <utility>
 #include <zlib.h>
 #include <zstd.h>
 
@@ -196,7 +197,8 @@ std::optional<ContentCoding> contentCodingNamed(std::string_view name)
     return std::nullopt;
 }
 
-ContentDecoder::ContentDecoder(const std::vector<ContentCoding>& codings, std::int64_t limit) : made_(codings.size()), limit_(limit)
+ContentDecoder::ContentDecoder(const std::vector<ContentCoding>& codings, std::int64_t limit, Allow allowed)
+    : made_(codings.size()), limit_(limit), allowed_(std::move(allowed))
 {
     for (auto coding = codings.rbegin(); coding != codings.rend(); ++coding) stages_.push_back(stageFor(*coding));
 }
@@ -223,11 +225,14 @@ bool ContentDecoder::pushInto(std::size_t index, DataView bytes, const StreamBod
         return false;
     stage.hasInput = true;
     stage.state = stage.push(bytes, [&](DataView decoded) {
-        const DataView allowed = decoded.sub(0, limit_ - made_[index]);
+        const DataView belowLimit = decoded.sub(0, limit_ - made_[index]);
+        const DataView allowed = allowed_ ? belowLimit.sub(0, allowed_(madeByAll_, belowLimit.size())) : belowLimit;
         made_[index] += allowed.size();
+        madeByAll_ += allowed.size();
         if (!allowed.isEmpty() && !pushInto(index + 1, allowed, take)) return false;
         if (allowed.size() == decoded.size()) return true;
-        failure_ = fmt::format("it decodes to more than the limit of {}", byteCountText(limit_));
+        failure_ = allowed.size() < belowLimit.size() ? std::string(decodingUsedUpText)
+                                                      : fmt::format("it decodes to more than the limit of {}", byteCountText(limit_));
         return false;
     });
     if (stage.state == Stage::State::damaged && failure_.empty())

@@ -4,6 +4,7 @@
 #include "host/VELModels/StreamBody.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -22,9 +23,11 @@ std::optional<ContentCoding> contentCodingNamed(std::string_view name);
 /// Undoes codings on bytes that come front to back. Not thread-safe.
 class ContentDecoder {
 public:
+    /// How many of so many bytes that decoding makes are allowed, behind those that it has made: made, count.
+    using Allow = std::function<std::int64_t(std::int64_t, std::int64_t)>;
     /// `codings` in the order in which they were applied. Neither the result nor what lies between two of them gets longer than
-    /// `limit` bytes.
-    ContentDecoder(const std::vector<ContentCoding>& codings, std::int64_t limit);
+    /// `limit` bytes, nor all of it together than is `allowed`.
+    ContentDecoder(const std::vector<ContentCoding>& codings, std::int64_t limit, Allow allowed = nullptr);
     ~ContentDecoder();
 
     /// Decodes further bytes; false when nothing more is wanted: the data has ended or is damaged, or `take` gave false.
@@ -42,6 +45,8 @@ private:
     std::vector<std::unique_ptr<Stage>> stages_;  ///< in the order of decoding
     std::vector<std::int64_t> made_;              ///< bytes out of each
     std::int64_t limit_;
+    Allow allowed_;
+    std::int64_t madeByAll_ = 0;
     std::int64_t decodedBytes_ = 0;
     std::string failure_;
     bool isStopped_ = false;  ///< by who takes the bytes

@@ -170,9 +170,7 @@ void HARExporter::writeEntry(const ExportedStream& stream, const StreamMessage* 
             object.pop_back();
             write((message == webSocketMessages.front() ? "" : ",") + object + ",\"data\":\"");
             if (message->body) {
-                const Data bytes = message->body->bytes();
-                const bool isTextMessage = HTTPMessages::number(*message, "websocketOpcode") == 1;
-                write(isTextMessage ? escaped(utf8::repaired(bytes)) : base64(bytes));
+                writeBody(*message->body, HTTPMessages::number(*message, "websocketOpcode") == 1 ? Form::utf8 : Form::base64);
             }
             write("\"}");
         }
@@ -184,29 +182,37 @@ void HARExporter::writeEntry(const ExportedStream& stream, const StreamMessage* 
 std::int64_t HARExporter::writeText(const StreamMessage& message, std::string_view encodingKey)
 {
     const bool isWords = isText(message);
-    const bool isLatin1 = isWords && message.bodyHint->encoding == TextEncoding::latin1;
+    const Form form = !isWords ? Form::base64 : message.bodyHint->encoding == TextEncoding::latin1 ? Form::latin1 : Form::utf8;
+    write("\"text\":\"");
+    const auto [length, ending] = writeBody(*message.body, form);
+    write("\"");
+    if (!isWords) write(",\"" + std::string(encodingKey) + "\":\"base64\"");
+    if (!ending.isComplete) write(",\"comment\":" + text(ending.reason));
+    return length;
+}
+
+std::pair<std::int64_t, StreamBody::Ending> HARExporter::writeBody(const StreamBody& body, Form form)
+{
     std::int64_t length = 0;
     std::vector<std::uint8_t> held;
-    const auto put = [&](DataView bytes) { write(!isWords ? base64(bytes) : escaped(isLatin1 ? latin1(bytes) : utf8::repaired(bytes))); };
-    write("\"text\":\"");
-    const auto ending = message.body->forEachPiece([&](DataView piece) {
+    const auto put = [&](DataView bytes) {
+        write(form == Form::base64 ? base64(bytes) : escaped(form == Form::latin1 ? latin1(bytes) : utf8::repaired(bytes)));
+    };
+    const auto ending = body.forEachPiece([&](DataView piece) {
         length += piece.size();
         while (!piece.isEmpty() && !isStopped_) {
             const DataView part = piece.sub(0, pieceSize - std::ssize(held));
             held.insert(held.end(), part.begin(), part.end());
             piece = piece.from(part.size());
             if (std::ssize(held) < pieceSize) break;
-            const std::int64_t kept = isWords && !isLatin1 ? cutScalar(held) : 0;
+            const std::int64_t kept = form == Form::utf8 ? cutScalar(held) : 0;
             put(DataView(held).sub(0, std::ssize(held) - kept));
             held.erase(held.begin(), held.end() - kept);
         }
         return !isStopped_;
     });
     put(held);
-    write("\"");
-    if (!isWords) write(",\"" + std::string(encodingKey) + "\":\"base64\"");
-    if (!ending.isComplete) write(",\"comment\":" + text(ending.reason));
-    return length;
+    return {length, ending};
 }
 
 void HARExporter::writeRequest(const StreamMessage* request)

@@ -4,6 +4,7 @@
 #include "host/VELModels/VELExporting.h"
 #include "interpreters/HTTP/HARValues.h"
 
+#include <utility>
 #include <vector>
 
 namespace sealscope {
@@ -27,6 +28,9 @@ private:
     void writeReply(const StreamMessage* reply);
     /// `"text":"…"` and what goes with it, of a body; its length.
     std::int64_t writeText(const StreamMessage& message, std::string_view encodingKey);
+    enum class Form : std::uint8_t { base64, latin1, utf8 };
+    /// What stands between its quotes; its length, and how it ends.
+    std::pair<std::int64_t, StreamBody::Ending> writeBody(const StreamBody& body, Form form);
     void write(std::string_view text);
 
     const Write* write_ = nullptr;

@@ -10,14 +10,17 @@ namespace sealscope {
 
 namespace {
 
-/// Calls `visit` with name and value of each part that a separator ends.
+/// Calls `visit` with name and value of each part that a separator ends, up to a number that no browser sends. The list as a whole stands
+/// in the archive too.
 template <class Visit> void forEachPair(std::string_view list, char separator, const Visit& visit)
 {
+    int left = 10'000;
     while (!list.empty()) {
         const std::size_t end = std::min(list.find(separator), list.size());
         const std::string_view part = HeaderField::trimmed(list.substr(0, end));
         list.remove_prefix(std::min(end + 1, list.size()));
         if (part.empty()) continue;
+        if (--left < 0) return;
         const std::size_t equals = std::min(part.find('='), part.size());
         visit(HeaderField::trimmed(part.substr(0, equals)), HeaderField::trimmed(part.substr(std::min(equals + 1, part.size()))));
     }
@@ -58,8 +61,9 @@ HARValues::JSON HARValues::requestCookies(const HeaderFields& fields)
     JSON list = JSON::array();
     for (const DetailRow& field : fields)
         if (HeaderField::isNamed(field.name, "cookie"))
-            forEachPair(field.value, ';',
-                        [&](std::string_view name, std::string_view value) { list.push_back({{"name", name}, {"value", value}}); });
+            forEachPair(field.value, ';', [&](std::string_view name, std::string_view value) {
+                list.push_back({{"name", name}, {"value", value}});
+            });
     return list;
 }
 

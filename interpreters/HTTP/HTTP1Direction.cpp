@@ -81,8 +81,7 @@ void HTTP1Direction::skip(std::int64_t to, std::string_view what)
     StreamMessage shown{
         .direction = direction_, .kind = StreamMessageKind::data, .summary = fmt::format("{} {}", byteCountText(range.size()), what)};
     shown.bodyHint = StreamBodyHint::binary();
-    shown.body =
-        StreamBody(std::make_shared<const MessageBody>(stream_, direction_, CarriedBody{.ranges = range}, context_.largestDecodedBody));
+    shown.body = StreamBody(std::make_shared<const MessageBody>(stream_, direction_, CarriedBody{.ranges = range}, context_));
     shown.attributes = {{"encodedBytes", range.size()}};
     HTTPMessages::locate(shown, stream_, range, {});
     others_.push_back(std::move(shown));

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "interpreters/HTTP/HTTP1Interpreter.h"
 
+#include "host/VELModels/StreamExchanges.h"
 #include "interpreters/HTTP/BodyMessages.h"
 #include "interpreters/HTTP/Carried.h"
 #include "interpreters/HTTP/Conversation.h"
@@ -9,6 +10,7 @@
 #include <algorithm>
 #include <iterator>
 #include <limits>
+#include <map>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -57,12 +59,15 @@ std::optional<Direction> asker(const TCPStream& stream)
     return std::nullopt;
 }
 
+/// What is told of a connection: all of it, or requests and replies alone.
+enum class Told : std::uint8_t { everything, exchanges };
+
 /// Reads both directions side by side: how a reply is framed depends on its request, and what follows a request may depend on
 /// its reply.
 class HTTP1Reading {
 public:
-    HTTP1Reading(const TCPStream& stream, const StreamContext& context, Direction asking)
-        : stream_(stream), context_(context), requests_(stream, asking, Kind::request, context),
+    HTTP1Reading(const TCPStream& stream, const StreamContext& context, Direction asking, Told told = Told::everything)
+        : stream_(stream), context_(context), told_(told), requests_(stream, asking, Kind::request, context),
           replies_(stream, opposite(asking), Kind::reply, context)
     {}
 
@@ -75,15 +80,27 @@ public:
         if (!isSwitched_) readReplies();
         if (inner_) followInside(extent);
         if (isGrowing_) return takeFinished();
-        if (!isSwitched_) {
-            while (readRequest()) {}
-            if (pausedAt_) switchUnanswered();
-        }
+        if (!isSwitched_) readUnanswered();
         for (Asked& asked : asked_)
             if (!asked.isAnswered) conversation_.pair(asked.position, std::nullopt);
         addOthers(requests_);
         addOthers(replies_);
         return conversation_.finish();
+    }
+
+    /// What is complete of a stream that is whole once about so many messages more were read; nothing when there are no more.
+    std::optional<StreamInterpretation> readSome(std::int64_t messages)
+    {
+        if (isOver_) return std::nullopt;
+        mostAtOnce_ = messages;
+        if (!isSwitched_) readReplies();
+        if (!isSwitched_ && hasRoom()) {
+            readUnanswered();
+            answered_ = pausedAt_.value_or(asked_.size());
+        }
+        isOver_ = isSwitched_ || hasRoom();
+        if (isOver_) answered_ = asked_.size();
+        return takeFinished();
     }
 
     /// Where the bytes of a direction begin that are not done with.
@@ -121,8 +138,11 @@ private:
         return conversation_.takeAllBut(waiting);
     }
 
+    bool hasRoom() const { return conversation_.size() < mostAtOnce_; }
+
     void addOthers(HTTP1Direction& direction)
     {
+        if (told_ == Told::exchanges) return static_cast<void>(direction.takeOthers());
         for (StreamMessage& other : direction.takeOthers()) conversation_.add(std::move(other));
     }
 
@@ -139,11 +159,18 @@ private:
             pausedAt_ = asked_.size();
             upgradeRequest_ = read->message.fields;
         }
-        const auto inside = BodyMessages::in(read->message, read->message.url);
-        asked.position = conversation_.add(HTTPMessages::shown(std::move(read->message), stream_, context_));
-        if (inside) inside->append(conversation_, stream_, context_);
+        asked.position = add(std::move(read->message));
         asked_.push_back(std::move(asked));
         return true;
+    }
+
+    /// Adds a message, and those that its body is made of.
+    std::int64_t add(HTTPMessage message)
+    {
+        const auto inside = told_ == Told::everything ? BodyMessages::in(message, message.url) : std::nullopt;
+        const std::int64_t position = conversation_.add(HTTPMessages::shown(std::move(message), stream_, context_));
+        if (inside) inside->append(conversation_, stream_, context_);
+        return position;
     }
 
     /// The request that the reply in front answers, if it is there; replies come in the order of requests (RFC 9112 §9.3.2).
@@ -166,7 +193,7 @@ private:
 
     void readReplies()
     {
-        while (!conversation_.isFull()) {
+        while (hasRoom() && !conversation_.isFull()) {
             Asked* asked = findRequest();
             if (isGrowing_ && !asked && requests_.isInMessage()) return;  // it may be the one
             auto read = replies_.next(asked ? &asked->message : nullptr);
@@ -180,9 +207,8 @@ private:
             const std::string* const protocol = read->message.status == 101 ? HeaderField::find(fields, "upgrade") : nullptr;
             const bool isAnsweredLater = asked && protocol && HeaderField::isNamed(*protocol, "h2c");
             if (isAnsweredLater) read->message.kind = StreamMessageKind::data;
-            const auto inside = BodyMessages::in(read->message, read->message.url);
-            const std::int64_t position = conversation_.add(HTTPMessages::shown(std::move(read->message), stream_, context_));
-            if (inside) inside->append(conversation_, stream_, context_);
+            if (isInterim && told_ == Told::exchanges) continue;
+            const std::int64_t position = add(std::move(read->message));
             if (isInterim) continue;
             if (isAnsweredLater && isGrowing_) {
                 pausedAt_.reset();
@@ -216,6 +242,7 @@ private:
     {
         isSwitched_ = true;
         const Carried carried = carriedNow(reply);
+        if (told_ == Told::exchanges && carried.isWebSocket()) return;
         if (!isGrowing_) return Carried::append(conversation_, stream_, context_, carried);
         inner_ = carried.follow(context_);
     }
@@ -265,22 +292,35 @@ private:
         return std::nullopt;
     }
 
-    /// A tunnel or an upgrade whose reply the capture lacks: what follows is HTTP, or it was granted.
-    void switchUnanswered()
+    /// Reads the requests behind the last reply, and what an upgrade among them led to.
+    void readUnanswered()
+    {
+        for (;;) {
+            while (hasRoom() && readRequest())
+                if (goesOnUnanswered_) pausedAt_.reset();
+            if (!pausedAt_ || !hasRoom()) return;
+            goesOnUnanswered_ = switchUnanswered();
+            if (!goesOnUnanswered_) return;
+        }
+    }
+
+    /// A tunnel or an upgrade whose reply the capture lacks: what follows is HTTP, or it was granted. Whether it is HTTP.
+    bool switchUnanswered()
     {
         const std::size_t paused = *std::exchange(pausedAt_, std::nullopt);
         const StreamData& data = stream_.data(requests_.direction());
-        if (requests_.offset() == data.size()) return;
+        if (requests_.offset() == data.size()) return false;
         StreamWindow window(data);
-        if (HTTP1Head::isStartLine(window.line(requests_.offset(), longestStartLine).text(), Kind::request)) {
-            while (readRequest()) pausedAt_.reset();
-        } else if (replies_.offset() == stream_.data(replies_.direction()).size()) {
+        if (HTTP1Head::isStartLine(window.line(requests_.offset(), longestStartLine).text(), Kind::request)) return true;
+        if (replies_.offset() == stream_.data(replies_.direction()).size()) {
             switchProtocol(asked_[paused].message.method == "CONNECT" ? HeaderFields() : upgradeRequest_);
         }
+        return false;
     }
 
     const TCPStream& stream_;
     const StreamContext& context_;
+    Told told_;
     HTTP1Direction requests_;
     HTTP1Direction replies_;
     Conversation conversation_;
@@ -291,8 +331,47 @@ private:
     HeaderFields upgradeRequest_;
     bool isSwitched_ = false;
     bool isGrowing_ = false;
+    std::int64_t mostAtOnce_ = std::numeric_limits<std::int64_t>::max();  ///< messages
+    bool goesOnUnanswered_ = false;                                       ///< nobody answers upgrades any more, and requests follow
+    bool isOver_ = false;
     std::unique_ptr<StreamFollowing> inner_;  ///< what follows, of a stream that goes on
     bool isAnsweredInside_ = false;           ///< the request that comes next
+};
+
+/// Makes the exchanges of a connection a few at a time. Replies come in the order of requests, so that little waits for its other half.
+class HTTP1Exchanges final : public StreamExchangeReader {
+public:
+    HTTP1Exchanges(const TCPStream& stream, const StreamContext& context)
+        : stream_(stream), context_(context),
+          reading_(stream_, context_, asker(stream_).value_or(Direction::clientToServer), Told::exchanges)
+    {
+        readAhead();
+    }
+
+    std::optional<double> nextTime() const override { return waiting_.empty() ? std::nullopt : std::optional(waiting_.begin()->first); }
+    void next(StreamExchange& exchange) override
+    {
+        exchange = std::move(waiting_.begin()->second);
+        waiting_.erase(waiting_.begin());
+        readAhead();
+    }
+
+private:
+    /// So many wait at the least, since packets may have been captured in another order than that of their bytes.
+    void readAhead()
+    {
+        constexpr std::size_t reordered = 256;
+        while (waiting_.size() < reordered) {
+            auto some = reading_.readSome(reordered);
+            if (!some) return;
+            for (StreamExchange& exchange : exchangesOf(*std::move(some))) waiting_.emplace(exchange.time(), std::move(exchange));
+        }
+    }
+
+    TCPStream stream_;
+    StreamContext context_;
+    HTTP1Reading reading_;
+    std::multimap<double, StreamExchange> waiting_;
 };
 
 /// Reads a connection that still goes on, and what it changes to.
@@ -335,6 +414,14 @@ StreamInterpretation HTTP1Interpreter::interpret(const TCPStream& stream, const 
     return HTTP1Reading(stream, context, asker(stream).value_or(Direction::clientToServer)).read(StreamExtent::whole);
 }
 
-std::unique_ptr<StreamFollowing> HTTP1Interpreter::follow(const StreamContext& context) { return std::make_unique<HTTP1Following>(context); }
+std::unique_ptr<StreamExchangeReader> HTTP1Interpreter::exchanges(const TCPStream& stream, const StreamContext& context)
+{
+    return std::make_unique<HTTP1Exchanges>(stream, context);
+}
+
+std::unique_ptr<StreamFollowing> HTTP1Interpreter::follow(const StreamContext& context)
+{
+    return std::make_unique<HTTP1Following>(context);
+}
 
 }  // namespace sealscope

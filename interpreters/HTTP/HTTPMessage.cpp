@@ -174,8 +174,7 @@ void HTTPMessages::show(HTTPMessage&& message, const TCPStream& stream, const St
         if (const std::int64_t lost = lostBytes(message.body.ranges, stream, message.direction); lost > 0)
             why.append(why.empty() ? "" : "; ").append("the capture lacks ").append(byteCountText(lost)).append(" of it, shown as zeros");
         if (!why.empty()) message.notes.push_back({"Body incomplete", std::move(why)});
-        shown.body =
-            StreamBody(std::make_shared<const MessageBody>(stream, message.direction, std::move(message.body), context.largestDecodedBody));
+        shown.body = StreamBody(std::make_shared<const MessageBody>(stream, message.direction, std::move(message.body), context));
     } else {
         shown.bodyHint.reset();
         shown.body.reset();

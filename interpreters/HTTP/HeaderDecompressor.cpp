@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <functional>
 #include <nghttp2/nghttp2.h>
 #include <optional>
 
@@ -91,7 +92,18 @@ void HeaderDecompressor::add(std::string_view name, std::string_view value, Bloc
         return;
     }
     ++block.count;
-    block.fields.append(name, value);
+    constexpr std::size_t longValue = 64;
+    if (value.size() < longValue)
+        block.fields.append(name, value);
+    else
+        block.fields.append(name, shared(value));
+}
+
+PackedFields::SharedValue HeaderDecompressor::shared(std::string_view value)
+{
+    PackedFields::SharedValue& place = latelyRead_[std::hash<std::string_view>()(value) % latelyRead_.size()];
+    if (!place || *place != value) place = std::make_shared<const std::string>(value);
+    return place;
 }
 
 bool HeaderDecompressor::inflate(DataView bytes, Part part, Block& block)

@@ -4,6 +4,7 @@
 #include "interpreters/HTTP/PackedFields.h"
 #include "platform/Data.h"
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -53,13 +54,16 @@ private:
     enum class Part : std::uint8_t { moreFollows, last };
     /// False when it makes no sense.
     bool inflate(DataView bytes, Part part, Block& block);
-    static void add(std::string_view name, std::string_view value, Block& block);
+    void add(std::string_view name, std::string_view value, Block& block);
+    PackedFields::SharedValue shared(std::string_view value);
     /// Reads a block field by field, stepping over what refers to unknown entries.
     void readKnownPart(DataView bytes, Block& block);
 
     std::unique_ptr<nghttp2_hd_inflater, Free> inflater_;
     bool isWhole_ = true;                  ///< every block so far was read
     std::vector<std::uint8_t> collected_;  ///< fragments of a block that is read field by field
+    /// Long values of late, each at a place that its bytes give. Most are sent again with every message, at a byte each.
+    std::array<PackedFields::SharedValue, 32> latelyRead_;
 };
 
 }  // namespace sealscope

@@ -8,8 +8,9 @@
 
 namespace sealscope {
 
-MessageBody::MessageBody(const TCPStream& stream, TCPSegment::Direction direction, CarriedBody carried, std::int64_t largestDecodedBody)
-    : data_(stream.data(direction)), lost_(stream, direction), carried_(std::move(carried)), limit_(largestDecodedBody)
+MessageBody::MessageBody(const TCPStream& stream, TCPSegment::Direction direction, CarriedBody carried, const StreamContext& context)
+    : data_(stream.data(direction)), lost_(stream, direction), carried_(std::move(carried)), limit_(context.largestDecodedBody),
+      allowance_(context.decodingAllowance)
 {}
 
 std::optional<std::int64_t> MessageBody::knownLength() const
@@ -45,7 +46,10 @@ StreamBody::Ending MessageBody::forEachPiece(const StreamBody::Take& take) const
     if (carried_.codings.empty()) {
         lost = forEachCarried(take);
     } else {
-        ContentDecoder decoder(carried_.codings, limit_);
+        ContentDecoder decoder(carried_.codings, limit_, [this](std::int64_t made, std::int64_t count) {
+            const std::lock_guard lock(mutex_);
+            return share_.allow(allowance_.get(), made, count);
+        });
         lost = forEachCarried([&](DataView bytes) { return decoder.push(bytes, take); });
         ending = decoder.end();
     }

@@ -2,11 +2,14 @@
 #pragma once
 
 #include "host/VELModels/StreamBody.h"
+#include "host/VELModels/StreamContext.h"
 #include "host/VELModels/TCPStream.h"
 #include "interpreters/HTTP/ByteRanges.h"
 #include "interpreters/HTTP/ContentDecoder.h"
 #include "interpreters/HTTP/LostBytes.h"
 
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -22,7 +25,7 @@ struct CarriedBody {
 /// A body as its codings left it, made piece by piece from where the stream has it. Identical bytes are handed on where they lie.
 class MessageBody final : public StreamBody::Source {
 public:
-    MessageBody(const TCPStream& stream, TCPSegment::Direction direction, CarriedBody carried, std::int64_t largestDecodedBody);
+    MessageBody(const TCPStream& stream, TCPSegment::Direction direction, CarriedBody carried, const StreamContext& context);
 
     std::optional<std::int64_t> knownLength() const override;
     StreamBody::Ending forEachPiece(const StreamBody::Take& take) const override;
@@ -36,6 +39,9 @@ private:
     LostBytes lost_;
     CarriedBody carried_;
     std::int64_t limit_;
+    std::shared_ptr<DecodingAllowance> allowance_;
+    mutable std::mutex mutex_;  ///< for the share
+    mutable DecodingShare share_;
 };
 
 }  // namespace sealscope

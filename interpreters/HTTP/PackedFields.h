@@ -6,28 +6,31 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace sealscope {
 
-/// Header fields one behind another in one place, as they are kept of messages that are not shown yet.
+/// Header fields one behind another in one place, as they are kept of messages that are not shown yet. Values may be shared with others'.
 class PackedFields {
 public:
+    using SharedValue = std::shared_ptr<const std::string>;
+
     bool isEmpty() const { return bytes_.empty(); }
-    void clear() { bytes_.clear(); }
-    void append(std::string_view name, std::string_view value)
+    void clear()
     {
-        const std::uint32_t lengths[2] = {static_cast<std::uint32_t>(name.size()), static_cast<std::uint32_t>(value.size())};
-        const std::size_t used = bytes_.size(), needed = used + sizeof lengths + name.size() + value.size();
-        if (needed > bytes_.capacity()) bytes_.reserve(std::max(needed, 2 * used));
-        bytes_.resize_and_overwrite(needed, [&](char* bytes, std::size_t) {
-            std::memcpy(bytes += used, lengths, sizeof lengths);
-            std::memcpy(bytes += sizeof lengths, name.data(), name.size());
-            std::memcpy(bytes + name.size(), value.data(), value.size());
-            return needed;
-        });
+        bytes_.clear();
+        shared_.clear();
+    }
+    void append(std::string_view name, std::string_view value) { append(name, value, static_cast<std::uint32_t>(value.size())); }
+    void append(std::string_view name, SharedValue value)
+    {
+        append(name, "", isShared);
+        shared_.push_back(std::move(value));
     }
     /// In no more room than they need.
     PackedFields fitted() const { return *this; }
@@ -35,12 +38,16 @@ public:
     /// Calls `visit` with name and value of each field until it gives false.
     template <class Visit> void forEach(const Visit& visit) const
     {
+        auto shared = shared_.begin();
         for (const char *next = bytes_.data(), *const end = next + bytes_.size(); next != end;) {
             std::uint32_t lengths[2];
             std::memcpy(lengths, next, sizeof lengths);
-            const char* const name = next + sizeof lengths;
-            next = name + lengths[0] + lengths[1];
-            if (!visit(std::string_view(name, lengths[0]), std::string_view(name + lengths[0], lengths[1]))) return;
+            const std::string_view name(next + sizeof lengths, lengths[0]);
+            next = name.data() + name.size();
+            const bool isElsewhere = lengths[1] == isShared;
+            const std::string_view value = isElsewhere ? std::string_view(**shared++) : std::string_view(next, lengths[1]);
+            if (!isElsewhere) next += value.size();
+            if (!visit(name, value)) return;
         }
     }
     /// The value of the first field of a name.
@@ -79,6 +86,20 @@ public:
     }
 
 private:
+    static constexpr std::uint32_t isShared = 0xFFFF'FFFF;  ///< in place of a length
+
+    void append(std::string_view name, std::string_view value, std::uint32_t valueLength)
+    {
+        const std::uint32_t lengths[2] = {static_cast<std::uint32_t>(name.size()), valueLength};
+        const std::size_t used = bytes_.size(), needed = used + sizeof lengths + name.size() + value.size();
+        if (needed > bytes_.capacity()) bytes_.reserve(std::max(needed, 2 * used));
+        bytes_.resize_and_overwrite(needed, [&](char* bytes, std::size_t) {
+            std::memcpy(bytes += used, lengths, sizeof lengths);
+            std::memcpy(bytes += sizeof lengths, name.data(), name.size());
+            std::memcpy(bytes + name.size(), value.data(), value.size());
+            return needed;
+        });
+    }
     std::size_t count() const
     {
         std::size_t fields = 0;
@@ -93,6 +114,7 @@ private:
     }
 
     std::string bytes_;
+    std::vector<SharedValue> shared_;  ///< those values, in order
 };
 
 }  // namespace sealscope

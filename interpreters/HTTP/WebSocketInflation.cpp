@@ -101,15 +101,23 @@ std::int64_t WebSocketPayload::forEachPiece(ByteRange frames, const StreamBody::
     return lost;
 }
 
+std::int64_t WebSocketInflation::allow(std::size_t message, std::int64_t made, std::int64_t count) const
+{
+    if (!allowance_) return count;
+    const std::lock_guard lock(sharesMutex_);
+    return shares_[message].allow(allowance_.get(), made, count);
+}
+
 StreamBody::Ending WebSocketInflation::inflate(std::size_t message, std::vector<std::uint8_t>& window, const StreamBody::Take& take) const
 {
     Inflater inflater(window);
     std::int64_t made = 0;
-    bool isOverLimit = false;
+    bool isOverLimit = false, isUsedUp = false;
     const auto takeSome = [&](DataView bytes) {
-        const DataView allowed = bytes.sub(0, limit_ - made);
+        const DataView belowLimit = bytes.sub(0, limit_ - made), allowed = belowLimit.sub(0, allow(message, made, belowLimit.size()));
         made += allowed.size();
         isOverLimit = allowed.size() < bytes.size();
+        isUsedUp = allowed.size() < belowLimit.size();
         return (allowed.isEmpty() || take(allowed)) && !isOverLimit;
     };
     bool goesOn = true;
@@ -118,6 +126,7 @@ StreamBody::Ending WebSocketInflation::inflate(std::size_t message, std::vector<
     if (goesOn) inflater.push(DataView(tail, std::ssize(tail)), takeSome);
     window = context_ == Context::isKept ? inflater.window() : std::vector<std::uint8_t>();
     if (lost > 0) return {false, fmt::format("the capture lacks {} of it", byteCountText(lost))};
+    if (isUsedUp) return {false, std::string(decodingUsedUpText)};
     if (isOverLimit) return {false, fmt::format("it decodes to more than the limit of {}", byteCountText(limit_))};
     if (inflater.isDamaged())
         return {false, fmt::format("its deflate data is damaged after {}, or refers to what is missing", decodedBytesText(made))};

@@ -2,11 +2,13 @@
 #pragma once
 
 #include "host/VELModels/StreamBody.h"
+#include "host/VELModels/StreamContext.h"
 #include "host/VELModels/TCPStream.h"
 #include "interpreters/HTTP/LostBytes.h"
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -32,14 +34,15 @@ class WebSocketInflation {
 public:
     /// What messages may refer to: those before them, or themselves alone ("no_context_takeover").
     enum class Context : std::uint8_t { isKept, beginsAnew };
-    WebSocketInflation(const TCPStream& stream, TCPSegment::Direction direction, Context context, std::int64_t limit)
-        : payload_(stream, direction), context_(context), limit_(limit)
+    WebSocketInflation(const TCPStream& stream, TCPSegment::Direction direction, Context context, const StreamContext& limits)
+        : payload_(stream, direction), context_(context), limit_(limits.largestDecodedBody), allowance_(limits.decodingAllowance)
     {}
 
     /// Adds a message while the direction is read; returns its position. Not to be called once somebody asks.
     std::size_t add(ByteRange frames)
     {
         messages_.push_back(frames);
+        if (allowance_) shares_.emplace_back();
         return messages_.size() - 1;
     }
     StreamBody::Ending forEachPiece(std::size_t message, const StreamBody::Take& take) const;
@@ -50,14 +53,17 @@ private:
         std::size_t message = 0;
         std::vector<std::uint8_t> window;
     };
+    std::int64_t allow(std::size_t message, std::int64_t made, std::int64_t count) const;
     /// Inflates one message behind a window, which becomes the next one's.
     StreamBody::Ending inflate(std::size_t message, std::vector<std::uint8_t>& window, const StreamBody::Take& take) const;
 
     WebSocketPayload payload_;
     Context context_;
     std::int64_t limit_;
+    std::shared_ptr<DecodingAllowance> allowance_;
     std::vector<ByteRange> messages_;
-    mutable std::mutex mutex_;
+    mutable std::mutex mutex_, sharesMutex_;
+    mutable std::vector<DecodingShare> shares_;  ///< of the messages, where there is an allowance
     mutable std::vector<Checkpoint> checkpoints_;
     mutable Checkpoint latest_;  ///< before the message that was asked for last
 };

@@ -91,7 +91,7 @@ public:
     DirectionReading(const TCPStream& stream, const StreamContext& context, Direction direction, WebSocketInflation::Context inflation,
                      Conversation& conversation)
         : stream_(stream), data_(stream.data(direction)), direction_(direction), conversation_(conversation), lost_(stream, direction),
-          reader_(data_), inflation_(std::make_shared<WebSocketInflation>(stream, direction, inflation, context.largestDecodedBody))
+          reader_(data_), inflation_(std::make_shared<WebSocketInflation>(stream, direction, inflation, context))
     {}
 
     void read()
@@ -113,7 +113,7 @@ public:
         const ByteRange rest{offset, data_.size()};
         StreamMessage message{.direction = direction_, .summary = byteCountText(rest.size()) + " that are no WebSocket frame"};
         message.attributes = {{"protocol", "WebSocket"}, {"encodedBytes", rest.size()}};
-        message.body = StreamBody(std::make_shared<const MessageBody>(stream_, direction_, CarriedBody{.ranges = rest}, rest.size()));
+        message.body = StreamBody(std::make_shared<const MessageBody>(stream_, direction_, CarriedBody{.ranges = rest}, StreamContext()));
         message.bodyHint = StreamBodyHint::binary();
         HTTPMessages::locate(message, stream_, rest, {});
         conversation_.add(std::move(message));

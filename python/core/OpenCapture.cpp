@@ -46,7 +46,8 @@ void StreamLines::exchanges(const Session& session, const Numbers& numbers, cons
         appendRecord(line, {.number = stream.key.number, .client = stream.clientEndpoint, .server = stream.serverEndpoint}, exchange);
         return line;
     };
-    exchangesInOrder(session, numbers, make, [&](std::string line) { return take(std::move(line)) && !stop.stop_requested(); });
+    const auto heldBytes = [](const std::string& line) { return line.size(); };
+    exchangesInOrder(session, numbers, make, heldBytes, [&](std::string line) { return take(std::move(line)) && !stop.stop_requested(); });
 }
 
 void StreamLines::objects(const Session& session, const Numbers& numbers, const std::string& folder, ObjectFolder::Existing existing,

@@ -126,6 +126,30 @@ TEST_F(ExchangesCommand, StopsDecodingAtALimitAndSaysSo)
     EXPECT_THAT(whole[0]["reply"]["detail"], testing::Not(testing::Contains(row)));
 }
 
+TEST_F(ExchangesCommand, BoundsWhatAllBodiesDecodeTo)
+{
+    // 40 MiB of zeros under zstd (RFC 8878): 320 blocks of one byte that is repeated 128 Ki times.
+    constexpr std::int64_t length = 40 << 20;
+    std::string packed("\x28\xB5\x2F\xFD\x00\x58", 6);
+    for (int i = 0; i < 320; ++i) packed += std::string_view("\x02\x00\x10\x00", 4);
+    packed += std::string_view("\x01\x00\x00", 3);
+    TCPConversation connection({.server = endpoint("192.0.2.2", 80)});
+    connection.open();
+    for (int i = 0; i < 2; ++i) {
+        connection.send(TCPSegment::Direction::clientToServer, Data::fromText("GET /a HTTP/1.1\r\nHost: h\r\n\r\n"));
+        connection.send(TCPSegment::Direction::serverToClient, Data::fromText(reply("Content-Encoding: zstd\r\n", packed)));
+    }
+    const Data bytes = pcapFile(packets(connection.segments));
+    const std::string file = directory.write("bombs.pcap", bytes);
+    const auto rows = jsonLines(sealscope({"exchanges", "--json", file}).output);
+    EXPECT_EQ(rows[0]["reply"]["bodyBytes"], length);
+    EXPECT_EQ(rows[1]["reply"]["bodyBytes"], (64 << 20) - length + 32 * bytes.size());
+    const nlohmann::json row{{"name", "Body incomplete"}, {"value", "the bodies of the capture decode to more than is allowed for all of them"}};
+    EXPECT_THAT(rows[1]["reply"]["detail"], testing::Contains(row));
+    const auto lifted = jsonLines(sealscope({"exchanges", "--json", "--largest-body", "50000000", file}).output);
+    EXPECT_EQ(lifted[1]["reply"]["bodyBytes"], length);
+}
+
 TEST_F(ExchangesCommand, SavesObjectsAndReplacesNothing)
 {
     const std::string folder = directory.file("saved");

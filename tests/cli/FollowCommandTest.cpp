@@ -80,7 +80,7 @@ TEST(FollowCommand, PrintsBodiesOfAnySize)
     const TempDirectory directory;
     const Data text = Data::fromText([] {
         std::string lines;
-        for (int i = 0; i < 60'000; ++i) lines += "line " + std::to_string(i) + " of a long text\n";
+        for (int i = 0; i < 60'000; ++i) lines += "line " + std::to_string(i) + " of a löng text\r\n";
         return lines;
     }());
     const TLSSession large = runTLS({}, {clientSends(patternBytes(1'500'000)), serverSends(text)});
@@ -97,7 +97,7 @@ TEST(FollowCommand, PrintsBodiesOfAnySize)
     std::istringstream lines(shown);
     int textLines = 0, byteLines = 0;
     for (std::string line; std::getline(lines, line);) {
-        if (line.ends_with("│ line " + std::to_string(textLines) + " of a long text")) ++textLines;
+        if (line.ends_with("│ line " + std::to_string(textLines) + " of a löng text")) ++textLines;
         if (line.starts_with(fmt::format("{:22}{:>7}  ", "", 16 * byteLines))) ++byteLines;
     }
     EXPECT_EQ(textLines, 60'000);

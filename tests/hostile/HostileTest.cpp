@@ -134,6 +134,7 @@ INSTANTIATE_TEST_SUITE_P(Captures, HostileTest, testing::ValuesIn(captureShapes(
 INSTANTIATE_TEST_SUITE_P(Packets, HostileTest, testing::ValuesIn(packetShapes()), byName);
 INSTANTIATE_TEST_SUITE_P(Streams, HostileTest, testing::ValuesIn(streamShapes()), byName);
 INSTANTIATE_TEST_SUITE_P(Records, HostileTest, testing::ValuesIn(recordShapes()), byName);
+INSTANTIATE_TEST_SUITE_P(Conversations, HostileTest, testing::ValuesIn(conversationShapes()), byName);
 INSTANTIATE_TEST_SUITE_P(Neighbours, HostileTest, testing::ValuesIn(neighbourShapes()), byName);
 
 }  // namespace sealscope::hostile

@@ -24,13 +24,6 @@ Made besideKeyLog(const fs::path& folder, const std::function<std::string()>& ke
     return made;
 }
 
-std::string times(std::string_view text, int count)
-{
-    std::string all;
-    for (int i = 0; i < count; ++i) all += text;
-    return all;
-}
-
 /// Names that a terminal would obey, or that read otherwise than they are.
 const std::string oddName = "a\x1B]0;owned\x07\n\r\xE2\x80\xAE"
                             "b\xFF.pcap";

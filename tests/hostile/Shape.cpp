@@ -52,6 +52,13 @@ Bytes repeated(const Bytes& bytes, std::int64_t count)
     return all;
 }
 
+std::string times(std::string_view text, int count)
+{
+    std::string all;
+    for (int i = 0; i < count; ++i) all += text;
+    return all;
+}
+
 Attack::Attack(std::uint32_t linkType)
 {
     putLittle32(bytes_, 0xA1B2C3D4);

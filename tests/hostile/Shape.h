@@ -25,6 +25,7 @@ Bytes& put(Bytes& bytes, const Bytes& more);
 Bytes& put(Bytes& bytes, std::string_view more);
 /// `count` copies of one after another.
 Bytes repeated(const Bytes& bytes, std::int64_t count);
+std::string times(std::string_view text, int count);
 
 /// A capture in the classic format, written as an attacker would: packet by packet, and nothing of it has to be true. A connection is
 /// a number; its client is an address of 10.0.0.0/8, its server 192.0.2.1:443.
@@ -80,11 +81,12 @@ struct Shape {
 };
 void PrintTo(const Shape& shape, std::ostream* stream);
 
-std::vector<Shape> captureShapes();    ///< files and their formats
-std::vector<Shape> packetShapes();     ///< link layers, IP, TCP headers
-std::vector<Shape> streamShapes();     ///< sequence numbers, losses, overlaps
-std::vector<Shape> recordShapes();     ///< TLS records and what is in them
-std::vector<Shape> neighbourShapes();  ///< key logs, names of files, settings
+std::vector<Shape> captureShapes();       ///< files and their formats
+std::vector<Shape> packetShapes();        ///< link layers, IP, TCP headers
+std::vector<Shape> streamShapes();        ///< sequence numbers, losses, overlaps
+std::vector<Shape> recordShapes();        ///< TLS records and what is in them
+std::vector<Shape> conversationShapes();  ///< HTTP, HTTP/2 and WebSocket under encryption that opens
+std::vector<Shape> neighbourShapes();     ///< key logs, names of files, settings
 
 /// Writes an attack as `capture` in the folder.
 Made save(const std::filesystem::path& folder, const Attack& attack);

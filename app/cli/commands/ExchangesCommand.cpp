@@ -60,7 +60,11 @@ ExitStatus runExchanges(const CommandContext& context)
         if (left > 0) --left;
         return left != 0 && context.output.isOpen() && !isInterrupted();
     };
-    exchangesInOrder(*session, streams, lineOf, print);
+    const auto heldBytes = [](const ExchangeLine& line) {
+        const auto* const record = std::get_if<std::string>(&line);
+        return record ? record->size() : sizeof(ExchangeCells);
+    };
+    exchangesInOrder(*session, streams, lineOf, heldBytes, print);
     context.output.flush();
     if (found == 0 && status == done && !isInterrupted())
         remark("no requests or replies in this capture; 'sealscope streams' says what does not decrypt");

@@ -95,7 +95,10 @@ private:
         if (!interpretation) return;
 
         std::int64_t bodies = 0;
-        for (const StreamMessage& message : interpretation->messages) bodies += message.body ? message.body->length() : 0;
+        for (const StreamMessage& message : interpretation->messages) {
+            bodies += message.body ? message.body->length() : 0;
+            if (bodies > largeBodies) break;  // a length may have to be found by decoding
+        }
         if (bodies > largeBodies) {
             followed.held = std::ssize(interpretation->messages) * messageSize;
             followed.interpretation = std::move(interpretation);

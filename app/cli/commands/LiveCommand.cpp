@@ -3,6 +3,7 @@
 #include "app/cli/CaptureReading.h"
 #include "app/cli/commands/Commands.h"
 #include "app/cli/Interrupt.h"
+#include "app/cli/StreamReading.h"
 #include "app/cli/text/ExchangeRows.h"
 #include "app/cli/text/Messages.h"
 #include "app/cli/text/PacketRows.h"
@@ -81,7 +82,8 @@ LiveCapture::Outcome printRows(const CommandContext& context, const PacketAnalyz
 }
 
 /// Prints exchanges as they become complete, until the user, the count or the interface ends it.
-LiveCapture::Outcome printExchanges(const CommandContext& context, LiveSession& session, LiveCapture& capture, std::int64_t& packets)
+LiveCapture::Outcome printExchanges(const CommandContext& context, LiveSession& session, LiveCapture& capture,
+                                    DecodingAllowance* allowance, std::int64_t& packets)
 {
     using Clock = std::chrono::steady_clock;
     // Together with the time that a packet needs to get here well below what anybody notices.
@@ -109,6 +111,7 @@ LiveCapture::Outcome printExchanges(const CommandContext& context, LiveSession& 
         if (outcome == LiveCapture::Outcome::packet) {
             ++packets;
             session.add(packet);
+            allowDecoding(allowance, packet.frame.size());
         } else if (outcome != LiveCapture::Outcome::timeout) {
             break;
         }
@@ -165,9 +168,11 @@ ExitStatus runLive(const CommandContext& context)
             const auto problem = std::filesystem::exists(file, error) ? keyLogProblem(file) : std::nullopt;
             if (problem && problem->isUnreadable()) complain(fmt::format("--keylog {}", problemText(*problem)));
         }
+        const auto allowance = decodingAllowance(options);
         LiveSession session({.keyLogs = options.keylogs,
-                             .plugIns = {.largestDecodedBody = options.largestBody}});
-        outcome = printExchanges(context, session, capture, packets);
+                             .plugIns = {.largestDecodedBody = options.largestBody.value_or(PlugInOptions().largestDecodedBody),
+                                         .decodingAllowance = allowance}});
+        outcome = printExchanges(context, session, capture, allowance.get(), packets);
         if (const std::int64_t lost = session.givenUp(); lost > 0)
             complain(fmt::format("{} connection{} could not be followed: too much was open at once", lost, lost == 1 ? "" : "s"));
     } else {

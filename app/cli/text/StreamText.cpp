@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/cli/text/StreamText.h"
 
-#include "app/texts/DisplayText.h"
 #include "app/cli/text/HexDump.h"
-#include "app/texts/TimeText.h"
 #include "app/records/MessageRecords.h"
 #include "app/records/StreamFacts.h"
+#include "app/texts/DisplayText.h"
+#include "app/texts/TimeText.h"
 #include "platform/UTF8.h"
 
 #include <algorithm>
@@ -36,6 +36,91 @@ std::string latin1(DataView bytes)
     for (const std::uint8_t byte : bytes) utf8::append(text, byte);
     return text;
 }
+
+constexpr std::int64_t longestScalar = 4;  ///< bytes of UTF-8
+
+/// How many bytes at the end belong to a character of UTF-8 that goes on behind them.
+std::int64_t cutScalar(DataView bytes)
+{
+    std::int64_t back = 1;
+    while (back < longestScalar && back <= bytes.size() && (bytes[bytes.size() - back] & 0xC0) == 0x80) ++back;
+    return back < longestScalar && back <= bytes.size() && bytes[bytes.size() - back] >= 0xC0 ? back : 0;
+}
+
+enum class Cut : std::uint8_t { anywhere, betweenCharacters };
+
+/// Hands over a body in pieces of some whole lines of hexadecimal until `take` gives false.
+void forEachPiece(const StreamBody& body, Cut cut, const StreamBody::Take& take)
+{
+    constexpr std::int64_t pieceSize = 16'384;
+    std::vector<std::uint8_t> waiting;
+    bool goesOn = true;
+    body.forEachPiece([&](DataView bytes) {
+        while (goesOn && !bytes.isEmpty()) {
+            const DataView part = bytes.sub(0, pieceSize - std::ssize(waiting));
+            waiting.insert(waiting.end(), part.begin(), part.end());
+            bytes = bytes.from(part.size());
+            if (std::ssize(waiting) < pieceSize) break;
+            const std::int64_t kept = cut == Cut::betweenCharacters ? cutScalar(waiting) : 0;
+            goesOn = take(DataView(waiting).sub(0, std::ssize(waiting) - kept));
+            waiting.erase(waiting.begin(), waiting.end() - kept);
+        }
+        return goesOn;
+    });
+    if (goesOn && !waiting.empty()) take(waiting);
+}
+
+bool isText(const StreamBody& body)
+{
+    bool isSo = true;
+    forEachPiece(body, Cut::betweenCharacters, [&](DataView piece) { return isSo = isText(piece); });
+    return isSo;
+}
+
+/// The lines of a text that comes in pieces, as they stand below a message.
+class Lines {
+public:
+    Lines(std::string& text, const Spill& spill) : text_(text), spill_(spill) {}
+
+    void add(std::string_view piece)
+    {
+        while (!piece.empty()) {
+            const std::size_t end = piece.find('\n');
+            addToLine(piece.substr(0, end));
+            if (end == std::string_view::npos) break;
+            endsInReturn_ = isInLine_ = false;
+            text_ += '\n';
+            spill_(text_);
+            piece.remove_prefix(end + 1);
+        }
+        spill_(text_);
+    }
+    void end()
+    {
+        if (isInLine_) text_ += '\n';
+    }
+
+private:
+    void addToLine(std::string_view part)
+    {
+        if (!std::exchange(isInLine_, true)) text_.append(detailIndent, ' ').append("│"), isEmpty_ = true;
+        if (part.empty()) return;
+        if (std::exchange(endsInReturn_, false)) append("\r");
+        // It may be one half of the line's end.
+        endsInReturn_ = part.ends_with('\r');
+        part.remove_suffix(endsInReturn_);
+        if (!part.empty()) append(part);
+    }
+    void append(std::string_view part)
+    {
+        if (std::exchange(isEmpty_, false)) text_ += ' ';
+        appendDisplaySafe(text_, part);
+    }
+
+    std::string& text_;
+    const Spill& spill_;
+    bool isInLine_ = false, isEmpty_ = true, endsInReturn_ = false;
+};
 
 class Conversation {
 public:
@@ -144,22 +229,43 @@ private:
 
     void body(const StreamMessage& message)
     {
-        const std::int64_t length = message.body->length();
-        const Data bytes = cutsBodies_ ? beginning(*message.body) : message.body->bytes();
-        const DataView shown = bytes;
+        const StreamBody& body = *message.body;
         const bool saysText = message.bodyHint && message.bodyHint->form == StreamBodyHint::Form::text;
         const bool isLatin1 = saysText && message.bodyHint->encoding == TextEncoding::latin1;
-        const DataView whole = withoutCutScalar(shown, length);
+        if (cutsBodies_) return bodysBeginning(body, saysText, isLatin1);
+        if (isLatin1 || (saysText && isText(body))) {
+            Lines lines(text_, spill_);
+            forEachPiece(body, isLatin1 ? Cut::anywhere : Cut::betweenCharacters, [&](DataView piece) {
+                isLatin1 ? lines.add(latin1(piece)) : lines.add(piece.text());
+                return true;
+            });
+            lines.end();
+        } else {
+            std::int64_t offset = 0;
+            forEachPiece(body, Cut::anywhere, [&](DataView piece) {
+                hexadecimal(piece, std::exchange(offset, offset + piece.size()));
+                return true;
+            });
+        }
+    }
+
+    void bodysBeginning(const StreamBody& body, bool saysText, bool isLatin1)
+    {
+        const std::int64_t length = body.length();
+        const Data bytes = beginning(body);
+        const DataView shown = bytes;
+        const DataView whole = shown.size() < length ? shown.sub(0, shown.size() - cutScalar(shown)) : shown;
+        Lines lines(text_, spill_);
         if (isLatin1)
-            lines(latin1(shown));
+            lines.add(latin1(shown));
         else if (saysText && isText(whole))
-            lines(whole.text());
+            lines.add(whole.text());
         else
-            hexadecimal(shown);
+            hexadecimal(shown, 0);
+        lines.end();
         if (shown.size() < length) {
             text_.append(detailIndent + 2, ' ');
-            styled(Style::faint,
-                   fmt::format("… {} more bytes; --bodies prints all of them", length - shown.size()));
+            styled(Style::faint, fmt::format("… {} more bytes; --bodies prints all of them", length - shown.size()));
             text_ += '\n';
         }
     }
@@ -176,37 +282,10 @@ private:
         return Data(std::move(bytes));
     }
 
-    /// What is shown of a longer body may end within a character.
-    static DataView withoutCutScalar(DataView shown, std::int64_t whole)
+    void hexadecimal(DataView bytes, std::int64_t offset)
     {
-        if (shown.size() == whole) return shown;
-        std::int64_t end = shown.size();
-        for (int back = 0; back < 3 && end > 0 && (shown[end - 1] & 0xC0) == 0x80; ++back) --end;
-        return end > 0 && shown[end - 1] >= 0xC0 ? shown.sub(0, end - 1) : shown;
-    }
-
-    void hexadecimal(DataView body)
-    {
-        constexpr std::int64_t piece = 16 * 1'024;
-        for (std::int64_t offset = 0; offset < body.size(); offset += piece) {
-            appendHexDump(text_, body.sub(offset, piece), offset, {.indent = detailIndent + 2, .hasColors = terminal_.hasColors});
-            spill_(text_);
-        }
-    }
-
-    void lines(std::string_view body)
-    {
-        while (!body.empty()) {
-            const std::size_t end = std::min(body.find('\n'), body.size());
-            std::string_view line = body.substr(0, end);
-            if (line.ends_with('\r')) line.remove_suffix(1);
-            text_.append(detailIndent, ' ');
-            text_ += line.empty() ? "│" : "│ ";
-            appendDisplaySafe(text_, line);
-            text_ += '\n';
-            body.remove_prefix(std::min(end + 1, body.size()));
-            spill_(text_);
-        }
+        appendHexDump(text_, bytes, offset, {.indent = detailIndent + 2, .hasColors = terminal_.hasColors});
+        spill_(text_);
     }
 
     std::string& text_;
