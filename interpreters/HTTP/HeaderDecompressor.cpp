@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <fmt/format.h>
-#include <functional>
 #include <nghttp2/nghttp2.h>
 #include <optional>
 
@@ -84,26 +83,16 @@ std::string_view HeaderDecompressor::text(Problem problem)
     std::unreachable();
 }
 
-void HeaderDecompressor::add(std::string_view name, std::string_view value, Block& block)
-{
-    block.fieldBytes += std::ssize(name) + std::ssize(value);
-    if (block.fieldBytes > longestBlock || block.count >= mostFields) {
-        ++block.unshown;
-        return;
-    }
-    ++block.count;
-    constexpr std::size_t longValue = 64;
-    if (value.size() < longValue)
-        block.fields.append(name, value);
-    else
-        block.fields.append(name, shared(value));
-}
-
 PackedFields::SharedValue HeaderDecompressor::shared(std::string_view value)
 {
-    PackedFields::SharedValue& place = latelyRead_[std::hash<std::string_view>()(value) % latelyRead_.size()];
-    if (!place || *place != value) place = std::make_shared<const std::string>(value);
-    return place;
+    // Entries leave the table, and others come to lie where they were.
+    if (const auto known = sharedValues_.find(value.data()); known != sharedValues_.end() && *known->second == value) return known->second;
+    sharedBytes_ += value.size();
+    if (sharedBytes_ > 2 * largestTable) {
+        sharedValues_.clear();
+        sharedBytes_ = value.size();
+    }
+    return sharedValues_[value.data()] = std::make_shared<const std::string>(value);
 }
 
 bool HeaderDecompressor::inflate(DataView bytes, Part part, Block& block)

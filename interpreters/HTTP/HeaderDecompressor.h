@@ -4,7 +4,7 @@
 #include "interpreters/HTTP/PackedFields.h"
 #include "platform/Data.h"
 
-#include <array>
+#include <absl/container/flat_hash_map.h>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -54,7 +54,20 @@ private:
     enum class Part : std::uint8_t { moreFollows, last };
     /// False when it makes no sense.
     bool inflate(DataView bytes, Part part, Block& block);
-    void add(std::string_view name, std::string_view value, Block& block);
+    static constexpr std::size_t longValue = 64;  ///< bytes; such values are shared
+    void add(std::string_view name, std::string_view value, Block& block)
+    {
+        block.fieldBytes += std::ssize(name) + std::ssize(value);
+        if (block.fieldBytes > longestBlock || block.count >= mostFields) {
+            ++block.unshown;
+            return;
+        }
+        ++block.count;
+        if (value.size() < longValue)
+            block.fields.append(name, value);
+        else
+            block.fields.append(name, shared(value));
+    }
     PackedFields::SharedValue shared(std::string_view value);
     /// Reads a block field by field, stepping over what refers to unknown entries.
     void readKnownPart(DataView bytes, Block& block);
@@ -62,8 +75,9 @@ private:
     std::unique_ptr<nghttp2_hd_inflater, Free> inflater_;
     bool isWhole_ = true;                  ///< every block so far was read
     std::vector<std::uint8_t> collected_;  ///< fragments of a block that is read field by field
-    /// Long values of late, each at a place that its bytes give. Most are sent again with every message, at a byte each.
-    std::array<PackedFields::SharedValue, 32> latelyRead_;
+    /// Long values by where the table has them: a message repeats one for a byte.
+    absl::flat_hash_map<const char*, PackedFields::SharedValue> sharedValues_;
+    std::size_t sharedBytes_ = 0;
 };
 
 }  // namespace sealscope

@@ -24,21 +24,28 @@ public:
     void clear()
     {
         bytes_.clear();
-        shared_.clear();
+        shared_.reset();
     }
     void append(std::string_view name, std::string_view value) { append(name, value, static_cast<std::uint32_t>(value.size())); }
     void append(std::string_view name, SharedValue value)
     {
         append(name, "", isShared);
-        shared_.push_back(std::move(value));
+        if (!shared_) shared_ = std::make_unique<std::vector<SharedValue>>();
+        shared_->push_back(std::move(value));
     }
     /// In no more room than they need.
-    PackedFields fitted() const { return *this; }
+    PackedFields fitted() const
+    {
+        PackedFields fields;
+        fields.bytes_ = bytes_;
+        if (shared_) fields.shared_ = std::make_unique<std::vector<SharedValue>>(*shared_);
+        return fields;
+    }
 
     /// Calls `visit` with name and value of each field until it gives false.
     template <class Visit> void forEach(const Visit& visit) const
     {
-        auto shared = shared_.begin();
+        const SharedValue* shared = shared_ ? shared_->data() : nullptr;
         for (const char *next = bytes_.data(), *const end = next + bytes_.size(); next != end;) {
             std::uint32_t lengths[2];
             std::memcpy(lengths, next, sizeof lengths);
@@ -114,7 +121,7 @@ private:
     }
 
     std::string bytes_;
-    std::vector<SharedValue> shared_;  ///< those values, in order
+    std::unique_ptr<std::vector<SharedValue>> shared_;  ///< those values, in order; null for none, as in most
 };
 
 }  // namespace sealscope
