@@ -4,10 +4,36 @@
 #include "app/session/Exchanges.h"
 #include "app/session/InOrder.h"
 
+#include <memory>
 #include <optional>
 #include <utility>
+#include <vector>
 
 namespace sealscope {
+
+namespace {
+
+/// The next exchanges of a stream, as an interpretation of their own.
+StreamInterpretation nextPart(StreamExchangeReader& reader)
+{
+    constexpr std::size_t mostMessages = 256, fieldsAtOnce = 1 << 18;
+    StreamInterpretation part{.pairings = std::vector<Pairing>()};
+    std::size_t fields = 0;
+    for (Exchange exchange; reader.nextTime() && part.messages.size() < mostMessages && fields < fieldsAtOnce;) {
+        reader.next(exchange);
+        fields += fieldBytes(exchange);
+        const std::int64_t position = std::ssize(part.messages);
+        if (exchange.request && exchange.reply)
+            part.pairings->push_back({.requestIndex = position, .replyIndex = position + 1, .status = PairingStatus::matched});
+        else if (exchange.request)
+            part.pairings->push_back({.requestIndex = position});
+        for (auto* const message : {&exchange.request, &exchange.reply})
+            if (*message) part.messages.push_back(*std::exchange(*message, std::nullopt));
+    }
+    return part;
+}
+
+}  // namespace
 
 void exportStreams(const Session& session, const std::vector<std::int64_t>& streams, const StreamExportFormat& format, OutputFile& file,
                    const std::stop_token& stop)
@@ -15,23 +41,33 @@ void exportStreams(const Session& session, const std::vector<std::int64_t>& stre
     struct Interpreted {
         TCPStream stream;
         std::optional<StreamInterpretation> interpretation;
+        std::unique_ptr<StreamExchangeReader> exchanges;  ///< in place of its messages
     };
     const auto interpret = [&](std::int64_t number) {
         Interpreted interpreted{.stream = session.stream(number)};
+        if (!session.plugIns().interpreter(interpreted.stream)) return interpreted;
         // A secured stream that does not open has nothing for a format but itself.
-        if (session.plugIns().interpreter(interpreted.stream))
-            interpreted.interpretation = applicationInterpretation(session, interpreted.stream).value_or(StreamInterpretation());
+        interpreted.interpretation.emplace();
+        if (format.wantsExchangesAlone)
+            interpreted.exchanges = applicationExchanges(session, interpreted.stream);
+        else if (auto messages = applicationInterpretation(session, interpreted.stream))
+            interpreted.interpretation = std::move(messages);
         return interpreted;
     };
     const StreamExporter::Write write = [&](DataView bytes) {
         file.write(bytes);
         return file.isGood();
     };
+    const auto isWanted = [&] { return file.isGood() && !stop.stop_requested(); };
     const auto exporter = format.create();
     exporter->begin(write);
     const auto add = [&](Interpreted interpreted) {
-        if (interpreted.interpretation) exporter->add({.stream = interpreted.stream, .interpretation = *interpreted.interpretation}, write);
-        return file.isGood() && !stop.stop_requested();
+        const auto& [stream, interpretation, exchanges] = interpreted;
+        if (!interpretation) return isWanted();
+        exporter->add({.stream = stream, .interpretation = exchanges ? nextPart(*exchanges) : *interpretation}, write);
+        while (exchanges && exchanges->nextTime() && isWanted())
+            exporter->add({.stream = stream, .interpretation = nextPart(*exchanges)}, write);
+        return isWanted();
     };
     const auto weight = [&](std::int64_t number) { return session.packets(number) * usualPayload; };
     inOrder(streams, weight, interpret, add);

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fmt/format.h>
 #include <iterator>
+#include <memory>
 #include <unictype.h>
 #include <unistr.h>
 #include <utility>
@@ -135,24 +136,42 @@ std::optional<SavedObject> ObjectFolder::save(std::int64_t stream, const StreamM
 void saveObjects(const Session& session, const std::vector<std::int64_t>& streams, ObjectFolder& folder, const std::stop_token& stop,
                  const std::function<bool(const SavedObject&)>& told)
 {
-    struct Interpreted {
+    // Of a stream with more exchanges, those behind are made when their turn comes.
+    constexpr std::size_t madeAtOnce = 64, fieldsAtOnce = 1 << 18;
+    struct Read {
         std::int64_t number = 0;
-        std::optional<StreamInterpretation> interpretation;
+        std::vector<Exchange> exchanges;
+        std::unique_ptr<StreamExchangeReader> rest;
     };
-    const auto interpret = [&](std::int64_t number) { return Interpreted{number, applicationInterpretation(session, session.stream(number))}; };
-    const auto save = [&](Interpreted interpreted) {
-        if (!interpreted.interpretation) return !stop.stop_requested();
-        auto urls = urlsOf(*interpreted.interpretation);
-        for (std::size_t i = 0; i < urls.size(); ++i) {
-            const StreamMessage& message = interpreted.interpretation->messages[i];
-            if (message.kind != StreamMessageKind::request && message.kind != StreamMessageKind::reply) continue;
-            const auto object = folder.save(interpreted.number, message, std::move(urls[i]), stop);
+    const auto read = [&](std::int64_t number) {
+        Read found{.number = number, .rest = applicationExchanges(session, session.stream(number))};
+        for (std::size_t fields = 0; found.rest && found.rest->nextTime(); fields += fieldBytes(found.exchanges.back())) {
+            if (found.exchanges.size() == madeAtOnce || fields >= fieldsAtOnce) break;
+            found.rest->next(found.exchanges.emplace_back());
+        }
+        return found;
+    };
+    const auto saveOf = [&](std::int64_t number, const Exchange& exchange) {
+        for (const std::optional<StreamMessage>* const message : {&exchange.request, &exchange.reply}) {
+            if (!*message) continue;
+            auto url = textAttribute(exchange.request ? *exchange.request : **message, "url");
+            const auto object = folder.save(number, **message, std::move(url), stop);
             if (object && (!told(*object) || stop.stop_requested())) return false;
         }
         return true;
     };
+    const auto save = [&](Read found) {
+        for (const Exchange& exchange : found.exchanges)
+            if (!saveOf(found.number, exchange)) return false;
+        found.exchanges.clear();
+        for (Exchange exchange; found.rest && found.rest->nextTime();) {
+            found.rest->next(exchange);
+            if (!saveOf(found.number, exchange)) return false;
+        }
+        return !stop.stop_requested();
+    };
     const auto weight = [&](std::int64_t number) { return session.packets(number) * usualPayload; };
-    inOrder(streams, weight, interpret, save);
+    inOrder(streams, weight, read, save);
 }
 
 }  // namespace sealscope

@@ -56,7 +56,7 @@ private:
     std::unordered_map<std::string, std::int64_t> nextNumber_;  ///< of a name that was used already
 };
 
-/// Saves the bodies of what some streams said above any protection, stream by stream in the order given. `told` hears of each, and
+/// Saves the bodies of the requests and replies on some streams, stream by stream in the order given. `told` hears of each, and
 /// ends it by giving false.
 void saveObjects(const Session& session, const std::vector<std::int64_t>& streams, ObjectFolder& folder, const std::stop_token& stop,
                  const std::function<bool(const SavedObject&)>& told);

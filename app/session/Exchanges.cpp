@@ -3,9 +3,8 @@
 
 #include "app/session/ResumedSessions.h"
 
-#include <algorithm>
-#include <iterator>
 #include <utility>
+#include <vector>
 
 namespace sealscope {
 
@@ -54,25 +53,18 @@ std::unique_ptr<StreamExchangeReader> applicationExchanges(const Session& sessio
     return plugIns.exchanges(*interpreter, stream, plugIns.context());
 }
 
+std::size_t fieldBytes(const Exchange& exchange)
+{
+    std::size_t bytes = 0;
+    for (const auto* const message : {&exchange.request, &exchange.reply})
+        if (*message)
+            for (const DetailRow& row : (*message)->detail) bytes += row.name.size() + row.value.size();
+    return bytes;
+}
+
 std::unique_ptr<StreamExchangeReader> readerOf(StreamInterpretation interpretation)
 {
     return std::make_unique<MadeExchanges>(exchangesOf(std::move(interpretation)));
-}
-
-std::vector<std::optional<std::string>> urlsOf(const StreamInterpretation& interpretation)
-{
-    const auto own = [](const StreamMessage& message) -> std::optional<std::string> {
-        const VELValue* const value = message.attribute("url");
-        const auto* const url = value ? std::get_if<std::string>(value) : nullptr;
-        return url ? std::optional(*url) : std::nullopt;
-    };
-    std::vector<std::optional<std::string>> urls;
-    std::ranges::transform(interpretation.messages, std::back_inserter(urls), own);
-    const auto holds = [&](std::int64_t index) { return index >= 0 && index < std::ssize(urls); };
-    for (const Pairing& pairing : interpretation.pairings.value_or(std::vector<Pairing>{}))
-        if (pairing.replyIndex && holds(*pairing.replyIndex) && holds(pairing.requestIndex))
-            urls[static_cast<std::size_t>(*pairing.replyIndex)] = urls[static_cast<std::size_t>(pairing.requestIndex)];
-    return urls;
 }
 
 }  // namespace sealscope

@@ -1,21 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/session/ExchangesAhead.h"
 
+#include "app/session/Exchanges.h"
+
 #include <utility>
 
 namespace sealscope {
-
-namespace {
-
-std::size_t fieldBytes(const std::optional<StreamMessage>& message)
-{
-    std::size_t bytes = 0;
-    if (message)
-        for (const DetailRow& row : message->detail) bytes += row.name.size() + row.value.size();
-    return bytes;
-}
-
-}  // namespace
 
 ExchangesAhead::ExchangesAhead(std::unique_ptr<StreamExchangeReader> reader) : reader_(std::move(reader))
 {
@@ -37,7 +27,7 @@ void ExchangesAhead::make(Batch& batch)
             StreamExchange& exchange = batch.exchanges[batch.times.size()];
             reader_->next(exchange);
             batch.times.push_back(*time);
-            fields += fieldBytes(exchange.request) + fieldBytes(exchange.reply);
+            fields += fieldBytes(exchange);
         }
     } catch (...) {
         batch.problem = std::current_exception();

@@ -38,6 +38,8 @@ struct StreamExportFormat {
     std::string_view fileExtension;  ///< without the dot
     std::string_view mediaType;      ///< RFC 6838
     std::unique_ptr<StreamExporter> (*create)() = nullptr;
+    /// Whether it wants nothing but requests and replies: a stream with many of them is added in parts.
+    bool wantsExchangesAlone = false;
 };
 
 }  // namespace sealscope SEALSCOPE_API

@@ -88,6 +88,7 @@ const StreamExportFormat CurlExporter::format{
     .fileExtension = "sh",
     .mediaType = "application/x-sh",
     .create = []() -> std::unique_ptr<StreamExporter> { return std::make_unique<CurlExporter>(); },
+    .wantsExchangesAlone = true,
 };
 
 void CurlExporter::add(const ExportedStream& stream, const Write& write)

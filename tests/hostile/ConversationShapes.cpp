@@ -93,8 +93,10 @@ Made saveConversation(const std::filesystem::path& folder, const std::vector<std
 std::vector<Shape> conversationShapes()
 {
     std::vector<Shape> shapes;
-    const std::vector<std::vector<std::string>> oneByOne = {
-        {"streams", "--json"}, {"exchanges"}, {"exchanges", "--json"}, {"decrypt", "--force", "--output", "plain"}};
+    const std::vector<std::vector<std::string>> oneByOne = {{"exchanges"},
+                                                            {"exchanges", "--json"},
+                                                            {"objects", "--force", "--output", "plain"},
+                                                            {"export", "curl", "--force", "--output", "plain.sh"}};
     const std::vector<std::vector<std::string>> everything = {{"streams", "--json"},
                                                               {"follow"},
                                                               {"follow", "--json"},
