@@ -36,6 +36,8 @@ struct HandshakeParameters {
     bool isSuiteKnown = false;  ///< to be the peers': the client offers it, or records have opened that show it
 
     bool isTLS13() const { return version == 0x0304 || version >> 8 == 0x7F; }
+    /// Whether the MAC is over the bytes as they are sent, so that records authenticate under other suites of the same MAC as well.
+    bool authenticatesBytesSent() const { return encryptsThenMACs || (suite && suite->protection == RecordProtection::none); }
 };
 
 /// The handshake messages that a direction begins with in the clear.

@@ -47,6 +47,7 @@ constexpr std::int64_t rounds = 8;
 constexpr std::int64_t early = 0, handshake = 1, application = 2;
 
 constexpr std::int64_t lengthOfVerifyData = 12;  // RFC 5246 §7.4.9
+constexpr std::int64_t lengthOfSSL3Hashes = 36;  // RFC 6101 §5.6.9
 constexpr std::uint8_t endOfEarlyData = 5;       // RFC 8446 §4.5
 constexpr std::uint8_t keyUpdate = 24;           // RFC 8446 §4.6.3
 
@@ -64,7 +65,7 @@ ReachWalk::ReachWalk(ReachConnection& connection, Direction direction)
     isTLS13_ = parameters->isTLS13();
     draft_ = TLS13Draft::of(parameters->version);
     recordVersion_ = isTLS13_ ? draft_.recordVersion : parameters->version;
-    isCipherKnown_ = !parameters->encryptsThenMACs || parameters->isSuiteKnown;
+    isCipherKnown_ = !parameters->authenticatesBytesSent() || parameters->isSuiteKnown;
     if (!isTLS13_) {
         hasKeys_ = connection.hasKeyMaterial();
         return;
@@ -304,18 +305,20 @@ bool ReachWalk::attempt(const Candidate& candidate, const ProtectedRecord& recor
     return isOfPeersCipher(candidate);
 }
 
-/// With the MAC behind the blocks (RFC 7366) records authenticate under any suite that has this MAC, also where a damaged hello names one
-/// that the peers do not use. What tells is Finished, the first record under the keys (RFC 5246 §7.1). Where it was lost, it has to do that
-/// the suite is known otherwise, until a record's padding says that it is not.
+/// With the MAC behind the blocks (RFC 7366), and without a cipher, records authenticate under any suite that has this MAC, also where a
+/// damaged hello names one that the peers do not use. What tells is Finished, the first record under the keys (RFC 5246 §7.1). Where it
+/// was lost, it has to do that the suite is known otherwise, until a record's padding says that it is not.
 bool ReachWalk::isOfPeersCipher(const Candidate& candidate)
 {
     // The hellos of a handshake inside the encryption cannot be damaged.
-    if (isTLS13_ || candidate.epoch != 1 || !connection_.parameters()->encryptsThenMACs) return true;
-    constexpr std::uint32_t headerOfFinished = std::to_underlying(TLSHandshakeType::finished) << 24 | lengthOfVerifyData;
+    if (isTLS13_ || candidate.epoch != 1 || !connection_.parameters()->authenticatesBytesSent()) return true;
+    const bool isSSL3 = recordVersion_ == 0x0300;
+    const std::int64_t length = isSSL3 ? lengthOfSSL3Hashes : lengthOfVerifyData;
+    const std::int64_t headerOfFinished = std::int64_t{std::to_underlying(TLSHandshakeType::finished)} << 24 | length;
     if (!opened_.isOfCipher)
         isCipherKnown_ = false;
     else if (candidate.sequence == 0)
-        isCipherKnown_ = opened_.type == handshakeType && content_.size() == 4 + lengthOfVerifyData && content_.u32(0) == headerOfFinished;
+        isCipherKnown_ = opened_.type == handshakeType && content_.size() == 4 + length && content_.u32(0) == headerOfFinished;
     return isCipherKnown_;
 }
 

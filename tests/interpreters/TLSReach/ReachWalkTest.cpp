@@ -296,7 +296,7 @@ TEST(ReachWalk, ShowsNothingUnderASuiteThatThePeersDoNotUse)
             const TLSSession session = runTLS({.version = version, .suites = offered}, steps);
             const auto probe = probeWith(session.keyLog);
             for (const std::uint8_t named : {0x10, 0x12, 0x14}) {  // none, 3DES, AES-256: 0xC013 is the peers'
-                for (const bool isHelloLost : {false, true}) {
+                for (const int damage : {0, 1, 2, 3}) {  // 1: the client's hello is lost, 2: so is what says where the MAC stands
                     std::vector<StreamPiece> pieces = streamPieces(session.flights);
                     const auto hello = std::ranges::find(pieces, server, &StreamPiece::direction);
                     Bytes bytes(hello->bytes.view().begin(), hello->bytes.view().end());
@@ -304,11 +304,13 @@ TEST(ReachWalk, ShowsNothingUnderASuiteThatThePeersDoNotUse)
                     const std::size_t suiteAt = sessionIDAt + 1 + bytes[sessionIDAt];
                     ASSERT_EQ(bytes[suiteAt + 1], 0x13);
                     bytes[suiteAt + 1] = named;
+                    const Bytes encryptThenMAC{0, 22, 0, 0};
+                    if (damage & 2) *(std::ranges::search(bytes, encryptThenMAC).begin() + 1) ^= 0x80;
                     hello->bytes = Data(std::move(bytes));
-                    if (isHelloLost) lose(pieces.front());
+                    if (damage & 1) lose(pieces.front());
                     for (const Direction direction : directions)
                         EXPECT_TRUE(opened(*probe, vectorStream(pieces, StreamLayout::inPieces), direction).records.empty())
-                            << fmt::format("0x{:04x}, {}, 0xC0{:02x}, {}", version, offered, named, isHelloLost);
+                            << fmt::format("0x{:04x}, {}, 0xC0{:02x}, {}", version, offered, named, damage);
                 }
             }
         }
