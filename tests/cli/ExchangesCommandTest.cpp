@@ -144,7 +144,8 @@ TEST_F(ExchangesCommand, BoundsWhatAllBodiesDecodeTo)
     const auto rows = jsonLines(sealscope({"exchanges", "--json", file}).output);
     EXPECT_EQ(rows[0]["reply"]["bodyBytes"], length);
     EXPECT_EQ(rows[1]["reply"]["bodyBytes"], (64 << 20) - length + 32 * bytes.size());
-    const nlohmann::json row{{"name", "Body incomplete"}, {"value", "the bodies of the capture decode to more than is allowed for all of them"}};
+    const nlohmann::json row{{"name", "Body incomplete"},
+                             {"value", "the bodies of the capture decode to more than is allowed for all of them"}};
     EXPECT_THAT(rows[1]["reply"]["detail"], testing::Contains(row));
     const auto lifted = jsonLines(sealscope({"exchanges", "--json", "--largest-body", "50000000", file}).output);
     EXPECT_EQ(lifted[1]["reply"]["bodyBytes"], length);

@@ -76,8 +76,8 @@ Text newField(std::string_view name, std::string_view value)
 Made saveConversation(const std::filesystem::path& folder, const std::vector<std::string>& protocols, const Text& client,
                       const Text& server)
 {
-    const TLSSession session =
-        runTLS({.clientProtocols = protocols, .serverProtocols = protocols, .certificates = {{}}}, {clientSends(client), serverSends(server)});
+    const TLSSession session = runTLS({.clientProtocols = protocols, .serverProtocols = protocols, .certificates = {{}}},
+                                      {clientSends(client), serverSends(server)});
     writeFile(folder / "keys", DataView(std::string_view(session.keyLog)));
     Attack attack;
     attack.open(0);

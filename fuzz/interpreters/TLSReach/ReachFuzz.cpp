@@ -126,7 +126,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const TCPStream stream = vectorStream(pieces, StreamLayout::inPieces);
     // Where both hellos are damaged, only Finished shows that the peers use another suite, under which bytes mean something else.
     const std::optional<Agreed> agreed = agreedIn(stream, connection.secrets);
-    const bool areHellosTrue = !agreed || agreed == connection.agreed || helloOf(stream) == helloOf(vectorStream(connection.session.flights));
+    const bool areHellosTrue =
+        !agreed || agreed == connection.agreed || helloOf(stream) == helloOf(vectorStream(connection.session.flights));
     for (const Direction direction : {Direction::clientToServer, Direction::serverToClient}) {
         Work work;
         const Records found = recordsOf(stream, connection.secrets, direction, &work);
