@@ -93,10 +93,12 @@ Made saveConversation(const std::filesystem::path& folder, const std::vector<std
 std::vector<Shape> conversationShapes()
 {
     std::vector<Shape> shapes;
-    const std::vector<std::vector<std::string>> oneByOne = {{"exchanges"},
+    const std::vector<std::vector<std::string>> oneByOne = {{"streams", "--json"},
+                                                            {"exchanges"},
                                                             {"exchanges", "--json"},
                                                             {"objects", "--force", "--output", "plain"},
-                                                            {"export", "curl", "--force", "--output", "plain.sh"}};
+                                                            {"export", "curl", "--force", "--output", "plain.sh"},
+                                                            {"decrypt", "--force", "--output", "plain"}};
     const std::vector<std::vector<std::string>> everything = {{"streams", "--json"},
                                                               {"follow"},
                                                               {"follow", "--json"},

@@ -31,7 +31,6 @@
 
 #include <fstream>
 #include <gmock/gmock.h>
-#include <optional>
 
 namespace sealscope::desktop {
 
@@ -181,20 +180,19 @@ TEST_F(MainWindowTest, StopsReadingWithWhatHasBeenRead)
     const auto capture = directory.write("large.pcap", DataView(large.bytes()));
     const auto all = static_cast<std::int64_t>(few.size()) * 80'000;
     bool isReading = false;
-    std::optional<std::int64_t> atCancel;
     QObject::connect(&window.packets().packets(), &QAbstractItemModel::rowsInserted, &window, [&] {
         isReading |= window.document().isReading();
-        if (!atCancel) atCancel = window.document().packets()->size();
         window.document().cancel();
     });
-    window.document().open({QString::fromStdString(capture)});
-    ASSERT_TRUE(waitUntil([&] { return window.packets().packets().rowCount() > 0; }));
-    ASSERT_TRUE(isReading) << "rows come while it is being read";
-    ASSERT_TRUE(waitUntil([&] { return !window.document().isReading(); }));
-    // A window that was kept waiting for so long that the reader is about to end has nothing to stop.
-    if (*atCancel < all / 2) {
-        EXPECT_LT(window.document().packets()->size(), all);
+    // A busy machine may keep the window waiting until the reader is about to end, but not five times.
+    for (int turn = 0; turn < 5; ++turn) {
+        window.document().open({QString::fromStdString(capture)});
+        ASSERT_TRUE(waitUntil([&] { return window.packets().packets().rowCount() > 0; }));
+        ASSERT_TRUE(isReading) << "rows come while it is being read";
+        ASSERT_TRUE(waitUntil([&] { return !window.document().isReading(); }));
+        if (window.document().packets()->size() < all) break;
     }
+    EXPECT_LT(window.document().packets()->size(), all);
     EXPECT_TRUE(window.document().session());
     EXPECT_TRUE(waitUntil([&] { return !window.packets().packets().isFiltering(); }));
     EXPECT_GT(window.packets().packets().rowCount(), 0);
