@@ -30,8 +30,7 @@ public:
     static constexpr StreamLayer streamLayer = StreamLayer::security;
     static bool canInterpret(const TCPStream& stream, const StreamContext& context = {});
     static StreamInterpretation interpret(const TCPStream& stream, const StreamContext& context = {});
-    static std::optional<std::vector<Pairing>> forEachMessage(const TCPStream& stream, const StreamContext& context,
-                                                              const StreamMessageVisitor& visit);
+    static void forEachPart(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit);
 
     std::uint16_t tlsSize = 0;  ///< payload bytes, at most 65535
 

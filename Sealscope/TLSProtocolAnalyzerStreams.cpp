@@ -15,10 +15,9 @@ StreamInterpretation TLSProtocolAnalyzer::interpret(const TCPStream& stream, con
     return TLSStreamParser::interpretation(stream, context);
 }
 
-std::optional<std::vector<Pairing>> TLSProtocolAnalyzer::forEachMessage(const TCPStream& stream, const StreamContext& context,
-                                                                        const StreamMessageVisitor& visit)
+void TLSProtocolAnalyzer::forEachPart(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit)
 {
-    return TLSStreamParser::forEachMessage(stream, context, visit);
+    TLSStreamParser::forEachPart(stream, context, visit);
 }
 
 }  // namespace sealscope

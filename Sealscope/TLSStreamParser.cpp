@@ -9,6 +9,7 @@
 #include "Sealscope/TLSNames.h"
 
 #include <algorithm>
+#include <deque>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 #include <numeric>
@@ -91,16 +92,25 @@ std::optional<StreamInterpretation> decryptedPart(const TCPStream& stream, const
     return context.host ? context.host->decryptedInterpretation(stream, context) : TLSDecryptionProbe::decryptedInterpretation(stream);
 }
 
-/// The interpretation of a stream by the items of both directions.
-StreamInterpretation interpretationOf(std::vector<Entry> sorted, const TCPStream& stream, const StreamContext& context)
+/// The same part by part; whether there is any of it.
+bool tellDecrypted(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit)
+{
+    if (context.host) return context.host->tellDecrypted(stream, context, visit);
+    auto interpretation = TLSDecryptionProbe::decryptedInterpretation(stream);
+    if (!interpretation) return false;
+    StreamPart whole = partOf(*std::move(interpretation));
+    visit(whole);
+    return true;
+}
+
+/// The interpretation of a stream by the items of both directions, and by its decrypted messages.
+StreamInterpretation interpretationOf(std::vector<Entry> sorted, std::optional<StreamPart> decrypted)
 {
     std::ranges::stable_sort(sorted, precedes);
     auto pairings = TLSStreamParser::handshakePairings(sorted);
     std::vector<StreamMessage> messages;
     messages.reserve(sorted.size());
     for (Entry& entry : sorted) messages.push_back(std::move(entry.message));
-
-    const auto decrypted = decryptedPart(stream, context);
     if (!decrypted) return {std::move(messages), std::move(pairings)};
 
     std::vector<StreamMessage> merged;
@@ -111,8 +121,7 @@ StreamInterpretation interpretationOf(std::vector<Entry> sorted, const TCPStream
     std::ranges::stable_sort(merged, isEarlier);
 
     std::vector<Pairing> joined = TLSStreamParser::remapPairings(pairings.value_or(std::vector<Pairing>{}), messages, merged);
-    std::ranges::copy(TLSStreamParser::remapPairings(decrypted->pairings.value_or(std::vector<Pairing>{}), decrypted->messages, merged),
-                      std::back_inserter(joined));
+    std::ranges::copy(TLSStreamParser::remapPairings(decrypted->pairings, decrypted->messages, merged), std::back_inserter(joined));
     return {std::move(merged), joined.empty() ? std::nullopt : std::optional(std::move(joined))};
 }
 
@@ -130,87 +139,157 @@ std::optional<std::vector<Entry>> fewEntries(const TCPStream& stream)
     return entries;
 }
 
-/// Finds the first Client Hello and the first Server Hello of messages that go by.
+/// Finds the first Client Hello and the first Server Hello among the items of a stream, by their positions among them.
 class HelloPairing {
 public:
-    void take(const TLSEntryReader& reader, std::int64_t position)
+    explicit HelloPairing(const TCPStream& stream)
     {
-        const auto isFirst = [&](TLSHandshakeType type, const std::optional<std::int64_t>& found) {
-            return !found && reader.handshakeType() == std::to_underlying(type);
-        };
-        if (isFirst(TLSHandshakeType::clientHello, request_)) {
-            request_ = position;
-            isNewRequest_ = true;
-        } else if (isFirst(TLSHandshakeType::serverHello, reply_)) {
-            reply_ = position;
+        TLSEntryMerge merge(stream);
+        for (std::int64_t position = 0; TLSEntryReader* const reader = merge.next(); ++position) {
+            const auto isFirst = [&](TLSHandshakeType type, const std::optional<std::int64_t>& found) {
+                return !found && reader->handshakeType() == std::to_underlying(type);
+            };
+            if (isFirst(TLSHandshakeType::clientHello, request_)) request_ = position;
+            if (isFirst(TLSHandshakeType::serverHello, reply_)) reply_ = position;
+            if (request_ && reply_) return;
         }
     }
-    /// Whether the last that was taken is the Client Hello, whose summary is asked for.
-    bool isNewRequest() { return std::exchange(isNewRequest_, false); }
-    void setSummary(std::string summary) { summary_ = std::move(summary); }
-    std::vector<Pairing> pairings() const
+    /// To be told of each item that is shown: where it stands among those, and among all messages.
+    void take(std::int64_t item, std::int64_t position, const StreamMessage& message)
     {
-        if (!request_) return {};
-        return {{*request_, reply_, summary_, reply_ ? PairingStatus::matched : PairingStatus::unmatched}};
+        if (item == request_) {
+            pairing_.requestIndex = position;
+            pairing_.summary = message.summary;
+        }
+        if (item == reply_) {
+            pairing_.replyIndex = position;
+            pairing_.status = PairingStatus::matched;
+        }
+        isDue_ = request_ && (item == request_ || item == reply_) && item == std::max(*request_, reply_.value_or(0));
     }
+    /// The pairing, behind the later of its messages.
+    std::optional<Pairing> takePairing() { return std::exchange(isDue_, false) ? std::optional(pairing_) : std::nullopt; }
 
 private:
     std::optional<std::int64_t> request_, reply_;
-    bool isNewRequest_ = false;
-    std::string summary_;
+    Pairing pairing_;
+    bool isDue_ = false;
 };
 
-/// What `interpretationOf` makes of a stream, message by message.
-std::optional<std::vector<Pairing>> mergedMessages(const TCPStream& stream, const StreamContext& context, const StreamMessageVisitor& visit)
-{
-    auto decrypted = decryptedPart(stream, context);
-    const bool isDecrypted = decrypted.has_value();
-    auto [messages, pairings] = std::move(decrypted).value_or(StreamInterpretation{});
-    std::vector<std::size_t> order(messages.size());
-    std::iota(order.begin(), order.end(), std::size_t{0});
-    std::ranges::stable_sort(order, [&](std::size_t a, std::size_t b) { return isEarlier(messages[a], messages[b]); });
+/// Puts what `interpretationOf` makes of a stream together part by part, as decrypted messages come.
+class PartMerge {
+public:
+    PartMerge(const TCPStream& stream, const StreamPartVisitor& visit) : hellos_(stream), merge_(stream), visit_(visit)
+    {
+        reader_ = merge_.next();
+    }
 
-    std::int64_t position = 0;
-    std::vector<std::int64_t> positions(messages.size());  // of the decrypted messages, in the whole
-    auto next = order.begin();
-    // Hands over the decrypted messages before a time and direction, or all that are left.
-    const auto decryptedBefore = [&](std::optional<std::pair<double, Direction>> key) {
-        for (; next != order.end(); ++next) {
-            StreamMessage& message = messages[*next];
-            if (key && std::pair(message.timestamp, message.direction) >= *key) return true;
-            positions[*next] = position++;
-            if (visit && !visit(message)) return false;
+    /// Adds a part of the decrypted messages; false when no more is wanted.
+    bool take(StreamPart& part)
+    {
+        isDecrypted_ = true;
+        // Their messages may stand in any order.
+        std::vector<std::size_t> order(part.messages.size());
+        std::iota(order.begin(), order.end(), std::size_t{0});
+        std::ranges::stable_sort(order, [&](std::size_t a, std::size_t b) { return isEarlier(part.messages[a], part.messages[b]); });
+        std::vector<std::size_t> ranks(order.size());
+        for (std::size_t rank = 0; rank < order.size(); ++rank) ranks[order[rank]] = rank;
+        // A pairing is told with the later of its messages.
+        std::vector<std::pair<std::size_t, Pairing>> due;
+        const std::int64_t first = firstKnown_ + std::ssize(positions_);
+        const auto rankOf = [&](std::int64_t index) {
+            const std::int64_t place = index - first;
+            return place >= 0 && place < std::ssize(ranks) ? std::optional(ranks[static_cast<std::size_t>(place)]) : std::nullopt;
+        };
+        const auto isThere = [&](std::int64_t index) { return index >= firstKnown_ && index < first + std::ssize(ranks); };
+        for (Pairing& pairing : part.pairings) {
+            if (!isThere(pairing.requestIndex)) continue;
+            if (pairing.replyIndex && !isThere(*pairing.replyIndex)) pairing.replyIndex.reset();
+            pairing.status = pairing.replyIndex ? PairingStatus::matched : PairingStatus::unmatched;
+            const std::size_t request = rankOf(pairing.requestIndex).value_or(0);
+            due.emplace_back(std::max(request, pairing.replyIndex.and_then(rankOf).value_or(0)), std::move(pairing));
+        }
+        std::ranges::stable_sort(due, {}, &std::pair<std::size_t, Pairing>::first);
+        auto next = due.begin();
+        const std::size_t known = positions_.size();
+        positions_.resize(known + ranks.size());
+        const auto positionOf = [&](std::int64_t index) -> std::int64_t& {
+            return positions_[static_cast<std::size_t>(index - firstKnown_)];
+        };
+        for (std::size_t rank = 0; rank < order.size(); ++rank) {
+            StreamMessage& message = part.messages[order[rank]];
+            if (!takeCaptured(std::pair(message.timestamp, message.direction))) return false;
+            positions_[known + order[rank]] = next_;
+            add(std::move(message));
+            for (; next != due.end() && next->first == rank; ++next) {
+                Pairing& pairing = part_.pairings.emplace_back(std::move(next->second));
+                pairing.requestIndex = positionOf(pairing.requestIndex);
+                if (pairing.replyIndex) pairing.replyIndex = positionOf(*pairing.replyIndex);
+            }
+            if (!handOverMany()) return false;
+        }
+        // Of the parts before, a few are enough: a reply does not come much later than its request.
+        constexpr std::size_t mostKnown = 16'384;
+        for (; positions_.size() > mostKnown; ++firstKnown_) positions_.pop_front();
+        return true;
+    }
+
+    void setDecrypted() { isDecrypted_ = true; }
+    /// Adds what is left of the captured messages.
+    void end()
+    {
+        if (isWanted_ && takeCaptured(std::nullopt) && !part_.messages.empty()) handOver();
+    }
+
+private:
+    /// Adds the captured messages up to a time and direction, or all that are left.
+    bool takeCaptured(std::optional<std::pair<double, Direction>> upTo)
+    {
+        for (; reader_ && (!upTo || std::pair(reader_->timestamp(), reader_->direction()) <= *upTo); reader_ = merge_.next()) {
+            const std::int64_t item = item_++;
+            if (isDecrypted_ && reader_->isApplicationData()) continue;
+            Entry entry = reader_->entry();
+            hellos_.take(item, next_, entry.message);
+            add(std::move(entry.message));
+            if (auto pairing = hellos_.takePairing()) part_.pairings.push_back(*std::move(pairing));
+            if (!handOverMany()) return false;
         }
         return true;
-    };
-
-    HelloPairing hellos;
-    TLSEntryMerge merge(stream);
-    while (TLSEntryReader* const reader = merge.next()) {
-        if (isDecrypted && reader->isApplicationData()) continue;
-        if (!decryptedBefore(std::pair(reader->timestamp(), reader->direction()))) return std::nullopt;
-        hellos.take(*reader, position++);
-        const bool isRequest = hellos.isNewRequest();
-        if (!visit && !isRequest) continue;
-        Entry entry = reader->entry();
-        if (isRequest) hellos.setSummary(entry.message.summary);
-        if (visit && !visit(entry.message)) return std::nullopt;
     }
-    if (!decryptedBefore(std::nullopt)) return std::nullopt;
 
-    std::vector<Pairing> joined = hellos.pairings();
-    const auto whole = [&](std::int64_t index) {
-        const bool isThere = index >= 0 && index < std::ssize(positions);
-        return isThere ? std::optional(positions[static_cast<std::size_t>(index)]) : std::nullopt;
-    };
-    for (Pairing& pairing : std::move(pairings).value_or(std::vector<Pairing>{})) {
-        const auto request = whole(pairing.requestIndex);
-        const auto reply = pairing.replyIndex.and_then(whole);
-        if (request)
-            joined.push_back({*request, reply, std::move(pairing.summary), reply ? PairingStatus::matched : PairingStatus::unmatched});
+    void add(StreamMessage message)
+    {
+        bytes_ += message.heldBytes();
+        part_.messages.push_back(std::move(message));
+        ++next_;
     }
-    return joined.empty() ? std::nullopt : std::optional(std::move(joined));
-}
+
+    bool handOverMany()
+    {
+        // Parts of that size cost little, and hold little.
+        constexpr std::size_t many = 512, large = 1 << 20;
+        return (part_.messages.size() < many && bytes_ < large) || handOver();
+    }
+    bool handOver()
+    {
+        StreamPart part = std::exchange(part_, {.first = next_});
+        bytes_ = 0;
+        return isWanted_ = visit_(part);
+    }
+
+    HelloPairing hellos_;
+    TLSEntryMerge merge_;
+    const StreamPartVisitor& visit_;
+    TLSEntryReader* reader_ = nullptr;    ///< stands on the next captured message
+    std::int64_t item_ = 0;               ///< captured messages so far
+    std::int64_t next_ = 0;               ///< messages so far
+    std::deque<std::int64_t> positions_;  ///< of the latest decrypted messages, in the whole
+    std::int64_t firstKnown_ = 0;         ///< the first of those, among the decrypted
+    bool isDecrypted_ = false;
+    bool isWanted_ = true;  ///< more parts
+    StreamPart part_;
+    std::size_t bytes_ = 0;  ///< that its messages take
+};
 
 }  // namespace
 
@@ -318,19 +397,36 @@ StreamInterpretation TLSStreamParser::interpretation(const TCPStream& stream, co
 {
     std::vector<Entry> all = entries(Direction::clientToServer, stream);
     std::ranges::move(entries(Direction::serverToClient, stream), std::back_inserter(all));
-    return interpretationOf(std::move(all), stream, context);
+    auto decrypted = decryptedPart(stream, context);
+    return interpretationOf(std::move(all), decrypted ? std::optional(partOf(*std::move(decrypted))) : std::nullopt);
 }
 
-std::optional<std::vector<Pairing>> TLSStreamParser::forEachMessage(const TCPStream& stream, const StreamContext& context,
-                                                                    const StreamMessageVisitor& visit)
+void TLSStreamParser::forEachPart(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit)
 {
     auto few = fewEntries(stream);
-    if (!few) return mergedMessages(stream, context, visit);
-    StreamInterpretation interpretation = interpretationOf(std::move(*few), stream, context);
-    if (visit)
-        for (StreamMessage& message : interpretation.messages)
-            if (!visit(message)) return std::nullopt;
-    return std::move(interpretation.pairings);
+    std::optional<StreamPart> held;  // the first decrypted part, as long as it is the only one
+    std::optional<PartMerge> merge;
+    const auto take = [&](StreamPart& part) {
+        if (few && !held && !merge) {
+            held = std::move(part);
+            return true;
+        }
+        if (!merge) {
+            merge.emplace(stream, visit);
+            if (held && !merge->take(*held)) return false;
+        }
+        return merge->take(part);
+    };
+    const bool isDecrypted = tellDecrypted(stream, context, take);
+    if (few && !merge) {
+        if (isDecrypted && !held) held.emplace();
+        StreamPart whole = partOf(interpretationOf(std::move(*few), std::move(held)));
+        visit(whole);
+        return;
+    }
+    if (!merge) merge.emplace(stream, visit);
+    if (isDecrypted) merge->setDecrypted();
+    merge->end();
 }
 
 }  // namespace sealscope

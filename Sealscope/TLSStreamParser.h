@@ -71,10 +71,9 @@ struct TLSStreamParser {
     /// The whole stream: both directions in order of time, with decrypted messages in place of encrypted application data
     /// when the stream decrypts.
     static StreamInterpretation interpretation(const TCPStream& stream, const StreamContext& context = {});
-    /// The same message by message until `visit` gives false, and the pairings, where it never did; without a visitor the pairings
-    /// alone. Holds few of a stream's messages, however many there are; those decrypted ones excepted that an interpreter made.
-    static std::optional<std::vector<Pairing>> forEachMessage(const TCPStream& stream, const StreamContext& context,
-                                                              const StreamMessageVisitor& visit);
+    /// The same part by part until `visit` gives false. Holds few of a stream's messages, however many there are. Where decrypted messages
+    /// come in several parts, each takes the place that it would have if their times never stepped back.
+    static void forEachPart(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit);
 };
 
 }  // namespace sealscope

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/UTF8.h"
 
+#include <algorithm>
+
 namespace sealscope::utf8 {
 
 namespace {
@@ -57,6 +59,17 @@ std::optional<Scalar> scalarAt(DataView bytes, std::int64_t offset)
     char32_t value = bytes[offset] & leadBits[extent.length];
     for (std::int64_t i = 1; i < extent.length; ++i) value = value << 6 | (bytes[offset + i] & 0x3F);
     return Scalar{value, extent.length};
+}
+
+std::int64_t cutScalar(DataView bytes)
+{
+    for (std::int64_t back = 1; back <= std::min<std::int64_t>(3, bytes.size()); ++back) {
+        const std::uint8_t byte = bytes[bytes.size() - back];
+        if ((byte & 0xC0) == 0x80) continue;
+        const std::int64_t length = byte >= 0xF0 ? 4 : byte >= 0xE0 ? 3 : byte >= 0xC0 ? 2 : 1;
+        return length > back ? back : 0;
+    }
+    return 0;
 }
 
 bool isWellFormed(DataView bytes)

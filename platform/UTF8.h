@@ -22,6 +22,9 @@ std::optional<Scalar> scalarAt(DataView bytes, std::int64_t offset);
 /// Exactly well-formed UTF-8. U+FEFF and noncharacters count as well-formed.
 bool isWellFormed(DataView bytes);
 
+/// How many bytes at the end are the beginning of a scalar that goes on behind them.
+std::int64_t cutScalar(DataView bytes);
+
 /// The text as it stands when it is well-formed, else nothing. Nothing is stripped, a leading U+FEFF neither.
 std::optional<std::string> decoded(DataView bytes);
 

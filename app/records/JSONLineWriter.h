@@ -51,6 +51,14 @@ public:
         needsComma_ = false;
     }
 
+    /// A piece of what stands in an array and was written elsewhere, the commas between included. Nothing else may stand there.
+    void raw(std::string_view json)
+    {
+        std::memcpy(room(json.size()), json.data(), json.size());
+        next_ += json.size();
+        needsComma_ = true;
+        spillIfLarge();
+    }
     void null() { literal("null"); }
     void value(bool flag) { literal(flag ? "true" : "false"); }
     void value(std::integral auto number) { integer(static_cast<std::int64_t>(number)); }

@@ -13,7 +13,11 @@ namespace sealscope {
 class Spill {
 public:
     Spill() = default;
-    explicit Spill(std::function<void(std::string&)> take) : take_(std::move(take)) {}
+    explicit Spill(std::function<void(std::string&)> take, std::function<bool()> isWanted = {})
+        : take_(std::move(take)), isWanted_(std::move(isWanted))
+    {}
+    /// Whether it is of use to go on.
+    bool isWanted() const { return !isWanted_ || isWanted_(); }
     /// Whether a text of that size is to be taken away.
     bool isDue(std::size_t size) const { return size >= large && take_; }
     /// Called between pieces; takes the text away once it is large.
@@ -27,6 +31,7 @@ public:
 private:
     static constexpr std::size_t large = 256 * 1'024;
     std::function<void(std::string&)> take_;
+    std::function<bool()> isWanted_;
 };
 
 }  // namespace sealscope

@@ -2,12 +2,17 @@
 #include "app/records/StreamRecords.h"
 
 #include "app/records/MessageRecords.h"
+#include "app/records/PackedText.h"
 #include "app/records/VerdictSentence.h"
 
+#include <algorithm>
 #include <exception>
+#include <iterator>
+#include <optional>
 #include <type_traits>
 #include <utility>
 #include <variant>
+#include <vector>
 
 namespace sealscope {
 
@@ -109,6 +114,43 @@ void writePairing(JSONLineWriter& json, const Pairing& pairing)
     json.member("status", pairing.status == PairingStatus::matched ? "matched" : "unmatched");
     json.endObject();
 }
+
+/// The pairings of a stream until all of its messages are written, which stand in front.
+class PairingsBehind {
+public:
+    void add(std::vector<Pairing>& pairings)
+    {
+        constexpr std::size_t many = 4'096;
+        std::ranges::move(pairings, std::back_inserter(held_));
+        if (packed_ || held_.size() > many) pack();
+    }
+    void write(JSONLineWriter& json, const Spill& spill)
+    {
+        if (held_.empty() && !packed_) return json.null();
+        json.beginArray();
+        for (const Pairing& pairing : held_) writePairing(json, pairing);
+        if (packed_) packed_->forEachPiece([&](std::string_view piece) { return json.raw(piece), spill.isWanted(); });
+        json.endArray();
+    }
+
+private:
+    void pack()
+    {
+        if (held_.empty()) return;
+        std::string list;
+        JSONLineWriter json(list);
+        json.beginArray();
+        for (const Pairing& pairing : std::exchange(held_, {})) writePairing(json, pairing);
+        json.endArray();
+        list.pop_back();
+        if (packed_) list.front() = ',';
+        if (!packed_) list.erase(0, 1), packed_.emplace();
+        packed_->add(list);
+    }
+
+    std::vector<Pairing> held_;
+    std::optional<PackedText> packed_;
+};
 
 void writeReason(JSONLineWriter& json, const StreamVerdict& verdict, const StreamSummary& summary)
 {
@@ -284,30 +326,24 @@ void appendRecord(std::string& text, const OpenedStream& opened)
     text += '\n';
 }
 
-StreamTeller telling(StreamInterpretation& interpretation)
-{
-    return [&](const StreamMessageVisitor& visit) {
-        if (visit)
-            for (StreamMessage& message : interpretation.messages)
-                if (!visit(message)) break;
-        return interpretation.pairings;
-    };
-}
-
 void appendRecord(std::string& text, std::int64_t stream, const StreamTeller& tell, const Spill& spill)
 {
+    PairingsBehind pairings;
     JSONLineWriter json(text, spill);
     json.beginObject();
     json.member("stream", stream);
     json.key("messages");
     json.beginArray();
-    std::optional<std::vector<Pairing>> pairings;
     std::exception_ptr problem;
     try {
-        pairings = tell([&](StreamMessage& message) {
-            json.beginObject();
-            writeMembers(json, message, BodyMember::written);
-            json.endObject();
+        tell([&](StreamPart& part) {
+            pairings.add(part.pairings);
+            for (const StreamMessage& message : part.messages) {
+                json.beginObject();
+                writeMembers(json, message, BodyMember::written);
+                json.endObject();
+                if (!spill.isWanted()) return false;
+            }
             return true;
         });
     } catch (...) {
@@ -315,13 +351,7 @@ void appendRecord(std::string& text, std::int64_t stream, const StreamTeller& te
     }
     json.endArray();
     json.key("pairings");
-    if (pairings) {
-        json.beginArray();
-        for (const Pairing& pairing : *pairings) writePairing(json, pairing);
-        json.endArray();
-    } else {
-        json.null();
-    }
+    pairings.write(json, spill);
     json.endObject();
     text += '\n';
     if (problem) std::rethrow_exception(problem);

@@ -29,11 +29,8 @@ struct StreamRow {
 /// The row of a stream, with everything that NDJSON has of it.
 StreamRow streamRow(const Session& session, const StreamVerdicts& verdicts, std::int64_t number);
 
-/// Hands a stream's messages over one by one until the visitor gives false, and gives their pairings; without a visitor the pairings
-/// alone.
-using StreamTeller = std::function<std::optional<std::vector<Pairing>>(const StreamMessageVisitor&)>;
-/// A teller of what was interpreted already, which outlives it.
-StreamTeller telling(StreamInterpretation& interpretation);
+/// Hands a stream's messages over part by part until the visitor gives false. Asked once more it begins again.
+using StreamTeller = std::function<void(const StreamPartVisitor&)>;
 
 /// A row's verdict as people read it, as `verdictText` has it; also where there is none.
 std::string_view verdictText(const StreamRow& row, const SentenceReader& reader = {});
@@ -44,7 +41,8 @@ std::string_view verdictName(const TLSDecryptionOutcome& outcome);
 
 void appendRecord(std::string& text, const StreamRow& row);
 void appendRecord(std::string& text, const OpenedStream& opened);
-/// The messages of a stream; `spill` may take the text away between them. What `tell` throws goes on when the line is whole.
+/// The messages of a stream and their pairings; `spill` may take the text away between them. What `tell` throws goes on when the line is
+/// whole.
 void appendRecord(std::string& text, std::int64_t stream, const StreamTeller& tell, const Spill& spill);
 
 }  // namespace sealscope

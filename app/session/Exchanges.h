@@ -5,7 +5,6 @@
 #include "host/VELModels/StreamExchanges.h"
 #include "host/VELModels/StreamMessage.h"
 
-#include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
@@ -21,11 +20,5 @@ std::optional<StreamInterpretation> applicationInterpretation(const Session& ses
 
 /// The exchanges of that, one by one. Null where there is none of it.
 std::unique_ptr<StreamExchangeReader> applicationExchanges(const Session& session, const TCPStream& stream);
-
-/// Bytes that the fields of an exchange take: what it holds most of, where it holds much.
-std::size_t fieldBytes(const Exchange& exchange);
-
-/// The exchanges of an interpretation, to be handed over.
-std::unique_ptr<StreamExchangeReader> readerOf(StreamInterpretation interpretation);
 
 }  // namespace sealscope

@@ -20,14 +20,14 @@ void ExchangesAhead::make(Batch& batch)
 {
     batch.times.clear();
     try {
-        std::size_t fields = 0;
-        while (batch.times.size() < madeAtOnce && fields < fieldsAtOnce) {
+        std::size_t bytes = 0;
+        while (batch.times.size() < madeAtOnce && bytes < bytesAtOnce) {
             const auto time = reader_->nextTime();
             if (!time) break;
             StreamExchange& exchange = batch.exchanges[batch.times.size()];
             reader_->next(exchange);
             batch.times.push_back(*time);
-            fields += fieldBytes(exchange);
+            bytes += heldBytes(exchange);
         }
     } catch (...) {
         batch.problem = std::current_exception();

@@ -32,7 +32,7 @@ public:
 private:
     // Enough that waiting for each other costs little, and no more, since fields may be long.
     static constexpr std::size_t madeAtOnce = 128;
-    static constexpr std::size_t fieldsAtOnce = 1 << 18;  ///< bytes
+    static constexpr std::size_t bytesAtOnce = 1 << 19;
     struct Batch {
         std::vector<StreamExchange> exchanges;  ///< their memory is used again
         std::vector<double> times;

@@ -95,6 +95,23 @@ std::optional<StreamInterpretation> SessionPlugIns::carriedInterpretation(const 
     return interpreter->interpret(readable(*interpreter, stream), offered);
 }
 
+bool SessionPlugIns::tellDecrypted(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit) const
+{
+    for (const auto& probe : probes_ | std::views::reverse)
+        if (canOpen(*probe) && probe->tellDecrypted(stream, context, visit)) return true;
+    return false;
+}
+
+bool SessionPlugIns::tellCarried(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit) const
+{
+    const VELStreamInterpreting* const interpreter = interpreterOfCarried(stream, context);
+    if (!interpreter) return false;
+    StreamContext offered = context;
+    offered.host = this;
+    interpreter->tell(readable(*interpreter, stream), offered, visit);
+    return true;
+}
+
 std::unique_ptr<StreamExchangeReader> SessionPlugIns::exchanges(const VELStreamInterpreting& interpreter, const TCPStream& stream,
                                                                 const StreamContext& context) const
 {
@@ -109,7 +126,8 @@ std::unique_ptr<StreamExchangeReader> SessionPlugIns::carriedExchanges(const TCP
     if (!interpreter) return nullptr;
     StreamContext offered = context;
     offered.host = this;
-    return exchanges(*interpreter, readable(*interpreter, stream), offered);
+    const TCPStream given = readable(*interpreter, stream);
+    return interpreter->layer == StreamLayer::security ? decryptedExchanges(given, offered) : exchanges(*interpreter, given, offered);
 }
 
 std::unique_ptr<StreamFollowing> SessionPlugIns::followCarried(const StreamContext& context) const

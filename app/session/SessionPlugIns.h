@@ -62,6 +62,8 @@ public:
 
     std::optional<StreamInterpretation> decryptedInterpretation(const TCPStream& stream, const StreamContext& context) const override;
     std::optional<StreamInterpretation> carriedInterpretation(const TCPStream& stream, const StreamContext& context) const override;
+    bool tellDecrypted(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit) const override;
+    bool tellCarried(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit) const override;
     std::unique_ptr<StreamExchangeReader> carriedExchanges(const TCPStream& stream, const StreamContext& context) const override;
     std::unique_ptr<StreamFollowing> followCarried(const StreamContext& context) const override;
     std::int64_t mostHeldOfOne() const { return options_.mostHeldOfOne; }

@@ -9,6 +9,7 @@
 #include "tests/Sealscope/EntriesTwin.h"
 
 #include <algorithm>
+#include <iterator>
 
 using namespace sealscope;
 using Direction = TCPSegment::Direction;
@@ -84,6 +85,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const StreamInterpretation pieces = TLSStreamParser::interpretation(scattered);
     require(std::ranges::equal(whole.messages, pieces.messages, twin::isSame), "it does not matter where the bytes lie");
     require(whole.pairings == pieces.pairings, "nor for the pairings");
+    StreamInterpretation told;
+    TLSStreamParser::forEachPart(stream, {}, [&](StreamPart& part) {
+        std::ranges::move(part.messages, std::back_inserter(told.messages));
+        if (!part.pairings.empty()) told.pairings = std::move(part.pairings);
+        return true;
+    });
+    require(std::ranges::equal(whole.messages, told.messages, twin::isSame), "parts have the messages of the whole");
+    require(whole.pairings == told.pairings, "and its pairings");
     require(std::ranges::is_sorted(whole.messages, {}, &StreamMessage::timestamp), "messages are in order of time");
     require(!whole.pairings || !whole.pairings->empty(), "no pairings are none, not an empty list");
     for (const Pairing& pairing : whole.pairings.value_or(std::vector<Pairing>{})) {

@@ -48,6 +48,8 @@ public:
     /// Bytes in all. May have to make them, once, without keeping any.
     std::int64_t length() const;
     bool isEmpty() const { return length() == 0; }
+    /// Bytes that are at hand, and take memory as long as a copy of the body lives.
+    std::int64_t heldBytes() const { return bytes_.size(); }
     /// All bytes in one place; made when they are first asked for, and kept as long as a copy of the body lives.
     Data bytes() const;
     /// Hands the bytes over without keeping them.

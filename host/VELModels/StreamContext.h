@@ -7,6 +7,7 @@
 #include "host/VELModels/StreamMessage.h"
 #include "host/VELModels/TCPStream.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -37,6 +38,8 @@ struct StreamContext {
     std::int64_t largestDecodedBody = std::int64_t{1} << 30;
     /// What all bodies may decode to together; null where nothing but the above bounds them.
     std::shared_ptr<DecodingAllowance> decodingAllowance;
+    /// Bytes of a conversation that may be held, about, while it is told part by part or exchange by exchange.
+    std::size_t mostHeld = std::size_t{8} << 20;
     /// What who opened the stream says in front of each message; a reader of exchanges that adds them itself says so.
     std::vector<DetailRow> rowsInFront;
     /// What the application does for the session that the stream belongs to; null outside of one.
@@ -56,6 +59,10 @@ public:
     /// `context` says what is known of the inner stream, its depth included. Nothing when no interpreter accepts it, or
     /// when it lies too deep.
     virtual std::optional<StreamInterpretation> carriedInterpretation(const TCPStream& stream, const StreamContext& context) const = 0;
+
+    /// The same part by part until `visit` gives false; whether there is any of it.
+    virtual bool tellDecrypted(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit) const;
+    virtual bool tellCarried(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit) const;
 
     /// The exchanges of such an interpretation. Null when no interpreter accepts the stream, or when it lies too deep.
     virtual std::unique_ptr<StreamExchangeReader> carriedExchanges(const TCPStream&, const StreamContext&) const { return nullptr; }

@@ -6,6 +6,38 @@
 
 namespace sealscope {
 
+namespace {
+
+/// Exchanges that were all made.
+class MadeExchanges final : public StreamExchangeReader {
+public:
+    explicit MadeExchanges(std::vector<StreamExchange> exchanges) : exchanges_(std::move(exchanges)) {}
+    std::optional<double> nextTime() const override
+    {
+        return next_ < exchanges_.size() ? std::optional(exchanges_[next_].time()) : std::nullopt;
+    }
+    void next(StreamExchange& exchange) override { exchange = std::exchange(exchanges_[next_++], {}); }
+
+private:
+    std::vector<StreamExchange> exchanges_;
+    std::size_t next_ = 0;
+};
+
+}  // namespace
+
+std::unique_ptr<StreamExchangeReader> readerOf(StreamInterpretation interpretation)
+{
+    return std::make_unique<MadeExchanges>(exchangesOf(std::move(interpretation)));
+}
+
+std::size_t heldBytes(const StreamExchange& exchange)
+{
+    std::size_t bytes = 0;
+    for (const auto* const message : {&exchange.request, &exchange.reply})
+        if (*message) bytes += (*message)->heldBytes();
+    return bytes;
+}
+
 std::vector<StreamExchange> exchangesOf(StreamInterpretation interpretation)
 {
     std::vector<StreamMessage>& messages = interpretation.messages;

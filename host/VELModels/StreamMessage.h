@@ -7,7 +7,9 @@
 #include "platform/Data.h"
 #include "platform/UUID.h"
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -44,6 +46,11 @@ struct StreamAttribute {
     bool operator==(const StreamAttribute&) const = default;
 };
 
+struct StreamPart;
+
+/// Takes a part of a stream, which it may move from, and says whether to go on.
+using StreamPartVisitor = std::function<bool(StreamPart&)>;
+
 /// One row of the stream view; made with the names of what it has, as in `StreamMessage{.direction = …, .summary = …}`.
 struct StreamMessage {
     UUID id = UUID::random();  ///< made with the message and kept by its copies
@@ -61,9 +68,14 @@ struct StreamMessage {
     std::vector<StreamAttribute> attributes;  ///< for machines, each key once
     /// Of the message's last byte, where it is known to differ from `timestamp`.
     std::optional<double> endTimestamp;
+    /// Tells what was said on a stream that began with this message, such as the WebSocket behind a handshake, where that is not among
+    /// the messages beside it. Empty for most; reads the stream anew whenever it is called.
+    std::function<void(const StreamPartVisitor&)> tellCarried;
 
     /// The value under a key, or null.
     const VELValue* attribute(std::string_view key) const;
+    /// Bytes that it takes while it is held, about; of its body those that are at hand.
+    std::size_t heldBytes() const;
 };
 
 enum class PairingStatus : std::uint8_t { matched, unmatched };
@@ -82,5 +94,15 @@ struct StreamInterpretation {
     std::vector<StreamMessage> messages;
     std::optional<std::vector<Pairing>> pairings;
 };
+
+/// Some of a stream's messages, one behind another. Pairings point to positions among all of the stream's messages: one of the two may
+/// have come in an earlier part. The whole stream may be one part.
+struct StreamPart {
+    std::int64_t first = 0;  ///< the position of the first of these messages
+    std::vector<StreamMessage> messages;
+    std::vector<Pairing> pairings;
+};
+/// All that an interpreter made of a stream, as one part.
+StreamPart partOf(StreamInterpretation interpretation);
 
 }  // namespace sealscope SEALSCOPE_API

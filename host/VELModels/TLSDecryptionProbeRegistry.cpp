@@ -24,6 +24,15 @@ std::optional<StreamInterpretation> TLSStreamDecryptionProbing::decryptedInterpr
     return std::nullopt;
 }
 
+bool TLSStreamDecryptionProbing::tellDecrypted(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit) const
+{
+    auto interpretation = decryptedInterpretation(stream, context);
+    if (!interpretation) return false;
+    StreamPart whole = partOf(*std::move(interpretation));
+    visit(whole);
+    return true;
+}
+
 std::unique_ptr<PlaintextReader> TLSStreamDecryptionProbing::plaintextReader(const TCPStream&, TCPSegment::Direction) const
 {
     return nullptr;

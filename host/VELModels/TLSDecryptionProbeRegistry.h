@@ -215,6 +215,8 @@ public:
     /// The messages of the plaintext: those of the interpreter that `context.host` finds for it, or else the bytes of each
     /// direction as one message, all marked as decrypted. Nothing when the stream does not open.
     virtual std::optional<StreamInterpretation> decryptedInterpretation(const TCPStream& stream, const StreamContext& context) const;
+    /// The same part by part until `visit` gives false; whether the stream opens.
+    virtual bool tellDecrypted(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit) const;
     /// Null when the direction lacks secrets, or cannot be opened at all.
     virtual std::unique_ptr<PlaintextReader> plaintextReader(const TCPStream& stream, TCPSegment::Direction direction) const;
     virtual TLSKeyMaterialReport keyMaterial() const;

@@ -29,6 +29,13 @@ std::vector<const VELStreamInterpreting*> VELStreamInterpreterRegistry::snapshot
     return interpreters_;
 }
 
+void VELStreamInterpreting::tell(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit) const
+{
+    if (forEachPart) return forEachPart(stream, context, visit);
+    StreamPart whole = partOf(interpret(stream, context));
+    visit(whole);
+}
+
 const VELStreamInterpreting* VELStreamInterpreter::firstInterpreter(const TCPStream& stream,
                                                                     const std::vector<const VELStreamInterpreting*>& among,
                                                                     const StreamContext& context)

@@ -34,13 +34,10 @@ concept StreamInterpreterTypeInContext = requires(const TCPStream& stream, const
     { Type::interpret(stream, context) } -> std::same_as<StreamInterpretation>;
 };
 
-/// Takes a message, which it may move from, and says whether to go on.
-using StreamMessageVisitor = std::function<bool(StreamMessage&)>;
-
-/// What a type may offer on top: the messages of `interpret` one by one, for streams that have too many to be held.
+/// What a type may offer on top: what `interpret` gives part by part, for streams that have too many messages to be held.
 template <class Type>
-concept StreamMessageTeller = requires(const TCPStream& stream, const StreamContext& context, const StreamMessageVisitor& visit) {
-    { Type::forEachMessage(stream, context, visit) } -> std::same_as<std::optional<std::vector<Pairing>>>;
+concept StreamPartsTeller = requires(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit) {
+    { Type::forEachPart(stream, context, visit) } -> std::same_as<void>;
 };
 
 /// What a type may offer on top: to read a stream that still goes on.
@@ -62,10 +59,8 @@ struct VELStreamInterpreting {
     StreamLayer layer = StreamLayer::application;
     bool (*canInterpretInContext)(const TCPStream& stream, const StreamContext& context) = nullptr;
     StreamInterpretation (*interpretInContext)(const TCPStream& stream, const StreamContext& context) = nullptr;
-    /// Hands the messages of `interpret` over in order until `visit` gives false, and gives the pairings, where it never did. Without
-    /// a visitor it finds the pairings alone. Null for a type that does not offer it.
-    std::optional<std::vector<Pairing>> (*forEachMessage)(const TCPStream& stream, const StreamContext& context,
-                                                          const StreamMessageVisitor& visit) = nullptr;
+    /// Hands over what `interpret` gives, part by part, until `visit` gives false. Null for a type that does not offer it.
+    void (*forEachPart)(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit) = nullptr;
     /// Begins to read a stream that still goes on, of which `canInterpret` accepts the beginning. Null for a type that does not offer it.
     std::unique_ptr<StreamFollowing> (*follow)(const StreamContext& context) = nullptr;
     /// Null for a type that does not offer it; gives null where `interpret` is to be asked.
@@ -79,6 +74,8 @@ struct VELStreamInterpreting {
     {
         return interpretInContext(stream, context);
     }
+    /// The same part by part, in one where the type has no other way.
+    void tell(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit) const;
 
     /// `Type::streamLayer` says the layer; a type without it is of the application layer.
     template <class Type>
@@ -101,7 +98,7 @@ struct VELStreamInterpreting {
                                                                   else
                                                                       return static_cast<void>(context), Type::interpret(stream);
                                                               },
-                                                          .forEachMessage = tellerOf<Type>(),
+                                                          .forEachPart = tellerOf<Type>(),
                                                           .follow = followerOf<Type>(),
                                                           .exchanges = exchangesOf<Type>(),
                                                           .readsPieceByPiece = readsInPieces<Type>()};
@@ -116,10 +113,10 @@ private:
         else
             return StreamLayer::application;
     }
-    template <class Type> static constexpr decltype(VELStreamInterpreting::forEachMessage) tellerOf()
+    template <class Type> static constexpr decltype(VELStreamInterpreting::forEachPart) tellerOf()
     {
-        if constexpr (StreamMessageTeller<Type>)
-            return &Type::forEachMessage;
+        if constexpr (StreamPartsTeller<Type>)
+            return &Type::forEachPart;
         else
             return nullptr;
     }

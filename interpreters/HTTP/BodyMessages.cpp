@@ -133,6 +133,7 @@ void BodyMessages::appendCalls(Conversation& conversation, const TCPStream& stre
         HTTPMessages::locate(message, inner, {offset, payload.upper}, {});
         message.byteRange = places.outerRange(*message.byteRange);
         conversation.add(std::move(message));
+        conversation.handOver();
         offset = payload.upper;
     }
 }
@@ -171,6 +172,7 @@ void BodyMessages::appendEvents(Conversation& conversation, const TCPStream& str
             message.attributes.push_back({"encodedBytes", std::ssize(event.data)});
             message.body = StreamBody(Data::fromText(event.data));
             conversation.add(std::move(message));
+            conversation.handOver();
         }
         event = {};
         event.begin = offset + 1;

@@ -3,6 +3,7 @@
 
 #include "platform/Data.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <utility>
 #include <vector>
@@ -66,11 +67,35 @@ public:
     ByteRange bounds() const { return {lower_, last_.upper}; }
     bool isInOnePlace() const { return packed_.empty(); }
 
-    /// Calls `visit` with each range until it gives false.
-    template <class Visit> bool forEach(const Visit& visit) const
+    /// A range from which they can be gone through.
+    struct Mark {
+        std::int64_t passed = 0;  ///< bytes of those in front of it
+        std::int64_t lower = 0;
+        std::size_t packed = 0;  ///< where it stands among those that are packed
+    };
+    /// Every so many-th of them, the first included.
+    std::vector<Mark> marks(std::int64_t every) const
     {
-        std::int64_t lower = lower_;
-        for (auto next = packed_.begin(); next != packed_.end();) {
+        std::vector<Mark> marks;
+        Mark mark{.lower = lower_};
+        std::int64_t count = 0;
+        for (auto next = packed_.begin();; ++count) {
+            if (count % every == 0) marks.push_back(mark);
+            if (next == packed_.end()) return marks;
+            const std::int64_t size = read(next);
+            mark.passed += size;
+            mark.lower += size + read(next);
+            mark.packed = static_cast<std::size_t>(next - packed_.begin());
+        }
+    }
+
+    /// Calls `visit` with each range until it gives false.
+    template <class Visit> bool forEach(const Visit& visit) const { return forEachFrom({.lower = lower_}, visit); }
+    /// The same from one of them on.
+    template <class Visit> bool forEachFrom(const Mark& mark, const Visit& visit) const
+    {
+        std::int64_t lower = mark.lower;
+        for (auto next = packed_.begin() + static_cast<std::ptrdiff_t>(mark.packed); next != packed_.end();) {
             const std::int64_t upper = lower + read(next);
             if (!visit(ByteRange{lower, upper})) return false;
             lower = upper + read(next);

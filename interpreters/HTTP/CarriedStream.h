@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <iterator>
 #include <vector>
 
 namespace sealscope {
@@ -13,26 +14,19 @@ namespace sealscope {
 /// Ranges with the place of each in what they carry.
 class CarriedPlaces {
 public:
-    explicit CarriedPlaces(const ByteRanges& carried)
-    {
-        std::int64_t inner = 0;
-        carried.forEach([&](ByteRange range) {
-            places_.push_back({inner, range});
-            inner += range.size();
-            return true;
-        });
-    }
+    explicit CarriedPlaces(const ByteRanges& carried) : carried_(carried), marks_(carried.marks(betweenMarks)) {}
 
     /// Calls `visit` with the outer ranges that carry an inner one, in order, until it gives false.
     template <class Visit> void forEach(ByteRange inner, const Visit& visit) const
     {
-        auto place = std::ranges::upper_bound(places_, inner.lower, {}, &Place::inner);
-        if (place != places_.begin()) --place;
-        for (; place != places_.end() && place->inner < inner.upper; ++place) {
-            const std::int64_t shift = place->outer.lower - place->inner;
-            const ByteRange part{std::max(inner.lower + shift, place->outer.lower), std::min(inner.upper + shift, place->outer.upper)};
-            if (!part.isEmpty() && !visit(part)) return;
-        }
+        const ByteRanges::Mark& mark = markBefore(inner.lower, &ByteRanges::Mark::passed);
+        std::int64_t passed = mark.passed;
+        carried_.forEachFrom(mark, [&](ByteRange outer) {
+            const std::int64_t shift = outer.lower - passed;
+            passed += outer.size();
+            const ByteRange part{std::max(inner.lower + shift, outer.lower), std::min(inner.upper + shift, outer.upper)};
+            return (part.isEmpty() || visit(part)) && passed < inner.upper;
+        });
     }
     /// Where an inner range lies in the outer bytes: from its first byte to its last.
     ByteRange outerRange(ByteRange inner) const
@@ -44,23 +38,32 @@ public:
     }
 
     /// Which inner bytes lie in an outer range.
-    ByteRange innerRange(ByteRange outer) const
-    {
-        const auto innerOf = [&](std::int64_t offset) {
-            auto place = std::ranges::upper_bound(places_, offset, {}, [](const Place& one) { return one.outer.lower; });
-            if (place == places_.begin()) return std::int64_t{0};
-            --place;
-            return place->inner + std::min(offset, place->outer.upper) - place->outer.lower;
-        };
-        return {innerOf(outer.lower), innerOf(outer.upper)};
-    }
+    ByteRange innerRange(ByteRange outer) const { return {innerOf(outer.lower), innerOf(outer.upper)}; }
 
 private:
-    struct Place {
-        std::int64_t inner = 0;  ///< offset of the first byte in what is carried
-        ByteRange outer;
-    };
-    std::vector<Place> places_;
+    static constexpr std::int64_t betweenMarks = 32;  ///< ranges: there may be one for every few bytes
+
+    /// The last that is not behind an offset, or the first.
+    const ByteRanges::Mark& markBefore(std::int64_t offset, std::int64_t ByteRanges::Mark::* place) const
+    {
+        const auto behind = std::ranges::upper_bound(marks_, offset, {}, place);
+        return behind == marks_.begin() ? marks_.front() : *std::prev(behind);
+    }
+    std::int64_t innerOf(std::int64_t offset) const
+    {
+        const ByteRanges::Mark& mark = markBefore(offset, &ByteRanges::Mark::lower);
+        std::int64_t passed = mark.passed, found = 0;
+        carried_.forEachFrom(mark, [&](ByteRange outer) {
+            if (outer.lower > offset) return false;
+            found = passed + std::min(offset, outer.upper) - outer.lower;
+            passed += outer.size();
+            return true;
+        });
+        return found;
+    }
+
+    ByteRanges carried_;
+    std::vector<ByteRanges::Mark> marks_;
 };
 
 /// What a part of a stream carries, as a stream of its own: the inside of a tunnel. Its bytes stay where they are, and its

@@ -5,12 +5,12 @@
 #include "interpreters/HTTP/BodyMessages.h"
 #include "interpreters/HTTP/Carried.h"
 #include "interpreters/HTTP/Conversation.h"
+#include "interpreters/HTTP/ExchangesInParts.h"
 #include "interpreters/HTTP/HTTP1Direction.h"
 
 #include <algorithm>
 #include <iterator>
 #include <limits>
-#include <map>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -25,7 +25,7 @@ using Kind = HTTP1Head::Kind;
 
 // As far as a stream whose start the capture lacks is searched for HTTP.
 constexpr std::int64_t searchedForStart = 16'384;
-constexpr std::int64_t longestStartLine = 65'536;
+constexpr std::int64_t longestLineAtStart = 65'536;
 
 bool beginsWith(const TCPStream& stream, Direction direction, Kind kind)
 {
@@ -34,7 +34,7 @@ bool beginsWith(const TCPStream& stream, Direction direction, Kind kind)
     const DataView first = data.stretch(0);
     if (kind == Kind::reply && (first.u8(0) != 'H' || data.size() < 12)) return false;
     StreamWindow window(data);
-    return HTTP1Head::isStartLine(window.line(0, longestStartLine).text(), kind);
+    return HTTP1Head::isStartLine(window.line(0, longestLineAtStart).text(), kind);
 }
 
 bool holds(const TCPStream& stream, Direction direction, Kind kind)
@@ -59,16 +59,14 @@ std::optional<Direction> asker(const TCPStream& stream)
     return std::nullopt;
 }
 
-/// What is told of a connection: all of it, or requests and replies alone.
-enum class Told : std::uint8_t { everything, exchanges };
-
 /// Reads both directions side by side: how a reply is framed depends on its request, and what follows a request may depend on
 /// its reply.
 class HTTP1Reading {
 public:
-    HTTP1Reading(const TCPStream& stream, const StreamContext& context, Direction asking, Told told = Told::everything)
+    HTTP1Reading(const TCPStream& stream, const StreamContext& context, Direction asking, Told told = Told::everything,
+                 const StreamPartVisitor* visit = nullptr)
         : stream_(stream), context_(context), told_(told), requests_(stream, asking, Kind::request, context),
-          replies_(stream, opposite(asking), Kind::reply, context)
+          replies_(stream, opposite(asking), Kind::reply, context), conversation_(visit, context.mostHeld / 4)
     {}
 
     /// What has become complete by now; of a stream that is whole, all that is left.
@@ -80,28 +78,33 @@ public:
         if (!isSwitched_) readReplies();
         if (inner_) followInside(extent);
         if (isGrowing_) return takeFinished();
-        if (!isSwitched_) readUnanswered();
-        for (Asked& asked : asked_)
-            if (!asked.isAnswered) conversation_.pair(asked.position, std::nullopt);
-        addOthers(requests_);
-        addOthers(replies_);
+        readRest();
         return conversation_.finish();
+    }
+
+    /// Tells all of a stream that is whole to whom takes parts.
+    void tell()
+    {
+        readReplies();
+        readRest();
+        conversation_.handOverRest();
     }
 
     /// What is complete of a stream that is whole once about so many messages more were read; nothing when there are no more.
     std::optional<StreamInterpretation> readSome(std::int64_t messages)
     {
         if (isOver_) return std::nullopt;
-        mostAtOnce_ = messages;
+        constexpr std::size_t bytesAtOnce = 1 << 20;
+        roomEnd_ = conversation_.size() + messages;
+        roomEndBytes_ = conversation_.addedBytes() + bytesAtOnce;
         if (!isSwitched_) readReplies();
-        if (!isSwitched_ && hasRoom()) {
-            readUnanswered();
-            answered_ = pausedAt_.value_or(asked_.size());
-        }
+        if (!isSwitched_ && hasRoom()) readUnanswered();
         isOver_ = isSwitched_ || hasRoom();
-        if (isOver_) answered_ = asked_.size();
+        if (isOver_) passOver(asked_.size());
         return takeFinished();
     }
+    /// The exchanges of what follows, once there are no more of its own, or null.
+    std::unique_ptr<StreamExchangeReader> takeInside() { return std::move(inside_); }
 
     /// Where the bytes of a direction begin that are not done with.
     std::int64_t neededFrom(Direction direction) const
@@ -130,15 +133,41 @@ private:
     /// All messages but the requests that wait for their replies.
     StreamInterpretation takeFinished()
     {
+        forgetAnswered();
+        return conversation_.takeSettled();
+    }
+
+    bool hasRoom() const { return conversation_.size() < roomEnd_ && conversation_.addedBytes() < roomEndBytes_; }
+
+    /// Gives up waiting for replies to the requests in front of one.
+    void passOver(std::size_t end)
+    {
+        for (; answered_ < end; ++answered_)
+            if (!std::exchange(asked_[answered_].isAnswered, true)) conversation_.pair(asked_[answered_].position, std::nullopt);
+    }
+
+    void forgetAnswered()
+    {
         asked_.erase(asked_.begin(), asked_.begin() + static_cast<std::ptrdiff_t>(answered_));
         if (pausedAt_) *pausedAt_ -= answered_;
         answered_ = 0;
-        std::vector<std::int64_t*> waiting;
-        for (Asked& asked : asked_) waiting.push_back(&asked.position);
-        return conversation_.takeAllBut(waiting);
     }
 
-    bool hasRoom() const { return conversation_.size() < mostAtOnce_; }
+    /// Lets go of what nobody waits for any more.
+    void handOver()
+    {
+        constexpr std::size_t many = 256;
+        if (answered_ >= many) forgetAnswered();
+        conversation_.handOver();
+    }
+
+    void readRest()
+    {
+        if (!isSwitched_) readUnanswered();
+        passOver(asked_.size());
+        addOthers(requests_);
+        addOthers(replies_);
+    }
 
     void addOthers(HTTP1Direction& direction)
     {
@@ -159,34 +188,37 @@ private:
             pausedAt_ = asked_.size();
             upgradeRequest_ = read->message.fields;
         }
-        asked.position = add(std::move(read->message));
+        const auto inside = insideOf(read->message);
+        asked.position = conversation_.addWaiting(HTTPMessages::shown(std::move(read->message), stream_, context_));
         asked_.push_back(std::move(asked));
+        if (inside) inside->append(conversation_, stream_, context_);
         return true;
     }
 
-    /// Adds a message, and those that its body is made of.
-    std::int64_t add(HTTPMessage message)
+    /// The messages that a body is made of, where they are told.
+    std::optional<BodyMessages> insideOf(const HTTPMessage& message) const
     {
-        const auto inside = told_ == Told::everything ? BodyMessages::in(message, message.url) : std::nullopt;
-        const std::int64_t position = conversation_.add(HTTPMessages::shown(std::move(message), stream_, context_));
-        if (inside) inside->append(conversation_, stream_, context_);
-        return position;
+        return told_ == Told::everything ? BodyMessages::in(message, message.url) : std::nullopt;
     }
 
     /// The request that the reply in front answers, if it is there; replies come in the order of requests (RFC 9112 §9.3.2).
     Asked* findRequest()
     {
+        const bool isBehindGap = std::exchange(isSearching_, false);
         if (answered_ == asked_.size()) readRequest();
         if (answered_ == asked_.size()) return nullptr;
         const double time = replies_.time(replies_.offset());
         // Nobody answers before the question: that request is not in the capture.
         if (time > 0 && asked_[answered_].time > time) return nullptr;
-        if (!replies_.takeGap()) return &asked_[answered_];
+        if (!replies_.takeGap() && !isBehindGap) return &asked_[answered_];
         // After lost replies the order says nothing any more, but the times do: the latest question before this reply.
         while (time > 0 && !pausedAt_) {
+            isSearching_ = !hasRoom();
+            if (isSearching_) return nullptr;
             if (answered_ + 1 == asked_.size() && !readRequest()) break;
             if (asked_[answered_ + 1].time > time) break;
-            ++answered_;
+            passOver(answered_ + 1);
+            handOver();
         }
         return &asked_[answered_];
     }
@@ -194,7 +226,9 @@ private:
     void readReplies()
     {
         while (hasRoom() && !conversation_.isFull()) {
+            handOver();
             Asked* asked = findRequest();
+            if (isSearching_) return;
             if (isGrowing_ && !asked && requests_.isInMessage()) return;  // it may be the one
             auto read = replies_.next(asked ? &asked->message : nullptr);
             addOthers(replies_);
@@ -208,43 +242,58 @@ private:
             const bool isAnsweredLater = asked && protocol && HeaderField::isNamed(*protocol, "h2c");
             if (isAnsweredLater) read->message.kind = StreamMessageKind::data;
             if (isInterim && told_ == Told::exchanges) continue;
-            const std::int64_t position = add(std::move(read->message));
-            if (isInterim) continue;
+            const auto inside = insideOf(read->message);
+            const std::int64_t position = conversation_.add(HTTPMessages::shown(std::move(read->message), stream_, context_));
             if (isAnsweredLater && isGrowing_) {
                 pausedAt_.reset();
                 switchProtocol(fields);
                 isAnsweredInside_ = inner_ != nullptr;
                 return;
             }
-            if (isAnsweredLater) {
-                asked->isAnswered = true;
-                const std::int64_t request = asked->position, first = conversation_.size();
-                switchProtocol(fields);
-                conversation_.pair(request, firstStreamsReply(first));
-                return;
-            }
-            if (asked) {
+            if (isAnsweredLater) return switchProtocol(fields, position, asked);
+            bool isSwitching = isTunnel && !asked;
+            if (asked && !isInterim) {
                 asked->isAnswered = true;
                 conversation_.pair(asked->position, position);
-                const bool wasPaused = pausedAt_ == answered_;
-                ++answered_;
-                if (wasPaused) {
+                if (pausedAt_ == answered_++) {
                     pausedAt_.reset();
-                    if (isTunnel) return switchProtocol(fields);
+                    isSwitching = isTunnel;
                 }
             }
-            if (isTunnel && !asked) return switchProtocol(fields);
+            if (inside) inside->append(conversation_, stream_, context_);
+            if (isSwitching) return switchProtocol(fields, position);
         }
     }
 
-    /// What follows belongs to another protocol.
-    void switchProtocol(const HeaderFields& reply)
+    /// What follows a reply belongs to another protocol, in which a request in front of it may be answered.
+    void switchProtocol(const HeaderFields& fields, std::optional<std::int64_t> reply = {}, Asked* answeredInside = nullptr)
     {
         isSwitched_ = true;
-        const Carried carried = carriedNow(reply);
-        if (told_ == Told::exchanges && carried.isWebSocket()) return;
-        if (!isGrowing_) return Carried::append(conversation_, stream_, context_, carried);
-        inner_ = carried.follow(context_);
+        const Carried carried = carriedNow(fields);
+        if (isGrowing_) {
+            inner_ = carried.follow(context_);
+            return;
+        }
+        if (told_ == Told::exchanges) {
+            if (reply && carried.isWebSocket()) conversation_[*reply].tellCarried = carried.teller(stream_, context_);
+            inside_ = carried.exchanges(stream_, context_, answeredInside ? std::optional(takeRequest(*answeredInside)) : std::nullopt);
+            return;
+        }
+        Carried::append(conversation_, stream_, context_, carried, [&](std::int64_t position) {
+            if (!answeredInside || answeredInside->isAnswered || !isFirstStreamsReply(position)) return;
+            answeredInside->isAnswered = true;
+            conversation_.pair(answeredInside->position, position);
+        });
+    }
+
+    /// A request that is told by somebody else.
+    StreamMessage takeRequest(Asked& asked)
+    {
+        asked.isAnswered = true;
+        StreamMessage& request = conversation_[asked.position];
+        StreamMessage taken = std::move(request);
+        request.kind = StreamMessageKind::data;
+        return taken;
     }
 
     Carried carriedNow(const HeaderFields& reply) const
@@ -286,18 +335,24 @@ private:
     std::optional<std::int64_t> firstStreamsReply(std::int64_t from)
     {
         for (std::int64_t position = from; position < conversation_.size(); ++position)
-            if (const StreamMessage& message = conversation_[position];
-                message.kind == StreamMessageKind::reply && HTTPMessages::number(message, "streamId") == 1)
-                return position;
+            if (isFirstStreamsReply(position)) return position;
         return std::nullopt;
+    }
+    bool isFirstStreamsReply(std::int64_t position)
+    {
+        const StreamMessage& message = conversation_[position];
+        return message.kind == StreamMessageKind::reply && HTTPMessages::number(message, "streamId") == 1;
     }
 
     /// Reads the requests behind the last reply, and what an upgrade among them led to.
     void readUnanswered()
     {
         for (;;) {
-            while (hasRoom() && readRequest())
+            while (hasRoom() && readRequest()) {
                 if (goesOnUnanswered_) pausedAt_.reset();
+                passOver(pausedAt_.value_or(asked_.size()));
+                handOver();
+            }
             if (!pausedAt_ || !hasRoom()) return;
             goesOnUnanswered_ = switchUnanswered();
             if (!goesOnUnanswered_) return;
@@ -311,9 +366,11 @@ private:
         const StreamData& data = stream_.data(requests_.direction());
         if (requests_.offset() == data.size()) return false;
         StreamWindow window(data);
-        if (HTTP1Head::isStartLine(window.line(requests_.offset(), longestStartLine).text(), Kind::request)) return true;
+        if (HTTP1Head::isStartLine(window.line(requests_.offset(), longestLineAtStart).text(), Kind::request)) return true;
         if (replies_.offset() == stream_.data(replies_.direction()).size()) {
-            switchProtocol(asked_[paused].message.method == "CONNECT" ? HeaderFields() : upgradeRequest_);
+            const bool isTunnel = asked_[paused].message.method == "CONNECT";
+            passOver(paused + 1);
+            switchProtocol(isTunnel ? HeaderFields() : upgradeRequest_);
         }
         return false;
     }
@@ -331,47 +388,46 @@ private:
     HeaderFields upgradeRequest_;
     bool isSwitched_ = false;
     bool isGrowing_ = false;
-    std::int64_t mostAtOnce_ = std::numeric_limits<std::int64_t>::max();  ///< messages
-    bool goesOnUnanswered_ = false;                                       ///< nobody answers upgrades any more, and requests follow
+    std::int64_t roomEnd_ = std::numeric_limits<std::int64_t>::max();     ///< messages that are to be read by now, of all
+    std::size_t roomEndBytes_ = std::numeric_limits<std::size_t>::max();  ///< and bytes
+    bool isSearching_ = false;       ///< for the request of a reply behind a gap, with no room to go on
+    bool goesOnUnanswered_ = false;  ///< nobody answers upgrades any more, and requests follow
     bool isOver_ = false;
-    std::unique_ptr<StreamFollowing> inner_;  ///< what follows, of a stream that goes on
-    bool isAnsweredInside_ = false;           ///< the request that comes next
+    std::unique_ptr<StreamFollowing> inner_;        ///< what follows, of a stream that goes on
+    std::unique_ptr<StreamExchangeReader> inside_;  ///< the exchanges of what follows
+    bool isAnsweredInside_ = false;                 ///< the request that comes next
 };
 
 /// Makes the exchanges of a connection a few at a time. Replies come in the order of requests, so that little waits for its other half.
-class HTTP1Exchanges final : public StreamExchangeReader {
+class HTTP1Exchanges final : public ExchangesInParts<StreamExchange> {
 public:
     HTTP1Exchanges(const TCPStream& stream, const StreamContext& context)
-        : stream_(stream), context_(context),
+        : ExchangesInParts(context.mostHeld / 4), stream_(stream), context_(context),
           reading_(stream_, context_, asker(stream_).value_or(Direction::clientToServer), Told::exchanges)
     {
         readAhead();
     }
 
-    std::optional<double> nextTime() const override { return waiting_.empty() ? std::nullopt : std::optional(waiting_.begin()->first); }
-    void next(StreamExchange& exchange) override
-    {
-        exchange = std::move(waiting_.begin()->second);
-        waiting_.erase(waiting_.begin());
-        readAhead();
-    }
-
 private:
-    /// So many wait at the least, since packets may have been captured in another order than that of their bytes.
-    void readAhead()
+    bool readSome() override
     {
-        constexpr std::size_t reordered = 256;
-        while (waiting_.size() < reordered) {
-            auto some = reading_.readSome(reordered);
-            if (!some) return;
-            for (StreamExchange& exchange : exchangesOf(*std::move(some))) waiting_.emplace(exchange.time(), std::move(exchange));
+        auto some = reading_.readSome(static_cast<std::int64_t>(reordered));
+        if (auto inside = reading_.takeInside()) add(std::move(inside));
+        if (!some) return false;
+        for (StreamExchange& exchange : exchangesOf(*std::move(some))) {
+            const StreamMessage& message = exchange.request ? *exchange.request : *exchange.reply;
+            const std::int64_t first = message.byteRange ? message.byteRange->lower : 0;
+            const Beginning began = beginning(message.timestamp, message.direction, first, !exchange.request);
+            const std::size_t bytes = heldBytes(exchange);
+            wait(began, bytes, std::move(exchange));
         }
+        return true;
     }
+    void make(StreamExchange& made, StreamExchange& exchange) override { exchange = std::move(made); }
 
     TCPStream stream_;
     StreamContext context_;
     HTTP1Reading reading_;
-    std::multimap<double, StreamExchange> waiting_;
 };
 
 /// Reads a connection that still goes on, and what it changes to.
@@ -412,6 +468,11 @@ bool HTTP1Interpreter::canInterpret(const TCPStream& stream, const StreamContext
 StreamInterpretation HTTP1Interpreter::interpret(const TCPStream& stream, const StreamContext& context)
 {
     return HTTP1Reading(stream, context, asker(stream).value_or(Direction::clientToServer)).read(StreamExtent::whole);
+}
+
+void HTTP1Interpreter::forEachPart(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit)
+{
+    HTTP1Reading(stream, context, asker(stream).value_or(Direction::clientToServer), Told::everything, &visit).tell();
 }
 
 std::unique_ptr<StreamExchangeReader> HTTP1Interpreter::exchanges(const TCPStream& stream, const StreamContext& context)

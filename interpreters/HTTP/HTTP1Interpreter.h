@@ -17,6 +17,7 @@ struct HTTP1Interpreter {
     static bool isBeginning(const TCPStream& stream);
     static bool canInterpret(const TCPStream& stream, const StreamContext& context);
     static StreamInterpretation interpret(const TCPStream& stream, const StreamContext& context);
+    static void forEachPart(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit);
     static std::unique_ptr<StreamExchangeReader> exchanges(const TCPStream& stream, const StreamContext& context);
     static std::unique_ptr<StreamFollowing> follow(const StreamContext& context);
 };

@@ -32,6 +32,16 @@ std::string priorityText(StreamReader& reader, std::int64_t offset)
                        dependency & 0x7FFF'FFFF);
 }
 
+// Room that the heap takes apart from what was asked for counts as well.
+constexpr std::size_t heldByStream = sizeof(HTTP2Half) + 64;
+
+std::size_t heldByBlock(const HTTP2Block& block)
+{
+    std::size_t bytes = block.fields.heldBytes() + 32;
+    for (const DetailRow& note : block.notes) bytes += sizeof note + note.name.size() + note.value.size();
+    return bytes;
+}
+
 // What is kept of a stream takes some hundred bytes in small pieces. The heap of a thread other than the first grows by as many pages as
 // the next piece needs, with a system call each, for which the other threads wait; what was asked for at once and given back stays there.
 constexpr std::size_t streamsPerRoom = 8'192;
@@ -77,12 +87,21 @@ HTTP2Direction::HTTP2Direction(const TCPStream& stream, TCPSegment::Direction di
     }
 }
 
-void HTTP2Direction::goOn(const TCPStream& stream, StreamExtent extent)
+void HTTP2Direction::goOn(const TCPStream& stream, StreamExtent extent, std::size_t mostHeld)
 {
     lost_ = LostBytes(stream, direction_);
     reader_ = StreamReader(data_);
-    read(extent);
-    if (open_ && extent == StreamExtent::whole) endHeaders();
+    read(extent, [&] { return held_ < mostHeld; });
+    if (open_ && extent == StreamExtent::whole && isAtEnd()) endHeaders();
+}
+
+void HTTP2Direction::readSome(std::size_t more)
+{
+    constexpr std::int64_t atOnce = 1 << 18, rowsAtOnce = 1 << 20;
+    const std::size_t heldBefore = held_;
+    const std::int64_t from = offset_, rowsBefore = rowBytes_;
+    read(StreamExtent::whole, [&] { return held_ < heldBefore + more && offset_ < from + atOnce && rowBytes_ < rowsBefore + rowsAtOnce; });
+    if (open_ && isAtEnd()) endHeaders();
 }
 
 std::int64_t HTTP2Direction::neededFrom() const
@@ -97,10 +116,22 @@ std::int64_t HTTP2Direction::neededFrom() const
     return from;
 }
 
+std::size_t HTTP2Direction::heldBy(const HTTP2Half& half)
+{
+    std::size_t bytes = heldByStream;
+    for (const HTTP2Block& block : half.blocks) bytes += heldByBlock(block);
+    return bytes;
+}
+
 void HTTP2Direction::forget(const absl::flat_hash_set<std::uint32_t>& streams)
 {
     // A header block that has begun is read to its end whatever becomes of its stream, for the sake of those behind it.
-    std::erase_if(halves_, [&](const HTTP2Half& half) { return streams.contains(half.stream) && !(open_ && open_->stream == half.stream); });
+    const auto isForgotten = [&](const HTTP2Half& half) { return streams.contains(half.stream) && !isInHeaders(half.stream); };
+    // Those that are over are the oldest for the most part.
+    while (!halves_.empty() && isForgotten(halves_.front())) halves_.pop_front();
+    std::erase_if(halves_, isForgotten);
+    held_ = 0;
+    for (const HTTP2Half& half : halves_) held_ += heldBy(half);
     places_.clear();
     latest_ = 0;
     if (!isAscending_)
@@ -112,6 +143,7 @@ void HTTP2Direction::forgetConnection()
 {
     frames_.clear();
     gaps_.clear();
+    shownFrames_ = shownGaps_ = 0;
     priorityRows_.clear();
     windowUpdates_ = connectionWindow_ = priorities_ = furtherFrames_ = 0;
 }
@@ -138,6 +170,8 @@ HTTP2Half& HTTP2Direction::halfFor(std::uint32_t stream)
     if (halves_.size() % streamsPerRoom == streamsPerRoom / 8) makeRoomInHeap();
     HTTP2Half& half = halves_.emplace_back();
     half.stream = stream;
+    held_ += heldByStream;
+    highestStream_ = std::max(highestStream_, stream & 0x7FFF'FFFF);
     return half;
 }
 
@@ -170,14 +204,17 @@ void HTTP2Direction::resynchronize(std::int64_t from)
         const auto lost = reader_.u8(offset) == 0 ? lost_.firstIn({offset, offset + 1}) : std::nullopt;
         offset = lost ? std::max(offset + data_.stretch(offset).size(), offset + 1) : offset + 1;
     }
-    if (gaps_.size() < mostGaps) gaps_.push_back({offset_, offset});
+    if (shownGaps_ < mostGaps) {
+        gaps_.push_back({offset_, offset});
+        ++shownGaps_;
+    }
     offset_ = offset;
 }
 
-void HTTP2Direction::read(StreamExtent extent)
+template <class Goes> void HTTP2Direction::read(StreamExtent extent, const Goes& goesOn)
 {
     const bool isGrowing = extent == StreamExtent::growing;
-    while (offset_ < data_.size()) {
+    while (offset_ < data_.size() && goesOn()) {
         const HTTP2Frame frame = HTTP2Frame::read(reader_, offset_);
         const ByteRange header{offset_, std::min(offset_ + HTTP2Frame::headerLength, data_.size())};
         if (const auto lost = lost_.firstIn(header)) {
@@ -187,6 +224,7 @@ void HTTP2Direction::read(StreamExtent extent)
         if (header.size() < HTTP2Frame::headerLength) {
             if (isGrowing) return;
             gaps_.push_back(header);  // the capture ends in it
+            offset_ = data_.size();
             break;
         }
         if (!frame.isPossible()) {
@@ -258,10 +296,12 @@ void HTTP2Direction::readFrame(const HTTP2Frame& frame)
         return;
     default: break;
     }
-    if (frames_.size() < mostFrames)
+    if (shownFrames_ < mostFrames) {
         frames_.push_back(frame);
-    else
+        ++shownFrames_;
+    } else {
         ++furtherFrames_;
+    }
 }
 
 void HTTP2Direction::readHeaders(const HTTP2Frame& frame, std::int64_t prefix, std::uint32_t stream)
@@ -309,13 +349,45 @@ void HTTP2Direction::endHeaders()
                 {"Header incomplete", fmt::format("{} of its fields refer to earlier ones that the capture lacks", unknown)});
         if (unshown > 0) open.block.notes.push_back({"Header cut", groupedText(unshown) + " further fields are not shown"});
     }
-    open.block.fields = open.decompressed.fields.fitted();
+    HTTP2Half& half = halves_[open.place];
+    const std::int64_t rowBytes = open.decompressed.fieldBytes + static_cast<std::int64_t>(open.decompressed.count * sizeof(DetailRow));
+    rowBytes_ += rowBytes;
+    // All of a stream's fields become one message.
+    constexpr std::int64_t mostRowBytes = 2 << 20;
+    if (half.rowBytes + rowBytes <= mostRowBytes)
+        open.block.fields = open.decompressed.fields.fitted();
+    else if (half.rowBytes <= mostRowBytes)
+        open.block.notes.push_back({"Header cut", "the fields of further headers on the stream are not shown"});
+    half.rowBytes += rowBytes;
     spareFields_ = std::move(open.decompressed.fields);
     spareFields_.clear();
-    HTTP2Half& half = halves_[open.place];
+    held_ += heldByBlock(open.block);
     if (open.endsStream) half.isEnded = true;
     half.blocks.push_back(std::move(open.block));
     open_.reset();
+}
+
+namespace {
+
+template <class Piece, class OffsetOf>
+std::vector<Piece> takeFront(std::deque<Piece>& pieces, std::int64_t before, const OffsetOf& offsetOf)
+{
+    const auto end = std::ranges::find_if(pieces, [&](const Piece& piece) { return offsetOf(piece) >= before; });
+    std::vector<Piece> taken(pieces.begin(), end);
+    pieces.erase(pieces.begin(), end);
+    return taken;
+}
+
+}  // namespace
+
+std::vector<HTTP2Frame> HTTP2Direction::takeFrames(std::int64_t before)
+{
+    return takeFront(frames_, before, [](const HTTP2Frame& frame) { return frame.offset; });
+}
+
+std::vector<ByteRange> HTTP2Direction::takeGaps(std::int64_t before)
+{
+    return takeFront(gaps_, before, [](const ByteRange& gap) { return gap.lower; });
 }
 
 std::vector<DetailRow> HTTP2Direction::connectionRows() const

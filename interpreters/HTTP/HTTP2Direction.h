@@ -11,8 +11,10 @@
 #include <absl/container/flat_hash_map.h>
 #include <absl/container/flat_hash_set.h>
 #include <absl/container/inlined_vector.h>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -38,6 +40,7 @@ struct HTTP2Half {
     ByteRanges data;    ///< payloads of DATA frames, padding taken away
     ByteRanges frames;  ///< its frames whole
     bool isEnded = false;
+    std::int64_t rowBytes = 0;               ///< that its fields take as rows
     std::optional<std::uint32_t> resetCode;  ///< with which this side ended the stream early
     std::optional<std::int64_t> neededFrom;  ///< of a tunnel: where its data begin that are not done with, in place of its frames
 
@@ -67,8 +70,16 @@ public:
 
     /// Outlived by the stream, which may grow.
     HTTP2Direction(const TCPStream& stream, TCPSegment::Direction direction, Start start);
-    /// Reads as far as the stream goes by now.
-    void goOn(const TCPStream& stream, StreamExtent extent);
+    /// Reads as far as the stream goes by now, or until about so many bytes are held.
+    void goOn(const TCPStream& stream, StreamExtent extent, std::size_t mostHeld = std::numeric_limits<std::size_t>::max());
+    /// Reads on in a stream that is whole: until so much more is held, but no more at once than can be told.
+    void readSome(std::size_t more);
+    bool isAtEnd() const { return offset_ >= data_.size(); }
+    /// Bytes that its streams take, about.
+    std::size_t held() const { return held_; }
+    static std::size_t heldBy(const HTTP2Half& half);
+    /// The highest number of a stream that it has spoken of.
+    std::uint32_t highestStream() const { return highestStream_; }
     /// Where the frames begin that were not read, or belong to streams that are there.
     std::int64_t neededFrom() const;
 
@@ -81,18 +92,19 @@ public:
     HTTP2Half* half(std::uint32_t stream);
     /// Takes streams away.
     void forget(const absl::flat_hash_set<std::uint32_t>& streams);
+    /// Whether a header block of a stream is being read.
+    bool isInHeaders(std::uint32_t stream) const { return open_ && open_->stream == stream; }
     /// Takes away what is known of the connection apart from its streams.
     void forgetConnection();
 
-    /// Frames that are shown by themselves.
-    const std::vector<HTTP2Frame>& frames() const { return frames_; }
-    /// Bytes that are no frame.
-    const std::vector<ByteRange>& gaps() const { return gaps_; }
+    /// Frames that are shown by themselves, and bytes that are no frame: those in front of an offset, each once.
+    std::vector<HTTP2Frame> takeFrames(std::int64_t before);
+    std::vector<ByteRange> takeGaps(std::int64_t before);
     /// What the frames that are not shown say together, as rows.
     std::vector<DetailRow> connectionRows() const;
 
 private:
-    void read(StreamExtent extent);
+    template <class Goes> void read(StreamExtent extent, const Goes& goesOn);
     void readFrame(const HTTP2Frame& frame);
     void readHeaders(const HTTP2Frame& frame, std::int64_t prefix, std::uint32_t stream);
     void endHeaders();
@@ -114,8 +126,12 @@ private:
     bool isAscending_ = true;  ///< numbers of streams in `halves_`: those that a client begins come like that (RFC 9113 §5.1.1)
     absl::flat_hash_map<std::uint32_t, std::size_t> places_;  ///< of streams in `halves_`, where they are not
     std::size_t latest_ = 0;                                  ///< where the last stream was found that somebody asked for
-    std::vector<HTTP2Frame> frames_;
-    std::vector<ByteRange> gaps_;
+    std::deque<HTTP2Frame> frames_;
+    std::deque<ByteRange> gaps_;
+    std::size_t shownFrames_ = 0, shownGaps_ = 0;  ///< those that were taken among them
+    std::size_t held_ = 0;
+    std::int64_t rowBytes_ = 0;  ///< that all headers take as rows: a table's field is repeated for a byte
+    std::uint32_t highestStream_ = 0;
 
     std::optional<HTTP2OpenBlock> open_;
     PackedFields spareFields_;  ///< room for a block's fields while their number is not known

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "interpreters/HTTP/HTTP2Interpreter.h"
 
+#include "interpreters/HTTP/ExchangesInParts.h"
 #include "interpreters/HTTP/HTTP1Interpreter.h"
 #include "interpreters/HTTP/HTTP2Direction.h"
 #include "interpreters/HTTP/HTTP2Reading.h"
@@ -8,6 +9,8 @@
 #include "platform/SideBySide.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <limits>
 #include <memory>
 #include <new>
 #include <optional>
@@ -47,10 +50,11 @@ bool answers(HTTP2Direction& direction)
     return false;
 }
 
-/// The two directions of a connection, read to their ends.
+/// The two directions of a connection, read to their ends, unless that is more for one of them than may be held: a stream takes a few
+/// hundred bytes, and ten of the wire.
 class HTTP2Connection {
 public:
-    explicit HTTP2Connection(const TCPStream& stream)
+    HTTP2Connection(const TCPStream& stream, std::size_t most)
         : isClientAsking_(HTTP2Frame::beginsWithPreface(stream.clientToServerData)),
           isWhole_(isClientAsking_ || HTTP2Frame::beginsWithPreface(stream.serverToClientData)),
           client_(std::in_place, stream, Direction::clientToServer,
@@ -60,7 +64,7 @@ public:
     {
         constexpr std::int64_t longSide = 250'000;
         isLong_ = std::min(stream.clientToServerData.size(), stream.serverToClientData.size()) >= longSide;
-        withBoth([&](std::optional<HTTP2Direction>& direction) { direction->goOn(stream, StreamExtent::whole); });
+        withBoth([&](std::optional<HTTP2Direction>& direction) { direction->goOn(stream, StreamExtent::whole, most); });
         isSwapped_ = isWhole_ ? !isClientAsking_ : answers(*client_) && !answers(*server_);
     }
     // To give back the memory of a hundred thousand messages takes its time too.
@@ -75,7 +79,19 @@ public:
     HTTP2Connection(const HTTP2Connection&) = delete;
     HTTP2Connection& operator=(const HTTP2Connection&) = delete;
 
+    /// Whether all of it was read.
+    bool isHeld() const { return client_->isAtEnd() && server_->isAtEnd(); }
     bool isLong() const { return isLong_; }
+    /// Takes the streams away, and gives what has read nothing yet in their place.
+    HTTP2Connection& startAgain(const TCPStream& stream)
+    {
+        const auto start = isWhole_ ? HTTP2Direction::Start::whole : HTTP2Direction::Start::missing;
+        withBoth([&](std::optional<HTTP2Direction>& direction) {
+            const Direction which = direction->direction();
+            direction.emplace(stream, which, start);
+        });
+        return *this;
+    }
     HTTP2Direction& asking() { return isSwapped_ ? *server_ : *client_; }
     HTTP2Direction& answering() { return isSwapped_ ? *client_ : *server_; }
 
@@ -95,18 +111,154 @@ private:
     std::optional<HTTP2Direction> client_, server_;
 };
 
+/// A connection with what it was read from.
+struct HTTP2ReadStream {
+    HTTP2ReadStream(const TCPStream& captured, const StreamContext& known)
+        : stream(captured), context(known), connection(stream, known.mostHeld)
+    {}
+    TCPStream stream;
+    StreamContext context;
+    HTTP2Connection connection;
+};
+
+/// Reads a connection of more streams than may be held, a little at a time.
+class HTTP2PartReading {
+public:
+    HTTP2PartReading(HTTP2Connection& connection, const TCPStream& stream, const StreamContext& context, Told told,
+                     const StreamPartVisitor* visit = nullptr)
+        : stream_(stream), mostHeld_(context.mostHeld), connection_(connection.startAgain(stream)),
+          reading_(stream, context, connection.asking(), connection.answering(), told, visit)
+    {}
+
+    /// False when there is no more.
+    bool readSome()
+    {
+        HTTP2Direction *asking = &connection_.asking(), *answering = &connection_.answering();
+        if ((asking->isAtEnd() && answering->isAtEnd()) || reading_.isFull()) return false;
+        const bool isAnswersTurn = asking->isAtEnd() || (!answering->isAtEnd() && isBehind(*answering, *asking));
+        (isAnswersTurn ? answering : asking)->readSome(std::max<std::size_t>(mostHeld_ / 16, 1));
+        reading_.tellFinished(mostHeld_ / 4);
+        return true;
+    }
+    HTTP2Reading& reading() { return reading_; }
+    /// When the oldest stream began that is open still, or what is to be read next came.
+    double openSince()
+    {
+        double oldest = std::numeric_limits<double>::max();
+        for (HTTP2Direction* const direction : {&connection_.asking(), &connection_.answering()}) {
+            const auto& halves = direction->halves();
+            const std::int64_t from = halves.empty() ? direction->offset() : halves.front().frames.bounds().lower;
+            oldest = std::min(oldest, stream_.locate({from, from + 1}, direction->direction()).timestamp.value_or(oldest));
+        }
+        return oldest;
+    }
+
+private:
+    /// Whether what comes next in a direction came before what comes next in the other.
+    bool isBehind(const HTTP2Direction& direction, const HTTP2Direction& other) const
+    {
+        const auto next = [](const HTTP2Direction& one) { return ByteRange{one.offset(), one.offset() + 1}; };
+        const auto time = stream_.locate(next(direction), direction.direction()).timestamp;
+        const auto otherTime = stream_.locate(next(other), other.direction()).timestamp;
+        if (time && otherTime) return *time < *otherTime;
+        const auto part = [&](const HTTP2Direction& one) {
+            return static_cast<double>(one.offset()) / static_cast<double>(stream_.data(one.direction()).size());
+        };
+        return part(direction) < part(other);
+    }
+
+    const TCPStream& stream_;
+    std::size_t mostHeld_;
+    HTTP2Connection& connection_;
+    HTTP2Reading reading_;
+};
+
+/// The earliest of the times at which frames were captured, as their message has it. `packet` is the only one, where that is known.
+std::optional<double> timeOf(const TCPStream& stream, const ByteRanges& frames, Direction direction, std::int64_t& packet)
+{
+    std::optional<double> earliest;
+    frames.forEach([&](ByteRange range) {
+        const ByteLocation place = stream.locate(range, direction);
+        if (place.timestamp) earliest = std::min(earliest.value_or(*place.timestamp), *place.timestamp);
+        if (place.packetIds.size() == 1 && frames.isInOnePlace()) packet = place.packetIds.front();
+        return true;
+    });
+    return earliest;
+}
+
+/// Makes the exchanges of a connection that is read a little at a time, or that carries others.
+class HTTP2ExchangesInParts final : public ExchangesInParts<std::unique_ptr<HTTP2Turn>> {
+public:
+    explicit HTTP2ExchangesInParts(std::unique_ptr<HTTP2ReadStream> read)
+        : ExchangesInParts(read->context.mostHeld / 4), read_(std::move(read))
+    {
+        auto& [stream, context, connection] = *read_;
+        setRowsOfCarried(context.rowsInFront);
+        if (connection.isHeld())
+            whole_.emplace(stream, context, connection.asking(), connection.answering(), Told::exchanges);
+        else
+            parts_.emplace(connection, stream, context, Told::exchanges);
+        readAhead();
+    }
+    bool addsRowsInFront() const override { return true; }
+
+private:
+    HTTP2Reading& reading() { return whole_ ? *whole_ : parts_->reading(); }
+
+    bool readSome() override
+    {
+        if (isRead_) return false;
+        isRead_ = !parts_ || !parts_->readSome();
+        if (isRead_) reading().read();
+        openSince_ = isRead_ ? std::numeric_limits<double>::max() : parts_->openSince();
+        HTTP2Connection& connection = read_->connection;
+        for (HTTP2Turn& turn : reading().takeTurns()) {
+            const bool isAsked = !turn.isReplyAlone && !turn.asked->promisedOn;
+            const Direction direction = (isAsked ? connection.asking() : connection.answering()).direction();
+            ByteRanges frames = turn.isReplyAlone ? turn.answer->frames : turn.asked->frames;
+            // A reply begins behind the interim ones.
+            const std::size_t head = turn.isReplyAlone ? turn.answer->finalHead() : 0;
+            if (head > 0 && head < turn.answer->blocks.size() && frames.isInOnePlace())
+                frames = ByteRanges({turn.answer->blocks[head].range.lower, frames.bounds().upper});
+            std::int64_t packet = 0;
+            const double time = timeOf(read_->stream, frames, direction, packet).value_or(0);
+            const std::size_t bytes = (turn.asked ? HTTP2Direction::heldBy(*turn.asked) : 0) +
+                                      (turn.answer ? HTTP2Direction::heldBy(*turn.answer) : 0) + sizeof turn;
+            const Beginning began = beginning(time, direction, frames.bounds().lower, turn.isReplyAlone);
+            wait(began, isRead_ ? 0 : bytes, std::make_unique<HTTP2Turn>(std::move(turn)));
+        }
+        return true;
+    }
+
+    void make(std::unique_ptr<HTTP2Turn>& turn, StreamExchange& exchange) override
+    {
+        reading().make(*turn, exchange);
+        for (auto& inside : reading().takeInside()) add(std::move(inside));
+    }
+    double toldUpTo() const override { return openSince_; }
+
+    std::unique_ptr<HTTP2ReadStream> read_;
+    std::optional<HTTP2Reading> whole_;
+    std::optional<HTTP2PartReading> parts_;
+    double openSince_ = std::numeric_limits<double>::max();
+    bool isRead_ = false;
+};
+
 /// Makes the exchanges of a connection when their turns come.
 class HTTP2Exchanges final : public StreamExchangeReader {
 public:
-    HTTP2Exchanges(const TCPStream& stream, const StreamContext& context)
-        : stream_(stream), context_(context), connection_(stream_),
+    explicit HTTP2Exchanges(std::unique_ptr<HTTP2ReadStream> read)
+        : read_(std::move(read)), stream_(read_->stream), context_(read_->context), connection_(read_->connection),
           reading_(stream_, context_, connection_.asking(), connection_.answering())
     {}
+    /// The connection, for somebody else.
+    std::unique_ptr<HTTP2ReadStream> giveUp() { return std::move(read_); }
 
-    /// False for a connection that is left to `interpret`: with tunnels, pushed replies, replies to nothing, or bytes of which nobody
-    /// knows when they came.
+    /// False for a connection that is not all held, or has tunnels, pushed replies, replies to nothing, or bytes of which nobody knows
+    /// when they came.
     bool findOrder()
     {
+        if (!connection_.isHeld()) return false;
         HTTP2Direction& asking = connection_.asking();
         HTTP2Direction& answering = connection_.answering();
         std::size_t answered = 0;
@@ -137,21 +289,7 @@ public:
     void next(StreamExchange& exchange) override
     {
         const auto& [time, packetId, asked, answer] = turns_[next_++];
-        const std::size_t inFront = context_.rowsInFront.size();
-        // The memory of what was told last is used again.
-        const auto messageIn = [](std::optional<StreamMessage>& held) -> StreamMessage& { return held ? *held : held.emplace(); };
-        StreamMessage& shownRequest = messageIn(exchange.request);
-        HTTPMessage request = reading_.requestOf(*asked, answer, rowsFrom(shownRequest), inFront);
-        if (packetId > 0) request.packet = {packetId, time};
-        const std::size_t head = answer ? answer->finalHead() : 0;
-        if (answer && answer->hasReply(head)) {
-            StreamMessage& shownReply = messageIn(exchange.reply);
-            HTTPMessages::show(reading_.replyOf(*answer, head, request.url, request.method, asked, rowsFrom(shownReply), inFront), stream_,
-                               context_, shownReply);
-        } else {
-            exchange.reply.reset();
-        }
-        HTTPMessages::show(std::move(request), stream_, context_, shownRequest);
+        reading_.make(asked, answer, packetId > 0 ? std::optional(HTTPMessage::Packet{packetId, time}) : std::nullopt, exchange);
     }
     bool addsRowsInFront() const override { return true; }
 
@@ -163,35 +301,18 @@ private:
         HTTP2Half* answer = nullptr;
     };
 
-    /// The rows of a message that was told, as room for others: behind those that stand in front of all.
-    HeaderFields rowsFrom(StreamMessage& told) const
+    /// False where there is none.
+    bool findTime(Turn& turn) const
     {
-        HeaderFields rows = std::move(told.detail);
-        const std::vector<DetailRow>& front = context_.rowsInFront;
-        if (rows.size() < front.size()) rows.resize(front.size());
-        for (std::size_t i = 0; i < front.size(); ++i)
-            if (rows[i] != front[i]) rows[i] = front[i];
-        return rows;
+        const auto time = timeOf(stream_, turn.asked->frames, connection_.asking().direction(), turn.packetId);
+        turn.time = time.value_or(0);
+        return time.has_value();
     }
 
-    /// The earliest of the times at which its frames were captured, as its message has it; false where there is none.
-    bool findTime(Turn& turn)
-    {
-        std::optional<double> earliest;
-        const ByteRanges& frames = turn.asked->frames;
-        frames.forEach([&](ByteRange range) {
-            const ByteLocation place = stream_.locate(range, connection_.asking().direction());
-            if (place.timestamp) earliest = std::min(earliest.value_or(*place.timestamp), *place.timestamp);
-            if (place.packetIds.size() == 1 && frames.isInOnePlace()) turn.packetId = place.packetIds.front();
-            return true;
-        });
-        turn.time = earliest.value_or(0);
-        return earliest.has_value();
-    }
-
-    TCPStream stream_;
-    StreamContext context_;
-    HTTP2Connection connection_;
+    std::unique_ptr<HTTP2ReadStream> read_;
+    const TCPStream& stream_;
+    const StreamContext& context_;
+    HTTP2Connection& connection_;
     HTTP2Reading reading_;
     std::vector<Turn> turns_;
     std::size_t next_ = 0;
@@ -266,15 +387,25 @@ bool HTTP2Interpreter::canInterpret(const TCPStream& stream, const StreamContext
 
 StreamInterpretation HTTP2Interpreter::interpret(const TCPStream& stream, const StreamContext& context)
 {
-    HTTP2Connection connection(stream);
+    HTTP2Connection connection(stream, std::numeric_limits<std::size_t>::max());
     return HTTP2Reading(stream, context, connection.asking(), connection.answering()).read();
+}
+
+void HTTP2Interpreter::forEachPart(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit)
+{
+    HTTP2Connection connection(stream, context.mostHeld);
+    if (connection.isHeld())
+        return HTTP2Reading(stream, context, connection.asking(), connection.answering(), Told::everything, &visit).tell();
+    HTTP2PartReading parts(connection, stream, context, Told::everything, &visit);
+    while (parts.readSome()) {}
+    parts.reading().tell();
 }
 
 std::unique_ptr<StreamExchangeReader> HTTP2Interpreter::exchanges(const TCPStream& stream, const StreamContext& context)
 {
-    auto exchanges = std::make_unique<HTTP2Exchanges>(stream, context);
-    if (!exchanges->findOrder()) return nullptr;
-    return exchanges;
+    auto exchanges = std::make_unique<HTTP2Exchanges>(std::make_unique<HTTP2ReadStream>(stream, context));
+    if (exchanges->findOrder()) return exchanges;
+    return std::make_unique<HTTP2ExchangesInParts>(exchanges->giveUp());
 }
 
 std::unique_ptr<StreamFollowing> HTTP2Interpreter::follow(const StreamContext& context)

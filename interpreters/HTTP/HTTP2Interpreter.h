@@ -15,6 +15,7 @@ struct HTTP2Interpreter {
 
     static bool canInterpret(const TCPStream& stream, const StreamContext& context);
     static StreamInterpretation interpret(const TCPStream& stream, const StreamContext& context);
+    static void forEachPart(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit);
     static std::unique_ptr<StreamFollowing> follow(const StreamContext& context);
     static std::unique_ptr<StreamExchangeReader> exchanges(const TCPStream& stream, const StreamContext& context);
 };

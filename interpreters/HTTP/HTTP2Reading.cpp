@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "interpreters/HTTP/HTTP2Reading.h"
 
-#include "interpreters/HTTP/BodyMessages.h"
-#include "interpreters/HTTP/Carried.h"
 #include "interpreters/HTTP/CarriedStream.h"
 #include "interpreters/HTTP/MessageText.h"
 
@@ -10,6 +8,7 @@
 #include <charconv>
 #include <fmt/format.h>
 #include <iterator>
+#include <limits>
 #include <utility>
 
 namespace sealscope {
@@ -91,19 +90,33 @@ struct HTTP2Reading::RequestFields {
 StreamInterpretation HTTP2Reading::read(HTTP2Tunnels tunnels)
 {
     conversation_.reserve(asking_.halves().size() + answering_.halves().size());
-    for (const HTTP2Direction* direction : {&asking_, &answering_}) readConnection(*direction);
     for (auto& [number, inner] : tunnels) {
         followTunnel(number, inner.get(), StreamExtent::whole);
         answered_.insert(number);
     }
+    readAll(tunnels);
+    return conversation_.finish();
+}
+
+void HTTP2Reading::tell()
+{
+    readAll({});
+    conversation_.handOverRest();
+}
+
+void HTTP2Reading::readAll(const HTTP2Tunnels& tunnels)
+{
     for (HTTP2Half& half : asking_.halves())
         if (half.hasRequest() && !tunnels.contains(half.stream)) readExchange(half, answering_.half(half.stream));
     // A promise may come behind what it promises, whose reply it is all the same.
     for (HTTP2Half& half : answering_.halves())
         if (half.promisedOn) readExchange(half, answering_.half(half.stream & 0x7FFF'FFFF));
-    for (HTTP2Half& half : answering_.halves())
-        if (!half.promisedOn && !answered_.contains(half.stream)) readReply(half, nullptr, 0, asking_.half(half.stream));
-    return conversation_.finish();
+    for (HTTP2Half& half : answering_.halves()) {
+        if (half.promisedOn || answered_.contains(half.stream)) continue;
+        readReply(half, nullptr, 0, asking_.half(half.stream));
+        conversation_.handOver();
+    }
+    for (HTTP2Direction* direction : {&asking_, &answering_}) readConnection(*direction);
 }
 
 StreamInterpretation HTTP2Reading::takeFinished(HTTP2Tunnels& tunnels)
@@ -113,23 +126,7 @@ StreamInterpretation HTTP2Reading::takeFinished(HTTP2Tunnels& tunnels)
         direction->forgetConnection();
     }
     absl::flat_hash_set<std::uint32_t> finished;
-    enum class Opening : std::uint8_t { request, promise };
-    const auto takeExchanges = [&](HTTP2Direction& direction, Opening opening) {
-        for (HTTP2Half& half : direction.halves()) {
-            if (half.promisedOn.has_value() != (opening == Opening::promise) || tunnels.contains(half.stream)) continue;
-            HTTP2Half* const answer = answering_.half(half.stream & 0x7FFF'FFFF);
-            if (!isFinished(half, answer)) {
-                if (answer && isTunnel(half, *answer)) tunnels.emplace(half.stream, beginTunnel(half, *answer));
-                continue;
-            }
-            // A reset may come when everything has been said.
-            if (half.hasRequest()) readExchange(half, answer);
-            finished.insert(half.stream);
-            finished.insert(half.stream & 0x7FFF'FFFF);
-        }
-    };
-    takeExchanges(asking_, Opening::request);
-    takeExchanges(answering_, Opening::promise);
+    addFinished(finished, &tunnels);
     for (auto tunnel = tunnels.begin(); tunnel != tunnels.end();) {
         const auto& [number, inner] = *tunnel;
         const HTTP2Half* const asked = asking_.half(number);
@@ -138,17 +135,114 @@ StreamInterpretation HTTP2Reading::takeFinished(HTTP2Tunnels& tunnels)
         if (isOver) finished.insert(number);
         tunnel = isOver ? tunnels.erase(tunnel) : std::next(tunnel);
     }
+    forget(finished);
+    return conversation_.finish();
+}
+
+void HTTP2Reading::tellFinished(std::size_t mostHeld)
+{
+    absl::flat_hash_set<std::uint32_t> finished;
+    addFinished(finished, nullptr);
+    forget(finished);
+    answered_.clear();
+    const std::size_t held = asking_.held() + answering_.held();
+    if (held <= mostHeld) return;
+    finished.clear();
+    isCutShort_ = true;
+    addOldest(finished, held - mostHeld + mostHeld / 16);
+    isCutShort_ = false;
+    forget(finished);
+    answered_.clear();
+}
+
+void HTTP2Reading::addFinished(absl::flat_hash_set<std::uint32_t>& finished, HTTP2Tunnels* tunnels)
+{
+    enum class Opening : std::uint8_t { request, promise };
+    const auto addExchanges = [&](HTTP2Direction& direction, Opening opening) {
+        for (HTTP2Half& half : direction.halves()) {
+            if (half.promisedOn.has_value() != (opening == Opening::promise) || (tunnels && tunnels->contains(half.stream))) continue;
+            HTTP2Half* const answer = answering_.half(half.stream & 0x7FFF'FFFF);
+            if (tunnels ? !isFinished(half, answer) : !isOver(half, answer)) {
+                if (tunnels && answer && isTunnel(half, *answer)) tunnels->emplace(half.stream, beginTunnel(half, *answer));
+                continue;
+            }
+            // A reset may come when everything has been said.
+            if (half.hasRequest())
+                readExchange(half, answer);
+            else if (!tunnels && answer)
+                readReply(*answer, nullptr, 0, &half);
+            finished.insert(half.stream);
+            finished.insert(half.stream & 0x7FFF'FFFF);
+        }
+    };
+    addExchanges(asking_, Opening::request);
+    addExchanges(answering_, Opening::promise);
     for (HTTP2Half& half : answering_.halves()) {
         if (half.promisedOn || finished.contains(half.stream) || asking_.half(half.stream)) continue;
+        if (tunnels && tunnels->contains(half.stream)) continue;
         const bool isReply = !half.blocks.empty() && half.blocks.front().pseudoField(":status");
-        if (isReply && !half.isEnded && !half.resetCode) continue;
-        // What comes on a stream behind its end says nothing.
-        if (isReply) readReply(half, nullptr, 0, nullptr);
+        // Of a stream that goes on, what comes on one behind its end says nothing.
+        const bool isTold = isReply || (!tunnels && half.hasRequest());
+        if (isTold && !half.isEnded && !half.resetCode) continue;
+        // Of a connection that is whole, its request may not have been read yet.
+        if (!tunnels && half.stream > asking_.highestStream() && half.stream % 2 == 1 && !asking_.isAtEnd()) continue;
+        if (isTold) readReply(half, nullptr, 0, nullptr);
         finished.insert(half.stream);
+        conversation_.handOver();
     }
-    if (!finished.empty())
-        for (HTTP2Direction* direction : {&asking_, &answering_}) direction->forget(finished);
-    return conversation_.finish();
+}
+
+bool HTTP2Reading::isOver(const HTTP2Half& asked, const HTTP2Half* answer) const
+{
+    if (!isFinished(asked, answer) || answering_.isInHeaders(asked.stream & 0x7FFF'FFFF)) return false;
+    const auto isAtEnd = [](const HTTP2Half& half) { return half.isEnded || half.promisedOn || half.resetCode; };
+    // Whether the other side was read until it must have heard of a reset.
+    constexpr double underWay = 1;  // seconds
+    const auto isReadUpTo = [&](const HTTP2Half& reset, TCPSegment::Direction direction, const HTTP2Direction& other) {
+        if (other.isAtEnd()) return true;
+        const std::int64_t end = reset.frames.bounds().upper;
+        const auto time = stream_.locate({end - 1, end}, direction).timestamp;
+        const auto next = stream_.locate({other.offset(), other.offset() + 1}, other.direction()).timestamp;
+        return time && next && *next > *time + underWay;
+    };
+    if (asked.resetCode && !(answer && isAtEnd(*answer)))
+        return isReadUpTo(asked, (asked.promisedOn ? answering_ : asking_).direction(), answering_);
+    if (answer && answer->resetCode && !isAtEnd(asked)) return isReadUpTo(*answer, answering_.direction(), asking_);
+    return true;
+}
+
+void HTTP2Reading::addOldest(absl::flat_hash_set<std::uint32_t>& finished, std::size_t bytes)
+{
+    std::size_t freed = 0;
+    const auto addExchange = [&](HTTP2Half& half) {
+        HTTP2Half* const answer = answering_.half(half.stream & 0x7FFF'FFFF);
+        freed += HTTP2Direction::heldBy(half) + (answer ? HTTP2Direction::heldBy(*answer) : 0);
+        if (half.hasRequest())
+            readExchange(half, answer);
+        else if (answer)
+            readReply(*answer, nullptr, 0, &half);
+        finished.insert(half.stream);
+        finished.insert(half.stream & 0x7FFF'FFFF);
+    };
+    for (HTTP2Half& half : asking_.halves())
+        if (freed < bytes && !asking_.isInHeaders(half.stream) && !answering_.isInHeaders(half.stream)) addExchange(half);
+    for (HTTP2Half& half : answering_.halves()) {
+        if (freed >= bytes || answering_.isInHeaders(half.stream)) continue;
+        if (half.promisedOn) {
+            addExchange(half);
+        } else if (!finished.contains(half.stream) && !asking_.half(half.stream)) {
+            freed += HTTP2Direction::heldBy(half);
+            readReply(half, nullptr, 0, nullptr);
+            finished.insert(half.stream);
+            conversation_.handOver();
+        }
+    }
+}
+
+void HTTP2Reading::forget(const absl::flat_hash_set<std::uint32_t>& finished)
+{
+    if (finished.empty()) return;
+    for (HTTP2Direction* direction : {&asking_, &answering_}) direction->forget(finished);
 }
 
 HTTPMessage HTTP2Reading::requestOf(HTTP2Half& asked, const HTTP2Half* answer, HeaderFields rows, std::size_t inFront)
@@ -229,8 +323,15 @@ void HTTP2Reading::followTunnel(std::uint32_t number, StreamFollowing* inner, St
 void HTTP2Reading::readExchange(HTTP2Half& asked, HTTP2Half* answer)
 {
     if (conversation_.isFull()) return;
+    if (told_ == Told::exchanges) {
+        const bool isAnswered = answer && answered_.insert(asked.stream & 0x7FFF'FFFF).second;
+        turns_.push_back({std::move(asked), isAnswered ? std::optional(std::move(*answer)) : std::nullopt, isCutShort_});
+        return;
+    }
+    readFrames(asked.promisedOn ? answering_ : asking_, asked.frames.bounds().lower);
     const std::uint32_t number = asked.stream & 0x7FFF'FFFF;
     const bool hasAnswer = answer && answered_.insert(number).second;
+    if (hasAnswer) readFrames(answering_, answer->frames.bounds().lower);
     HTTPMessage request = requestOf(asked, answer);
     HTTPMessage known;
     known.method = request.method;
@@ -238,30 +339,106 @@ void HTTP2Reading::readExchange(HTTP2Half& asked, HTTP2Half* answer)
     const bool isTunnel = known.method == "CONNECT";
     const ByteRanges askedData = isTunnel ? std::exchange(request.body.ranges, {}) : ByteRanges();
     const auto inside = BodyMessages::in(request, known.url);
-    const std::int64_t position = conversation_.add(HTTPMessages::shown(std::move(request), stream_, context_));
+    const std::int64_t position = conversation_.addWaiting(HTTPMessages::shown(std::move(request), stream_, context_));
     if (inside) inside->append(conversation_, stream_, context_);
     if (!hasAnswer) {
         conversation_.pair(position, std::nullopt);
-        return;
+        return conversation_.handOver();
     }
     const std::string* const connect = asked.blocks.empty() ? nullptr : HeaderField::find(conversation_[position].detail, ":protocol");
     const std::optional<std::string> protocol = connect ? std::optional(*connect) : std::nullopt;
     const ByteRanges answeredData = isTunnel ? answer->data : ByteRanges();
-    const auto reply = readReply(*answer, &known, position, &asked);
-    if (isTunnel && reply && HTTPMessages::number(conversation_[*reply], "status") / 100 == 2)
-        Carried::append(conversation_, stream_, context_,
-                        {.client = asking_.direction() == Direction::clientToServer ? askedData : answeredData,
-                         .server = asking_.direction() == Direction::clientToServer ? answeredData : askedData,
-                         .protocol = protocol,
-                         .streamId = number,
-                         .reply = conversation_[*reply].detail});
+    HeaderFields fields;
+    if (readReply(*answer, &known, position, &asked, isTunnel ? &fields : nullptr)) {
+        Carried carried = tunnel(number, protocol, askedData, answeredData);
+        carried.reply = std::move(fields);
+        Carried::append(conversation_, stream_, context_, carried);
+    }
+    conversation_.handOver();
 }
 
-std::optional<std::int64_t> HTTP2Reading::readReply(HTTP2Half& half, const HTTPMessage* request, std::int64_t position,
-                                                    const HTTP2Half* asked)
+Carried HTTP2Reading::tunnel(std::uint32_t stream, std::optional<std::string> protocol, ByteRanges asked, ByteRanges answered) const
 {
-    std::optional<std::int64_t> final;
+    if (asking_.direction() != Direction::clientToServer) std::swap(asked, answered);
+    return {.client = std::move(asked), .server = std::move(answered), .protocol = std::move(protocol), .streamId = stream};
+}
+
+HeaderFields HTTP2Reading::rowsFrom(StreamMessage& told) const
+{
+    HeaderFields rows = std::move(told.detail);
+    const std::vector<DetailRow>& front = context_.rowsInFront;
+    if (rows.size() < front.size()) rows.resize(front.size());
+    for (std::size_t i = 0; i < front.size(); ++i)
+        if (rows[i] != front[i]) rows[i] = front[i];
+    return rows;
+}
+
+void HTTP2Reading::make(HTTP2Turn& turn, StreamExchange& exchange)
+{
+    isCutShort_ = turn.isCutShort;
+    make(turn.asked ? &*turn.asked : nullptr, turn.answer ? &*turn.answer : nullptr, std::nullopt, exchange, turn.isReplyAlone);
+    isCutShort_ = false;
+}
+
+void HTTP2Reading::make(HTTP2Half* asked, HTTP2Half* answer, std::optional<HTTPMessage::Packet> packet, StreamExchange& exchange,
+                        bool isReplyAlone)
+{
+    const std::size_t inFront = context_.rowsInFront.size();
+    // The memory of what was told last is used again.
+    const auto messageIn = [](std::optional<StreamMessage>& held) -> StreamMessage& { return held ? *held : held.emplace(); };
+    const std::size_t head = answer ? answer->finalHead() : 0;
+    const bool hasReply = answer && answer->hasReply(head);
+    std::optional<HTTPMessage> request;
+    if (!isReplyAlone) {
+        request = requestOf(*asked, answer, rowsFrom(messageIn(exchange.request)), inFront);
+        request->packet = packet;
+    } else {
+        exchange.request.reset();
+    }
+    ByteRanges askedData, answeredData;
+    std::optional<std::string> protocol;
+    const bool isTunnel = request && request->method == "CONNECT";
+    if (isTunnel) {
+        askedData = std::exchange(request->body.ranges, {});
+        if (answer) answeredData = answer->data;
+        if (!asked->blocks.empty())
+            if (const std::string* const connect = HeaderField::find(request->fields, ":protocol")) protocol = *connect;
+    }
+    if (hasReply) {
+        StreamMessage& shownReply = messageIn(exchange.reply);
+        HTTPMessage reply = request ? replyOf(*answer, head, request->url, request->method, asked, rowsFrom(shownReply), inFront)
+                                    : replyOf(*answer, head, {}, {}, asked, rowsFrom(shownReply), inFront);  // how the stream ended
+        const bool isOpened = isTunnel && reply.status / 100 == 2;
+        HTTPMessages::show(std::move(reply), stream_, context_, shownReply);
+        if (isOpened) {
+            Carried carried = tunnel(asked->stream & 0x7FFF'FFFF, std::move(protocol), std::move(askedData), std::move(answeredData));
+            carried.reply = shownReply.detail;
+            if (carried.isWebSocket()) shownReply.tellCarried = carried.teller(stream_, context_);
+            // There may be many at once.
+            StreamContext share = context_;
+            share.mostHeld /= 32;
+            if (auto exchanges = carried.exchanges(stream_, share)) inside_.push_back(std::move(exchanges));
+        }
+    } else {
+        exchange.reply.reset();
+    }
+    if (request) HTTPMessages::show(*std::move(request), stream_, context_, *exchange.request);
+}
+
+bool HTTP2Reading::readReply(HTTP2Half& half, const HTTPMessage* request, std::int64_t position, const HTTP2Half* asked,
+                             HeaderFields* fields)
+{
+    if (conversation_.isFull() && !request) return false;
     const std::size_t head = half.finalHead();
+    if (told_ == Told::exchanges) {
+        if (!half.hasReply(head)) return false;
+        HTTP2Turn& turn = turns_.emplace_back();
+        if (asked) turn.asked.emplace().resetCode = asked->resetCode;
+        turn.answer.emplace(std::move(half));
+        turn.isCutShort = isCutShort_;
+        turn.isReplyAlone = true;
+        return false;
+    }
     for (std::size_t i = 0; i < head; ++i) {
         HTTP2Block& block = half.blocks[i];
         HTTPMessage interim{.direction = answering_.direction(), .kind = StreamMessageKind::data, .protocol = "HTTP/2"};
@@ -270,15 +447,22 @@ std::optional<std::int64_t> HTTP2Reading::readReply(HTTP2Half& half, const HTTPM
         interim.streamId = half.stream;
         block.fields.appendTo(interim.fields);
         conversation_.add(HTTPMessages::shown(std::move(interim), stream_, context_));
+        conversation_.handOver();
     }
+    std::optional<std::int64_t> final;
+    std::optional<BodyMessages> inside;
+    bool isTunnel = false;
     if (half.hasReply(head)) {
         HTTPMessage reply = request ? replyOf(half, head, request->url, request->method, asked) : replyOf(half, head, {}, {}, asked);
-        const auto inside = BodyMessages::in(reply, reply.url);
+        inside = BodyMessages::in(reply, reply.url);
+        isTunnel = fields && reply.status / 100 == 2;
         final = conversation_.add(HTTPMessages::shown(std::move(reply), stream_, context_));
-        if (inside) inside->append(conversation_, stream_, context_);
     }
+    if (isTunnel) *fields = conversation_[*final].detail;
     if (request) conversation_.pair(position, final);
-    return final;
+    // The reply may be handed over in this.
+    if (inside) inside->append(conversation_, stream_, context_);
+    return isTunnel;
 }
 
 void HTTP2Reading::fill(HTTPMessage& message, HTTP2Half& half, const HTTP2Half* other, std::size_t head)
@@ -291,7 +475,9 @@ void HTTP2Reading::fill(HTTPMessage& message, HTTP2Half& half, const HTTP2Half* 
     if (!half.frames.isInOnePlace()) message.pieces = std::exchange(half.frames, {});
     if (!half.isEnded && !half.promisedOn) {
         const auto code = half.resetCode ? half.resetCode : other ? other->resetCode : std::nullopt;
-        std::string reason = code ? "the stream was reset: " + HTTP2Frame::errorName(*code) : "the capture has no end of it";
+        std::string reason = code          ? "the stream was reset: " + HTTP2Frame::errorName(*code)
+                             : isCutShort_ ? "too many streams were open at once to wait for its end"
+                                           : "the capture has no end of it";
         if (message.body.ranges.isEmpty())
             message.notes.push_back({"Message incomplete", std::move(reason)});
         else
@@ -335,10 +521,14 @@ std::string HTTP2Reading::urlOf(const HTTP2Block& head, const RequestFields& kno
     return url;
 }
 
-void HTTP2Reading::readConnection(const HTTP2Direction& direction)
+void HTTP2Reading::readFrames(HTTP2Direction& direction, std::int64_t before)
 {
-    for (const HTTP2Frame& frame : direction.frames()) conversation_.add(shown(frame, direction.direction()));
-    for (const ByteRange& gap : direction.gaps()) {
+    if (told_ == Told::exchanges) return;
+    for (const HTTP2Frame& frame : direction.takeFrames(before)) {
+        conversation_.add(shown(frame, direction.direction()));
+        conversation_.handOver();
+    }
+    for (const ByteRange& gap : direction.takeGaps(before)) {
         const std::string why = gap.upper == stream_.data(direction.direction()).size() && gap.size() < HTTP2Frame::headerLength
                                     ? " of a frame that the capture cuts"
                                     : " outside of any frame";
@@ -347,6 +537,12 @@ void HTTP2Reading::readConnection(const HTTP2Direction& direction)
         HTTPMessages::locate(message, stream_, gap, {});
         conversation_.add(std::move(message));
     }
+}
+
+void HTTP2Reading::readConnection(HTTP2Direction& direction)
+{
+    readFrames(direction, std::numeric_limits<std::int64_t>::max());
+    if (told_ == Told::exchanges) return;
     if (auto rows = direction.connectionRows(); !rows.empty()) {
         StreamMessage message{
             .direction = direction.direction(), .summary = "HTTP/2 flow control and priorities", .detail = std::move(rows)};

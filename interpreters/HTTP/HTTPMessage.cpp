@@ -124,6 +124,7 @@ void HTTPMessages::show(HTTPMessage&& message, const TCPStream& stream, const St
     shown.direction = message.direction;
     shown.kind = message.kind;
     shown.isDecrypted = false;
+    shown.tellCarried = nullptr;
     const bool isRequest = message.kind == StreamMessageKind::request;
     const std::string* const contentType = HeaderField::find(message.fields, "content-type");
     const bool hasBody = !message.body.ranges.isEmpty();

@@ -42,6 +42,9 @@ public:
         return fields;
     }
 
+    /// Bytes that they take apart from shared values.
+    std::size_t heldBytes() const { return bytes_.capacity() + (shared_ ? 64 + shared_->capacity() * sizeof(SharedValue) : 0); }
+
     /// Calls `visit` with name and value of each field until it gives false.
     template <class Visit> void forEach(const Visit& visit) const
     {

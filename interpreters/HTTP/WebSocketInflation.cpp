@@ -104,7 +104,7 @@ std::int64_t WebSocketPayload::forEachPiece(ByteRange frames, const StreamBody::
 std::int64_t WebSocketInflation::allow(std::size_t message, std::int64_t made, std::int64_t count) const
 {
     if (!allowance_) return count;
-    const std::lock_guard lock(sharesMutex_);
+    const std::lock_guard lock(listMutex_);
     return shares_[message].allow(allowance_.get(), made, count);
 }
 
@@ -122,7 +122,7 @@ StreamBody::Ending WebSocketInflation::inflate(std::size_t message, std::vector<
     };
     bool goesOn = true;
     const std::int64_t lost =
-        payload_.forEachPiece(messages_[message], [&](DataView bytes) { return goesOn = inflater.push(bytes, takeSome); });
+        payload_.forEachPiece(rangeOf(message), [&](DataView bytes) { return goesOn = inflater.push(bytes, takeSome); });
     if (goesOn) inflater.push(DataView(tail, std::ssize(tail)), takeSome);
     window = context_ == Context::isKept ? inflater.window() : std::vector<std::uint8_t>();
     if (lost > 0) return {false, fmt::format("the capture lacks {} of it", byteCountText(lost))};
@@ -144,7 +144,7 @@ StreamBody::Ending WebSocketInflation::forEachPiece(std::size_t message, const S
         if (latest_.message <= message && latest_.message >= from.message) from = latest_;
         std::int64_t bytes = 0;
         for (std::size_t since = from.message; from.message < message; ++from.message) {
-            bytes += messages_[from.message].size();
+            bytes += rangeOf(from.message).size();
             inflate(from.message, from.window, [](DataView) { return true; });
             if (from.message + 1 - since < messagesBetween && bytes < bytesBetween) continue;
             since = from.message + 1;

@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 namespace sealscope {
@@ -35,12 +36,15 @@ public:
     /// What messages may refer to: those before them, or themselves alone ("no_context_takeover").
     enum class Context : std::uint8_t { isKept, beginsAnew };
     WebSocketInflation(const TCPStream& stream, TCPSegment::Direction direction, Context context, const StreamContext& limits)
-        : payload_(stream, direction), context_(context), limit_(limits.largestDecodedBody), allowance_(limits.decodingAllowance)
+        : payload_(stream, direction), context_(context), limit_(limits.largestDecodedBody), allowance_(limits.decodingAllowance),
+          mostMessages_(250'000 + static_cast<std::size_t>(stream.data(direction).size() / 64))
     {}
 
-    /// Adds a message while the direction is read; returns its position. Not to be called once somebody asks.
-    std::size_t add(ByteRange frames)
+    /// Adds a message while the direction is read; returns its position, or nothing where there are too many for their bytes.
+    std::optional<std::size_t> add(ByteRange frames)
     {
+        const std::lock_guard lock(listMutex_);
+        if (messages_.size() >= mostMessages_) return std::nullopt;
         messages_.push_back(frames);
         if (allowance_) shares_.emplace_back();
         return messages_.size() - 1;
@@ -53,6 +57,11 @@ private:
         std::size_t message = 0;
         std::vector<std::uint8_t> window;
     };
+    ByteRange rangeOf(std::size_t message) const
+    {
+        const std::lock_guard lock(listMutex_);
+        return messages_[message];
+    }
     std::int64_t allow(std::size_t message, std::int64_t made, std::int64_t count) const;
     /// Inflates one message behind a window, which becomes the next one's.
     StreamBody::Ending inflate(std::size_t message, std::vector<std::uint8_t>& window, const StreamBody::Take& take) const;
@@ -61,8 +70,9 @@ private:
     Context context_;
     std::int64_t limit_;
     std::shared_ptr<DecodingAllowance> allowance_;
+    std::size_t mostMessages_;
     std::vector<ByteRange> messages_;
-    mutable std::mutex mutex_, sharesMutex_;
+    mutable std::mutex mutex_, listMutex_;       ///< of what was inflated, and of the lists of messages
     mutable std::vector<DecodingShare> shares_;  ///< of the messages, where there is an allowance
     mutable std::vector<Checkpoint> checkpoints_;
     mutable Checkpoint latest_;  ///< before the message that was asked for last

@@ -60,6 +60,16 @@ private:
     std::size_t message_;
 };
 
+/// The payload of a deflated message behind too many others.
+class UnreadBody final : public StreamBody::Source {
+public:
+    std::optional<std::int64_t> knownLength() const override { return 0; }
+    StreamBody::Ending forEachPiece(const StreamBody::Take&) const override
+    {
+        return {false, "too many deflated messages of few bytes came before it"};
+    }
+};
+
 /// RFC 6455 §7.4.1.
 std::string_view closeName(int code)
 {
@@ -94,23 +104,30 @@ public:
           reader_(data_), inflation_(std::make_shared<WebSocketInflation>(stream, direction, inflation, context))
     {}
 
-    void read()
+    bool isOver() const { return isOver_; }
+    /// When the next frame came, as far as anybody knows.
+    double time() const { return stream_.locate({offset_, offset_ + 1}, direction_).timestamp.value_or(0); }
+
+    /// Reads on by a frame, or what is left.
+    void readFrame()
     {
-        std::int64_t offset = 0;
-        while (offset < data_.size() && !conversation_.isFull()) {
-            const WebSocketFrame frame = WebSocketFrame::read(reader_, offset);
-            const ByteRange header{offset, offset + std::max<std::int64_t>(frame.headerLength, 2)};
-            if (frame.headerLength == 0 || !frame.isPossible || lost_.firstIn(header)) break;
-            if (frame.isControl())
-                add(frame, frame, frame.length, 1);
-            else
-                readData(frame);
-            offset = frame.end();
+        if (offset_ < data_.size()) {
+            const WebSocketFrame frame = WebSocketFrame::read(reader_, offset_);
+            const ByteRange header{offset_, offset_ + std::max<std::int64_t>(frame.headerLength, 2)};
+            if (frame.headerLength > 0 && frame.isPossible && !lost_.firstIn(header)) {
+                if (frame.isControl())
+                    add(frame, frame, frame.length, 1);
+                else
+                    readData(frame);
+                offset_ = frame.end();
+                return;
+            }
         }
+        isOver_ = true;
         if (open_) addData(LastFragment::missing);
-        if (offset >= data_.size()) return;
+        if (offset_ >= data_.size()) return;
         // Where a frame begins can only be told from the one before it.
-        const ByteRange rest{offset, data_.size()};
+        const ByteRange rest{offset_, data_.size()};
         StreamMessage message{.direction = direction_, .summary = byteCountText(rest.size()) + " that are no WebSocket frame"};
         message.attributes = {{"protocol", "WebSocket"}, {"encodedBytes", rest.size()}};
         message.body = StreamBody(std::make_shared<const MessageBody>(stream_, direction_, CarriedBody{.ranges = rest}, StreamContext()));
@@ -151,7 +168,10 @@ private:
         if (fragments > 1) message.detail.push_back({"Fragments", groupedText(fragments)});
         const bool isText = first.opcode == Opcode::text;
         if (first.isCompressed) {
-            message.body = StreamBody(std::make_shared<const DeflatedBody>(inflation_, inflation_->add(range)));
+            if (const auto position = inflation_->add(range))
+                message.body = StreamBody(std::make_shared<const DeflatedBody>(inflation_, *position));
+            else
+                message.body = StreamBody(std::make_shared<const UnreadBody>());
             message.detail.push_back({"Compression", "permessage-deflate"});
         } else if (bytes > 0) {
             message.body = StreamBody(std::make_shared<const PlainBody>(stream_, direction_, range, bytes - missing, missing));
@@ -199,7 +219,26 @@ private:
     StreamReader reader_;
     std::shared_ptr<WebSocketInflation> inflation_;
     std::optional<OpenMessage> open_;
+    std::int64_t offset_ = 0;
+    bool isOver_ = false;
 };
+
+/// Adds both directions, in the order of their frames' times about.
+void readBoth(const TCPStream& stream, const StreamContext& context, const WebSocketInterpreter::Agreement& agreement,
+              Conversation& conversation)
+{
+    DirectionReading client(stream, context, Direction::clientToServer, agreement.client, conversation);
+    DirectionReading server(stream, context, Direction::serverToClient, agreement.server, conversation);
+    while (!conversation.isFull() && !(client.isOver() && server.isOver())) {
+        const bool isServersTurn = client.isOver() || (!server.isOver() && server.time() < client.time());
+        // A few at once: to ask for times takes longer than to read.
+        DirectionReading& next = isServersTurn ? server : client;
+        for (int frames = 0; frames < 16 && !next.isOver() && !conversation.isFull(); ++frames) {
+            next.readFrame();
+            conversation.handOver();
+        }
+    }
+}
 
 /// Whether a direction is WebSocket from its first byte to its last, masked or not as its side has to; with the number of its frames.
 std::optional<int> frameCount(const TCPStream& stream, Direction direction)
@@ -251,15 +290,22 @@ bool WebSocketInterpreter::canInterpret(const TCPStream& stream, const StreamCon
 
 StreamInterpretation WebSocketInterpreter::interpret(const TCPStream& stream, const StreamContext& context)
 {
-    return interpret(stream, context, {});
+    Conversation conversation;
+    readBoth(stream, context, {}, conversation);
+    return conversation.finish();
 }
 
-StreamInterpretation WebSocketInterpreter::interpret(const TCPStream& stream, const StreamContext& context, const Agreement& agreement)
+void WebSocketInterpreter::forEachPart(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit)
 {
-    Conversation conversation;
-    DirectionReading(stream, context, Direction::clientToServer, agreement.client, conversation).read();
-    DirectionReading(stream, context, Direction::serverToClient, agreement.server, conversation).read();
-    return conversation.finish();
+    forEachPart(stream, context, {}, visit);
+}
+
+void WebSocketInterpreter::forEachPart(const TCPStream& stream, const StreamContext& context, const Agreement& agreement,
+                                       const StreamPartVisitor& visit)
+{
+    Conversation conversation(&visit, context.mostHeld / 4);
+    readBoth(stream, context, agreement, conversation);
+    conversation.handOverRest();
 }
 
 }  // namespace sealscope

@@ -16,6 +16,7 @@ struct WebSocketInterpreter {
 
     static bool canInterpret(const TCPStream& stream, const StreamContext& context);
     static StreamInterpretation interpret(const TCPStream& stream, const StreamContext& context);
+    static void forEachPart(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit);
 
     /// What the handshake agreed on for each direction (RFC 7692 §7.1).
     struct Agreement {
@@ -24,7 +25,8 @@ struct WebSocketInterpreter {
         bool isKnown = false;  ///< false: the handshake is missing
     };
     static Agreement agreement(const HeaderFields& reply);
-    static StreamInterpretation interpret(const TCPStream& stream, const StreamContext& context, const Agreement& agreement);
+    static void forEachPart(const TCPStream& stream, const StreamContext& context, const Agreement& agreement,
+                            const StreamPartVisitor& visit);
 };
 
 }  // namespace sealscope

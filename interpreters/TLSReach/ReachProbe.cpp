@@ -86,6 +86,9 @@ OpenedDirection openedDirection(ReachConnection& connection, Direction direction
     OpenedDirection opened;
     auto plaintext = std::make_shared<ReachPlaintext>(
         stream.data(direction), direction == Direction::serverToClient ? stream.serverByteIndex : stream.clientByteIndex);
+    // A record has room for thousands that say nothing.
+    constexpr std::size_t mostHandshakeMessages = 10'000;
+    std::int64_t unshown = 0;
     ReachWalk walk(connection, direction);
     while (walk.next(plaintext->room(PlaintextReader::largestRecord))) {
         if (const auto& gap = walk.gap()) {
@@ -98,12 +101,23 @@ OpenedDirection openedDirection(ReachConnection& connection, Direction direction
             plaintext->add(walk.content().size(), {walk.record().bodyOffset, walk.record().endOffset()},
                            {walk.opener(), walk.sequence(), walk.offsetUnderKey()});
         for (const AssembledMessage& message : walk.messages()) {
+            if (opened.handshake.size() == mostHandshakeMessages) {
+                ++unshown;
+                continue;
+            }
             opened.handshake.push_back(
                 ReachMessages::message(message, isTLS13 ? ReachMessages::Form::TLS13 : ReachMessages::Form::upToTLS12, direction, stream));
             if (isTLS13 && message.type == std::to_underlying(TLSHandshakeType::encryptedExtensions))
                 opened.applicationProtocol = TLSApplicationProtocol::ofEncryptedExtensions(message.body);
         }
     }
+    if (unshown > 0)
+        opened.handshake.push_back({.direction = direction,
+                                    .kind = StreamMessageKind::handshake,
+                                    .summary = fmt::format("{} further handshake messages are not shown", unshown),
+                                    .detail = {decryptedRow},
+                                    .timestamp = opened.handshake.back().timestamp,
+                                    .isDecrypted = true});
     plaintext->end();
     opened.plaintext = std::move(plaintext);
     opened.isWhole = walk.openedRecords() == walk.protectedRecords();
@@ -148,23 +162,6 @@ StreamMessage wholeDirection(Direction direction, const OpenedDirection& opened)
             .body = StreamBody(dataOf(opened)),
             .bodyHint = StreamBodyHint::text(TextEncoding::utf8),
             .isDecrypted = true};
-}
-
-/// Handshake messages in front of what the plaintext was made into, whose pairings point behind them then.
-StreamInterpretation merged(std::vector<StreamMessage> handshake, StreamInterpretation interpretation)
-{
-    std::ranges::stable_sort(handshake, {}, &StreamMessage::timestamp);
-    const auto shift = static_cast<std::int64_t>(handshake.size());
-    handshake.reserve(handshake.size() + interpretation.messages.size());
-    std::ranges::move(interpretation.messages, std::back_inserter(handshake));
-    interpretation.messages = std::move(handshake);
-    if (interpretation.pairings) {
-        for (Pairing& pairing : *interpretation.pairings) {
-            pairing.requestIndex += shift;
-            if (pairing.replyIndex) *pairing.replyIndex += shift;
-        }
-    }
-    return interpretation;
 }
 
 void addDecryptedRow(StreamMessage& message) { message.detail.insert(message.detail.begin(), decryptedRow); }
@@ -279,28 +276,70 @@ std::unique_ptr<PlaintextReader> ReachProbe::plaintextReader(const TCPStream& st
 
 std::optional<StreamInterpretation> ReachProbe::decryptedInterpretation(const TCPStream& stream, const StreamContext& context) const
 {
-    ReachConnection connection(stream, secrets_.current());
-    if (!connection.parameters()) return std::nullopt;
-    OpenedStream opened(connection);
-    if (!opened.isOpen()) return std::nullopt;
-    auto& [client, server] = opened;
-    std::vector<StreamMessage> handshake = std::move(client.handshake);
-    std::ranges::move(server.handshake, std::back_inserter(handshake));
+    std::optional<StreamInterpretation> whole;
+    const auto tellInner = [&](const TCPStream& inner, const StreamContext& known, const StreamPartVisitor& visit) {
+        auto interpretation = context.host->carriedInterpretation(inner, known);
+        if (!interpretation) return false;
+        StreamPart part = partOf(*std::move(interpretation));
+        visit(part);
+        return true;
+    };
+    tellOpened(stream, context, tellInner, [&](StreamPart& part) {
+        whole.emplace(std::move(part.messages));
+        if (!part.pairings.empty()) whole->pairings = std::move(part.pairings);
+        return true;
+    });
+    return whole;
+}
 
-    std::optional<StreamInterpretation> inner;
-    if (opened.hasPlaintext() && context.host)
-        inner = context.host->carriedInterpretation(plaintextStream(stream, client, server), contextOf(connection, server, context));
-    if (inner) {
-        for (StreamMessage& message : inner->messages) {
+bool ReachProbe::tellDecrypted(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit) const
+{
+    const auto tellInner = [&](const TCPStream& inner, const StreamContext& known, const StreamPartVisitor& told) {
+        return context.host->tellCarried(inner, known, told);
+    };
+    return tellOpened(stream, context, tellInner, visit);
+}
+
+bool ReachProbe::tellOpened(const TCPStream& stream, const StreamContext& context, const TellInner& tellInner,
+                            const StreamPartVisitor& visit) const
+{
+    ReachConnection connection(stream, secrets_.current());
+    if (!connection.parameters()) return false;
+    OpenedStream opened(connection);
+    if (!opened.isOpen()) return false;
+    auto& [client, server] = opened;
+    // The handshake stands in front of what the plaintext is made into, whose pairings point behind it then.
+    StreamPart front{.messages = std::move(client.handshake)};
+    std::ranges::move(server.handshake, std::back_inserter(front.messages));
+    std::ranges::stable_sort(front.messages, {}, &StreamMessage::timestamp);
+    const std::int64_t shift = std::ssize(front.messages);
+    bool isTold = false;
+    const StreamPartVisitor told = [&](StreamPart& part) {
+        for (StreamMessage& message : part.messages) {
             addDecryptedRow(message);
             markDecrypted(message);
         }
-    } else {
-        inner.emplace();
-        if (client.plaintext->openedBytes() > 0) inner->messages.push_back(wholeDirection(Direction::clientToServer, client));
-        if (server.plaintext->openedBytes() > 0) inner->messages.push_back(wholeDirection(Direction::serverToClient, server));
+        for (Pairing& pairing : part.pairings) {
+            pairing.requestIndex += shift;
+            if (pairing.replyIndex) *pairing.replyIndex += shift;
+        }
+        if (std::exchange(isTold, true)) {
+            part.first += shift;
+            return visit(part);
+        }
+        std::ranges::move(part.messages, std::back_inserter(front.messages));
+        front.pairings = std::move(part.pairings);
+        return visit(front);
+    };
+    bool isCarried = false;
+    if (opened.hasPlaintext() && context.host)
+        isCarried = tellInner(plaintextStream(stream, client, server), contextOf(connection, server, context), told);
+    if (!isCarried) {
+        if (client.plaintext->openedBytes() > 0) front.messages.push_back(wholeDirection(Direction::clientToServer, client));
+        if (server.plaintext->openedBytes() > 0) front.messages.push_back(wholeDirection(Direction::serverToClient, server));
     }
-    return merged(std::move(handshake), *std::move(inner));
+    if (!isTold) visit(front);
+    return true;
 }
 
 std::unique_ptr<StreamExchangeReader> ReachProbe::decryptedExchanges(const TCPStream& stream, const StreamContext& context) const

@@ -4,6 +4,7 @@
 #include "Sealscope/TLSDecryptionProbe.h"
 #include "interpreters/TLSReach/ReachSecrets.h"
 
+#include <functional>
 #include <memory>
 
 namespace sealscope {
@@ -22,6 +23,7 @@ public:
     TLSDecryptionOutcome probe(const TCPStream& stream) const override;
     std::optional<TLSDecryptionReport> report(const TCPStream& stream, ReportDepth depth) const override;
     std::optional<StreamInterpretation> decryptedInterpretation(const TCPStream& stream, const StreamContext& context) const override;
+    bool tellDecrypted(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit) const override;
     bool tellsExchanges() const override { return true; }
     std::unique_ptr<StreamExchangeReader> decryptedExchanges(const TCPStream& stream, const StreamContext& context) const override;
     /// Lines with session IDs count as well.
@@ -34,6 +36,11 @@ public:
     std::shared_ptr<const ReachSecrets> secrets() const { return secrets_.current(); }
 
 private:
+    /// Tells what a plaintext carries; false where nobody knows.
+    using TellInner = std::function<bool(const TCPStream&, const StreamContext&, const StreamPartVisitor&)>;
+    bool tellOpened(const TCPStream& stream, const StreamContext& context, const TellInner& tellInner,
+                    const StreamPartVisitor& visit) const;
+
     TLSKeyLogStore& store() const override { return store_; }
     mutable TLSKeyLogStore store_;
     mutable ReachSecretStore secrets_;

@@ -35,8 +35,7 @@ void StreamLines::streams(const Session& session, const StreamVerdicts& verdicts
         if (!stop.stop_requested()) appendRecord(line, streamRow(session, verdicts, number));
         return line;
     };
-    inOrder(
-        numbers, [](std::int64_t) { return usualPayload; }, look, take);
+    inOrder(numbers, [](std::int64_t) { return usualPayload; }, look, take);
 }
 
 void StreamLines::exchanges(const Session& session, const Numbers& numbers, const Lines::Take& take, const std::stop_token& stop)
@@ -68,18 +67,14 @@ void StreamLines::messages(const Session& session, std::int64_t number, const Li
     const VELStreamInterpreting* const interpreter = session.plugIns().interpreter(stream);
     if (!interpreter) return;
     if (interpreter->layer == StreamLayer::security) findResumedSession(session, stream);
-    const StreamMessageVisitor visit = [&](StreamMessage& message) {
-        std::string text;
-        appendRecord(text, message);
-        return take(std::move(text)) && !stop.stop_requested();
-    };
-    const StreamContext context = session.plugIns().context();
-    if (interpreter->forEachMessage) {
-        interpreter->forEachMessage(stream, context, visit);
-        return;
-    }
-    StreamInterpretation interpretation = interpreter->interpret(stream, context);
-    telling(interpretation)(visit);
+    interpreter->tell(stream, session.plugIns().context(), [&](StreamPart& part) {
+        for (const StreamMessage& message : part.messages) {
+            std::string text;
+            appendRecord(text, message);
+            if (!take(std::move(text)) || stop.stop_requested()) return false;
+        }
+        return true;
+    });
 }
 
 Plaintext::Plaintext(std::shared_ptr<const Session> session, std::int64_t stream, TCPSegment::Direction direction)

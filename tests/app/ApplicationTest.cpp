@@ -73,8 +73,8 @@ TEST_F(Application, AnswersAsTheCommandLineDoes)
         appendRecord(streams, streamRow(*session, verdicts, number));
         const VELStreamInterpreting* interpreter = session->plugIns().interpreter(stream);
         ASSERT_NE(interpreter, nullptr);
-        StreamInterpretation interpretation = interpreter->interpret(stream, session->plugIns().context());
-        appendRecord(conversations, number, telling(interpretation), {});
+        StreamPart whole = partOf(interpreter->interpret(stream, session->plugIns().context()));
+        appendRecord(conversations, number, [&](const StreamPartVisitor& visit) { visit(whole); }, {});
     }
     EXPECT_EQ(streams, cli::sealscope({"streams", "--json", "-k", firstKeys, capture}).output);
     EXPECT_EQ(conversations, cli::sealscope({"follow", "--json", "-k", firstKeys, capture}).output);

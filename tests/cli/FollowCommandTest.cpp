@@ -204,7 +204,8 @@ TEST(FollowCommand, TellsAStreamOfMoreMessagesThanItHolds)
     std::vector<Data> alerts(30'000, hex("15 03 03 00 00"));
     alerts.front() = hex("15 03 03 00 02  01 00");
     const Data many = joined(alerts);
-    const std::string capture = writeCapture(directory, {{.direction = TCPSegment::Direction::serverToClient, .wire = many, .plaintext = {}}});
+    const std::string capture =
+        writeCapture(directory, {{.direction = TCPSegment::Direction::serverToClient, .wire = many, .plaintext = {}}});
     const auto lines = jsonLines(sealscope({"follow", "--json", capture}).output);
     ASSERT_EQ(lines.size(), 1u);
     ASSERT_EQ(lines[0]["messages"].size(), 30'000u);
@@ -215,6 +216,32 @@ TEST(FollowCommand, TellsAStreamOfMoreMessagesThanItHolds)
     std::size_t shown = 0;
     for (std::size_t at = 0; (at = text.find("Alert", at)) != std::string::npos; ++at) ++shown;
     EXPECT_EQ(shown, 30'000u);
+}
+
+TEST(FollowCommand, PairsAConversationOfMoreMessagesThanItHolds)
+{
+    const TempDirectory directory;
+    std::string asked, answered;
+    for (int i = 0; i < 20'000; ++i) {
+        asked += fmt::format("GET /{} HTTP/1.1\r\n\r\n", i);
+        answered += "HTTP/1.1 204 \r\n\r\n";
+    }
+    const TLSSession made =
+        runTLS({.clientProtocols = {"http/1.1"}, .serverProtocols = {"http/1.1"}}, {clientSends(asked), serverSends(answered)});
+    const std::string capture = writeCapture(directory, made.flights), keys = directory.write("keys", made.keyLog);
+    const auto stream = jsonLines(sealscope({"follow", "--json", "-k", keys, capture}).output)[0];
+    const auto& messages = stream["messages"];
+    std::size_t paired = 0;
+    for (const json& pairing : stream["pairings"]) {
+        const std::string summary = messages[pairing["requestIndex"].get<std::size_t>()]["summary"];
+        if (!summary.starts_with("GET ")) continue;
+        EXPECT_EQ(messages[pairing["replyIndex"].get<std::size_t>()]["summary"], "204 (no body)");
+        EXPECT_THAT(summary, testing::EndsWith(fmt::format("/{}", paired++)));
+    }
+    EXPECT_EQ(paired, 20'000u);
+    const std::string text = sealscope({"follow", "-k", keys, capture}).output;
+    for (const char* line : {"Answers: GET /0 → 204 (no body", "Answers: GET /19999 → 204 (no body"})
+        EXPECT_THAT(text, testing::HasSubstr(line));
 }
 
 }  // namespace sealscope::cli

@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <atomic>
 #include <fmt/format.h>
+#include <iterator>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -27,9 +28,9 @@ struct FollowedStream {
     std::int64_t number = 0;
     const VELStreamInterpreting* interpreter = nullptr;  ///< that accepted it
     std::string text;
-    StreamHeading heading;                               ///< where there is no text yet
-    std::optional<StreamInterpretation> interpretation;  ///< where that is not too much either
-    std::int64_t held = 0;                               ///< bytes, about
+    StreamHeading heading;               ///< where there is no text yet
+    std::optional<StreamPart> messages;  ///< all of them, where those are not too much either
+    std::int64_t held = 0;               ///< bytes, about
     std::optional<InterpreterFailure> failure;
 };
 
@@ -56,13 +57,13 @@ public:
         held_ -= followed.held;
         if (!followed.interpreter && !followed.failure) {
             remark(fmt::format("--stream {}: no plug-in recognises what was said in this connection", followed.number));
-            StreamInterpretation nothing;
+            StreamPart nothing;
             if (context_.options.json) append(followed.text, {.summary = {.number = followed.number}}, telling(nothing), {});
         } else if (!followed.failure && followed.text.empty()) {
-            const Spill spill([&](std::string& text) { context_.output.write(text); });
+            const Spill spill([&](std::string& text) { context_.output.write(text); },
+                              [&] { return context_.output.isOpen() && !isInterrupted(); });
             try {
-                append(followed.text, followed.heading, followed.interpretation ? telling(*followed.interpretation) : tellingAnew(followed),
-                       spill);
+                append(followed.text, followed.heading, followed.messages ? telling(*followed.messages) : tellingAnew(followed), spill);
             } catch (...) {
                 followed.failure = InterpreterFailure::caught();
             }
@@ -76,10 +77,10 @@ public:
     }
 
 private:
-    // What one stream may hold until it is printed, and what all may that wait for it.
-    static constexpr std::size_t manyMessages = 10'000;
+    // What one stream may hold until it is printed, and what all may that wait for it, in bytes.
+    static constexpr std::size_t largeMessages = 8 << 20;
     static constexpr std::int64_t largeBodies = 1'000'000;
-    static constexpr std::int64_t mostHeld = 16 * 1'024 * 1'024;
+    static constexpr std::int64_t mostHeld = 16 << 20;
 
     void interpret(FollowedStream& followed) const
     {
@@ -88,61 +89,54 @@ private:
         if (!followed.interpreter) return;
         followed.heading = {.summary = session_.summary(followed.number), .interpreter = followed.interpreter->streamDisplayName};
         if (!context_.options.json) followed.heading.report = verdicts_.report(stream);
-        auto interpretation = messagesToHold(*followed.interpreter, stream);
-        const bool isOpen = interpretation && std::ranges::any_of(interpretation->messages, &StreamMessage::isDecrypted);
+        auto messages = messagesToHold(*followed.interpreter, stream);
+        const bool isOpen = messages && std::ranges::any_of(messages->messages, &StreamMessage::isDecrypted);
         if (!isOpen && followed.interpreter->layer == StreamLayer::security && foundResumedSession(session_, stream))
-            interpretation = messagesToHold(*followed.interpreter, stream);
-        if (!interpretation) return;
+            messages = messagesToHold(*followed.interpreter, stream);
+        if (!messages) return;
 
         std::int64_t bodies = 0;
-        for (const StreamMessage& message : interpretation->messages) {
+        for (const StreamMessage& message : messages->messages) {
             bodies += message.body ? message.body->length() : 0;
             if (bodies > largeBodies) break;  // a length may have to be found by decoding
         }
         if (bodies > largeBodies) {
-            followed.held = std::ssize(interpretation->messages) * messageSize;
-            followed.interpretation = std::move(interpretation);
+            for (const StreamMessage& message : messages->messages) followed.held += static_cast<std::int64_t>(message.heldBytes());
+            followed.messages = std::move(messages);
         } else {
-            append(followed.text, followed.heading, telling(*interpretation), {});
+            append(followed.text, followed.heading, telling(*messages), {});
             followed.held = std::ssize(followed.text);
         }
         held_ += followed.held;
     }
 
-    /// The interpretation of a stream, unless it has too many messages, or too much waits to be printed already.
-    std::optional<StreamInterpretation> messagesToHold(const VELStreamInterpreting& interpreter, const TCPStream& stream) const
+    /// All messages of a stream, unless they are too much, or too much waits to be printed already.
+    std::optional<StreamPart> messagesToHold(const VELStreamInterpreting& interpreter, const TCPStream& stream) const
     {
         if (held_ > mostHeld) return std::nullopt;
-        const StreamContext offered = session_.plugIns().context();
-        // A message of captured bytes has four of them at the least.
-        const auto captured = [](const StreamData& data) { return data.size() - data.holeBytes(); };
-        const bool isSmall =
-            captured(stream.clientToServerData) + captured(stream.serverToClientData) < 4 * static_cast<std::int64_t>(manyMessages);
-        if (isSmall || !interpreter.forEachMessage) return interpreter.interpret(stream, offered);
-        StreamInterpretation interpretation;
-        bool areFew = true;
-        interpretation.pairings = interpreter.forEachMessage(stream, offered, [&](StreamMessage& message) {
-            areFew = interpretation.messages.size() < manyMessages;
-            if (areFew) interpretation.messages.push_back(std::move(message));
-            return areFew;
+        StreamPart all;
+        std::size_t bytes = 0;
+        interpreter.tell(stream, session_.plugIns().context(), [&](StreamPart& part) {
+            for (const StreamMessage& message : part.messages) bytes += message.heldBytes();
+            if (bytes >= largeMessages) return false;
+            std::ranges::move(part.messages, std::back_inserter(all.messages));
+            std::ranges::move(part.pairings, std::back_inserter(all.pairings));
+            return true;
         });
-        if (!areFew) return std::nullopt;
-        return interpretation;
+        if (bytes >= largeMessages) return std::nullopt;
+        return all;
+    }
+
+    static StreamTeller telling(StreamPart& messages)
+    {
+        return [&](const StreamPartVisitor& visit) { visit(messages); };
     }
 
     /// Interprets a stream while it is told.
     StreamTeller tellingAnew(const FollowedStream& followed) const
     {
-        return [this, &followed](const StreamMessageVisitor& visit) -> std::optional<std::vector<Pairing>> {
-            const TCPStream stream = session_.stream(followed.number);
-            const StreamMessageVisitor whileWanted = [&](StreamMessage& message) {
-                return visit(message) && context_.output.isOpen() && !isInterrupted();
-            };
-            const StreamMessageVisitor& visitor = visit ? whileWanted : visit;
-            const StreamContext offered = session_.plugIns().context();
-            if (followed.interpreter->forEachMessage) return followed.interpreter->forEachMessage(stream, offered, visitor);
-            StreamInterpretation interpretation = followed.interpreter->interpret(stream, offered);
-            return telling(interpretation)(visitor);
+        return [this, &followed](const StreamPartVisitor& visit) {
+            followed.interpreter->tell(session_.stream(followed.number), session_.plugIns().context(), visit);
         };
     }
 
@@ -151,11 +145,9 @@ private:
         if (context_.options.json)
             appendRecord(text, heading.summary.number, tell, spill);
         else
-            appendStreamText(text, heading, tell, context_.terminal,
-                             context_.options.bodies ? ShownBodies::whole : ShownBodies::beginnings, spill);
+            appendStreamText(text, heading, tell, context_.terminal, context_.options.bodies ? ShownBodies::whole : ShownBodies::beginnings,
+                             spill);
     }
-
-    static constexpr std::int64_t messageSize = 1'024;
 
     const CommandContext& context_;
     const Session& session_;

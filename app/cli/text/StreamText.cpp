@@ -10,9 +10,10 @@
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <functional>
 #include <initializer_list>
 #include <limits>
-#include <unordered_map>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -37,16 +38,6 @@ std::string latin1(DataView bytes)
     return text;
 }
 
-constexpr std::int64_t longestScalar = 4;  ///< bytes of UTF-8
-
-/// How many bytes at the end belong to a character of UTF-8 that goes on behind them.
-std::int64_t cutScalar(DataView bytes)
-{
-    std::int64_t back = 1;
-    while (back < longestScalar && back <= bytes.size() && (bytes[bytes.size() - back] & 0xC0) == 0x80) ++back;
-    return back < longestScalar && back <= bytes.size() && bytes[bytes.size() - back] >= 0xC0 ? back : 0;
-}
-
 enum class Cut : std::uint8_t { anywhere, betweenCharacters };
 
 /// Hands over a body in pieces of some whole lines of hexadecimal until `take` gives false.
@@ -61,7 +52,7 @@ void forEachPiece(const StreamBody& body, Cut cut, const StreamBody::Take& take)
             waiting.insert(waiting.end(), part.begin(), part.end());
             bytes = bytes.from(part.size());
             if (std::ssize(waiting) < pieceSize) break;
-            const std::int64_t kept = cut == Cut::betweenCharacters ? cutScalar(waiting) : 0;
+            const std::int64_t kept = cut == Cut::betweenCharacters ? utf8::cutScalar(waiting) : 0;
             goesOn = take(DataView(waiting).sub(0, std::ssize(waiting) - kept));
             waiting.erase(waiting.begin(), waiting.end() - kept);
         }
@@ -142,52 +133,64 @@ public:
 
     void messages(const StreamTeller& tell)
     {
-        pairings_ = tell({}).value_or(std::vector<Pairing>{});
-        for (const Pairing& pairing : pairings_) {
-            if (pairing.replyIndex)
-                answered_[*pairing.replyIndex] = &pairing;
-            else
-                unanswered_[pairing.requestIndex] = &pairing;
-        }
         // What has no time of its own, such as the plaintext of a whole direction, is read after what it came out of. There is little
         // of it as a rule; where there is much, the messages are gone through once more.
         constexpr std::size_t few = 1'000;
-        std::vector<std::pair<std::int64_t, StreamMessage>> timeless;
+        std::vector<std::pair<StreamMessage, Answer>> timeless;
         bool areFew = true;
-        std::int64_t index = 0;
-        tell([&](StreamMessage& said) {
-            const std::int64_t position = index++;
-            if (said.timestamp != 0) return message(said, position);
+        forEachMessage(tell, [&](StreamMessage& said, const Answer& answer) {
+            if (said.timestamp != 0) return message(said, answer);
             if (areFew && timeless.size() < few)
-                timeless.emplace_back(position, said);
+                timeless.emplace_back(said, answer);
             else
                 areFew = false;
             return true;
         });
         if (areFew) {
-            for (const auto& [position, said] : timeless)
-                if (!message(said, position)) return;
+            for (const auto& [said, answer] : timeless)
+                if (!message(said, answer)) return;
             return;
         }
         timeless.clear();
-        index = 0;
-        tell([&](StreamMessage& said) {
-            const std::int64_t position = index++;
-            return said.timestamp != 0 || message(said, position);
-        });
+        forEachMessage(tell, [&](StreamMessage& said, const Answer& answer) { return said.timestamp != 0 || message(said, answer); });
     }
 
 private:
-    bool message(const StreamMessage& said, std::int64_t position)
+    /// What is known of a message's other half.
+    struct Answer {
+        std::optional<std::string> answered;  ///< what the message answers
+        bool isMissing = false;               ///< to this message there is none
+    };
+
+    static void forEachMessage(const StreamTeller& tell, const std::function<bool(StreamMessage&, const Answer&)>& visit)
+    {
+        tell([&](StreamPart& part) {
+            std::vector<Answer> answers(part.messages.size());
+            for (Pairing& pairing : part.pairings) {
+                const std::int64_t place = pairing.replyIndex.value_or(pairing.requestIndex) - part.first;
+                if (place < 0 || place >= std::ssize(answers)) continue;
+                Answer& answer = answers[static_cast<std::size_t>(place)];
+                if (pairing.replyIndex)
+                    answer.answered = pairing.summary;
+                else
+                    answer.isMissing = true;
+            }
+            for (std::size_t i = 0; i < answers.size(); ++i)
+                if (!visit(part.messages[i], answers[i])) return false;
+            return true;
+        });
+    }
+
+    bool message(const StreamMessage& said, const Answer& answer)
     {
         summaryLine(said);
         for (const DetailRow& row : said.detail) detail(row.name, row.value);
         if (const auto row = decodingRow(said)) detail(row->name, row->value);
-        if (const auto found = answered_.find(position); found != answered_.end()) detail("Answers", found->second->summary);
-        if (unanswered_.contains(position)) detail("Answer", "none");
+        if (answer.answered) detail("Answers", *answer.answered);
+        if (answer.isMissing) detail("Answer", "none");
         if (said.body) body(said);
         spill_(text_);
-        return true;
+        return spill_.isWanted();
     }
 
     void styled(Style style, std::string_view safe)
@@ -237,14 +240,14 @@ private:
             Lines lines(text_, spill_);
             forEachPiece(body, isLatin1 ? Cut::anywhere : Cut::betweenCharacters, [&](DataView piece) {
                 isLatin1 ? lines.add(latin1(piece)) : lines.add(piece.text());
-                return true;
+                return spill_.isWanted();
             });
             lines.end();
         } else {
             std::int64_t offset = 0;
             forEachPiece(body, Cut::anywhere, [&](DataView piece) {
                 hexadecimal(piece, std::exchange(offset, offset + piece.size()));
-                return true;
+                return spill_.isWanted();
             });
         }
     }
@@ -254,7 +257,7 @@ private:
         const std::int64_t length = body.length();
         const Data bytes = beginning(body);
         const DataView shown = bytes;
-        const DataView whole = shown.size() < length ? shown.sub(0, shown.size() - cutScalar(shown)) : shown;
+        const DataView whole = shown.size() < length ? shown.sub(0, shown.size() - utf8::cutScalar(shown)) : shown;
         Lines lines(text_, spill_);
         if (isLatin1)
             lines.add(latin1(shown));
@@ -293,9 +296,6 @@ private:
     bool cutsBodies_;
     const Spill& spill_;
     TimeText time_;
-    std::vector<Pairing> pairings_;
-    // By the position of a message: the pairing whose reply it is, or whose request without one.
-    std::unordered_map<std::int64_t, const Pairing*> answered_, unanswered_;
 };
 
 }  // namespace

@@ -75,24 +75,15 @@ void MessagesModel::show(std::shared_ptr<const Session> session, qint64 stream)
                 if (interpreter->layer == StreamLayer::security) findResumedSession(*session, tcp);
                 Batches<StreamMessage> batches(context, [this](std::vector<StreamMessage> batch) { append(std::move(batch)); });
                 std::int64_t count = 0;
-                const StreamMessageVisitor take = [&](StreamMessage& message) {
-                    found.isCut = ++count > mostMessages;
-                    if (found.isCut || context.isCancelled()) return false;
-                    batches.add(std::move(message));
+                interpreter->tell(tcp, session->plugIns().context(), [&](StreamPart& part) {
+                    std::ranges::move(part.pairings, std::back_inserter(found.pairings));
+                    for (StreamMessage& message : part.messages) {
+                        found.isCut = ++count > mostMessages;
+                        if (found.isCut || context.isCancelled()) return false;
+                        batches.add(std::move(message));
+                    }
                     return true;
-                };
-                const StreamContext offered = session->plugIns().context();
-                std::optional<std::vector<Pairing>> pairings;
-                if (interpreter->forEachMessage) {
-                    pairings = interpreter->forEachMessage(tcp, offered, take);
-                    if (found.isCut) pairings = interpreter->forEachMessage(tcp, offered, {});
-                } else {
-                    StreamInterpretation interpretation = interpreter->interpret(tcp, offered);
-                    pairings = std::move(interpretation.pairings);
-                    for (StreamMessage& message : interpretation.messages)
-                        if (!take(message)) break;
-                }
-                found.pairings = std::move(pairings).value_or(std::vector<Pairing>{});
+                });
             }
         } catch (...) {
             found.failure = InterpreterFailure::caught();
@@ -231,7 +222,8 @@ QVariant MessagesModel::data(const QModelIndex& index, int role) const
     case Qt::AccessibleTextRole: {
         const QString who = data(index, ClientRole).toBool() ? tr("client") : tr("server");
         const QString answer = data(index, PairingRole).toString();
-        return tr("%1: %2, %3").arg(who, shownText(said.summary), note(index.row())) + (answer.isEmpty() ? QString() : QStringLiteral(", ") + answer);
+        return tr("%1: %2, %3").arg(who, shownText(said.summary), note(index.row())) +
+               (answer.isEmpty() ? QString() : QStringLiteral(", ") + answer);
     }
     case ClientRole: return said.direction == TCPSegment::Direction::clientToServer;
     case KindRole: return static_cast<int>(said.kind);

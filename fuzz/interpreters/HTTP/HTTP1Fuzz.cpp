@@ -8,7 +8,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const TCPStream stream = fuzzedStream(DataView(data, static_cast<std::int64_t>(size)));
     const StreamContext context{.largestDecodedBody = 1 << 18};
     HTTP1Interpreter::canInterpret(stream, context);
-    requireSound(HTTP1Interpreter::interpret(stream, context), stream);
+    const StreamInterpretation whole = HTTP1Interpreter::interpret(stream, context);
+    requireSound(whole, stream);
+    requireTellsParts<HTTP1Interpreter>(whole, stream, context);
+    requireTellsExchanges<HTTP1Interpreter>(whole, stream, context);
     requireFollows<HTTP1Interpreter>(stream, context);
     return 0;
 }

@@ -10,6 +10,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     HTTP2Interpreter::canInterpret(stream, context);
     const StreamInterpretation whole = HTTP2Interpreter::interpret(stream, context);
     requireSound(whole, stream);
+    requireTellsParts<HTTP2Interpreter>(whole, stream, context);
     requireTellsExchanges<HTTP2Interpreter>(whole, stream, context);
     requireFollows<HTTP2Interpreter>(stream, context);
     return 0;

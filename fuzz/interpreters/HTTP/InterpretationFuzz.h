@@ -4,12 +4,14 @@
 #include "fuzz/Require.h"
 #include "harness/VectorStream.h"
 #include "host/VELModels/StreamContext.h"
+#include "host/VELModels/StreamExchanges.h"
 #include "host/VELModels/StreamFollowing.h"
 #include "host/VELModels/StreamMessage.h"
 #include "interpreters/HTTP/CarriedStream.h"
 
 #include <algorithm>
 #include <cstdint>
+#include <iterator>
 
 namespace sealscope {
 
@@ -79,28 +81,53 @@ template <class Interpreter> void requireFollows(const TCPStream& stream, const 
     }
 }
 
+/// Parts have what the whole has, and few messages each where few may be held.
+template <class Interpreter>
+void requireTellsParts(const StreamInterpretation& whole, const TCPStream& stream, const StreamContext& context)
+{
+    for (const std::size_t mostHeld : {context.mostHeld, std::size_t{1} << 14}) {
+        StreamContext bounded = context;
+        bounded.mostHeld = mostHeld;
+        StreamInterpretation joined{.pairings = std::vector<Pairing>()};
+        Interpreter::forEachPart(stream, bounded, [&](StreamPart& part) {
+            require(part.first == std::ssize(joined.messages), "parts follow each other");
+            std::ranges::move(part.messages, std::back_inserter(joined.messages));
+            std::ranges::move(part.pairings, std::back_inserter(*joined.pairings));
+            return true;
+        });
+        requireSound(joined, stream);
+        if (mostHeld != context.mostHeld) continue;
+        require(joined.messages.size() == whole.messages.size(), "no message is missing, and none told twice");
+        require(joined.pairings->size() == whole.pairings.value_or(std::vector<Pairing>{}).size(), "nor a pairing");
+    }
+}
+
 /// Exchanges that are told one by one are those of the pairings, in the order of their times.
 template <class Interpreter>
 void requireTellsExchanges(const StreamInterpretation& interpretation, const TCPStream& stream, const StreamContext& context)
 {
     const auto reader = Interpreter::exchanges(stream, context);
-    if (!reader) return;
-    std::vector<Pairing> pairings = interpretation.pairings.value_or(std::vector<Pairing>{});
-    const auto message = [&](std::int64_t index) -> const StreamMessage& {
-        return interpretation.messages[static_cast<std::size_t>(index)];
-    };
-    std::ranges::stable_sort(pairings, {}, [&](const Pairing& pairing) { return message(pairing.requestIndex).timestamp; });
-    for (const Pairing& pairing : pairings) {
+    for (const StreamExchange& expected : exchangesOf(interpretation)) {
         const auto time = reader->nextTime();
         require(time.has_value(), "as many exchanges as pairings");
         StreamExchange exchange;
         reader->next(exchange);
-        require(exchange.request && exchange.time() == *time, "an exchange has the time that was told");
-        require(exchange.request->detail == message(pairing.requestIndex).detail, "the request is the same");
-        require(exchange.reply.has_value() == pairing.replyIndex.has_value(), "a reply where there is one");
-        if (exchange.reply) require(exchange.reply->detail == message(*pairing.replyIndex).detail, "the reply is the same");
+        require(exchange.time() == *time, "an exchange has the time that was told");
+        for (const auto message : {&StreamExchange::request, &StreamExchange::reply}) {
+            require((exchange.*message).has_value() == (expected.*message).has_value(), "a message where there is one");
+            if (exchange.*message) require((exchange.*message)->detail == (expected.*message)->detail, "it is the same");
+        }
     }
     require(!reader->nextTime(), "no more exchanges than pairings");
+
+    StreamContext bounded = context;
+    bounded.mostHeld = 1 << 14;
+    const auto few = Interpreter::exchanges(stream, bounded);
+    StreamExchange exchange;
+    while (const auto time = few->nextTime()) {
+        few->next(exchange);
+        require(exchange.time() == *time, "an exchange has the time that was told");
+    }
 }
 
 }  // namespace sealscope

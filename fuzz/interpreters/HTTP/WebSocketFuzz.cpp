@@ -8,6 +8,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const TCPStream stream = fuzzedStream(DataView(data, static_cast<std::int64_t>(size)));
     const StreamContext context{.largestDecodedBody = 1 << 18};
     WebSocketInterpreter::canInterpret(stream, context);
-    requireSound(WebSocketInterpreter::interpret(stream, context), stream);
+    const StreamInterpretation whole = WebSocketInterpreter::interpret(stream, context);
+    requireSound(whole, stream);
+    requireTellsParts<WebSocketInterpreter>(whole, stream, context);
     return 0;
 }
