@@ -72,6 +72,13 @@ public:
     virtual DataView bytes(CaptureAddress address, std::int64_t count) const = 0;
     /// All bytes of a file, uncompressed, as far as it was read. Needs random access.
     virtual DataView fileBytes(std::size_t) const { return {}; }
+    /// The length of all files.
+    std::int64_t bytesOfFiles() const
+    {
+        std::int64_t bytes = 0;
+        for (std::size_t file = 0; file < files().size(); ++file) bytes += fileBytes(file).size();
+        return bytes;
+    }
     /// Says that nobody will look at these bytes of a file soon: they leave this process's memory, and come back when touched.
     virtual void letGo(std::size_t /*file*/, std::int64_t /*offset*/, std::int64_t /*count*/) const {}
     /// Keeps bytes that lie in no file, such as a datagram put together from fragments; returns their address. Negative when

@@ -40,8 +40,9 @@ std::shared_ptr<DecodingAllowance> decodingAllowance(const Options& options)
 
 void allowDecoding(DecodingAllowance* allowance, std::int64_t capturedBytes)
 {
-    constexpr std::int64_t decodedPerByte = 32;
-    if (allowance) allowance->add(decodedPerByte * capturedBytes);
+    // Of a large capture fewer: what is written of them is to stay below sixteen times its size.
+    constexpr std::int64_t perByte = 32, perByteOfMany = 4, ofMany = std::int64_t{160} << 20;
+    if (allowance) allowance->add(std::min(perByte * capturedBytes, ofMany + perByteOfMany * capturedBytes));
 }
 
 std::unique_ptr<Session> openSession(const CommandContext& context, ExitStatus& status)
@@ -76,8 +77,7 @@ std::unique_ptr<Session> openSession(const CommandContext& context, ExitStatus& 
             return nullptr;
         }
         session = std::move(*opened);
-        for (std::size_t file = 0; file < options.arguments.size(); ++file)
-            allowDecoding(allowance.get(), session->capture().fileBytes(file).size());
+        allowDecoding(allowance.get(), session->capture().bytesOfFiles());
     }
     // What was indexed is printed all the same; a further Ctrl-C then ends the printing.
     if (isInterrupted()) catchInterrupts();

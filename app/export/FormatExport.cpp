@@ -16,12 +16,12 @@ namespace {
 /// The next exchanges of a stream, as an interpretation of their own.
 StreamInterpretation nextPart(StreamExchangeReader& reader)
 {
-    constexpr std::size_t mostMessages = 256, fieldsAtOnce = 1 << 18;
+    constexpr std::size_t mostMessages = 256, bytesAtOnce = 1 << 19;
     StreamInterpretation part{.pairings = std::vector<Pairing>()};
-    std::size_t fields = 0;
-    for (Exchange exchange; reader.nextTime() && part.messages.size() < mostMessages && fields < fieldsAtOnce;) {
+    std::size_t bytes = 0;
+    for (Exchange exchange; reader.nextTime() && part.messages.size() < mostMessages && bytes < bytesAtOnce;) {
         reader.next(exchange);
-        fields += fieldBytes(exchange);
+        bytes += heldBytes(exchange);
         const std::int64_t position = std::ssize(part.messages);
         if (exchange.request && exchange.reply)
             part.pairings->push_back({.requestIndex = position, .replyIndex = position + 1, .status = PairingStatus::matched});
@@ -35,7 +35,7 @@ StreamInterpretation nextPart(StreamExchangeReader& reader)
 
 }  // namespace
 
-void exportStreams(const Session& session, const std::vector<std::int64_t>& streams, const StreamExportFormat& format, OutputFile& file,
+bool exportStreams(const Session& session, const std::vector<std::int64_t>& streams, const StreamExportFormat& format, OutputFile& file,
                    const std::stop_token& stop)
 {
     struct Interpreted {
@@ -54,27 +54,39 @@ void exportStreams(const Session& session, const std::vector<std::int64_t>& stre
             interpreted.interpretation = std::move(messages);
         return interpreted;
     };
+    // A request of some bytes is told in hundreds, and fields are repeated for a byte.
+    const std::int64_t most = (std::int64_t{448} << 20) + 6 * session.capture().bytesOfFiles();
+    std::int64_t written = 0;
     const StreamExporter::Write write = [&](DataView bytes) {
         file.write(bytes);
+        written += bytes.size();
         return file.isGood();
     };
-    const auto isWanted = [&] { return file.isGood() && !stop.stop_requested(); };
+    std::size_t added = 0;
+    bool isWhole = true;
+    const auto isWanted = [&](bool isMoreToCome) {
+        if (isMoreToCome && written > most) isWhole = false;
+        return file.isGood() && !stop.stop_requested() && isWhole;
+    };
     const auto exporter = format.create();
     exporter->begin(write);
     const auto add = [&](Interpreted interpreted) {
         const auto& [stream, interpretation, exchanges] = interpreted;
-        if (!interpretation) return isWanted();
+        const bool isLast = ++added == streams.size();
+        if (!interpretation) return isWanted(!isLast);
         exporter->add({.stream = stream, .interpretation = exchanges ? nextPart(*exchanges) : *interpretation}, write);
-        while (exchanges && exchanges->nextTime() && isWanted())
+        while (exchanges && exchanges->nextTime() && isWanted(true))
             exporter->add({.stream = stream, .interpretation = nextPart(*exchanges)}, write);
-        return isWanted();
+        return isWanted(!isLast);
     };
     const auto weight = [&](std::int64_t number) { return session.packets(number) * usualPayload; };
     inOrder(streams, weight, interpret, add);
     exporter->end(write);
+    return isWhole;
 }
 
-std::optional<std::string> exportedText(const TCPStream& stream, const StreamInterpretation& interpretation, const StreamExportFormat& format)
+std::optional<std::string> exportedText(const TCPStream& stream, const StreamInterpretation& interpretation,
+                                        const StreamExportFormat& format)
 {
     constexpr std::size_t longest = 16 * 1'024 * 1'024;
     std::string text;

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "platform/OutputFile.h"
 #include "app/session/Session.h"
 #include "host/VELModels/VELExporting.h"
+#include "platform/OutputFile.h"
 
 #include <cstdint>
 #include <optional>
@@ -14,12 +14,14 @@
 namespace sealscope {
 
 /// Hands the interpretations of some streams to a format of a plug-in, one by one in the order given, and writes what it makes of
-/// them. Ends early, with a whole file, when it shall stop; how writing went the file tells.
-void exportStreams(const Session& session, const std::vector<std::int64_t>& streams, const StreamExportFormat& format, OutputFile& file,
+/// them. Ends early, with a whole file, when it shall stop; how writing went the file tells. False when it ended early since a format of
+/// many words made more of the capture than a disk may be asked for: 448 MiB and six times its size.
+bool exportStreams(const Session& session, const std::vector<std::int64_t>& streams, const StreamExportFormat& format, OutputFile& file,
                    const std::stop_token& stop);
 
 /// What a format makes of one stream alone, or of some of its messages, as text; nothing when it is longer than a clipboard should hold.
 /// Empty when the format finds nothing in it that it writes about.
-std::optional<std::string> exportedText(const TCPStream& stream, const StreamInterpretation& interpretation, const StreamExportFormat& format);
+std::optional<std::string> exportedText(const TCPStream& stream, const StreamInterpretation& interpretation,
+                                        const StreamExportFormat& format);
 
 }  // namespace sealscope

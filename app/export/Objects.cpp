@@ -137,7 +137,7 @@ void saveObjects(const Session& session, const std::vector<std::int64_t>& stream
                  const std::function<bool(const SavedObject&)>& told)
 {
     // Of a stream with more exchanges, those behind are made when their turn comes.
-    constexpr std::size_t madeAtOnce = 64, fieldsAtOnce = 1 << 18;
+    constexpr std::size_t madeAtOnce = 64, bytesAtOnce = 1 << 18;
     struct Read {
         std::int64_t number = 0;
         std::vector<Exchange> exchanges;
@@ -145,8 +145,8 @@ void saveObjects(const Session& session, const std::vector<std::int64_t>& stream
     };
     const auto read = [&](std::int64_t number) {
         Read found{.number = number, .rest = applicationExchanges(session, session.stream(number))};
-        for (std::size_t fields = 0; found.rest && found.rest->nextTime(); fields += fieldBytes(found.exchanges.back())) {
-            if (found.exchanges.size() == madeAtOnce || fields >= fieldsAtOnce) break;
+        for (std::size_t bytes = 0; found.rest && found.rest->nextTime(); bytes += heldBytes(found.exchanges.back())) {
+            if (found.exchanges.size() == madeAtOnce || bytes >= bytesAtOnce) break;
             found.rest->next(found.exchanges.emplace_back());
         }
         return found;

@@ -22,25 +22,14 @@ constexpr std::int64_t sniffed = 65'536;
 // A piece of text or Base64 at most, in bytes: a multiple of three.
 constexpr std::int64_t pieceSize = 49'152;
 
-std::string text(const JSON& value) { return value.dump(-1, ' ', false, JSON::error_handler_t::replace); }
+std::string text(const JSON& value) { return HARValues::text(value); }
+std::string quotedText(std::string_view value) { return HARValues::quoted(value); }
 
 /// A text as it stands between a JSON string's quotes.
-std::string escaped(std::string text_)
+std::string escaped(std::string_view text_)
 {
-    std::string quoted = text(JSON(std::move(text_)));
-    return quoted.substr(1, quoted.size() - 2);
-}
-
-/// How many bytes at the end are the beginning of a scalar that goes on behind it.
-std::int64_t cutScalar(DataView bytes)
-{
-    for (std::int64_t back = 1; back <= std::min<std::int64_t>(3, bytes.size()); ++back) {
-        const std::uint8_t byte = bytes[bytes.size() - back];
-        if ((byte & 0xC0) == 0x80) continue;
-        const std::int64_t length = byte >= 0xF0 ? 4 : byte >= 0xE0 ? 3 : byte >= 0xC0 ? 2 : 1;
-        return length > back ? back : 0;
-    }
-    return 0;
+    std::string whole = quotedText(text_);
+    return whole.substr(1, whole.size() - 2);
 }
 
 std::string latin1(DataView bytes)
@@ -50,17 +39,30 @@ std::string latin1(DataView bytes)
     return text_;
 }
 
+/// Bytes that a text takes in JSON.
+std::int64_t escapedSize(DataView bytes)
+{
+    std::int64_t size = bytes.size();
+    for (const std::uint8_t byte : bytes)
+        size += byte == '"' || byte == '\\' || (byte >= 0x08 && byte <= 0x0D && byte != 0x0B) ? 1 : byte < 0x20 ? 5 : 0;
+    return size;
+}
+
 bool isText(const StreamMessage& message)
 {
     if (!message.bodyHint || message.bodyHint->form != StreamBodyHint::Form::text) return false;
-    if (message.bodyHint->encoding == TextEncoding::latin1) return true;
+    const bool isLatin1 = message.bodyHint->encoding == TextEncoding::latin1;
     std::vector<std::uint8_t> first;
+    std::int64_t bytes = 0, escapedBytes = 0;
+    const auto isMostlyControls = [&] { return escapedBytes > 2 * bytes; };
     message.body->forEachPiece([&](DataView piece) {
         const DataView part = piece.sub(0, sniffed - std::ssize(first));
-        first.insert(first.end(), part.begin(), part.end());
-        return std::ssize(first) < sniffed;
+        if (!isLatin1) first.insert(first.end(), part.begin(), part.end());
+        bytes += piece.size();
+        escapedBytes += escapedSize(piece);
+        return bytes < sniffed || !isMostlyControls();
     });
-    return utf8::isWellFormed(DataView(first).sub(0, std::ssize(first) - cutScalar(first)));
+    return !isMostlyControls() && utf8::isWellFormed(DataView(first).sub(0, std::ssize(first) - utf8::cutScalar(first)));
 }
 
 double milliseconds(double seconds) { return std::max(0.0, std::round(seconds * 1e6) / 1e3); }
@@ -90,10 +92,12 @@ const StreamExportFormat HARExporter::format{
     .fileExtension = "har",
     .mediaType = "application/json",
     .create = []() -> std::unique_ptr<StreamExporter> { return std::make_unique<HARExporter>(); },
+    .wantsExchangesAlone = true,
 };
 
 void HARExporter::write(std::string_view text_)
 {
+    written_ += std::ssize(text_);
     if (!isStopped_ && !(*write_)(DataView(text_))) isStopped_ = true;
 }
 
@@ -150,33 +154,48 @@ void HARExporter::writeEntry(const ExportedStream& stream, const StreamMessage* 
     const double send = milliseconds(sent - start), wait = reply ? milliseconds(reply->timestamp - sent) : 0;
     const double receive = reply ? milliseconds(endOf(*reply) - reply->timestamp) : 0;
     write(std::exchange(hasEntries_, true) ? ",\n{" : "\n{");
-    write("\"startedDateTime\":" + text(HARValues::dateText(start)) + ",\"time\":" + text(send + wait + receive) + ",\"request\":");
+    write("\"startedDateTime\":" + quotedText(HARValues::dateText(start)) + ",\"time\":" + text(send + wait + receive) + ",\"request\":");
     writeRequest(request);
     write(",\"response\":");
     writeReply(reply);
-    const JSON timings = {{"blocked", -1}, {"dns", -1}, {"connect", -1}, {"ssl", -1}, {"send", send}, {"wait", wait}, {"receive", receive}};
-    write(",\"cache\":{},\"timings\":" + text(timings));
+    write(",\"cache\":{},\"timings\":{\"blocked\":-1,\"dns\":-1,\"connect\":-1,\"ssl\":-1,\"send\":" + text(send) +
+          ",\"wait\":" + text(wait) + ",\"receive\":" + text(receive) + "}");
     // Of a push the server is the asker all the same.
-    write(",\"serverIPAddress\":" + text(addressOf(stream.stream.serverEndpoint)) +
-          ",\"connection\":" + text(std::to_string(stream.stream.key.number)));
+    write(",\"serverIPAddress\":" + quotedText(addressOf(stream.stream.serverEndpoint)) + ",\"connection\":\"" +
+          std::to_string(stream.stream.key.number) + '"');
     if (!request || !reply) write(std::string(",\"comment\":\"the capture lacks the ") + (request ? "reply\"" : "request\""));
-    if (!webSocketMessages.empty()) {
-        write(",\"_webSocketMessages\":[");
-        for (const StreamMessage* message : webSocketMessages) {
-            const JSON head = {{"type", message->direction == first.direction ? "send" : "receive"},
-                               {"time", message->timestamp},
-                               {"opcode", HTTPMessages::number(*message, "websocketOpcode")}};
-            std::string object = text(head);
-            object.pop_back();
-            write((message == webSocketMessages.front() ? "" : ",") + object + ",\"data\":\"");
-            if (message->body) {
-                writeBody(*message->body, HTTPMessages::number(*message, "websocketOpcode") == 1 ? Form::utf8 : Form::base64);
-            }
-            write("\"}");
-        }
-        write("]");
+    // A message of two bytes is written as dozens.
+    const std::int64_t most = (64 << 20) + 2 * (stream.stream.clientToServerData.size() + stream.stream.serverToClientData.size());
+    const std::int64_t end = written_ + most;
+    bool hasWebSocket = false;
+    std::int64_t leftOut = 0;
+    const auto writeOne = [&](const StreamMessage& message) {
+        if (written_ > end) return static_cast<void>(++leftOut);
+        write(std::exchange(hasWebSocket, true) ? "," : ",\"_webSocketMessages\":[");
+        writeWebSocketMessage(message, first.direction);
+    };
+    for (const StreamMessage* message : webSocketMessages) writeOne(*message);
+    if (reply && reply->tellCarried) {
+        reply->tellCarried([&](StreamPart& part) {
+            for (const StreamMessage& message : part.messages)
+                if (message.attribute("websocketOpcode")) writeOne(message);
+            return !isStopped_;
+        });
     }
+    if (hasWebSocket) write("]");
+    if (leftOut > 0) write(",\"comment\":\"" + std::to_string(leftOut) + " further WebSocket messages are left out\"");
     write("}");
+}
+
+void HARExporter::writeWebSocketMessage(const StreamMessage& message, TCPSegment::Direction asking)
+{
+    const std::int64_t opcode = HTTPMessages::number(message, "websocketOpcode");
+    const JSON head = {{"type", message.direction == asking ? "send" : "receive"}, {"time", message.timestamp}, {"opcode", opcode}};
+    std::string object = text(head);
+    object.pop_back();
+    write(object + ",\"data\":\"");
+    if (message.body) writeBody(*message.body, opcode == 1 ? Form::utf8 : Form::base64);
+    write("\"}");
 }
 
 std::int64_t HARExporter::writeText(const StreamMessage& message, std::string_view encodingKey)
@@ -187,7 +206,7 @@ std::int64_t HARExporter::writeText(const StreamMessage& message, std::string_vi
     const auto [length, ending] = writeBody(*message.body, form);
     write("\"");
     if (!isWords) write(",\"" + std::string(encodingKey) + "\":\"base64\"");
-    if (!ending.isComplete) write(",\"comment\":" + text(ending.reason));
+    if (!ending.isComplete) write(",\"comment\":" + quotedText(ending.reason));
     return length;
 }
 
@@ -205,7 +224,7 @@ std::pair<std::int64_t, StreamBody::Ending> HARExporter::writeBody(const StreamB
             held.insert(held.end(), part.begin(), part.end());
             piece = piece.from(part.size());
             if (std::ssize(held) < pieceSize) break;
-            const std::int64_t kept = form == Form::utf8 ? cutScalar(held) : 0;
+            const std::int64_t kept = form == Form::utf8 ? utf8::cutScalar(held) : 0;
             put(DataView(held).sub(0, std::ssize(held) - kept));
             held.erase(held.begin(), held.end() - kept);
         }
@@ -219,20 +238,18 @@ void HARExporter::writeRequest(const StreamMessage* request)
 {
     const HeaderFields fields = request ? HARValues::headerFields(*request) : HeaderFields();
     const std::string url(request ? HTTPMessages::text(*request, "url") : "about:blank");
-    const JSON head = {{"method", request ? HTTPMessages::text(*request, "method") : "UNKNOWN"},
-                       {"url", url},
-                       {"httpVersion", request ? httpVersion(*request) : ""},
-                       {"cookies", HARValues::requestCookies(fields)},
-                       {"headers", HARValues::headers(fields)},
-                       {"queryString", HARValues::parameters(HARValues::queryOf(url))},
-                       {"headersSize", -1},
-                       {"bodySize", request ? HTTPMessages::number(*request, "encodedBytes") : -1}};
-    std::string object = text(head);
-    object.pop_back();
-    write(object);
+    std::string head = "{\"method\":" + quotedText(request ? HTTPMessages::text(*request, "method") : "UNKNOWN");
+    head.append(",\"url\":").append(quotedText(url));
+    head.append(",\"httpVersion\":").append(quotedText(request ? httpVersion(*request) : ""));
+    head.append(",\"cookies\":").append(text(HARValues::requestCookies(fields)));
+    head.append(",\"headers\":").append(HARValues::headers(fields));
+    head.append(",\"queryString\":").append(text(HARValues::parameters(HARValues::queryOf(url))));
+    head.append(",\"headersSize\":-1,\"bodySize\":");
+    head.append(std::to_string(request ? HTTPMessages::number(*request, "encodedBytes") : -1));
+    write(head);
     if (request && request->body) {
         const std::string_view type = HTTPMessages::text(*request, "contentType");
-        write(",\"postData\":{\"mimeType\":" + text(type) + ",\"params\":");
+        write(",\"postData\":{\"mimeType\":" + quotedText(type) + ",\"params\":");
         constexpr std::int64_t longestForm = 1 << 20;
         const bool isForm = HeaderField::mediaType(type) == "application/x-www-form-urlencoded" && request->body->length() <= longestForm;
         write(text(isForm ? HARValues::parameters(request->body->bytes().view().text()) : JSON::array()));
@@ -248,18 +265,16 @@ void HARExporter::writeReply(const StreamMessage* reply)
     const HeaderFields fields = reply ? HARValues::headerFields(*reply) : HeaderFields();
     const std::string* const location = HeaderField::find(fields, "location");
     const std::int64_t carried = reply ? HTTPMessages::number(*reply, "encodedBytes") : -1;
-    const JSON head = {{"status", reply ? HTTPMessages::number(*reply, "status") : 0},
-                       {"statusText", reply ? HTTPMessages::text(*reply, "statusText") : ""},
-                       {"httpVersion", reply ? httpVersion(*reply) : ""},
-                       {"cookies", HARValues::replyCookies(fields)},
-                       {"headers", HARValues::headers(fields)},
-                       {"redirectURL", location ? *location : ""},
-                       {"headersSize", -1},
-                       {"bodySize", carried}};
-    std::string object = text(head);
-    object.pop_back();
+    std::string head = "{\"status\":" + std::to_string(reply ? HTTPMessages::number(*reply, "status") : 0);
+    head.append(",\"statusText\":").append(quotedText(reply ? HTTPMessages::text(*reply, "statusText") : ""));
+    head.append(",\"httpVersion\":").append(quotedText(reply ? httpVersion(*reply) : ""));
+    head.append(",\"cookies\":").append(text(HARValues::replyCookies(fields)));
+    head.append(",\"headers\":").append(HARValues::headers(fields));
+    head.append(",\"redirectURL\":").append(quotedText(location ? *location : ""));
+    head.append(",\"headersSize\":-1,\"bodySize\":").append(std::to_string(carried));
     const std::string_view type = reply ? HTTPMessages::text(*reply, "contentType") : "";
-    write(object + ",\"content\":{\"mimeType\":" + text(type.empty() ? "x-unknown" : type));
+    head.append(",\"content\":{\"mimeType\":").append(quotedText(type.empty() ? "x-unknown" : type));
+    write(head);
     std::int64_t length = 0;
     if (reply && reply->body) {
         write(",");

@@ -24,6 +24,7 @@ private:
 
     void writeEntry(const ExportedStream& stream, const StreamMessage* request, const StreamMessage* reply,
                     const std::vector<const StreamMessage*>& webSocketMessages);
+    void writeWebSocketMessage(const StreamMessage& message, TCPSegment::Direction asking);
     void writeRequest(const StreamMessage* request);
     void writeReply(const StreamMessage* reply);
     /// `"text":"…"` and what goes with it, of a body; its length.
@@ -34,6 +35,7 @@ private:
     void write(std::string_view text);
 
     const Write* write_ = nullptr;
+    std::int64_t written_ = 0;  ///< bytes
     bool isStopped_ = false;
     bool hasEntries_ = false;
 };

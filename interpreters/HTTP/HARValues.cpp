@@ -49,11 +49,27 @@ HeaderFields HARValues::headerFields(const StreamMessage& message)
     return fields;
 }
 
-HARValues::JSON HARValues::headers(const HeaderFields& fields)
+std::string HARValues::headers(const HeaderFields& fields)
 {
-    JSON list = JSON::array();
-    for (const auto& [name, value] : fields) list.push_back({{"name", name}, {"value", value}});
-    return list;
+    std::string list = "[";
+    for (const auto& [name, value] : fields)
+        list.append(list.size() > 1 ? ",{\"name\":" : "{\"name\":").append(quoted(name)).append(",\"value\":").append(quoted(value)) += '}';
+    return list += ']';
+}
+
+std::string HARValues::text(const JSON& value)
+{
+    if (value.is_array() && value.empty()) return "[]";
+    return value.dump(-1, ' ', false, JSON::error_handler_t::replace);
+}
+
+std::string HARValues::quoted(std::string_view value)
+{
+    const auto isPlain = [](char letter) { return letter >= 0x20 && letter < 0x7F && letter != '"' && letter != '\\'; };
+    if (!std::ranges::all_of(value, isPlain)) return text(JSON(value));
+    std::string plain;
+    plain.reserve(value.size() + 2);
+    return plain.append(1, '"').append(value) += '"';
 }
 
 HARValues::JSON HARValues::requestCookies(const HeaderFields& fields)
@@ -61,9 +77,8 @@ HARValues::JSON HARValues::requestCookies(const HeaderFields& fields)
     JSON list = JSON::array();
     for (const DetailRow& field : fields)
         if (HeaderField::isNamed(field.name, "cookie"))
-            forEachPair(field.value, ';', [&](std::string_view name, std::string_view value) {
-                list.push_back({{"name", name}, {"value", value}});
-            });
+            forEachPair(field.value, ';',
+                        [&](std::string_view name, std::string_view value) { list.push_back({{"name", name}, {"value", value}}); });
     return list;
 }
 

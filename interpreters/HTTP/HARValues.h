@@ -17,13 +17,18 @@ struct HARValues {
 
     /// The rows of a message that are header fields.
     static HeaderFields headerFields(const StreamMessage& message);
-    static JSON headers(const HeaderFields& fields);
+    /// A list of them.
+    static std::string headers(const HeaderFields& fields);
     /// Of Cookie (RFC 6265 §4.2.1).
     static JSON requestCookies(const HeaderFields& fields);
     /// Of Set-Cookie (RFC 6265 §4.1.1).
     static JSON replyCookies(const HeaderFields& fields);
     /// The parameters of a URL's query, or of a form.
     static JSON parameters(std::string_view query);
+    /// A value as it is written. Most archives are many small values.
+    static std::string text(const JSON& value);
+    /// A string as it is written, in its quotes.
+    static std::string quoted(std::string_view value);
     static std::string_view queryOf(std::string_view url);
     /// "2023-11-14T22:13:20.250Z" (ISO 8601).
     static std::string dateText(double seconds);

@@ -2,10 +2,10 @@
 #include "app/cli/Interrupt.h"
 #include "app/cli/StreamReading.h"
 #include "app/cli/commands/Commands.h"
-#include "app/texts/DisplayText.h"
 #include "app/cli/text/Messages.h"
 #include "app/export/FormatExport.h"
 #include "app/records/JSONLineWriter.h"
+#include "app/texts/DisplayText.h"
 #include "host/VELModels/VELExporting.h"
 #include "host/VELModels/VELPlugInsController.h"
 
@@ -65,11 +65,16 @@ ExitStatus runExport(const CommandContext& context)
     ExitStatus status = done;
     Options captureOptions = options;
     captureOptions.arguments.erase(captureOptions.arguments.begin());
-    const CommandContext captureContext{.options = captureOptions, .terminal = context.terminal, .output = context.output, .confining = context.confining};
+    const CommandContext captureContext{
+        .options = captureOptions, .terminal = context.terminal, .output = context.output, .confining = context.confining};
     const auto session = openSession(captureContext, status);
     if (!session) return status;
     const auto streams = wantedStreams(captureContext, *session, status);
-    exportStreams(*session, streams, **format, *file, interruption());
+    if (!exportStreams(*session, streams, **format, *file, interruption())) {
+        complain(fmt::format("{}: ends early: written as {}, the capture takes more than 448 MiB and 6 times its size", options.output,
+                             (*format)->name));
+        status = failed;
+    }
     if (const auto finished = file->finish(); !finished) {
         complain(fmt::format("{}: {}", options.output, finished.error().text()));
         status = failed;

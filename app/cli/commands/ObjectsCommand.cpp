@@ -2,13 +2,13 @@
 #include "app/cli/Interrupt.h"
 #include "app/cli/StreamReading.h"
 #include "app/cli/commands/Commands.h"
-#include "app/texts/DisplayText.h"
 #include "app/cli/text/Messages.h"
-#include "app/texts/SizeText.h"
 #include "app/cli/text/TextTable.h"
 #include "app/export/Objects.h"
 #include "app/export/OutputFolder.h"
 #include "app/records/ExchangeRecords.h"
+#include "app/texts/DisplayText.h"
+#include "app/texts/SizeText.h"
 
 #include <algorithm>
 #include <array>
@@ -27,9 +27,9 @@ public:
     void append(std::string& text, const SavedObject& object)
     {
         if (!std::exchange(hasHeading_, true)) table_.appendHeading(text);
-        const std::array<std::string, 5> texts{fmt::to_string(object.stream), sizeText(object.bytes), object.contentType.value_or(""),
-                                               object.isComplete ? object.file : fmt::format("{} (incomplete: {})", object.file, object.remark),
-                                               object.url.value_or("")};
+        const std::array<std::string, 5> texts{
+            fmt::to_string(object.stream), sizeText(object.bytes), object.contentType.value_or(""),
+            object.isComplete ? object.file : fmt::format("{} (incomplete: {})", object.file, object.remark), object.url.value_or("")};
         std::array<std::string_view, 5> views;
         std::ranges::copy(texts, views.begin());
         table_.appendRow(text, views);
@@ -71,6 +71,8 @@ ExitStatus runObjects(const CommandContext& context)
     ObjectFolder folder(options.output, options.force ? ObjectFolder::Existing::replaced : ObjectFolder::Existing::kept);
     ObjectTable table(context.terminal);
     std::string text;
+    // Files take time and room apart from their bytes, and ten bytes of a capture can stand for one.
+    const std::int64_t mostObjects = 4'000 + session->capture().bytesOfFiles() / 2'048;
     std::int64_t objects = 0;
     saveObjects(*session, streams, folder, interruption(), [&](const SavedObject& object) {
         if (object.problem) {
@@ -85,6 +87,13 @@ ExitStatus runObjects(const CommandContext& context)
         else
             table.append(text, object);
         context.output.write(text);
+        if (objects == mostObjects) {
+            complain(fmt::format("{} bodies are saved, and a capture of this size is given no more files; if there are more, --stream N "
+                                 "saves those of one connection",
+                                 objects));
+            status = failed;
+            return false;
+        }
         return context.output.isOpen();
     });
     context.output.flush();

@@ -49,8 +49,7 @@ Opened openStreams(const ExportSource& source, DecryptorOutput output)
         return !result.problem && !source.stop.stop_requested();
     };
     const auto weight = [&](std::int64_t number) { return source.session->packets(number) * usualPayload; };
-    inOrder(
-        source.streams, weight, [&](std::int64_t number) { return decryptor.open(number); }, take);
+    inOrder(source.streams, weight, [&](std::int64_t number) { return decryptor.open(number); }, take);
     return result;
 }
 
@@ -187,10 +186,13 @@ ExportOutcome exportFormat(const ExportSource& source, const StreamExportFormat&
 {
     auto output = begun(file);
     if (!output) return failed(output.error());
-    exportStreams(*source.session, source.streams, format, *output, source.stop);
+    const bool isWhole = exportStreams(*source.session, source.streams, format, *output, source.stop);
     if (source.stop.stop_requested()) return cancelled(file);
     const std::int64_t count = std::ssize(source.streams);
-    return finished(*output, file, windowReader().sayOf(count, "{}: {} stream as {}", "{}: {} streams as {}", file, count, format.name));
+    const SentenceReader reader = windowReader();
+    std::string summary = reader.sayOf(count, "{}: {} stream as {}", "{}: {} streams as {}", file, count, format.name);
+    if (!isWhole) (summary += reader.word("; ")) += reader.say("{} incomplete", 1);
+    return finished(*output, file, std::move(summary));
 }
 
 }  // namespace sealscope::desktop

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "interpreters/HTTP/HARExporter.h"
 
+#include "harness/HTTP2Writer.h"
 #include "interpreters/HTTP/HTTP1Interpreter.h"
 #include "interpreters/HTTP/HTTP2Interpreter.h"
-#include "harness/HTTP2Writer.h"
 #include "tests/interpreters/HTTP/HTTPTranscript.h"
 
 #include <gtest/gtest.h>
@@ -11,8 +11,8 @@
 namespace sealscope {
 namespace {
 
-/// The archive of some streams.
-std::string archive(const std::vector<TCPStream>& streams)
+/// The archive of what was made of some streams.
+std::string archiveOf(const std::vector<std::pair<TCPStream, StreamInterpretation>>& streams)
 {
     std::string written;
     const StreamExporter::Write write = [&](DataView bytes) {
@@ -21,13 +21,18 @@ std::string archive(const std::vector<TCPStream>& streams)
     };
     const auto exporter = HARExporter::format.create();
     exporter->begin(write);
-    for (const TCPStream& stream : streams) {
-        const auto interpretation =
-            HTTP2Interpreter::canInterpret(stream, {}) ? HTTP2Interpreter::interpret(stream, {}) : HTTP1Interpreter::interpret(stream, {});
-        exporter->add({stream, interpretation}, write);
-    }
+    for (const auto& [stream, interpretation] : streams) exporter->add({stream, interpretation}, write);
     exporter->end(write);
     return written;
+}
+
+std::string archive(const std::vector<TCPStream>& streams)
+{
+    std::vector<std::pair<TCPStream, StreamInterpretation>> interpreted;
+    for (const TCPStream& stream : streams)
+        interpreted.emplace_back(stream, HTTP2Interpreter::canInterpret(stream, {}) ? HTTP2Interpreter::interpret(stream, {})
+                                                                                    : HTTP1Interpreter::interpret(stream, {}));
+    return archiveOf(interpreted);
 }
 
 nlohmann::json entries(const std::vector<Said>& said)
@@ -102,6 +107,11 @@ TEST(HARExporter, HasWebSocketMessagesAndManyStreams)
     ASSERT_EQ(log.at("entries").size(), 2u);
     EXPECT_EQ(log.at("entries")[0].at("_webSocketMessages"), nlohmann::json::parse(R"([
         {"type": "send", "time": 1000.003, "opcode": 1, "data": "hi"}, {"type": "receive", "time": 1000.004, "opcode": 2, "data": "AAE="}])"));
+    // Told exchange by exchange, the reply has them.
+    StreamExchange exchange;
+    HTTP1Interpreter::exchanges(socket, {})->next(exchange);
+    const StreamInterpretation exchanges{{*exchange.request, *exchange.reply}, {{{.requestIndex = 0, .replyIndex = 1}}}};
+    EXPECT_EQ(archiveOf({{socket, exchanges}}), archive({socket}));
     EXPECT_EQ(log.at("entries")[1].at("request").at("httpVersion"), "HTTP/2");
     EXPECT_EQ(nlohmann::json::parse(archive({})).at("log").at("entries").size(), 0u);
 }
