@@ -56,7 +56,7 @@ Text frame(int type, int flags, std::uint32_t stream, std::string_view payload =
     put32(put8(put8(put24(bytes, payload.size()), static_cast<std::uint64_t>(type)), static_cast<std::uint64_t>(flags)), stream);
     return textOf(put(bytes, payload));
 }
-enum { data = 0, headers = 1, priority = 2, settings = 4, ping = 6, windowUpdate = 8, continuation = 9 };
+enum { data = 0, headers = 1, priority = 2, reset = 3, settings = 4, promise = 5, ping = 6, windowUpdate = 8, continuation = 9 };
 constexpr int endStream = 1, endHeaders = 4;
 const Text preface = "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n" + frame(settings, 0, 0);
 const Text get = "\x82\x87\x84", ok = "\x88";  // of the static table: GET, https, "/"; 200
@@ -93,22 +93,13 @@ Made saveConversation(const std::filesystem::path& folder, const std::vector<std
 std::vector<Shape> conversationShapes()
 {
     std::vector<Shape> shapes;
-    const std::vector<std::vector<std::string>> oneByOne = {{"streams", "--json"},
+    const std::vector<std::vector<std::string>> commands = {{"follow"},
+                                                            {"follow", "--json"},
                                                             {"exchanges"},
                                                             {"exchanges", "--json"},
                                                             {"objects", "--force", "--output", "plain"},
-                                                            {"export", "curl", "--force", "--output", "plain.sh"},
-                                                            {"decrypt", "--force", "--output", "plain"}};
-    const std::vector<std::vector<std::string>> everything = {{"streams", "--json"},
-                                                              {"follow"},
-                                                              {"follow", "--json"},
-                                                              {"exchanges"},
-                                                              {"exchanges", "--json"},
-                                                              {"objects", "--force", "--output", "plain"},
-                                                              {"export", "har", "--force", "--output", "plain.har"},
-                                                              {"export", "curl", "--force", "--output", "plain.sh"},
-                                                              {"decrypt", "--force", "--output", "plain"}};
-    auto commands = everything;
+                                                            {"export", "har", "--force", "--output", "plain.har"},
+                                                            {"export", "curl", "--force", "--output", "plain.sh"}};
     const auto add = [&](std::string name, const std::vector<std::string>& protocol, std::function<Text()> client,
                          std::function<Text()> server) {
         shapes.push_back(
@@ -232,25 +223,22 @@ std::vector<Shape> conversationShapes()
             return inner;
         });
 
-    // Who holds the messages of a connection until all are there has too many of these.
-    commands = oneByOne;
+    // Who holds the messages of a connection, or its streams, until all are there has too many of these.
     add(
-        "BodiesThatUnpack", {}, [=] { return times(request, 20'000); },
-        [] { return times(reply("Content-Encoding: zstd\r\n", zstdOfRuns(30)), 20'000); });
-    addReply("RepliesWithoutRequests", [] { return times(reply("", ""), 200'000); });
-    add(
-        "RequestsWithoutReplies", {}, [] { return times("GET / HTTP/1.1\r\n\r\n", 300'000); }, says(""));
-    add(
-        "RequestsAndReplies", {}, [] { return times("GET / HTTP/1.1\r\n\r\n", 100'000); }, [] { return times(reply("", ""), 100'000); });
-    addReply("RepliesBeforeTheReply", [] { return times("HTTP/1.1 100 \r\n\r\n", 300'000); });
+        "BodiesThatUnpack", {}, [=] { return times(request, 8'000); },
+        [] { return times(reply("Content-Encoding: zstd\r\n", zstdOfRuns(30)), 8'000); });
+    addReply("RepliesWithoutRequests", [] { return times(reply("", ""), 80'000); });
+    add("RequestsWithoutReplies", {}, [] { return times("GET / HTTP/1.1\r\n\r\n", 120'000); }, says(""));
+    add("RequestsAndReplies", {}, [] { return times("GET / HTTP/1.1\r\n\r\n", 100'000); }, [] { return times(reply("", ""), 100'000); });
+    addReply("RepliesBeforeTheReply", [] { return times("HTTP/1.1 100 \r\n\r\n", 150'000); });
     addReply("HeadsOfFields", [] { return times("HTTP/1.1 200 OK\r\n" + times("a:b\r\n", 4'000) + "Content-Length: 0\r\n\r\n", 100); });
-    addReply("EventsOfOneByte", [] { return reply("Content-Type: text/event-stream\r\n", times("data:x\n\n", 600'000)); });
-    addReply("MessagesWithoutBytes", [] { return reply("Content-Type: application/grpc\r\n", Text(4'000'000, '\0')); });
+    addReply("EventsOfOneByte", [] { return reply("Content-Type: text/event-stream\r\n", times("data:x\n\n", 250'000)); });
+    addReply("MessagesWithoutBytes", [] { return reply("Content-Type: application/grpc\r\n", Text(1'500'000, '\0')); });
     add(
         "ObjectsOfOneName", {}, [] { return times("GET /../../a.html HTTP/1.1\r\nHost: a\r\n\r\n", 1'000); },
         [] { return times(reply("", "x"), 1'000); });
-    addSocket("SocketMessagesWithoutBytes", [] { return times(std::string_view("\x81\x00", 2), 500'000); });
-    addSocket("SocketPings", [] { return times(std::string_view("\x89\x00", 2), 500'000); });
+    addSocket("SocketMessagesWithoutBytes", [] { return times(std::string_view("\x81\x00", 2), 250'000); });
+    addSocket("SocketPings", [] { return times(std::string_view("\x89\x00", 2), 250'000); });
     addFrames("HeadersOfOneLongField", [=] {
         Text said = requestOn(1, newField("a", Text(3'900, 'v')));
         for (std::uint32_t stream = 3; stream < 400; stream += 2) said += requestOn(stream, Text(16'000, '\xBE'));
@@ -269,6 +257,43 @@ std::vector<Shape> conversationShapes()
             return said;
         },
         [] { return frame(settings, 0, 0, std::string_view("\0\x01\x7F\xFF\xFF\xFF", 6)); });
+    add(
+        "EventsThatUnpack", {}, [=] { return times(request, 50); },
+        [] {
+            const Text event = "data:" + Text(1 << 20, 'a') + "\n\n";
+            return times(reply("Content-Type: text/event-stream\r\nContent-Encoding: gzip\r\n", deflated(event, 15, gzipFormat)), 50);
+        });
+    add(
+        "RequestsInATunnel", {}, [] { return "CONNECT a:1 HTTP/1.1\r\n\r\n" + times("GET / HTTP/1.1\r\n\r\n", 100'000); },
+        [] { return "HTTP/1.1 200 OK\r\n\r\n" + times(reply("", ""), 100'000); });
+    const auto ofStreams = [](int count, const std::function<Text(std::uint32_t)>& framesOf) {
+        return [=] {
+            Text said;
+            for (std::uint32_t i = 0; i < static_cast<std::uint32_t>(count); ++i) said += framesOf(2 * i + 1);
+            return said;
+        };
+    };
+    const auto openOn = [=](std::uint32_t stream) { return frame(headers, endHeaders, stream, get); };
+    addFrames("StreamsBeyondNumber", ofStreams(200'000, openOn));
+    addFrames("StreamsThatAreReset", ofStreams(80'000, [=](std::uint32_t stream) {
+                  return openOn(stream) + frame(reset, 0, stream, std::string_view("\0\0\0\x08", 4));
+              }));
+    addFrames("StreamsWithReplies", ofStreams(80'000, [=](std::uint32_t stream) { return requestOn(stream); }),
+              ofStreams(80'000, [](std::uint32_t stream) { return frame(headers, endStream | endHeaders, stream, ok); }));
+    addFrames("DataOfNoStream", ofStreams(120'000, [](std::uint32_t stream) { return frame(data, 0, stream, "x"); }));
+    addFrames(
+        "SocketInAStream",
+        [=] {
+            // RFC 8441.
+            return frame(headers, endHeaders, 1, newField(":method", "CONNECT") + newField(":protocol", "websocket") + "\x87\x84") +
+                   times(frame(data, 0, 1, std::string_view("\x81\x80\0\0\0\0", 6)), 80'000);
+        },
+        [] { return frame(headers, endHeaders, 1, ok) + times(frame(data, 0, 1, std::string_view("\x81\x00", 2)), 80'000); });
+    addFrames(
+        "Promises", [=] { return requestOn(1); }, ofStreams(80'000, [](std::uint32_t stream) {
+            Bytes promised;
+            return frame(promise, endHeaders, 1, textOf(put32(promised, stream + 1)) + get);
+        }));
     return shapes;
 }
 
