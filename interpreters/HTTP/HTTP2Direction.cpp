@@ -204,7 +204,7 @@ void HTTP2Direction::resynchronize(std::int64_t from)
         const auto lost = reader_.u8(offset) == 0 ? lost_.firstIn({offset, offset + 1}) : std::nullopt;
         offset = lost ? std::max(offset + data_.stretch(offset).size(), offset + 1) : offset + 1;
     }
-    if (shownGaps_ < mostGaps) {
+    if (shownGaps_ < mostGaps && offset > offset_) {
         gaps_.push_back({offset_, offset});
         ++shownGaps_;
     }

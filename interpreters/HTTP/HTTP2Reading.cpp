@@ -106,8 +106,10 @@ void HTTP2Reading::tell()
 
 void HTTP2Reading::readAll(const HTTP2Tunnels& tunnels)
 {
+    // Nobody answers what a client promises, which it may not (RFC 9113 §8.4).
     for (HTTP2Half& half : asking_.halves())
-        if (half.hasRequest() && !tunnels.contains(half.stream)) readExchange(half, answering_.half(half.stream));
+        if (half.hasRequest() && !tunnels.contains(half.stream))
+            readExchange(half, half.promisedOn ? nullptr : answering_.half(half.stream));
     // A promise may come behind what it promises, whose reply it is all the same.
     for (HTTP2Half& half : answering_.halves())
         if (half.promisedOn) readExchange(half, answering_.half(half.stream & 0x7FFF'FFFF));
@@ -214,8 +216,7 @@ bool HTTP2Reading::isOver(const HTTP2Half& asked, const HTTP2Half* answer) const
 void HTTP2Reading::addOldest(absl::flat_hash_set<std::uint32_t>& finished, std::size_t bytes)
 {
     std::size_t freed = 0;
-    const auto addExchange = [&](HTTP2Half& half) {
-        HTTP2Half* const answer = answering_.half(half.stream & 0x7FFF'FFFF);
+    const auto addExchange = [&](HTTP2Half& half, HTTP2Half* answer) {
         freed += HTTP2Direction::heldBy(half) + (answer ? HTTP2Direction::heldBy(*answer) : 0);
         if (half.hasRequest())
             readExchange(half, answer);
@@ -225,11 +226,12 @@ void HTTP2Reading::addOldest(absl::flat_hash_set<std::uint32_t>& finished, std::
         finished.insert(half.stream & 0x7FFF'FFFF);
     };
     for (HTTP2Half& half : asking_.halves())
-        if (freed < bytes && !asking_.isInHeaders(half.stream) && !answering_.isInHeaders(half.stream)) addExchange(half);
+        if (freed < bytes && !asking_.isInHeaders(half.stream) && !answering_.isInHeaders(half.stream))
+            addExchange(half, half.promisedOn ? nullptr : answering_.half(half.stream));
     for (HTTP2Half& half : answering_.halves()) {
         if (freed >= bytes || answering_.isInHeaders(half.stream)) continue;
         if (half.promisedOn) {
-            addExchange(half);
+            addExchange(half, answering_.half(half.stream & 0x7FFF'FFFF));
         } else if (!finished.contains(half.stream) && !asking_.half(half.stream)) {
             freed += HTTP2Direction::heldBy(half);
             readReply(half, nullptr, 0, nullptr);

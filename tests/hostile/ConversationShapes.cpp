@@ -225,11 +225,11 @@ std::vector<Shape> conversationShapes()
 
     // Who holds the messages of a connection, or its streams, until all are there has too many of these.
     add(
-        "BodiesThatUnpack", {}, [=] { return times(request, 8'000); },
-        [] { return times(reply("Content-Encoding: zstd\r\n", zstdOfRuns(30)), 8'000); });
+        "BodiesThatUnpack", {}, [=] { return times(request, 4'000); },
+        [] { return times(reply("Content-Encoding: zstd\r\n", zstdOfRuns(30)), 4'000); });
     addReply("RepliesWithoutRequests", [] { return times(reply("", ""), 80'000); });
-    add("RequestsWithoutReplies", {}, [] { return times("GET / HTTP/1.1\r\n\r\n", 120'000); }, says(""));
-    add("RequestsAndReplies", {}, [] { return times("GET / HTTP/1.1\r\n\r\n", 100'000); }, [] { return times(reply("", ""), 100'000); });
+    add("RequestsWithoutReplies", {}, [] { return times("GET / HTTP/1.1\r\n\r\n", 80'000); }, says(""));
+    add("RequestsAndReplies", {}, [] { return times("GET / HTTP/1.1\r\n\r\n", 50'000); }, [] { return times(reply("", ""), 50'000); });
     addReply("RepliesBeforeTheReply", [] { return times("HTTP/1.1 100 \r\n\r\n", 150'000); });
     addReply("HeadsOfFields", [] { return times("HTTP/1.1 200 OK\r\n" + times("a:b\r\n", 4'000) + "Content-Length: 0\r\n\r\n", 100); });
     addReply("EventsOfOneByte", [] { return reply("Content-Type: text/event-stream\r\n", times("data:x\n\n", 250'000)); });
@@ -241,7 +241,7 @@ std::vector<Shape> conversationShapes()
     addSocket("SocketPings", [] { return times(std::string_view("\x89\x00", 2), 250'000); });
     addFrames("HeadersOfOneLongField", [=] {
         Text said = requestOn(1, newField("a", Text(3'900, 'v')));
-        for (std::uint32_t stream = 3; stream < 400; stream += 2) said += requestOn(stream, Text(16'000, '\xBE'));
+        for (std::uint32_t stream = 3; stream < 200; stream += 2) said += requestOn(stream, Text(16'000, '\xBE'));
         return said;
     });
     addFrames("HeadersOfOneShortField", [=] {
@@ -264,8 +264,8 @@ std::vector<Shape> conversationShapes()
             return times(reply("Content-Type: text/event-stream\r\nContent-Encoding: gzip\r\n", deflated(event, 15, gzipFormat)), 50);
         });
     add(
-        "RequestsInATunnel", {}, [] { return "CONNECT a:1 HTTP/1.1\r\n\r\n" + times("GET / HTTP/1.1\r\n\r\n", 100'000); },
-        [] { return "HTTP/1.1 200 OK\r\n\r\n" + times(reply("", ""), 100'000); });
+        "RequestsInATunnel", {}, [] { return "CONNECT a:1 HTTP/1.1\r\n\r\n" + times("GET / HTTP/1.1\r\n\r\n", 40'000); },
+        [] { return "HTTP/1.1 200 OK\r\n\r\n" + times(reply("", ""), 40'000); });
     const auto ofStreams = [](int count, const std::function<Text(std::uint32_t)>& framesOf) {
         return [=] {
             Text said;
@@ -274,13 +274,13 @@ std::vector<Shape> conversationShapes()
         };
     };
     const auto openOn = [=](std::uint32_t stream) { return frame(headers, endHeaders, stream, get); };
-    addFrames("StreamsBeyondNumber", ofStreams(200'000, openOn));
-    addFrames("StreamsThatAreReset", ofStreams(80'000, [=](std::uint32_t stream) {
+    addFrames("StreamsBeyondNumber", ofStreams(100'000, openOn));
+    addFrames("StreamsThatAreReset", ofStreams(50'000, [=](std::uint32_t stream) {
                   return openOn(stream) + frame(reset, 0, stream, std::string_view("\0\0\0\x08", 4));
               }));
-    addFrames("StreamsWithReplies", ofStreams(80'000, [=](std::uint32_t stream) { return requestOn(stream); }),
-              ofStreams(80'000, [](std::uint32_t stream) { return frame(headers, endStream | endHeaders, stream, ok); }));
-    addFrames("DataOfNoStream", ofStreams(120'000, [](std::uint32_t stream) { return frame(data, 0, stream, "x"); }));
+    addFrames("StreamsWithReplies", ofStreams(50'000, [=](std::uint32_t stream) { return requestOn(stream); }),
+              ofStreams(50'000, [](std::uint32_t stream) { return frame(headers, endStream | endHeaders, stream, ok); }));
+    addFrames("DataOfNoStream", ofStreams(60'000, [](std::uint32_t stream) { return frame(data, 0, stream, "x"); }));
     addFrames(
         "SocketInAStream",
         [=] {
@@ -290,7 +290,7 @@ std::vector<Shape> conversationShapes()
         },
         [] { return frame(headers, endHeaders, 1, ok) + times(frame(data, 0, 1, std::string_view("\x81\x00", 2)), 80'000); });
     addFrames(
-        "Promises", [=] { return requestOn(1); }, ofStreams(80'000, [](std::uint32_t stream) {
+        "Promises", [=] { return requestOn(1); }, ofStreams(50'000, [](std::uint32_t stream) {
             Bytes promised;
             return frame(promise, endHeaders, 1, textOf(put32(promised, stream + 1)) + get);
         }));

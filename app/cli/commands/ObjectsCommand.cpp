@@ -72,7 +72,7 @@ ExitStatus runObjects(const CommandContext& context)
     ObjectTable table(context.terminal);
     std::string text;
     // Files take time and room apart from their bytes, and ten bytes of a capture can stand for one.
-    const std::int64_t mostObjects = 4'000 + session->capture().bytesOfFiles() / 2'048;
+    const std::int64_t mostObjects = 1'500 + session->capture().bytesOfFiles() / 2'048;
     std::int64_t objects = 0;
     saveObjects(*session, streams, folder, interruption(), [&](const SavedObject& object) {
         if (object.problem) {

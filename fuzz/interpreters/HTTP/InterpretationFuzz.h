@@ -12,6 +12,9 @@
 #include <algorithm>
 #include <cstdint>
 #include <iterator>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace sealscope {
 
@@ -102,28 +105,38 @@ void requireTellsParts(const StreamInterpretation& whole, const TCPStream& strea
     }
 }
 
+/// What an exchange says, behind its time.
+inline std::pair<double, std::string> told(const StreamExchange& exchange)
+{
+    std::string text;
+    for (const auto* const message : {&exchange.request, &exchange.reply}) {
+        text += *message ? "message" : "nothing";
+        if (!*message) continue;
+        for (const DetailRow& row : (*message)->detail) (text += row.name + ':') += row.value + '\n';
+    }
+    return {exchange.time(), std::move(text)};
+}
+
 /// Exchanges that are told one by one are those of the pairings, in the order of their times.
 template <class Interpreter>
 void requireTellsExchanges(const StreamInterpretation& interpretation, const TCPStream& stream, const StreamContext& context)
 {
+    std::vector<std::pair<double, std::string>> expected, found;
+    for (const StreamExchange& exchange : exchangesOf(interpretation)) expected.push_back(told(exchange));
     const auto reader = Interpreter::exchanges(stream, context);
-    for (const StreamExchange& expected : exchangesOf(interpretation)) {
-        const auto time = reader->nextTime();
-        require(time.has_value(), "as many exchanges as pairings");
-        StreamExchange exchange;
+    StreamExchange exchange;
+    while (const auto time = reader->nextTime()) {
         reader->next(exchange);
-        require(exchange.time() == *time, "an exchange has the time that was told");
-        for (const auto message : {&StreamExchange::request, &StreamExchange::reply}) {
-            require((exchange.*message).has_value() == (expected.*message).has_value(), "a message where there is one");
-            if (exchange.*message) require((exchange.*message)->detail == (expected.*message)->detail, "it is the same");
-        }
+        found.push_back(told(exchange));
+        require(found.back().first == *time, "an exchange has the time that was told");
     }
-    require(!reader->nextTime(), "no more exchanges than pairings");
+    // Those of one time may stand in any order.
+    for (auto* const list : {&expected, &found}) std::ranges::stable_sort(*list);
+    require(found == expected, "exchanges are those of the whole");
 
     StreamContext bounded = context;
     bounded.mostHeld = 1 << 14;
     const auto few = Interpreter::exchanges(stream, bounded);
-    StreamExchange exchange;
     while (const auto time = few->nextTime()) {
         few->next(exchange);
         require(exchange.time() == *time, "an exchange has the time that was told");
