@@ -227,18 +227,18 @@ std::vector<Shape> conversationShapes()
     add(
         "BodiesThatUnpack", {}, [=] { return times(request, 4'000); },
         [] { return times(reply("Content-Encoding: zstd\r\n", zstdOfRuns(30)), 4'000); });
-    addReply("RepliesWithoutRequests", [] { return times(reply("", ""), 80'000); });
-    add("RequestsWithoutReplies", {}, [] { return times("GET / HTTP/1.1\r\n\r\n", 80'000); }, says(""));
+    addReply("RepliesWithoutRequests", [] { return times(reply("", ""), 60'000); });
+    add("RequestsWithoutReplies", {}, [] { return times("GET / HTTP/1.1\r\n\r\n", 60'000); }, says(""));
     add("RequestsAndReplies", {}, [] { return times("GET / HTTP/1.1\r\n\r\n", 50'000); }, [] { return times(reply("", ""), 50'000); });
-    addReply("RepliesBeforeTheReply", [] { return times("HTTP/1.1 100 \r\n\r\n", 150'000); });
+    addReply("RepliesBeforeTheReply", [] { return times("HTTP/1.1 100 \r\n\r\n", 100'000); });
     addReply("HeadsOfFields", [] { return times("HTTP/1.1 200 OK\r\n" + times("a:b\r\n", 4'000) + "Content-Length: 0\r\n\r\n", 100); });
-    addReply("EventsOfOneByte", [] { return reply("Content-Type: text/event-stream\r\n", times("data:x\n\n", 250'000)); });
+    addReply("EventsOfOneByte", [] { return reply("Content-Type: text/event-stream\r\n", times("data:x\n\n", 150'000)); });
     addReply("MessagesWithoutBytes", [] { return reply("Content-Type: application/grpc\r\n", Text(1'500'000, '\0')); });
     add(
         "ObjectsOfOneName", {}, [] { return times("GET /../../a.html HTTP/1.1\r\nHost: a\r\n\r\n", 1'000); },
         [] { return times(reply("", "x"), 1'000); });
-    addSocket("SocketMessagesWithoutBytes", [] { return times(std::string_view("\x81\x00", 2), 250'000); });
-    addSocket("SocketPings", [] { return times(std::string_view("\x89\x00", 2), 250'000); });
+    addSocket("SocketMessagesWithoutBytes", [] { return times(std::string_view("\x81\x00", 2), 150'000); });
+    addSocket("SocketPings", [] { return times(std::string_view("\x89\x00", 2), 150'000); });
     addFrames("HeadersOfOneLongField", [=] {
         Text said = requestOn(1, newField("a", Text(3'900, 'v')));
         for (std::uint32_t stream = 3; stream < 200; stream += 2) said += requestOn(stream, Text(16'000, '\xBE'));
@@ -274,7 +274,7 @@ std::vector<Shape> conversationShapes()
         };
     };
     const auto openOn = [=](std::uint32_t stream) { return frame(headers, endHeaders, stream, get); };
-    addFrames("StreamsBeyondNumber", ofStreams(100'000, openOn));
+    addFrames("StreamsBeyondNumber", ofStreams(70'000, openOn));
     addFrames("StreamsThatAreReset", ofStreams(50'000, [=](std::uint32_t stream) {
                   return openOn(stream) + frame(reset, 0, stream, std::string_view("\0\0\0\x08", 4));
               }));
