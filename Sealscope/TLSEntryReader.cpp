@@ -88,12 +88,12 @@ bool TLSHandshakeRun::takeHeader()
 {
     constexpr std::int64_t headerLength = TLSHandshakeMessage::headerLength;
     if (headerLength_ == 0) {
-        if (at_ < end_ && reader_.u8(at_) == 0) at_ += detail::countInHole(reader_, at_, headerLength, end_) * headerLength;
+        isHeaderLost_ = at_ < end_ && reader_.u8(at_) == 0 && data_.hole(at_);
+        if (isHeaderLost_) at_ += detail::countInHole(reader_, at_, headerLength, end_) * headerLength;
         if (at_ == end_) return false;
         fragments_.clear();
         fragments_.push_back({.concatStart = 0, .streamStart = at_, .length = end_ - at_});
         concatEnd_ = end_ - at_;
-        isHeaderLost_ = true;
     }
     while (headerLength_ < headerLength) {
         if (at_ == end_) return false;

@@ -6,6 +6,7 @@
 #include "host/VELModels/StreamData.h"
 
 #include <array>
+#include <compare>
 #include <cstdint>
 #include <optional>
 #include <utility>
@@ -81,6 +82,7 @@ public:
     struct Place {
         std::int64_t record = 0;  ///< offset of the header of the record where to go on
         std::int64_t inBody = 0;  ///< of a handshake record, bytes of its body that earlier items took
+        auto operator<=>(const Place&) const = default;
     };
 
     TLSEntryReader(TCPSegment::Direction direction, const TCPStream& stream) : TLSEntryReader(direction, stream, Place()) {}

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Sealscope/TLSMessageMerge.h"
 
+#include "Sealscope/TLSNames.h"
+
 #include <algorithm>
 #include <tuple>
+#include <utility>
 
 namespace sealscope {
 
@@ -16,13 +19,18 @@ TLSEntryMerge::TLSEntryMerge(const TCPStream& stream) : stream_(stream)
     std::ranges::make_heap(heads_, [this](Head a, Head b) { return isLater(a, b); });
 }
 
-void TLSEntryMerge::findRuns(Side& side) const
+void TLSEntryMerge::findRuns(Side& side)
 {
     double latest = 0;
     TLSEntryReader::Place before;
     for (TLSEntryReader reader(side.direction, stream_); reader.next(); before = reader.place()) {
         if (side.runs.empty() || reader.timestamp() < latest) side.runs.push_back({before, reader.timestamp()});
         latest = reader.timestamp();
+        const auto type = reader.handshakeType();
+        if (type != std::to_underlying(TLSHandshakeType::clientHello) && type != std::to_underlying(TLSHandshakeType::serverHello))
+            continue;
+        std::optional<Item>& first = type == std::to_underlying(TLSHandshakeType::clientHello) ? clientHello_ : serverHello_;
+        if (const Item item = itemAt(reader); !first || item < *first) first = item;
     }
 }
 

@@ -5,6 +5,7 @@
 #include "host/VELModels/TCPStream.h"
 
 #include <array>
+#include <compare>
 #include <cstdint>
 #include <optional>
 #include <vector>
@@ -19,6 +20,18 @@ public:
     TLSEntryMerge(const TLSEntryMerge&) = delete;
     TLSEntryMerge& operator=(const TLSEntryMerge&) = delete;
 
+    /// An item, by what orders them.
+    struct Item {
+        double timestamp = 0;
+        TCPSegment::Direction direction = TCPSegment::Direction::clientToServer;
+        TLSEntryReader::Place behind;
+        auto operator<=>(const Item&) const = default;
+    };
+    static Item itemAt(const TLSEntryReader& reader) { return {reader.timestamp(), reader.direction(), reader.place()}; }
+
+    /// The first Client Hello and the first Server Hello.
+    const std::optional<Item>& clientHello() const { return clientHello_; }
+    const std::optional<Item>& serverHello() const { return serverHello_; }
     /// Moves on to the next item; null at the end. The reader stands on the item.
     TLSEntryReader* next();
 
@@ -26,7 +39,7 @@ private:
     /// Items of one direction in a row whose times do not step back.
     struct Run {
         TLSEntryReader::Place place;  ///< before the first item that was not given out
-        double timestamp = 0;       ///< of that item
+        double timestamp = 0;         ///< of that item
     };
     struct Side {
         TCPSegment::Direction direction = TCPSegment::Direction::clientToServer;
@@ -39,7 +52,7 @@ private:
         std::uint32_t run = 0;
     };
 
-    void findRuns(Side& side) const;
+    void findRuns(Side& side);
     bool isLater(Head a, Head b) const;
     /// Moves a run behind the item at which its reader stands; false when it has no further one.
     bool passItem(Head head);
@@ -47,7 +60,8 @@ private:
     const TCPStream& stream_;
     std::array<Side, 2> sides_;
     std::vector<Head> heads_;  ///< of the runs that have items left, as a heap
-    bool isOnItem_ = false;    ///< the first of them was given out
+    std::optional<Item> clientHello_, serverHello_;
+    bool isOnItem_ = false;  ///< the first of them was given out
 };
 
 }  // namespace sealscope

@@ -139,23 +139,12 @@ std::optional<std::vector<Entry>> fewEntries(const TCPStream& stream)
     return entries;
 }
 
-/// Finds the first Client Hello and the first Server Hello among the items of a stream, by their positions among them.
+/// Pairs the first Client Hello with the first Server Hello of a stream.
 class HelloPairing {
 public:
-    explicit HelloPairing(const TCPStream& stream)
-    {
-        TLSEntryMerge merge(stream);
-        for (std::int64_t position = 0; TLSEntryReader* const reader = merge.next(); ++position) {
-            const auto isFirst = [&](TLSHandshakeType type, const std::optional<std::int64_t>& found) {
-                return !found && reader->handshakeType() == std::to_underlying(type);
-            };
-            if (isFirst(TLSHandshakeType::clientHello, request_)) request_ = position;
-            if (isFirst(TLSHandshakeType::serverHello, reply_)) reply_ = position;
-            if (request_ && reply_) return;
-        }
-    }
-    /// To be told of each item that is shown: where it stands among those, and among all messages.
-    void take(std::int64_t item, std::int64_t position, const StreamMessage& message)
+    explicit HelloPairing(const TLSEntryMerge& merge) : request_(merge.clientHello()), reply_(merge.serverHello()) {}
+    /// To be told of each item that is shown, and where it stands among all messages.
+    void take(const TLSEntryMerge::Item& item, std::int64_t position, const StreamMessage& message)
     {
         if (item == request_) {
             pairing_.requestIndex = position;
@@ -165,13 +154,13 @@ public:
             pairing_.replyIndex = position;
             pairing_.status = PairingStatus::matched;
         }
-        isDue_ = request_ && (item == request_ || item == reply_) && item == std::max(*request_, reply_.value_or(0));
+        isDue_ = request_ && item == std::max(*request_, reply_.value_or(*request_));
     }
     /// The pairing, behind the later of its messages.
     std::optional<Pairing> takePairing() { return std::exchange(isDue_, false) ? std::optional(pairing_) : std::nullopt; }
 
 private:
-    std::optional<std::int64_t> request_, reply_;
+    std::optional<TLSEntryMerge::Item> request_, reply_;
     Pairing pairing_;
     bool isDue_ = false;
 };
@@ -179,7 +168,7 @@ private:
 /// Puts what `interpretationOf` makes of a stream together part by part, as decrypted messages come.
 class PartMerge {
 public:
-    PartMerge(const TCPStream& stream, const StreamPartVisitor& visit) : hellos_(stream), merge_(stream), visit_(visit)
+    PartMerge(const TCPStream& stream, const StreamPartVisitor& visit) : merge_(stream), hellos_(merge_), visit_(visit)
     {
         reader_ = merge_.next();
     }
@@ -246,8 +235,8 @@ private:
     bool takeCaptured(std::optional<std::pair<double, Direction>> upTo)
     {
         for (; reader_ && (!upTo || std::pair(reader_->timestamp(), reader_->direction()) <= *upTo); reader_ = merge_.next()) {
-            const std::int64_t item = item_++;
             if (isDecrypted_ && reader_->isApplicationData()) continue;
+            const auto item = TLSEntryMerge::itemAt(*reader_);
             Entry entry = reader_->entry();
             hellos_.take(item, next_, entry.message);
             add(std::move(entry.message));
@@ -277,11 +266,10 @@ private:
         return isWanted_ = visit_(part);
     }
 
-    HelloPairing hellos_;
     TLSEntryMerge merge_;
+    HelloPairing hellos_;
     const StreamPartVisitor& visit_;
     TLSEntryReader* reader_ = nullptr;    ///< stands on the next captured message
-    std::int64_t item_ = 0;               ///< captured messages so far
     std::int64_t next_ = 0;               ///< messages so far
     std::deque<std::int64_t> positions_;  ///< of the latest decrypted messages, in the whole
     std::int64_t firstKnown_ = 0;         ///< the first of those, among the decrypted
@@ -330,6 +318,11 @@ TLSStreamParser::LocatedSpan TLSStreamParser::locateSpan(ByteRange concatRange, 
         if (overlap.isEmpty()) continue;
         const std::int64_t toStream = fragment.streamStart - fragment.concatStart;
         const ByteRange piece{overlap.lower + toStream, overlap.upper + toStream};
+        // Most messages lie in one record.
+        if (fragments.size() == 1) {
+            ByteLocation location = stream.locate(piece, direction);
+            return {piece, std::move(location.packetIds), location.timestamp};
+        }
         const ByteRange before = span.streamRange.value_or(piece);
         span.streamRange = ByteRange{std::min(before.lower, piece.lower), std::max(before.upper, piece.upper)};
 
