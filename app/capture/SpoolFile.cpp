@@ -139,6 +139,18 @@ DataView SpoolFile::bytes(std::int64_t offset, std::int64_t count) const
     return view;
 }
 
+bool SpoolFile::read(std::int64_t offset, std::span<std::uint8_t> bytes) const
+{
+    for (std::size_t done = 0; done < bytes.size();) {
+        const ssize_t count = pread(descriptor_.number(), bytes.data() + done, bytes.size() - done, offset + static_cast<off_t>(done));
+        if (count > 0)
+            done += static_cast<std::size_t>(count);
+        else if (count == 0 || errno != EINTR)
+            return false;
+    }
+    return true;
+}
+
 void SpoolFile::release(std::int64_t offset, std::int64_t count) const
 {
     const std::int64_t pageSize = sysconf(_SC_PAGESIZE);

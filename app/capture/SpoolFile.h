@@ -58,6 +58,8 @@ public:
     /// `count` committed bytes at an offset, cut to what is there. Now and then the whole file leaves this process's memory, so
     /// that who looks at all of it piece by piece needs little.
     DataView bytes(std::int64_t offset, std::int64_t count) const;
+    /// Copies committed bytes from an offset on, without a page of the file in this process. False where they cannot be read.
+    bool read(std::int64_t offset, std::span<std::uint8_t> bytes) const;
     /// Takes whole pages of the range out of this process; they stay in the file and come back when touched.
     void release(std::int64_t offset, std::int64_t count) const;
 

@@ -32,6 +32,7 @@ enum class Option : std::uint8_t {
     noInterpreters,
     bodies,
     largestBody,
+    mostMessages,
     reach,
     output,
     pcap,
@@ -98,6 +99,7 @@ struct Options {
     bool noInterpreters = false;
     bool bodies = false;
     std::optional<std::int64_t> largestBody;  ///< bytes
+    std::optional<std::int64_t> mostMessages;
     DecryptionReach reach = DecryptionReach::full;
     std::string output;
     std::string pcap;

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <fmt/format.h>
 #include <numeric>
+#include <string_view>
 
 namespace sealscope::cli {
 
@@ -43,6 +44,20 @@ void allowDecoding(DecodingAllowance* allowance, std::int64_t capturedBytes)
     // Of a large capture fewer: what is written of them is to stay below sixteen times its size.
     constexpr std::int64_t perByte = 32, perByteOfMany = 4, ofMany = std::int64_t{160} << 20;
     if (allowance) allowance->add(std::min(perByte * capturedBytes, ofMany + perByteOfMany * capturedBytes));
+}
+
+std::int64_t mostMessages(const Options& options, const Session& session)
+{
+    constexpr std::int64_t ofEveryCapture = 200'000, bytesForOneMore = 64;
+    return options.mostMessages.value_or(ofEveryCapture + session.capture().bytesOfFiles() / bytesForOneMore);
+}
+
+ExitStatus complainAboutMessages(std::int64_t most)
+{
+    constexpr std::string_view sentence = "the output ends early: the capture has more than {} messages; --most-messages N sets another "
+                                          "number, --stream I picks a connection";
+    complain(fmt::format(sentence, most));
+    return failed;
 }
 
 std::unique_ptr<Session> openSession(const CommandContext& context, ExitStatus& status)

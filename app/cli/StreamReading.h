@@ -15,6 +15,11 @@ std::shared_ptr<DecodingAllowance> decodingAllowance(const Options& options);
 /// For so many bytes of the capture.
 void allowDecoding(DecodingAllowance* allowance, std::int64_t capturedBytes);
 
+/// How many messages of the capture are told: some bytes of it can stand for one, and to tell it takes microseconds.
+std::int64_t mostMessages(const Options& options, const Session& session);
+/// Says that there are more.
+ExitStatus complainAboutMessages(std::int64_t most);
+
 /// Opens the files of the command line as one session, with the secrets that it names and those inside the capture in
 /// place; says why not when it fails, and sets `status`.
 std::unique_ptr<Session> openSession(const CommandContext& context, ExitStatus& status);

@@ -6,6 +6,7 @@
 #include "platform/OutputFile.h"
 
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <stop_token>
 #include <string>
@@ -13,11 +14,18 @@
 
 namespace sealscope {
 
+/// Why an export ends.
+enum class ExportEnding : std::uint8_t {
+    complete,         ///< or stopped
+    tooManyBytes,     ///< were made of the capture: 448 MiB and six times its size is what a disk may be asked for
+    tooManyMessages,  ///< than were allowed
+};
+
 /// Hands the interpretations of some streams to a format of a plug-in, one by one in the order given, and writes what it makes of
-/// them. Ends early, with a whole file, when it shall stop; how writing went the file tells. False when it ended early since a format of
-/// many words made more of the capture than a disk may be asked for: 448 MiB and six times its size.
-bool exportStreams(const Session& session, const std::vector<std::int64_t>& streams, const StreamExportFormat& format, OutputFile& file,
-                   const std::stop_token& stop);
+/// them. Ends early, with a whole file, when it shall stop; how writing went the file tells.
+ExportEnding exportStreams(const Session& session, const std::vector<std::int64_t>& streams, const StreamExportFormat& format,
+                           OutputFile& file, const std::stop_token& stop,
+                           std::int64_t mostMessages = std::numeric_limits<std::int64_t>::max());
 
 /// What a format makes of one stream alone, or of some of its messages, as text; nothing when it is longer than a clipboard should hold.
 /// Empty when the format finds nothing in it that it writes about.

@@ -133,8 +133,8 @@ std::optional<SavedObject> ObjectFolder::save(std::int64_t stream, const StreamM
     return saved;
 }
 
-void saveObjects(const Session& session, const std::vector<std::int64_t>& streams, ObjectFolder& folder, const std::stop_token& stop,
-                 const std::function<bool(const SavedObject&)>& told)
+bool saveObjects(const Session& session, const std::vector<std::int64_t>& streams, ObjectFolder& folder, const std::stop_token& stop,
+                 const std::function<bool(const SavedObject&)>& told, std::int64_t mostMessages)
 {
     // Of a stream with more exchanges, those behind are made when their turn comes.
     constexpr std::size_t madeAtOnce = 64, bytesAtOnce = 1 << 18;
@@ -151,7 +151,10 @@ void saveObjects(const Session& session, const std::vector<std::int64_t>& stream
         }
         return found;
     };
+    bool isWhole = true;
     const auto saveOf = [&](std::int64_t number, const Exchange& exchange) {
+        if (mostMessages <= 0) return isWhole = false;
+        mostMessages -= 2;
         for (const std::optional<StreamMessage>* const message : {&exchange.request, &exchange.reply}) {
             if (!*message) continue;
             auto url = textAttribute(exchange.request ? *exchange.request : **message, "url");
@@ -170,8 +173,9 @@ void saveObjects(const Session& session, const std::vector<std::int64_t>& stream
         }
         return !stop.stop_requested();
     };
-    const auto weight = [&](std::int64_t number) { return session.packets(number) * usualPayload; };
+    const auto weight = [&](std::int64_t number) { return session.weight(number); };
     inOrder(streams, weight, read, save);
+    return isWhole;
 }
 
 }  // namespace sealscope

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <optional>
 #include <stop_token>
 #include <string>
@@ -57,8 +58,8 @@ private:
 };
 
 /// Saves the bodies of the requests and replies on some streams, stream by stream in the order given. `told` hears of each, and
-/// ends it by giving false.
-void saveObjects(const Session& session, const std::vector<std::int64_t>& streams, ObjectFolder& folder, const std::stop_token& stop,
-                 const std::function<bool(const SavedObject&)>& told);
+/// ends it by giving false. False when there are more of these than `mostMessages`.
+bool saveObjects(const Session& session, const std::vector<std::int64_t>& streams, ObjectFolder& folder, const std::stop_token& stop,
+                 const std::function<bool(const SavedObject&)>& told, std::int64_t mostMessages = std::numeric_limits<std::int64_t>::max());
 
 }  // namespace sealscope

@@ -18,6 +18,31 @@ std::optional<StreamInterpretation> applicationInterpretation(const Session& ses
     return interpreter->interpret(stream, plugIns.context());
 }
 
+bool tellApplication(const Session& session, const TCPStream& stream, const StreamPartVisitor& visit)
+{
+    const SessionPlugIns& plugIns = session.plugIns();
+    const VELStreamInterpreting* const interpreter = plugIns.interpreter(stream);
+    if (!interpreter) return false;
+    if (interpreter->layer == StreamLayer::security) {
+        return plugIns.tellDecrypted(stream, plugIns.context(), visit) ||
+               (foundResumedSession(session, stream) && plugIns.tellDecrypted(stream, plugIns.context(), visit));
+    }
+    interpreter->tell(stream, plugIns.context(), visit);
+    return true;
+}
+
+void cut(StreamPart& part, std::int64_t messages)
+{
+    part.messages.erase(part.messages.begin() + messages, part.messages.end());
+    const std::int64_t end = part.first + messages;
+    std::erase_if(part.pairings, [&](const Pairing& pairing) { return pairing.requestIndex >= end; });
+    for (Pairing& pairing : part.pairings) {
+        if (!pairing.replyIndex || *pairing.replyIndex < end) continue;
+        pairing.replyIndex.reset();
+        pairing.status = PairingStatus::unmatched;
+    }
+}
+
 std::unique_ptr<StreamExchangeReader> applicationExchanges(const Session& session, const TCPStream& stream)
 {
     const SessionPlugIns& plugIns = session.plugIns();

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/session/Session.h"
 
+#include "app/session/InOrder.h"
 #include "app/streams/ConnectionIndex.h"
 #include "app/streams/ReassembledStream.h"
 
@@ -168,6 +169,16 @@ const SecretText& Session::embeddedKeyLog() const { return implementation_->embe
 std::int64_t Session::packetCount() const { return implementation_->packetCount; }
 std::int64_t Session::streamCount() const { return implementation_->connections().size(); }
 std::int64_t Session::packets(std::int64_t stream) const { return implementation_->connections()[stream].packets(); }
+
+std::int64_t Session::weight(std::int64_t stream) const
+{
+    // Messages of some bytes take dozens of times their room, and in a packet there may be thousands.
+    constexpr std::int64_t ofAByte = 8;
+    const Connection& connection = implementation_->connections()[stream];
+    std::int64_t bytes = 0;
+    for (const ConnectionSide& side : connection.sides) bytes += side.next - side.lowest;
+    return std::max(connection.packets() * usualPayload, bytes * ofAByte);
+}
 
 const std::array<TCPStreamKey::Endpoint, 2>& Session::endpoints(std::int64_t stream) const
 {

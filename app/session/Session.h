@@ -80,6 +80,8 @@ public:
     std::int64_t streamCount() const;
     /// Packets of a stream: what is known of its size before it is assembled.
     std::int64_t packets(std::int64_t stream) const;
+    /// About how many bytes of memory it takes to interpret a stream, of one that is not large; see `inOrder`.
+    std::int64_t weight(std::int64_t stream) const;
     StreamSummary summary(std::int64_t stream) const;
     /// Of a stream; which of them is the client, its summary tells.
     const std::array<TCPStreamKey::Endpoint, 2>& endpoints(std::int64_t stream) const;

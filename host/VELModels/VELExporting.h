@@ -15,6 +15,7 @@ namespace sealscope SEALSCOPE_API {
 struct ExportedStream {
     const TCPStream& stream;
     const StreamInterpretation& interpretation;
+    bool isContinued = false;  ///< a further part of the stream before
 };
 
 /// Writes one capture in a format. Used by one thread, which hands it the streams one by one, in the order of their numbers.
@@ -40,6 +41,9 @@ struct StreamExportFormat {
     std::unique_ptr<StreamExporter> (*create)() = nullptr;
     /// Whether it wants nothing but requests and replies: a stream with many of them is added in parts.
     bool wantsExchangesAlone = false;
+    /// Whether it wants all messages, and takes those of a stream that has many in parts as well. Of no account where it wants
+    /// exchanges alone.
+    bool takesParts = false;
 };
 
 }  // namespace sealscope SEALSCOPE_API

@@ -21,6 +21,8 @@ using JSON = HARValues::JSON;
 constexpr std::int64_t sniffed = 65'536;
 // A piece of text or Base64 at most, in bytes: a multiple of three.
 constexpr std::int64_t pieceSize = 49'152;
+// As many bytes of streams let one more WebSocket message be written.
+constexpr std::int64_t bytesForOneMessage = 64;
 
 std::string text(const JSON& value) { return HARValues::text(value); }
 std::string quotedText(std::string_view value) { return HARValues::quoted(value); }
@@ -76,6 +78,14 @@ std::string httpVersion(const StreamMessage& message)
     return std::string(protocol == "gRPC" ? "HTTP/2" : protocol);
 }
 
+/// What packets carried of a stream.
+std::int64_t capturedBytes(const TCPStream& stream)
+{
+    std::int64_t bytes = 0;
+    for (const StreamData* const data : {&stream.clientToServerData, &stream.serverToClientData}) bytes += data->size() - data->holeBytes();
+    return bytes;
+}
+
 std::string addressOf(const TCPStreamKey::Endpoint& endpoint)
 {
     std::string address = endpoint.text();
@@ -118,6 +128,7 @@ void HARExporter::add(const ExportedStream& stream, const Write& writeBytes)
 {
     write_ = &writeBytes;
     const auto& messages = stream.interpretation.messages;
+    if (!stream.isContinued) socketMessages_ += capturedBytes(stream.stream) / bytesForOneMessage;
     const auto at = [&](std::int64_t index) -> const StreamMessage* {
         return index >= 0 && index < std::ssize(messages) ? &messages[static_cast<std::size_t>(index)] : nullptr;
     };
@@ -164,26 +175,29 @@ void HARExporter::writeEntry(const ExportedStream& stream, const StreamMessage* 
     write(",\"serverIPAddress\":" + quotedText(addressOf(stream.stream.serverEndpoint)) + ",\"connection\":\"" +
           std::to_string(stream.stream.key.number) + '"');
     if (!request || !reply) write(std::string(",\"comment\":\"the capture lacks the ") + (request ? "reply\"" : "request\""));
-    // A message of two bytes is written as dozens.
-    const std::int64_t most = (64 << 20) + 2 * (stream.stream.clientToServerData.size() + stream.stream.serverToClientData.size());
+    // A message of two bytes is written as dozens, and takes a microsecond.
+    const std::int64_t most = (64 << 20) + 2 * capturedBytes(stream.stream);
     const std::int64_t end = written_ + most;
     bool hasWebSocket = false;
-    std::int64_t leftOut = 0;
+    bool isCut = false;
     const auto writeOne = [&](const StreamMessage& message) {
-        if (written_ > end) return static_cast<void>(++leftOut);
+        isCut = written_ > end || socketMessages_ == 0;
+        if (isCut) return;
+        --socketMessages_;
         write(std::exchange(hasWebSocket, true) ? "," : ",\"_webSocketMessages\":[");
         writeWebSocketMessage(message, first.direction);
     };
-    for (const StreamMessage* message : webSocketMessages) writeOne(*message);
+    for (const StreamMessage* message : webSocketMessages)
+        if (!isCut) writeOne(*message);
     if (reply && reply->tellCarried) {
         reply->tellCarried([&](StreamPart& part) {
             for (const StreamMessage& message : part.messages)
-                if (message.attribute("websocketOpcode")) writeOne(message);
-            return !isStopped_;
+                if (message.attribute("websocketOpcode") && !isCut) writeOne(message);
+            return !isStopped_ && !isCut;
         });
     }
     if (hasWebSocket) write("]");
-    if (leftOut > 0) write(",\"comment\":\"" + std::to_string(leftOut) + " further WebSocket messages are left out\"");
+    if (isCut) write(",\"comment\":\"further WebSocket messages are left out\"");
     write("}");
 }
 

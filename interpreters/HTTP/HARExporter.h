@@ -35,7 +35,8 @@ private:
     void write(std::string_view text);
 
     const Write* write_ = nullptr;
-    std::int64_t written_ = 0;  ///< bytes
+    std::int64_t written_ = 0;               ///< bytes
+    std::int64_t socketMessages_ = 200'000;  ///< that may still be written
     bool isStopped_ = false;
     bool hasEntries_ = false;
 };

@@ -26,15 +26,17 @@ public:
 
     void add(const ExportedStream& exported, const Write& write) override
     {
-        std::set<std::string> chains;
         const auto put = [&](Direction direction, std::string chain) {
-            if (chain.empty() || !chains.insert(chain).second) return;
+            if (chain.empty() || !chains_.insert(chain).second) return;
             write(DataView(heading(exported.stream, direction) + chain + '\n'));
         };
-        for (const Direction direction : {Direction::serverToClient, Direction::clientToServer})
-            for (const AssembledMessage& message : clearHandshake(exported.stream.data(direction)).messages)
-                if (message.type == std::to_underlying(TLSHandshakeType::certificate))
-                    put(direction, ReachMessages::pem(ReachMessages::certificates(message.body, ReachMessages::Form::upToTLS12)));
+        if (!exported.isContinued) {
+            chains_.clear();
+            for (const Direction direction : {Direction::serverToClient, Direction::clientToServer})
+                for (const AssembledMessage& message : clearHandshake(exported.stream.data(direction)).messages)
+                    if (message.type == std::to_underlying(TLSHandshakeType::certificate))
+                        put(direction, ReachMessages::pem(ReachMessages::certificates(message.body, ReachMessages::Form::upToTLS12)));
+        }
         for (const StreamMessage& message : exported.interpretation.messages)
             if (const VELValue* const chain = message.attribute(ReachMessages::certificatesKey))
                 if (const auto* const text = std::get_if<std::string>(chain)) put(message.direction, *text);
@@ -49,17 +51,21 @@ private:
         return fmt::format("# stream {}{}, sent by the {}\n", stream.key.number, name,
                            direction == Direction::serverToClient ? "server" : "client");
     }
+
+    std::set<std::string> chains_;  ///< of the last stream
 };
 
 }  // namespace
 
 const StreamExportFormat& pemFormat()
 {
-    static constexpr StreamExportFormat format{.name = "pem",
-                                               .description = "every certificate chain, with its stream and server name as comments",
-                                               .fileExtension = "pem",
-                                               .mediaType = "application/pem-certificate-chain",
-                                               .create = []() -> std::unique_ptr<StreamExporter> { return std::make_unique<PEMExporter>(); }};
+    static constexpr StreamExportFormat format{
+        .name = "pem",
+        .description = "every certificate chain, with its stream and server name as comments",
+        .fileExtension = "pem",
+        .mediaType = "application/pem-certificate-chain",
+        .create = []() -> std::unique_ptr<StreamExporter> { return std::make_unique<PEMExporter>(); },
+        .takesParts = true};
     return format;
 }
 

@@ -40,13 +40,15 @@ void StreamLines::streams(const Session& session, const StreamVerdicts& verdicts
 
 void StreamLines::exchanges(const Session& session, const Numbers& numbers, const Lines::Take& take, const std::stop_token& stop)
 {
-    const auto make = [](const TCPStream& stream, const Exchange& exchange) {
-        std::string line;
-        appendRecord(line, {.number = stream.key.number, .client = stream.clientEndpoint, .server = stream.serverEndpoint}, exchange);
-        return line;
-    };
-    const auto heldBytes = [](const std::string& line) { return line.size(); };
-    exchangesInOrder(session, numbers, make, heldBytes, [&](std::string line) { return take(std::move(line)) && !stop.stop_requested(); });
+    exchangesInOrder(session, numbers,
+                     {.append =
+                          [](std::string& line, const TCPStream& stream, const Exchange& exchange) {
+                              appendRecord(line,
+                                           {.number = stream.key.number, .client = stream.clientEndpoint, .server = stream.serverEndpoint},
+                                           exchange);
+                          },
+                      .take = [&](std::string_view line) { return take(std::string(line)) && !stop.stop_requested(); },
+                      .stop = stop});
 }
 
 void StreamLines::objects(const Session& session, const Numbers& numbers, const std::string& folder, ObjectFolder::Existing existing,

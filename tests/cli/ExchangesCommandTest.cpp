@@ -8,10 +8,12 @@
 #include "platform/Base64.h"
 #include "tests/cli/Program.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <iterator>
 
 namespace sealscope::cli {
 
@@ -149,6 +151,79 @@ TEST_F(ExchangesCommand, BoundsWhatAllBodiesDecodeTo)
     EXPECT_THAT(rows[1]["reply"]["detail"], testing::Contains(row));
     const auto lifted = jsonLines(sealscope({"exchanges", "--json", "--largest-body", "50000000", file}).output);
     EXPECT_EQ(lifted[1]["reply"]["bodyBytes"], length);
+}
+
+// More lines wait for connections that began earlier than memory has room for, and some connections are long.
+TEST_F(ExchangesCommand, KeepsTheOrderOfTimesOverManyConnections)
+{
+    constexpr int connections = 24, longOnes = 4, requestsAtOnce = 20;
+    const std::string query(800, 'q');
+    std::vector<PlannedSegment> segments;
+    for (int i = 0; i < connections; ++i) {
+        TCPConversation connection({.client = endpoint("192.0.2.1", static_cast<std::uint16_t>(50'000 + i)),
+                                    .server = endpoint("192.0.2.2", 80),
+                                    .startTime = 1'700'000'000'000'000'000 + i * 1'000,
+                                    .segmentSize = 20'000,
+                                    .acknowledges = false});
+        connection.open();
+        for (int round = 0; round < (i < longOnes ? 60 : 30); ++round) {
+            std::string requests;
+            for (int request = 0; request < requestsAtOnce; ++request)
+                requests += fmt::format("GET http://h/{}/{}?{} HTTP/1.1\r\n\r\n", i, round * requestsAtOnce + request, query);
+            connection.send(TCPSegment::Direction::clientToServer, Data::fromText(requests));
+        }
+        std::ranges::move(connection.segments, std::back_inserter(segments));
+    }
+    std::ranges::stable_sort(segments, {}, &PlannedSegment::time);
+    const std::string file = directory.write("many.pcap", pcapFile(packets(segments)));
+
+    std::vector<std::pair<int, int>> expected;  // connection and request
+    for (int round = 0; round < 60; ++round)
+        for (int i = 0; i < (round < 30 ? connections : longOnes); ++i)
+            for (int request = 0; request < requestsAtOnce; ++request) expected.emplace_back(i, round * requestsAtOnce + request);
+    const auto told = [&](std::vector<std::string> command, const ProgramOptions& options = {}) {
+        const ProgramResult result = sealscope(std::move(command), options);
+        EXPECT_EQ(result.status, 0) << result.errors;
+        EXPECT_GT(result.output.size(), 14'000'000U) << "it would not be too much for memory";
+        std::vector<std::pair<int, int>> pairs;
+        for (std::size_t at = 0; (at = result.output.find("http://h/", at)) != std::string::npos;) {
+            const std::size_t slash = result.output.find('/', at += 9);
+            const std::pair pair(std::stoi(result.output.substr(at, slash - at)), std::stoi(result.output.substr(slash + 1, 6)));
+            if (pairs.empty() || pairs.back() != pair) pairs.push_back(pair);
+        }
+        return pairs;
+    };
+    EXPECT_TRUE(told({"exchanges", file}) == expected);
+    EXPECT_TRUE(told({"exchanges", "--json", file}) == expected);
+    // Without a place to wait all are there, and each connection in its order.
+    auto unordered = told({"exchanges", "--no-sandbox", file}, {.environment = {"TMPDIR=" + directory.file("no/such/folder")}});
+    std::ranges::stable_sort(unordered, {}, &std::pair<int, int>::first);
+    std::ranges::sort(expected);
+    EXPECT_TRUE(unordered == expected);
+}
+
+TEST_F(ExchangesCommand, TellsNoMoreMessagesThanAreWanted)
+{
+    constexpr int done = 0, failed = 1;
+    const std::string har = directory.file("few.har"), folder = directory.file("few");
+    const auto told = [&](std::vector<std::string> command, const char* most, int status) {
+        command.insert(command.end(), {"--most-messages", most});
+        const ProgramResult result = run(command);
+        EXPECT_EQ(result.status, status) << command.front();
+        EXPECT_EQ(result.errors.contains("more than " + std::string(most) + " messages"), status != 0) << result.errors;
+        return jsonLines(result.output);
+    };
+    EXPECT_EQ(told({"exchanges", "--json"}, "2", failed).size(), 1U);
+    EXPECT_EQ(told({"exchanges", "--json"}, "4", done).size(), 2U);
+    EXPECT_EQ(told({"exchanges", "--json", "--count", "1"}, "2", done).size(), 1U);
+    EXPECT_EQ(told({"follow", "--json"}, "2", failed)[0]["messages"].size(), 2U);
+    EXPECT_EQ(told({"objects", "--json", "--output", folder}, "2", failed).size(), 1U);
+    EXPECT_EQ(told({"objects", "--json", "--force", "--output", folder}, "4", done).size(), 2U);
+    const auto entries = [&] { return nlohmann::json::parse(readFile(har).view().text())["log"]["entries"].size(); };
+    told({"export", "har", "--output", har}, "2", failed);
+    EXPECT_EQ(entries(), 1U);
+    told({"export", "har", "--force", "--output", har}, "4", done);
+    EXPECT_EQ(entries(), 2U);
 }
 
 TEST_F(ExchangesCommand, SavesObjectsAndReplacesNothing)

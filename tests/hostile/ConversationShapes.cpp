@@ -12,6 +12,7 @@ namespace {
 using Text = std::string;
 
 Text textOf(const Bytes& bytes) { return {bytes.begin(), bytes.end()}; }
+Bytes bytesOf(const Text& text) { return {text.begin(), text.end()}; }
 
 /// Bytes for DEFLATE that mean `count` times `piece`, with windowBits as for deflateInit2.
 Text deflated(const Text& piece, int count, int windowBits)
@@ -107,6 +108,18 @@ std::vector<Shape> conversationShapes()
              .make = [=](const std::filesystem::path& folder) { return saveConversation(folder, protocol, client(), server()); },
              .keyLog = "keys",
              .commands = commands});
+    };
+    const auto addPlain = [&](std::string name, std::function<void(Attack&)> make) {
+        auto ofPlain = commands;
+        ofPlain.push_back({"export", "pem", "--force", "--output", "plain.pem"});
+        shapes.push_back({.name = std::move(name),
+                          .make =
+                              [=](const std::filesystem::path& folder) {
+                                  Attack attack;
+                                  make(attack);
+                                  return save(folder, attack);
+                              },
+                          .commands = std::move(ofPlain)});
     };
     const auto says = [](Text text) { return [text] { return text; }; };
     const Text request = "GET /a HTTP/1.1\r\nHost: a\r\n\r\n";
@@ -238,6 +251,16 @@ std::vector<Shape> conversationShapes()
         "ObjectsOfOneName", {}, [] { return times("GET /../../a.html HTTP/1.1\r\nHost: a\r\n\r\n", 1'000); },
         [] { return times(reply("", "x"), 1'000); });
     addSocket("SocketMessagesWithoutBytes", [] { return times(std::string_view("\x81\x00", 2), 150'000); });
+    addPlain("SocketMessagesThatArePlain", [=](Attack& attack) {
+        attack.open(0);
+        attack.send(0, false, bytesOf(upgrade));
+        attack.send(0, true, bytesOf(upgraded + times(std::string_view("\x81\x00", 2), 2'000'000)));
+    });
+    addPlain("ConnectionsSideBySide", [](Attack& attack) {
+        constexpr int count = 1'000;
+        for (int i = 0; i < count; ++i) attack.open(i);
+        for (int i = 0; i < count; ++i) attack.send(i, false, bytesOf(times("GET / HTTP/1.1\r\n\r\n", 200)));
+    });
     addSocket("SocketPings", [] { return times(std::string_view("\x89\x00", 2), 150'000); });
     addFrames("HeadersOfOneLongField", [=] {
         Text said = requestOn(1, newField("a", Text(3'900, 'v')));

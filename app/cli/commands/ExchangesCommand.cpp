@@ -7,23 +7,13 @@
 #include "app/records/ExchangeRecords.h"
 #include "app/session/ExchangesInOrder.h"
 
+#include <algorithm>
 #include <string>
-#include <utility>
-#include <variant>
+#include <string_view>
 
 namespace sealscope::cli {
 
 namespace {
-
-/// One exchange, ready to be printed: as NDJSON, or as a row's cells.
-using ExchangeLine = std::variant<std::string, ExchangeCells>;
-
-/// Memory of a line that was printed, for the next that this thread makes; lines are mostly printed by the thread that makes them.
-std::string& spareLine()
-{
-    thread_local std::string spare;
-    return spare;
-}
 
 ExitStatus runExchanges(const CommandContext& context)
 {
@@ -33,39 +23,32 @@ ExitStatus runExchanges(const CommandContext& context)
     const auto streams = wantedStreams(context, *session, status);
     const bool isJSON = context.options.json;
 
-    constexpr std::size_t usualLine = 2'048;
-    const auto lineOf = [&](const TCPStream& stream, const Exchange& exchange) {
-        if (!isJSON) return ExchangeLine(cellsOf(stream.key.number, exchange));
-        std::string line = std::exchange(spareLine(), {});
-        line.clear();
-        line.reserve(usualLine);
-        appendRecord(line, {.number = stream.key.number, .client = stream.clientEndpoint, .server = stream.serverEndpoint}, exchange);
-        return ExchangeLine(std::move(line));
+    const auto append = [&](std::string& line, const TCPStream& stream, const Exchange& exchange) {
+        if (isJSON)
+            appendRecord(line, {.number = stream.key.number, .client = stream.clientEndpoint, .server = stream.serverEndpoint}, exchange);
+        else
+            appendCells(line, stream.key.number, exchange);
     };
     ExchangeTable table(context.terminal);
     std::int64_t left = context.options.count;  // negative: no limit
     std::int64_t found = 0;
     std::string text;
-    const auto print = [&](ExchangeLine&& line) {
+    const auto take = [&](std::string_view line) {
         ++found;
-        if (auto* const cells = std::get_if<ExchangeCells>(&line)) {
-            text.clear();
-            table.append(text, *cells);
-            context.output.write(text);
+        if (isJSON) {
+            context.output.write(line);
         } else {
-            auto& record = std::get<std::string>(line);
-            context.output.write(record);
-            spareLine() = std::move(record);
+            text.clear();
+            table.append(text, line);
+            context.output.write(text);
         }
         if (left > 0) --left;
         return left != 0 && context.output.isOpen() && !isInterrupted();
     };
-    const auto heldBytes = [](const ExchangeLine& line) {
-        const auto* const record = std::get_if<std::string>(&line);
-        return record ? record->size() : sizeof(ExchangeCells);
-    };
-    exchangesInOrder(*session, streams, lineOf, heldBytes, print);
+    const std::int64_t most = mostMessages(context.options, *session);
+    const bool isWhole = exchangesInOrder(*session, streams, {.append = append, .take = take, .most = (most + 1) / 2, .stop = interruption()});
     context.output.flush();
+    if (!isWhole) status = std::max(status, complainAboutMessages(most));
     if (found == 0 && status == done && !isInterrupted())
         remark("no requests or replies in this capture; 'sealscope streams' says what does not decrypt");
     return complainAboutDamage(context, *session, status);
@@ -83,7 +66,7 @@ const Command exchangesCommand{
     .examples = "sealscope exchanges -k keys.txt capture.pcapng|like an access log\n"
                 "sealscope exchanges --json capture.pcapng \\| jq 'select(.reply.status >= 400)'|for scripts\n",
     .options = {Option::stream, Option::keylog, Option::privateKey, Option::passphraseFile, Option::reach, Option::largestBody,
-                Option::json, Option::filter, Option::count},
+                Option::mostMessages, Option::json, Option::filter, Option::count},
     .countsRows = true,
     .access = Access::captures,
     .isPaged = true,

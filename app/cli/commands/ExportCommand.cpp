@@ -70,7 +70,11 @@ ExitStatus runExport(const CommandContext& context)
     const auto session = openSession(captureContext, status);
     if (!session) return status;
     const auto streams = wantedStreams(captureContext, *session, status);
-    if (!exportStreams(*session, streams, **format, *file, interruption())) {
+    const std::int64_t most = mostMessages(options, *session);
+    const ExportEnding ending = exportStreams(*session, streams, **format, *file, interruption(), most);
+    if (ending == ExportEnding::tooManyMessages) {
+        status = std::max(status, complainAboutMessages(most));
+    } else if (ending == ExportEnding::tooManyBytes) {
         complain(fmt::format("{}: ends early: written as {}, the capture takes more than 448 MiB and 6 times its size", options.output,
                              (*format)->name));
         status = failed;
@@ -84,17 +88,17 @@ ExitStatus runExport(const CommandContext& context)
 
 }  // namespace
 
-const Command exportCommand{.name = "export",
-                            .arguments = "FORMAT FILE…",
-                            .summary = "the capture in a format that a plug-in offers, such as an HTTP archive",
-                            .description = "Writes what was said in a format of another program. Without a FORMAT lists the formats.",
-                            .examples =
-                                "sealscope export|the formats\n"
-                                "sealscope export har -k keys.txt --output capture.har capture.pcapng|for a browser's developer tools\n",
-                            .options = {Option::stream, Option::keylog, Option::privateKey, Option::passphraseFile, Option::reach,
-                                        Option::output, Option::force, Option::largestBody, Option::json, Option::filter, Option::count},
-                            .fewestArguments = 0,
-                            .access = Access::captures,
-                            .run = runExport};
+const Command exportCommand{
+    .name = "export",
+    .arguments = "FORMAT FILE…",
+    .summary = "the capture in a format that a plug-in offers, such as an HTTP archive",
+    .description = "Writes what was said in a format of another program. Without a FORMAT lists the formats.",
+    .examples = "sealscope export|the formats\n"
+                "sealscope export har -k keys.txt --output capture.har capture.pcapng|for a browser's developer tools\n",
+    .options = {Option::stream, Option::keylog, Option::privateKey, Option::passphraseFile, Option::reach, Option::output, Option::force,
+                Option::largestBody, Option::mostMessages, Option::json, Option::filter, Option::count},
+    .fewestArguments = 0,
+    .access = Access::captures,
+    .run = runExport};
 
 }  // namespace sealscope::cli

@@ -5,6 +5,7 @@
 #include "app/cli/text/Messages.h"
 #include "app/cli/text/StreamText.h"
 #include "app/records/StreamRecords.h"
+#include "app/session/Exchanges.h"
 #include "app/session/InOrder.h"
 #include "app/session/InterpreterFailure.h"
 #include "app/session/ResumedSessions.h"
@@ -28,6 +29,7 @@ struct FollowedStream {
     std::int64_t number = 0;
     const VELStreamInterpreting* interpreter = nullptr;  ///< that accepted it
     std::string text;
+    std::int64_t told = 0;               ///< messages in it
     StreamHeading heading;               ///< where there is no text yet
     std::optional<StreamPart> messages;  ///< all of them, where those are not too much either
     std::int64_t held = 0;               ///< bytes, about
@@ -36,7 +38,9 @@ struct FollowedStream {
 
 class Follower {
 public:
-    Follower(const CommandContext& context, const Session& session) : context_(context), session_(session), verdicts_(session) {}
+    Follower(const CommandContext& context, const Session& session)
+        : context_(context), session_(session), verdicts_(session), left_(mostMessages(context.options, session))
+    {}
 
     FollowedStream follow(std::int64_t number) const
     {
@@ -52,9 +56,13 @@ public:
     }
 
     /// False when the stream could not be told to its end.
-    bool print(FollowedStream followed) const
+    bool print(FollowedStream followed)
     {
         held_ -= followed.held;
+        if (followed.told > left_)
+            followed.text.clear();
+        else
+            left_ -= followed.told;
         if (!followed.interpreter && !followed.failure) {
             remark(fmt::format("--stream {}: no plug-in recognises what was said in this connection", followed.number));
             StreamPart nothing;
@@ -63,7 +71,8 @@ public:
             const Spill spill([&](std::string& text) { context_.output.write(text); },
                               [&] { return context_.output.isOpen() && !isInterrupted(); });
             try {
-                append(followed.text, followed.heading, followed.messages ? telling(*followed.messages) : tellingAnew(followed), spill);
+                append(followed.text, followed.heading, counting(followed.messages ? telling(*followed.messages) : tellingAnew(followed)),
+                       spill);
             } catch (...) {
                 followed.failure = InterpreterFailure::caught();
             }
@@ -75,6 +84,9 @@ public:
         }
         return !followed.failure;
     }
+
+    /// Whether there were more messages than may be told.
+    bool endsEarly() const { return endsEarly_; }
 
 private:
     // What one stream may hold until it is printed, and what all may that wait for it, in bytes.
@@ -104,7 +116,9 @@ private:
             for (const StreamMessage& message : messages->messages) followed.held += static_cast<std::int64_t>(message.heldBytes());
             followed.messages = std::move(messages);
         } else {
+            const std::int64_t told = std::ssize(messages->messages);
             append(followed.text, followed.heading, telling(*messages), {});
+            followed.told = told;
             followed.held = std::ssize(followed.text);
         }
         held_ += followed.held;
@@ -132,6 +146,21 @@ private:
         return [&](const StreamPartVisitor& visit) { visit(messages); };
     }
 
+    /// Tells no more messages than may still be printed, each time that it is called.
+    StreamTeller counting(StreamTeller tell)
+    {
+        return [this, tell = std::move(tell), most = left_](const StreamPartVisitor& visit) {
+            left_ = most;
+            bool isCut = false;
+            tell([&](StreamPart& part) {
+                if (isCut |= std::ssize(part.messages) > left_; isCut) cut(part, left_);
+                left_ -= std::ssize(part.messages);
+                return visit(part) && !isCut;
+            });
+            endsEarly_ = endsEarly_ || isCut;
+        };
+    }
+
     /// Interprets a stream while it is told.
     StreamTeller tellingAnew(const FollowedStream& followed) const
     {
@@ -153,6 +182,8 @@ private:
     const Session& session_;
     StreamVerdicts verdicts_;
     mutable std::atomic<std::int64_t> held_ = 0;  ///< by streams that wait to be printed
+    std::int64_t left_;                           ///< messages that may be printed
+    bool endsEarly_ = false;
 };
 
 ExitStatus runFollow(const CommandContext& context)
@@ -162,18 +193,19 @@ ExitStatus runFollow(const CommandContext& context)
     if (!session) return status;
     const auto streams = wantedStreams(context, *session, status);
     const bool areNamed = !context.options.streams.empty();
-    const Follower follower(context, *session);
+    Follower follower(context, *session);
 
     std::int64_t accepted = 0;
-    const auto weight = [&](std::int64_t number) { return session->packets(number) * usualPayload; };
+    const auto weight = [&](std::int64_t number) { return session->weight(number); };
     const auto print = [&](FollowedStream followed) {
         const bool isAccepted = followed.interpreter || followed.failure;
         accepted += isAccepted;
         if ((isAccepted || areNamed) && !follower.print(std::move(followed))) status = std::max(status, failed);
-        return context.output.isOpen() && !isInterrupted();
+        return context.output.isOpen() && !isInterrupted() && !follower.endsEarly();
     };
     inOrder(streams, weight, [&](std::int64_t number) { return follower.follow(number); }, print);
     context.output.flush();
+    if (follower.endsEarly()) status = std::max(status, complainAboutMessages(mostMessages(context.options, *session)));
     if (accepted == 0 && !areNamed && status == done)
         remark(fmt::format("no plug-in recognises any of the {} TCP connections of this capture", streams.size()));
     return complainAboutDamage(context, *session, status);
@@ -191,7 +223,7 @@ const Command followCommand{
                 "sealscope follow --stream 3 -k keys.txt capture.pcapng|one of them, decrypted\n"
                 "sealscope follow --json capture.pcapng|one JSON object a stream\n",
     .options = {Option::stream, Option::keylog, Option::privateKey, Option::passphraseFile, Option::noInterpreters, Option::bodies,
-                Option::largestBody, Option::reach, Option::json, Option::filter, Option::count},
+                Option::largestBody, Option::mostMessages, Option::reach, Option::json, Option::filter, Option::count},
     .access = Access::captures,
     .isPaged = true,
     .run = runFollow};

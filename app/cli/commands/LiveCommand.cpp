@@ -90,7 +90,7 @@ LiveCapture::Outcome printExchanges(const CommandContext& context, LiveSession& 
     constexpr std::chrono::milliseconds betweenReads{25};
     ExchangeTable table(context.terminal);
     std::int64_t left = context.options.count;  // negative: no limit
-    std::string text;
+    std::string text, cells;
     const auto print = [&](const LiveExchange& found) {
         if (left == 0) return;
         if (left > 0) --left;
@@ -98,7 +98,8 @@ LiveCapture::Outcome printExchanges(const CommandContext& context, LiveSession& 
         if (context.options.json) {
             appendRecord(text, {.number = found.stream, .client = found.client, .server = found.server}, found.exchange);
         } else {
-            ExchangeCells cells = cellsOf(found.stream, found.exchange);
+            cells.clear();
+            appendCells(cells, found.stream, found.exchange);
             table.append(text, cells);
         }
         context.output.write(text);

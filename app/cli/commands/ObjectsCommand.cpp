@@ -74,7 +74,8 @@ ExitStatus runObjects(const CommandContext& context)
     // Files take time and room apart from their bytes, and ten bytes of a capture can stand for one.
     const std::int64_t mostObjects = 1'500 + session->capture().bytesOfFiles() / 2'048;
     std::int64_t objects = 0;
-    saveObjects(*session, streams, folder, interruption(), [&](const SavedObject& object) {
+    const std::int64_t most = mostMessages(options, *session);
+    const auto tell = [&](const SavedObject& object) {
         if (object.problem) {
             complain(object.problem->text());
             status = failed;
@@ -95,8 +96,10 @@ ExitStatus runObjects(const CommandContext& context)
             return false;
         }
         return context.output.isOpen();
-    });
+    };
+    const bool isWhole = saveObjects(*session, streams, folder, interruption(), tell, most);
     context.output.flush();
+    if (!isWhole) status = std::max(status, complainAboutMessages(most));
     if (objects == 0 && status == done && !isInterrupted())
         remark("nothing to save: no message of this capture has a body; 'sealscope streams' says what does not decrypt");
     return complainAboutDamage(context, *session, status);
@@ -113,7 +116,7 @@ const Command objectsCommand{
         "is taken gets a number; nothing that exists is replaced without --force.",
     .examples = "sealscope objects -k keys.txt --output saved capture.pcapng|everything that was downloaded and uploaded\n",
     .options = {Option::stream, Option::keylog, Option::privateKey, Option::passphraseFile, Option::reach, Option::output, Option::force,
-                Option::largestBody, Option::json, Option::filter, Option::count},
+                Option::largestBody, Option::mostMessages, Option::json, Option::filter, Option::count},
     .access = Access::captures,
     .run = runObjects};
 

@@ -5,8 +5,10 @@
 #include "app/texts/DisplayText.h"
 #include "app/texts/SizeText.h"
 
-#include <algorithm>
+#include <array>
+#include <cstring>
 #include <fmt/format.h>
+#include <span>
 #include <string_view>
 #include <utility>
 
@@ -17,28 +19,58 @@ namespace {
 // The widths of the columns before the last, and the gaps between them.
 constexpr int widthBeforeURL = 12 + 6 + 7 + 6 + 24 + 8 + 8 + 7 * 2;
 
-}  // namespace
+constexpr std::size_t columnCount = 8;
 
-ExchangeCells cellsOf(std::int64_t stream, const Exchange& exchange)
+/// What stands in front of the cells' texts, each of which has its length in front.
+struct CellsHead {
+    double time = 0;
+    std::uint64_t isFailure = 0;  ///< of the request: status 400 or more, or no reply
+};
+
+void appendBytes(std::string& cells, const auto& value) { cells.append(reinterpret_cast<const char*>(&value), sizeof value); }
+
+template <class Value> Value takeBytes(std::string_view& cells)
 {
-    ExchangeSummary summary = summaryOf(exchange);
-    return {.time = summary.time,
-            .texts = {"", fmt::to_string(stream), std::move(summary.method),
-                      summary.status ? fmt::to_string(*summary.status) : summary.hasReply ? "" : "none", std::move(summary.mediaType),
-                      summary.size ? sizeText(*summary.size) : "", summary.duration ? durationText(*summary.duration) : "",
-                      std::move(summary.url)},
-            .isFailure = summary.isFailure};
+    Value value;
+    std::memcpy(&value, cells.data(), sizeof value);
+    cells.remove_prefix(sizeof value);
+    return value;
 }
 
-void ExchangeTable::append(std::string& text, ExchangeCells& cells)
+}  // namespace
+
+void appendCells(std::string& cells, std::int64_t stream, const Exchange& exchange)
+{
+    const ExchangeSummary summary = summaryOf(exchange);
+    appendBytes(cells, CellsHead{.time = summary.time, .isFailure = summary.isFailure});
+    const auto add = [&](std::string_view text) {
+        appendBytes(cells, text.size());
+        cells += text;
+    };
+    add(fmt::format_int(stream).str());
+    add(summary.method);
+    add(summary.status ? fmt::format_int(*summary.status).str() : summary.hasReply ? "" : "none");
+    add(summary.mediaType);
+    add(summary.size ? sizeText(*summary.size) : "");
+    add(summary.duration ? durationText(*summary.duration) : "");
+    add(summary.url);
+}
+
+void ExchangeTable::append(std::string& text, std::string_view cells)
 {
     if (!std::exchange(hasHeading_, true)) table_.appendHeading(text);
-    time_.appendClock(cells.texts[0], cells.time);
-    cells.texts[0].resize(TimeText::clockWidth - 3);  // milliseconds
-    if (terminal_.columns > 0) cells.texts.back() = shortenedInTheMiddle(cells.texts.back(), terminal_.columns - widthBeforeURL);
-    std::array<std::string_view, ExchangeCells::count> views;
-    std::ranges::copy(cells.texts, views.begin());
-    table_.appendRow(text, views, terminal_.hasColors && cells.isFailure ? sequence(Style::warning) : std::string_view());
+    const auto head = takeBytes<CellsHead>(cells);
+    clock_.clear();
+    time_.appendClock(clock_, head.time);
+    clock_.resize(TimeText::clockWidth - 3);  // milliseconds
+    std::array<std::string_view, columnCount> views{clock_};
+    for (std::string_view& view : std::span(views).subspan(1)) {
+        const auto size = takeBytes<std::size_t>(cells);
+        view = cells.substr(0, size);
+        cells.remove_prefix(size);
+    }
+    if (terminal_.columns > 0) views.back() = url_ = shortenedInTheMiddle(views.back(), terminal_.columns - widthBeforeURL);
+    table_.appendRow(text, views, terminal_.hasColors && head.isFailure != 0 ? sequence(Style::warning) : std::string_view());
 }
 
 std::vector<TextColumn> ExchangeTable::columns()

@@ -186,7 +186,7 @@ ExportOutcome exportFormat(const ExportSource& source, const StreamExportFormat&
 {
     auto output = begun(file);
     if (!output) return failed(output.error());
-    const bool isWhole = exportStreams(*source.session, source.streams, format, *output, source.stop);
+    const bool isWhole = exportStreams(*source.session, source.streams, format, *output, source.stop) == ExportEnding::complete;
     if (source.stop.stop_requested()) return cancelled(file);
     const std::int64_t count = std::ssize(source.streams);
     const SentenceReader reader = windowReader();

@@ -136,7 +136,7 @@ void ExchangesModel::search(std::shared_ptr<const Session> session, const Take& 
             if (++done % 256 == 0) context.deliver([this, done, total = session->streamCount()] { Q_EMIT progressed(done, total); });
             return !context.isCancelled();
         };
-        inOrder(streams, [&](std::int64_t number) { return session->packets(number) * usualPayload; }, work, collect);
+        inOrder(streams, [&](std::int64_t number) { return session->weight(number); }, work, collect);
         batches.flush();
         context.deliver([this, finish] {
             finish();

@@ -92,6 +92,22 @@ TEST(HARExporter, KeepsBodiesOfEveryKind)
     EXPECT_EQ(entries({{'<', "HTTP/1.1 204 No Content\r\n\r\n"}}).at(0).at("comment"), "the capture lacks the request");
 }
 
+// Two bytes are a message, and an entry of sixty.
+TEST(HARExporter, LeavesOutWebSocketMessagesBeyondNumber)
+{
+    std::string frames = "HTTP/1.1 101 Switching Protocols\r\nConnection: Upgrade\r\nUpgrade: websocket\r\n\r\n";
+    for (int i = 0; i < 210'000; ++i) frames += std::string_view("\x81\0", 2);
+    const std::string request = "GET / HTTP/1.1\r\nHost: h\r\nConnection: Upgrade\r\nUpgrade: websocket\r\n\r\n";
+    const TCPStream socket = conversation({{'>', request}, {'<', frames}});
+    StreamExchange exchange;
+    HTTP1Interpreter::exchanges(socket, {})->next(exchange);
+    const std::string text = archiveOf({{socket, {{*exchange.request, *exchange.reply}, {{{.requestIndex = 0, .replyIndex = 1}}}}}});
+    std::size_t messages = 0;
+    for (std::size_t at = 0; (at = text.find("\"opcode\"", at)) != std::string::npos; ++at) ++messages;
+    EXPECT_EQ(messages, 200'000 + (request.size() + frames.size()) / 64);
+    EXPECT_TRUE(text.contains("],\"comment\":\"further WebSocket messages are left out\"}"));
+}
+
 TEST(HARExporter, HasWebSocketMessagesAndManyStreams)
 {
     const std::string reply = "HTTP/1.1 101 Switching Protocols\r\nConnection: Upgrade\r\nUpgrade: websocket\r\n\r\n";

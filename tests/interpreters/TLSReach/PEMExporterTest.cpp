@@ -41,7 +41,9 @@ TEST(PEMExporter, WritesEveryChainOnceAStream)
         TCPStream stream = vectorStream(session.flights);
         stream.key.number = version;
         const auto interpretation = probeWith(session.keyLog)->decryptedInterpretation(stream, {});
-        exporter->add({stream, *interpretation}, write);
+        const StreamInterpretation nothing;
+        exporter->add({stream, nothing}, write);
+        for (int part = 0; part < 2; ++part) exporter->add({stream, *interpretation, true}, write);
         expected.insert(expected.end(), chain.begin(), chain.end());
     }
     exporter->end(write);
