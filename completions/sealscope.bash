@@ -12,7 +12,7 @@ _sealscope() {
         word=${COMP_WORDS[index]}
         case $word in
             -k | --keylog | -f | --filter | -n | --count | --packet | --stream | -o | --output | --pcap | --inject-secrets | \
-                --strip-secrets | --private-key | --passphrase-file | --gaps | --reach | --largest-body | --most-messages | -i | --interface | -w | --write | --plugin-path | --color | --memory) ((index++)) ;;
+                --strip-secrets | --private-key | --passphrase-file | --most-key-exchanges | --gaps | --reach | --largest-body | --most-messages | -i | --interface | -w | --write | --plugin-path | --color | --memory) ((index++)) ;;
             -*) ;;
             *)
                 command=$word
@@ -48,7 +48,7 @@ _sealscope() {
             mapfile -t COMPREPLY < <(compgen -f -- "$current")
             return
             ;;
-        -f | --filter | -n | --count | --packet | --stream | --largest-body | --most-messages | --memory) return ;;
+        -f | --filter | -n | --count | --packet | --stream | --largest-body | --most-messages | --most-key-exchanges | --memory) return ;;
     esac
 
     if [[ $command == settings && $current != -* ]]; then
@@ -75,14 +75,14 @@ _sealscope() {
         case $command in
             packets) words="--json --filter --count" ;;
             tree) words="--packet --hex --json --filter --count" ;;
-            streams) words="--keylog --private-key --passphrase-file --reach --stream --json --filter --count" ;;
-            decrypt) words="--keylog --private-key --passphrase-file --reach --stream --output --pcap --inject-secrets --strip-secrets --gaps --force --filter --count --json" ;;
-            exchanges) words="--keylog --private-key --passphrase-file --reach --stream --largest-body --most-messages --json --filter --count" ;;
-            objects) words="--keylog --private-key --passphrase-file --reach --stream --output --force --largest-body --most-messages --json --filter --count" ;;
-            export) words="--keylog --private-key --passphrase-file --reach --stream --output --force --largest-body --most-messages --json --filter --count" ;;
+            streams) words="--keylog --private-key --passphrase-file --most-key-exchanges --reach --stream --json --filter --count" ;;
+            decrypt) words="--keylog --private-key --passphrase-file --most-key-exchanges --reach --stream --output --pcap --inject-secrets --strip-secrets --gaps --force --filter --count --json" ;;
+            exchanges) words="--keylog --private-key --passphrase-file --most-key-exchanges --reach --stream --largest-body --most-messages --json --filter --count" ;;
+            objects) words="--keylog --private-key --passphrase-file --most-key-exchanges --reach --stream --output --force --largest-body --most-messages --json --filter --count" ;;
+            export) words="--keylog --private-key --passphrase-file --most-key-exchanges --reach --stream --output --force --largest-body --most-messages --json --filter --count" ;;
             live) words="--interface --follow --exchanges --keylog --largest-body --write --force --filter --count --json" ;;
             plugins | settings) words="--json" ;;
-            *) words="--keylog --private-key --passphrase-file --reach --stream --no-interpreters --bodies --largest-body --most-messages --json --filter --count" ;;
+            *) words="--keylog --private-key --passphrase-file --most-key-exchanges --reach --stream --no-interpreters --bodies --largest-body --most-messages --json --filter --count" ;;
         esac
         mapfile -t COMPREPLY < <(compgen -W "$words $common" -- "$current")
         return

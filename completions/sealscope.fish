@@ -29,6 +29,7 @@ set -l streaming "not __fish_seen_subcommand_from packets tree live plugins sett
 complete -c sealscope -n "$streaming" -s k -l keylog -rF -d "take secrets from this key log"
 complete -c sealscope -n "$streaming" -l private-key -rF -d "open RSA key exchanges with a server's key"
 complete -c sealscope -n "$streaming" -l passphrase-file -rF -d "take the passphrase from this file"
+complete -c sealscope -n "$streaming" -l most-key-exchanges -x -d "open so many with private keys"
 complete -c sealscope -n "$streaming" -l reach -xa "full strict" -d "how far decryption goes"
 complete -c sealscope -n "$streaming" -l stream -x -d "only this stream"
 complete -c sealscope -n "not __fish_seen_subcommand_from exchanges objects packets tree streams decrypt export live plugins settings help" -l no-interpreters -d "show decrypted bytes as they are"

@@ -103,6 +103,8 @@ std::optional<SecretBytes> PrivateKey::decrypt(DataView ciphertext) const
     return plaintext;
 }
 
+std::int64_t PrivateKey::size() const { return EVP_PKEY_get_size(key_.get()); }
+
 bool PrivateKey::isOf(DataView certificate) const
 {
     const std::uint8_t* next = certificate.data();

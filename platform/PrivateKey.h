@@ -28,6 +28,8 @@ public:
 
     /// Decrypts by RSAES-PKCS1-v1_5 (RFC 8017 §7.2.2); nothing when it is not for this key.
     std::optional<SecretBytes> decrypt(DataView ciphertext) const;
+    /// Of the modulus, in bytes.
+    std::int64_t size() const;
     /// Whether a certificate, in DER, has the public key that belongs to it.
     bool isOf(DataView certificate) const;
 

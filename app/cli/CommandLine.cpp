@@ -18,6 +18,7 @@ namespace {
 constexpr OptionSpec specs[] = {
     {Option::keylog, 'k', "keylog", "FILE", "take secrets from FILE instead of the key log of the settings; may be given again"},
     {Option::privateKey, 0, "private-key", "FILE", "open RSA key exchanges with a server's key (PEM, PKCS #12); may be given again"},
+    {Option::mostKeyExchanges, 0, "most-key-exchanges", "N", "open at most N of them (500 and one for each 16 KiB by default)"},
     {Option::passphraseFile, 0, "passphrase-file", "FILE", "take the key's passphrase from the first line of FILE, and do not ask"},
     {Option::json, 0, "json", "", "print one JSON object a line"},
     {Option::filter, 'f', "filter", "EXPR", "only packets that a capture filter passes, as in \"tcp port 443\""},
@@ -118,6 +119,9 @@ std::expected<void, UsageError> enter(Options& options, const OptionSpec& spec, 
     case Option::keylog: options.keylogs.emplace_back(argument); break;
     case Option::privateKey: options.privateKeys.emplace_back(argument); break;
     case Option::passphraseFile: options.passphraseFile = argument; break;
+    case Option::mostKeyExchanges:
+        if (!(options.mostKeyExchanges = number(1))) return refuse("a number of key exchanges, 1 or more");
+        break;
     case Option::json: options.json = true; break;
     case Option::filter: options.filter = argument; break;
     case Option::count:

@@ -23,6 +23,7 @@ enum class Option : std::uint8_t {
     keylog,
     privateKey,
     passphraseFile,
+    mostKeyExchanges,
     json,
     filter,
     count,
@@ -90,6 +91,7 @@ struct Options {
     std::vector<std::string> keylogs;
     std::vector<std::string> privateKeys;  ///< files
     std::string passphraseFile;
+    std::optional<std::int64_t> mostKeyExchanges;
     bool json = false;
     std::string filter;
     std::int64_t count = -1;  ///< negative for no limit

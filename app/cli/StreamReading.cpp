@@ -81,6 +81,7 @@ std::unique_ptr<Session> openSession(const CommandContext& context, ExitStatus& 
                            .keepsEveryBlock = !options.injectSecrets.empty() || !options.stripSecrets.empty(),
                            .keyLogs = options.keylogs,
                            .privateKeys = *std::move(privateKeys),
+                           .mostKeyExchanges = options.mostKeyExchanges,
                            .plugIns = {.reach = options.reach,
                                        .carried = options.noInterpreters ? CarriedStreams::shownAsBytes : CarriedStreams::interpreted,
                                        .largestDecodedBody = options.largestBody.value_or(PlugInOptions().largestDecodedBody),

@@ -56,6 +56,7 @@ std::string_view name(TLSPrivateKeyReport::Use use)
     case TLSPrivateKeyReport::Use::otherCertificate: return "otherCertificate";
     case TLSPrivateKeyReport::Use::otherKeyExchange: return "otherKeyExchange";
     case TLSPrivateKeyReport::Use::noKeyExchange: return "noKeyExchange";
+    case TLSPrivateKeyReport::Use::notTried: return "notTried";
     }
     std::unreachable();
 }

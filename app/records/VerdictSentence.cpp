@@ -59,11 +59,13 @@ std::string noHandshake(const TLSDecryptionReport& report, const StreamSummary& 
 /// A clause with how many secrets were tried in vain behind it, where that was done.
 std::string withSearch(std::string clause, const TLSDecryptionReport& report, const SentenceReader& reader)
 {
-    if (!report.search || report.search->tried == 0) return clause;
+    if (!report.search || report.search->candidates == 0) return clause;
     const auto& [candidates, tried] = *report.search;
     clause += reader.word("; ");
+    if (tried == 0)
+        return clause += reader.say("the secrets in the key log were not tried: earlier trials took the time that there is for them");
     if (tried < candidates)
-        return clause += reader.say("the secrets of the last {} of {} connections in the key log were tried, and none opens a record",
+        return clause += reader.say("the secrets of {} of {} connections in the key log were tried, and none opens a record",
                                     tried, candidates);
     return clause += reader.sayOf(tried, "the secrets of {} connection in the key log were tried, and none opens a record",
                                   "the secrets of {} connections in the key log were tried, and none opens a record", tried);
@@ -195,6 +197,9 @@ std::string privateKeyProblem(const StreamVerdict& verdict, const SentenceReader
     case TLSPrivateKeyReport::Use::noKeyExchange:
         if (hasKeyLog) return "";
         return reader.say("the private key has nothing to decrypt: the capture lacks the key exchange, or the session was resumed");
+    case TLSPrivateKeyReport::Use::notTried:
+        return reader.say("the private key was not tried: it has opened as many key exchanges as it may; --most-key-exchanges N sets "
+                          "another number, --stream I picks a connection");
     }
     std::unreachable();
 }

@@ -47,13 +47,20 @@ public:
         connections_ = connections;
         embeddedKeyLog_ = capture_->takeEmbeddedKeyLog();
         privateKeys_ = options.privateKeys;
+        constexpr std::int64_t ofEveryCapture = 500, bytesForOneMore = 16'384;
+        mostKeyExchanges_ = options.mostKeyExchanges.value_or(ofEveryCapture + capture_->bytesOfFiles() / bytesForOneMore);
         plugInOptions_ = options.plugIns;
-        prepare(options.secrets ? options.secrets : std::make_shared<const KeyLogSources>(embeddedKeyLog_, options.keyLogs, privateKeys_));
+        prepare(options.secrets ? options.secrets : sources(options.keyLogs));
     }
 
     std::unique_ptr<Implementation> withKeyLogs(const std::vector<std::string>& keyLogs) const
     {
-        return asPart(std::make_shared<const KeyLogSources>(embeddedKeyLog_, keyLogs, privateKeys_), packetsBefore);
+        return asPart(sources(keyLogs), packetsBefore);
+    }
+
+    std::shared_ptr<const KeyLogSources> sources(const std::vector<std::string>& keyLogs) const
+    {
+        return std::make_shared<const KeyLogSources>(embeddedKeyLog_, keyLogs, privateKeys_, mostKeyExchanges_);
     }
 
     std::unique_ptr<Implementation> asPart(std::shared_ptr<const KeyLogSources> secrets, std::int64_t before) const
@@ -66,6 +73,7 @@ public:
         other->connections_ = connections_;
         other->embeddedKeyLog_ = embeddedKeyLog_;
         other->privateKeys_ = privateKeys_;
+        other->mostKeyExchanges_ = mostKeyExchanges_;
         other->plugInOptions_ = plugInOptions_;
         other->prepare(std::move(secrets));
         return other;
@@ -128,6 +136,7 @@ private:
     std::shared_ptr<const ConnectionIndex> connections_;
     SecretText embeddedKeyLog_;
     std::vector<PrivateKey> privateKeys_;
+    std::int64_t mostKeyExchanges_ = KeyLogSources::fewKeyExchanges;
     PlugInOptions plugInOptions_;
     std::unique_ptr<Measured[]> measured_;
     std::unique_ptr<const SessionPlugIns> plugIns_;

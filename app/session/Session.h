@@ -28,6 +28,8 @@ struct SessionOptions {
     std::vector<std::string> keyLogs;
     /// Of servers, beside the key logs.
     std::vector<PrivateKey> privateKeys;
+    /// That these open, of 2048 bits; see `KeyLogSources`. Without it a number that goes with the size of the capture.
+    std::optional<std::int64_t> mostKeyExchanges;
     PlugInOptions plugIns;
 
     // For who takes a large capture apart and opens it piece by piece.

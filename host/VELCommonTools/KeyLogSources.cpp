@@ -16,8 +16,9 @@ std::int64_t now() { return std::chrono::steady_clock::now().time_since_epoch() 
 
 }  // namespace
 
-KeyLogSources::KeyLogSources(SecretText embedded, std::vector<std::string> files, std::vector<PrivateKey> privateKeys)
-    : embedded_(std::move(embedded)), named_(std::move(files)), privateKeys_(std::move(privateKeys))
+KeyLogSources::KeyLogSources(SecretText embedded, std::vector<std::string> files, std::vector<PrivateKey> privateKeys,
+                             std::int64_t mostKeyExchanges)
+    : embedded_(std::move(embedded)), named_(std::move(files)), privateKeys_(std::move(privateKeys)), mostKeyExchanges_(mostKeyExchanges)
 {}
 
 KeyLogSources::KeyLogSources(SecretText secrets) : embedded_(std::move(secrets)), hasFiles_(false) {}

@@ -19,8 +19,12 @@ namespace sealscope SEALSCOPE_API {
 /// secret. Any thread may ask.
 class KeyLogSources {
 public:
+    /// How many key exchanges with a key of 2048 bits private keys open where nobody says: about a second's worth.
+    static constexpr std::int64_t fewKeyExchanges = 1'000;
+
     /// `files` take the place of the file that the user chose and of `SSLKEYLOGFILE`; later sources win.
-    KeyLogSources(SecretText embedded, std::vector<std::string> files, std::vector<PrivateKey> privateKeys = {});
+    KeyLogSources(SecretText embedded, std::vector<std::string> files, std::vector<PrivateKey> privateKeys = {},
+                  std::int64_t mostKeyExchanges = fewKeyExchanges);
     /// These secrets alone, of whatever origin: no file is looked at.
     explicit KeyLogSources(SecretText secrets);
 
@@ -40,6 +44,8 @@ public:
     std::vector<MergedKeylog::Source> files() const;
     /// Of servers whose clients encrypt a secret to their certificates.
     const std::vector<PrivateKey>& privateKeys() const { return privateKeys_; }
+    /// What these may open, in key exchanges with a key of 2048 bits; with one twice as long each is eight of them.
+    std::int64_t mostKeyExchanges() const { return mostKeyExchanges_; }
     bool hasEmbeddedSecrets() const { return !embedded_.empty(); }
 
     KeyLogSources(const KeyLogSources&) = delete;
@@ -51,6 +57,7 @@ private:
     const bool hasFiles_ = true;
     std::chrono::nanoseconds betweenLooks_ = std::chrono::milliseconds(500);
     const std::vector<PrivateKey> privateKeys_;
+    const std::int64_t mostKeyExchanges_ = fewKeyExchanges;
     mutable std::atomic<std::int64_t> nextLook_ = 0;  ///< on the steady clock, in nanoseconds
     mutable std::atomic<std::uint64_t> generation_ = 0;
     mutable std::mutex mutex_;  ///< guards signature_

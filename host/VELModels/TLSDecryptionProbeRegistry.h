@@ -112,6 +112,7 @@ struct TLSPrivateKeyReport {
         otherCertificate,  ///< none does
         otherKeyExchange,  ///< nothing is encrypted to the certificate: no private key helps
         noKeyExchange,     ///< the capture has none, since a session was resumed, or since it was lost
+        notTried,          ///< the keys have opened as many others as they may
     };
     Use use = Use::fits;
     std::string certificate;  ///< the common name in the server's certificate; empty without one

@@ -195,67 +195,20 @@ void ReachConnection::findHellos()
     serverHelloState_ = state(stream_.serverToClientData, hellos[1], whole[1]);
     if (whole[0]) clientHello_ = TLSDissector::parseClientHello(whole[0]->body, 0);
     if (whole[1]) serverHello_ = parseServerHello(whole[1]->body, 0);
+    if (clientHello_) secrets_->searches->meet(stream_.key.number, clientHello_->clientRandom);
     if (clientHello_ && serverHello_)
         parameters_ = parametersOf(*clientHello_, hellos[0]->body, *serverHello_, hellos[1]->body);
     else
         settleWithoutHellos();
 }
 
-// A traffic secret of TLS 1.3 opens records without any hello: what a hello would have said, the suite and whose connection it
-// is, comes out by trying. The randoms of TLS 1.2 are part of its keys, so there the server's hello has to be there.
-void ReachConnection::settleWithoutHellos()
+/// What the hellos would say, were the connection this client's.
+HandshakeParameters ReachConnection::supposed(const Data& clientRandom, std::uint16_t suite) const
 {
-    constexpr std::size_t mostClients = 1'024;
-    constexpr int triedRecords = 4;
-    const auto opens = [&](HandshakeParameters parameters) {
-        if (!parameters.suite) return false;
-        parameters_ = std::move(parameters);
-        for (const Direction direction : {Direction::serverToClient, Direction::clientToServer}) {
-            ReachWalk walk(*this, direction);
-            if (!walk.hasKeys() || !walk.opensWithin(triedRecords)) continue;
-            parameters_->isSuiteKnown = true;
-            return true;
-        }
-        parameters_.reset();
-        return false;
-    };
-    const auto opensTLS13 = [&](const Data& clientRandom, std::int64_t secretLength) {
-        const std::array<std::uint16_t, 5> suites{0x1301, 0x1302, 0x1303, 0x1304, 0x1305};
-        return std::ranges::any_of(suites, [&](std::uint16_t code) {
-            const auto suite = ReachSuite::of(code);
-            if (!suite || digestSize(suite->prf) != secretLength) return false;
-            if (serverHello_ && serverHello_->cipherSuite != code) return false;
-            return opens({.clientRandom = clientRandom, .version = 0x0304, .cipherSuite = code, .suite = suite});
-        });
-    };
-    const TLSSecrets& known = secrets_->keyLog.secrets;
-    if (clientHello_) {
-        for (const Direction direction : {Direction::serverToClient, Direction::clientToServer})
-            if (const auto length = known.length(secretLabels(direction).application, clientHello_->clientRandom))
-                if (opensTLS13(clientHello_->clientRandom, *length)) return;
-        return;
-    }
-    const bool isTLS12 = serverHello_ && !serverHello_->supportedVersion;
-    // What was written to the key log last is the likeliest to belong to what was captured last.
-    std::vector<std::pair<Data, std::int64_t>> clients;
-    const std::string_view wanted = isTLS12 ? masterSecretLabel : secretLabels(Direction::serverToClient).application;
-    known.forEach([&](std::string_view label, DataView clientRandom, DataView secret) {
-        if (label == wanted) clients.emplace_back(Data(clientRandom), secret.size());
-    });
-    if (clients.empty()) return;
-    search_ = TLSSecretSearchReport{.candidates = std::ssize(clients)};
-    if (clients.size() > mostClients) clients.erase(clients.begin(), clients.end() - static_cast<std::ptrdiff_t>(mostClients));
-    for (auto client = clients.rbegin(); client != clients.rend(); ++client) {
-        ++search_->tried;
-        if (isTLS12) {
-            const auto hello =
-                std::ranges::find(clearMessages_[1], std::to_underlying(TLSHandshakeType::serverHello), &AssembledMessage::type);
-            ClientHelloInfo unknown{.clientRandom = client->first};
-            if (opens(parametersOf(unknown, {}, *serverHello_, hello->body))) return;
-        } else if (opensTLS13(client->first, client->second)) {
-            return;
-        }
-    }
+    if (isBeforeTLS13WithoutClient())
+        return parametersOf({.clientRandom = clientRandom}, {}, *serverHello_,
+                            clearMessage(Direction::serverToClient, TLSHandshakeType::serverHello)->body);
+    return {.clientRandom = clientRandom, .version = 0x0304, .cipherSuite = suite, .suite = ReachSuite::of(suite)};
 }
 
 bool ReachConnection::isThereFromTheStart(Direction direction) const { return !clearMessages_[indexOf(direction)].empty(); }
@@ -374,13 +327,30 @@ std::optional<SecretBytes> ReachConnection::premasterSecret(const HandshakeParam
     if (!encrypted) return std::nullopt;
     constexpr std::int64_t shownBytes = 8;  // of the encrypted secret, in lines "RSA"
     if (const auto logged = known.find("RSA", encrypted->sub(0, shownBytes))) return copied(*logged);
-    for (const PrivateKey& key : secrets_->privateKeys) {
-        constexpr std::size_t premasterLength = 48;
-        auto decrypted = key.decrypt(*encrypted);
-        // It begins with the highest version that the client offers: another key gives other bytes, if any (RFC 5246 §7.4.7.1).
-        if (decrypted && decrypted->size() == premasterLength && viewOf(*decrypted).u8(0) == 3) return decrypted;
-    }
-    return std::nullopt;
+    const auto& keys = certificateKeys().keys;
+    if (keys.empty()) return std::nullopt;
+    auto outcome = secrets_->keyExchanges->open(*encrypted, keys);
+    wasKeyExchangeTried_ = outcome.isTried;
+    return std::move(outcome.premasterSecret);
+}
+
+const CertificateKeys& ReachConnection::certificateKeys() const
+{
+    if (certificateKeys_) return *certificateKeys_;
+    auto& [isRead, keys] = certificateKeys_.emplace();
+    const auto certificate = serverCertificate();
+    isRead = !secrets_->privateKeys.empty() && certificate && TLSDissector::certSummary(*certificate);
+    for (const PrivateKey& key : secrets_->privateKeys)
+        if (!isRead || key.isOf(*certificate)) keys.push_back(key);
+    return *certificateKeys_;
+}
+
+std::optional<DataView> ReachConnection::serverCertificate() const
+{
+    const auto* const message = clearMessage(Direction::serverToClient, TLSHandshakeType::certificate);
+    if (!message) return std::nullopt;
+    const std::vector<DataView> chain = ReachMessages::certificates(message->body, ReachMessages::Form::upToTLS12);
+    return chain.empty() ? std::nullopt : std::optional(chain.front());
 }
 
 std::optional<TLSPrivateKeyReport> ReachConnection::privateKeyReport() const
@@ -389,13 +359,12 @@ std::optional<TLSPrivateKeyReport> ReachConnection::privateKeyReport() const
     if (!parameters_ || !parameters_->suite || secrets_->privateKeys.empty()) return std::nullopt;
     if (!parameters_->suite->isRSAKeyExchange) return TLSPrivateKeyReport{Use::otherKeyExchange, {}};
     if (!encryptedPremaster(*parameters_)) return TLSPrivateKeyReport{Use::noKeyExchange, {}};
-    const auto* const message = clearMessage(Direction::serverToClient, TLSHandshakeType::certificate);
-    const std::vector<DataView> chain =
-        message ? ReachMessages::certificates(message->body, ReachMessages::Form::upToTLS12) : std::vector<DataView>();
-    if (chain.empty()) return TLSPrivateKeyReport{premasterSecret(*parameters_) ? Use::fits : Use::otherCertificate, {}};
-    const bool fits = std::ranges::any_of(secrets_->privateKeys, [&](const PrivateKey& key) { return key.isOf(chain.front()); });
-    const auto summary = TLSDissector::certSummary(chain.front());
-    return TLSPrivateKeyReport{fits ? Use::fits : Use::otherCertificate, summary ? summary->subjectCN.value_or("") : ""};
+    const auto certificate = serverCertificate();
+    const auto summary = certificate ? TLSDissector::certSummary(*certificate) : std::nullopt;
+    const bool hasSecret = hasKeyMaterial();
+    const bool fits = certificateKeys().isCertificateRead ? !certificateKeys().keys.empty() : hasSecret;
+    const Use use = !hasSecret && !wasKeyExchangeTried_ ? Use::notTried : fits ? Use::fits : Use::otherCertificate;
+    return TLSPrivateKeyReport{use, summary ? summary->subjectCN.value_or("") : ""};
 }
 
 SecretText ReachConnection::keyLogLine() const

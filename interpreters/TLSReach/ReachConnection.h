@@ -14,11 +14,18 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 namespace sealscope {
 
 class ReachWalk;
+
+/// What it may take to find that a guess about a connection is wrong.
+struct GuessEffort {
+    int records = 1;  ///< that are tried
+    int trials = 0;   ///< of each
+};
 
 /// What the hellos of one handshake settle.
 struct HandshakeParameters {
@@ -46,6 +53,12 @@ struct ClearHandshake {
     bool isOver = false;  ///< whether what comes behind them is there too
 };
 ClearHandshake clearHandshake(const StreamData& data);
+
+/// The private keys that may belong to the server's certificate.
+struct CertificateKeys {
+    bool isCertificateRead = false;  ///< else all of them may
+    std::vector<PrivateKey> keys;
+};
 
 /// One TLS connection of a stream: what its hellos settle, and the keys that the secrets at hand give. Used by one thread at a time.
 class ReachConnection {
@@ -93,6 +106,12 @@ private:
 
     void findHellos();
     void settleWithoutHellos();
+    HandshakeParameters supposed(const Data& clientRandom, std::uint16_t suite) const;
+    bool isBeforeTLS13WithoutClient() const { return !clientHello_ && serverHello_ && !serverHello_->supportedVersion; }
+    std::vector<KeyLogClients::Client> ownClient() const;
+    SearchMemory::Outcome search(const std::vector<KeyLogClients::Client>& clients);
+    bool opensAs(const HandshakeParameters& parameters, GuessEffort effort, std::int64_t& cost);
+    std::string nameOfSearch() const;
     std::optional<SecretBytes> knownMasterSecret(const HandshakeParameters& parameters) const;
     std::optional<SecretBytes> foundMasterSecret(const HandshakeParameters& parameters, Turn turn) const;
     std::optional<SecretBytes> masterSecret(const HandshakeParameters& parameters, Turn turn) const;
@@ -101,6 +120,8 @@ private:
     const AssembledMessage* clearMessage(Direction direction, TLSHandshakeType type) const;
     std::optional<DataView> encryptedPremaster(const HandshakeParameters& parameters) const;
     std::optional<SecretBytes> premasterSecret(const HandshakeParameters& parameters) const;
+    std::optional<DataView> serverCertificate() const;
+    const CertificateKeys& certificateKeys() const;
     std::optional<std::vector<std::uint8_t>> handshakeUpToKeyExchange() const;
     ReachWalk& scout(Direction direction);
 
@@ -117,7 +138,9 @@ private:
     std::array<std::unique_ptr<ReachWalk>, 2> scouts_;  ///< look for the hellos of handshakes inside others
     std::array<bool, 2> isScouting_{};
     std::vector<std::optional<HandshakeParameters>> renegotiated_;
-    mutable std::optional<std::optional<SecretBytes>> firstMasterSecret_;  ///< once it was looked for: a private key takes its time
+    mutable std::optional<std::optional<SecretBytes>> firstMasterSecret_;  ///< once it was looked for
+    mutable bool wasKeyExchangeTried_ = true;                              ///< where private keys were to open it
+    mutable std::optional<CertificateKeys> certificateKeys_;
 };
 
 }  // namespace sealscope

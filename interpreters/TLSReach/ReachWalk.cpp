@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <utility>
 
@@ -20,8 +21,9 @@
 //                                                    like a header, with another where it says that the next one is, is tried under
 //                                                    the sequence numbers that fit the number of bytes, the likeliest first
 //
-// Nothing counts but what authenticates, so a wrong guess costs time alone. How much is bounded twice: a record gets 64 trials,
-// and all trials together go through no more than 64 times the bytes that the walk has passed, holes not counted.
+// Nothing counts but what authenticates, so a wrong guess costs time alone. How much is bounded three times: a record gets 64 trials;
+// all trials together cost no more than 16 times the bytes that the walk has passed, holes not counted; and what is needed beyond
+// that, in short connections above all, comes out of an allowance that all connections share.
 
 namespace sealscope {
 
@@ -35,10 +37,9 @@ constexpr std::uint8_t applicationData = type(TLSContentType::applicationData);
 constexpr std::int64_t longestTLS13Body = 16'384 + 256;    // RFC 8446 §5.2
 constexpr std::int64_t longestTLS12Body = 16'384 + 2'048;  // RFC 5246 §6.2.3
 constexpr std::int64_t smallBuffer = longestTLS12Body;
-constexpr std::int64_t trialsPerByte = 64;
-constexpr std::int64_t costOfTrial = 64;   // what an attempt takes whatever the record's length, in bytes
-constexpr std::int64_t fewBytes = 65'536;  // of trials where one walk is only a guess among many
-constexpr std::int64_t firstBudget = 64 * longestTLS12Body;
+constexpr std::int64_t trialsPerByte = 16;
+constexpr std::int64_t costOfTrial = 1'024;  // what an attempt takes whatever the record's length, in bytes
+constexpr std::int64_t mostShared = 64 * longestTLS12Body;
 
 constexpr std::int64_t mostFailures = 64;  // records
 constexpr std::int64_t fewTrials = 4;
@@ -53,11 +54,14 @@ constexpr std::uint8_t keyUpdate = 24;           // RFC 8446 §4.6.3
 
 }  // namespace
 
-ReachWalk::~ReachWalk() = default;
+ReachWalk::~ReachWalk()
+{
+    if (failuresLeft_ < 0) connection_.secrets().allowance->giveBack(offset_ - lostBytes_);
+}
 
 ReachWalk::ReachWalk(ReachConnection& connection, Direction direction)
     : connection_(connection), direction_(direction), data_(connection.stream().data(direction)), reader_(data_), lost_(data_),
-      trialBudget_(firstBudget)
+      sharedBudget_(mostShared)
 {
     const auto& parameters = connection.parameters();
     hasEnded_ = !parameters || !parameters->suite;
@@ -269,7 +273,7 @@ bool ReachWalk::next(std::uint8_t* target)
         } else {
             if (record_.contentType == applicationData) ++protectedRecords_;
             if (tryRecord(target)) {
-                trialBudget_ += trialsPerByte * passed();
+                if (failuresLeft_ < 0) trialBudget_ += trialsPerByte * passed();
                 return true;
             }
             if (failuresLeft_ > 0 && --failuresLeft_ == 0) hasEnded_ = true;
@@ -287,10 +291,11 @@ void ReachWalk::goOn()
     cutFrom_.reset();
 }
 
-bool ReachWalk::opensWithin(int records)
+bool ReachWalk::opensWithin(GuessEffort effort)
 {
-    failuresLeft_ = records;
-    trialBudget_ = fewBytes;
+    failuresLeft_ = effort.records;
+    mostTrialsOfRecord_ = effort.trials;
+    trialBudget_ = std::numeric_limits<std::int64_t>::max();
     return next();
 }
 
@@ -326,9 +331,14 @@ bool ReachWalk::isOfPeersCipher(const Candidate& candidate)
 bool ReachWalk::spend(const ProtectedRecord& record, std::int64_t openings, std::int64_t extraCost)
 {
     const std::int64_t cost = openings * (record.body.size() + costOfTrial) + extraCost;
-    if (openings > trialsLeft_ || cost > trialBudget_) return false;
+    if (openings > trialsLeft_) return false;
+    if (cost <= trialBudget_)
+        trialBudget_ -= cost;
+    else if (cost <= sharedBudget_ && connection_.secrets().allowance->take(cost))
+        sharedBudget_ -= cost;
+    else
+        return false;
     trialsLeft_ -= openings;
-    trialBudget_ -= cost;
     trialBytes_ += cost;
     return true;
 }
@@ -441,7 +451,7 @@ bool ReachWalk::tryRecord(std::uint8_t* target)
 bool ReachWalk::tryCandidates(const ProtectedRecord& record, std::uint8_t* target)
 {
     // Where so many records in a row do not open, more of the same is not likely to help.
-    const std::int64_t trials = failedRecords_ < mostFailures ? mostTrials : fewTrials;
+    const std::int64_t trials = failedRecords_ < mostFailures ? mostTrialsOfRecord_ : fewTrials;
     trialsLeft_ = trials;
     const auto opens = [&](const Candidate& candidate) {
         if (!attempt(candidate, record, target)) return false;

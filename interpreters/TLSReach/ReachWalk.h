@@ -18,6 +18,7 @@
 namespace sealscope {
 
 class ReachConnection;
+struct GuessEffort;
 
 /// Opens the protected records of one direction one after another, and finds the next again where bytes were lost. Used by one
 /// thread; outlived by the connection.
@@ -37,7 +38,7 @@ public:
     void goOn();
 
     /// Whether one of the next few protected records opens.
-    bool opensWithin(int records);
+    bool opensWithin(GuessEffort effort);
 
     // Of the record that opened last.
     const TLSRecord& record() const { return record_; }
@@ -65,6 +66,7 @@ public:
     std::int64_t offset() const { return offset_; }
     /// Hello messages of handshakes under encryption, in order.
     const std::vector<AssembledMessage>& innerHellos() const { return innerHellos_; }
+    /// What trials cost: the bytes that were decrypted for them, and something for each.
     std::int64_t trialBytes() const { return trialBytes_; }
     /// Openings of the record that was tried most.
     std::int64_t mostTried() const { return mostTried_; }
@@ -163,11 +165,13 @@ private:
     std::int64_t failedRecords_ = 0;  ///< in a row
     bool openedAny_ = false;
     std::int64_t failuresLeft_ = -1;  ///< records that may fail before the walk ends; negative: as many as do
+    int mostTrialsOfRecord_ = mostTrials;
     bool hasKeys_ = false;
     bool hasEnded_ = false;
     std::optional<std::int64_t> cutFrom_;
-    std::int64_t trialBudget_ = 0;  ///< bytes
-    std::int64_t lostBytes_ = 0;    ///< in holes that were stepped over to find a record
+    std::int64_t trialBudget_ = 0;   ///< bytes
+    std::int64_t sharedBudget_ = 0;  ///< bytes, that may still be taken from the allowance of all connections
+    std::int64_t lostBytes_ = 0;     ///< in holes that were stepped over to find a record
     std::int64_t trialBytes_ = 0;
     std::unique_ptr<std::uint8_t[]> buffer_;
     std::int64_t bufferSize_ = 0;

@@ -87,8 +87,13 @@ TEST(VerdictSentence, NamesTheCauseAndWhatHelps)
         {"more of them than are tried",
          {noHandshake, Report{.search = TLSSecretSearchReport{5'000, 1'024}}, {}},
          {.clientBytes = 500, .serverBytes = 4'000},
-         "the capture starts after the Client Hello; start capturing before the connection opens; the secrets of the last 1024 of 5000 "
+         "the capture starts after the Client Hello; start capturing before the connection opens; the secrets of 1024 of 5000 "
          "connections in the key log were tried, and none opens a record"},
+        {"more connections than secrets are tried for",
+         {noHandshake, Report{.search = TLSSecretSearchReport{5'000, 0}}, {}},
+         {.clientBytes = 500, .serverBytes = 4'000},
+         "the capture starts after the Client Hello; start capturing before the connection opens; the secrets in the key log were not "
+         "tried: earlier trials took the time that there is for them"},
         {"a hello that is not there",
          {noHandshake, Report{}, {}},
          whole,

@@ -180,13 +180,13 @@ Bytes clientHello(const Bytes& extensions, int suites)
     return record(22, handshake(1, body));
 }
 
-Bytes serverHello(const Bytes& extensions)
+Bytes serverHello(const Bytes& extensions, std::uint16_t suite)
 {
     Bytes body, all = extension(43, {3, 4});
     put16(body, 0x0303);
     put(body, Bytes(32, 9));
     put8(body, 0);
-    put16(body, 0x1301);
+    put16(body, suite);
     put8(body, 0);
     put(body, counted(put(all, extensions), 2));
     return record(22, handshake(2, body));

@@ -98,7 +98,7 @@ Bytes handshake(std::uint8_t type, const Bytes& body);
 Bytes extension(std::uint16_t type, const Bytes& body);
 /// Hellos of TLS 1.3, by which a stream is one that could be decrypted.
 Bytes clientHello(const Bytes& extensions = {}, int suites = 1);
-Bytes serverHello(const Bytes& extensions = {});
+Bytes serverHello(const Bytes& extensions = {}, std::uint16_t suite = 0x1301);
 Bytes serverName(std::string_view name);
 
 }  // namespace sealscope::hostile

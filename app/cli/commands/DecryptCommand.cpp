@@ -230,8 +230,9 @@ const Command decryptCommand{
                 "sealscope decrypt -k keys.txt --pcap plain.pcap capture.pcapng|a capture for other tools\n"
                 "sealscope decrypt -k keys.txt --inject-secrets all.pcapng capture.pcap|the capture with its secrets inside\n"
                 "sealscope decrypt --strip-secrets share.pcapng all.pcapng|the capture without any\n",
-    .options = {Option::stream, Option::keylog, Option::privateKey, Option::passphraseFile, Option::reach, Option::output, Option::pcap,
-                Option::injectSecrets, Option::stripSecrets, Option::gaps, Option::force, Option::json, Option::filter, Option::count},
+    .options = {Option::stream, Option::keylog, Option::privateKey, Option::passphraseFile, Option::mostKeyExchanges, Option::reach,
+                Option::output, Option::pcap, Option::injectSecrets, Option::stripSecrets, Option::gaps, Option::force, Option::json,
+                Option::filter, Option::count},
     .access = Access::captures,
     .run = runDecrypt};
 

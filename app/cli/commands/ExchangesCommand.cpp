@@ -65,8 +65,8 @@ const Command exchangesCommand{
         "key logs hold the secrets, and as they are where nothing is encrypted.",
     .examples = "sealscope exchanges -k keys.txt capture.pcapng|like an access log\n"
                 "sealscope exchanges --json capture.pcapng \\| jq 'select(.reply.status >= 400)'|for scripts\n",
-    .options = {Option::stream, Option::keylog, Option::privateKey, Option::passphraseFile, Option::reach, Option::largestBody,
-                Option::mostMessages, Option::json, Option::filter, Option::count},
+    .options = {Option::stream, Option::keylog, Option::privateKey, Option::passphraseFile, Option::mostKeyExchanges, Option::reach,
+                Option::largestBody, Option::mostMessages, Option::json, Option::filter, Option::count},
     .countsRows = true,
     .access = Access::captures,
     .isPaged = true,

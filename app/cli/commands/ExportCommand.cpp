@@ -95,8 +95,8 @@ const Command exportCommand{
     .description = "Writes what was said in a format of another program. Without a FORMAT lists the formats.",
     .examples = "sealscope export|the formats\n"
                 "sealscope export har -k keys.txt --output capture.har capture.pcapng|for a browser's developer tools\n",
-    .options = {Option::stream, Option::keylog, Option::privateKey, Option::passphraseFile, Option::reach, Option::output, Option::force,
-                Option::largestBody, Option::mostMessages, Option::json, Option::filter, Option::count},
+    .options = {Option::stream, Option::keylog, Option::privateKey, Option::passphraseFile, Option::mostKeyExchanges, Option::reach,
+                Option::output, Option::force, Option::largestBody, Option::mostMessages, Option::json, Option::filter, Option::count},
     .fewestArguments = 0,
     .access = Access::captures,
     .run = runExport};

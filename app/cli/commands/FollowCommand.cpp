@@ -222,8 +222,9 @@ const Command followCommand{
     .examples = "sealscope follow capture.pcapng|every conversation\n"
                 "sealscope follow --stream 3 -k keys.txt capture.pcapng|one of them, decrypted\n"
                 "sealscope follow --json capture.pcapng|one JSON object a stream\n",
-    .options = {Option::stream, Option::keylog, Option::privateKey, Option::passphraseFile, Option::noInterpreters, Option::bodies,
-                Option::largestBody, Option::mostMessages, Option::reach, Option::json, Option::filter, Option::count},
+    .options = {Option::stream, Option::keylog, Option::privateKey, Option::passphraseFile, Option::mostKeyExchanges,
+                Option::noInterpreters, Option::bodies, Option::largestBody, Option::mostMessages, Option::reach, Option::json,
+                Option::filter, Option::count},
     .access = Access::captures,
     .isPaged = true,
     .run = runFollow};

@@ -115,8 +115,8 @@ const Command objectsCommand{
         "Saves the body of each request and reply to a file in a folder, without compression, and prints a row each. A name that\n"
         "is taken gets a number; nothing that exists is replaced without --force.",
     .examples = "sealscope objects -k keys.txt --output saved capture.pcapng|everything that was downloaded and uploaded\n",
-    .options = {Option::stream, Option::keylog, Option::privateKey, Option::passphraseFile, Option::reach, Option::output, Option::force,
-                Option::largestBody, Option::mostMessages, Option::json, Option::filter, Option::count},
+    .options = {Option::stream, Option::keylog, Option::privateKey, Option::passphraseFile, Option::mostKeyExchanges, Option::reach,
+                Option::output, Option::force, Option::largestBody, Option::mostMessages, Option::json, Option::filter, Option::count},
     .access = Access::captures,
     .run = runObjects};
 

@@ -167,8 +167,8 @@ const Command streamsCommand{
     .examples = "sealscope streams capture.pcapng|all connections\n"
                 "sealscope streams -k keys.txt capture.pcapng|with the secrets of a key log\n"
                 "sealscope streams --json capture.pcapng \\| jq 'select(.verdict != \"decrypted\")'|for scripts\n",
-    .options = {Option::stream, Option::keylog, Option::privateKey, Option::passphraseFile, Option::reach, Option::json, Option::filter,
-                Option::count},
+    .options = {Option::stream, Option::keylog, Option::privateKey, Option::passphraseFile, Option::mostKeyExchanges, Option::reach,
+                Option::json, Option::filter, Option::count},
     .access = Access::captures,
     .isPaged = true,
     .run = runStreams};

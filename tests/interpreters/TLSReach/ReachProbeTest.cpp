@@ -175,6 +175,15 @@ TEST(ReachProbe, OpensWithTheServersKey)
     EXPECT_EQ(withoutKey(*other), (TLSPrivateKeyReport{Use::otherCertificate, "example.org"}));
     EXPECT_EQ(probeWithKeys({*other})->report(stream, ReportDepth::opened)->plaintextBytes(), 0);
 
+    // A key exchange is opened once, and only so many of them.
+    for (const int most : {0, 1}) {
+        const auto secrets = ReachSecrets::of("");
+        secrets->privateKeys = {*key};
+        secrets->keyExchanges = std::make_shared<KeyExchanges>(most);
+        for (int again = 0; again < 2; ++again)
+            EXPECT_EQ(ReachConnection(stream, secrets).privateKeyReport()->use, most == 0 ? Use::notTried : Use::fits);
+    }
+
     // What a key decrypts may stand in a key log as well.
     for (const AssembledMessage& message : clearHandshake(stream.clientToServerData).messages) {
         if (message.type != 16) continue;
@@ -211,6 +220,16 @@ TEST(ReachProbe, OpensWithoutTheHandshake)
     for (int i = 0; i < 1'100; ++i) many += fmt::format("SERVER_TRAFFIC_SECRET_0 {:064x} {:064x}\n", i, i);
     const Data late = runTLS({.version = 0x0304}, steps).wire(server).sub(40'000, 20'000);
     EXPECT_EQ(probeWith(many)->report(vectorStream(Data(), late), ReportDepth::hellos)->search, (TLSSecretSearchReport{1'100, 1'024}));
+    // Nor do many connections: they share what trials may cost, beside what their own bytes pay for.
+    const auto secrets = ReachSecrets::of(many);
+    std::int64_t fewest = 1'024;
+    for (int i = 0; i < 40; ++i) {
+        const TCPStream stream = vectorStream(Data(), late.sub(i, 2'000));
+        const auto search = ReachConnection(stream, secrets).search().value();
+        EXPECT_EQ(ReachConnection(stream, secrets).search(), search) << "looked for once";
+        fewest = std::min(fewest, search.tried);
+    }
+    EXPECT_LT(fewest, 10);
     // Without the handshake's secrets the application's still open what is theirs.
     const TLSSession session = runTLS({.version = 0x0304}, steps);
     const auto probe = probeWith(without(without(session.keyLog, "CLIENT_HANDSHAKE"), "SERVER_HANDSHAKE"));
