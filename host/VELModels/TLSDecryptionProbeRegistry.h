@@ -119,11 +119,11 @@ struct TLSPrivateKeyReport {
     bool operator==(const TLSPrivateKeyReport&) const = default;
 };
 
-/// What was done about a connection without a Client Hello, which nothing tells the secrets of: one client random's after another were
-/// tried.
+/// What was done in vain about a connection without a Client Hello, which nothing tells the secrets of: one client random's after another
+/// were tried.
 struct TLSSecretSearchReport {
     std::int64_t candidates = 0;  ///< client randoms whose secrets at hand could be the connection's
-    std::int64_t tried = 0;       ///< of them, the last that the key logs got first; fewer where one opened, or where there are too many
+    std::int64_t tried = 0;       ///< of them; fewer where there are too many, or where earlier trials took the time for these
     bool operator==(const TLSSecretSearchReport&) const = default;
 };
 
@@ -159,7 +159,7 @@ struct TLSDecryptionReport {
     /// Other known labels under which the key logs hold a secret for the client random: those of another version, say.
     std::vector<std::string> otherLabels;
     std::optional<TLSPrivateKeyReport> privateKeys;  ///< nothing where none is at hand, or of use to the probe
-    std::optional<TLSSecretSearchReport> search;     ///< nothing where there was nothing to look for, or to try
+    std::optional<TLSSecretSearchReport> search;     ///< nothing where there was nothing to look for or to try, or where one opened
     TLSDirectionReport client;
     TLSDirectionReport server;
 

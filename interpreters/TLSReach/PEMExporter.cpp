@@ -6,6 +6,7 @@
 #include "Sealscope/TLSStreamDecryption.h"
 #include "interpreters/TLSReach/ReachConnection.h"
 #include "interpreters/TLSReach/ReachMessages.h"
+#include "platform/HMAC.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -27,7 +28,7 @@ public:
     void add(const ExportedStream& exported, const Write& write) override
     {
         const auto put = [&](Direction direction, std::string chain) {
-            if (chain.empty() || !chains_.insert(chain).second) return;
+            if (chain.empty() || !chains_.insert(digest(HashFunction::sha256, {DataView(chain)})).second) return;
             write(DataView(heading(exported.stream, direction) + chain + '\n'));
         };
         if (!exported.isContinued) {
@@ -52,7 +53,7 @@ private:
                            direction == Direction::serverToClient ? "server" : "client");
     }
 
-    std::set<std::string> chains_;  ///< of the last stream
+    std::set<SecretBytes> chains_;  ///< of the last stream, by their SHA-256
 };
 
 }  // namespace

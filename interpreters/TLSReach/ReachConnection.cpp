@@ -139,6 +139,8 @@ RecordKeys keysOf(Direction direction, const HandshakeParameters& parameters, Da
 ClearHandshake clearHandshake(const StreamData& data)
 {
     constexpr std::size_t mostMessages = 1'000;  // a handshake has a dozen
+    constexpr std::size_t mostBytes = 4 << 20;
+    std::size_t bytes = 0;
     ClearHandshake found;
     std::vector<AssembledMessage>& messages = found.messages;
     HandshakeAssembler assembler;
@@ -149,10 +151,14 @@ ClearHandshake clearHandshake(const StreamData& data)
         if (type == TLSContentType::alert && record.majorVersion == 3) return true;
         found.isOver = type != TLSContentType::handshake || record.majorVersion != 3;
         if (found.isOver) return false;
+        const std::ptrdiff_t before = std::ssize(messages);
         assembler.add(data.gather(record.bodyOffset, record.declaredLength, gathered), {record.bodyOffset, record.endOffset()}, messages);
         // A Hello Request belongs to no handshake (RFC 5246 §7.4.1.1), and lost bytes read as a crowd of them.
-        std::erase_if(messages, [](const AssembledMessage& message) { return message.type == 0 && message.body.isEmpty(); });
-        found.isOver = messages.size() >= mostMessages;
+        const auto isHelloRequest = [](const AssembledMessage& message) { return message.type == 0 && message.body.isEmpty(); };
+        messages.erase(std::remove_if(messages.begin() + before, messages.end(), isHelloRequest), messages.end());
+        for (auto message = messages.begin() + before; message != messages.end(); ++message)
+            bytes += static_cast<std::size_t>(message->body.size()) + message->records.size() * sizeof(ByteRange);
+        found.isOver = messages.size() >= mostMessages || bytes > mostBytes;
         return !found.isOver;
     });
     return found;
@@ -337,11 +343,11 @@ std::optional<SecretBytes> ReachConnection::premasterSecret(const HandshakeParam
 const CertificateKeys& ReachConnection::certificateKeys() const
 {
     if (certificateKeys_) return *certificateKeys_;
-    auto& [isRead, keys] = certificateKeys_.emplace();
+    auto& [isKnown, keys] = certificateKeys_.emplace();
     const auto certificate = serverCertificate();
-    isRead = !secrets_->privateKeys.empty() && certificate && TLSDissector::certSummary(*certificate);
+    isKnown = certificate.has_value();
     for (const PrivateKey& key : secrets_->privateKeys)
-        if (!isRead || key.isOf(*certificate)) keys.push_back(key);
+        if (!isKnown || key.isOf(*certificate)) keys.push_back(key);
     return *certificateKeys_;
 }
 
@@ -349,6 +355,8 @@ std::optional<DataView> ReachConnection::serverCertificate() const
 {
     const auto* const message = clearMessage(Direction::serverToClient, TLSHandshakeType::certificate);
     if (!message) return std::nullopt;
+    const LostBytes lost(stream_.serverToClientData);
+    if (std::ranges::any_of(message->records, [&](ByteRange record) { return lost.anyOf(record); })) return std::nullopt;
     const std::vector<DataView> chain = ReachMessages::certificates(message->body, ReachMessages::Form::upToTLS12);
     return chain.empty() ? std::nullopt : std::optional(chain.front());
 }
@@ -360,9 +368,11 @@ std::optional<TLSPrivateKeyReport> ReachConnection::privateKeyReport() const
     if (!parameters_->suite->isRSAKeyExchange) return TLSPrivateKeyReport{Use::otherKeyExchange, {}};
     if (!encryptedPremaster(*parameters_)) return TLSPrivateKeyReport{Use::noKeyExchange, {}};
     const auto certificate = serverCertificate();
-    const auto summary = certificate ? TLSDissector::certSummary(*certificate) : std::nullopt;
+    constexpr std::int64_t longestNamed = 16'384;  // another is not worth its time
+    const bool isNamed = certificate && certificate->size() <= longestNamed;
+    const auto summary = isNamed ? TLSDissector::certSummary(*certificate) : std::nullopt;
     const bool hasSecret = hasKeyMaterial();
-    const bool fits = certificateKeys().isCertificateRead ? !certificateKeys().keys.empty() : hasSecret;
+    const bool fits = certificateKeys().isCertificateKnown ? !certificateKeys().keys.empty() : hasSecret;
     const Use use = !hasSecret && !wasKeyExchangeTried_ ? Use::notTried : fits ? Use::fits : Use::otherCertificate;
     return TLSPrivateKeyReport{use, summary ? summary->subjectCN.value_or("") : ""};
 }
@@ -420,7 +430,11 @@ std::unique_ptr<RecordOpener> ReachConnection::openerAfterChange(Direction direc
     auto opener =
         makeRecordOpener(*parameters->suite, parameters->version, parameters->encryptsThenMACs ? MACPlace::behind : MACPlace::inside,
                          keysOf(direction, *parameters, viewOf(*secret)));
-    return parameters->compresses ? inflating(std::move(opener)) : std::move(opener);
+    if (!parameters->compresses) return opener;
+    const auto mayGrow = [secrets = secrets_, key = InflationAllowance::Key{stream_.key.number, direction, change}](std::int64_t bytes) {
+        return secrets->inflation->allows(key, bytes);
+    };
+    return inflating(std::move(opener), mayGrow);
 }
 
 ReachWalk& ReachConnection::scout(Direction direction)

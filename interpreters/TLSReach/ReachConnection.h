@@ -56,7 +56,7 @@ ClearHandshake clearHandshake(const StreamData& data);
 
 /// The private keys that may belong to the server's certificate.
 struct CertificateKeys {
-    bool isCertificateRead = false;  ///< else all of them may
+    bool isCertificateKnown = false;  ///< else all of them may
     std::vector<PrivateKey> keys;
 };
 
@@ -81,7 +81,7 @@ public:
     const std::optional<ServerHelloInfo>& serverHello() const { return serverHello_; }
     TLSDecryptionReport::Hello clientHelloState() const { return clientHelloState_; }
     TLSDecryptionReport::Hello serverHelloState() const { return serverHelloState_; }
-    /// How whose connection it is was looked for; nothing where a hello says so, or no secret could be the connection's.
+    /// How whose connection it is was looked for in vain; nothing where that is known, or no secret could be the connection's.
     const std::optional<TLSSecretSearchReport>& search() const { return search_; }
     /// What the private keys at hand are to the connection; nothing where there are none.
     std::optional<TLSPrivateKeyReport> privateKeyReport() const;

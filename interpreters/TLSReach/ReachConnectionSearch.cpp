@@ -94,6 +94,7 @@ std::vector<KeyLogClients::Client> ReachConnection::ownClient() const
 
 void ReachConnection::settleWithoutHellos()
 {
+    if (secrets_->keyLog.secrets.isEmpty()) return;
     const KeyLogClients& clients = isBeforeTLS13WithoutClient() ? secrets_->clientsOfTLS12() : secrets_->clientsOfTLS13();
     if (clients.all.empty() && !clientHello_) return;
     const std::string name = nameOfSearch();
@@ -101,12 +102,14 @@ void ReachConnection::settleWithoutHellos()
     if (!outcome) {
         outcome = search(clientHello_ ? ownClient() : secrets_->searches->likeliest(stream_.key.number, clients));
         secrets_->searches->remember(name, *outcome);
-        if (outcome->isSettled) secrets_->searches->meet(stream_.key.number, outcome->clientRandom);
-    } else if (outcome->isSettled) {
+    }
+    if (outcome->isSettled) {
+        secrets_->searches->meet(stream_.key.number, outcome->clientRandom);
         parameters_ = supposed(outcome->clientRandom, outcome->suite);
         parameters_->isSuiteKnown = true;
+    } else if (!clientHello_) {
+        search_ = TLSSecretSearchReport{.candidates = std::ssize(clients.all), .tried = outcome->tried};
     }
-    if (!clientHello_) search_ = TLSSecretSearchReport{.candidates = std::ssize(clients.all), .tried = outcome->tried};
 }
 
 SearchMemory::Outcome ReachConnection::search(const std::vector<KeyLogClients::Client>& clients)

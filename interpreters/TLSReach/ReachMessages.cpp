@@ -153,9 +153,11 @@ std::vector<DataView> ReachMessages::certificates(DataView body, Form form)
 
 std::string ReachMessages::pem(const std::vector<DataView>& certificates)
 {
-    constexpr std::size_t lineLength = 64;  // RFC 7468 §2
+    constexpr std::size_t lineLength = 64;             // RFC 7468 §2
+    constexpr std::int64_t shortestCertificate = 100;  // none that has a key is as short
     std::string text;
     for (const DataView der : certificates) {
+        if (der.size() < shortestCertificate) continue;
         const auto summary = TLSDissector::certSummary(der);
         // A name is an attacker's text; a comment ends with its line.
         std::string subject = summary && summary->subjectCN ? *summary->subjectCN : std::string("no common name");

@@ -71,6 +71,16 @@ private:
     std::optional<PlaintextGap> gap_;  ///< in front of the next record
 };
 
+/// Bytes of what is said of a message.
+std::size_t textSize(const StreamMessage& message)
+{
+    std::size_t size = message.summary.size();
+    for (const DetailRow& row : message.detail) size += row.name.size() + row.value.size();
+    for (const auto& attribute : message.attributes)
+        if (const auto* const text = std::get_if<std::string>(&attribute.value)) size += text->size();
+    return size;
+}
+
 /// What a direction says under encryption.
 struct OpenedDirection {
     std::shared_ptr<const ReachPlaintext> plaintext;
@@ -86,8 +96,9 @@ OpenedDirection openedDirection(ReachConnection& connection, Direction direction
     OpenedDirection opened;
     auto plaintext = std::make_shared<ReachPlaintext>(
         stream.data(direction), direction == Direction::serverToClient ? stream.serverByteIndex : stream.clientByteIndex);
-    // A record has room for thousands that say nothing.
-    constexpr std::size_t mostHandshakeMessages = 10'000;
+    // A record has room for thousands that say nothing, and some say much in few bytes.
+    constexpr std::size_t mostHandshakeMessages = 10'000, mostTextOfHandshake = 4 << 20;
+    std::size_t text = 0;
     std::int64_t unshown = 0;
     ReachWalk walk(connection, direction);
     while (walk.next(plaintext->room(PlaintextReader::largestRecord))) {
@@ -101,12 +112,13 @@ OpenedDirection openedDirection(ReachConnection& connection, Direction direction
             plaintext->add(walk.content().size(), {walk.record().bodyOffset, walk.record().endOffset()},
                            {walk.opener(), walk.sequence(), walk.offsetUnderKey()});
         for (const AssembledMessage& message : walk.messages()) {
-            if (opened.handshake.size() == mostHandshakeMessages) {
+            if (opened.handshake.size() == mostHandshakeMessages || text > mostTextOfHandshake) {
                 ++unshown;
                 continue;
             }
             opened.handshake.push_back(
                 ReachMessages::message(message, isTLS13 ? ReachMessages::Form::TLS13 : ReachMessages::Form::upToTLS12, direction, stream));
+            text += textSize(opened.handshake.back());
             if (isTLS13 && message.type == std::to_underlying(TLSHandshakeType::encryptedExtensions))
                 opened.applicationProtocol = TLSApplicationProtocol::ofEncryptedExtensions(message.body);
         }

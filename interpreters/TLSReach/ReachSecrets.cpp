@@ -65,6 +65,19 @@ KeyExchanges::Outcome KeyExchanges::open(DataView encrypted, const std::vector<P
     return {std::move(secret)};
 }
 
+bool InflationAllowance::allows(const Key& key, std::int64_t bytes)
+{
+    const std::lock_guard lock(mutex_);
+    const auto found = allowed_.try_emplace(key).first;
+    const std::int64_t more = bytes - found->second;
+    if (more > left_) return false;
+    if (more > 0) {
+        left_ -= more;
+        found->second = bytes;
+    }
+    return true;
+}
+
 std::optional<SearchMemory::Outcome> SearchMemory::recall(const std::string& connection) const
 {
     const std::lock_guard lock(mutex_);
@@ -94,9 +107,8 @@ std::int64_t SearchMemory::placeBeside(std::int64_t number, const KeyLogClients&
 {
     constexpr std::int64_t farthest = 256;
     const auto placeOf = [&](std::int64_t other) -> std::optional<std::int64_t> {
-        if (other < 0 || other >= std::ssize(met_)) return std::nullopt;
-        const auto found = clients.places.find(met_[static_cast<std::size_t>(other)]);
-        return found == clients.places.end() ? std::nullopt : std::optional(found->second);
+        if (other < 0 || other >= std::ssize(met_) || met_[static_cast<std::size_t>(other)] == 0) return std::nullopt;
+        return clients.placeOf(met_[static_cast<std::size_t>(other)]);
     };
     for (std::int64_t distance = 1; distance <= farthest; ++distance) {
         if (const auto before = placeOf(number - distance)) return *before + 1;
@@ -137,10 +149,17 @@ KeyLogClients KeyLogClients::of(const TLSSecrets& secrets, std::string_view labe
     KeyLogClients clients;
     secrets.forEach([&](std::string_view itsLabel, DataView clientRandom, DataView secret) {
         if (itsLabel != label) return;
-        clients.places.insert_or_assign(briefOf(clientRandom), std::ssize(clients.all));
+        clients.places_.emplace_back(briefOf(clientRandom), std::ssize(clients.all));
         clients.all.push_back({clientRandom, secret.size()});
     });
+    std::ranges::sort(clients.places_);
     return clients;
+}
+
+std::optional<std::int64_t> KeyLogClients::placeOf(std::uint64_t brief) const
+{
+    const auto found = std::ranges::lower_bound(places_, brief, {}, &std::pair<std::uint64_t, std::int64_t>::first);
+    return found == places_.end() || found->first != brief ? std::nullopt : std::optional(found->second);
 }
 
 std::shared_ptr<ReachSecrets> ReachSecrets::of(std::string_view text)
@@ -178,6 +197,7 @@ std::shared_ptr<const ReachSecrets> ReachSecretStore::current()
     if (secrets_) {
         fresh->memory = secrets_->memory;
         fresh->allowance = secrets_->allowance;
+        fresh->inflation = secrets_->inflation;
     }
     generation_ = generation;
     return secrets_ = std::move(fresh);

@@ -3,6 +3,7 @@
 
 #include "Sealscope/TLSKeyLog.h"
 #include "host/VELCommonTools/KeyLogSources.h"
+#include "host/VELModels/TCPSegment.h"
 #include "interpreters/TLSReach/TrialAllowance.h"
 #include "platform/PrivateKey.h"
 #include "platform/SecretMemory.h"
@@ -11,10 +12,11 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
-#include <unordered_map>
-#include <unordered_set>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 namespace sealscope {
@@ -51,6 +53,20 @@ private:
     TrialAllowance allowance_;
 };
 
+/// What compressed records (RFC 3749) may become beyond some times their size, of all connections together. Any thread may use it.
+class InflationAllowance {
+public:
+    /// A connection's number, a direction of it, and its ChangeCipherSpec in front.
+    using Key = std::tuple<std::int64_t, TCPSegment::Direction, std::int64_t>;
+    /// Whether what stands there may become so many bytes more. Who asks again gets the same answer.
+    bool allows(const Key& key, std::int64_t bytes);
+
+private:
+    std::mutex mutex_;
+    std::map<Key, std::int64_t> allowed_;
+    std::int64_t left_ = std::int64_t{64} << 20;
+};
+
 /// The client randoms of a key log that have a secret under one label, in its order. Lent by the key log.
 struct KeyLogClients {
     struct Client {
@@ -58,11 +74,15 @@ struct KeyLogClients {
         std::int64_t secretLength = 0;  ///< bytes
     };
     std::vector<Client> all;
-    std::unordered_map<std::uint64_t, std::int64_t> places;  ///< in `all`, by `briefOf`
 
     static KeyLogClients of(const TLSSecrets& secrets, std::string_view label);
+    /// Where in `all` a client stands.
+    std::optional<std::int64_t> placeOf(std::uint64_t brief) const;
     /// The first bytes of a client random.
     static std::uint64_t briefOf(DataView random);
+
+private:
+    std::vector<std::pair<std::uint64_t, std::int64_t>> places_;  ///< in order of the first: who writes a key log chooses them all
 };
 
 /// What is known of the connections of a capture that helps to find the secrets of those without hellos. Any thread may use it.
@@ -91,7 +111,7 @@ private:
     mutable std::mutex mutex_;
     std::map<std::string, Outcome> outcomes_;
     std::vector<std::uint64_t> met_;  ///< by number of connection; 0: not met
-    std::unordered_set<std::uint64_t> taken_;
+    std::set<std::uint64_t> taken_;
 };
 
 /// The secrets at hand at one moment. Immutable but for what it remembers; any thread may read it.
@@ -104,6 +124,7 @@ struct ReachSecrets {
     std::shared_ptr<KeyExchanges> keyExchanges = std::make_shared<KeyExchanges>();
     /// For trials of keys and sequence numbers, in bytes to decrypt: about half a second.
     std::shared_ptr<TrialAllowance> allowance = std::make_shared<TrialAllowance>(400'000'000);
+    std::shared_ptr<InflationAllowance> inflation = std::make_shared<InflationAllowance>();
     const std::shared_ptr<SearchMemory> searches = std::make_shared<SearchMemory>();
 
     /// Reads a key log text, the lines with session IDs too.

@@ -186,6 +186,22 @@ std::optional<ReachSuite> ReachSuite::ofName(std::string_view name)
     return suite;
 }
 
+std::int64_t ReachSuite::costPerByte() const
+{
+    if (isAEAD()) return block == BlockCipher::aes ? 2 : 14;
+    switch (bulk) {
+    case BulkAlgorithm::aesCBC: return 2;
+    case BulkAlgorithm::rc4: return 4;
+    case BulkAlgorithm::camelliaCBC:
+    case BulkAlgorithm::ariaCBC:
+    case BulkAlgorithm::seedCBC: return 14;
+    case BulkAlgorithm::ideaCBC:
+    case BulkAlgorithm::desCBC: return 20;
+    case BulkAlgorithm::tripleDESCBC: return 40;
+    }
+    std::unreachable();
+}
+
 std::optional<ReachSuite> ReachSuite::of(std::uint16_t codePoint) { return ofName(nameOf(codePoint)); }
 
 std::string ReachSuite::name(std::uint16_t codePoint)

@@ -35,6 +35,8 @@ struct ReachSuite {
     bool isTLS13 = false;                         ///< the suite names no key exchange
     bool isRSAKeyExchange = false;                ///< the client encrypts the premaster secret to the server's certificate
 
+    /// How long a byte takes to decrypt, about, where one of AES-GCM takes 1.
+    std::int64_t costPerByte() const;
     bool isAEAD() const { return protection >= RecordProtection::gcm; }
     /// Bytes of the write IV that the key block gives an AEAD of TLS 1.2: all of the nonce, or its first part.
     std::int64_t fixedIVLength() const;

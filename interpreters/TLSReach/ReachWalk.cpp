@@ -47,6 +47,9 @@ constexpr std::int64_t rounds = 8;
 
 constexpr std::int64_t early = 0, handshake = 1, application = 2;
 
+constexpr std::int64_t mostInnerHellos = 1'000;
+constexpr std::int64_t longestInnerHello = 8'192;
+
 constexpr std::int64_t lengthOfVerifyData = 12;  // RFC 5246 §7.4.9
 constexpr std::int64_t lengthOfSSL3Hashes = 36;  // RFC 6101 §5.6.9
 constexpr std::uint8_t endOfEarlyData = 5;       // RFC 8446 §4.5
@@ -330,7 +333,8 @@ bool ReachWalk::isOfPeersCipher(const Candidate& candidate)
 /// Takes openings of a record off what it and the walk may cost; false when there is nothing left.
 bool ReachWalk::spend(const ProtectedRecord& record, std::int64_t openings, std::int64_t extraCost)
 {
-    const std::int64_t cost = openings * (record.body.size() + costOfTrial) + extraCost;
+    const std::int64_t perByte = connection_.parameters()->suite->costPerByte();
+    const std::int64_t cost = openings * (record.body.size() * perByte + costOfTrial) + extraCost * perByte;
     if (openings > trialsLeft_) return false;
     if (cost <= trialBudget_)
         trialBudget_ -= cost;
@@ -570,8 +574,9 @@ void ReachWalk::takeMessages()
     handshake_.add(content_, {record_.bodyOffset, record_.endOffset()}, messages_);
     for (const AssembledMessage& message : messages_) {
         if (!isTLS13_) {
-            if (message.type == std::to_underlying(TLSHandshakeType::clientHello) ||
-                message.type == std::to_underlying(TLSHandshakeType::serverHello))
+            const bool isHello = message.type == std::to_underlying(TLSHandshakeType::clientHello) ||
+                                 message.type == std::to_underlying(TLSHandshakeType::serverHello);
+            if (isHello && std::ssize(innerHellos_) < mostInnerHellos && message.body.size() <= longestInnerHello)
                 innerHellos_.push_back(message);
             continue;
         }

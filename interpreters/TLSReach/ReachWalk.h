@@ -64,7 +64,7 @@ public:
     const std::optional<std::int64_t>& cutFrom() const { return cutFrom_; }
     /// Where what is left over begins, which nothing opens.
     std::int64_t offset() const { return offset_; }
-    /// Hello messages of handshakes under encryption, in order.
+    /// Hello messages of handshakes under encryption, in order: the first thousand.
     const std::vector<AssembledMessage>& innerHellos() const { return innerHellos_; }
     /// What trials cost: the bytes that were decrypted for them, and something for each.
     std::int64_t trialBytes() const { return trialBytes_; }

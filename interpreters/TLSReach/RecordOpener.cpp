@@ -318,7 +318,11 @@ private:
 /// record nothing comes out any more.
 class InflatingOpener final : public RecordOpener {
 public:
-    explicit InflatingOpener(std::unique_ptr<RecordOpener> inner) : inner_(std::move(inner)) { isUsable_ = inflateInit(&stream_) == Z_OK; }
+    InflatingOpener(std::unique_ptr<RecordOpener> inner, std::function<bool(std::int64_t)> mayGrow)
+        : inner_(std::move(inner)), mayGrow_(std::move(mayGrow))
+    {
+        isUsable_ = inflateInit(&stream_) == Z_OK;
+    }
     InflatingOpener(const InflatingOpener& other) : inner_(other.inner_), next_(other.next_)
     {
         isUsable_ = other.isUsable_ && inflateCopy(&stream_, const_cast<z_stream*>(&other.stream_)) == Z_OK;
@@ -340,7 +344,11 @@ public:
         const int result = inflate(&stream_, Z_SYNC_FLUSH);
         isUsable_ = stream_.avail_in == 0 && (result == Z_OK || result == Z_STREAM_END || result == Z_BUF_ERROR);
         if (!isUsable_) return std::nullopt;
+        growth_ -= mostTimes * opened->length;
         opened->length = longestContent - static_cast<std::int64_t>(stream_.avail_out);
+        growth_ += opened->length;
+        isUsable_ = growth_ <= 0 || !mayGrow_ || mayGrow_(growth_);
+        if (!isUsable_) return std::nullopt;
         return opened;
     }
     std::unique_ptr<RecordOpener> fork() const override
@@ -354,7 +362,10 @@ public:
 
 private:
     static constexpr unsigned longestContent = 16'384;  // RFC 5246 §6.2.1
+    static constexpr std::int64_t mostTimes = 16;
     std::shared_ptr<RecordOpener> inner_;  ///< which opens records in any order
+    std::function<bool(std::int64_t)> mayGrow_;
+    std::int64_t growth_ = 0;  ///< bytes of content, less what goes without asking
     z_stream stream_{};
     bool isUsable_ = false;
     std::uint64_t next_ = 0;
@@ -369,10 +380,10 @@ template <class Opener> std::unique_ptr<RecordOpener> ifUsable(std::unique_ptr<O
 
 }  // namespace
 
-std::unique_ptr<RecordOpener> inflating(std::unique_ptr<RecordOpener> opener)
+std::unique_ptr<RecordOpener> inflating(std::unique_ptr<RecordOpener> opener, std::function<bool(std::int64_t)> mayGrow)
 {
     if (!opener) return nullptr;
-    return std::make_unique<InflatingOpener>(std::move(opener));
+    return std::make_unique<InflatingOpener>(std::move(opener), std::move(mayGrow));
 }
 
 std::unique_ptr<RecordOpener> makeRecordOpener(const ReachSuite& suite, std::uint16_t version, MACPlace place, const RecordKeys& keys)

@@ -167,7 +167,7 @@ TEST(StreamsCommand, TellsWhoseSecretsWereFoundByTrying)
     const auto search = [&](const std::string& secrets) {
         return jsonLines(sealscope({"streams", "--json", "-k", secrets, capture}).output).at(0)["reason"]["search"];
     };
-    EXPECT_EQ(search(keyLog), nlohmann::json({{"candidates", 2}, {"tried", 2}}));
+    EXPECT_TRUE(search(keyLog).is_null());
     // In vain it is told as well, by the one that tries.
     const std::string others = directory.write("others.txt", other.keyLog);
     const std::string tooLate = "the capture starts after the Client Hello; start capturing before the connection opens";

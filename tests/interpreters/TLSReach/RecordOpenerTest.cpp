@@ -160,7 +160,7 @@ TEST(RecordOpener, UndoesCompression)
 {
     const auto suite = ReachSuite::ofName("TLS_RSA_WITH_NULL_SHA");
     const RecordKeys keys = keysOf(*suite, 0);
-    const auto opener = inflating(makeRecordOpener(*suite, 0x0303, MACPlace::inside, keys));
+    const auto opener = inflating(makeRecordOpener(*suite, 0x0303, MACPlace::inside, keys), nullptr);
     z_stream stream{};
     ASSERT_EQ(deflateInit(&stream, 6), Z_OK);
     std::vector<Bytes> bodies;
@@ -179,6 +179,28 @@ TEST(RecordOpener, UndoesCompression)
     EXPECT_EQ(opened(*opener, 0, 0x0303, bodies[0], {}, 0), said);
     EXPECT_EQ(opened(*opener, 2, 0x0303, bodies[2], {}, 0), "nothing") << "what a lost record said is missing in front";
     EXPECT_EQ(opened(*opener, 1, 0x0303, bodies[1], {}, 0), said);
+
+    // What grows beyond measure is asked about, and ends where the answer is no.
+    ASSERT_EQ(deflateInit(&stream, 9), Z_OK);
+    std::int64_t asked = 0;
+    const auto bounded = inflating(makeRecordOpener(*suite, 0x0303, MACPlace::inside, keys), [&](std::int64_t bytes) {
+        asked = bytes;
+        return bytes < 40'000;
+    });
+    std::string zeros(16'384, '\0');
+    for (std::uint8_t sequence = 0; sequence < 5; ++sequence) {
+        Bytes compressed(200);
+        stream.next_in = reinterpret_cast<std::uint8_t*>(zeros.data());
+        stream.avail_in = static_cast<unsigned>(zeros.size());
+        stream.next_out = compressed.data();
+        stream.avail_out = 200;
+        ASSERT_EQ(deflate(&stream, Z_SYNC_FLUSH), Z_OK);
+        compressed.resize(200 - stream.avail_out);
+        const Bytes body = withMAC(compressed, *suite, 0x0303, keys.macKey, sequence);
+        EXPECT_EQ(opened(*bounded, sequence, 0x0303, body, {}, 0), sequence < 2 ? zeros : "nothing") << int{sequence};
+    }
+    deflateEnd(&stream);
+    EXPECT_GE(asked, 40'000);
 }
 
 // A compressed record opens behind all that were before it; what is far behind the first megabytes is opened anew from places between.
@@ -213,7 +235,7 @@ TEST(RecordOpener, OpensCompressedRecordsAnew)
 
     const DataView bytes(captured);
     ReachPlaintext plaintext(StreamData(Data(bytes)), {});
-    const std::shared_ptr<RecordOpener> opener = inflating(makeRecordOpener(*suite, 0x0303, MACPlace::inside, keys));
+    const std::shared_ptr<RecordOpener> opener = inflating(makeRecordOpener(*suite, 0x0303, MACPlace::inside, keys), nullptr);
     std::uint64_t sequence = 0;
     for (std::int64_t header = 0; header < bytes.size(); ++sequence) {
         ProtectedRecord record{.offsetUnderKey = header + 5};
