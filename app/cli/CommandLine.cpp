@@ -29,7 +29,7 @@ constexpr OptionSpec specs[] = {
     {Option::noInterpreters, 0, "no-interpreters", "", "show decrypted bytes as they are, to no further interpreter"},
     {Option::bodies, 0, "bodies", "", "print bodies whole, however long they are"},
     {Option::largestBody, 0, "largest-body", "BYTES", "stop decoding a compressed body at BYTES (1073741824 by default)"},
-    {Option::mostMessages, 0, "most-messages", "N", "stop after N messages (200000 and one for each 64 bytes by default)"},
+    {Option::mostMessages, 0, "most-messages", "N", "stop after N messages (200000 and one for each 100 bytes by default)"},
     {Option::reach, 0, "reach", "HOW", "how far decryption goes: full (the default) or strict, the TLS plug-in alone"},
     {Option::output, 'o', "output", "DIR", "write the plaintext of each direction to a file in DIR"},
     {Option::pcap, 0, "pcap", "OUT", "write the plaintext as a capture without TLS"},

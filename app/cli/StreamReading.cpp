@@ -48,7 +48,7 @@ void allowDecoding(DecodingAllowance* allowance, std::int64_t capturedBytes)
 
 std::int64_t mostMessages(const Options& options, const Session& session)
 {
-    constexpr std::int64_t ofEveryCapture = 200'000, bytesForOneMore = 64;
+    constexpr std::int64_t ofEveryCapture = 200'000, bytesForOneMore = 100;
     return options.mostMessages.value_or(ofEveryCapture + session.capture().bytesOfFiles() / bytesForOneMore);
 }
 

@@ -98,7 +98,9 @@ ExitStatus openStreams(const CommandContext& context, const Session& session, co
 
     // Rows would be mixed up with a file that goes there.
     const bool hasRows = options.pcap != "-" && options.injectSecrets != "-" && options.stripSecrets != "-";
-    std::int64_t interpreted = 0, decrypted = 0;
+    // Files take time apart from their bytes, and some hundred bytes of a capture can stand for two.
+    const std::int64_t mostFiles = 2'000 + session.capture().bytesOfFiles() / 3'072;
+    std::int64_t interpreted = 0, decrypted = 0, files = 0;
     std::string text;
     const auto print = [&](const OpenedStream& opened) {
         interpreted += opened.canInterpret;
@@ -115,6 +117,14 @@ ExitStatus openStreams(const CommandContext& context, const Session& session, co
             else
                 table.append(text, opened);
             context.output.write(text);
+        }
+        files += !opened.client.file.empty() + !opened.server.file.empty();
+        if (files >= mostFiles) {
+            complain(
+                fmt::format("{} files are written, and a capture of this size is given no more; if there are more, --stream I opens one "
+                            "connection, and --pcap takes the plaintext of all",
+                            files));
+            status = failed;
         }
         return status == done && context.output.isOpen() && !isInterrupted();
     };
