@@ -135,6 +135,7 @@ INSTANTIATE_TEST_SUITE_P(Packets, HostileTest, testing::ValuesIn(packetShapes())
 INSTANTIATE_TEST_SUITE_P(Streams, HostileTest, testing::ValuesIn(streamShapes()), byName);
 INSTANTIATE_TEST_SUITE_P(Records, HostileTest, testing::ValuesIn(recordShapes()), byName);
 INSTANTIATE_TEST_SUITE_P(Conversations, HostileTest, testing::ValuesIn(conversationShapes()), byName);
+INSTANTIATE_TEST_SUITE_P(Reach, HostileTest, testing::ValuesIn(reachShapes()), byName);
 INSTANTIATE_TEST_SUITE_P(Neighbours, HostileTest, testing::ValuesIn(neighbourShapes()), byName);
 
 }  // namespace sealscope::hostile

@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "harness/Certificates.h"
 #include "harness/TempDirectory.h"
 #include "tests/hostile/Shape.h"
 
-#include <fmt/format.h>
 #include <sys/stat.h>
 
 namespace sealscope::hostile {
@@ -24,28 +22,6 @@ Made besideKeyLog(const fs::path& folder, const std::function<std::string()>& ke
     const std::string text = keyLog();
     writeFile(folder / "keys", DataView(std::string_view(text)));
     return made;
-}
-
-Bytes joined(Bytes first, const Bytes& second) { return put(first, second); }
-
-/// So many connections of which each side says a little, with a file beside them.
-Made connections(const fs::path& folder, int count, const std::function<void(Attack&, int)>& talk, std::string_view name,
-                 const std::string& text)
-{
-    Attack attack;
-    for (int i = 0; i < count; ++i) talk(attack, i);
-    writeFile(folder / name, DataView(std::string_view(text)));
-    return save(folder, attack);
-}
-
-/// Secrets of so many clients, the first being the one of the hellos.
-std::string trafficSecrets(int clients)
-{
-    std::string text;
-    for (int i = 0; i < clients; ++i)
-        for (const char* side : {"CLIENT", "SERVER"})
-            text += fmt::format("{}_TRAFFIC_SECRET_0 {} {:064x}\n", side, i == 0 ? times("07", 32) : fmt::format("{:064x}", i), i);
-    return text;
 }
 
 /// Names that a terminal would obey, or that read otherwise than they are.
@@ -78,50 +54,6 @@ std::vector<Shape> neighbourShapes()
         return text;
     });
     addKeyLog("KeyLogOfLongSecrets", [] { return times("CLIENT_RANDOM " + times("07", 32) + " " + times("ab", 1'000'000) + "\n", 4); });
-    const std::vector<std::vector<std::string>> thatDecrypt = {{"streams"},
-                                                               {"follow"},
-                                                               {"exchanges"},
-                                                               {"export", "har", "--force", "--output", "plain.har"},
-                                                               {"decrypt", "--force", "--pcap", "plain.pcap"}};
-    shapes.push_back({.name = "SecretsOfOthersThanTheConnections",
-                      .make =
-                          [](const auto& folder) {
-                              const auto talk = [](Attack& attack, int i) {
-                                  for (const bool isServer : {false, true}) attack.send(i, isServer, record(23, Bytes(40, 1)));
-                              };
-                              return connections(folder, 2'000, talk, "keys", trafficSecrets(1'500));
-                          },
-                      .keyLog = "keys",
-                      .commands = thatDecrypt});
-    shapes.push_back({.name = "RecordsThatTheirKeyDoesNotOpen",
-                      .make =
-                          [](const auto& folder) {
-                              const auto talk = [](Attack& attack, int i) {
-                                  attack.send(i, false, joined(clientHello(), repeated(record(23, Bytes(20, 1)), 64)));
-                                  attack.send(i, true, joined(serverHello({}, 0x1303), repeated(record(23, Bytes(20, 1)), 64)));
-                              };
-                              return connections(folder, 1'000, talk, "keys", trafficSecrets(1));
-                          },
-                      .keyLog = "keys",
-                      .commands = thatDecrypt});
-    shapes.push_back({.name = "KeyExchangesWithAPrivateKey",
-                      .make =
-                          [](const auto& folder) {
-                              const auto talk = [](Attack& attack, int i) {
-                                  Bytes hello, exchange{1, 0}, encrypted(252, 1);
-                                  put(put16(hello, 0x0303), Bytes(33, 0));  // no session, and no extensions
-                                  put16(hello, 0x002F);
-                                  attack.send(i, true, record(22, handshake(2, put8(hello, 0))));
-                                  put(put32(exchange, static_cast<std::uint64_t>(i)), encrypted);
-                                  attack.send(i, false, joined(clientHello(), record(22, handshake(16, exchange))));
-                                  for (const bool isServer : {false, true})
-                                      attack.send(i, isServer, joined(record(20, {1}), record(22, Bytes(64, 1))));
-                              };
-                              const CertificateOptions rsa{.key = CertificateKey::rsa2048};
-                              return connections(folder, 3'000, talk, "key.pem", CertificateChain::make(rsa)->privateKeyPEM);
-                          },
-                      .arguments = {"--private-key", "key.pem", "capture"},
-                      .commands = thatDecrypt});
     shapes.push_back({.name = "KeyLogThatIsAPipe",
                       .make =
                           [](const auto& folder) {

@@ -86,6 +86,7 @@ std::vector<Shape> packetShapes();        ///< link layers, IP, TCP headers
 std::vector<Shape> streamShapes();        ///< sequence numbers, losses, overlaps
 std::vector<Shape> recordShapes();        ///< TLS records and what is in them
 std::vector<Shape> conversationShapes();  ///< HTTP, HTTP/2 and WebSocket under encryption that opens
+std::vector<Shape> reachShapes();         ///< what secrets open, and what they do not
 std::vector<Shape> neighbourShapes();     ///< key logs, names of files, settings
 
 /// Writes an attack as `capture` in the folder.
