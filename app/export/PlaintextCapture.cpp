@@ -243,12 +243,18 @@ void PlaintextCapture::Direction::add(DataView plaintext, const ByteLocation& lo
     std::int64_t offset = 0;
     do {
         const DataView piece = plaintext.sub(offset, longestPayload);
-        segments_.push_back({.moment = last_,
-                             .offset = std::ssize(bytes_),
-                             .length = static_cast<std::uint32_t>(piece.size()),
-                             .passed = 0,
-                             .connection = connection_,
-                             .direction = direction_});
+        // Tiny records of one packet stay together: what is kept of each is more than they hold.
+        constexpr std::int64_t tiny = 256;
+        Segment* const before = segments_.empty() ? nullptr : &segments_.back();
+        if (before && before->passed == 0 && before->moment == last_ && before->length + piece.size() <= tiny)
+            before->length += static_cast<std::uint32_t>(piece.size());
+        else
+            segments_.push_back({.moment = last_,
+                                 .offset = std::ssize(bytes_),
+                                 .length = static_cast<std::uint32_t>(piece.size()),
+                                 .passed = 0,
+                                 .connection = connection_,
+                                 .direction = direction_});
         bytes_.insert(bytes_.end(), piece.begin(), piece.end());
         offset += piece.size();
     } while (offset < plaintext.size());

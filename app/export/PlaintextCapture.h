@@ -6,6 +6,7 @@
 #include "platform/OutputFile.h"
 
 #include <cstdint>
+#include <deque>
 #include <expected>
 #include <memory>
 #include <mutex>
@@ -90,7 +91,7 @@ private:
     std::unique_ptr<SpoolFile> spool_;
     std::expected<void, SpoolError> spooled_;  ///< how putting things into the temporary file went
     std::vector<Connection> connections_;
-    std::vector<Segment> segments_;
+    std::deque<Segment> segments_;  ///< grows without being copied
 };
 
 }  // namespace sealscope

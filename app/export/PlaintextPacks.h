@@ -24,7 +24,7 @@ public:
         std::optional<PlaintextGap> gap;  ///< in front of it
     };
 
-    /// Takes the next records of a reader in place of those before, until about `wanted` bytes are there.
+    /// Takes the next records of a reader in place of those before, until about `wanted` bytes are there, or very many records.
     void fill(PlaintextReader& reader, std::int64_t wanted)
     {
         const std::int64_t room = wanted + PlaintextReader::largestRecord;
@@ -35,7 +35,7 @@ public:
         size_ = 0;
         records_.clear();
         hasGaps_ = false;
-        while (size_ < wanted) {
+        while (size_ < wanted && records_.size() < mostRecords) {
             const auto record = reader.next({buffer_.get() + size_, static_cast<std::size_t>(PlaintextReader::largestRecord)});
             if (!record) return;
             size_ += record->plaintext.size();
@@ -49,6 +49,7 @@ public:
     bool hasGaps() const { return hasGaps_; }
 
 private:
+    static constexpr std::size_t mostRecords = 4'096;
     std::unique_ptr<std::uint8_t[]> buffer_;
     std::int64_t room_ = 0;
     std::int64_t size_ = 0;

@@ -35,12 +35,16 @@ void ReachPlaintext::add(std::int64_t count, ByteRange body, const Key& key)
 {
     if (count == 0) return;
     const auto block = static_cast<std::uint32_t>(blocks_.size() - 1);
-    const bool isSameKey = !openers_.empty() && openers_.back() == key.opener;
-    if (!isSameKey) openers_.push_back(key.opener);
+    const bool isSameKey = !openers_.empty() && lastOpener_ == key.opener;
+    if (!isSameKey) {
+        // Of very many keys only the first are kept; what the others opened is kept itself.
+        openers_.push_back(openers_.size() < mostOpeners ? key.opener : nullptr);
+        lastOpener_ = key.opener;
+    }
     const auto opensAlone = [](const std::shared_ptr<RecordOpener>& opener) { return opener && opener->canOpenAgain(); };
     const bool opensInTurn = openerOfStandings_ && openerOfStandings_ == key.opener;
     const bool isMixed = used_ > 0 && !isSameKey && !(opensAlone(key.opener) && opensAlone(openers_[openers_.size() - 2]));
-    canReopen_ = canReopen_ && (opensAlone(key.opener) || opensInTurn) && !isMixed;
+    canReopen_ = canReopen_ && openers_.back() && (opensAlone(key.opener) || opensInTurn) && !isMixed;
     lastSequence_ = key.sequence;
     lastOffset_ = key.offset + body.size();
     Run* run = runs_.empty() ? nullptr : &runs_.back();
@@ -102,6 +106,7 @@ void ReachPlaintext::end()
 {
     endBlock();
     spare_.reset();
+    lastOpener_.reset();
     records_.shrink_to_fit();
     runs_.shrink_to_fit();
 }

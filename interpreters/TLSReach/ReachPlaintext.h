@@ -106,7 +106,9 @@ private:
     std::vector<Record> records_;
     std::vector<Run> runs_;
     std::deque<Block> blocks_;
-    std::vector<std::shared_ptr<RecordOpener>> openers_;
+    static constexpr std::size_t mostOpeners = 512;
+    std::vector<std::shared_ptr<RecordOpener>> openers_;  ///< by key; null: not kept
+    std::shared_ptr<RecordOpener> lastOpener_;            ///< of the last record, while there are more to come
     std::vector<Standing> standings_;  ///< in ascending order
     std::int64_t used_ = 0;            ///< bytes of the last block
     std::int64_t lastBody_ = 0;        ///< where the last record ends in the captured data

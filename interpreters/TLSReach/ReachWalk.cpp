@@ -47,6 +47,7 @@ constexpr std::int64_t rounds = 8;
 
 constexpr std::int64_t early = 0, handshake = 1, application = 2;
 
+constexpr std::int64_t mostKeyUpdates = 10'000;  // a direction has one in 16 million records, if any
 constexpr std::int64_t mostInnerHellos = 1'000;
 constexpr std::int64_t longestInnerHello = 8'192;
 
@@ -100,7 +101,7 @@ std::unique_ptr<RecordOpener> ReachWalk::makeOpener(Epoch epoch)
     if (!isTLS13_) return connection_.openerAfterChange(direction_, epoch);
     const auto& parameters = *connection_.parameters();
     if (epoch >= application) {
-        if (applicationSecret_.empty()) return nullptr;
+        if (applicationSecret_.empty() || epoch > application + mostKeyUpdates) return nullptr;
         if (epoch == application || epoch == epoch_) return makeTLS13Opener(*parameters.suite, draft_, viewOf(applicationSecret_));
         return makeTLS13Opener(*parameters.suite, draft_, viewOf(nextTrafficSecret(*parameters.suite, draft_, viewOf(applicationSecret_))));
     }
