@@ -35,7 +35,7 @@ std::string trafficSecrets(int clients)
 }
 
 /// A session, and behind it what one side says in records of one type.
-Made saveSealed(const fs::path& folder, std::uint16_t version, std::uint8_t type, const Bytes& said)
+Made saveSealed(const fs::path& folder, std::uint16_t version, std::uint8_t type, const Bytes& said, std::int64_t recordSize)
 {
     constexpr TCPSegment::Direction server = TCPSegment::Direction::serverToClient;
     const TLSSession session = runTLS({.version = version, .certificates = {{}}, .usesTickets = false, .tickets = 0}, {serverSends("x")});
@@ -46,11 +46,29 @@ Made saveSealed(const fs::path& folder, std::uint16_t version, std::uint8_t type
         attack.send(0, flight.direction == server, Bytes(flight.wire.view().begin(), flight.wire.view().end()));
     TLSRecordSealer sealer(session, server, version == 0x0304 ? 1 : 2);
     Bytes records;
-    for (std::int64_t at = 0; at < std::ssize(said); at += 16'000) {
-        const Data sealed = sealer.seal(type, DataView(said).sub(at, std::min<std::int64_t>(16'000, std::ssize(said) - at)));
+    for (std::int64_t at = 0; at < std::ssize(said); at += recordSize) {
+        const Data sealed = sealer.seal(type, DataView(said).sub(at, std::min(recordSize, std::ssize(said) - at)));
         records.insert(records.end(), sealed.view().begin(), sealed.view().end());
     }
     attack.send(0, true, records, 1'400);
+    return save(folder, attack);
+}
+
+/// A server that changes its key behind every byte.
+Made saveKeyUpdates(const fs::path& folder, int count)
+{
+    std::vector<TLSStep> steps;
+    for (int i = 0; i < count; ++i) {
+        steps.push_back(serverSends("x"));
+        steps.push_back(serverDoes(TLSStep::Action::updateKey));
+    }
+    const TLSSession session = runTLS({.certificates = {{}}}, steps);
+    writeFile(folder / "keys", DataView(std::string_view(session.keyLog)));
+    Attack attack;
+    attack.open(0);
+    for (const TLSFlight& flight : session.flights)
+        attack.send(0, flight.direction == TCPSegment::Direction::serverToClient,
+                    Bytes(flight.wire.view().begin(), flight.wire.view().end()));
     return save(folder, attack);
 }
 
@@ -146,7 +164,7 @@ std::vector<Shape> reachShapes()
         return connections(folder, 1, talk, "keys", "");
     });
     const auto addSealed = [&](std::string name, std::uint16_t version, std::function<Bytes()> said) {
-        addToKeys(std::move(name), [=](const fs::path& folder) { return saveSealed(folder, version, 22, said()); });
+        addToKeys(std::move(name), [=](const fs::path& folder) { return saveSealed(folder, version, 22, said(), 16'000); });
     };
     addSealed("HellosUnderEncryption", 0x0303, [] { return repeated(handshake(1, {}), 2'000'000); });
     addSealed("ExtensionsUnderEncryption", 0x0304, [] {
@@ -157,6 +175,8 @@ std::vector<Shape> reachShapes()
         Bytes body{0};
         return repeated(handshake(11, put(put24(body, 1'000'000), Bytes(1'000'000, 0))), 10);
     });
+    addToKeys("BytesInRecordsOfTheirOwn", [](const fs::path& folder) { return saveSealed(folder, 0x0304, 23, Bytes(300'000, 'x'), 1); });
+    addToKeys("KeyUpdates", [](const fs::path& folder) { return saveKeyUpdates(folder, 30'000); });
     return shapes;
 }
 
