@@ -94,6 +94,9 @@ void BodyMessages::appendCalls(Conversation& conversation, const TCPStream& stre
     const StreamData& data = inner.data(direction_);
     const CarriedPlaces places(body_.ranges);
     StreamReader reader(data);
+    // Two bytes can be a field, whose row takes as long as decoding so many bytes.
+    constexpr std::int64_t costOfRow = 512;
+    bool mayShowFields = true;
     // A flag, a length and the message (gRPC over HTTP2, "Length-Prefixed-Message").
     for (std::int64_t offset = 0; offset + 5 <= data.size() && !conversation.isFull();) {
         const std::uint8_t flag = reader.u8(offset);
@@ -114,17 +117,22 @@ void BodyMessages::appendCalls(Conversation& conversation, const TCPStream& stre
         if (missing > 0) message.detail.push_back({"Message incomplete", carried.shortfall});
         if (!payload.isEmpty()) {
             // Only messages whose fields are shown are decoded now.
-            if (payload.size() <= longestShown && missing == 0 && (!isCompressed || coding) && !isTrailers) {
+            if (!mayShowFields && !isTrailers) message.detail.push_back({"Fields unknown", "the capture has too many of them"});
+            if (mayShowFields && payload.size() <= longestShown && missing == 0 && (!isCompressed || coding) && !isTrailers) {
                 const MessageBody body(inner, direction_, carried, upTo(longestShown, context));
                 std::vector<std::uint8_t> bytes;
                 const auto ending = body.forEachPiece([&](DataView piece) {
                     bytes.insert(bytes.end(), piece.begin(), piece.end());
                     return true;
                 });
-                if (ending.isComplete)
-                    std::ranges::move(ProtobufFields::rows(bytes), std::back_inserter(message.detail));
-                else
+                if (ending.isComplete) {
+                    auto rows = ProtobufFields::rows(bytes);
+                    const std::int64_t cost = costOfRow * std::ssize(rows);
+                    mayShowFields = !context.decodingAllowance || context.decodingAllowance->take(cost) == cost;
+                    std::ranges::move(rows, std::back_inserter(message.detail));
+                } else {
                     message.detail.push_back({"Fields unknown", ending.reason});
+                }
             }
             if (isCompressed && !coding) message.detail.push_back({"Fields unknown", "the coding " + encoding_ + " is not known"});
             message.body = StreamBody(std::make_shared<const MessageBody>(inner, direction_, std::move(carried), context));

@@ -261,6 +261,16 @@ std::vector<Shape> conversationShapes()
         for (int i = 0; i < count; ++i) attack.open(i);
         for (int i = 0; i < count; ++i) attack.send(i, false, bytesOf(times("GET / HTTP/1.1\r\n\r\n", 200)));
     });
+    addPlain("FieldsOfTwoBytes", [=](Attack& attack) {
+        // Messages of gRPC, each of which is 200 fields.
+        const Text message = Text("\0\0\0\x01\x90", 5) + times("\x08\x01", 200);
+        const Text grpc = newField("content-type", "application/grpc");
+        attack.open(0);
+        attack.send(0, false, bytesOf(preface + requestOn(1, grpc)));
+        attack.send(0, true,
+                    bytesOf(frame(settings, 0, 0) + frame(headers, endHeaders, 1, ok + grpc) +
+                            times(frame(data, 0, 1, times(message, 40)), 1'500)));
+    });
     addSocket("SocketPings", [] { return times(std::string_view("\x89\x00", 2), 150'000); });
     addFrames("HeadersOfOneLongField", [=] {
         Text said = requestOn(1, newField("a", Text(3'900, 'v')));
