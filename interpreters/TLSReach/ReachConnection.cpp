@@ -431,10 +431,7 @@ std::unique_ptr<RecordOpener> ReachConnection::openerAfterChange(Direction direc
         makeRecordOpener(*parameters->suite, parameters->version, parameters->encryptsThenMACs ? MACPlace::behind : MACPlace::inside,
                          keysOf(direction, *parameters, viewOf(*secret)));
     if (!parameters->compresses) return opener;
-    const auto mayGrow = [secrets = secrets_, key = InflationAllowance::Key{stream_.key.number, direction, change}](std::int64_t bytes) {
-        return secrets->inflation->allows(key, bytes);
-    };
-    return inflating(std::move(opener), mayGrow);
+    return inflating(std::move(opener), [secrets = secrets_](std::int64_t bytes) { return secrets->inflation->take(bytes); });
 }
 
 ReachWalk& ReachConnection::scout(Direction direction)

@@ -65,19 +65,6 @@ KeyExchanges::Outcome KeyExchanges::open(DataView encrypted, const std::vector<P
     return {std::move(secret)};
 }
 
-bool InflationAllowance::allows(const Key& key, std::int64_t bytes)
-{
-    const std::lock_guard lock(mutex_);
-    const auto found = allowed_.try_emplace(key).first;
-    const std::int64_t more = bytes - found->second;
-    if (more > left_) return false;
-    if (more > 0) {
-        left_ -= more;
-        found->second = bytes;
-    }
-    return true;
-}
-
 std::optional<SearchMemory::Outcome> SearchMemory::recall(const std::string& connection) const
 {
     const std::lock_guard lock(mutex_);

@@ -3,8 +3,7 @@
 
 #include "Sealscope/TLSKeyLog.h"
 #include "host/VELCommonTools/KeyLogSources.h"
-#include "host/VELModels/TCPSegment.h"
-#include "interpreters/TLSReach/TrialAllowance.h"
+#include "interpreters/TLSReach/SharedAllowance.h"
 #include "platform/PrivateKey.h"
 #include "platform/SecretMemory.h"
 
@@ -15,7 +14,6 @@
 #include <set>
 #include <string>
 #include <string_view>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -50,21 +48,7 @@ private:
     static constexpr std::size_t mostHeld = 65'536;
     std::mutex mutex_;
     std::map<SecretBytes, std::optional<SecretBytes>> opened_;  ///< premaster secrets by the SHA-256 of what was encrypted
-    TrialAllowance allowance_;
-};
-
-/// What compressed records (RFC 3749) may become beyond some times their size, of all connections together. Any thread may use it.
-class InflationAllowance {
-public:
-    /// A connection's number, a direction of it, and its ChangeCipherSpec in front.
-    using Key = std::tuple<std::int64_t, TCPSegment::Direction, std::int64_t>;
-    /// Whether what stands there may become so many bytes more. Who asks again gets the same answer.
-    bool allows(const Key& key, std::int64_t bytes);
-
-private:
-    std::mutex mutex_;
-    std::map<Key, std::int64_t> allowed_;
-    std::int64_t left_ = std::int64_t{64} << 20;
+    SharedAllowance allowance_;
 };
 
 /// The client randoms of a key log that have a secret under one label, in its order. Lent by the key log.
@@ -123,8 +107,9 @@ struct ReachSecrets {
     std::shared_ptr<SessionMemory> memory = std::make_shared<SessionMemory>();
     std::shared_ptr<KeyExchanges> keyExchanges = std::make_shared<KeyExchanges>();
     /// For trials of keys and sequence numbers, in bytes to decrypt: about half a second.
-    std::shared_ptr<TrialAllowance> allowance = std::make_shared<TrialAllowance>(400'000'000);
-    std::shared_ptr<InflationAllowance> inflation = std::make_shared<InflationAllowance>();
+    std::shared_ptr<SharedAllowance> allowance = std::make_shared<SharedAllowance>(400'000'000);
+    /// For what compressed records (RFC 3749) become beyond some times their size, in bytes, each time that they are opened.
+    std::shared_ptr<SharedAllowance> inflation = std::make_shared<SharedAllowance>(std::int64_t{64} << 20);
     const std::shared_ptr<SearchMemory> searches = std::make_shared<SearchMemory>();
 
     /// Reads a key log text, the lines with session IDs too.

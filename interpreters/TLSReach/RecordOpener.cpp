@@ -347,7 +347,7 @@ public:
         growth_ -= mostTimes * opened->length;
         opened->length = longestContent - static_cast<std::int64_t>(stream_.avail_out);
         growth_ += opened->length;
-        isUsable_ = growth_ <= 0 || !mayGrow_ || mayGrow_(growth_);
+        if (growth_ > 0) isUsable_ = !mayGrow_ || mayGrow_(std::exchange(growth_, 0));
         if (!isUsable_) return std::nullopt;
         return opened;
     }
@@ -365,7 +365,7 @@ private:
     static constexpr std::int64_t mostTimes = 16;
     std::shared_ptr<RecordOpener> inner_;  ///< which opens records in any order
     std::function<bool(std::int64_t)> mayGrow_;
-    std::int64_t growth_ = 0;  ///< bytes of content, less what goes without asking
+    std::int64_t growth_ = 0;  ///< bytes of content, less what goes without asking and what was asked for
     z_stream stream_{};
     bool isUsable_ = false;
     std::uint64_t next_ = 0;

@@ -77,8 +77,8 @@ enum class MACPlace : std::uint8_t { inside, behind };
 std::unique_ptr<RecordOpener> makeRecordOpener(const ReachSuite& suite, std::uint16_t version, MACPlace place, const RecordKeys& keys);
 
 /// The same for records that were compressed before they were protected. Null for null.
-/// `mayGrow` is asked, where the content of all records so far is more than 16 times what was compressed, whether it may be so many bytes
-/// more; what it refuses does not open, nor does what follows. Forks do not ask: they open what has been opened.
+/// `mayGrow` is asked, where the content of all records so far comes to more than 16 times what was compressed, whether it may be so
+/// many bytes more; what it refuses does not open, nor does what follows. Forks do not ask: they open what has been opened.
 std::unique_ptr<RecordOpener> inflating(std::unique_ptr<RecordOpener> opener, std::function<bool(std::int64_t)> mayGrow);
 
 /// What drafts of TLS 1.3 did otherwise than RFC 8446.

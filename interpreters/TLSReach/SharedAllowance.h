@@ -8,9 +8,9 @@
 namespace sealscope {
 
 /// What all connections of a session together may spend, beside what their own bytes pay for. Any thread may use it.
-class TrialAllowance {
+class SharedAllowance {
 public:
-    explicit TrialAllowance(std::int64_t most) : most_(most), left_(most) {}
+    explicit SharedAllowance(std::int64_t most) : most_(most), left_(most) {}
 
     /// False, and nothing taken, where there is not so much left.
     bool take(std::int64_t cost)
