@@ -49,7 +49,7 @@ constexpr std::int64_t early = 0, handshake = 1, application = 2;
 
 constexpr std::int64_t mostKeyUpdates = 10'000;  // a direction has one in 16 million records, if any
 constexpr std::int64_t mostInnerHellos = 1'000;
-constexpr std::int64_t longestInnerHello = 8'192;
+constexpr std::int64_t mostInnerHelloBytes = 2 << 20;
 
 constexpr std::int64_t lengthOfVerifyData = 12;  // RFC 5246 §7.4.9
 constexpr std::int64_t lengthOfSSL3Hashes = 36;  // RFC 6101 §5.6.9
@@ -577,8 +577,10 @@ void ReachWalk::takeMessages()
         if (!isTLS13_) {
             const bool isHello = message.type == std::to_underlying(TLSHandshakeType::clientHello) ||
                                  message.type == std::to_underlying(TLSHandshakeType::serverHello);
-            if (isHello && std::ssize(innerHellos_) < mostInnerHellos && message.body.size() <= longestInnerHello)
-                innerHellos_.push_back(message);
+            if (!isHello) continue;
+            // Handshakes are counted by them, so that behind one that is left out none is kept.
+            innerHelloBytes_ += message.body.size();
+            if (std::ssize(innerHellos_) < mostInnerHellos && innerHelloBytes_ <= mostInnerHelloBytes) innerHellos_.push_back(message);
             continue;
         }
         const bool isLast = message.type == keyUpdate                                        ? epoch_ >= application

@@ -64,7 +64,7 @@ public:
     const std::optional<std::int64_t>& cutFrom() const { return cutFrom_; }
     /// Where what is left over begins, which nothing opens.
     std::int64_t offset() const { return offset_; }
-    /// Hello messages of handshakes under encryption, in order: the first thousand.
+    /// Hello messages of handshakes under encryption, in order: the first thousand, and 2 MiB.
     const std::vector<AssembledMessage>& innerHellos() const { return innerHellos_; }
     /// What trials cost: the bytes that were decrypted for them, and something for each.
     std::int64_t trialBytes() const { return trialBytes_; }
@@ -160,6 +160,7 @@ private:
     HandshakeAssembler handshake_;
     std::vector<AssembledMessage> messages_;
     std::vector<AssembledMessage> innerHellos_;
+    std::int64_t innerHelloBytes_ = 0;
     std::int64_t protectedRecords_ = 0;
     std::int64_t openedRecords_ = 0;
     std::int64_t failedRecords_ = 0;  ///< in a row

@@ -34,16 +34,23 @@ std::string trafficSecrets(int clients)
     return text;
 }
 
+Attack attackWith(const TLSSession& session)
+{
+    Attack attack;
+    attack.open(0);
+    for (const TLSFlight& flight : session.flights)
+        attack.send(0, flight.direction == TCPSegment::Direction::serverToClient,
+                    Bytes(flight.wire.view().begin(), flight.wire.view().end()));
+    return attack;
+}
+
 /// A session, and behind it what one side says in records of one type.
 Made saveSealed(const fs::path& folder, std::uint16_t version, std::uint8_t type, const Bytes& said, std::int64_t recordSize)
 {
     constexpr TCPSegment::Direction server = TCPSegment::Direction::serverToClient;
     const TLSSession session = runTLS({.version = version, .certificates = {{}}, .usesTickets = false, .tickets = 0}, {serverSends("x")});
     writeFile(folder / "keys", DataView(std::string_view(session.keyLog)));
-    Attack attack;
-    attack.open(0);
-    for (const TLSFlight& flight : session.flights)
-        attack.send(0, flight.direction == server, Bytes(flight.wire.view().begin(), flight.wire.view().end()));
+    Attack attack = attackWith(session);
     TLSRecordSealer sealer(session, server, version == 0x0304 ? 1 : 2);
     Bytes records;
     for (std::int64_t at = 0; at < std::ssize(said); at += recordSize) {
@@ -64,11 +71,7 @@ Made saveKeyUpdates(const fs::path& folder, int count)
     }
     const TLSSession session = runTLS({.certificates = {{}}}, steps);
     writeFile(folder / "keys", DataView(std::string_view(session.keyLog)));
-    Attack attack;
-    attack.open(0);
-    for (const TLSFlight& flight : session.flights)
-        attack.send(0, flight.direction == TCPSegment::Direction::serverToClient,
-                    Bytes(flight.wire.view().begin(), flight.wire.view().end()));
+    Attack attack = attackWith(session);
     return save(folder, attack);
 }
 
@@ -90,27 +93,6 @@ std::vector<Shape> reachShapes()
                                                                {"exchanges"},
                                                                {"export", "har", "--force", "--output", "plain.har"},
                                                                {"decrypt", "--force", "--pcap", "plain.pcap"}};
-    shapes.push_back({.name = "SecretsOfOthersThanTheConnections",
-                      .make =
-                          [](const auto& folder) {
-                              const auto talk = [](Attack& attack, int i) {
-                                  for (const bool isServer : {false, true}) attack.send(i, isServer, record(23, Bytes(40, 1)));
-                              };
-                              return connections(folder, 2'000, talk, "keys", trafficSecrets(1'500));
-                          },
-                      .keyLog = "keys",
-                      .commands = thatDecrypt});
-    shapes.push_back({.name = "RecordsThatTheirKeyDoesNotOpen",
-                      .make =
-                          [](const auto& folder) {
-                              const auto talk = [](Attack& attack, int i) {
-                                  attack.send(i, false, joined(clientHello(), repeated(record(23, Bytes(20, 1)), 64)));
-                                  attack.send(i, true, joined(serverHello({}, 0x1303), repeated(record(23, Bytes(20, 1)), 64)));
-                              };
-                              return connections(folder, 1'000, talk, "keys", trafficSecrets(1));
-                          },
-                      .keyLog = "keys",
-                      .commands = thatDecrypt});
     shapes.push_back({.name = "KeyExchangesWithAPrivateKey",
                       .make =
                           [](const auto& folder) {
@@ -130,6 +112,19 @@ std::vector<Shape> reachShapes()
     const auto addToKeys = [&](std::string name, std::function<Made(const fs::path&)> make) {
         shapes.push_back({.name = std::move(name), .make = std::move(make), .keyLog = "keys", .commands = thatDecrypt});
     };
+    addToKeys("SecretsOfOthersThanTheConnections", [](const fs::path& folder) {
+        const auto talk = [](Attack& attack, int i) {
+            for (const bool isServer : {false, true}) attack.send(i, isServer, record(23, Bytes(40, 1)));
+        };
+        return connections(folder, 2'000, talk, "keys", trafficSecrets(1'500));
+    });
+    addToKeys("RecordsThatTheirKeyDoesNotOpen", [](const fs::path& folder) {
+        const auto talk = [](Attack& attack, int i) {
+            attack.send(i, false, joined(clientHello(), repeated(record(23, Bytes(20, 1)), 64)));
+            attack.send(i, true, joined(serverHello({}, 0x1303), repeated(record(23, Bytes(20, 1)), 64)));
+        };
+        return connections(folder, 1'000, talk, "keys", trafficSecrets(1));
+    });
     addToKeys("RecordsOfASlowCipher", [](const fs::path& folder) {
         const auto talk = [](Attack& attack, int i) {
             const Bytes records = joined(record(20, {1}), repeated(record(23, Bytes(4'000, 0)), 16));
