@@ -152,8 +152,8 @@ TEST(TLSKeyLog, VisitsEachSecretOnce)
 {
     const TLSKeyLog keyLog("A 00 01\nB 00 02\nA 00 0304\nA 00 0304\nA 01 05\nB 00 02\n");
     std::vector<std::string> visited;
-    keyLog.secrets.forEach([&](std::string_view label, DataView clientRandom, DataView secret) {
-        visited.push_back(fmt::format("{} {} {}", label, hexText(clientRandom), hexText(secret)));
+    keyLog.secrets.forEach([&](std::string_view label, DataView random, DataView secret) {
+        visited.push_back(fmt::format("{} {} {}", label, hexText(random), hexText(secret)));
     });
     EXPECT_EQ(visited, (Lines{"B 00 02", "A 00 0304", "A 01 05"})) << "what was replaced is not among them";
     EXPECT_EQ(keyLog.secrets.size(), 3);

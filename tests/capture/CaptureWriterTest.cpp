@@ -15,13 +15,13 @@ namespace {
 
 using testing::IsEmpty;
 
-constexpr std::int64_t second = 1'000'000'000;
+constexpr std::int64_t nanosecondsPerSecond = 1'000'000'000;
 
 std::vector<CapturePacket> somePackets(int count, std::int64_t start)
 {
     std::vector<CapturePacket> packets;
     for (int i = 0; i < count; ++i)
-        packets.push_back({.time = start * second + i * 1'001'000, .frame = patternBytes(60 + i), .originalLength = 1'000 + i});
+        packets.push_back({.time = start * nanosecondsPerSecond + i * 1'001'000, .frame = patternBytes(60 + i), .originalLength = 1'000 + i});
     return packets;
 }
 

@@ -42,7 +42,7 @@ Data ipv6(int next, const Data& payload)
                    hex("20010db8000000000000000000000001 20010db8000000000000000000000002"), payload});
 }
 Data tcp(const Data& payload) { return joined({hex("c350 01bb 00000001 00000002 50 18 0100 0000 0000"), payload}); }
-Data udp(int port, const Data& payload) { return joined({u16(50'000), u16(port), u16(8 + payload.size()), u16(0), payload}); }
+Data udp(int to, const Data& payload) { return joined({u16(50'000), u16(to), u16(8 + payload.size()), u16(0), payload}); }
 Data vxlan(const Data& payload) { return udp(4'789, joined({hex("08000000 00002a00"), payload})); }
 
 const Data hello = Data::fromText("hello");

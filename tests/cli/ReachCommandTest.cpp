@@ -42,7 +42,7 @@ std::string withoutSegment(const TempDirectory& directory, const TLSSession& ses
     return directory.write("capture.pcap", pcapFile(packets(segments)));
 }
 
-TEST(DecryptCommand, FillsGapsAsItIsTold)
+TEST(ReachCommand, FillsGapsAsItIsTold)
 {
     const std::string plaintext(patternBytes(200'000).view().text());
     struct Case {
@@ -112,7 +112,7 @@ TEST(DecryptCommand, FillsGapsAsItIsTold)
 
 // All bytes are there, and one of them is not what was sent: what stands behind its record opens all the same, and only what the
 // TLS plug-in cannot open goes by another name.
-TEST(DecryptCommand, GoesOnBehindWhatWasChanged)
+TEST(ReachCommand, GoesOnBehindWhatWasChanged)
 {
     const std::string plaintext(patternBytes(80'000).view().text());
     for (const std::uint16_t version : {0x0304, 0x0303}) {
@@ -152,7 +152,7 @@ TEST(DecryptCommand, GoesOnBehindWhatWasChanged)
     }
 }
 
-TEST(StreamsCommand, TellsWhoseSecretsWereFoundByTrying)
+TEST(ReachCommand, TellsWhoseSecretsWereFoundByTrying)
 {
     const TempDirectory directory;
     const TLSSession session = runTLS({.version = 0x0304}, {clientSends("GET"), serverSends(patternBytes(100'000)), clientSends("bye")});
@@ -180,7 +180,7 @@ TEST(StreamsCommand, TellsWhoseSecretsWereFoundByTrying)
 
 // A key log has a line for each of two connections, of which the second resumes the first's session. One line is enough, in whatever
 // order they are asked for, and also where the TLS plug-in opens the first and leaves nothing of it to others.
-TEST(DecryptCommand, OpensAResumedSessionWithTheSecretOfTheFirst)
+TEST(ReachCommand, OpensAResumedSessionWithTheSecretOfTheFirst)
 {
     const TempDirectory directory;
     const fs::path folder = fs::path(SEALSCOPE_SOURCE_DIR) / "tests/captures/openssl-tls12-resumption";

@@ -20,19 +20,19 @@ TEST(OutputFile, WritesPiecesOfEverySizeInOrder)
 {
     const TempDirectory directory;
     const Data all = patternBytes(3'000'000);
-    for (const std::int64_t largest : {1'000, 100'000, 262'144, 1'000'000}) {
+    for (const std::int64_t longest : {1'000, 100'000, 262'144, 1'000'000}) {
         const std::string path = directory.file("pieces");
         auto file = OutputFile::create(path, ExistingFile::isReplaced, Kind::regular);
         ASSERT_TRUE(file) << file.error().text();
-        std::mt19937_64 random(static_cast<std::uint64_t>(largest));
+        std::mt19937_64 random(static_cast<std::uint64_t>(longest));
         for (std::int64_t at = 0; at < all.size();) {
             const std::int64_t count =
-                std::min<std::int64_t>(static_cast<std::int64_t>(random() % static_cast<std::uint64_t>(largest + 1)), all.size() - at);
+                std::min<std::int64_t>(static_cast<std::int64_t>(random() % static_cast<std::uint64_t>(longest + 1)), all.size() - at);
             file->write(all.view().sub(at, count));
             at += count;
         }
         ASSERT_TRUE(file->finish());
-        EXPECT_TRUE(readFile(path) == all) << largest;
+        EXPECT_TRUE(readFile(path) == all) << longest;
     }
 }
 

@@ -5,6 +5,7 @@
 #include "tests/cli/Program.h"
 
 #include <fmt/format.h>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <set>
@@ -23,6 +24,13 @@ std::string must(const std::vector<std::string>& arguments, const std::vector<st
     const ProgramResult result = runProgram(arguments, {.environment = environment, .timeLimit = std::chrono::minutes(4)});
     if (result.status != 0) throw std::runtime_error(arguments[0] + ": " + result.output + result.errors);
     return result.output;
+}
+
+bool isELF(const fs::path& path)
+{
+    char magic[4] = {};
+    std::ifstream(path, std::ios::binary).read(magic, sizeof magic);
+    return std::string_view(magic, sizeof magic) == "\x7f" "ELF";
 }
 
 /// The project installed, moved elsewhere, and the example built against what is there: once for all tests.
@@ -111,7 +119,7 @@ TEST_F(ExamplePlugInTest, SearchesNoFolderButItsOwnForLibraries)
     std::vector<std::string> readelf{"readelf", "-dW"};
     for (const fs::path& place : {fs::path(SEALSCOPE_BINARY_DIR "/bin"), fs::path(SEALSCOPE_BINARY_DIR "/" SEALSCOPE_LIBDIR), folder->path()})
         for (const auto& entry : fs::recursive_directory_iterator(place))
-            if (entry.is_regular_file() && !entry.is_symlink() && readFile(entry.path()).view().text().starts_with("\x7f" "ELF"))
+            if (entry.is_regular_file() && !entry.is_symlink() && isELF(entry.path()))
                 readelf.push_back(entry.path());
     std::istringstream lines(must(readelf));
     std::string file;

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <memory>
+#include <optional>
 
 namespace sealscope {
 namespace {
@@ -129,14 +130,19 @@ TEST(VectorStream, KnowsItsPackets)
     }
 }
 
-/// The first copy of every byte, by its distance from the direction's first; distances may wrap.
-std::map<std::uint32_t, std::uint8_t> firstCopies(const std::vector<PlannedSegment>& segments, Direction direction, std::uint32_t first)
+/// Adds the first copy of every byte at its distance from the direction's first, where there is none yet. Sequence numbers may wrap.
+void addFirstCopies(std::vector<std::optional<std::uint8_t>>& bytes, const std::vector<PlannedSegment>& segments, Direction direction,
+                    std::uint32_t first)
 {
-    std::map<std::uint32_t, std::uint8_t> bytes;
-    for (const PlannedSegment& segment : segments)
-        for (std::int64_t at = 0; segment.direction == direction && at < segment.payload.size(); ++at)
-            bytes.try_emplace(segment.sequenceNumber - first + static_cast<std::uint32_t>(at), segment.payload[at]);
-    return bytes;
+    for (const PlannedSegment& segment : segments) {
+        if (segment.direction != direction) continue;
+        auto at = static_cast<std::size_t>(segment.sequenceNumber - first);
+        for (const std::uint8_t byte : segment.payload.view()) {
+            if (at >= bytes.size()) bytes.resize(at + 1);
+            if (!bytes[at]) bytes[at] = byte;
+            ++at;
+        }
+    }
 }
 
 TEST(TCPConversation, DisorderLosesOnlyWhatItSays)
@@ -155,10 +161,12 @@ TEST(TCPConversation, DisorderLosesOnlyWhatItSays)
         EXPECT_EQ(lost.empty(), seed % 2 == 1);
         for (const Direction direction : bothDirections) {
             const std::uint32_t first = (direction == Direction::clientToServer ? options.clientISN : options.serverISN) + 1;
-            std::map<std::uint32_t, std::uint8_t> bytes = firstCopies(segments, direction, first);
-            for (const auto& [at, byte] : firstCopies(lost, direction, first)) bytes.try_emplace(at, byte);
+            std::vector<std::optional<std::uint8_t>> bytes;
+            addFirstCopies(bytes, segments, direction, first);
+            addFirstCopies(bytes, lost, direction, first);
             std::vector<std::uint8_t> wire;
-            for (const auto& [at, byte] : bytes) wire.push_back(byte);
+            for (const auto& byte : bytes)
+                if (byte) wire.push_back(*byte);
             EXPECT_TRUE(session.wire(direction) == Data(std::move(wire)));
         }
     }

@@ -11,8 +11,6 @@
 namespace sealscope {
 namespace {
 
-constexpr auto endStream = HTTP2Writer::endStream;
-
 // The messages are the examples of the protocol buffers documentation, "Encoding": 150, "testing", and the first inside another.
 TEST(BodyMessages, ShowsTheMessagesOfACall)
 {

@@ -8,20 +8,20 @@
 namespace sealscope {
 namespace {
 
-std::string read(const std::vector<Said>& said, const StreamContext& context = {})
+std::string readHTTP1(const std::vector<Said>& said, const StreamContext& context = {})
 {
     return transcript(HTTP1Interpreter::interpret(conversation(said), context));
 }
 
-struct Case {
+struct HTTP1Case {
     const char* name;
     std::vector<Said> said;
     const char* expected;
 };
 
-void check(const std::vector<Case>& cases)
+void check(const std::vector<HTTP1Case>& cases)
 {
-    for (const auto& [name, said, expected] : cases) EXPECT_EQ(read(said), expected) << name;
+    for (const auto& [name, said, expected] : cases) EXPECT_EQ(readHTTP1(said), expected) << name;
 }
 
 TEST(HTTP1, FramesBodiesAsTheStandardSays)
@@ -183,13 +183,13 @@ TEST(HTTP1, HandsOverWhatATunnelCarries)
     EXPECT_EQ(inside.packetIds, (std::vector<std::int64_t>{2, 3})) << "the packets of the capture";
     EXPECT_EQ(*inside.byteRange, (ByteRange{20, 25})) << "of the outer stream";
 
-    EXPECT_EQ(read({{'>', "GET / HTTP/1.1\r\nHost: h\r\nConnection: Upgrade\r\nUpgrade: chat\r\n\r\n"},
+    EXPECT_EQ(readHTTP1({{'>', "GET / HTTP/1.1\r\nHost: h\r\nConnection: Upgrade\r\nUpgrade: chat\r\n\r\n"},
                     {'<', "HTTP/1.1 101 S\r\nUpgrade: chat\r\n\r\nyo"},
                     {'>', "hi"}},
                    context),
               "> request GET http://h/\n< reply 101 (no body)\n< data chat at depth 1 \"yo\"\n> data chat at depth 1 \"hi\"\n0-1 GET / → "
               "101 (no body, 1 ms)\n");
-    EXPECT_EQ(read({{'>', "CONNECT h:1 HTTP/1.1\r\n\r\nGET / HTTP/1.1\r\nHost: h\r\n\r\n"},
+    EXPECT_EQ(readHTTP1({{'>', "CONNECT h:1 HTTP/1.1\r\n\r\nGET / HTTP/1.1\r\nHost: h\r\n\r\n"},
                     {'<', "HTTP/1.1 403 No\r\nContent-Length: 1\r\n\r\nxHTTP/1.1 204 N\r\n\r\n"}},
                    context),
               "> request CONNECT http://h:1\n> request GET http://h/\n< reply 403 (1 byte) \"x\"\n< reply 204 (no body)\n0-2 CONNECT h:1 → "

@@ -12,7 +12,7 @@ namespace sealscope {
 namespace {
 
 using Type = HTTP2Writer::Type;
-constexpr auto endStream = HTTP2Writer::endStream, endHeaders = HTTP2Writer::endHeaders;
+constexpr auto endHeaders = HTTP2Writer::endHeaders;
 
 /// Requests and replies told one by one are those of the pairings.
 void expectExchangesOf(const StreamInterpretation& whole, const TCPStream& stream)
@@ -33,7 +33,7 @@ void expectExchangesOf(const StreamInterpretation& whole, const TCPStream& strea
 }
 
 /// The transcript without the frames that are shown by themselves, which have a test of their own.
-std::string read(const std::vector<Said>& said)
+std::string readHTTP2(const std::vector<Said>& said)
 {
     const TCPStream stream = conversation(said);
     StreamInterpretation result = HTTP2Interpreter::interpret(stream, {});
@@ -55,7 +55,7 @@ TEST(HTTP2, JoinsWhatInterleavedStreamsCarry)
                  server.headers(3, {{":status", "200"}, {"content-type", "text/plain"}}), HTTP2Writer::data(3, "one "),
                  server.headers(1, {{":status", "404"}}), HTTP2Writer::data(1, "no", endStream)});
     const std::string second = inOrder({HTTP2Writer::data(3, "two"), server.headers(3, {{"x-sum", "7"}}, endStream)});
-    EXPECT_EQ(read({{'>', asked}, {'>', body}, {'<', first}, {'<', second}}),
+    EXPECT_EQ(readHTTP2({{'>', asked}, {'>', body}, {'<', first}, {'<', second}}),
               "> request GET https://h/a\n> request POST https://h/b \"upload\"\n< data 103\n"
               "< reply 200 (text/plain, 7 bytes) \"one two\" [x-sum (trailer): 7]\n< reply 404 (2 bytes) \"no\"\n"
               "1-6 GET /a → 404 (2 bytes, 2 ms)\n2-5 POST /b → 200 (text/plain, 7 bytes, 3 ms)\n");
@@ -87,7 +87,7 @@ TEST(HTTP2, TakesPaddingPrioritiesAndContinuationsAway)
     const std::string answered =
         inOrder({server.headers(1, {{":status", "200"}}), HTTP2Writer::frame(Type::data, 8, 1, pad + "abc" + std::string(2, '\0')),
                  HTTP2Writer::frame(Type::data, 8 | endStream, 1, std::string("\0d", 2))});
-    EXPECT_EQ(read({{'>', asked}, {'<', answered}}),
+    EXPECT_EQ(readHTTP2({{'>', asked}, {'<', answered}}),
               "> request GET https://h/ [Stream priority: weight 16, alone below stream 3]\n< reply 200 (4 bytes) \"abcd\"\n"
               "1-2 GET / → 200 (4 bytes, 1 ms)\n");
 }
@@ -103,7 +103,7 @@ TEST(HTTP2, ShowsPushesResetsAndWhatIsUnanswered)
         {HTTP2Writer::frame(Type::pushPromise, endHeaders, 1, std::string("\0\0\0\2", 4) + server.block(HTTP2Writer::get("/style"))),
          server.headers(1, {{":status", "200"}}, endStream), server.headers(2, {{":status", "200"}}),
          HTTP2Writer::data(2, "css", endStream), server.headers(3, {{":status", "200"}}), HTTP2Writer::data(3, "par")});
-    EXPECT_EQ(read({{'>', asked}, {'<', answered}, {'>', HTTP2Writer::frame(Type::rstStream, 0, 3, code)}}),
+    EXPECT_EQ(readHTTP2({{'>', asked}, {'<', answered}, {'>', HTTP2Writer::frame(Type::rstStream, 0, 3, code)}}),
               "> request GET https://h/a\n> request GET https://h/b [Stream reset: CANCEL (0x8)]\n> request GET https://h/c\n"
               "< request GET https://h/style [Pushed by the server: on stream 1]\n< reply 200 (no body)\n< reply 200 (3 bytes) \"css\"\n"
               "< reply 200 (3 bytes) \"par\" (the stream was reset: CANCEL (0x8)) [Body incomplete: the stream was reset: CANCEL (0x8)]\n"
@@ -181,7 +181,7 @@ TEST(HTTP2, ReadsAConnectionWhoseStartIsMissing)
                  server.headers(5, {{":status", "204"}}, endStream), server.headers(7, {{":status", "204"}}, endStream)});
     const std::vector<Said> said{{'>', asked}, {'<', answered}};
     EXPECT_TRUE(HTTP2Interpreter::canInterpret(conversation(said), {}));
-    const std::string text = read(said), table = " [(table entry 62): unknown: the capture lacks where it was set] "
+    const std::string text = readHTTP2(said), table = " [(table entry 62): unknown: the capture lacks where it was set] "
                                                  "[Header incomplete: 1 of its fields refer to earlier ones that the capture lacks]\n";
     EXPECT_TRUE(text.starts_with("> data 15 bytes outside of any frame\n> request GET https://192.0.2.2:443/b" + table)) << text;
     EXPECT_NE(text.find("< reply 200 (no body)" + table + "< reply 204 (no body)\n"), std::string::npos) << text;
@@ -197,12 +197,12 @@ TEST(HTTP2, GoesOnBehindLostBytes)
     const std::string body = HTTP2Writer::data(1, "abcdefgh", endStream);
     const std::string more = inOrder({server.headers(3, {{":status", "204"}}, endStream), HTTP2Writer::frame(Type::ping, 0, 0, "12345678"),
                                       server.headers(5, {{":status", "204"}}, endStream)});
-    EXPECT_EQ(read({{'>', asked}, {'<', head + body.substr(0, 12)}, {'}', body.substr(12, 2)}, {'<', body.substr(14)}}),
+    EXPECT_EQ(readHTTP2({{'>', asked}, {'<', head + body.substr(0, 12)}, {'}', body.substr(12, 2)}, {'<', body.substr(14)}}),
               "> request GET https://h/a\n< reply 200 (8 bytes) \"abc\\0\\0fgh\" (the capture lacks 2 bytes of it, shown as zeros) "
               "[Body incomplete: the capture lacks 2 bytes of it, shown as zeros]\n"
               "1-2 GET /a → 200 (8 bytes, 2 ms)\n")
         << "in a body";
-    EXPECT_EQ(read({{'>', asked}, {'<', head + body.substr(0, 12)}, {'}', body.substr(12) + "lost"}, {'<', more}}),
+    EXPECT_EQ(readHTTP2({{'>', asked}, {'<', head + body.substr(0, 12)}, {'}', body.substr(12) + "lost"}, {'<', more}}),
               "> request GET https://h/a\n< reply 200 (8 bytes) \"abc\\0\\0\\0\\0\\0\" (the capture lacks 5 bytes of it, shown as zeros) "
               "[Body incomplete: the capture lacks 5 bytes of it, shown as zeros]\n"
               "< data 4 bytes outside of any frame\n< reply 204 (no body)\n< data PING \"12345678\"\n< reply 204 (no body)\n"
@@ -268,7 +268,7 @@ TEST(HTTP2, ComesByUpgradeAndCarriesTunnels)
          tunnelClient.headers(
              1, {{":method", "CONNECT"}, {":protocol", "websocket"}, {":scheme", "https"}, {":authority", "h"}, {":path", "/chat"}}),
          HTTP2Writer::data(1, std::string("\x81\x82\0\0\0\0h", 7)), HTTP2Writer::data(1, "i")});
-    EXPECT_EQ(read({{'>', connect}, {'<', inOrder({tunnelServer.headers(1, {{":status", "200"}}), HTTP2Writer::data(1, "\x81\2yo")})}}),
+    EXPECT_EQ(readHTTP2({{'>', connect}, {'<', inOrder({tunnelServer.headers(1, {{":status", "200"}}), HTTP2Writer::data(1, "\x81\2yo")})}}),
               "> request CONNECT https://h/chat\n> data Text \"hi\" \"hi\"\n"
               "< reply 200 (no body)\n< data Text \"yo\" \"yo\"\n1-3 CONNECT /chat → 200 "
               "(no body, 1 ms)\n");

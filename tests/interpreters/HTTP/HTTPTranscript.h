@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "harness/HTTP2Writer.h"
 #include "harness/Hex.h"
 #include "harness/VectorStream.h"
 #include "host/VELModels/StreamContext.h"
@@ -13,6 +14,8 @@
 
 // Conversations in, and what was made of them out, as text that reads well in a table.
 namespace sealscope {
+
+inline constexpr auto endStream = HTTP2Writer::endStream;
 
 /// '>' from the client, '<' from the server; '{' and '}' the same, but the capture lost it. A packet each, a millisecond apart.
 struct Said {

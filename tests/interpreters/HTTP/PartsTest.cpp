@@ -13,8 +13,6 @@
 namespace sealscope {
 namespace {
 
-constexpr auto endStream = HTTP2Writer::endStream;
-
 /// Rounds of some requests in a packet, and some of the replies in another.
 TCPStream rounds(const std::string& clientBegins, int count, const std::function<std::string(int)>& asks,
                  const std::function<std::string(int)>& answers)

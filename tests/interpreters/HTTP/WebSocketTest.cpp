@@ -34,7 +34,7 @@ std::string handshake(const char* extension = "")
 constexpr const char* request = "GET /chat HTTP/1.1\r\nHost: h\r\nConnection: Upgrade\r\nUpgrade: websocket\r\n\r\n";
 
 /// The transcript behind the handshake, without the pairing.
-std::string read(const std::vector<Said>& said)
+std::string readWebSocket(const std::vector<Said>& said)
 {
     std::string text = transcript(HTTP1Interpreter::interpret(conversation(said), {}));
     text.erase(0, text.find("reply 101 (no body)\n") + 20);
@@ -79,7 +79,7 @@ TEST(WebSocket, ReadsMessages)
     for (const auto& [name, said, expected] : cases) {
         std::vector<Said> all{{'>', request}, {'<', reply}};
         all.insert(all.end(), said.begin(), said.end());
-        EXPECT_EQ(read(all), expected) << name;
+        EXPECT_EQ(readWebSocket(all), expected) << name;
     }
 }
 
@@ -95,7 +95,7 @@ public:
         stream_.avail_in = static_cast<uInt>(text.size());
         stream_.next_out = reinterpret_cast<Bytef*>(bytes.data());
         stream_.avail_out = static_cast<uInt>(bytes.size());
-        deflate(&stream_, Z_SYNC_FLUSH);
+        ::deflate(&stream_, Z_SYNC_FLUSH);
         bytes.resize(bytes.size() - stream_.avail_out - 4);  // without 00 00 FF FF
         return bytes;
     }
@@ -110,10 +110,10 @@ TEST(WebSocket, InflatesMessagesInAnyOrder)
     const std::string first("\xf2\x48\xcd\xc9\xc9\x07\x00", 7), again("\xf2\x00\x11\x00\x00", 5);
     const std::string shared = frame('<', 0xC1, first) + frame('<', 0xC1, again),
                       own = frame('<', 0xC1, first) + frame('<', 0x41, first.substr(0, 3)) + frame('<', 0x80, first.substr(3));
-    EXPECT_EQ(read({{'>', request}, {'<', handshake("Sec-WebSocket-Extensions: permessage-deflate\r\n")}, {'<', shared}}),
+    EXPECT_EQ(readWebSocket({{'>', request}, {'<', handshake("Sec-WebSocket-Extensions: permessage-deflate\r\n")}, {'<', shared}}),
               "< data Text (7 bytes deflated) \"Hello\"\n< data Text (5 bytes deflated) \"Hello\"\n");
     EXPECT_EQ(
-        read(
+        readWebSocket(
             {{'>', request}, {'<', handshake("Sec-WebSocket-Extensions: permessage-deflate; server_no_context_takeover\r\n")}, {'<', own}}),
         "< data Text (7 bytes deflated) \"Hello\"\n< data Text (7 bytes deflated) \"Hello\"\n");
 

@@ -13,7 +13,7 @@ namespace sealscope {
 namespace {
 
 // What libssl does not speak, and the rest once more as another implementation speaks it.
-TEST(ReachProbe, OpensWhatGnuTLSSpeaks)
+TEST(GnuTLS, OpensWhatGnuTLSSpeaks)
 {
     const std::vector<std::string> texts{"request", "reply", std::string(3'000, 'c'), std::string(9'000, 's'), "end", "end too"};
     const char* const ciphers[] = {
@@ -43,7 +43,7 @@ TEST(ReachProbe, OpensWhatGnuTLSSpeaks)
 }
 
 // All that it lists, negotiated by anybody here or not.
-TEST(ReachSuite, KnowsTheSuitesOfGnuTLS)
+TEST(GnuTLS, KnowsTheSuitesOfGnuTLS)
 {
     std::array<std::uint8_t, 2> code{};
     gnutls_cipher_algorithm_t cipher{};
