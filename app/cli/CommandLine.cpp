@@ -31,7 +31,7 @@ constexpr OptionSpec specs[] = {
     {Option::largestBody, 0, "largest-body", "BYTES", "stop decoding a compressed body at BYTES (1073741824 by default)"},
     {Option::mostMessages, 0, "most-messages", "N", "stop after N messages (200000 and one for each 100 bytes by default)"},
     {Option::reach, 0, "reach", "HOW", "how far decryption goes: full (the default) or strict, the TLS plug-in alone"},
-    {Option::output, 'o', "output", "DIR", "write the plaintext of each direction to a file in DIR"},
+    {Option::output, 'o', "output", "PATH", "write to PATH"},
     {Option::pcap, 0, "pcap", "OUT", "write the plaintext as a capture without TLS"},
     {Option::injectSecrets, 0, "inject-secrets", "OUT", "write the capture again, as pcapng with its secrets inside"},
     {Option::stripSecrets, 0, "strip-secrets", "OUT", "write the capture again, as pcapng without any secrets, for sharing"},

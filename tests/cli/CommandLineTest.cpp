@@ -148,7 +148,7 @@ TEST(CommandLine, HelpsOnStandardOutput)
     EXPECT_EQ(help.status, 0);
     EXPECT_EQ(help.errors, "");
     EXPECT_TRUE(help.output.starts_with("Examples:\n"));
-    for (const char* command : {"follow", "packets", "tree", "streams", "decrypt", "live", "plugins", "settings"}) {
+    for (const char* command : {"follow", "exchanges", "objects", "packets", "tree", "streams", "decrypt", "export", "live", "plugins", "settings"}) {
         EXPECT_NE(help.output.find("\n  " + std::string(command) + ' '), std::string::npos) << command;
         const ProgramResult own = sealscope({command, "--help"});
         EXPECT_EQ(own.status, 0);
@@ -157,6 +157,11 @@ TEST(CommandLine, HelpsOnStandardOutput)
         EXPECT_EQ(sealscope({"help", command}).output, own.output);
         EXPECT_EQ(sealscope({"--help", command, "--wrong"}).output, own.output) << "what else is wrong does not stand in the way of help";
     }
+    for (const auto& [command, line] : {std::pair{"decrypt", "--output DIR            write the plaintext of each direction"},
+                                        {"objects", "--output DIR            save to DIR,"},
+                                        {"export", "--output FILE           write to FILE\n"},
+                                        {"exchanges", "--count N               stop after N rows\n"}})
+        EXPECT_THAT(sealscope({command, "--help"}).output, testing::HasSubstr(line));
     EXPECT_EQ(sealscope({"--version"}).output, "sealscope " SEALSCOPE_VERSION "\n");
 }
 

@@ -43,6 +43,8 @@ struct Command {
     std::string_view description;  ///< paragraphs for the command's own help, in lines of at most 100 characters
     std::string_view examples;     ///< lines "command line|what it does", separated by line feeds
     OptionSet options;             ///< beside those that every command knows
+    std::string_view outputArgument = "DIR";  ///< what --output takes, and what is written there
+    std::string_view outputHelp = "write the plaintext of each direction to a file in DIR";
     int fewestArguments = 1;
     int mostArguments = -1;  ///< negative for any number
     bool countsRows = false;  ///< --count is about its rows, not about packets

@@ -97,6 +97,8 @@ const Command exportCommand{
                 "sealscope export har -k keys.txt --output capture.har capture.pcapng|for a browser's developer tools\n",
     .options = {Option::stream, Option::keylog, Option::privateKey, Option::passphraseFile, Option::mostKeyExchanges, Option::reach,
                 Option::output, Option::force, Option::largestBody, Option::mostMessages, Option::json, Option::filter, Option::count},
+    .outputArgument = "FILE",
+    .outputHelp = "write to FILE",
     .fewestArguments = 0,
     .access = Access::captures,
     .run = runExport};

@@ -117,6 +117,7 @@ const Command objectsCommand{
     .examples = "sealscope objects -k keys.txt --output saved capture.pcapng|everything that was downloaded and uploaded\n",
     .options = {Option::stream, Option::keylog, Option::privateKey, Option::passphraseFile, Option::mostKeyExchanges, Option::reach,
                 Option::output, Option::force, Option::largestBody, Option::mostMessages, Option::json, Option::filter, Option::count},
+    .outputHelp = "save to DIR, which is made when its parent exists",
     .access = Access::captures,
     .run = runObjects};
 

@@ -56,11 +56,13 @@ void appendRows(std::string& text, const Rows& rows)
     }
 }
 
-Rows optionRows(OptionSet options)
+Rows optionRows(OptionSet options, const Command* command)
 {
     Rows rows;
-    for (const OptionSpec& spec : optionSpecs()) {
+    for (OptionSpec spec : optionSpecs()) {
         if (!options.contains(spec.option)) continue;
+        if (command && spec.option == Option::output) spec.argument = command->outputArgument, spec.help = command->outputHelp;
+        if (command && spec.option == Option::count && command->countsRows) spec.help = "stop after N rows";
         const std::string letter = spec.letter ? fmt::format("-{}, ", spec.letter) : "    ";
         rows.emplace_back(fmt::format("{}--{}{}{}", letter, spec.name, spec.argument.empty() ? "" : " ", spec.argument), spec.help);
     }
@@ -77,7 +79,7 @@ std::string helpText(const Command* command)
         text += fmt::format("\nUsage: sealscope {} [OPTION…] {}\n\n{}\n", command->name, command->arguments, command->description);
         if (command->arguments.starts_with("FILE")) text += "\nFILE may be \"-\" for standard input. Several files count as one capture.\n";
         text += "\nOptions:\n";
-        appendRows(text, optionRows(command->options | commonOptions));
+        appendRows(text, optionRows(command->options | commonOptions, command));
         return text;
     }
     appendRows(text, splitExamples(programExamples));
@@ -86,7 +88,7 @@ std::string helpText(const Command* command)
     for (const Command* each : commands()) rows.emplace_back(each->name, each->summary);
     appendRows(text, rows);
     text += "\nOptions of every command:\n";
-    appendRows(text, optionRows(commonOptions));
+    appendRows(text, optionRows(commonOptions, nullptr));
     text += "\n'sealscope COMMAND --help' tells more. FILE may be \"-\" for standard input.\n";
     return text;
 }
