@@ -163,13 +163,13 @@ std::optional<std::int64_t> TLS12RecordDecryptor::Opener::open(std::uint64_t seq
 bool TLS12RecordDecryptor::RecordSequence::advance(std::uint8_t contentType, std::int64_t count)
 {
     const bool isChange = contentType == std::to_underlying(TLSContentType::changeCipherSpec);
-    if (changeCipherSpecs_ == 0) {
-        if (isChange) ++changeCipherSpecs_;
+    if (position_.changeCipherSpecs == 0) {
+        if (isChange) ++position_.changeCipherSpecs;
         return false;
     }
     // Every record counts from here on, a further ChangeCipherSpec too.
-    if (isChange) ++changeCipherSpecs_;
-    sequence_ += static_cast<std::uint64_t>(count);
+    if (isChange) ++position_.changeCipherSpecs;
+    position_.sequence += static_cast<std::uint64_t>(count);
     return contentType == std::to_underlying(TLSContentType::applicationData);
 }
 

@@ -112,15 +112,22 @@ public:
     bool advance(std::uint8_t contentType, std::int64_t count = 1);
     std::optional<std::int64_t> open(std::uint16_t version, const ScatteredView& payload, std::uint8_t* plaintext)
     {
-        return opener_.open(sequence_ - 1, version, payload, plaintext);
+        return opener_.open(position_.sequence - 1, version, payload, plaintext);
     }
+    /// Where a direction stands between two records: another sequence of the same keys goes on from there.
+    struct Position {
+        std::int64_t changeCipherSpecs = 0;
+        std::uint64_t sequence = 0;  ///< of the next protected record
+    };
+    Position position() const { return position_; }
+    void goTo(const Position& position) { position_ = position; }
+
     /// ChangeCipherSpec records so far. The second begins another epoch, whose keys come from a handshake that is encrypted.
-    std::int64_t changeCipherSpecs() const { return changeCipherSpecs_; }
+    std::int64_t changeCipherSpecs() const { return position_.changeCipherSpecs; }
 
 private:
     Opener opener_;
-    std::int64_t changeCipherSpecs_ = 0;
-    std::uint64_t sequence_ = 0;  ///< of the next protected record
+    Position position_;
 };
 
 }  // namespace sealscope

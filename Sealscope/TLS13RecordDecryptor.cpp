@@ -122,6 +122,23 @@ std::optional<TLS13RecordDecryptor::Opened> TLS13RecordDecryptor::RecordSequence
     return open(application_, header, body, plaintext);
 }
 
+TLS13RecordDecryptor::RecordSequence::Position TLS13RecordDecryptor::RecordSequence::position() const
+{
+    return {.applicationSequence = application_.sequence,
+            .handshakeSequence = handshake_ ? std::optional(handshake_->sequence) : std::nullopt,
+            .isFinished = isFinished_};
+}
+
+void TLS13RecordDecryptor::RecordSequence::goTo(const Position& position)
+{
+    application_.sequence = position.applicationSequence;
+    if (!position.handshakeSequence)
+        handshake_.reset();
+    else if (handshake_)
+        handshake_->sequence = *position.handshakeSequence;
+    isFinished_ = position.isFinished;
+}
+
 std::optional<TLS13RecordDecryptor::Opened> TLS13RecordDecryptor::RecordSequence::open(Epoch& epoch, DataView header,
                                                                                        const ScatteredView& body, std::uint8_t* plaintext)
 {

@@ -89,6 +89,16 @@ public:
     /// ends the sequence.
     std::optional<Opened> open(DataView header, const ScatteredView& body, std::uint8_t* plaintext);
 
+    /// Where a direction stands between two records.
+    struct Position {
+        std::uint64_t applicationSequence = 0;
+        std::optional<std::uint64_t> handshakeSequence;  ///< nothing once the handshake keys are done with
+        bool isFinished = false;
+    };
+    Position position() const;
+    /// Goes on from where another sequence of the same secrets stood; this one has opened nothing yet.
+    void goTo(const Position& position);
+
 private:
     /// The keys of one traffic secret, and how many records they have opened.
     struct Epoch {

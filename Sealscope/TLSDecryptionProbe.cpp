@@ -2,6 +2,7 @@
 #include "Sealscope/TLSDecryptionProbe.h"
 
 #include "Sealscope/TLSApplicationProtocol.h"
+#include "Sealscope/TLSDecryptedMessages.h"
 #include "Sealscope/TLSDirectionReporter.h"
 #include "Sealscope/TLSDirectionWalk.h"
 #include "Sealscope/TLSKeyLogStore.h"
@@ -19,8 +20,6 @@ namespace {
 
 using Direction = TCPSegment::Direction;
 using Context = TLSStreamDecryption::Context;
-
-const DetailRow decryptedRow{.name = "TLS", .value = "decrypted"};
 
 /// Whether a direction has plaintext. The first byte of it settles that.
 bool opens(const TCPStream& stream, Direction direction, const Context& context, const TLSKeyLog& keyLog)
@@ -70,26 +69,21 @@ private:
     TLSDirectionReporter::Progress progress_;
 };
 
-StreamMessage markedAsDecrypted(StreamMessage message)
-{
-    message.id = UUID::random();
-    message.detail.insert(message.detail.begin(), decryptedRow);
-    message.isDecrypted = true;
-    return message;
-}
-
 /// The plaintext of both directions; nothing when there is none of either.
 struct Plaintext {
     std::optional<TLSStreamDecryption::DirectionPlain> client;
     std::optional<TLSStreamDecryption::DirectionPlain> server;
 };
 
-std::optional<Plaintext> decrypted(const TCPStream& stream, const TLSKeyLog& keyLog)
+/// Opens a direction, to be held or to be read in pieces.
+using Decrypt = decltype(TLSStreamDecryption::decrypt);
+
+std::optional<Plaintext> decrypted(const TCPStream& stream, const TLSKeyLog& keyLog, Decrypt& decrypt)
 {
     const auto context = TLSStreamDecryption::context(stream);
     if (!context) return std::nullopt;
-    Plaintext plaintext{.client = TLSStreamDecryption::decrypt(Direction::clientToServer, stream, *context, keyLog),
-                        .server = TLSStreamDecryption::decrypt(Direction::serverToClient, stream, *context, keyLog)};
+    Plaintext plaintext{.client = decrypt(Direction::clientToServer, stream, *context, keyLog),
+                        .server = decrypt(Direction::serverToClient, stream, *context, keyLog)};
     if (!plaintext.client && !plaintext.server) return std::nullopt;
     return plaintext;
 }
@@ -102,7 +96,7 @@ std::optional<StreamInterpretation> shown(std::optional<StreamInterpretation> in
         if (!messages) return std::nullopt;
         return StreamInterpretation{std::move(*messages), std::nullopt};
     }
-    for (StreamMessage& message : interpretation->messages) message = markedAsDecrypted(std::move(message));
+    std::ranges::for_each(interpretation->messages, TLSDecryptedMessages::mark);
     return interpretation;
 }
 
@@ -111,6 +105,7 @@ StreamContext contextOf(const TCPStream& stream, const StreamContext& outer, con
 {
     StreamContext context = outer;
     context.isDecrypted = true;
+    context.rowsInFront = {TLSDecryptedMessages::row()};
     context.notOfferedTo = StreamLayer::security;
     ++context.depth;
     const auto clientHello = TLSStreamDecryption::firstClientHello(stream.clientToServerData);
@@ -159,11 +154,41 @@ std::optional<TLSDecryptionReport> TLSKeyLogProbing::report(const TCPStream& str
 std::optional<StreamInterpretation> TLSKeyLogProbing::decryptedInterpretation(const TCPStream& stream, const StreamContext& context) const
 {
     const TLSKeyLog keyLog = store().current();
-    const auto plaintext = decrypted(stream, keyLog);
+    const auto plaintext = decrypted(stream, keyLog, TLSStreamDecryption::decryptToReadInPieces);
     if (!plaintext) return std::nullopt;
     if (!context.host) return shown(std::nullopt, *plaintext);
     const TCPStream inner = TLSDecryptionProbe::decryptedStream(stream, plaintext->client, plaintext->server);
     return shown(context.host->carriedInterpretation(inner, contextOf(stream, context, keyLog)), *plaintext);
+}
+
+bool TLSKeyLogProbing::tellDecrypted(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit) const
+{
+    const TLSKeyLog keyLog = store().current();
+    const auto plaintext = decrypted(stream, keyLog, TLSStreamDecryption::decryptToReadInPieces);
+    if (!plaintext) return false;
+    const auto told = [&](StreamPart& part) {
+        std::ranges::for_each(part.messages, TLSDecryptedMessages::mark);
+        return visit(part);
+    };
+    const auto& [client, server] = *plaintext;
+    if (context.host &&
+        context.host->tellCarried(TLSDecryptionProbe::decryptedStream(stream, client, server), contextOf(stream, context, keyLog), told))
+        return true;
+    auto messages = TLSDecryptionProbe::fallbackMessages(client, server);
+    if (!messages) return false;
+    StreamPart whole{.messages = *std::move(messages)};
+    visit(whole);
+    return true;
+}
+
+std::unique_ptr<StreamExchangeReader> TLSKeyLogProbing::decryptedExchanges(const TCPStream& stream, const StreamContext& context) const
+{
+    const TLSKeyLog keyLog = store().current();
+    const auto plaintext = decrypted(stream, keyLog, TLSStreamDecryption::decryptToReadInPieces);
+    if (!plaintext) return nullptr;
+    const TCPStream inner = TLSDecryptionProbe::decryptedStream(stream, plaintext->client, plaintext->server);
+    return TLSDecryptedMessages::exchanges(context.host ? context.host->carriedExchanges(inner, contextOf(stream, context, keyLog))
+                                                        : nullptr);
 }
 
 std::unique_ptr<PlaintextReader> TLSKeyLogProbing::plaintextReader(const TCPStream& stream, Direction direction) const
@@ -211,7 +236,7 @@ bool TLSDecryptionProbe::hasKeyMaterial(const Context& context)
 std::optional<StreamInterpretation> TLSDecryptionProbe::decryptedInterpretation(const TCPStream& stream)
 {
     const TLSKeyLog keyLog = TLSKeyLogStore::shared().current();
-    const auto plaintext = decrypted(stream, keyLog);
+    const auto plaintext = decrypted(stream, keyLog, TLSStreamDecryption::decrypt);
     if (!plaintext) return std::nullopt;
     const TCPStream inner = decryptedStream(stream, plaintext->client, plaintext->server);
     auto candidates = VELStreamInterpreterRegistry::shared().snapshot();
@@ -242,7 +267,7 @@ std::optional<std::vector<StreamMessage>> TLSDecryptionProbe::fallbackMessages(c
         if (!plain) return;
         messages.push_back({.direction = direction,
                             .summary = fmt::format("Decrypted Application Data ({} bytes)", plain->data.size()),
-                            .detail = {decryptedRow},
+                            .detail = {TLSDecryptedMessages::row()},
                             .body = plain->data,
                             .bodyHint = StreamBodyHint::text(TextEncoding::utf8),
                             .isDecrypted = true});

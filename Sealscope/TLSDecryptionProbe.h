@@ -20,6 +20,9 @@ public:
     std::shared_ptr<const TLSStreamDecryptionProbing> withSecrets(std::shared_ptr<const KeyLogSources> secrets) const override;
     std::optional<TLSDecryptionReport> report(const TCPStream& stream, ReportDepth depth) const override;
     std::optional<StreamInterpretation> decryptedInterpretation(const TCPStream& stream, const StreamContext& context) const override;
+    bool tellDecrypted(const TCPStream& stream, const StreamContext& context, const StreamPartVisitor& visit) const override;
+    bool tellsExchanges() const override { return true; }
+    std::unique_ptr<StreamExchangeReader> decryptedExchanges(const TCPStream& stream, const StreamContext& context) const override;
     std::unique_ptr<PlaintextReader> plaintextReader(const TCPStream& stream, TCPSegment::Direction direction) const override;
     TLSKeyMaterialReport keyMaterial() const override;
     bool hasSecrets(DataView clientRandom) const override;

@@ -57,6 +57,24 @@ bool TLSDirectionWalk::isProtected(const TLSRecord& record, std::int64_t count)
     return record.contentType == applicationData;
 }
 
+TLSDirectionWalk::Position TLSDirectionWalk::position() const
+{
+    Position position{.offset = nextOffset_, .records = {}};
+    std::visit([&](const auto& records) { position.records = records.position(); }, records_);
+    return position;
+}
+
+void TLSDirectionWalk::goTo(const Position& position)
+{
+    nextOffset_ = position.offset;
+    std::visit(
+        [&](auto& records) {
+            using At = decltype(records.position());
+            if (const auto* const at = std::get_if<At>(&position.records)) records.goTo(*at);
+        },
+        records_);
+}
+
 bool TLSDirectionWalk::moveToProtectedRecord()
 {
     bool isFound = false;

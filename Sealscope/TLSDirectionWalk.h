@@ -61,6 +61,15 @@ public:
     /// Moves on to the next record of application data that opens and is not empty; false at the end.
     bool nextApplicationData();
 
+    /// Where the walk stands, before the next record.
+    struct Position {
+        std::int64_t offset = 0;
+        std::variant<TLS12RecordDecryptor::RecordSequence::Position, TLS13RecordDecryptor::RecordSequence::Position> records;
+    };
+    Position position() const;
+    /// Goes on from where another walk of the same data and keys stood; this one has not moved yet.
+    void goTo(const Position& position);
+
     const TLSRecord& record() const { return record_; }  ///< the last that `next` moved to
     std::uint8_t innerType() const { return innerType_; }
     DataView plaintext() const { return plaintext_; }

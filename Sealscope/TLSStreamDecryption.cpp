@@ -5,6 +5,7 @@
 #include "Sealscope/TLSKeyLogStore.h"
 #include "Sealscope/TLSLists.h"
 #include "Sealscope/TLSNames.h"
+#include "Sealscope/TLSPlaintext.h"
 
 #include <algorithm>
 #include <array>
@@ -39,6 +40,11 @@ auto firstMessage(const StreamData& bytes, TLSHandshakeType type, Parse parse) -
         return !found;
     });
     return found;
+}
+
+const ByteToSegmentIndex& byteIndex(const TCPStream& stream, Direction direction)
+{
+    return direction == Direction::serverToClient ? stream.serverByteIndex : stream.clientByteIndex;
 }
 
 /// Finds the packets behind plaintext: those of the records that it was opened from. They are looked up when somebody asks.
@@ -276,7 +282,19 @@ std::optional<DirectionPlain> TLSStreamDecryption::decrypt(Direction direction, 
     const StreamData& data = stream.data(direction);
     auto walk = directionWalk(data, direction, context, keyLog);
     if (!walk) return std::nullopt;
-    return joined(std::move(*walk), data, direction == Direction::serverToClient ? stream.serverByteIndex : stream.clientByteIndex);
+    return joined(std::move(*walk), data, byteIndex(stream, direction));
+}
+
+std::optional<DirectionPlain> TLSStreamDecryption::decryptToReadInPieces(Direction direction, const TCPStream& stream,
+                                                                         const Context& context, const TLSKeyLog& keyLog)
+{
+    const auto plaintext = std::make_shared<TLSPlaintext>(
+        stream.data(direction), [=](const StreamData& captured) { return directionWalk(captured, direction, context, keyLog); });
+    auto locator = std::make_shared<PlaintextLocator>(byteIndex(stream, direction));
+    plaintext->open([&](ByteRange body, std::int64_t end) { locator->add(end, body); });
+    const std::int64_t size = plaintext->size();
+    if (size == 0) return std::nullopt;
+    return DirectionPlain{.data = StreamData(plaintext, size), .index = ByteToSegmentIndex(std::move(locator))};
 }
 
 std::optional<DirectionPlain> TLSStreamDecryption::decryptTLS12(Direction direction, const TCPStream& stream, const Context& context)

@@ -56,6 +56,9 @@ struct TLSStreamDecryption {
     /// One of the two, by the context's version, with the secrets of a key log.
     static std::optional<DirectionPlain> decrypt(TCPSegment::Direction direction, const TCPStream& stream, const Context& context,
                                                  const TLSKeyLog& keyLog);
+    /// The same, of which no more than the first megabytes are held: what lies behind is opened anew when somebody reads it.
+    static std::optional<DirectionPlain> decryptToReadInPieces(TCPSegment::Direction direction, const TCPStream& stream,
+                                                               const Context& context, const TLSKeyLog& keyLog);
     /// The opened records of a list one behind another; nothing when they hold no byte. Of TLS 1.3 application data alone.
     static std::optional<DirectionPlain> plainDirection(const std::vector<TLS12DecryptedRecord>& records);
     static std::optional<DirectionPlain> plainDirection(const std::vector<TLS13DecryptedRecord>& records);

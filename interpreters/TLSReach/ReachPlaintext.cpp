@@ -121,27 +121,12 @@ DataView ReachPlaintext::stretch(std::int64_t offset) const
     const auto run = runAt(offset);
     if (run->isHole) return DataView(zeros).sub(0, endOf(run) - offset);
     const Block& block = blocks_[run->block];
-    const std::uint8_t* const bytes = block.bytes ? block.bytes.get() : lent(run->block);
-    return {bytes + (offset - block.begin), block.end - offset};
-}
-
-const std::uint8_t* ReachPlaintext::lent(std::uint32_t number) const
-{
-    const std::scoped_lock lock(mutex_);
-    auto& [mine, last] = lent_[std::this_thread::get_id()];
-    const auto found = std::ranges::find(mine, number, &std::pair<std::uint32_t, Bytes>::first);
-    if (found != mine.end()) {
-        // What was looked at last goes last.
-        auto again = std::move(*found);
-        mine.erase(found);
-        mine.push_back(std::move(again));
-    } else {
-        const Block& block = blocks_[number];
+    const auto open = [&](Standing& last) {
         const bool isInTurn = !openers_[runs_[block.firstRun].opener]->canOpenAgain();
-        mine.emplace_back(number, isInTurn ? openedInTurn(block, last) : opened(number));
-        if (mine.size() > lentBlocks) mine.pop_front();
-    }
-    return mine.back().second.get();
+        return isInTurn ? openedInTurn(block, last) : opened(run->block);
+    };
+    const std::uint8_t* const bytes = block.bytes ? block.bytes.get() : lent_.lend(run->block, open);
+    return {bytes + (offset - block.begin), block.end - offset};
 }
 
 /// Records as they were captured, for who opens them.

@@ -4,14 +4,12 @@
 #include "host/VELModels/ByteToSegmentIndex.h"
 #include "host/VELModels/StreamData.h"
 #include "interpreters/TLSReach/RecordOpener.h"
+#include "platform/LentBlocks.h"
 
 #include <cstdint>
 #include <deque>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -54,7 +52,6 @@ private:
     static constexpr std::int64_t blockSize = 1 << 18;
     static constexpr std::int64_t keptBytes = 4 << 20;
     static constexpr std::uint32_t longestRun = 16;  ///< records that are counted through to find one
-    static constexpr std::size_t lentBlocks = 16;    ///< to a thread at the same time
     static constexpr std::int64_t betweenStandings = 16 << 20;
 
     using Bytes = std::shared_ptr<std::uint8_t[]>;
@@ -94,8 +91,7 @@ private:
     void endBlock();
     std::vector<Run>::const_iterator runAt(std::int64_t offset) const;
     std::int64_t endOf(std::vector<Run>::const_iterator run) const { return std::next(run) == runs_.end() ? size_ : std::next(run)->begin; }
-    /// The bytes of a block that was not kept, as this thread has them.
-    const std::uint8_t* lent(std::uint32_t number) const;
+    /// The bytes of a block that was not kept.
     Bytes opened(std::uint32_t number) const;
     /// The same where records only open one behind another. `last`: where this thread stopped, if it did.
     Bytes openedInTurn(const Block& block, Standing& last) const;
@@ -123,12 +119,7 @@ private:
     std::int64_t size_ = 0;
     std::int64_t holes_ = 0;
 
-    mutable std::mutex mutex_;
-    struct Lent {
-        std::deque<std::pair<std::uint32_t, Bytes>> blocks;
-        Standing last;
-    };
-    mutable std::map<std::thread::id, Lent> lent_;
+    mutable LentBlocks<Standing> lent_;  ///< with where the thread stopped that opens one behind another
 };
 
 }  // namespace sealscope

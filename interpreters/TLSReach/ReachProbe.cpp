@@ -2,6 +2,7 @@
 #include "interpreters/TLSReach/ReachProbe.h"
 
 #include "Sealscope/TLSApplicationProtocol.h"
+#include "Sealscope/TLSDecryptedMessages.h"
 #include "Sealscope/TLSNames.h"
 #include "interpreters/TLSReach/ReachConnection.h"
 #include "interpreters/TLSReach/ReachMessages.h"
@@ -19,8 +20,6 @@ namespace sealscope {
 namespace {
 
 using Direction = TCPSegment::Direction;
-
-const DetailRow decryptedRow{.name = "TLS", .value = "decrypted"};
 
 /// Owns what the walk borrows.
 class ReachReader final : public PlaintextReader {
@@ -127,7 +126,7 @@ OpenedDirection openedDirection(ReachConnection& connection, Direction direction
         opened.handshake.push_back({.direction = direction,
                                     .kind = StreamMessageKind::handshake,
                                     .summary = fmt::format("{} further handshake messages are not shown", unshown),
-                                    .detail = {decryptedRow},
+                                    .detail = {TLSDecryptedMessages::row()},
                                     .timestamp = opened.handshake.back().timestamp,
                                     .isDecrypted = true});
     plaintext->end();
@@ -157,7 +156,7 @@ StreamContext contextOf(const ReachConnection& connection, const OpenedDirection
 {
     StreamContext context = outer;
     context.isDecrypted = true;
-    context.rowsInFront = {decryptedRow};
+    context.rowsInFront = {TLSDecryptedMessages::row()};
     context.notOfferedTo = StreamLayer::security;
     ++context.depth;
     context.serverName = connection.clientHello() ? connection.clientHello()->serverName : std::nullopt;
@@ -170,18 +169,10 @@ StreamMessage wholeDirection(Direction direction, const OpenedDirection& opened)
 {
     return {.direction = direction,
             .summary = fmt::format("Decrypted Application Data ({} bytes)", opened.plaintext->openedBytes()),
-            .detail = {decryptedRow},
+            .detail = {TLSDecryptedMessages::row()},
             .body = StreamBody(dataOf(opened)),
             .bodyHint = StreamBodyHint::text(TextEncoding::utf8),
             .isDecrypted = true};
-}
-
-void addDecryptedRow(StreamMessage& message) { message.detail.insert(message.detail.begin(), decryptedRow); }
-
-void markDecrypted(StreamMessage& message)
-{
-    message.id = UUID::random();
-    message.isDecrypted = true;
 }
 
 /// Both directions of a connection, opened.
@@ -213,25 +204,6 @@ struct OpenedStream {
 
     OpenedDirection client;
     OpenedDirection server;
-};
-
-/// The exchanges of a plaintext, or none.
-class OpenedExchanges final : public StreamExchangeReader {
-public:
-    explicit OpenedExchanges(std::unique_ptr<StreamExchangeReader> inner) : inner_(std::move(inner)) {}
-    std::optional<double> nextTime() const override { return inner_ ? inner_->nextTime() : std::nullopt; }
-    void next(StreamExchange& exchange) override
-    {
-        inner_->next(exchange);
-        for (auto* const message : {&exchange.request, &exchange.reply}) {
-            if (!*message) continue;
-            if (!inner_->addsRowsInFront()) addDecryptedRow(**message);
-            markDecrypted(**message);
-        }
-    }
-
-private:
-    std::unique_ptr<StreamExchangeReader> inner_;
 };
 
 }  // namespace
@@ -327,10 +299,7 @@ bool ReachProbe::tellOpened(const TCPStream& stream, const StreamContext& contex
     const std::int64_t shift = std::ssize(front.messages);
     bool isTold = false;
     const StreamPartVisitor told = [&](StreamPart& part) {
-        for (StreamMessage& message : part.messages) {
-            addDecryptedRow(message);
-            markDecrypted(message);
-        }
+        std::ranges::for_each(part.messages, TLSDecryptedMessages::mark);
         for (Pairing& pairing : part.pairings) {
             pairing.requestIndex += shift;
             if (pairing.replyIndex) *pairing.replyIndex += shift;
@@ -364,7 +333,7 @@ std::unique_ptr<StreamExchangeReader> ReachProbe::decryptedExchanges(const TCPSt
     if (opened.hasPlaintext() && context.host)
         inner = context.host->carriedExchanges(plaintextStream(stream, opened.client, opened.server),
                                                contextOf(connection, opened.server, context));
-    return std::make_unique<OpenedExchanges>(std::move(inner));
+    return TLSDecryptedMessages::exchanges(std::move(inner));
 }
 
 }  // namespace sealscope

@@ -338,5 +338,38 @@ TEST(TLSStreamDecryption, OpensWithHolesWhatTheListsOfTheirZerosOpen)
     }
 }
 
+TEST(TLSStreamDecryption, OpensAnewWhatItDoesNotHold)
+{
+    struct Case {
+        const char* name;
+        TLSSessionOptions options;
+        bool isDamaged = false;  ///< a record does not open
+    };
+    const Case cases[] = {{"1.2, and records that do not open", tls12, true},
+                          {"1.2, ChaCha20", with(tls12, [](auto& o) { o.suites = "ECDHE-RSA-CHACHA20-POLY1305"; })},
+                          {"1.3, in records of 512 bytes", with(tls13, [](auto& o) { o.maximumFragment = 512; })},
+                          {"1.3, and it ends early", tls13, true}};
+    for (const auto& [name, options, isDamaged] : cases) {
+        std::vector<TLSStep> steps{clientSends("go"), serverSends(patternBytes(9'000'000)), serverSends(patternBytes(3'000'000, 2))};
+        if (options.version == 0x0304) steps.insert(steps.end() - 1, serverDoes(Action::sendTicket));
+        const TLSSession session = runTLS(options, steps);
+        std::vector<StreamPiece> pieces = streamPieces(session.flights, {.segmentSize = 60'000});
+        if (isDamaged) std::prev(pieces.end(), 40)->bytes = patternBytes(std::prev(pieces.end(), 40)->bytes.size());
+        const TCPStream stream = vectorStream(pieces, StreamLayout::inPieces);
+        const TLSKeyLog keyLog(session.keyLog);
+        const auto context = TLSStreamDecryption::context(stream);
+        ASSERT_TRUE(context) << name;
+        const auto whole = TLSStreamDecryption::decrypt(server, stream, *context, keyLog);
+        const auto found = TLSStreamDecryption::decryptToReadInPieces(server, stream, *context, keyLog);
+        ASSERT_TRUE(whole && found) << name;
+        EXPECT_FALSE(found->data.lendsForLong()) << name;
+        EXPECT_TRUE(found->data.whole() == whole->data.whole()) << name;
+        for (std::int64_t at = found->data.size() - 1; at > 0; at -= 333'333) {
+            EXPECT_TRUE(found->data.slice(at, 1'000) == whole->data.slice(at, 1'000)) << name << " at " << at;
+            EXPECT_EQ(found->index.locate({at, at + 10}), whole->index.locate({at, at + 10})) << name;
+        }
+    }
+}
+
 }  // namespace
 }  // namespace sealscope

@@ -327,6 +327,13 @@ std::vector<Shape> conversationShapes()
             Bytes promised;
             return frame(promise, endHeaders, 1, textOf(put32(promised, stream + 1)) + get);
         }));
+    addReply("LongReply", [] { return reply("", Text(60 << 20, 'a')); });
+
+    // The TLS plug-in alone opens these too.
+    for (const char* name : {"MessagesWithoutBytes", "StreamsWithReplies", "LongReply"}) {
+        auto& ofShape = std::ranges::find(shapes, name, &Shape::name)->commands;
+        for (const char* command : {"follow", "exchanges"}) ofShape.push_back({command, "--json", "--reach", "strict"});
+    }
     return shapes;
 }
 
