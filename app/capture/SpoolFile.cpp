@@ -16,7 +16,7 @@ namespace {
 constexpr std::int64_t smallestStep = 256 << 10, largestStep = 64 << 20;
 // What a full disk would keep from others stays free: a twentieth of it, or so much.
 constexpr std::int64_t mostLeftFree = 1 << 30, shareLeftFree = 20;
-constexpr std::int64_t mostHandedOut = 16 << 20;  // before the pages go; a fault brings a neighbourhood of sixteen back
+constexpr std::int64_t mostHandedOut = 16 << 20;  // before the pages go
 constexpr std::int64_t largestReservation = std::int64_t{1} << 42, smallestReservation = std::int64_t{1} << 26;
 
 std::int64_t wholeSteps(std::int64_t bytes) { return (bytes + smallestStep - 1) / smallestStep * smallestStep; }
@@ -132,8 +132,18 @@ std::expected<void, SpoolError> SpoolFile::grow(std::int64_t offset, std::int64_
 DataView SpoolFile::bytes(std::int64_t offset, std::int64_t count) const
 {
     const DataView view = bytes().sub(offset, count);
-    if (handedOut_.fetch_add(view.size(), std::memory_order_relaxed) + view.size() > mostHandedOut) {
+    const std::uint64_t turn = turn_.load(std::memory_order_relaxed);
+    std::int64_t brought = 0;
+    for (std::int64_t at = view.begin() - base_, end = at + view.size(); at < end; at = (at / neighbourhood + 1) * neighbourhood) {
+        const auto number = static_cast<std::uint64_t>(at / neighbourhood), mark = turn << 32 | number;
+        auto& place = handedOutOf_[number % handedOutOf_.size()];
+        if (place.load(std::memory_order_relaxed) == mark) continue;
+        place.store(mark, std::memory_order_relaxed);
+        brought += neighbourhood;
+    }
+    if (brought > 0 && handedOut_.fetch_add(brought, std::memory_order_relaxed) + brought > mostHandedOut) {
         handedOut_.store(0, std::memory_order_relaxed);
+        turn_.fetch_add(1, std::memory_order_relaxed);
         release(0, bytes().size());
     }
     return view;

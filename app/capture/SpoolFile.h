@@ -3,6 +3,7 @@
 
 #include "platform/FileDescriptor.h"
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <expected>
@@ -82,7 +83,13 @@ private:
     std::int64_t reserved_;  ///< address space set aside, so that growing never moves a byte
     std::int64_t mapped_ = 0;
     std::atomic<std::int64_t> size_{0};
-    mutable std::atomic<std::int64_t> handedOut_{0};  ///< bytes, since the file left memory
+
+    // What was handed out since the file left memory. A fault brings a neighbourhood of pages back, and who looks at a packet again
+    // and again brings none.
+    static constexpr std::int64_t neighbourhood = 1 << 16;
+    mutable std::atomic<std::int64_t> handedOut_{0};                       ///< bytes
+    mutable std::atomic<std::uint64_t> turn_{1};                           ///< how often it left
+    mutable std::array<std::atomic<std::uint64_t>, 1'024> handedOutOf_{};  ///< by their last digits: the turn, and which one
 };
 
 }  // namespace sealscope

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <limits>
 #include <utility>
 
 namespace sealscope {
@@ -18,7 +17,7 @@ namespace {
 /// What lost bytes are read from, piece by piece.
 constexpr std::array<std::uint8_t, 16'384> zeros{};
 
-/// The rest of the file in which packets were last looked up; those that follow are most often there as well.
+/// What lies around the packets that were last looked up; those that follow are most often there as well.
 class CaptureWindow {
 public:
     explicit CaptureWindow(const Capture& capture) : capture_(capture) {}
@@ -26,7 +25,9 @@ public:
     DataView bytes(CaptureAddress address, std::int64_t count)
     {
         if (!bytes_.holds(address - begin_, count)) {
-            bytes_ = capture_.bytes(address, std::numeric_limits<std::int64_t>::max());
+            // No more than who reads on will touch: a temporary file reckons its pages by what it hands out.
+            constexpr std::int64_t usual = 1 << 16;
+            bytes_ = capture_.bytes(address, std::max(count, usual));
             begin_ = address;
         }
         return bytes_.sub(address - begin_, count);
@@ -104,8 +105,15 @@ private:
         std::uint32_t position = 0;
     };
 
-    /// How many bytes of a segment's captured part, which lies at begin ..< end, differ from the data.
-    std::int64_t differences(const SegmentRecord& segment, std::int64_t begin, std::int64_t end) const;
+    /// Bytes of the data in one place, of a range that was looked at last.
+    struct Gathered {
+        std::int64_t begin = 0;
+        std::vector<std::uint8_t> bytes;
+        std::int64_t end() const { return begin + std::ssize(bytes); }
+    };
+    /// How many bytes of a segment's captured part, which lies at begin ..< end, differ from the data. Segments that overlap many
+    /// others mostly overlap what the one before did: `known` is gathered no more than once.
+    std::int64_t differences(const SegmentRecord& segment, std::int64_t begin, std::int64_t end, Gathered& known) const;
     /// The owner of an offset that lies inside the data.
     Owner ownerOf(std::int64_t offset) const;
     /// The same for the offset at which what `before` owns ends: most often the next segment's.
@@ -227,33 +235,46 @@ std::int64_t ReassembledDirection::contradictingBytes() const
 {
     if (!data_.hasOverlaps) return 0;
     std::int64_t contradicting = 0;
+    Gathered known;
     SequenceSpace space(acknowledged_);
     for (std::uint32_t position = 0; position < segments_.size();) {
         for (const SegmentRecord& segment : segments_.chunkFrom(position)) {
             const auto placed = space.place(segment);
             if (placed && !placed->isNew && !segment.mayRepeatAnything())
-                contradicting += differences(segment, data_.offsetOf(placed->begin), data_.offsetOf(placed->capturedEnd));
+                contradicting += differences(segment, data_.offsetOf(placed->begin), data_.offsetOf(placed->capturedEnd), known);
             ++position;
         }
     }
     return contradicting;
 }
 
-std::int64_t ReassembledDirection::differences(const SegmentRecord& segment, std::int64_t begin, std::int64_t end) const
+std::int64_t ReassembledDirection::differences(const SegmentRecord& segment, std::int64_t begin, std::int64_t end, Gathered& known) const
 {
-    std::int64_t count = 0;
-    for (std::int64_t offset = begin; offset < end;) {
+    if (begin >= end) return 0;
+    const std::int64_t inSegment = static_cast<std::int64_t>(segment.captured) - (end - begin);
+    const DataView again = capture_.bytes(segment.address + inSegment, end - begin);
+    if (begin < known.begin || begin >= known.end())
+        known = {.begin = begin, .bytes = {}};
+    else if (const std::int64_t behind = begin - known.begin; behind > 0)
+        known.bytes.erase(known.bytes.begin(), known.bytes.begin() + behind), known.begin = begin;
+    bool isThere = true;
+    while (known.end() < end) {
+        const std::int64_t offset = known.end();
         const Owner owner = ownerOf(offset);
-        const std::int64_t until = std::min(owner.end, end);
-        if (owner.segment && owner.segment != &segment) {
-            const std::int64_t inSegment = static_cast<std::int64_t>(segment.captured) - (end - offset);
-            const DataView first = capture_.bytes(owner.segment->address + (offset - owner.begin), until - offset);
-            const DataView again = capture_.bytes(segment.address + inSegment, until - offset);
-            if (!(first == again))
-                for (std::int64_t i = 0; i < std::min(first.size(), again.size()); ++i) count += first[i] != again[i];
-        }
-        offset = until;
+        const std::int64_t count = std::min(owner.end, end) - offset;
+        const DataView first = owner.segment ? capture_.bytes(owner.segment->address + (offset - owner.begin), count) : DataView();
+        known.bytes.insert(known.bytes.end(), first.begin(), first.end());
+        if (first.size() == count) continue;
+        // Nobody carried these, or they are lost with the end of the file: they differ from nothing.
+        isThere = false;
+        const DataView same = again.sub(known.end() - begin, offset + count - known.end());
+        known.bytes.insert(known.bytes.end(), same.begin(), same.end());
+        known.bytes.resize(static_cast<std::size_t>(offset + count - known.begin));
     }
+    std::int64_t count = 0;
+    if (const DataView first(known.bytes.data(), again.size()); !(first == again))
+        for (std::int64_t i = 0; i < again.size(); ++i) count += first[i] != again[i];
+    if (!isThere) known = {};
     return count;
 }
 
